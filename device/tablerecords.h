@@ -1,0 +1,137 @@
+// The table records: the latest values of the device, written by the data-service client, read by the agent.
+// Plain arrays; rows and channels count from 0. The agent and the client share one thread, so nothing is locked.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+inline constexpr std::size_t voltageSlots = 20;
+inline constexpr std::size_t tempRows = 7;
+inline constexpr std::size_t fanRows = 2;
+inline constexpr std::size_t ampChannels = 2;
+inline constexpr std::size_t controlOutputRows = 6;
+inline constexpr std::size_t controlInputRows = 14;
+inline constexpr std::size_t letsPerChannel = 10;
+inline constexpr std::size_t lineInRows = 2;
+inline constexpr std::size_t ethPorts = 2;
+inline constexpr std::size_t powerSources = 2;
+inline constexpr std::size_t relayRows = 12;
+
+/// Thousandths of a volt, by the data service's voltage-line number.
+struct VoltageRecord {
+    std::uint32_t values[voltageSlots];
+};
+
+/// Tenths of a degree.
+struct TempRow {
+    std::uint32_t current;
+    std::uint32_t peak;
+    std::uint32_t average;
+};
+
+struct TempRecord {
+    TempRow rows[tempRows];
+};
+
+/// Revolutions per minute.
+struct FanRecord {
+    std::uint32_t values[fanRows];
+};
+
+struct AmpChannelRow {
+    std::uint32_t status;           ///< derived: 1 unknown, 2 disabled, 3 ok, 4 class-D fault, 5 monitor fault
+    std::uint32_t lineState;        ///< 0 until reported, then 1 to 15
+    std::uint32_t ampEnable;        ///< 0 until reported, 1 disabled, 2 enabled
+    std::uint32_t ampMonitorStatus; ///< 3 until reported, 1 or 2 as the amplifier monitor says
+};
+
+struct AmpChannelRecord {
+    AmpChannelRow rows[ampChannels];
+};
+
+struct ControlOutputRecord {
+    std::uint32_t status[controlOutputRows];
+};
+
+struct ControlInputRow {
+    std::uint32_t status;
+    std::uint32_t monitored;
+};
+
+struct ControlInputRecord {
+    ControlInputRow rows[controlInputRows];
+};
+
+/// Which values of a LET entry were stored since the agent last copied them: 1 changed, 0 not.
+struct LetChanges {
+    std::uint8_t status;
+    std::uint8_t description;
+    std::uint8_t softwareVersion;
+    std::uint8_t hardwareVersion;
+    std::uint8_t voltage;
+};
+
+/// One line end transponder (LET).
+struct LetEntry {
+    std::uint32_t letStatus;    ///< derived: 1 channel not ok, 2 not enabled, 3 absent, 4 present
+    std::uint32_t letPresence;  ///< 1 present, 2 absent, as the amplifier monitor says
+    std::uint32_t letEnabled;   ///< 1 enabled, 2 not
+    char description[128];
+    char softwareVersion[20];
+    char hardwareVersion[20];
+    std::uint32_t letVoltage; ///< thousandths of a volt
+    LetChanges changed;
+};
+
+struct LetRecord {
+    LetEntry lets[ampChannels][letsPerChannel];
+};
+
+struct LineInRow {
+    std::uint32_t lineInStatus; ///< pilot tone state
+    std::uint32_t micStatus;
+    std::uint32_t lineInMonitoring;
+};
+
+struct LineInRecord {
+    LineInRow rows[lineInRows];
+};
+
+struct EthMonitoringRecord {
+    std::uint32_t monitored[ethPorts];
+};
+
+struct PowerRow {
+    std::uint32_t liveStatus; ///< 1 unknown, 2 not live, 3 live
+    std::uint32_t monitored;
+};
+
+/// Row 0 is the source "ac_power", row 1 "dc_power".
+struct PowerRecord {
+    PowerRow rows[powerSources];
+};
+
+struct RelayRow {
+    std::uint32_t status;
+    std::uint32_t idleMode;
+    std::uint32_t delay; ///< in the data service's unit
+};
+
+struct RelayRecord {
+    RelayRow rows[relayRows];
+};
+
+/// All records together, as the data-service client owns them.
+struct TableRecords {
+    VoltageRecord voltage;
+    TempRecord temp;
+    FanRecord fan;
+    AmpChannelRecord ampChannel;
+    ControlOutputRecord controlOutput;
+    ControlInputRecord controlInput;
+    LetRecord let;
+    LineInRecord lineIn;
+    EthMonitoringRecord ethMonitoring;
+    PowerRecord power;
+    RelayRecord relay;
+};

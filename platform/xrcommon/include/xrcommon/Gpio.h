@@ -1,0 +1,24 @@
+// One GPIO line of the platform library.
+#pragma once
+
+#include <QObject>
+
+/// Line numbers; any number may be cast to it.
+enum Gpios : int {};
+enum GpioDirections : int { GPIO_DIRECTION_IN = 0, GPIO_DIRECTION_OUT = 1, GPIO_DIRECTION_AS_IS = 2 };
+enum GpioEdges : int { GPIO_EDGE_NONE = 0, GPIO_EDGE_RISING = 1, GPIO_EDGE_FALLING = 2, GPIO_EDGE_BOTH = 3 };
+
+/// A line under the GPIO root folder (`XR_GPIO_ROOT`, else `/sys/class/gpio`).
+class Gpio : public QObject {
+    Q_OBJECT
+
+public:
+    Gpio(QObject *parent, Gpios id, GpioDirections direction, GpioEdges edge);
+    ~Gpio() override;
+
+    void setI2c0021(); ///< the line sits on the expander at I2C address 0x21
+    void setI2c0022(); ///< the line sits on the expander at I2C address 0x22
+
+    /// 0 or 1, or 255 when the line cannot be read.
+    uint getGpioInOutValue();
+};
