@@ -4,6 +4,8 @@
 #include <QObject>
 #include <QString>
 
+#include <memory>
+
 enum TALTARGET_ENUM { TALTARGET_DEFAULT = 0 };
 
 /// One connection to the data service's local socket (`TAL_SOCKET`, else `/var/run/tal.sock`). It connects when it is
@@ -33,4 +35,8 @@ Q_SIGNALS:
     void talLocalUnixSocketConnectedSignal();
     void talNotifySignal(const QString refStr, const QString op, const QString rPath, const QString sPath,
                          const QString data);
+
+private:
+    class Client;
+    std::unique_ptr<Client> m_client;
 };

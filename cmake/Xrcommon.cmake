@@ -1,0 +1,25 @@
+# The platform library as the target `xrcommon`: taken from KVSNMP_XRCOMMON_ROOT (include/xrcommon, lib) when that is
+# set, else built from the stand-in. Nothing that links the target notices the difference.
+
+set(xrcommon_rooms platform/xrcommon/framing)
+if(NOT KVSNMP_XRCOMMON_ROOT)
+    list(APPEND xrcommon_rooms platform/xrcommon)
+    return()
+endif()
+
+# A changed root is looked at afresh.
+unset(XRCOMMON_INCLUDE_DIR CACHE)
+unset(XRCOMMON_LIBRARY CACHE)
+find_path(XRCOMMON_INCLUDE_DIR xrcommon/TalInterface.h
+    PATHS ${KVSNMP_XRCOMMON_ROOT}/include NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
+find_library(XRCOMMON_LIBRARY xrcommon
+    PATHS ${KVSNMP_XRCOMMON_ROOT}/lib NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
+if(NOT XRCOMMON_INCLUDE_DIR OR NOT XRCOMMON_LIBRARY)
+    message(FATAL_ERROR "KVSNMP_XRCOMMON_ROOT: ${KVSNMP_XRCOMMON_ROOT} has no "
+        "include/xrcommon/TalInterface.h or no lib/libxrcommon.*")
+endif()
+add_library(xrcommon UNKNOWN IMPORTED GLOBAL)
+set_target_properties(xrcommon PROPERTIES
+    IMPORTED_LOCATION ${XRCOMMON_LIBRARY}
+    INTERFACE_INCLUDE_DIRECTORIES ${XRCOMMON_INCLUDE_DIR}
+    INTERFACE_LINK_LIBRARIES Qt5::Core)

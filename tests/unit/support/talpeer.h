@@ -1,0 +1,56 @@
+// A data service for tests: it takes down what it is told and says what the test wants it to say.
+#pragma once
+
+#include <QByteArray>
+#include <QByteArrayList>
+#include <QLocalServer>
+#include <QPointer>
+#include <QString>
+#include <QTemporaryDir>
+
+#include "platform/xrcommon/framing/framing.h"
+
+class QLocalSocket;
+
+/// Listens on a socket in a folder of its own and sets TAL_SOCKET to it. One connection at a time is looked at: the
+/// newest. All waiting is done by the test with QTRY_COMPARE and the like; nothing here blocks.
+class TalPeer {
+public:
+    enum class Start { Listening, NotListening };
+
+    explicit TalPeer(Start start = Start::Listening);
+    ~TalPeer();
+    TalPeer(const TalPeer &) = delete;
+    TalPeer &operator=(const TalPeer &) = delete;
+
+    QString path() const { return m_path; }
+    bool listen();   ///< as a data service that starts
+    void shutDown(); ///< as a data service that ends: no connection, no socket in the file system
+
+    int connections() const { return m_connections; } ///< how many were accepted so far
+    bool isConnected() const;
+    void drop(); ///< closes the connection and goes on listening
+
+    void readNothing(); ///< from now on, as a data service that hangs; until readAgain()
+    void readAgain();
+    const QByteArrayList &messages() const { return m_messages; } ///< received, without their NUL, over all connections
+    QByteArrayList takeMessages();
+
+    void sendRaw(const QByteArray &bytes);   ///< handed to the kernel at once, as far as it takes it
+    void sendMessage(const QByteArray &xml); ///< the text and its NUL
+    void sendNotify(const QString &ref, const QString &op, const QString &rPath, const QString &sPath,
+                    const QString &data); ///< texts are escaped, `data` is XML and stays as it is
+
+private:
+    void accept();
+    void read();
+
+    QTemporaryDir m_folder;
+    QString m_path;
+    QLocalServer m_server;
+    QPointer<QLocalSocket> m_socket;
+    MessageFraming m_framing;
+    QByteArrayList m_messages;
+    int m_connections = 0;
+    bool m_reading = true;
+};
