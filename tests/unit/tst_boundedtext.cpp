@@ -1,0 +1,82 @@
+// Copies into fixed buffers: bounded, terminated, nothing written behind them.
+#include "device/boundedtext.h"
+
+#include <QtTest>
+
+#include <cstring>
+
+namespace {
+
+struct Guarded { // a write past the buffer shows in `after`
+    char buffer[8];
+    char after[4];
+};
+
+} // namespace
+
+class TestBoundedText : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void copiesWhatFits_data();
+    void copiesWhatFits();
+    void zeroInsideTheTextIsCopied();
+    void bufferOfOneHoldsTheTerminatorOnly();
+    void worksAtCompileTime();
+};
+
+void TestBoundedText::copiesWhatFits_data()
+{
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<QByteArray>("kept");
+
+    QTest::newRow("empty") << QByteArray("") << QByteArray("");
+    QTest::newRow("short") << QByteArray("abc") << QByteArray("abc");
+    QTest::newRow("one less than the buffer") << QByteArray("1234567") << QByteArray("1234567");
+    QTest::newRow("as long as the buffer") << QByteArray("12345678") << QByteArray("1234567");
+    QTest::newRow("one more than the buffer") << QByteArray("123456789") << QByteArray("1234567");
+    QTest::newRow("very long") << QByteArray(100000, 'x') << QByteArray("xxxxxxx");
+    QTest::newRow("bytes above 127") << QByteArray("\xe4\xf6\xfc") << QByteArray("\xe4\xf6\xfc");
+}
+
+void TestBoundedText::copiesWhatFits()
+{
+    QFETCH(QByteArray, text);
+    QFETCH(QByteArray, kept);
+
+    Guarded guarded{};
+    std::memset(&guarded, '#', sizeof guarded);
+    const std::uint32_t length = copyBounded(guarded.buffer, {text.constData(), static_cast<std::size_t>(text.size())});
+
+    QCOMPARE(length, static_cast<std::uint32_t>(kept.size()));
+    QCOMPARE(QByteArray(guarded.buffer), kept);
+    QCOMPARE(QByteArray(guarded.after, 4), QByteArray("####"));
+}
+
+void TestBoundedText::zeroInsideTheTextIsCopied()
+{
+    char buffer[8];
+    std::memset(buffer, '#', sizeof buffer);
+    QCOMPARE(copyBounded(buffer, std::string_view("a\0b", 3)), 3U);
+    QCOMPARE(QByteArray(buffer, 5), QByteArray("a\0b\0#", 5));
+}
+
+void TestBoundedText::bufferOfOneHoldsTheTerminatorOnly()
+{
+    char buffer[1] = {'#'};
+    QCOMPARE(copyBounded(buffer, "text"), 0U);
+    QCOMPARE(buffer[0], '\0');
+}
+
+void TestBoundedText::worksAtCompileTime()
+{
+    constexpr std::uint32_t length = [] {
+        char buffer[4] = {};
+        return copyBounded(buffer, "four and more");
+    }();
+    static_assert(length == 3);
+    QCOMPARE(length, 3U);
+}
+
+QTEST_GUILESS_MAIN(TestBoundedText)
+#include "tst_boundedtext.moc"
