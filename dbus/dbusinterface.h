@@ -1,0 +1,31 @@
+// The link to the amplifier monitor: its announcements, logged and passed on as signals.
+#pragma once
+
+#include <QObject>
+#include <QString>
+
+class ComOrvanePamonInterface;
+class TalHandler;
+
+class DbusInterface : public QObject {
+    Q_OBJECT
+
+public:
+    /// Listens on the system bus from now on. A missing bus or service is no error: nothing is announced then.
+    explicit DbusInterface(TalHandler *parent);
+
+Q_SIGNALS:
+    void gpoUpdateSignal(uint gpoIndex, QString state, QString systemState);
+    void gpiUpdateSignal(uint, QString);
+    void ampChannelStatusUpdateSignal(uint, uint status);
+    void letPrecenseUpdateSignal(uint, uint channel, uint status);
+
+public Q_SLOTS:
+    void dbusDoGpoUpdateSlot(uint gpoIndex, QString state, QString systemState);
+    void dbusDoGpiUpdateSlot(uint gpiIndex, QString state);
+    void dbusDoAmpChannelStatusUpdateSlot(uint amp, uint status);
+    void dbusDoLetPrecenseUpdateSlot(uint let, uint channel, uint status);
+
+private:
+    ComOrvanePamonInterface *m_proxy; ///< child of this object
+};

@@ -1,0 +1,63 @@
+// A data-service client on the bench: notifications go in as the data service words them, records and log lines come
+// out.
+#pragma once
+
+#include "support/messagelog.h"
+
+#include "device/tablerecords.h"
+#include "tal/talhandler.h"
+
+#include <QRegularExpression>
+#include <QString>
+#include <QStringList>
+#include <QtTest>
+
+inline const char *const stationCompact = "Orvane Brisel Compact - IP-QRM-B";
+inline const char *const stationExtended = "Orvane Brisel Extended - IP-QRM-B";
+inline const char *const ordinaryDescription = "Orvane Brisel Extended";
+
+inline QString qs(const char *text)
+{
+    return QString::fromUtf8(text);
+}
+
+/// The subscribed path behind the path of a changed leaf: the same without its predicates.
+inline QString withoutPredicates(QString path)
+{
+    return path.remove(QRegularExpression(QStringLiteral("\\[[^\\]]*\\]")));
+}
+
+/// A leaf as one element, named like the last step of its path.
+inline QString leafXml(const QString &path, const QString &text)
+{
+    const QString name = withoutPredicates(path).section(QLatin1Char('/'), -1);
+    return QStringLiteral("<%1>%2</%1>").arg(name, text.toHtmlEscaped());
+}
+
+/// No system bus is reachable from here, so that a test means the same on every machine.
+inline const bool noSystemBus = qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/system_bus_socket");
+
+class TalBench {
+public:
+    explicit TalBench(uint model, const char *description = ordinaryDescription) : handler(nullptr, model, description)
+    {}
+
+    /// Any notification; the subscribed path defaults to the path without predicates.
+    void notify(const char *ref, const char *op, const QString &rPath, const QString &data, QString sPath = {})
+    {
+        if (sPath.isEmpty())
+            sPath = withoutPredicates(rPath);
+        handler.talHandlerNotifySlot(qs(ref), qs(op), rPath, sPath, data);
+    }
+
+    /// A notification of one leaf that was subscribed to itself.
+    void leaf(const char *ref, const char *op, const QString &path, const QString &text)
+    {
+        notify(ref, op, path, leafXml(path, text));
+    }
+
+    TableRecords &records() { return handler.tableRecords(); }
+
+    MessageLog log; ///< first, so that it takes what the construction says
+    TalHandler handler;
+};
