@@ -9,6 +9,9 @@
 #include <QObject>
 #include <QString>
 
+#include <cstddef>
+#include <cstdint>
+
 class DbusInterface;
 
 class TalHandler : public QObject {
@@ -54,5 +57,78 @@ public Q_SLOTS:
     void slotSetRelayStatus(uint relayId, uint status);
 
 private:
+    /// The value that each kind of parser produced last. A row may get it again: see keepScratch in keystep.h.
+    struct Scratch {
+        std::uint32_t voltage; ///< of the voltages and of the LET voltages alike
+        std::uint32_t temp;
+        std::uint32_t fan;
+        std::uint32_t powerLive;
+        std::uint32_t gpioType;
+        std::uint32_t controlInputMonitored;
+        std::uint32_t powerMonitored;
+        std::uint32_t relayIdleMode;
+        std::uint32_t relayDelay;
+        std::uint32_t pilotTone;
+        std::uint32_t micStatus;
+        std::uint32_t lineInMonitoring;
+        std::uint32_t ethMonitoring;
+    };
+    struct Tables; // the routes, in subscriptions.cpp
+
+    void setStartingValues();
+    void fillEnabledTraps();
+
+    // measurements.cpp
+    void parseVoltage(const Notification &n);
+    void parseTemp(const Notification &n);
+    void parseFan(const Notification &n);
+    void parseClassDStatus(const Notification &n);
+    void parsePowerLive(const Notification &n);
+    void deriveAmpChannelStatus(std::size_t channel);
+
+    // configuration.cpp
+    void parseRelayDelay(const Notification &n);
+    void parseRelayIdleMode(const Notification &n);
+    void parseGpioType(const Notification &n);
+    void parseControlInputMonitored(const Notification &n);
+    void parsePowerMonitored(const Notification &n);
+
+    // lines.cpp; channels and LETs are counted from 0
+    void parseLineChannelState(const Notification &n);
+    void parseAmpEnable(const Notification &n);
+    void parseLetEnable(const Notification &n);
+    void parseLetDescription(const Notification &n);
+    void parseLetHwVersion(const Notification &n);
+    void parseLetSwVersion(const Notification &n);
+    void parseLetVoltage(const Notification &n);
+    void parseLineInMonitoring(const Notification &n);
+    void parseLineInStatus(const Notification &n);
+    void parseEthMonitoring(const Notification &n);
+    void deriveLetStatus(std::size_t channel, std::size_t let);
+
+    // snmpsettings.cpp
+    void parseMib2Settings(const Notification &n);
+    void parseAccessSettings(const Notification &n);
+    void parseTrapSettings(const Notification &n);
+    void parseVersionSettings(const Notification &n);
+    void parseCustomConfig(const Notification &n);
+    void readEnabledTraps(const Notification &n);
+    void readEnabledTrapList(const QString &xml);
+
+    // systemmessages.cpp
+    void parseSysMessages(const Notification &n);
+    void reportActiveFault(const Notification &n);
+    void reportEndedFault(const Notification &n);
+
+    uint m_modelNumber;
+    const char *m_modelDescription;
     TableRecords m_records{};
+    std::uint32_t m_classDStatus = 0; ///< 0 until reported, 1 fault, 2 ok
+    Scratch m_scratch{};
+    SnmpMib2Settings m_mib2Settings;
+    SnmpAccessSettings m_accessSettings;
+    SnmpTrapSettings m_trapSettings;
+    SnmpVersionSettings m_versionSettings;
+    QMap<QString, bool> m_enabledTraps;       ///< every trap of the catalogue by name; never another
+    DbusInterface *m_dbusInterface = nullptr; ///< child of this object
 };
