@@ -1,0 +1,216 @@
+// The agent record, the start of the agent and the setters.
+#include "agent/kvagent.h"
+
+#include "agent/modules.h"
+#include "agent/netsnmp.h"
+#include "device/boundedtext.h"
+#include "device/models.h"
+
+#include <cstdio>
+
+KvAgent *kvAgent = nullptr;
+
+namespace {
+constexpr char applicationName[] = "kvagent"; // also names the library's own configuration file
+
+// clang-format off
+constexpr void (*modules[])() = { // in the order of registration
+    init_voltageTable,
+    init_tempTable,
+    init_fanTable,
+    init_ampChannelTable,
+    init_controlOutputTable,
+    init_controlInputTable,
+    init_infoScalars,
+    init_letChannelTables,
+    init_lineInTable,
+    init_ethMonitoringTable,
+    init_powerTable,
+    init_relayTable,
+};
+
+struct LibrarySetting { int id; int value; };
+constexpr LibrarySetting librarySettings[] = {
+    {NETSNMP_DS_AGENT_AGENTX_TIMEOUT,        1}, // set back by init_agent() to the library's own, as is the next
+    {NETSNMP_DS_AGENT_AGENTX_RETRIES,        1},
+    {NETSNMP_DS_AGENT_MAX_GETBULKREPEATS,    1},
+    {NETSNMP_DS_AGENT_MAX_GETBULKRESPONSES,  1},
+};
+// clang-format on
+
+KvAgent record = {};
+SessionCallback sessionCallback = nullptr;
+void *sessionCallbackContext = nullptr;
+
+void sessionChanged(bool open, int socket)
+{
+    setTrapSession(open, socket);
+    if (sessionCallback != nullptr)
+        sessionCallback(sessionCallbackContext, open);
+}
+
+int sessionStarted(int, int, void *argument, void *)
+{
+    auto *session = static_cast<netsnmp_session *>(argument);
+    session->retries = 0; // a local stream needs no repeats, and a repeated notification is a doubled trap
+    void *const listed = snmp_sess_pointer(session);
+    const netsnmp_transport *transport = listed != nullptr ? snmp_sess_transport(listed) : nullptr;
+    sessionChanged(true, transport != nullptr ? transport->sock : -1);
+    return 0;
+}
+
+int sessionStopped(int, int, void *, void *)
+{
+    sessionChanged(false, -1);
+    return 0;
+}
+
+template <class Record>
+bool store(Record *KvAgent::*pointer, Record *data)
+{
+    if (kvAgent != nullptr)
+        kvAgent->*pointer = data;
+    return kvAgent != nullptr;
+}
+} // namespace
+
+void kaAgentStart(std::uint32_t modelNumber, std::uint8_t ampType, const char *modelText)
+{
+    std::puts("Starting kvAgent");
+    record = {};
+    record.modelNumber = modelNumber;
+    record.modelText = modelText;
+    record.ampType = ampType;
+    kvAgent = &record;
+
+    snmp_enable_stderrlog();
+    netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE, 1); // a sub-agent
+    for (const LibrarySetting &setting : librarySettings)
+        netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, setting.id, setting.value);
+
+    std::printf("return from init_agent() ret:%d\n", init_agent(applicationName));
+    // After init_agent(), which sets up the library's callbacks; a session may open as early as in init_snmp().
+    snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_START, sessionStarted, nullptr);
+    snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_STOP, sessionStopped, nullptr);
+
+    if (isKnownModel(modelNumber)) { // any other device connects with an empty subtree
+        for (const auto initModule : modules)
+            initModule();
+    }
+    init_snmp(applicationName);
+    std::puts("return from init_snmp()");
+
+    std::puts("Init sendTrap() function");
+    record.sendTrap = sendTrap;
+    std::puts("FINISH kaAgentStart()");
+}
+
+int kaCheckAndProcess()
+{
+    startTrapPass();
+    return agent_check_and_process(0);
+}
+
+void kaDescriptors(std::vector<int> &descriptors)
+{
+    descriptors.clear();
+    if (kvAgent == nullptr)
+        return;
+    static netsnmp_large_fd_set watched = [] {
+        netsnmp_large_fd_set set;
+        netsnmp_large_fd_set_init(&set, FD_SETSIZE);
+        return set;
+    }();
+    NETSNMP_LARGE_FD_ZERO(&watched);
+    int end = 0; // one more than the highest descriptor
+    timeval timeout = {};
+    int block = 1;
+    snmp_select_info2(&end, &watched, &timeout, &block);
+    for (int descriptor = 0; descriptor < end; ++descriptor) {
+        if (netsnmp_large_fd_is_set(descriptor, &watched) != 0)
+            descriptors.push_back(descriptor);
+    }
+}
+
+void setSessionCallback(SessionCallback callback, void *context)
+{
+    sessionCallback = callback;
+    sessionCallbackContext = context;
+}
+
+void setSystemName(std::string_view latin1)
+{
+    if (kvAgent != nullptr)
+        copyBounded(kvAgent->systemName, latin1);
+}
+
+void setTalVoltageTableData(const VoltageRecord *data)
+{
+    if (store(&KvAgent::talVoltageTableData, data))
+        refillVoltageTableEntries();
+}
+
+void setTalTempTableData(const TempRecord *data)
+{
+    if (store(&KvAgent::talTempTableData, data))
+        refillTempTableEntries();
+}
+
+void setTalFanTableData(const FanRecord *data)
+{
+    if (store(&KvAgent::talFanTableData, data))
+        refillFanTableEntries();
+}
+
+void setTalAmpChannelTableData(const AmpChannelRecord *data)
+{
+    if (store(&KvAgent::talAmpChannelTableData, data))
+        refillAmpChannelTableEntries();
+}
+
+void setTalControlOutputTableData(const ControlOutputRecord *data)
+{
+    if (store(&KvAgent::talControlOutputTableData, data))
+        refillControlOutputTableEntries();
+}
+
+void setTalControlInputTableData(const ControlInputRecord *data)
+{
+    if (store(&KvAgent::talControlInputTableData, data))
+        refillControlInputTableEntries();
+}
+
+void setTalLetChannelTableData(LetRecord *data)
+{
+    if (store(&KvAgent::talLetChannelTableData, data)) {
+        refillLetChannelTableEntries(1);
+        refillLetChannelTableEntries(2);
+    }
+}
+
+void setTalLineInTableData(const LineInRecord *data)
+{
+    if (store(&KvAgent::talLineInTableData, data))
+        refillLineInTableEntries();
+}
+
+void setTalEthMonitoringTableData(const EthMonitoringRecord *data)
+{
+    if (store(&KvAgent::talEthMonitoringTableData, data))
+        refillEthMonitoringTableEntries();
+}
+
+void setTalPowerTableData(const PowerRecord *data)
+{
+    store(&KvAgent::talPowerTableData, data); // no refill: the first load shows the values
+}
+
+void setTalRelayTableData(const RelayRecord *data)
+{
+    store(&KvAgent::talRelayTableData, data); // no refill: the first load shows the values
+}
+
+void initInfoScalars()
+{
+    copyInfoData();
+}

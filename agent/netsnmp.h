@@ -1,0 +1,17 @@
+// The agent library's headers, in the order in which they need each other. Included by sources of this folder only.
+#pragma once
+
+#include <net-snmp/net-snmp-config.h>
+// keep net-snmp-config.h first
+#include <net-snmp/net-snmp-includes.h>
+// keep net-snmp-includes.h before the agent's own
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <net-snmp/agent/agent_callbacks.h>
+#include <net-snmp/library/large_fd_set.h>
+
+extern "C" {
+/// snmpTrapOID.0, 11 sub-identifiers. Exported by the library, declared in none of its public headers.
+extern const oid snmptrap_oid[];
+extern const std::size_t snmptrap_oid_len;
+}

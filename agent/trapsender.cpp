@@ -1,0 +1,128 @@
+// Sends one fault as one SNMPv2 notification through the master agent.
+#include "agent/enterprise.h"
+#include "agent/kvagent.h"
+#include "agent/modules.h"
+#include "device/boundedtext.h"
+#include "faults/trapcatalogue.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <span>
+#include <string_view>
+
+#include <poll.h>
+#include <unistd.h>
+
+namespace {
+constexpr auto productOid = enterpriseOid(2, 4, 1, 0);
+constexpr auto hostNameOid = enterpriseOid(2, 4, 2, 0);
+constexpr oid sysNameOid[] = {1, 3, 6, 1, 2, 1, 1, 5}; // the object, without an instance: intended
+constexpr auto levelOid = enterpriseOid(2, 4, 3, 0);
+constexpr auto timeOid = enterpriseOid(2, 4, 4, 0);
+constexpr auto descriptionOid = enterpriseOid(2, 4, 5, 0);
+
+constexpr std::string_view productText = "Orvane IPKiosk";
+constexpr std::string_view unknownHost = "not configured";
+
+bool sessionOpen = false;
+int sessionSocket = -1;
+std::size_t sentSincePass = 0; // trapsPerPass: no more before the next pass
+
+/// False while the master has not taken most of what was sent to it. Writing on would block us, and the master too as
+/// soon as its answers, which only a pass reads, have filled the other direction.
+bool masterKeepsUp()
+{
+    pollfd socket = {sessionSocket, POLLOUT, 0};
+    return sessionSocket < 0 || poll(&socket, 1, 0) != 0;
+}
+
+/// The variables of one notification.
+class VarList {
+public:
+    VarList() = default;
+    VarList(const VarList &) = delete;
+    VarList &operator=(const VarList &) = delete;
+    ~VarList() { snmp_free_varbind(m_first); }
+
+    void add(std::span<const oid> name, u_char type, const void *value, std::size_t length)
+    {
+        snmp_varlist_add_variable(&m_first, name.data(), name.size(), type, value, length);
+    }
+
+    void add(std::span<const oid> name, std::string_view text) { add(name, ASN_OCTET_STR, text.data(), text.size()); }
+
+    netsnmp_variable_list *first() const { return m_first; }
+
+private:
+    netsnmp_variable_list *m_first = nullptr;
+};
+
+const char *formatted(std::time_t stamp)
+{
+    const std::tm *local = std::localtime(&stamp);
+    return local != nullptr ? std::asctime(local) : nullptr;
+}
+
+/// "Sat Jun  1 10.02.03 2024" and a line feed, which is kept. A time that no calendar can express becomes the epoch.
+void writeTimeText(char (&text)[128], const char *time)
+{
+    const std::time_t stamp =
+        *time != '\0' ? static_cast<std::time_t>(std::strtoul(time, nullptr, 0)) : std::time(nullptr);
+    const char *calendar = formatted(stamp);
+    copyBounded(text, calendar != nullptr ? calendar : formatted(0));
+    std::replace(text, text + std::strlen(text), ':', '.');
+}
+} // namespace
+
+int sendTrap(std::uint32_t trapNumber, const char *description, std::int32_t level, const char *time)
+{
+    if (time == nullptr || description == nullptr || trapNumber < 1 || trapNumber > std::size(trapCatalogue))
+        return -1;
+    if (trapGate() == TrapGate::open && !masterKeepsUp())
+        sentSincePass = trapsPerPass;
+    if (trapGate() != TrapGate::open)
+        return -1;
+
+    const auto notification = enterpriseOid(2, 8, trapCatalogue[trapNumber - 1].arc);
+    char product[256] = {};
+    copyBounded(product, productText);
+    char hostName[256] = {};
+    if (gethostname(hostName, sizeof(hostName)) != 0)
+        copyBounded(hostName, unknownHost);
+    hostName[sizeof(hostName) - 1] = '\0';
+    char timeText[128];
+    writeTimeText(timeText, time);
+
+    VarList variables;
+    variables.add({snmptrap_oid, snmptrap_oid_len}, ASN_OBJECT_ID, notification.data(), sizeof(notification));
+    variables.add(productOid, product);
+    variables.add(hostNameOid, hostName);
+    if (kvAgent != nullptr && kvAgent->systemName[0] != '\0')
+        variables.add(sysNameOid, kvAgent->systemName);
+    variables.add(levelOid, ASN_INTEGER, &level, sizeof(level));
+    variables.add(timeOid, timeText);
+    variables.add(descriptionOid, description);
+    send_v2trap(variables.first());
+    ++sentSincePass;
+    return 0;
+}
+
+TrapGate trapGate()
+{
+    if (!sessionOpen)
+        return TrapGate::noSession;
+    return sentSincePass < trapsPerPass ? TrapGate::open : TrapGate::passFull;
+}
+
+void setTrapSession(bool open, int socket)
+{
+    sessionOpen = open;
+    sessionSocket = socket;
+}
+
+void startTrapPass()
+{
+    sentSincePass = 0;
+}

@@ -1,0 +1,159 @@
+// E.3.4: supply voltages.
+#include "agent/modules.h"
+#include "agent/tablecore.h"
+
+#include <cstdio>
+
+namespace {
+// clang-format off
+constexpr Line lines6410[] = {
+    { 1, "Internal voltage 1.2V",      1},
+    { 2, "Internal voltage 1.8V",      2},
+    { 3, "Internal voltage 3.3V",      3},
+    { 4, "Internal voltage 5.0V",      4},
+    { 5, "Internal voltage 12.7V",     5},
+    { 6, "Internal voltage 15.0V",     6},
+    { 7, "Internal voltage 24.0V",     7},
+    { 8, "Front Board 24.0V",          8},
+    { 9, "Internal voltage 32.0V",    10},
+    {10, "Internal AC Power 24.0V",   12},
+    {11, "Internal DC Power 24.0V",   14},
+};
+constexpr Line lines6420[] = {
+    { 1, "Network Switch 1.8V",        0},
+    { 2, "Internal voltage 1.8V",      2},
+    { 3, "Internal voltage 3.3V",      3},
+    { 4, "Internal voltage 5.0V",      4},
+    { 5, "Internal voltage 12.7V",     5},
+    { 6, "Internal voltage 15.0V",     6},
+    { 7, "Internal voltage 24.0V",     7},
+    { 8, "Front Board 24.0V",          8},
+    { 9, "Internal voltage 50.0V",     9},
+    {10, "Internal AC Power 50.0V",   11},
+    {11, "Internal DC Power 50.0V",   13},
+    {12, "Amplifier Supply 15.0V",    15},
+    {13, "Phantom Microphone 12.0V",  16},
+};
+constexpr Line lines6720[] = { // gaps on purpose: one index means one voltage line on every amplifier
+    { 1, "Network Switch 1.8V",        0},
+    { 3, "Internal voltage 3.3V",      3},
+    { 4, "Internal voltage 5.0V",      4},
+    { 5, "Internal voltage 12.7V",     5},
+    { 7, "Internal voltage 24.0V",     7},
+    { 9, "Internal voltage 50.0V",     9},
+    {12, "Amplifier Supply 15.0V",    15},
+    {14, "Low Noise 12.7V",           17},
+};
+constexpr Line lines6425[] = {
+    { 1, "Network Switch 1.8V",        0},
+    { 2, "Internal voltage 1.8V",      2},
+    { 3, "Internal voltage 3.3V",      3},
+    { 4, "Internal voltage 5.0V",      4},
+    { 6, "Internal voltage 15.0V",     6},
+    {15, "Internal voltage 24.0V",    18},
+    {16, "Internal voltage -24.0V",   19},
+};
+constexpr RowSet rowSets[] = {
+    {{6410},       lines6410},
+    {{6420},       lines6420, "VQ9"},
+    {{6720, 6764}, lines6720, "VQ9BAC"},
+    {{6425},       lines6425, "VQ9-RX"},
+};
+// clang-format on
+static_assert(goodLines(rowSets, voltageSlots));
+
+struct VoltageTableRow : TableRow {
+    std::uint32_t value = 0;
+};
+
+// clang-format off
+constexpr Column columns[] = { // column n is columns[n - 1]
+    {ASN_INTEGER,   cell<&VoltageTableRow::index>},
+    {ASN_OCTET_STR, cell<&VoltageTableRow::description>},
+    {ASN_GAUGE,     cell<&VoltageTableRow::value>},
+};
+// clang-format on
+
+constexpr auto countOid = enterpriseOid(3, 4, 1);
+constexpr auto tableOid = enterpriseOid(3, 4, 2);
+
+Rows<VoltageTableRow, highestIndex(rowSets)> rows;
+} // namespace
+
+void init_voltageTable()
+{
+    std::printf("init_voltageTable() %u \n", kvAgent->modelNumber);
+    initialize_table_voltageTable();
+    registerScalar("voltageTableCount", countOid, handle_voltageTableCount);
+}
+
+void initialize_table_voltageTable()
+{
+    std::puts("voltageTable: initialize_table_voltageTable()");
+    registerTable("voltageTable", tableOid, std::size(columns),
+                  {voltageTable_handler, voltageTable_get_first_data_point, voltageTable_get_next_data_point,
+                   voltageTable_load, voltageTable_free});
+    if (const RowSet *rowSet = rowSetOf(rowSets)) {
+        rows.use(rowSet->lines);
+        if (rowSet->logLabel != nullptr)
+            std::printf("initVoltageTableModel() %s\n", rowSet->logLabel);
+    }
+}
+
+netsnmp_variable_list *voltageTable_get_first_data_point(void **loopContext, void **dataContext,
+                                                         netsnmp_variable_list *index, netsnmp_iterator_info *info)
+{
+    rows.rewind(loopContext);
+    return voltageTable_get_next_data_point(loopContext, dataContext, index, info);
+}
+
+netsnmp_variable_list *voltageTable_get_next_data_point(void **loopContext, void **dataContext,
+                                                        netsnmp_variable_list *index, netsnmp_iterator_info *)
+{
+    std::puts("voltageTable_get_next_data_point()");
+    return RowChain::next(loopContext, dataContext, index);
+}
+
+int voltageTable_handler(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
+                         netsnmp_request_info *requests)
+{
+    return serveTable("voltageTable", columns, reqinfo, requests);
+}
+
+int voltageTable_load(netsnmp_cache *, void *)
+{
+    std::puts("voltageTable_load()");
+    if (!canLoad("voltageTable", &KvAgent::talVoltageTableData, "talVoltageTableData"))
+        return -1;
+    if (rowSetOf(rowSets) != nullptr) // a model without a row set has nothing to copy, and prints nothing
+        refillVoltageTableEntries();
+    return 0;
+}
+
+void voltageTable_free(netsnmp_cache *, void *)
+{
+    std::puts("voltageTable_free()");
+}
+
+int handle_voltageTableCount(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
+                             netsnmp_request_info *requests)
+{
+    return serveInteger("handle_voltageTableCount", rows.count(), reqinfo, requests);
+}
+
+void refillVoltageTableEntries()
+{
+    std::puts("copyTalVoltageTableData()\nrefillVoltageTableEntries()");
+    rows.refill(talRecord(&KvAgent::talVoltageTableData),
+                [](VoltageTableRow &row, const VoltageRecord &record) { row.value = record.values[row.source]; });
+}
+
+void voltageTable_createEntry()
+{
+    std::puts("voltageTable_createEntry()");
+}
+
+void voltageTable_removeEntry()
+{
+    std::puts("voltageTable_removeEntry()");
+}

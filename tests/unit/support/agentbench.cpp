@@ -1,0 +1,308 @@
+// The agent on the bench.
+#include "support/agentbench.h"
+
+#include <QFile>
+
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern "C" {
+extern int callback_master_num; // the agent's end of the internal transport; in no public header
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the compiler's own name
+__attribute__((weak)) void __gcov_dump(); // there in a coverage build only
+}
+
+namespace {
+constexpr long agentXVersion1 = 0xC1; // in no public header
+constexpr oid enterprise[] = {1, 3, 6, 1, 4, 1, 52717};
+
+std::vector<oid> fullOid(const QString &object)
+{
+    std::vector<oid> full(std::begin(enterprise), std::end(enterprise));
+    const QStringList arcs = object.split(QLatin1Char('.'), Qt::SkipEmptyParts);
+    for (const QString &arc : arcs)
+        full.push_back(arc.toULong());
+    return full;
+}
+
+QString shortOid(const oid *name, std::size_t length)
+{
+    const bool below = length > std::size(enterprise) && std::equal(std::begin(enterprise), std::end(enterprise), name);
+    QStringList arcs;
+    for (std::size_t i = below ? std::size(enterprise) : 0; i < length; ++i)
+        arcs.append(QString::number(name[i]));
+    return (below ? QString() : QStringLiteral(".")) + arcs.join(QLatin1Char('.'));
+}
+
+QString lineOf(const netsnmp_variable_list &variable)
+{
+    const QString name = shortOid(variable.name, variable.name_length) + QLatin1Char(' ');
+    switch (variable.type) {
+    case ASN_INTEGER:
+        return name + QStringLiteral("INTEGER %1").arg(*variable.val.integer);
+    case ASN_GAUGE:
+        return name + QStringLiteral("Gauge32 %1").arg(static_cast<quint32>(*variable.val.integer));
+    case ASN_OCTET_STR:
+        return name + QLatin1String("STRING ") +
+               QString::fromLatin1(reinterpret_cast<const char *>(variable.val.string),
+                                   static_cast<int>(variable.val_len));
+    case SNMP_NOSUCHOBJECT:
+        return name + QLatin1String("noSuchObject");
+    case SNMP_NOSUCHINSTANCE:
+        return name + QLatin1String("noSuchInstance");
+    case SNMP_ENDOFMIBVIEW:
+        return name + QLatin1String("endOfMibView");
+    default:
+        return name + QStringLiteral("type %1").arg(variable.type);
+    }
+}
+
+struct Reply {
+    bool arrived = false;
+    QStringList lines;
+};
+
+int takeReply(int operation, netsnmp_session *, int, netsnmp_pdu *pdu, void *magic)
+{
+    auto *reply = static_cast<Reply *>(magic);
+    if (operation != NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE) // the session closes after its last use
+        return 1;
+    reply->arrived = true;
+    if (pdu->errstat != SNMP_ERR_NOERROR)
+        reply->lines.append(QStringLiteral("error %1 at %2").arg(pdu->errstat).arg(pdu->errindex));
+    else
+        for (const netsnmp_variable_list *variable = pdu->variables; variable != nullptr;
+             variable = variable->next_variable)
+            reply->lines.append(lineOf(*variable));
+    return 1;
+}
+
+QStringList ask(int command, const QStringList &objects, int repetitions = 0)
+{
+    static netsnmp_session *manager = netsnmp_callback_open(callback_master_num, takeReply, nullptr, nullptr);
+    netsnmp_pdu *pdu = snmp_pdu_create(command);
+    pdu->version = agentXVersion1; // as what comes from a master
+    pdu->flags |= UCD_MSG_FLAG_ALWAYS_IN_VIEW;
+    if (command == SNMP_MSG_GETBULK) {
+        pdu->errstat = 0;
+        pdu->errindex = repetitions;
+    }
+    const long one = 1;
+    for (const QString &object : objects) {
+        const std::vector<oid> name = fullOid(object);
+        if (command == SNMP_MSG_SET)
+            snmp_pdu_add_variable(pdu, name.data(), name.size(), ASN_INTEGER, &one, sizeof(one));
+        else
+            snmp_add_null_var(pdu, name.data(), name.size());
+    }
+    Reply reply;
+    if (snmp_async_send(manager, pdu, takeReply, &reply) == 0) {
+        snmp_free_pdu(pdu);
+        return {QStringLiteral("not sent: %1").arg(QString::fromLatin1(snmp_api_errstring(snmp_errno)))};
+    }
+    for (int pass = 0; pass < 10 && !reply.arrived; ++pass)
+        kaCheckAndProcess();
+    return reply.arrived ? reply.lines : QStringList{QStringLiteral("no answer")};
+}
+} // namespace
+
+AgentSurroundings::AgentSurroundings()
+{
+    QFile configuration(m_folder.filePath(QStringLiteral("kvagent.conf")));
+    if (configuration.open(QIODevice::WriteOnly))
+        configuration.write("agentXSocket unix:" + m_folder.filePath(QStringLiteral("master")).toLocal8Bit() + "\n");
+    qputenv("MIBS", "");
+    qputenv("SNMPCONFPATH", m_folder.path().toLocal8Bit());
+    qputenv("SNMP_PERSISTENT_DIR", m_folder.path().toLocal8Bit());
+}
+
+StandardOutput::StandardOutput() : m_file(memfd_create("stdout", 0))
+{
+    std::fflush(stdout);
+    m_outer = dup(STDOUT_FILENO);
+    dup2(m_file, STDOUT_FILENO);
+}
+
+StandardOutput::~StandardOutput()
+{
+    std::fflush(stdout);
+    dup2(m_outer, STDOUT_FILENO);
+    close(m_outer);
+    close(m_file);
+}
+
+QByteArray StandardOutput::takeText()
+{
+    std::fflush(stdout);
+    QByteArray text;
+    lseek(m_file, 0, SEEK_SET);
+    char buffer[4096];
+    for (ssize_t count = 0; (count = read(m_file, buffer, sizeof(buffer))) > 0;)
+        text.append(buffer, static_cast<int>(count));
+    if (ftruncate(m_file, 0) == 0)
+        lseek(m_file, 0, SEEK_SET);
+    return text;
+}
+
+QStringList StandardOutput::takeLines()
+{
+    QStringList lines = QString::fromLatin1(takeText()).split(QLatin1Char('\n'));
+    if (lines.last().isEmpty()) // behind the last line end
+        lines.removeLast();
+    return lines;
+}
+
+QStringList printed(const std::function<void()> &body)
+{
+    StandardOutput output;
+    body();
+    return output.takeLines();
+}
+
+QStringList printedInOwnProcess(const std::function<void()> &body)
+{
+    StandardOutput output;
+    const pid_t child = fork();
+    if (child == 0) {
+        body();
+        std::fflush(stdout);
+        if (__gcov_dump != nullptr)
+            __gcov_dump();
+        std::_Exit(0); // what is static, the temporary folder for one, belongs to the parent
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    QStringList lines = output.takeLines();
+    if (status != 0)
+        lines.append(QStringLiteral("the process ended with status %1").arg(status));
+    return lines;
+}
+
+QStringList snmpGet(const QStringList &objects)
+{
+    return ask(SNMP_MSG_GET, objects);
+}
+
+QStringList snmpGetNext(const QStringList &objects)
+{
+    return ask(SNMP_MSG_GETNEXT, objects);
+}
+
+QStringList snmpGetBulk(const QString &object, int repetitions)
+{
+    return ask(SNMP_MSG_GETBULK, {object}, repetitions);
+}
+
+QStringList snmpSet(const QString &object)
+{
+    return ask(SNMP_MSG_SET, {object});
+}
+
+QStringList snmpWalk(const QString &object, int repetitions)
+{
+    QStringList walk;
+    QString last = object;
+    for (;;) {
+        const QStringList answers = repetitions > 0 ? snmpGetBulk(last, repetitions) : snmpGetNext({last});
+        for (const QString &answer : answers) {
+            const QString name = answer.section(QLatin1Char(' '), 0, 0);
+            if (!name.startsWith(object + QLatin1Char('.')) || answer.endsWith(QLatin1String("endOfMibView")))
+                return walk;
+            if (name == last || walk.size() > 2000)
+                return walk << QStringLiteral("the walk does not end");
+            walk.append(answer);
+            last = name;
+        }
+    }
+}
+
+netsnmp_cache *cacheOf(const QString &tableObject)
+{
+    const std::vector<oid> name = fullOid(tableObject);
+    return netsnmp_cache_find_by_oid(name.data(), static_cast<int>(name.size()));
+}
+
+void expireCache(const QString &tableObject)
+{
+    if (netsnmp_cache *cache = cacheOf(tableObject))
+        cache->valid = 0;
+}
+
+TableRecords tellingRecords()
+{
+    TableRecords records = {};
+    for (std::uint32_t slot = 0; slot < voltageSlots; ++slot)
+        records.voltage.values[slot] = 1000 + slot;
+    for (std::uint32_t row = 0; row < tempRows; ++row)
+        records.temp.rows[row] = {2000 + row, 2100 + row, 2200 + row};
+    for (std::uint32_t row = 0; row < fanRows; ++row)
+        records.fan.values[row] = 3000 + row;
+    for (std::uint32_t channel = 0; channel < ampChannels; ++channel)
+        records.ampChannel.rows[channel] = {40 + channel, 50 + channel, 60 + channel, 70 + channel};
+    for (std::uint32_t row = 0; row < controlOutputRows; ++row)
+        records.controlOutput.status[row] = 100 + row;
+    for (std::uint32_t row = 0; row < controlInputRows; ++row)
+        records.controlInput.rows[row] = {200 + row, 300 + row};
+    for (std::uint32_t row = 0; row < lineInRows; ++row)
+        records.lineIn.rows[row] = {400 + row, 500 + row, 600 + row};
+    for (std::uint32_t port = 0; port < ethPorts; ++port)
+        records.ethMonitoring.monitored[port] = 700 + port;
+    for (std::uint32_t source = 0; source < powerSources; ++source)
+        records.power.rows[source] = {800 + source, 900 + source};
+    for (std::uint32_t row = 0; row < relayRows; ++row)
+        records.relay.rows[row] = {20 + row, 60 + row, 5000 + row};
+    for (std::uint32_t channel = 0; channel < ampChannels; ++channel) {
+        for (std::uint32_t let = 0; let < letsPerChannel; ++let) {
+            LetEntry &entry = records.let.lets[channel][let];
+            entry.letStatus = 100 * channel + let;
+            entry.letVoltage = 7000 + 100 * channel + let;
+            std::snprintf(entry.description, sizeof(entry.description), "stored %u %u", channel, let);
+            std::snprintf(entry.softwareVersion, sizeof(entry.softwareVersion), "sw %u.%u", channel, let);
+            std::snprintf(entry.hardwareVersion, sizeof(entry.hardwareVersion), "hw %u.%u", channel, let);
+            entry.changed = {1, 1, 1, 1, 1};
+        }
+    }
+    return records;
+}
+
+void handOver(TableRecords &records)
+{
+    setTalVoltageTableData(&records.voltage);
+    setTalTempTableData(&records.temp);
+    setTalFanTableData(&records.fan);
+    setTalAmpChannelTableData(&records.ampChannel);
+    setTalControlOutputTableData(&records.controlOutput);
+    setTalControlInputTableData(&records.controlInput);
+    setTalLetChannelTableData(&records.let);
+    setTalEthMonitoringTableData(&records.ethMonitoring);
+    setTalPowerTableData(&records.power);
+    setTalRelayTableData(&records.relay);
+    setTalLineInTableData(&records.lineIn);
+}
+
+namespace {
+int takeLogLine(int, int, void *serverArgument, void *clientArgument)
+{
+    const auto *message = static_cast<const snmp_log_message *>(serverArgument);
+    static_cast<AgentLog *>(clientArgument)
+        ->lines.append(QStringLiteral("%1 %2").arg(message->priority).arg(QString::fromLatin1(message->msg).trimmed()));
+    return 0;
+}
+} // namespace
+
+AgentLog::AgentLog()
+{
+    snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_LOGGING, takeLogLine, this);
+    snmp_enable_calllog();
+}
+
+AgentLog::~AgentLog()
+{
+    snmp_disable_calllog();
+    snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_LOGGING, takeLogLine, this, 1);
+}

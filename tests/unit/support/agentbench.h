@@ -1,0 +1,80 @@
+// The agent on the bench: started in this process or in one of its own, asked over the library's internal transport. No
+// master, no socket outside, no file outside a temporary folder.
+#pragma once
+
+#include "agent/kvagent.h"
+#include "agent/netsnmp.h"
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <functional>
+
+/// A private folder in place of every path that the agent library reads or writes, its master's socket included. To
+/// live as long as the test program; stands before the first use of the library.
+class AgentSurroundings {
+public:
+    AgentSurroundings();
+
+private:
+    QTemporaryDir m_folder;
+};
+
+/// Takes standard output while it lives.
+class StandardOutput {
+public:
+    StandardOutput();
+    ~StandardOutput();
+    StandardOutput(const StandardOutput &) = delete;
+    StandardOutput &operator=(const StandardOutput &) = delete;
+
+    QByteArray takeText(); ///< what was written since the start or the last call
+    QStringList takeLines();
+
+private:
+    int m_file;
+    int m_outer;
+};
+
+/// What `body` prints.
+QStringList printed(const std::function<void()> &body);
+
+/// Runs `body` in a process of its own and returns the lines that it wrote to standard output. A process that does not
+/// end well adds a line that says so.
+QStringList printedInOwnProcess(const std::function<void()> &body);
+
+/// One answer as a line: OID below the enterprise arc, type, value ("3.4.1.0 INTEGER 8", "3.4.2.1.4.1 noSuchObject").
+/// A failed PDU is one line "error NUMBER at INDEX".
+QStringList snmpGet(const QStringList &objects);
+QStringList snmpGetNext(const QStringList &objects);
+QStringList snmpGetBulk(const QString &object, int repetitions);
+/// A SET of INTEGER 1.
+QStringList snmpSet(const QString &object);
+
+/// Every answer below `object`, with GETNEXT or, when `repetitions` is above 0, with GETBULK.
+QStringList snmpWalk(const QString &object, int repetitions = 0);
+
+/// The cache in front of a table, null when there is none.
+netsnmp_cache *cacheOf(const QString &tableObject);
+
+/// Lets the next request for the table load again, as 60 s do.
+void expireCache(const QString &tableObject);
+
+/// Every table record filled with values that tell their place: see the .cpp.
+TableRecords tellingRecords();
+
+/// Hands the records to the agent in the application's order.
+void handOver(TableRecords &records);
+
+/// The lines of the agent library's log while one lives.
+class AgentLog {
+public:
+    AgentLog();
+    ~AgentLog();
+    AgentLog(const AgentLog &) = delete;
+    AgentLog &operator=(const AgentLog &) = delete;
+
+    QStringList lines; ///< "PRIORITY text", without a line end
+};

@@ -1,0 +1,135 @@
+// The information scalars: served from a copy that is made once. Model 6410.
+#include "support/agentbench.h"
+
+#include "agent/modules.h"
+#include "device/boundedtext.h"
+
+#include <QtTest>
+
+namespace {
+const AgentSurroundings surroundings;
+
+QStringList lines(std::initializer_list<const char *> texts)
+{
+    QStringList list;
+    for (const char *text : texts)
+        list.append(QString::fromLatin1(text));
+    return list;
+}
+
+void fill(InfoText &field, const char *value)
+{
+    field.length = copyBounded(field.text, value);
+}
+} // namespace
+
+class TestInfoScalars : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void withoutARecordNothingIsCopied(); // first: the copy is made once per process
+    void theRecordIsServedAndDisablementIsAlwaysTwo();
+    void laterChangesAreNotSeen();
+    void textsHaveTheirStoredLength_data();
+    void textsHaveTheirStoredLength();
+    void otherModesAreRefused_data();
+    void otherModesAreRefused();
+    void setIsRefused();
+
+private:
+    InfoData m_info = {};
+};
+
+void TestInfoScalars::initTestCase()
+{
+    printed([] { kaAgentStart(6410, 1, ""); });
+    fill(m_info.packageVersion, "V1.2");
+    fill(m_info.modelType, "a model");
+    m_info.modelNumber = {6410, 4};
+    fill(m_info.amplifierType, "");
+    fill(m_info.kernelVersion, "5.10");
+    fill(m_info.deviceTreeVersion, "dt 7");
+    m_info.disablement = {1, 4};
+}
+
+void TestInfoScalars::withoutARecordNothingIsCopied()
+{
+    QCOMPARE(printed(initInfoScalars), lines({"copyInfoData()  kvAgent->infoData == NULL, cannot continue !"}));
+    QCOMPARE(snmpWalk(QStringLiteral("3.1")),
+             lines({"3.1.1.0 STRING ", "3.1.2.0 STRING ", "3.1.3.0 INTEGER 0", "3.1.4.0 STRING ", "3.1.5.0 STRING ",
+                    "3.1.6.0 STRING ", "3.1.7.0 INTEGER 0"}));
+}
+
+void TestInfoScalars::theRecordIsServedAndDisablementIsAlwaysTwo()
+{
+    kvAgent->infoData = &m_info;
+    QCOMPARE(printed(initInfoScalars), QStringList());
+    QCOMPARE(snmpWalk(QStringLiteral("3.1")),
+             lines({"3.1.1.0 STRING V1.2", "3.1.2.0 STRING a model", "3.1.3.0 INTEGER 6410", "3.1.4.0 STRING ",
+                    "3.1.5.0 STRING 5.10", "3.1.6.0 STRING dt 7", "3.1.7.0 INTEGER 2"}));
+    QCOMPARE(m_info.disablement.value, 1); // the application's record is left alone
+}
+
+void TestInfoScalars::laterChangesAreNotSeen()
+{
+    m_info.modelNumber.value = 1;
+    fill(m_info.packageVersion, "V2");
+    QCOMPARE(snmpGet({QStringLiteral("3.1.1.0"), QStringLiteral("3.1.3.0")}),
+             lines({"3.1.1.0 STRING V1.2", "3.1.3.0 INTEGER 6410"}));
+}
+
+void TestInfoScalars::textsHaveTheirStoredLength_data()
+{
+    QTest::addColumn<uint>("length");
+    QTest::addColumn<int>("served");
+    QTest::newRow("none") << 0U << 0;
+    QTest::newRow("shorter than the text") << 3U << 3;
+    QTest::newRow("whole field, no terminator") << 128U << 128;
+    QTest::newRow("longer than the field") << 129U << 128;
+}
+
+void TestInfoScalars::textsHaveTheirStoredLength()
+{
+    QFETCH(uint, length);
+    QFETCH(int, served);
+    std::fill(std::begin(m_info.modelType.text), std::end(m_info.modelType.text), 'm');
+    m_info.modelType.length = length;
+    initInfoScalars();
+    QCOMPARE(snmpGet({QStringLiteral("3.1.2.0")}),
+             QStringList{QLatin1String("3.1.2.0 STRING ") + QString(served, QLatin1Char('m'))});
+}
+
+void TestInfoScalars::otherModesAreRefused_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<int>("place");
+    int place = 0;
+    for (const char *name : {"infoPackageVersion", "infoModelType", "infoModelNumber", "infoAmplifierType",
+                             "infoKernelVersion", "infoDeviceTreeVersion", "infoDisablement"})
+        QTest::newRow(name) << QString::fromLatin1(name) << place++;
+}
+
+void TestInfoScalars::otherModesAreRefused()
+{
+    QFETCH(QString, name);
+    QFETCH(int, place);
+    Netsnmp_Node_Handler *const handlers[] = {
+        handle_infoPackageVersion, handle_infoModelType,         handle_infoModelNumber, handle_infoAmplifierType,
+        handle_infoKernelVersion,  handle_infoDeviceTreeVersion, handle_infoDisablement};
+    AgentLog log;
+    netsnmp_agent_request_info info = {};
+    info.mode = MODE_SET_ACTION;
+    QCOMPARE(handlers[place](nullptr, nullptr, &info, nullptr), 5);
+    QCOMPARE(
+        log.lines,
+        QStringList{QStringLiteral("%1 unknown mode (%2) in handle_%3").arg(LOG_ERR).arg(MODE_SET_ACTION).arg(name)});
+}
+
+void TestInfoScalars::setIsRefused()
+{
+    QCOMPARE(snmpSet(QStringLiteral("3.1.7.0")), lines({"error 17 at 1"}));
+}
+
+QTEST_GUILESS_MAIN(TestInfoScalars)
+#include "tst_infoscalars.moc"

@@ -1,0 +1,477 @@
+// The start of the agent, its record and setters, its session to the master and its descriptors.
+#include "support/agentbench.h"
+
+#include "agent/modules.h"
+
+#include <QtTest>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <fcntl.h>
+
+namespace {
+const AgentSurroundings surroundings;
+
+QStringList lines(std::initializer_list<const char *> texts)
+{
+    QStringList list;
+    for (const char *text : texts)
+        list.append(QString::fromLatin1(text));
+    return list;
+}
+
+struct SessionLog {
+    QList<bool> changes;
+    static void note(void *context, bool open) { static_cast<SessionLog *>(context)->changes.append(open); }
+};
+
+// What stands between the two library calls of the start, on model 6420.
+const QStringList moduleLines = lines({
+    "init_voltageTable() 6420 ",
+    "voltageTable: initialize_table_voltageTable()",
+    "initVoltageTableModel() VQ9",
+    "init_tempTable()",
+    "tempTable: initialize_table_tempTable()",
+    "init_fanTable()",
+    "fanTable: initialize_table_fanTable()",
+    "ampChannelTable: initialize_table_ampChannelTable()",
+    "initAmpChannelTableModel() VQ9",
+    "controlOutputTable: initialize_table_controlOutputTable()",
+    "controlOutputCount Initializing",
+    "controlInputTable: initialize_table_controlInputTable()",
+    "controlInputCount Initializing",
+    "letChannel1Table: initialize_table_letChannel1Table()",
+    "letChannel2Table: initialize_table_letChannel2Table()",
+    "lineInTable: initialize_table_lineInTable()",
+    "ethMonitoringTable: initialize_table_ethMonitoringTable()",
+    "powerTable: initialize_table_powerTable()",
+    "relayTable: initialize_table_relayTable()",
+});
+} // namespace
+
+class TestKvAgent : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void beforeTheStartNothingHappens();
+    void theStartPrintsItsSteps_data();
+    void theStartPrintsItsSteps();
+    void theStartFillsTheRecord();
+    void theLibraryIsSetUpAsASubAgent();
+    void settersStoreAndRefillAtOnce();
+    void powerAndRelaySettersOnlyStore();
+    void modelsWithoutARowSetAreLeftAlone();
+    void loadsOfModelsWithoutARowSetSucceed();
+    void theRelayLoadFailsOnOtherModels();
+    void ampChannelRowsOfSingleOutputModelsStayAtOne();
+    void everyModuleSaysWhatIsMissing_data();
+    void everyModuleSaysWhatIsMissing();
+    void theSystemNameIsCutAndTerminated();
+    void descriptorsBeyondTheSelectLimitAreNamed();
+    // Up to here this process itself has started no agent; from here it has.
+    void sessionChangesAreTold();
+    void theDescriptorsAreTheLibrarysPipes();
+};
+
+void TestKvAgent::beforeTheStartNothingHappens()
+{
+    QVERIFY(kvAgent == nullptr);
+    static const VoltageRecord voltage = {};
+    static RelayRecord relay = {};
+    QCOMPARE(printed([] {
+                 setTalVoltageTableData(&voltage);
+                 setTalRelayTableData(&relay);
+                 setSystemName("name");
+             }),
+             QStringList());
+    std::vector<int> descriptors{1, 2, 3};
+    kaDescriptors(descriptors);
+    QVERIFY(descriptors.empty());
+    QCOMPARE(trapGate(), TrapGate::noSession);
+    QCOMPARE(printed(initInfoScalars), lines({"copyInfoData()  kvAgent->infoData == NULL, cannot continue !"}));
+}
+
+void TestKvAgent::theStartPrintsItsSteps_data()
+{
+    QTest::addColumn<uint>("model");
+    QTest::addColumn<QStringList>("modules");
+    QTest::newRow("6420") << 6420U << moduleLines;
+    QStringList without = moduleLines;
+    without.removeAt(8);
+    without.removeAt(2);
+    without[0] = QStringLiteral("init_voltageTable() 6410 ");
+    QTest::newRow("6410: no lines for its models") << 6410U << without;
+    QStringList receiver = moduleLines;
+    receiver[0] = QStringLiteral("init_voltageTable() 6425 ");
+    receiver[2] = QStringLiteral("initVoltageTableModel() VQ9-RX");
+    QTest::newRow("6425") << 6425U << receiver;
+    QTest::newRow("6412: unknown, nothing registered") << 6412U << QStringList();
+    QTest::newRow("0") << 0U << QStringList();
+}
+
+void TestKvAgent::theStartPrintsItsSteps()
+{
+    QFETCH(uint, model);
+    QFETCH(QStringList, modules);
+    QStringList expected = lines({"Starting kvAgent", "return from init_agent() ret:0"});
+    expected += modules;
+    expected += lines({"return from init_snmp()", "Init sendTrap() function", "FINISH kaAgentStart()"});
+    QCOMPARE(printedInOwnProcess([model] { kaAgentStart(model, 1, ""); }), expected);
+}
+
+void TestKvAgent::theStartFillsTheRecord()
+{
+    const QStringList facts = printedInOwnProcess([] {
+        const char *text = "Orvane Brisel";
+        kaAgentStart(6720, 200, text);
+        const KvAgent &agent = *kvAgent;
+        std::printf("facts %u %d %d", agent.modelNumber, agent.ampType, agent.modelText == text);
+        std::printf(" %d", agent.talVoltageTableData == nullptr && agent.talTempTableData == nullptr &&
+                               agent.talFanTableData == nullptr && agent.talAmpChannelTableData == nullptr &&
+                               agent.talControlOutputTableData == nullptr &&
+                               agent.talControlInputTableData == nullptr && agent.talLetChannelTableData == nullptr &&
+                               agent.talLineInTableData == nullptr && agent.talEthMonitoringTableData == nullptr &&
+                               agent.talPowerTableData == nullptr && agent.talRelayTableData == nullptr &&
+                               agent.infoData == nullptr);
+        std::printf(" %d %d\n", agent.sendTrap == &sendTrap, agent.systemName[0]);
+    });
+    QCOMPARE(facts.last(), QStringLiteral("facts 6720 200 1 1 1 0"));
+}
+
+void TestKvAgent::theLibraryIsSetUpAsASubAgent()
+{
+    const QStringList facts = printedInOwnProcess([] {
+        kaAgentStart(6720, 1, "");
+        std::printf("facts %d %d %d\n", netsnmp_ds_get_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE),
+                    netsnmp_ds_get_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_MAX_GETBULKREPEATS),
+                    netsnmp_ds_get_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_MAX_GETBULKRESPONSES));
+    });
+    QCOMPARE(facts.last(), QStringLiteral("facts 1 1 1"));
+}
+
+void TestKvAgent::settersStoreAndRefillAtOnce()
+{
+    const QStringList output = printedInOwnProcess([] {
+        static TableRecords records = tellingRecords();
+        {
+            StandardOutput progress;
+            kaAgentStart(6420, 1, "");
+        }
+        handOver(records);
+        const KvAgent &agent = *kvAgent;
+        std::printf("%d",
+                    agent.talVoltageTableData == &records.voltage && agent.talTempTableData == &records.temp &&
+                        agent.talFanTableData == &records.fan && agent.talAmpChannelTableData == &records.ampChannel &&
+                        agent.talControlOutputTableData == &records.controlOutput &&
+                        agent.talControlInputTableData == &records.controlInput &&
+                        agent.talLetChannelTableData == &records.let && agent.talLineInTableData == &records.lineIn &&
+                        agent.talEthMonitoringTableData == &records.ethMonitoring &&
+                        agent.talPowerTableData == &records.power && agent.talRelayTableData == &records.relay);
+    });
+    QCOMPARE(
+        output,
+        lines({"copyTalVoltageTableData()", "refillVoltageTableEntries()", "copyTalTempTableData()",
+               "refillTempTableEntries()", "copyTalFanTableData()", "refillFanTableEntries()",
+               "copyTalAmpChannelTableData()", "refillAmpChannelTableEntries()", "copyTalControlOutputTableData()",
+               "refillControlOutputTableEntries()", "copyTalControlInputTableData()",
+               "refillControlInputTableEntries()", "copyTalLetChannelTableData() for letChannel: 1",
+               "copyTalLetChannelTableData() for letChannel: 2", "copyTalEthMonitoringTableData()",
+               "refillEthMonitoringTableEntries()", "copyTalLineInTableData()", "refillLineInTableEntries()", "1"}));
+}
+
+void TestKvAgent::powerAndRelaySettersOnlyStore()
+{
+    const QStringList output = printedInOwnProcess([] {
+        static PowerRecord power = {{{3, 3}, {3, 3}}};
+        static RelayRecord relay = {};
+        kaAgentStart(6410, 1, "");
+        setTalPowerTableData(&power);
+        setTalRelayTableData(&relay);
+        StandardOutput progress;
+        kvAgent->talPowerTableData = nullptr; // so that the request's load copies nothing
+        const QStringList stored = snmpGet({QStringLiteral("3.5.1.1.4.1")});
+        kvAgent->talPowerTableData = &power;
+        expireCache(QStringLiteral("3.5.1"));
+        const QStringList loaded = snmpGet({QStringLiteral("3.5.1.1.4.1")});
+        progress.takeText();
+        std::fprintf(stderr, "%s %s\n", qPrintable(stored.first()), qPrintable(loaded.first()));
+        std::_Exit(stored.first().endsWith(QLatin1String("INTEGER 1")) &&
+                           loaded.first().endsWith(QLatin1String("INTEGER 3"))
+                       ? 0
+                       : 1);
+    });
+    QCOMPARE(output.last(), QStringLiteral("FINISH kaAgentStart()"));
+}
+
+void TestKvAgent::modelsWithoutARowSetAreLeftAlone()
+{
+    const QStringList output = printedInOwnProcess([] {
+        static TableRecords records = tellingRecords();
+        StandardOutput progress;
+        kaAgentStart(6913, 1, "");
+        handOver(records);
+        // No voltage row there, but the record is set, and the load is a good one that prints nothing more.
+        progress.takeText();
+        const int result = voltageTable_load(nullptr, nullptr);
+        const QStringList said = progress.takeLines();
+        std::_Exit(result == 0 && said == lines({"voltageTable_load()"}) ? 0 : 1);
+    });
+    QCOMPARE(output, QStringList());
+}
+
+void TestKvAgent::loadsOfModelsWithoutARowSetSucceed()
+{
+    const QStringList output = printedInOwnProcess([] {
+        static TableRecords records = tellingRecords();
+        {
+            StandardOutput progress;
+            kaAgentStart(6891, 1, "");
+            handOver(records);
+        }
+        for (NetsnmpCacheLoad *load :
+             {voltageTable_load, tempTable_load, fanTable_load, ampChannelTable_load, controlOutputTable_load,
+              controlInputTable_load, letChannel1Table_load, letChannel2Table_load, lineInTable_load,
+              ethMonitoringTable_load, powerTable_load, relayTable_load})
+            std::printf("%d\n", load(nullptr, nullptr));
+    });
+    QCOMPARE(output, lines({"voltageTable_load()",
+                            "0",
+                            "tempTable_load()",
+                            "0",
+                            "fanTable_load()",
+                            "0",
+                            "ampChannelTable_load()",
+                            "0",
+                            "controlOutputTable_load()",
+                            "copyTalControlOutputTableData()",
+                            "refillControlOutputTableEntries()",
+                            "0",
+                            "controlInputTable_load()",
+                            "copyTalControlInputTableData()",
+                            "refillControlInputTableEntries()",
+                            "0",
+                            "letChannel1Table_load()",
+                            "0",
+                            "letChannel2Table_load()",
+                            "0",
+                            "lineInTable_load()",
+                            "0",
+                            "ethMonitoringTable_load()",
+                            "0",
+                            "powerTable_load()",
+                            "0",
+                            "relayTable_load()",
+                            "copyTalRelayTableData()",
+                            "refillRelayTableEntries()",
+                            "0"}));
+}
+
+void TestKvAgent::theRelayLoadFailsOnOtherModels()
+{
+    const QStringList output = printedInOwnProcess([] {
+        static RelayRecord relay = {};
+        {
+            StandardOutput progress;
+            kaAgentStart(6410, 1, "");
+        }
+        std::printf("%d\n", relayTable_load(nullptr, nullptr)); // the messages come first
+        setTalRelayTableData(&relay);
+        std::printf("%d\n", relayTable_load(nullptr, nullptr));
+    });
+    QCOMPARE(output, lines({"relayTable_load()", "relayTable_load() kvAgent->talRelayTableData == NULL", "-1",
+                            "relayTable_load()", "-1"}));
+}
+
+void TestKvAgent::ampChannelRowsOfSingleOutputModelsStayAtOne()
+{
+    const QStringList output = printedInOwnProcess([] {
+        static const AmpChannelRecord channels = {{{3, 7, 0, 0}, {3, 7, 0, 0}}};
+        {
+            StandardOutput progress;
+            kaAgentStart(6601, 1, "");
+        }
+        setTalAmpChannelTableData(&channels);
+        StandardOutput progress;
+        const QStringList answers = snmpGet({QStringLiteral("3.7.3.1.3.1"), QStringLiteral("3.7.3.1.4.1")});
+        std::_Exit(answers == lines({"3.7.3.1.3.1 INTEGER 1", "3.7.3.1.4.1 INTEGER 1"}) ? 0 : 1);
+    });
+    QCOMPARE(output, lines({"copyTalAmpChannelTableData()", "refillAmpChannelTableEntries()"}));
+}
+
+void TestKvAgent::everyModuleSaysWhatIsMissing_data()
+{
+    QTest::addColumn<int>("place");
+    int place = 0;
+    for (const char *name : {"voltageTable", "tempTable", "fanTable", "ampChannelTable", "controlOutputTable",
+                             "controlInputTable", "lineInTable", "ethMonitoringTable", "powerTable", "relayTable"})
+        QTest::newRow(name) << place++;
+}
+
+void TestKvAgent::everyModuleSaysWhatIsMissing()
+{
+    struct Module {
+        NetsnmpCacheLoad *load;
+        NetsnmpCacheFree *free;
+        Netsnmp_Node_Handler *handler;
+        Netsnmp_Next_Data_Point *next;
+        Netsnmp_Node_Handler *count; // null: the table has none
+        const char *countName;
+        void (*create)();
+        void (*remove)();
+    };
+    static const Module modules[] = {
+        {voltageTable_load, voltageTable_free, voltageTable_handler, voltageTable_get_next_data_point,
+         handle_voltageTableCount, "handle_voltageTableCount", voltageTable_createEntry, voltageTable_removeEntry},
+        {tempTable_load, tempTable_free, tempTable_handler, tempTable_get_next_data_point, handle_tempTableCount,
+         "handle_tempTableCount", tempTable_createEntry, tempTable_removeEntry},
+        {fanTable_load, fanTable_free, fanTable_handler, fanTable_get_next_data_point, handle_fanTableCount,
+         "handle_fanTableCount", fanTable_createEntry, fanTable_removeEntry},
+        {ampChannelTable_load, ampChannelTable_free, ampChannelTable_handler, ampChannelTable_get_next_data_point,
+         handle_ampChannelCount, "handle_ampChannelCount", ampChannelTable_createEntry, ampChannelTable_removeEntry},
+        {controlOutputTable_load, controlOutputTable_free, controlOutputTable_handler,
+         controlOutputTable_get_next_data_point, handle_controlOutputCount, "handle_controlOutputCount",
+         controlOutputTable_createEntry, controlOutputTable_removeEntry},
+        {controlInputTable_load, controlInputTable_free, controlInputTable_handler,
+         controlInputTable_get_next_data_point, handle_controlInputCount, "handle_controlInputCount",
+         controlInputTable_createEntry, controlInputTable_removeEntry},
+        {lineInTable_load, lineInTable_free, lineInTable_handler, lineInTable_get_next_data_point, nullptr, "",
+         lineInTable_createEntry, lineInTable_removeEntry},
+        {ethMonitoringTable_load, ethMonitoringTable_free, ethMonitoringTable_handler,
+         ethMonitoringTable_get_next_data_point, nullptr, "", ethMonitoringTable_createEntry,
+         ethMonitoringTable_removeEntry},
+        {powerTable_load, powerTable_free, powerTable_handler, powerTable_get_next_data_point, nullptr, "",
+         powerTable_createEntry, powerTable_removeEntry},
+        {relayTable_load, relayTable_free, relayTable_handler, relayTable_get_next_data_point, nullptr, "",
+         relayTable_createEntry, relayTable_removeEntry},
+    };
+    QFETCH(int, place);
+    const Module &module = modules[place];
+    const QString name = QString::fromLatin1(QTest::currentDataTag());
+    const QString pointer = QLatin1String("tal") + name[0].toUpper() + name.mid(1) + QLatin1String("Data");
+
+    int result = 0;
+    const auto load = [&] { result = module.load(nullptr, nullptr); };
+    QCOMPARE(printed(load),
+             (QStringList{name + QLatin1String("_load()"), name + QLatin1String("_load() kvAgent == NULL")}));
+    QCOMPARE(result, -1);
+    KvAgent agent = {};
+    agent.modelNumber = 6214;
+    kvAgent = &agent;
+    const QStringList said = printed(load);
+    kvAgent = nullptr;
+    QCOMPARE(said, (QStringList{name + QLatin1String("_load()"),
+                                name + QLatin1String("_load() kvAgent->") + pointer + QLatin1String(" == NULL")}));
+    QCOMPARE(result, -1);
+
+    QCOMPARE(printed([&] { result = module.handler(nullptr, nullptr, nullptr, nullptr); }),
+             QStringList{name + QLatin1String("_handler() ERROR reqinfo was NULL ")});
+    QCOMPARE(result, 3);
+    QCOMPARE(printed([&] { module.free(nullptr, nullptr); }), QStringList{name + QLatin1String("_free()")});
+    void *loop = nullptr;
+    void *row = nullptr;
+    netsnmp_variable_list index = {};
+    const void *next = &index;
+    QCOMPARE(printed([&] { next = module.next(&loop, &row, &index, nullptr); }),
+             QStringList{name + QLatin1String("_get_next_data_point()")});
+    QVERIFY(next == nullptr);
+    QCOMPARE(printed(module.create), QStringList{name + QLatin1String("_createEntry()")});
+    QCOMPARE(printed(module.remove), QStringList{name + QLatin1String("_removeEntry()")});
+    if (module.count != nullptr) {
+        AgentLog log;
+        netsnmp_agent_request_info info = {};
+        info.mode = MODE_SET_RESERVE2;
+        QCOMPARE(module.count(nullptr, nullptr, &info, nullptr), 5);
+        QCOMPARE(log.lines, QStringList{QStringLiteral("%1 unknown mode (%2) in %3")
+                                            .arg(LOG_ERR)
+                                            .arg(MODE_SET_RESERVE2)
+                                            .arg(QLatin1String(module.countName))});
+    }
+}
+
+void TestKvAgent::theSystemNameIsCutAndTerminated()
+{
+    KvAgent agent = {};
+    kvAgent = &agent;
+    setSystemName(std::string(300, 'n'));
+    QCOMPARE(QByteArray(agent.systemName), QByteArray(256, 'n'));
+    QCOMPARE(agent.systemName[256], '\0');
+    setSystemName("Hall");
+    QCOMPARE(QByteArray(agent.systemName), QByteArray("Hall"));
+    setSystemName("");
+    QCOMPARE(agent.systemName[0], '\0');
+    kvAgent = nullptr;
+}
+
+void TestKvAgent::descriptorsBeyondTheSelectLimitAreNamed()
+{
+    const QStringList output = printedInOwnProcess([] {
+        rlimit limit = {};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        for (int last = 0; last >= 0 && last < FD_SETSIZE + 10;)
+            last = dup(STDERR_FILENO);
+        StandardOutput progress;
+        kaAgentStart(6410, 1, "");
+        std::vector<int> descriptors;
+        kaDescriptors(descriptors);
+        std::_Exit(!descriptors.empty() && descriptors.front() > FD_SETSIZE ? 0 : 1);
+    });
+    QCOMPARE(output, QStringList());
+}
+
+void TestKvAgent::sessionChangesAreTold()
+{
+    SessionLog log;
+    setSessionCallback(SessionLog::note, &log);
+    printed([] { kaAgentStart(6410, 1, ""); }); // there is no master, so no session opens by itself
+    QCOMPARE(log.changes, QList<bool>());
+    QCOMPARE(trapGate(), TrapGate::noSession);
+
+    netsnmp_session session = {};
+    session.retries = 5;
+    snmp_call_callbacks(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_START, &session);
+    QCOMPARE(log.changes, (QList<bool>{true}));
+    QCOMPARE(session.retries, 0); // a notification that is repeated is a doubled trap
+    QCOMPARE(trapGate(), TrapGate::open);
+
+    snmp_call_callbacks(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_STOP, &session);
+    QCOMPARE(log.changes, (QList<bool>{true, false}));
+    QCOMPARE(trapGate(), TrapGate::noSession);
+
+    setSessionCallback(nullptr, nullptr);
+    snmp_call_callbacks(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_START, &session);
+    QCOMPARE(log.changes.size(), 2);
+    QCOMPARE(trapGate(), TrapGate::open);
+    snmp_call_callbacks(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_STOP, &session);
+}
+
+void TestKvAgent::theDescriptorsAreTheLibrarysPipes()
+{
+    QVERIFY(kvAgent != nullptr); // started by the test before
+    std::vector<int> descriptors{99};
+    kaDescriptors(descriptors);
+    QVERIFY(!descriptors.empty());
+    QVERIFY(std::is_sorted(descriptors.begin(), descriptors.end()));
+    for (const int descriptor : descriptors)
+        QVERIFY(fcntl(descriptor, F_GETFD) >= 0);
+
+    // A session more is a descriptor more, and one less when it closes.
+    netsnmp_session peer = {};
+    snmp_sess_init(&peer);
+    std::string name = "udp:127.0.0.1:9";
+    peer.peername = name.data();
+    peer.version = SNMP_VERSION_2c;
+    netsnmp_session *session = snmp_open(&peer);
+    QVERIFY(session != nullptr);
+    std::vector<int> more;
+    kaDescriptors(more);
+    QCOMPARE(more.size(), descriptors.size() + 1);
+    snmp_close(session);
+    kaDescriptors(more);
+    QCOMPARE(more, descriptors);
+}
+
+QTEST_GUILESS_MAIN(TestKvAgent)
+#include "tst_kvagent.moc"

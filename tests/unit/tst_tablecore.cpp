@@ -1,0 +1,347 @@
+// What every table and every scalar does alike, on a small table of its own.
+#include "support/agentbench.h"
+
+#include "agent/scalarcore.h"
+#include "agent/tablecore.h"
+
+#include <QtTest>
+
+namespace {
+const AgentSurroundings surroundings;
+
+constexpr Line goodSet[] = {{1, "one", 2}, {3, "three", 0}, {4, "four", 1}};
+constexpr Line fallingSet[] = {{2, "two", 0}, {1, "one", 1}};
+constexpr Line doubledSet[] = {{1, "one", 0}, {1, "again", 1}};
+constexpr Line zeroSet[] = {{0, "none", 0}};
+constexpr RowSet rowSets[] = {{{6420, 6720}, goodSet, "LABEL"}, {{6410}, zeroSet}};
+
+static_assert(goodLines(goodSet, 3));
+static_assert(!goodLines(goodSet, 2), "a source outside the record");
+static_assert(!goodLines(fallingSet, 3));
+static_assert(!goodLines(doubledSet, 3));
+static_assert(!goodLines(zeroSet, 3), "indices count from 1");
+static_assert(!goodLines(rowSets, 3), "one bad set is enough");
+static_assert(highestIndex(rowSets) == 4);
+
+struct BenchRow : TableRow {
+    std::uint32_t number = 7;
+    RowText<8> text = rowText<8>("start");
+};
+
+constexpr RowText<8> fixedText = rowText<8>("fixed");
+
+constexpr Column columns[] = {
+    {ASN_INTEGER, cell<&BenchRow::index>},
+    {ASN_OCTET_STR, cell<&BenchRow::description>},
+    {ASN_GAUGE, cell<&BenchRow::number>},
+    {ASN_OCTET_STR, constantCell<fixedText>},
+};
+
+struct BenchRecord {
+    std::uint32_t values[3];
+};
+
+class BenchRows : public Rows<BenchRow, 4> {
+public:
+    BenchRow *first() { return static_cast<BenchRow *>(m_head); }
+};
+
+/// A request as the library hands it to a table's handler.
+class Request {
+public:
+    Request(TableRow *row, unsigned int column, bool withTableInfo = true)
+    {
+        m_info.colnum = column;
+        m_request.requestvb = &m_variable;
+        m_variable.type = ASN_NULL;
+        if (withTableInfo)
+            netsnmp_request_add_list_data(&m_request, netsnmp_create_data_list(TABLE_HANDLER_NAME, &m_info, nullptr));
+        if (row != nullptr)
+            netsnmp_request_add_list_data(&m_request, netsnmp_create_data_list(TABLE_ITERATOR_NAME, row, nullptr));
+    }
+    ~Request()
+    {
+        netsnmp_free_request_data_sets(&m_request);
+        snmp_set_var_value(&m_variable, nullptr, 0);
+    }
+    Request(const Request &) = delete;
+    Request &operator=(const Request &) = delete;
+
+    void follow(Request &previous) { previous.m_request.next = &m_request; }
+    netsnmp_request_info *raw() { return &m_request; }
+    u_char type() const { return m_variable.type; }
+    long number() const { return *m_variable.val.integer; }
+    QByteArray text() const
+    {
+        return {reinterpret_cast<const char *>(m_variable.val.string), static_cast<int>(m_variable.val_len)};
+    }
+
+private:
+    netsnmp_table_request_info m_info = {};
+    netsnmp_variable_list m_variable = {};
+    netsnmp_request_info m_request = {};
+};
+
+int serve(Request &request, int mode = MODE_GET)
+{
+    netsnmp_agent_request_info info = {};
+    info.mode = mode;
+    return serveTable("benchTable", columns, &info, request.raw());
+}
+} // namespace
+
+class TestTableCore : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase() { m_rows.use(goodSet); }
+    void rowSetsGoByModel();
+    void rowsAreChainedInOrder();
+    void theWalkHandsOutEachRowOnce();
+    void anEmptyChainEndsAtOnce();
+    void refillTakesEachRowsSource();
+    void refillWithoutARecordChangesNothing();
+    void cellsHaveTheirTypes();
+    void textsAreNeverPadded();
+    void textsAreCutToTheirField();
+    void aMissingRowIsNoSuchInstance();
+    void aColumnOutsideIsNoSuchObject();
+    void otherModesTouchNothing_data();
+    void otherModesTouchNothing();
+    void missingRequestInformationIsAnError();
+    void missingTableInformationEndsThePdu();
+    void aLoadNeedsTheAgentAndTheRecord();
+    void aScalarAnswersAGet();
+    void aScalarRefusesOtherModes();
+
+private:
+    BenchRows m_rows;
+};
+
+void TestTableCore::rowSetsGoByModel()
+{
+    QVERIFY(rowSetOf(rowSets) == nullptr); // no agent, no model
+    KvAgent agent = {};
+    kvAgent = &agent;
+    agent.modelNumber = 6720;
+    QCOMPARE(rowSetOf(rowSets), &rowSets[0]);
+    agent.modelNumber = 6410;
+    QCOMPARE(rowSetOf(rowSets), &rowSets[1]);
+    agent.modelNumber = 6425;
+    QVERIFY(rowSetOf(rowSets) == nullptr);
+    agent.modelNumber = 1;
+    QVERIFY(rowSetOf(rowSets) == nullptr);
+    kvAgent = nullptr;
+}
+
+void TestTableCore::rowsAreChainedInOrder()
+{
+    QCOMPARE(m_rows.count(), 3U);
+    QList<uint> indices;
+    QList<std::size_t> sources;
+    for (const TableRow *row = m_rows.first(); row != nullptr; row = row->next) {
+        indices.append(row->index);
+        sources.append(row->source);
+        QCOMPARE(row->status, 1U);
+    }
+    QCOMPARE(indices, (QList<uint>{1, 3, 4}));
+    QCOMPARE(sources, (QList<std::size_t>{2, 0, 1}));
+}
+
+void TestTableCore::theWalkHandsOutEachRowOnce()
+{
+    void *loop = nullptr;
+    void *data = nullptr;
+    netsnmp_variable_list index = {};
+    QList<long> indices;
+    m_rows.rewind(&loop);
+    while (RowChain::next(&loop, &data, &index) != nullptr) {
+        QCOMPARE(index.type, u_char{ASN_INTEGER});
+        QCOMPARE(static_cast<TableRow *>(data)->index, static_cast<std::uint32_t>(*index.val.integer));
+        indices.append(*index.val.integer);
+    }
+    QCOMPARE(indices, (QList<long>{1, 3, 4}));
+}
+
+void TestTableCore::anEmptyChainEndsAtOnce()
+{
+    const BenchRows empty;
+    void *loop = &loop;
+    void *data = nullptr;
+    netsnmp_variable_list index = {};
+    empty.rewind(&loop);
+    QVERIFY(RowChain::next(&loop, &data, &index) == nullptr);
+    QCOMPARE(empty.count(), 0U);
+}
+
+void TestTableCore::refillTakesEachRowsSource()
+{
+    const BenchRecord record = {{10, 11, 12}};
+    m_rows.refill(&record, [](BenchRow &row, const BenchRecord &from) { row.number = from.values[row.source]; });
+    const BenchRow *row = m_rows.first();
+    QCOMPARE(row->number, 12U);
+    row = static_cast<const BenchRow *>(row->next);
+    QCOMPARE(row->number, 10U);
+    row = static_cast<const BenchRow *>(row->next);
+    QCOMPARE(row->number, 11U);
+}
+
+void TestTableCore::refillWithoutARecordChangesNothing()
+{
+    const std::uint32_t before = m_rows.first()->number;
+    const BenchRecord *none = nullptr;
+    m_rows.refill(none, [](BenchRow &row, const BenchRecord &from) { row.number = from.values[0]; });
+    QCOMPARE(m_rows.first()->number, before);
+}
+
+void TestTableCore::cellsHaveTheirTypes()
+{
+    m_rows.first()->number = 4000000000U; // a Gauge32 has no sign
+    Request index(m_rows.first(), 1);
+    Request description(m_rows.first(), 2);
+    Request number(m_rows.first(), 3);
+    Request fixed(m_rows.first(), 4);
+    description.follow(index);
+    number.follow(description);
+    fixed.follow(number);
+    QCOMPARE(serve(index), int{SNMP_ERR_NOERROR});
+    QCOMPARE(index.type(), u_char{ASN_INTEGER});
+    QCOMPARE(index.number(), 1L);
+    QCOMPARE(description.type(), u_char{ASN_OCTET_STR});
+    QCOMPARE(description.text(), QByteArray("one"));
+    QCOMPARE(number.type(), u_char{ASN_GAUGE});
+    QCOMPARE(static_cast<std::uint32_t>(number.number()), 4000000000U);
+    QCOMPARE(fixed.type(), u_char{ASN_OCTET_STR});
+    QCOMPARE(fixed.text(), QByteArray("fixed"));
+}
+
+void TestTableCore::textsAreNeverPadded()
+{
+    BenchRows rows;
+    rows.use(1, "", 0);
+    Request request(rows.first(), 2);
+    QCOMPARE(serve(request), int{SNMP_ERR_NOERROR});
+    QCOMPARE(request.type(), u_char{ASN_OCTET_STR});
+    QCOMPARE(request.text(), QByteArray(""));
+}
+
+void TestTableCore::textsAreCutToTheirField()
+{
+    RowText<8> field = {};
+    setText(field, "0123456789");
+    QCOMPARE(field.length, 7U);
+    QCOMPARE(QByteArray(field.text), QByteArray("0123456"));
+}
+
+void TestTableCore::aMissingRowIsNoSuchInstance()
+{
+    for (const unsigned int column : {1U, 4U}) {
+        Request request(nullptr, column);
+        QCOMPARE(serve(request), int{SNMP_ERR_NOERROR});
+        QCOMPARE(request.type(), u_char{SNMP_NOSUCHINSTANCE});
+    }
+}
+
+void TestTableCore::aColumnOutsideIsNoSuchObject()
+{
+    for (const unsigned int column : {0U, 5U, 4000000000U}) {
+        Request request(m_rows.first(), column);
+        QCOMPARE(serve(request), int{SNMP_ERR_NOERROR});
+        QCOMPARE(request.type(), u_char{SNMP_NOSUCHOBJECT});
+    }
+}
+
+void TestTableCore::otherModesTouchNothing_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::newRow("GETNEXT") << int{MODE_GETNEXT};
+    QTest::newRow("GETBULK") << int{MODE_GETBULK};
+    QTest::newRow("SET, first step") << int{MODE_SET_RESERVE1};
+    QTest::newRow("SET, action") << int{MODE_SET_ACTION};
+    QTest::newRow("none at all") << 12345;
+}
+
+void TestTableCore::otherModesTouchNothing()
+{
+    QFETCH(int, mode);
+    Request request(m_rows.first(), 1);
+    Request bad(nullptr, 9, false);
+    bad.follow(request);
+    QCOMPARE(serve(request, mode), 0);
+    QCOMPARE(request.type(), u_char{ASN_NULL});
+    QCOMPARE(bad.type(), u_char{ASN_NULL});
+}
+
+void TestTableCore::missingRequestInformationIsAnError()
+{
+    Request request(m_rows.first(), 1);
+    int result = 0;
+    const QStringList lines = printed([&] { result = serveTable("benchTable", columns, nullptr, request.raw()); });
+    QCOMPARE(result, 3);
+    QCOMPARE(lines, QStringList{QStringLiteral("benchTable_handler() ERROR reqinfo was NULL ")});
+    QCOMPARE(request.type(), u_char{ASN_NULL});
+}
+
+void TestTableCore::missingTableInformationEndsThePdu()
+{
+    Request before(m_rows.first(), 1);
+    Request bad(m_rows.first(), 1, false);
+    Request behind(m_rows.first(), 1);
+    bad.follow(before);
+    behind.follow(bad);
+    int result = 0;
+    const QStringList lines = printed([&] { result = serve(before); });
+    QCOMPARE(result, 3);
+    QCOMPARE(lines,
+             QStringList{QStringLiteral("benchTable_handler() ERROR extracting table_info. table_info was NULL ")});
+    QCOMPARE(before.type(), u_char{ASN_INTEGER});
+    QCOMPARE(bad.type(), u_char{SNMP_NOSUCHOBJECT});
+    QCOMPARE(behind.type(), u_char{ASN_NULL});
+}
+
+void TestTableCore::aLoadNeedsTheAgentAndTheRecord()
+{
+    const auto load = [] { return canLoad("benchTable", &KvAgent::talFanTableData, "talFanTableData"); };
+    bool can = true;
+    QCOMPARE(printed([&] { can = load(); }), QStringList{QStringLiteral("benchTable_load() kvAgent == NULL")});
+    QVERIFY(!can);
+
+    KvAgent agent = {};
+    kvAgent = &agent;
+    QCOMPARE(printed([&] { can = load(); }),
+             QStringList{QStringLiteral("benchTable_load() kvAgent->talFanTableData == NULL")});
+    QVERIFY(!can);
+
+    const FanRecord record = {};
+    agent.talFanTableData = &record;
+    QCOMPARE(printed([&] { can = load(); }), QStringList());
+    QVERIFY(can);
+    kvAgent = nullptr;
+}
+
+void TestTableCore::aScalarAnswersAGet()
+{
+    netsnmp_agent_request_info info = {};
+    info.mode = MODE_GET;
+    Request request(nullptr, 0);
+    QCOMPARE(serveInteger("handle_bench", 13, &info, request.raw()), int{SNMP_ERR_NOERROR});
+    QCOMPARE(request.type(), u_char{ASN_INTEGER});
+    QCOMPARE(request.number(), 13L);
+    QCOMPARE(serveScalar("handle_bench", ASN_OCTET_STR, {"abc", 2}, &info, request.raw()), int{SNMP_ERR_NOERROR});
+    QCOMPARE(request.type(), u_char{ASN_OCTET_STR});
+    QCOMPARE(request.text(), QByteArray("ab"));
+}
+
+void TestTableCore::aScalarRefusesOtherModes()
+{
+    AgentLog log;
+    netsnmp_agent_request_info info = {};
+    info.mode = MODE_SET_RESERVE1;
+    Request request(nullptr, 0);
+    QCOMPARE(serveInteger("handle_bench", 13, &info, request.raw()), 5);
+    QCOMPARE(request.type(), u_char{ASN_NULL});
+    QCOMPARE(log.lines, QStringList{QStringLiteral("%1 unknown mode (0) in handle_bench").arg(LOG_ERR)});
+}
+
+QTEST_GUILESS_MAIN(TestTableCore)
+#include "tst_tablecore.moc"
