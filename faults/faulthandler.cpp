@@ -1,0 +1,137 @@
+// The list of active system messages, and which of them are sent as traps.
+#include "faults/faulthandler.h"
+
+#include "agent/kvagent.h"
+#include "faults/trapcatalogue.h"
+
+#include <QDebug>
+
+#include <string_view>
+#include <utility>
+
+namespace {
+
+struct Severity {
+    std::string_view level;
+    std::int32_t number;
+};
+
+// clang-format off
+constexpr Severity severities[] = {
+    {"emerg",   1}, {"alert", 1}, {"crit",  1},
+    {"err",     2},
+    {"warning", 4},
+    {"notice",  5}, {"info",  5}, {"debug", 5},
+};
+// clang-format on
+constexpr std::int32_t otherSeverity = 3;
+
+QLatin1String latin1(std::string_view text)
+{
+    return QLatin1String(text.data(), static_cast<int>(text.size()));
+}
+
+const Trap *trapOf(const QString &msgData)
+{
+    for (const Trap &trap : trapCatalogue)
+        for (const std::string_view msgId : trap.msgIds)
+            if (msgData == latin1(msgId))
+                return &trap;
+    return nullptr;
+}
+
+} // namespace
+
+std::int32_t severityOf(const QString &level)
+{
+    for (const Severity &severity : severities)
+        if (level == latin1(severity.level))
+            return severity.number;
+    return otherSeverity;
+}
+
+FaultHandler::FaultHandler(QObject *parent) : FaultHandler(parent, [] { return trapGate() != TrapGate::open; }) {}
+
+FaultHandler::FaultHandler(QObject *parent, std::function<bool()> senderBlocked)
+    : QObject(parent), m_senderBlocked(std::move(senderBlocked))
+{}
+
+FaultHandler::~FaultHandler() = default;
+
+void FaultHandler::onReportFault(QString reporter, QString repRef, QString msgData, QString infoText, QString timeStamp,
+                                 QString level, bool active)
+{
+    const FaultKey key{reporter, repRef};
+    const auto known = m_arrivals.find(key);
+    if (active) {
+        qDebug().noquote() << "FaultHandler"
+                           << "onReportFault" << QStringLiteral("New Fault: [%1] [%2] ").arg(reporter, repRef);
+        if (known == m_arrivals.end()) {
+            const Arrival arrival = m_nextArrival++;
+            const Trap *const trap = trapOf(msgData);
+            const auto added = m_faults.emplace_hint(m_faults.end(), arrival,
+                                                     FaultRecord{std::move(reporter), std::move(repRef),
+                                                                 std::move(msgData), std::move(infoText),
+                                                                 std::move(timeStamp), std::move(level), false, trap});
+            m_arrivals.insert(key, arrival);
+            if (isDue(added->second))
+                m_due.insert(arrival);
+        }
+    } else {
+        qDebug().noquote() << "FaultHandler"
+                           << "onReportFault" << QStringLiteral("Remove Fault: [%1] [%2]").arg(reporter, repRef);
+        if (known != m_arrivals.end()) {
+            m_faults.erase(*known);
+            m_due.erase(*known);
+            m_arrivals.erase(known);
+        }
+    }
+    reportTraps();
+}
+
+void FaultHandler::onUpdateEnabledSnmpTraps(QMap<QString, bool> &enabledSnmpTraps)
+{
+    for (auto trap = enabledSnmpTraps.cbegin(); trap != enabledSnmpTraps.cend(); ++trap) {
+        if (!trap.value())
+            m_enabledTraps.removeAll(trap.key());
+        else if (!m_enabledTraps.contains(trap.key()))
+            m_enabledTraps.append(trap.key());
+    }
+    qDebug().noquote() << "FaultHandler"
+                       << "onUpdateEnabledSnmpTraps"
+                       << QStringLiteral("Changed Enabled Traps: %1").arg(m_enabledTraps.join(QStringLiteral("; ")));
+
+    m_due.clear();
+    for (const auto &[arrival, fault] : m_faults)
+        if (isDue(fault))
+            m_due.insert(m_due.end(), arrival);
+    reportTraps();
+}
+
+bool FaultHandler::isDue(const FaultRecord &fault) const
+{
+    return !fault.sent && fault.trap != nullptr && m_enabledTraps.contains(latin1(fault.trap->name));
+}
+
+void FaultHandler::reportTraps()
+{
+    if (kvAgent == nullptr || kvAgent->sendTrap == nullptr)
+        return;
+    for (auto due = m_due.begin(); due != m_due.end();) {
+        FaultRecord &fault = m_faults.at(*due);
+        const int result = kvAgent->sendTrap(fault.trap->number, fault.infoText.toUtf8().constData(),
+                                             severityOf(fault.level), fault.timeStamp.toUtf8().constData());
+        fault.sent = result == 0;
+        qDebug().noquote() << "FaultHandler"
+                           << "reportTraps"
+                           << (fault.sent ? QStringLiteral("Trap fault ID: %1 description: %2 ->Send SUCCESS")
+                                          : QStringLiteral("Trap fault ID: %1 description: %2 ->Send FAILED"))
+                                  .arg(QString::number(fault.trap->number), fault.infoText);
+        if (fault.sent)
+            due = m_due.erase(due);
+        else if (m_senderBlocked())
+            return; // the rest waits for the sender, without a line for each
+        else
+            ++due;
+    }
+}
