@@ -1,0 +1,32 @@
+// What the snmpd supervision touches outside the program: files, commands, the system log.
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+#include <functional>
+
+/// A command line.
+struct Command {
+    QString program;
+    QStringList arguments;
+};
+
+inline bool operator==(const Command &a, const Command &b)
+{
+    return a.program == b.program && a.arguments == b.arguments;
+}
+
+struct SnmpdHost {
+    QString configFile;
+    QString configFolder;
+    QString pidFile;
+    std::function<void(const Command &)> run;                           ///< returns when the command has exited
+    std::function<void(const Command &)> startDetached;                 ///< a command that lives on by itself
+    std::function<QByteArray(const Command &, int timeoutMs)> outputOf; ///< nothing if it has not finished by then
+    std::function<void(int priority, const QByteArray &text)> writeSystemLog; ///< priority as for syslog()
+};
+
+/// The device's own paths, child processes and syslog().
+SnmpdHost deviceHost();

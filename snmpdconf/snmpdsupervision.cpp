@@ -1,0 +1,103 @@
+// Keeps snmpd running with the current snmpd.conf: restarts after a change, a clean start, a health probe.
+#include "snmpdconf/snmpdconfhandler.h"
+
+#include <QDebug>
+#include <QFile>
+#include <QFileInfo>
+
+#include <syslog.h>
+
+namespace {
+
+constexpr int startDelayMs = 500; // leaves snmpd time to end and to remove its pid file
+constexpr int probeTimeoutMs = 30000;
+constexpr int memoryLimitKb = 10240;
+constexpr qint64 maxPidLine = 256; // one of them for a terminator
+
+/// What `ps` tells about snmpd: its resident memory in kB as text, empty when there is none. White space is
+/// collapsed; what follows a NUL is dropped.
+QString probeText(QByteArray output)
+{
+    output = output.simplified();
+    const int nul = output.indexOf('\0');
+    return QString::fromLatin1(nul < 0 ? output : output.left(nul));
+}
+
+} // namespace
+
+/// Does nothing while the folder is watched already or is not there.
+void SnmpdConfHandler::watchConfigFolder()
+{
+    if (m_folderWatcher.directories().isEmpty() && QFileInfo::exists(m_host.configFolder))
+        m_folderWatcher.addPath(m_host.configFolder);
+}
+
+void SnmpdConfHandler::onRestartSnmpdTimeout()
+{
+    if (!m_configSettled || !m_customFlagKnown) {
+        m_restartTimer.start();
+        return;
+    }
+    if (!QFile::exists(m_host.configFile)) {
+        qDebug().noquote() << "SnmpdConfHandler"
+                           << "onRestartSnmpdTimeout"
+                           << "Cancel restart snmp, no config file";
+        return;
+    }
+    qDebug().noquote() << "SnmpdConfHandler"
+                       << "onRestartSnmpdTimeout"
+                       << "Restarting snmpd";
+    m_host.run({QStringLiteral("killall"), {QStringLiteral("snmpd")}});
+    QTimer::singleShot(startDelayMs, this, SLOT(doStartSnmpd()));
+    Q_EMIT signalSnmpdConfFinish(); // does not wait for the new snmpd
+}
+
+void SnmpdConfHandler::doStartSnmpd()
+{
+    if (QFileInfo(m_host.pidFile).isFile())
+        killStaleSnmpd();
+    m_host.writeSystemLog(LOG_INFO, m_useCustomConfigFile ? "Starting snmpd (custom snmpd.conf)"
+                                                          : "Starting snmpd (snmpd.conf from TAL)");
+    m_host.startDetached({QStringLiteral("snmpd"), {QStringLiteral("-p"), m_host.pidFile}});
+}
+
+/// A snmpd that was stopped properly has removed its pid file by now.
+void SnmpdConfHandler::killStaleSnmpd() const
+{
+    m_host.writeSystemLog(LOG_ERR, "Snmpd was not properly closed last time");
+    QFile file(m_host.pidFile);
+    if (file.open(QIODevice::ReadOnly | QIODevice::Text)) {
+        QByteArray line = file.readLine(maxPidLine);
+        file.close();
+        if (line.endsWith('\n'))
+            line.chop(1);
+        m_host.run({QStringLiteral("kill"), {QStringLiteral("-9"), QString::fromLocal8Bit(line)}});
+    }
+    m_host.run({QStringLiteral("rm"), {m_host.pidFile}});
+}
+
+void SnmpdConfHandler::watchdogSnmpd()
+{
+    // The options are single words with a blank in them, as the device's ps takes them.
+    const QString text = probeText(m_host.outputOf(
+        {QStringLiteral("ps"), {QStringLiteral("--noheaders"), QStringLiteral("-C snmpd"), QStringLiteral("-o rss")}},
+        probeTimeoutMs));
+
+    if (text.isEmpty()) {
+        qDebug().noquote() << "SnmpdConfHandler"
+                           << "watchdogSnmpd"
+                           << "watchdog restarting snmpd, snmpd not running";
+        m_host.writeSystemLog(LOG_ERR, "Snmpd health check: snmpd is not running");
+        m_restartTimer.start();
+        return;
+    }
+    const int memoryKb = text.toInt(); // 0 for a text that is not one number, as when two snmpd answer
+    if (memoryKb >= memoryLimitKb) {
+        qDebug().noquote() << "SnmpdConfHandler"
+                           << "watchdogSnmpd"
+                           << QLatin1String("watchdog restarting snmpd, memory usage too high: ") + text;
+        m_host.writeSystemLog(LOG_ERR,
+                              "Snmpd health check: memory usage too high: " + QByteArray::number(memoryKb) + " kB");
+        m_restartTimer.start();
+    }
+}
