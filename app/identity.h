@@ -1,0 +1,40 @@
+// What the device is: readers of the small text files that the firmware places under /etc.
+#pragma once
+
+#include "device/infodata.h"
+
+#include <QByteArray>
+#include <QString>
+
+/// The model number, the amplifier type and the information record. A missing or unknown model number is an error;
+/// every other file falls back to "Unknown".
+class Identity {
+public:
+    /// `root` goes before every path; the device's own files have none.
+    explicit Identity(QString root = QString());
+
+    /// True when the file holds an accepted model number.
+    bool readModelNumber();
+    /// For models whose amplifier or power type is told by a file.
+    void readAmpType(quint16 modelNumber);
+    void readPackageVersion();
+    /// To be called after readAmpType(): one amplifier type replaces the text.
+    void readModelType();
+    void readKernelVersion();
+    void readDeviceTreeVersion();
+
+    /// The first line without its line end, byte for byte; empty when there is none.
+    QByteArray readFile(const char *path) const;
+
+    quint16 modelNumber() const { return m_modelNumber; } ///< 0 until read
+    qint32 ampTypeCode() const { return m_ampTypeCode; }
+    const InfoData &infoData() const { return m_infoData; }
+
+private:
+    QString rooted(const char *path) const;
+
+    QString m_root;
+    quint16 m_modelNumber = 0;
+    qint32 m_ampTypeCode = 1;
+    InfoData m_infoData{};
+};

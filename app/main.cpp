@@ -1,0 +1,88 @@
+// The entry: options, pid file, daemon mode, signals, event loop.
+#include "app/kvsnmp.h"
+#include "app/options.h"
+#include "app/pidfilehandler.h"
+#include "app/standardstreams.h"
+
+#include <xrcommon/TalInterface.h>
+
+#include <QCoreApplication>
+#include <QDebug>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <unistd.h>
+
+namespace {
+
+constexpr char pidFilePath[] = "/var/run/kvsnmp.pid";
+
+/// Goes into the background and writes the pid file there; ends the process when another instance runs.
+void becomeDaemon(const PidFileHandler &pidFile)
+{
+    if (pidFile.checkPid() != 0) {
+        std::perror("kvsnmp: Already running.\n");
+        std::exit(EXIT_FAILURE);
+    }
+    std::puts("kvsnmp: forking as daemon..");
+    [[maybe_unused]] const int ignored = daemon(0, 0);
+    if (pidFile.writePid() == 0) {
+        std::perror("kvsnmp: Can't write pid.\n");
+        std::exit(EXIT_FAILURE);
+    }
+}
+
+void installSignalHandlers()
+{
+    struct sigaction action {};
+    action.sa_handler = KvSnmp::handOverSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    for (const int signalNumber : {SIGINT, SIGTERM, SIGHUP}) {
+        // A failure, which is -1, is passed over on purpose.
+        if (sigaction(signalNumber, &action, nullptr) > 0)
+            std::perror("kvsnmp: Error setting up Linux Signal handlers.\n");
+    }
+}
+
+void nameApplication()
+{
+    QCoreApplication::setOrganizationName(QStringLiteral("Orvane"));
+    QCoreApplication::setOrganizationDomain(QStringLiteral("orvane.com"));
+    QCoreApplication::setApplicationName(QStringLiteral("kvsnmp"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(KVSNMP_VERSION));
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    prepareStandardStreams();
+    std::puts("kvsnmp main()");
+    const Options options = parseOptions(argc, argv);
+
+    const PidFileHandler pidFile(pidFilePath);
+    if (options.daemon)
+        becomeDaemon(pidFile);
+    else
+        std::puts("kvsnmp: forking as application..");
+
+    const QCoreApplication app(argc, argv);
+    nameApplication();
+    auto kvSnmp = std::make_unique<KvSnmp>(QCoreApplication::instance());
+    installSignalHandlers();
+    if (options.talDebug)
+        TalInterface::debugPrintEnable();
+    const int status = QCoreApplication::exec();
+
+    qDebug().noquote() << "QApplication*:"
+                       << "main "
+                       << QStringLiteral("Qt Event loop returned with status: %1, application exit..").arg(status);
+    qDebug().noquote() << "QApplication"
+                       << "main "
+                       << "Removing PidFile";
+    pidFile.removePid();
+    kvSnmp.reset();
+    return status;
+}

@@ -1,0 +1,56 @@
+// Standard output and standard error: buffering, SIGPIPE, and writing without waiting.
+#include "app/standardstreams.h"
+
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+/// Started with a closed stream, the next socket would take its number and be printed into.
+void fillMissingStreams()
+{
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (fcntl(descriptor, F_GETFD) < 0)
+            open("/dev/null", O_RDWR); // takes the lowest free number, which is this one
+}
+
+bool canBlock(int descriptor)
+{
+    struct stat info {};
+    if (fstat(descriptor, &info) != 0)
+        return false;
+    return S_ISFIFO(info.st_mode) || S_ISSOCK(info.st_mode) || isatty(descriptor) == 1;
+}
+
+void makeNonBlocking(int descriptor)
+{
+    if (!canBlock(descriptor))
+        return;
+    // The open file is shared with whoever gave it to us, and its flags with it: a pipe or a terminal is opened anew,
+    // so that only we, and the commands that we run, write without waiting. A socket cannot be opened again.
+    const std::string self = "/proc/self/fd/" + std::to_string(descriptor);
+    const int own = open(self.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (own >= 0) {
+        dup2(own, descriptor);
+        close(own);
+        return;
+    }
+    const int flags = fcntl(descriptor, F_GETFL);
+    if (flags >= 0)
+        fcntl(descriptor, F_SETFL, flags | O_NONBLOCK);
+}
+
+} // namespace
+
+void prepareStandardStreams()
+{
+    std::signal(SIGPIPE, SIG_IGN);
+    fillMissingStreams();
+    makeNonBlocking(STDOUT_FILENO);
+    makeNonBlocking(STDERR_FILENO);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+}

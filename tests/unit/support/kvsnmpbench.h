@@ -1,0 +1,134 @@
+// An application object on the bench: its device is a folder, its commands do nothing, nothing of the machine is
+// touched.
+#pragma once
+
+#include "support/messagelog.h"
+#include "support/talbench.h"
+#include "support/talpeer.h"
+
+#include "agent/kvagent.h"
+#include "app/kvsnmp.h"
+#include "snmpdconf/snmpdconfhandler.h"
+#include "tal/talhandler.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTimer>
+#include <QtTest>
+
+#include <memory>
+
+inline void writeFile(const QString &path, const QByteArray &content)
+{
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    QCOMPARE(file.write(content), qint64{content.size()});
+}
+
+/// The identity files, the GPIO tree and every path of the supervision in a folder of its own; commands do nothing.
+class Device {
+public:
+    explicit Device(int model)
+    {
+        QDir(folder.path()).mkpath(QStringLiteral("etc"));
+        QDir(folder.path()).mkpath(QStringLiteral("snmp"));
+        writeFile(folder.filePath(qs("etc/xr-modelnumber")), QByteArray::number(model) + '\n');
+        writeFile(folder.filePath(qs("etc/xr-amptype")), "VQ9C\n");
+        writeFile(folder.filePath(qs("etc/xr-powertype")), "200\n");
+        writeFile(folder.filePath(qs("etc/xr-pkgver")), "1.2.3\n");
+        writeFile(folder.filePath(qs("etc/xr-model")), "Some Device\n");
+        writeFile(folder.filePath(qs("etc/xr-kernelver")), "5.10\n");
+        writeFile(folder.filePath(qs("etc/xr-oftreever")), "7\n");
+        qputenv("XR_GPIO_ROOT", QFile::encodeName(folder.filePath(qs("gpio"))));
+        watchdogFile = QFile::encodeName(folder.filePath(qs("watchdog")));
+    }
+
+    Surroundings surroundings() const
+    {
+        const SnmpdHost nothingRuns{
+            folder.filePath(qs("snmp/snmpd.conf")),
+            folder.filePath(qs("snmp/")),
+            folder.filePath(qs("snmpd.pid")),
+            [](const Command &) {},
+            [](const Command &) {},
+            [](const Command &, int) { return QByteArray("8192\n"); },
+            [](int, const QByteArray &) {},
+        };
+        return {folder.path(), nothingRuns, watchdogFile.constData()};
+    }
+
+    QTemporaryDir folder;
+    QByteArray watchdogFile;
+};
+
+/// An application object on a device of its own.
+class Bench {
+public:
+    explicit Bench(int model, TalPeer::Start start = TalPeer::Start::NotListening)
+        : peer(start), device(model), kvSnmp(new KvSnmp(QCoreApplication::instance(), device.surroundings()))
+    {}
+
+    template <class Child>
+    Child *child() const
+    {
+        return kvSnmp->findChild<Child *>(QString(), Qt::FindDirectChildrenOnly);
+    }
+    TalHandler *talHandler() const { return child<TalHandler>(); }
+    SnmpdConfHandler *snmpdConfHandler() const { return child<SnmpdConfHandler>(); }
+
+    /// The polling timer is the one that is not single-shot.
+    QTimer *timer(bool singleShot) const
+    {
+        for (QTimer *timer : kvSnmp->findChildren<QTimer *>(QString(), Qt::FindDirectChildrenOnly))
+            if (timer->isSingleShot() == singleShot)
+                return timer;
+        return nullptr;
+    }
+    QTimer *processTimer() const { return timer(false); }
+    QTimer *subscribeTimer() const { return timer(true); }
+
+    void finishSnmpdConf() const { Q_EMIT snmpdConfHandler()->signalSnmpdConfFinish(); }
+    void poll() const { QMetaObject::invokeMethod(kvSnmp.get(), "processSnmpTimeout"); }
+
+    MessageLog log;
+    TalPeer peer;
+    Device device;
+    std::unique_ptr<KvSnmp> kvSnmp;
+};
+
+/// Stands in for a started agent while it lives.
+class AgentRecord {
+public:
+    AgentRecord() : m_outer(kvAgent) { kvAgent = &record; }
+    ~AgentRecord() { kvAgent = m_outer; }
+    AgentRecord(const AgentRecord &) = delete;
+    AgentRecord &operator=(const AgentRecord &) = delete;
+
+    KvAgent record{};
+
+private:
+    KvAgent *m_outer;
+};
+
+inline QStringList sentTraps; ///< "NUMBER LEVEL TEXT", taken by noteTrap()
+
+/// A trap sender that sends nothing.
+inline int noteTrap(std::uint32_t trapNumber, const char *description, std::int32_t level, const char *)
+{
+    sentTraps.append(QStringLiteral("%1 %2 %3").arg(trapNumber).arg(level).arg(qs(description)));
+    return 0;
+}
+
+inline void enableTrap(const Bench &bench, const char *name)
+{
+    QMap<QString, bool> enabled{{qs(name), true}};
+    Q_EMIT bench.talHandler()->signalUpdateEnabledSnmpTraps(enabled);
+}
+
+inline void raiseFault(const Bench &bench, const QString &text)
+{
+    Q_EMIT bench.talHandler()->signalReportFault(qs("reporter"), text, qs("fan_not_running"), text, QString(),
+                                                 qs("alarm"), true);
+}

@@ -1,0 +1,325 @@
+// The pid file: what keeps a second instance out, and what does not.
+#include "app/pidfilehandler.h"
+
+#include "support/childprocess.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr uid_t nobody = 65534;
+
+/// The pid of a process that has ended and been waited for.
+pid_t deadPid()
+{
+    const pid_t pid = fork();
+    if (pid == 0)
+        _exit(0);
+    waitpid(pid, nullptr, 0);
+    return pid;
+}
+
+/// Runs `function` without the rights of the superuser.
+template <typename Function>
+ChildResult asOrdinaryUser(Function function)
+{
+    return inChild([function] {
+        if (getuid() == 0 && setuid(nobody) != 0)
+            return 99;
+        return function();
+    });
+}
+
+} // namespace
+
+class TestPidFileHandler : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+    void readsTheFirstNumber_data();
+    void readsTheFirstNumber();
+    void missingFileReadsAsNone();
+    void unreadableFileReadsAsNone();
+    void deadProcessDoesNotBlock();
+    void ownPidDoesNotBlock();
+    void contentThatNamesNoProcessDoesNotBlock_data();
+    void contentThatNamesNoProcessDoesNotBlock();
+    void liveProcessBlocks();
+    void processOfAnotherUserBlocks();
+    void writesTheOwnPid();
+    void writesOverALongerNumberWithoutTruncating();
+    void lockIsNotKept();
+    void heldLockIsReportedWithItsHolder();
+    void twoWritersAtOnce();
+    void folderThatIsNotThere();
+    void fullDisk();
+    void destructorRemovesTheFile();
+    void removesALinkAndNotItsTarget();
+
+private:
+    void write(const QByteArray &content) const;
+    QByteArray content() const;
+
+    QScopedPointer<QTemporaryDir> m_folder;
+    QByteArray m_path;
+};
+
+void TestPidFileHandler::init()
+{
+    m_folder.reset(new QTemporaryDir);
+    QVERIFY(m_folder->isValid());
+    QCOMPARE(chmod(QFile::encodeName(m_folder->path()).constData(), 0755), 0);
+    m_path = QFile::encodeName(m_folder->filePath(QStringLiteral("kvsnmp.pid")));
+}
+
+void TestPidFileHandler::cleanup()
+{
+    m_folder.reset();
+}
+
+void TestPidFileHandler::write(const QByteArray &content) const
+{
+    QFile file(QFile::decodeName(m_path));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    QCOMPARE(file.write(content), qint64{content.size()});
+}
+
+QByteArray TestPidFileHandler::content() const
+{
+    QFile file(QFile::decodeName(m_path));
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(no file)");
+}
+
+void TestPidFileHandler::readsTheFirstNumber_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<int>("pid");
+
+    QTest::newRow("number and line end") << QByteArray("1234\n") << 1234;
+    QTest::newRow("no line end") << QByteArray("1234") << 1234;
+    QTest::newRow("blanks before it") << QByteArray("  1234\n") << 1234;
+    QTest::newRow("rest of a longer number on the next line") << QByteArray("12\n45\n") << 12;
+    QTest::newRow("letters behind it") << QByteArray("12ab\n") << 12;
+    QTest::newRow("empty") << QByteArray() << 0;
+    QTest::newRow("letters") << QByteArray("none\n") << 0;
+    QTest::newRow("NUL bytes") << QByteArray(8, '\0') << 0;
+}
+
+void TestPidFileHandler::readsTheFirstNumber()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(int, pid);
+
+    write(content);
+    const PidFileHandler handler(m_path.constData());
+    QCOMPARE(handler.readPid(), pid);
+}
+
+void TestPidFileHandler::missingFileReadsAsNone()
+{
+    const PidFileHandler handler(m_path.constData());
+    QCOMPARE(handler.readPid(), 0);
+    QCOMPARE(handler.checkPid(), 0);
+}
+
+void TestPidFileHandler::unreadableFileReadsAsNone()
+{
+    write(QByteArray::number(getpid()));
+    QCOMPARE(chmod(m_path.constData(), 0), 0);
+    const ChildResult child = asOrdinaryUser([this] {
+        if (open(m_path.constData(), O_RDONLY) >= 0)
+            return 98;
+        const PidFileHandler handler(m_path.constData());
+        return handler.readPid() == 0 && handler.checkPid() == 0 ? 0 : 1;
+    });
+    QVERIFY(child.exitedWith(0));
+}
+
+void TestPidFileHandler::deadProcessDoesNotBlock()
+{
+    write(QByteArray::number(deadPid()) + '\n');
+    const PidFileHandler handler(m_path.constData());
+    QVERIFY(handler.readPid() != 0);
+    QCOMPARE(handler.checkPid(), 0);
+}
+
+void TestPidFileHandler::ownPidDoesNotBlock()
+{
+    write(QByteArray::number(getpid()) + '\n');
+    const PidFileHandler handler(m_path.constData());
+    QCOMPARE(handler.readPid(), getpid());
+    QCOMPARE(handler.checkPid(), 0);
+}
+
+void TestPidFileHandler::contentThatNamesNoProcessDoesNotBlock_data()
+{
+    QTest::addColumn<QByteArray>("content");
+
+    QTest::newRow("empty") << QByteArray();
+    QTest::newRow("letters") << QByteArray("none\n");
+    QTest::newRow("0") << QByteArray("0\n");
+    QTest::newRow("-1") << QByteArray("-1\n");
+    QTest::newRow("own process group") << '-' + QByteArray::number(getpgrp());
+}
+
+void TestPidFileHandler::contentThatNamesNoProcessDoesNotBlock()
+{
+    QFETCH(QByteArray, content);
+
+    write(content);
+    const PidFileHandler handler(m_path.constData());
+    QCOMPARE(handler.checkPid(), 0);
+}
+
+void TestPidFileHandler::liveProcessBlocks()
+{
+    write(QByteArray::number(getppid()) + '\n');
+    const PidFileHandler handler(m_path.constData());
+    QCOMPARE(handler.checkPid(), getppid());
+}
+
+void TestPidFileHandler::processOfAnotherUserBlocks()
+{
+    write("1\n");
+    const ChildResult child = asOrdinaryUser([this] {
+        if (kill(1, 0) != -1 || errno != EPERM)
+            return 98;
+        const PidFileHandler handler(m_path.constData());
+        return handler.checkPid() == 1 ? 0 : 1;
+    });
+    QVERIFY(child.exitedWith(0));
+}
+
+void TestPidFileHandler::writesTheOwnPid()
+{
+    const PidFileHandler handler(m_path.constData());
+    const mode_t savedMask = umask(0);
+    QCOMPARE(handler.writePid(), getpid());
+    umask(savedMask);
+    QCOMPARE(content(), QByteArray::number(getpid()) + '\n');
+    struct stat info {};
+    QCOMPARE(stat(m_path.constData(), &info), 0);
+    QCOMPARE(info.st_mode & 07777U, mode_t{0644});
+}
+
+void TestPidFileHandler::writesOverALongerNumberWithoutTruncating()
+{
+    write("12345678901234567890\n");
+    const PidFileHandler handler(m_path.constData());
+    QCOMPARE(handler.writePid(), getpid());
+    const QByteArray pid = QByteArray::number(getpid()) + '\n';
+    QCOMPARE(content(), pid + QByteArray("12345678901234567890\n").mid(pid.size()));
+    QCOMPARE(handler.readPid(), getpid());
+}
+
+void TestPidFileHandler::lockIsNotKept()
+{
+    const PidFileHandler handler(m_path.constData());
+    QCOMPARE(handler.writePid(), getpid());
+    const int descriptor = open(m_path.constData(), O_RDWR);
+    QCOMPARE(flock(descriptor, LOCK_EX | LOCK_NB), 0);
+    close(descriptor);
+}
+
+void TestPidFileHandler::heldLockIsReportedWithItsHolder()
+{
+    write("4711\n");
+    const int descriptor = open(m_path.constData(), O_RDWR);
+    QCOMPARE(flock(descriptor, LOCK_EX | LOCK_NB), 0);
+    const ChildResult child = inChild([this] { // its own open file: the lock is not its own
+        const PidFileHandler handler(m_path.constData());
+        const int status = handler.writePid() == 0 ? 0 : 1;
+        std::fflush(stdout);
+        _exit(status); // the file stays
+        return status;
+    });
+    QVERIFY(child.exitedWith(0));
+    QCOMPARE(child.out, QByteArray("Can't lock, lock is held by pid 4711.\n"));
+    QCOMPARE(content(), QByteArray("4711\n"));
+    close(descriptor);
+}
+
+void TestPidFileHandler::twoWritersAtOnce()
+{
+    // Whoever gets the lock writes; the other one either waits his turn or is refused. Never does a mix stand there.
+    for (int round = 0; round < 20; ++round) {
+        QFile::remove(QFile::decodeName(m_path));
+        pid_t writers[2];
+        for (pid_t &writer : writers) {
+            writer = fork();
+            if (writer == 0) {
+                const PidFileHandler handler(m_path.constData());
+                _exit(handler.writePid() == getpid() ? 0 : 1);
+            }
+        }
+        int successes = 0;
+        for (const pid_t writer : writers) {
+            int status = -1;
+            waitpid(writer, &status, 0);
+            if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
+                ++successes;
+        }
+        QVERIFY(successes >= 1);
+        const QByteArray found = content();
+        QVERIFY2(found == QByteArray::number(writers[0]) + '\n' || found == QByteArray::number(writers[1]) + '\n',
+                 found.constData());
+    }
+}
+
+void TestPidFileHandler::folderThatIsNotThere()
+{
+    const QByteArray path = m_path + "/not/there";
+    const ChildResult child = inChild([path] {
+        const PidFileHandler handler(path.constData());
+        return handler.writePid() == 0 ? 0 : 1;
+    });
+    QVERIFY(child.exitedWith(0));
+    QCOMPARE(child.err, "Can't open or create " + path + ".\n");
+    QCOMPARE(child.out, QByteArray());
+}
+
+void TestPidFileHandler::fullDisk()
+{
+    // A link, because the handler removes its file when it goes.
+    QCOMPARE(symlink("/dev/full", m_path.constData()), 0);
+    const ChildResult child = inChild([this] {
+        const PidFileHandler handler(m_path.constData());
+        return handler.writePid() == 0 ? 0 : 1;
+    });
+    QVERIFY(child.exitedWith(0));
+    QCOMPARE(child.out, QByteArray("Can't write pid , No space left on device.\n"));
+}
+
+void TestPidFileHandler::destructorRemovesTheFile()
+{
+    {
+        const PidFileHandler handler(m_path.constData());
+        QCOMPARE(handler.writePid(), getpid());
+        QVERIFY(QFile::exists(QFile::decodeName(m_path)));
+    }
+    QVERIFY(!QFile::exists(QFile::decodeName(m_path)));
+}
+
+void TestPidFileHandler::removesALinkAndNotItsTarget()
+{
+    const QString target = m_folder->filePath(QStringLiteral("target"));
+    QFile file(target);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    QVERIFY(QFile::link(target, QFile::decodeName(m_path)));
+    const PidFileHandler handler(m_path.constData());
+    handler.removePid();
+    QVERIFY(!QFileInfo(QFile::decodeName(m_path)).isSymLink());
+    QVERIFY(QFile::exists(target));
+}
+
+QTEST_GUILESS_MAIN(TestPidFileHandler)
+#include "tst_pidfilehandler.moc"
