@@ -1,0 +1,11 @@
+// What talservice tells the person who started it.
+#pragma once
+
+#include <QString>
+
+namespace simulator {
+
+/// One line on standard error: "talservice: TEXT".
+void say(const QString &text);
+
+} // namespace simulator

@@ -1,0 +1,57 @@
+// Replays.
+#include "simulator/replay.h"
+
+#include "simulator/commands.h"
+#include "simulator/words.h"
+
+#include <cmath>
+
+namespace simulator {
+
+namespace {
+
+/// What is wrong with the words of one line, which begin with the time; nothing when all is well.
+QString lineError(const QStringList &words, double seconds, bool isNumber, double lastSeconds)
+{
+    if (!isNumber || !std::isfinite(seconds) || seconds < 0)
+        return QStringLiteral("a line begins with the seconds since the start");
+    if (seconds < lastSeconds)
+        return QStringLiteral("earlier than the line before");
+    if (words.isEmpty())
+        return QStringLiteral("no command");
+    const Command *command = commandOf(words);
+    if (command != nullptr && command->place == Command::Place::Client)
+        return QStringLiteral("%1 has no place in a replay").arg(words.first());
+    return usageError(words);
+}
+
+} // namespace
+
+std::optional<std::vector<TimedCommand>> readReplay(const QString &text, QString &error)
+{
+    std::vector<TimedCommand> commands;
+    double lastSeconds = 0;
+    const QStringList lines = text.split(QLatin1Char('\n'));
+    for (int i = 0; i < lines.size(); ++i) {
+        const QString line = lines[i].simplified().isEmpty() ? QString() : lines[i].trimmed();
+        if (line.isEmpty() || line.startsWith(QLatin1Char('#')))
+            continue;
+        int blank = 0;
+        while (blank < line.size() && !line[blank].isSpace())
+            ++blank;
+        bool isNumber = false;
+        const double seconds = line.left(blank).toDouble(&isNumber);
+        const std::optional<QStringList> words = splitWords(line.mid(blank), error);
+        if (words)
+            error = lineError(*words, seconds, isNumber, lastSeconds);
+        if (!error.isEmpty()) {
+            error = QStringLiteral("line %1: %2").arg(i + 1).arg(error);
+            return std::nullopt;
+        }
+        lastSeconds = seconds;
+        commands.push_back({i + 1, seconds, *words});
+    }
+    return commands;
+}
+
+} // namespace simulator

@@ -1,0 +1,60 @@
+// One client of the data service: its requests, its subscriptions and what waits to be sent to it.
+#pragma once
+
+#include "platform/xrcommon/framing/framing.h"
+#include "simulator/subscriptions.h"
+
+#include <QLocalSocket>
+#include <QObject>
+#include <QTimer>
+
+namespace simulator {
+
+class Session : public QObject {
+    Q_OBJECT
+
+public:
+    /// Takes over the socket. A client that lets more than `maxQueue` bytes pile up is dropped.
+    Session(QObject *parent, QLocalSocket *socket, DataTree &tree, int number, qint64 maxQueue);
+
+    int number() const { return m_number; }
+    const std::vector<Subscription> &subscriptions() const { return m_subscriptions; }
+    /// Bytes that the client has not taken yet.
+    qint64 queued() const { return m_dropped ? 0 : m_socket->bytesToWrite(); }
+    /// False while the client takes nothing: nobody waits for such a one.
+    bool keepsUp() const { return !m_lagging; }
+
+    void tell(const Change &change);
+    void flush();
+    /// Closes the connection; `reason` goes to the program's messages.
+    void drop(const QString &reason);
+
+Q_SIGNALS:
+    void ended();
+    /// The client has taken something, or is not waited for any longer.
+    void progressed();
+
+private Q_SLOTS:
+    void onReadyRead();
+    void onBytesWritten(qint64 bytes);
+    void onLagCheck();
+
+private:
+    void serve(std::string_view message);
+    void subscribe(const std::string &ref, pugi::xml_node request);
+    void edit(pugi::xml_node request);
+    void send(const std::string &message);
+
+    QLocalSocket *m_socket;
+    DataTree &m_tree;
+    int m_number;
+    qint64 m_maxQueue;
+    MessageFraming m_framing;
+    std::vector<Subscription> m_subscriptions;
+    QTimer m_lagTimer;
+    qint64 m_takenSinceCheck = 0;
+    bool m_lagging = false;
+    bool m_dropped = false;
+};
+
+} // namespace simulator

@@ -1,0 +1,257 @@
+// talctl: gives orders to a running talservice.
+#include "simulator/controlclient.h"
+#include "simulator/replay.h"
+#include "simulator/words.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <cstdio>
+#include <poll.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace simulator;
+
+namespace {
+
+void print(const QString &text)
+{
+    if (!text.isEmpty())
+        std::printf("%s\n", qUtf8Printable(text));
+}
+
+int fail(int code, const QString &text)
+{
+    std::fflush(stdout);
+    std::fprintf(stderr, "talctl: %s\n", qUtf8Printable(text));
+    return code;
+}
+
+int serviceWent()
+{
+    return fail(Reply::NoService, QStringLiteral("the service went away"));
+}
+
+/// Sends one command and prints what comes back.
+int runOne(ControlClient &client, const QStringList &words, const QString &failurePrefix = {})
+{
+    const std::optional<Reply> reply = client.send(words) ? client.receive() : std::nullopt;
+    if (!reply)
+        return serviceWent();
+    if (reply->code != Reply::Done)
+        return fail(reply->code, failurePrefix + reply->text);
+    print(reply->text);
+    return Reply::Done;
+}
+
+int runReplay(ControlClient &client, const std::vector<TimedCommand> &commands)
+{
+    QElapsedTimer timer;
+    timer.start();
+    for (const TimedCommand &command : commands) {
+        const std::chrono::duration<double> wait(command.seconds - static_cast<double>(timer.nsecsElapsed()) * 1e-9);
+        if (wait.count() > 0)
+            std::this_thread::sleep_for(wait);
+        if (const int code = runOne(client, command.words, QStringLiteral("line %1: ").arg(command.line)))
+            return code;
+        std::fflush(stdout);
+    }
+    return Reply::Done;
+}
+
+/// Commands from standard input, many under way at a time.
+class Batch {
+public:
+    Batch(ControlClient &client, bool answers) : m_client(client), m_answers(answers) {}
+
+    int run()
+    {
+        constexpr int mostUnderWay = 1000;
+        while (!m_ended || m_sent > m_answered) {
+            pollfd descriptors[] = {{m_client.descriptor(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
+            const bool reads = !m_ended && m_sent - m_answered < mostUnderWay;
+            if (::poll(descriptors, reads ? 2 : 1, -1) < 0)
+                continue;
+            if (descriptors[0].revents != 0 && !takeReplies())
+                return serviceWent();
+            if (reads && descriptors[1].revents != 0 && !sendLines())
+                return serviceWent();
+        }
+        return m_failed > 0 && !m_answers ? static_cast<int>(Reply::Refused) : static_cast<int>(Reply::Done);
+    }
+
+private:
+    bool takeReplies()
+    {
+        const bool read = m_client.read();
+        while (const std::optional<Reply> reply = m_client.takeReceived())
+            tell(*reply);
+        std::fflush(stdout);
+        return read;
+    }
+
+    void tell(const Reply &reply)
+    {
+        ++m_answered;
+        m_failed += reply.code != Reply::Done ? 1 : 0;
+        if (m_answers) {
+            const QJsonObject object{{QStringLiteral("code"), reply.code}, {QStringLiteral("text"), reply.text}};
+            std::printf("%s\n", QJsonDocument(object).toJson(QJsonDocument::Compact).constData());
+        } else if (reply.code != Reply::Done) {
+            fail(reply.code, QStringLiteral("line %1: %2").arg(m_lineOf[m_answered - 1]).arg(reply.text));
+        } else {
+            print(reply.text);
+        }
+    }
+
+    bool sendLines()
+    {
+        char bytes[64 * 1024];
+        const ssize_t size = ::read(STDIN_FILENO, bytes, sizeof bytes);
+        m_ended = size <= 0;
+        m_input.append(bytes, m_ended ? 0 : static_cast<int>(size));
+        if (m_ended && !m_input.isEmpty())
+            m_input.append('\n');
+        int start = 0;
+        for (int end = m_input.indexOf('\n'); end >= 0; end = m_input.indexOf('\n', start)) {
+            if (!sendLine(m_input.mid(start, end - start)))
+                return false;
+            start = end + 1;
+        }
+        m_input.remove(0, start);
+        return true;
+    }
+
+    bool sendLine(const QByteArray &line)
+    {
+        ++m_line;
+        QString error;
+        const std::optional<QStringList> words = splitWords(QString::fromUtf8(line), error);
+        if (words && words->isEmpty())
+            return true; // blank, or a comment
+        m_lineOf.push_back(m_line);
+        ++m_sent;
+        return m_client.sendLine(line); // a malformed one, too: the answers stay in order
+    }
+
+    ControlClient &m_client;
+    bool m_answers;
+    bool m_ended = false;
+    QByteArray m_input;
+    int m_line = 0;
+    std::vector<int> m_lineOf; // line numbers of the commands, as they were sent
+    std::size_t m_sent = 0;
+    std::size_t m_answered = 0;
+    int m_failed = 0;
+};
+
+struct Options {
+    QString control = qEnvironmentVariable("TAL_CONTROL", QStringLiteral("/var/run/talctl.sock"));
+    double waitSeconds = 0;
+    QStringList words;
+};
+
+/// Reads the options before the command. False, with the reason in `error`, when one is wrong.
+bool readOptions(QStringList arguments, Options &options, QString &error)
+{
+    while (!arguments.isEmpty() && arguments.first().startsWith(QLatin1Char('-'))) {
+        const QString name = arguments.takeFirst();
+        const bool known = name == QLatin1String("--control") || name == QLatin1String("--wait");
+        if (!known || arguments.isEmpty()) {
+            error = known ? QStringLiteral("%1 needs a value").arg(name)
+                          : QStringLiteral("no such option: %1 (talctl --help shows all)").arg(name);
+            return false;
+        }
+        const QString value = arguments.takeFirst();
+        bool isNumber = true;
+        if (name == QLatin1String("--control"))
+            options.control = value;
+        else
+            options.waitSeconds = value.toDouble(&isNumber);
+        if (!isNumber) {
+            error = QStringLiteral("--wait needs a number of seconds");
+            return false;
+        }
+    }
+    options.words = arguments;
+    return true;
+}
+
+/// True when help or the version was asked for, and printed.
+bool tellsAbout(const QStringList &arguments)
+{
+    const QString first = arguments.value(0);
+    if (first == QLatin1String("--version")) {
+        std::printf("talctl %s\n", KVSNMP_VERSION);
+        return true;
+    }
+    if (first == QLatin1String("--help") || first == QLatin1String("-h")) {
+        std::fputs(qUtf8Printable(helpText()), stdout);
+        return true;
+    }
+    const Command *command = commandOf(arguments);
+    if (command == nullptr || argumentsOf(*command, arguments).value(0) != QLatin1String("--help"))
+        return false;
+    std::fputs(qUtf8Printable(helpText(*command)), stdout);
+    return true;
+}
+
+bool readReplayFile(const QString &name, std::vector<TimedCommand> &commands, QString &error)
+{
+    QFile file(name);
+    const bool open =
+        name == QLatin1String("-") ? file.open(stdin, QIODevice::ReadOnly) : file.open(QIODevice::ReadOnly);
+    if (!open) {
+        error = QStringLiteral("%1: %2").arg(name, file.errorString());
+        return false;
+    }
+    std::optional<std::vector<TimedCommand>> read = readReplay(QString::fromUtf8(file.readAll()), error);
+    if (!read) {
+        error =
+            QStringLiteral("%1, %2").arg(name == QLatin1String("-") ? QStringLiteral("standard input") : name, error);
+        return false;
+    }
+    commands = std::move(*read);
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const QCoreApplication application(argc, argv);
+    const QStringList arguments = QCoreApplication::arguments().mid(1);
+    if (tellsAbout(arguments))
+        return Reply::Done;
+
+    Options options;
+    QString error;
+    if (!readOptions(arguments, options, error))
+        return fail(Reply::Usage, error);
+    if (options.words.isEmpty())
+        return fail(Reply::Usage, QStringLiteral("no command (talctl --help shows all)"));
+    if (tellsAbout(options.words))
+        return Reply::Done;
+    error = usageError(options.words);
+    if (!error.isEmpty())
+        return fail(Reply::Usage, error);
+
+    const bool replays = options.words.first() == QLatin1String("replay");
+    const bool isBatch = options.words.first() == QLatin1String("batch");
+    const bool answers = isBatch && options.words.value(1) == QLatin1String("--answers");
+    if (isBatch && options.words.size() > 1 && !answers)
+        return fail(Reply::Usage, usageOf("batch"));
+    std::vector<TimedCommand> commands;
+    if (replays && !readReplayFile(options.words[1], commands, error))
+        return fail(Reply::Usage, error);
+
+    ControlClient client;
+    if (!client.connectTo(options.control, options.waitSeconds, error))
+        return fail(Reply::NoService, error);
+    if (isBatch)
+        return Batch(client, answers).run();
+    return replays ? runReplay(client, commands) : runOne(client, options.words);
+}
