@@ -126,7 +126,7 @@ bool copyFirstLine(InfoData &info, const VersionFile &row, const QString &path)
     }
     const QByteArray line = firstLine(file);
     if (row.rawTag != nullptr)
-        qDebug().noquote() << row.function << row.rawTag << line;
+        qDebug().noquote() << row.function << row.rawTag << QString::fromLatin1(line.constData(), line.size());
     store(info.*row.field, viewOf(line));
     return true;
 }

@@ -55,7 +55,7 @@ pid_t PidFileHandler::readPid() const
 pid_t PidFileHandler::checkPid() const
 {
     const pid_t pid = readPid();
-    if (pid <= 0 || pid == getpid()) // a number below 0 names no process
+    if (pid == 0 || pid == getpid())
         return 0;
     if (kill(pid, 0) != 0 && errno == ESRCH)
         return 0;

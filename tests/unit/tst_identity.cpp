@@ -63,6 +63,7 @@ private Q_SLOTS:
     void versionFileFirstLine();
     void versionContents_data();
     void versionContents();
+    void versionIsLoggedAsLatin1();
     void modelTypeOfVQ9BIsReplaced_data();
     void modelTypeOfVQ9BIsReplaced();
     void nothingIsStoredBeforeReading();
@@ -384,6 +385,15 @@ void TestIdentity::versionContents()
     Identity device = identity();
     device.readPackageVersion();
     QCOMPARE(textOf(device.infoData().packageVersion), stored);
+}
+
+void TestIdentity::versionIsLoggedAsLatin1()
+{
+    write("/etc/xr-pkgver", "1.2 \xe4\n");
+    Identity device = identity();
+    device.readPackageVersion();
+    QCOMPARE(logLines, (QStringList{latin1("readPackageVersion pvStr: 1.2 \xe4"),
+                                    latin1("readPackageVersion packageVersion: 1.2 \xe4 len: 5")}));
 }
 
 void TestIdentity::modelTypeOfVQ9BIsReplaced_data()
