@@ -4,6 +4,7 @@
 
 #include "app/descriptorwatch.h"
 
+#include <QRegularExpression>
 #include <QSocketNotifier>
 #include <QtTest>
 
@@ -98,6 +99,12 @@ void TestAgentPolling::firstFinishStartsTheAgent()
         lines = output.takeLines();
     }
     QCOMPARE(lines.filter(qs("Starting kvAgent")).size(), 1);
+    QCOMPARE(lines.filter(QRegularExpression(qs("^copyTal"))),
+             QStringList({qs("copyTalVoltageTableData()"), qs("copyTalTempTableData()"), qs("copyTalFanTableData()"),
+                          qs("copyTalAmpChannelTableData()"), qs("copyTalControlOutputTableData()"),
+                          qs("copyTalControlInputTableData()"), qs("copyTalLetChannelTableData() for letChannel: 1"),
+                          qs("copyTalLetChannelTableData() for letChannel: 2"), qs("copyTalEthMonitoringTableData()"),
+                          qs("copyTalLineInTableData()")}));
     Bench &bench = serving();
     QVERIFY(kvAgent != nullptr);
     QCOMPARE(kvAgent->modelNumber, 6420U);

@@ -47,7 +47,9 @@ private Q_SLOTS:
     void ampTypeIsReadOnItsModelsOnly();
     void withoutModelNumberTheProcessEnds();
     void withoutSignalSocketsTheProcessAborts();
+    void destructionInOrder();
     void destructionLeavesNoDescriptor();
+    void signalsAndSlotsInOrder();
 
     void connectionToTheDataServiceStartsTheSequence();
     void timersRunOutAsTold();
@@ -157,6 +159,25 @@ void TestKvSnmp::withoutSignalSocketsTheProcessAborts()
     QVERIFY2(child.err.contains("Couldn't create TERM socketpair"), child.err.constData());
 }
 
+void TestKvSnmp::destructionInOrder()
+{
+    Bench bench(6214);
+    QStringList gone;
+    const auto note = [&gone](QObject *child, const char *name) {
+        QVERIFY(child != nullptr);
+        connect(child, &QObject::destroyed, [&gone, name] { gone.append(qs(name)); });
+    };
+    note(bench.child<FaultHandler>(), "FaultHandler");
+    note(bench.child<GpioControl>(), "GpioControl");
+    note(bench.subscribeTimer(), "subscribe timer");
+    note(bench.snmpdConfHandler(), "SnmpdConfHandler");
+    note(bench.child<TalInterface>(), "TalInterface");
+    note(bench.talHandler(), "TalHandler");
+    bench.kvSnmp.reset();
+    QCOMPARE(gone, QStringList({qs("TalHandler"), qs("TalInterface"), qs("SnmpdConfHandler"), qs("subscribe timer"),
+                                qs("GpioControl"), qs("FaultHandler")}));
+}
+
 void TestKvSnmp::destructionLeavesNoDescriptor()
 {
     const auto descriptors = [] { return QDir(qs("/proc/self/fd")).entryList(QDir::System | QDir::Files).size(); };
@@ -169,6 +190,18 @@ void TestKvSnmp::destructionLeavesNoDescriptor()
         QVERIFY(descriptors() > before);
     }
     QCOMPARE(descriptors(), before);
+}
+
+void TestKvSnmp::signalsAndSlotsInOrder()
+{
+    const QMetaObject &meta = KvSnmp::staticMetaObject;
+    QStringList methods;
+    for (int i = meta.methodOffset(); i < meta.methodCount(); ++i)
+        methods.append(QString::fromLatin1(meta.method(i).methodSignature()));
+    QCOMPARE(methods, QStringList({qs("appExit()"), qs("signalTalReady()"), qs("kvSnmpStartSubscribe()"),
+                                   qs("signalGpioVerifyStart()"), qs("handleSigTerm()"), qs("slotSnmpdConfFinish()"),
+                                   qs("kvSnmpSetTalReady()"), qs("watchdogTimerSlot()"), qs("dbgTimeout()"),
+                                   qs("processSnmpTimeout()")}));
 }
 
 void TestKvSnmp::connectionToTheDataServiceStartsTheSequence()
