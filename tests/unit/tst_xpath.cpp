@@ -196,6 +196,7 @@ void TestXPath::malformedData_data()
     QTest::newRow("attribute twice") << u("<v a='1' a='2'/>");
     QTest::newRow("attribute without quotes") << u("<v a=1/>");
     QTest::newRow("attribute without value") << u("<v a/>");
+    QTest::newRow("attribute with a character that no name has") << u("<v a`='1'>1</v>");
     QTest::newRow("end of CDATA in text") << u("<v>]]></v>");
     QTest::newRow("CDATA not ended") << u("<v><![CDATA[x</v>");
     QTest::newRow("double hyphen in a comment") << u("<v><!-- a -- b --></v>");
