@@ -1,0 +1,94 @@
+// The fault list: what one message costs beside 1, 100 and 10,000 others, and how fast waiting faults are handed over.
+// The trap sender is one that takes or refuses at once.
+#include "agent/kvagent.h"
+#include "faults/faulthandler.h"
+#include "faults/trapcatalogue.h"
+
+#include <benchmark/benchmark.h>
+
+#include <memory>
+
+namespace {
+
+int takeTrap(std::uint32_t, const char *, std::int32_t, const char *)
+{
+    return 0;
+}
+
+int refuseTrap(std::uint32_t, const char *, std::int32_t, const char *)
+{
+    return -1;
+}
+
+void setSender(SendTrap sender)
+{
+    static KvAgent agent{};
+    agent.sendTrap = sender;
+    kvAgent = &agent;
+}
+
+QMap<QString, bool> allTraps()
+{
+    QMap<QString, bool> enabled;
+    for (const Trap &trap : trapCatalogue)
+        enabled.insert(QString::fromLatin1(trap.name.data(), static_cast<int>(trap.name.size())), true);
+    return enabled;
+}
+
+void report(FaultHandler &faults, int number, bool active)
+{
+    faults.onReportFault(QStringLiteral("controller"), QString::number(number), QStringLiteral("line_fault"),
+                         QStringLiteral("Line 1: ground fault"), QStringLiteral("1700000000"), QStringLiteral("err"),
+                         active);
+}
+
+/// A list of `count` faults; with the sender refusing they wait.
+std::unique_ptr<FaultHandler> listOf(benchmark::IterationCount count)
+{
+    auto faults = std::make_unique<FaultHandler>(
+        nullptr, [] { return kvAgent->sendTrap == refuseTrap ? TrapGate::noSession : TrapGate::open; });
+    QMap<QString, bool> enabled = allTraps();
+    faults->onUpdateEnabledSnmpTraps(enabled);
+    for (int number = 0; number < count; ++number)
+        report(*faults, number, true);
+    return faults;
+}
+
+void beginAndEnd(benchmark::State &state, SendTrap sender)
+{
+    setSender(sender);
+    const auto faults = listOf(state.range(0));
+    for ([[maybe_unused]] auto _ : state) {
+        report(*faults, -1, true);
+        report(*faults, -1, false);
+    }
+}
+BENCHMARK_CAPTURE(beginAndEnd, sent, takeTrap)
+    ->Name("one fault begins and ends/others sent")
+    ->Arg(1)
+    ->Arg(100)
+    ->Arg(10000);
+BENCHMARK_CAPTURE(beginAndEnd, waiting, refuseTrap)
+    ->Name("one fault begins and ends/others waiting")
+    ->Arg(1)
+    ->Arg(100)
+    ->Arg(10000);
+
+void waitingFaultsGoOut(benchmark::State &state)
+{
+    for ([[maybe_unused]] auto _ : state) {
+        state.PauseTiming();
+        setSender(refuseTrap);
+        auto faults = listOf(state.range(0));
+        setSender(takeTrap);
+        state.ResumeTiming();
+        faults->reportTraps();
+        state.PauseTiming();
+        faults.reset();
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(waitingFaultsGoOut)->Name("waiting faults go out")->Arg(1)->Arg(100)->Arg(10000);
+
+} // namespace
