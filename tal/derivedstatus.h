@@ -20,8 +20,8 @@ constexpr std::uint32_t channelStatus(std::uint32_t classDStatus, std::uint32_t 
     return ampMonitorStatus == 1 ? 5 : 1;
 }
 
-/// Status of a LET: 1 channel not ok, 2 not enabled, 3 absent, 4 present; `current` when the channel status says
-/// nothing.
+/// Status of a LET: 1 unknown, as its channel is not ok, 2 not enabled, 3 not reported missing, 4 missing; `current`
+/// when the channel status says nothing.
 constexpr std::uint32_t letStatus(std::uint32_t ampChannelStatus, std::uint32_t letEnabled, std::uint32_t letPresence,
                                   std::uint32_t current)
 {

@@ -73,7 +73,7 @@ Step keyStep(const Notification &n, const KeyRule &rule, const Keys &keys, std::
 
 bool textStep(const Notification &n, const KeyRule &rule, const Keys &keys, QString &text)
 {
-    return outcomeOfKey(n, rule, keys, text).kind != Outcome::Kind::NotHandled;
+    return outcomeOfKey(n, rule, keys, text).kind == Outcome::Kind::AsText;
 }
 
 Operation operationOf(const Notification &n)

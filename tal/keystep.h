@@ -50,7 +50,7 @@ private:
 
 /// What becomes of a key: made by the names below.
 struct Outcome {
-    enum class Kind : std::uint8_t { Store, KeepScratch, LeaveRow, NotHandled, Scaled, WholeNumber };
+    enum class Kind : std::uint8_t { Store, KeepScratch, LeaveRow, NotHandled, Scaled, WholeNumber, AsText };
     Kind kind;
     std::uint32_t value;
 };
@@ -69,6 +69,8 @@ constexpr Outcome scaled(std::uint32_t scale)
 
 /// The scratch value and with it the row become the text read as an unsigned integer, 0 when it is none.
 inline constexpr Outcome wholeNumber{Outcome::Kind::WholeNumber, 0};
+/// The row takes the text as it is: for textStep() only.
+inline constexpr Outcome asText{Outcome::Kind::AsText, 0};
 /// The row gets what its parser produced last, for whichever key.
 inline constexpr Outcome keepScratch{Outcome::Kind::KeepScratch, 0};
 /// The key counts as handled, the row stays as it is.

@@ -56,11 +56,11 @@ constexpr KeyRule ampEnableRule{"getAmpEnable", kid, "/state/config/lines/line[k
 constexpr KeyRule letEnableRule{"getLetEnable", kid, "/state/config/lines/line[kid='%1']/lets/let[kid=%2]/enabled",
                                 {letEnabled, notHandled, notHandled}};
 constexpr KeyRule letDescriptionRule{"getLetDescription", kid, "/state/config/lines/line[kid='%1']/lets/let[kid=%2]/let_description",
-                                     {{}, notHandled, keepScratch}};
+                                     {{}, notHandled, asText}};
 constexpr KeyRule letHwVersionRule{"getLetHWVersion", kid, "/state/lines/line[kid='%1']/lets/let[kid=%2]/hw_version",
-                                   {{}, notHandled, keepScratch}};
+                                   {{}, notHandled, asText}};
 constexpr KeyRule letSwVersionRule{"getLetSWVersion", kid, "/state/lines/line[kid='%1']/lets/let[kid=%2]/sw_version",
-                                   {{}, notHandled, keepScratch}};
+                                   {{}, notHandled, asText}};
 constexpr KeyRule letVoltageRule{"getLetVoltage", kid, "/state/lines/line[kid='%1']/lets/let[kid=%2]/let_vcc",
                                  {{}, store(0), scaled(1000)}};
 constexpr KeyRule toneMonitoringRule{"getLineInMonitoring", kid, "/state/config/lines/line[kid='%1']/pilot_tone_sensing_enable",
