@@ -112,6 +112,11 @@ QString synopsisOf(const Command &command)
     return QStringLiteral("%1 %2").arg(QLatin1String(command.words), QLatin1String(command.arguments)).trimmed();
 }
 
+QString listEntry(const Command &command)
+{
+    return QStringLiteral("  %1\n      %2\n").arg(synopsisOf(command), summaryOf(command));
+}
+
 } // namespace
 
 const Command *commandOf(const QStringList &words)
@@ -167,10 +172,19 @@ QString helpText()
                        "\n"
                        "Commands:\n");
     for (const Command &command : commands)
-        text += QStringLiteral("  %1\n      %2\n").arg(synopsisOf(command), summaryOf(command));
+        text += listEntry(command);
     text += QStringLiteral("\n"
                            "Exit codes: 0 done, 1 refused by the service, 2 wrong usage, 3 no service.\n");
     return text;
+}
+
+QString groupHelpText(const QString &word)
+{
+    QString text;
+    for (const Command &command : commands)
+        if (QString::fromLatin1(command.words).startsWith(word + QLatin1Char(' ')))
+            text += listEntry(command);
+    return text.isEmpty() ? text : QStringLiteral("usage: talctl %1 ...\n\n%2").arg(word, text);
 }
 
 QString helpText(const Command &command)

@@ -37,5 +37,7 @@ QString usageError(const QStringList &words);
 /// What `talctl --help` and `talctl COMMAND --help` print.
 QString helpText();
 QString helpText(const Command &command);
+/// The commands that begin with this word and go on with another; nothing when there are none.
+QString groupHelpText(const QString &word);
 
 } // namespace simulator

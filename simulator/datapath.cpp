@@ -125,10 +125,10 @@ std::array<const char *, 2> keyNames(std::string_view elementName)
 std::vector<pugi::xml_node> keyLeaves(pugi::xml_node node)
 {
     std::vector<pugi::xml_node> leaves;
-    for (const char *name : keyNames(node.name())) {
-        const pugi::xml_node leaf = name != nullptr ? node.child(name) : pugi::xml_node();
-        if (leaf)
-            leaves.push_back(leaf);
+    for (const pugi::xml_node child : node.children()) {
+        if (!isKeyOf(node, child.name()))
+            break; // a list of thousands of nodes is not looked through for keys of its own
+        leaves.push_back(child);
     }
     return leaves;
 }

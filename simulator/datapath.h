@@ -34,7 +34,8 @@ bool isElementName(std::string_view text);
 /// The leaves that may tell list nodes of this element name apart; unused places are null.
 std::array<const char *, 2> keyNames(std::string_view elementName);
 
-/// The key leaves that this node has; none when it is no list node.
+/// The key leaves that this node has, which are its first children (readNode() sees to it); none when it is no list
+/// node.
 std::vector<pugi::xml_node> keyLeaves(pugi::xml_node node);
 
 /// True when a child of this name is, or would be, a key leaf of `parent`.

@@ -152,6 +152,8 @@ Refusal DataTree::readIncoming(std::string_view path, std::string_view xml, Inco
     incoming.node = copyInto(incoming.document.root(), read.document_element());
     if (Refusal refusal = addKeys(incoming.node, last))
         return refusal;
+    if (!hasItsKeys(incoming.node, error))
+        return error;
     for (const pugi::xml_node key : keyLeaves(incoming.node))
         if (std::string_view(key.child_value()).find('\'') != std::string_view::npos)
             return std::string("a key may hold no apostrophe: ") + key.child_value();

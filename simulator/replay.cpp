@@ -4,16 +4,16 @@
 #include "simulator/commands.h"
 #include "simulator/words.h"
 
-#include <cmath>
-
 namespace simulator {
 
 namespace {
 
+constexpr double maxSeconds = 1e9; // longer than anyone waits, and short enough for every clock
+
 /// What is wrong with the words of one line, which begin with the time; nothing when all is well.
 QString lineError(const QStringList &words, double seconds, bool isNumber, double lastSeconds)
 {
-    if (!isNumber || !std::isfinite(seconds) || seconds < 0)
+    if (!isNumber || !(seconds >= 0 && seconds <= maxSeconds)) // a NaN is neither
         return QStringLiteral("a line begins with the seconds since the start");
     if (seconds < lastSeconds)
         return QStringLiteral("earlier than the line before");

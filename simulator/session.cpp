@@ -14,11 +14,15 @@ constexpr int lagCheckMs = 1000;
 constexpr qint64 lagBytes =
     qint64{256} * 1024; // a client that takes less than this in one check, and is not done, lags
 
-/// The text of a request's `data`: the XML of the one element in it.
-std::string dataXml(pugi::xml_node edit)
+using TreeEdit = Refusal (DataTree::*)(std::string_view path, std::string_view xml);
+
+/// Carries out an edit that brings a node: the one element in the request's `data`.
+Refusal applyData(DataTree &tree, TreeEdit treeEdit, const std::string &path, pugi::xml_node request)
 {
-    const pugi::xml_node node = edit.child("data").first_child();
-    return node ? nodeXml(node) : std::string();
+    const pugi::xml_node node = request.child("data").first_child();
+    if (node.type() != pugi::node_element || node.next_sibling())
+        return "its data is not one element";
+    return (tree.*treeEdit)(path, nodeXml(node));
 }
 
 } // namespace
@@ -149,11 +153,11 @@ void Session::edit(pugi::xml_node request)
     const std::string operation = request.child_value("operation");
     Refusal refusal;
     if (operation == "create")
-        refusal = m_tree.create(path, dataXml(request));
+        refusal = applyData(m_tree, &DataTree::create, path, request);
     else if (operation == "replace")
-        refusal = m_tree.replace(path, dataXml(request));
+        refusal = applyData(m_tree, &DataTree::replace, path, request);
     else if (operation == "patch")
-        refusal = m_tree.patch(path, dataXml(request));
+        refusal = applyData(m_tree, &DataTree::patch, path, request);
     else if (operation == "delete")
         refusal = m_tree.remove(path);
     else
@@ -168,6 +172,12 @@ void Session::send(const std::string &message)
 {
     if (m_dropped)
         return;
+    if (message.size() > maxMessageSize) { // no client could take it, and each would come back for it for ever
+        say(QStringLiteral("client %1: a notification of %2 bytes is longer than a message may be, and is not sent")
+                .arg(m_number)
+                .arg(message.size()));
+        return;
+    }
     m_socket->write(message.data(), static_cast<qint64>(message.size()));
     m_socket->write("", 1); // the NUL that ends a message
     if (m_socket->bytesToWrite() > m_maxQueue)

@@ -8,6 +8,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <cmath>
 #include <cstdio>
 #include <poll.h>
 #include <thread>
@@ -154,10 +155,16 @@ struct Options {
     QStringList words;
 };
 
-/// Reads the options before the command. False, with the reason in `error`, when one is wrong.
+bool isQuestion(const QString &word)
+{
+    return QStringList{QStringLiteral("--help"), QStringLiteral("-h"), QStringLiteral("--version")}.contains(word);
+}
+
+/// Reads the options before the command, or before --help and the like. False, with the reason in `error`, when one is
+/// wrong.
 bool readOptions(QStringList arguments, Options &options, QString &error)
 {
-    while (!arguments.isEmpty() && arguments.first().startsWith(QLatin1Char('-'))) {
+    while (!arguments.isEmpty() && arguments.first().startsWith(QLatin1Char('-')) && !isQuestion(arguments.first())) {
         const QString name = arguments.takeFirst();
         const bool known = name == QLatin1String("--control") || name == QLatin1String("--wait");
         if (!known || arguments.isEmpty()) {
@@ -171,7 +178,7 @@ bool readOptions(QStringList arguments, Options &options, QString &error)
             options.control = value;
         else
             options.waitSeconds = value.toDouble(&isNumber);
-        if (!isNumber) {
+        if (!isNumber || !std::isfinite(options.waitSeconds) || options.waitSeconds < 0) {
             error = QStringLiteral("--wait needs a number of seconds");
             return false;
         }
@@ -193,10 +200,12 @@ bool tellsAbout(const QStringList &arguments)
         return true;
     }
     const Command *command = commandOf(arguments);
-    if (command == nullptr || argumentsOf(*command, arguments).value(0) != QLatin1String("--help"))
+    const QStringList rest = command != nullptr ? argumentsOf(*command, arguments) : arguments.mid(1);
+    if (rest.value(0) != QLatin1String("--help"))
         return false;
-    std::fputs(qUtf8Printable(helpText(*command)), stdout);
-    return true;
+    const QString text = command != nullptr ? helpText(*command) : groupHelpText(first);
+    std::fputs(qUtf8Printable(text), stdout);
+    return !text.isEmpty();
 }
 
 bool readReplayFile(const QString &name, std::vector<TimedCommand> &commands, QString &error)
@@ -224,9 +233,6 @@ int main(int argc, char **argv)
 {
     const QCoreApplication application(argc, argv);
     const QStringList arguments = QCoreApplication::arguments().mid(1);
-    if (tellsAbout(arguments))
-        return Reply::Done;
-
     Options options;
     QString error;
     if (!readOptions(arguments, options, error))

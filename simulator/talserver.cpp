@@ -3,7 +3,9 @@
 
 #include "simulator/messages.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QLocalSocket>
 #include <algorithm>
 #include <sys/stat.h>
@@ -71,7 +73,10 @@ bool listenAt(QLocalServer &server, const QString &path, QString &error)
     server.setSocketOptions(QLocalServer::WorldAccessOption);
     if (server.listen(path))
         return true;
-    error = QStringLiteral("%1: %2").arg(path, server.errorString());
+    if (!QFileInfo(path).absoluteDir().exists())
+        error = QStringLiteral("%1: its folder is not there").arg(path);
+    else
+        error = QStringLiteral("%1: %2").arg(path, server.errorString());
     return false;
 }
 

@@ -41,16 +41,20 @@ void endOnSignals(QCoreApplication &application)
     QObject::connect(notifier, &QSocketNotifier::activated, &application, &QCoreApplication::quit);
 }
 
-/// Applies one PATH=VALUE; the '=' of a predicate is not the one that counts.
+/// Applies one PATH=VALUE; the '=' of a predicate is not the one that counts, and a bracket in its quotes is none.
 Refusal applySetting(DataTree &tree, const QString &setting)
 {
-    int depth = 0;
+    bool inPredicate = false;
+    QChar quote;
     for (int i = 0; i < setting.size(); ++i) {
-        if (setting[i] == QLatin1Char('['))
-            ++depth;
-        else if (setting[i] == QLatin1Char(']'))
-            --depth;
-        else if (setting[i] == QLatin1Char('=') && depth == 0)
+        const QChar c = setting[i];
+        if (!quote.isNull())
+            quote = c == quote ? QChar() : quote;
+        else if (inPredicate && (c == QLatin1Char('\'') || c == QLatin1Char('"')))
+            quote = c;
+        else if (c == QLatin1Char('[') || c == QLatin1Char(']'))
+            inPredicate = c == QLatin1Char('[');
+        else if (c == QLatin1Char('=') && !inPredicate)
             return tree.set(setting.left(i).toStdString(), setting.mid(i + 1).toStdString());
     }
     return "not PATH=VALUE";

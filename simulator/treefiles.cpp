@@ -25,7 +25,8 @@ Refusal loadFile(const QString &folder, const QString &name, DataTree &tree, int
     const QByteArray xml = file.readAll();
     pugi::xml_document document;
     std::string error;
-    if (!readNode({xml.constData(), static_cast<std::size_t>(xml.size())}, document, error))
+    if (!readNode({xml.constData(), static_cast<std::size_t>(xml.size())}, document, error) ||
+        !hasItsKeys(document.document_element(), error))
         return name.toStdString() + ": " + error;
     const pugi::xml_node root = document.child("tree");
     if (!root)

@@ -53,12 +53,6 @@ bool checkText(std::string_view xml, std::string &error)
 
 bool checkKeys(pugi::xml_node node, std::string &error)
 {
-    const std::string_view name = node.name();
-    if (name == "sys_message" || name == "trap") {
-        for (const char *key : keyNames(name))
-            if (key != nullptr && !node.child(key))
-                error = "a " + std::string(name) + " needs the leaf " + key;
-    }
     for (const pugi::xml_node leaf : keyLeaves(node)) {
         if (!isLeaf(leaf))
             error = std::string("a key is a leaf: ") + leaf.name();
@@ -68,7 +62,26 @@ bool checkKeys(pugi::xml_node node, std::string &error)
     return error.empty();
 }
 
-/// Checks the parsed node and all below it, and makes the text of a leaf one piece.
+void removeTexts(pugi::xml_node node)
+{
+    pugi::xml_node next;
+    for (pugi::xml_node child = node.first_child(); child; child = next) {
+        next = child.next_sibling();
+        if (child.type() != pugi::node_element)
+            node.remove_child(child);
+    }
+}
+
+void putKeysFirst(pugi::xml_node node)
+{
+    const std::array<const char *, 2> names = keyNames(node.name());
+    for (auto name = names.rbegin(); name != names.rend(); ++name)
+        if (const pugi::xml_node leaf = *name != nullptr ? node.child(*name) : pugi::xml_node())
+            node.prepend_move(leaf);
+}
+
+/// Checks the parsed node and all below it, puts its keys first, makes the text of a leaf one piece and takes the
+/// blanks between elements away.
 bool checkNode(pugi::xml_node node, std::string &error)
 {
     std::string text;
@@ -76,10 +89,8 @@ bool checkNode(pugi::xml_node node, std::string &error)
     for (const pugi::xml_node child : node.children()) {
         if (child.type() != pugi::node_element)
             text += child.value();
-        else if (!children.insert(stepText(child)).second)
+        else if (checkNode(child, error) && !children.insert(stepText(child)).second)
             error = "two nodes alike: " + stepText(child);
-        else
-            checkNode(child, error);
         if (!error.empty())
             return false;
     }
@@ -89,6 +100,9 @@ bool checkNode(pugi::xml_node node, std::string &error)
     }
     if (children.empty() && !text.empty())
         setText(node, text);
+    if (!children.empty() && !text.empty())
+        removeTexts(node);
+    putKeysFirst(node);
     return checkKeys(node, error);
 }
 
@@ -169,15 +183,28 @@ bool readNode(std::string_view xml, pugi::xml_document &document, std::string &e
 {
     if (!checkText(xml, error))
         return false;
-    // white space between elements goes, white space that is all of a leaf's text stays
-    constexpr unsigned options =
-        pugi::parse_escapes | pugi::parse_eol | pugi::parse_cdata | pugi::parse_ws_pcdata_single;
+    // white space is read everywhere, because it may be a part of a leaf's text; checkNode() drops it between elements
+    constexpr unsigned options = pugi::parse_escapes | pugi::parse_eol | pugi::parse_cdata | pugi::parse_ws_pcdata;
     const pugi::xml_parse_result result = document.load_buffer(xml.data(), xml.size(), options, pugi::encoding_utf8);
     if (!result) {
         error = std::string("malformed XML: ") + result.description();
         return false;
     }
     return checkNode(document.document_element(), error);
+}
+
+bool hasItsKeys(pugi::xml_node node, std::string &error)
+{
+    const std::string_view name = node.name();
+    if (name == "sys_message" || name == "trap") {
+        for (const char *key : keyNames(name))
+            if (key != nullptr && !node.child(key))
+                error = "a " + std::string(name) + " needs the leaf " + key;
+    }
+    for (const pugi::xml_node child : node.children())
+        if (error.empty() && child.type() == pugi::node_element)
+            hasItsKeys(child, error);
+    return error.empty();
 }
 
 pugi::xml_node insertChild(pugi::xml_node parent, const char *name)

@@ -17,9 +17,12 @@ std::string nodeXml(pugi::xml_node node);
 bool isXmlText(std::string_view text);
 
 /// Reads one element of elements and texts, as the tree holds them, into `document`. False, with the reason in `error`,
-/// for anything else: attributes, text beside elements, a document type, a list node without its keys, an apostrophe in
-/// a key, two children that nothing tells apart.
+/// for anything else: attributes, text beside elements, a document type, an apostrophe in a key, two children that
+/// nothing tells apart. Keys may still be missing, because a path may name them.
 bool readNode(std::string_view xml, pugi::xml_document &document, std::string &error);
+
+/// False, with the reason in `error`, when the node or one below it lacks a key that its kind cannot be without.
+bool hasItsKeys(pugi::xml_node node, std::string &error);
 
 /// Makes a child of `parent`, in its place: key leaves first, `enabled` of a trap next, all else at the end.
 pugi::xml_node insertChild(pugi::xml_node parent, const char *name);

@@ -193,6 +193,9 @@ void TestDataTree::nodeThatIsRead_data()
     QTest::newRow("escapes") << QByteArray("<a>&lt;b&gt; &amp; &#13;&apos;&quot;</a>")
                              << QByteArray("<a>&lt;b&gt; &amp; &#13;'\"</a>");
     QTest::newRow("character data") << QByteArray("<a>x<![CDATA[<&]]>y</a>") << QByteArray("<a>x&lt;&amp;y</a>");
+    QTest::newRow("white space is a part of a text")
+        << QByteArray("<a>\n<b> <![CDATA[<]]> </b>\n<c> <!-- c --> </c></a>")
+        << QByteArray("<a><b> &lt; </b><c>  </c></a>");
     QTest::newRow("comments") << QByteArray("<?xml version='1.0' encoding='utf-8'?><!-- c --><a>x<!-- c -->y</a>")
                               << QByteArray("<a>xy</a>");
     QTest::newRow("beyond ASCII") << QByteArray("<a>\xC3\xA4 \xE2\x82\xAC</a>")
@@ -232,9 +235,6 @@ void TestDataTree::nodeThatIsNotRead_data()
     QTest::newRow("two list nodes alike") << QByteArray("<a><b><kid>1</kid></b><b><kid>1</kid></b></a>") << "alike";
     QTest::newRow("apostrophe in a key") << QByteArray("<a><kid>it's</kid></a>") << "apostrophe";
     QTest::newRow("key with elements") << QByteArray("<a><kid><x/></kid></a>") << "a key is a leaf";
-    QTest::newRow("trap without name") << QByteArray("<trap><enabled>true</enabled></trap>") << "needs the leaf name";
-    QTest::newRow("message without reference")
-        << QByteArray("<sys_message><reporter>x</reporter></sys_message>") << "needs the leaf rep_ref";
 }
 
 void TestDataTree::nodeThatIsNotRead()
@@ -283,9 +283,15 @@ void TestDataTree::createMakesTheNode()
     QVERIFY(!told.tree.create("/state/fans/fan[kid='f/1]']", "<fan><rpm>5</rpm></fan>"));
     QVERIFY(!told.tree.create("/state/fans/fan", "<fan><kid>f2</kid><rpm>6</rpm></fan>"));
     QVERIFY(!told.tree.create("/state/fans/fan[kid=f2]/peak", "<peak>7</peak>"));
+    QVERIFY(!told.tree.create("/state/traps", "<traps/>"));
+    QVERIFY(!told.tree.create("/state/traps/trap[name='T']", "<trap><enabled>true</enabled></trap>"));
+    QVERIFY(
+        !told.tree.create("/state/traps/sys_message[rep_ref='2'][reporter='r']", "<sys_message><text/></sys_message>"));
     QVERIFY(wholeTree(told.tree).endsWith(
         QLatin1String("<fans><fan><kid>f/1]</kid><rpm>5</rpm></fan>"
-                      "<fan><kid>f2</kid><rpm>6</rpm><peak>7</peak></fan></fans></state>")));
+                      "<fan><kid>f2</kid><rpm>6</rpm><peak>7</peak></fan></fans>"
+                      "<traps><trap><name>T</name><enabled>true</enabled></trap>"
+                      "<sys_message><reporter>r</reporter><rep_ref>2</rep_ref><text/></sys_message></traps></state>")));
     QVERIFY(told.tree.contains("/state/fans/fan[kid='f/1]']/rpm"));
 }
 
@@ -306,6 +312,9 @@ void TestDataTree::createIsRefused()
     QVERIFY(isRefused(told.tree.create("/state/a[kid=\"it's\"]", "<a/>"), "apostrophe"));
     QVERIFY(isRefused(told.tree.create("/state/config/kid", "<kid>1</kid>"), "a list key comes with its node"));
     QVERIFY(isRefused(told.tree.create("/state/config/name/x", "<x/>"), "is a leaf with a text"));
+    QVERIFY(isRefused(told.tree.create("/state/trap", "<trap/>"), "a trap needs the leaf name"));
+    QVERIFY(isRefused(told.tree.create("/state/x", "<x><sys_message><reporter>r</reporter></sys_message></x>"),
+                      "a sys_message needs the leaf rep_ref"));
     QVERIFY(isRefused(told.tree.create("/state/x", "<x"), "malformed XML"));
     QVERIFY(isRefused(told.tree.create("state", "<x/>"), "malformed path"));
     QCOMPARE(wholeTree(told.tree), before);

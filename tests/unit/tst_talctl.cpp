@@ -204,6 +204,8 @@ void TestTalctl::wrongReplayLines_data()
                                 << "line 1: " + time;
     QTest::newRow("never") << "inf get /x"
                            << "line 1: " + time;
+    QTest::newRow("hardly ever") << "1e300 get /x"
+                                 << "line 1: " + time;
     QTest::newRow("earlier") << "1 get /x\n0.5 get /x"
                              << "line 2: earlier than the line before";
     QTest::newRow("no command") << "1"
@@ -253,6 +255,10 @@ void TestTalctl::exitCodes_data()
                                           << "talctl: --wait needs a value\n";
     QTest::newRow("wait for no time") << QStringList{"--wait", "x", "get"} << 2 << ""
                                       << "talctl: --wait needs a number of seconds\n";
+    QTest::newRow("wait that never ends") << QStringList{"--wait", "nan", "get", "/state"} << 2 << ""
+                                          << "talctl: --wait needs a number of seconds\n";
+    QTest::newRow("wait of the past") << QStringList{"--wait", "-1", "get", "/state"} << 2 << ""
+                                      << "talctl: --wait needs a number of seconds\n";
     QTest::newRow("wrong usage") << QStringList{"get"} << 2 << ""
                                  << "talctl: usage: talctl get PATH\n";
     QTest::newRow("wrong usage of batch") << QStringList{"batch", "x"} << 2 << ""
@@ -294,6 +300,12 @@ void TestTalctl::helpForEachCommand()
         QCOMPARE(own.code, 0);
         QVERIFY2(own.out.startsWith("usage: talctl " + command) && own.out.count('\n') > 2, qPrintable(own.out));
     }
+    const Result group = runProgram(KVSNMP_TALCTL, {"fault", "--help"});
+    QCOMPARE(group.code, 0);
+    QVERIFY2(group.out.startsWith("usage: talctl fault ...\n\n  fault raise REPORTER"), qPrintable(group.out));
+    QVERIFY(group.out.contains("\n  fault clear ") && !group.out.contains("trap"));
+    QCOMPARE(runProgram(KVSNMP_TALCTL, {"x", "--help"}).code, 2);
+    QCOMPARE(runProgram(KVSNMP_TALCTL, {"--control", "/x", "--help"}).out, help.out);
     QCOMPARE(runProgram(KVSNMP_TALCTL, {"--version"}).out, QString("talctl %1\n").arg(KVSNMP_VERSION));
 }
 
@@ -479,6 +491,9 @@ void TestTalctl::serviceOptions_data()
     QTest::newRow("a setting") << QStringList{"--set", port + "=1161"} << QStringList{"get", port} << "1161\n";
     QTest::newRow("a setting with a predicate")
         << QStringList{"--set", relay + "=a=b"} << QStringList{"get", relay} << "a=b\n";
+    const QString sysName = "/state/config/snmp_settings/mib_2_settings/sys_name";
+    QTest::newRow("a bracket and an equals sign in the value")
+        << QStringList{"--set", sysName + "=a]['=b"} << QStringList{"get", sysName} << "a]['=b\n";
     QTest::newRow("two settings") << QStringList{"--set", port + "=1", "--set", relay + "=2"}
                                   << QStringList{"get", port} << "1\n";
     QTest::newRow("an empty setting") << QStringList{"--set", relay + "="} << QStringList{"get", relay} << "";
@@ -521,8 +536,11 @@ void TestTalctl::serviceUsage_data()
         << QStringList{"--model", "6420", "--set", "x"} << 2 << "talservice: --set x: not PATH=VALUE";
     QTest::newRow("setting of nothing") << QStringList{"--model", "6420", "--set", "/state/x=1"} << 2
                                         << "talservice: --set /state/x=1: no such node: /state/x";
+    QTest::newRow("setting with a bracket in a key")
+        << QStringList{"--model", "6420", "--set", "/state/fans/fan[kid='a]=b']/x=1"} << 2
+        << "talservice: --set /state/fans/fan[kid='a]=b']/x=1: no such node: /state/fans/fan[kid='a]=b']/x\n";
     QTest::newRow("no socket") << QStringList{"--model", "6420", "--bus", "none", "--socket", "/nowhere/x"} << 1
-                               << "talservice: /nowhere/x: ";
+                               << "talservice: /nowhere/x: its folder is not there";
     QTest::newRow("no GPIO tree") << QStringList{"--model", "6211", "--bus", "none", "--gpio-root", "/proc/x"} << 1
                                   << "talservice: cannot make the folder /proc/x";
 }

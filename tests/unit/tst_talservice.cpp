@@ -131,6 +131,7 @@ struct Control {
 };
 
 constexpr char fanPath[] = "/state/fans/fan[kid='amp_power']/speed_sensor_rpm";
+constexpr char trapPath[] = "/state/config/snmp_settings/trap_settings/traps/trap[name='LET Fault']";
 
 /// A message bus of the test's own.
 struct Bus {
@@ -209,6 +210,7 @@ private Q_SLOTS:
     void clientEdits();
     void messagesThatAreNotRequests();
     void overLongMessageClosesTheConnection();
+    void overLongNotificationIsNotSent();
     void slowClientIsDroppedAndHarmsNobody();
     void stuckClientDoesNotHoldUpCommands();
     void vanishedClient();
@@ -349,7 +351,12 @@ void TestTalService::clientEdits()
         editRequest("create", "/state/version/software[kid='me']", "<software/>") + // refused: it is there
         editRequest("delete", "/state/version/software[kid='me']", nullptr) +
         editRequest("create", "/state/version/software[kid='x']", "<software><version>2</version></software>") +
-        editRequest("rename", "/state/version", "<version/>"));
+        editRequest("rename", "/state/version", "<version/>") +
+        editRequest("create", "/state/version/software[kid='y']", "<software/><software><kid>z</kid></software>") +
+        editRequest("create", "/state/version/software[kid='y']", "a text") +
+        editRequest("create", "/state/version/software[kid='y']", nullptr) +
+        editRequest("patch", trapPath, "<trap><enabled>false</enabled></trap>") + // its key stands in the path
+        subscribeRequest("t", trapPath));
     QTRY_COMPARE(
         client.messages(),
         (QStringList{
@@ -357,7 +364,25 @@ void TestTalService::clientEdits()
             "<version>4.2.1</version></software>",
             "v create /state/version/software[kid='me'] <software><kid>me</kid><version>1</version></software>",
             "v delete /state/version/software[kid='me'] <software><kid>me</kid><version>1</version></software>",
-            "v create /state/version/software[kid='x'] <software><kid>x</kid><version>2</version></software>"}));
+            "v create /state/version/software[kid='x'] <software><kid>x</kid><version>2</version></software>",
+            QString("t create %1 <trap><name>LET Fault</name><enabled>false</enabled></trap>").arg(trapPath)}));
+}
+
+void TestTalService::overLongNotificationIsNotSent()
+{
+    Service service;
+    Client client(service);
+    client.socket.write(subscribeRequest("a", "/state/config/snmp_settings/mib_2_settings/sys_name") +
+                        subscribeRequest("b", fanPath));
+    QTRY_COMPARE(client.messages().size(), 2);
+    client.received.clear();
+    // every character is sent as five
+    QVERIFY(
+        !service.tree.set("/state/config/snmp_settings/mib_2_settings/sys_name", std::string(maxMessageSize / 4, '&')));
+    QVERIFY(!service.tree.set(fanPath, "7"));
+    QTRY_VERIFY(!client.messages().isEmpty());
+    QCOMPARE(client.messages().size(), 1);
+    QVERIFY(client.messages()[0].startsWith("b replace"));
 }
 
 void TestTalService::messagesThatAreNotRequests()
