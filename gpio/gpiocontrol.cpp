@@ -115,7 +115,7 @@ void GpioControl::checkGpio(uint gpioId)
 void GpioControl::checkRelay(uint relayId)
 {
     if (relayId >= maxRelays) {
-        qDebug().noquote() << QLatin1String("Invalid relayId: ") + QString::number(relayId);
+        qDebug().noquote() << "Invalid relayId: ";
         return;
     }
     if (m_relays[relayId] == nullptr)
