@@ -138,6 +138,13 @@ void setSessionCallback(SessionCallback callback, void *context)
     sessionCallbackContext = context;
 }
 
+void setMasterEnding(bool ending)
+{
+    const bool wasHeld = holdTraps(ending);
+    if (wasHeld && trapGate() != TrapGate::noSession && sessionCallback != nullptr)
+        sessionCallback(sessionCallbackContext, true);
+}
+
 void setSystemName(std::string_view latin1)
 {
     if (kvAgent != nullptr)

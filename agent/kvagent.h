@@ -65,11 +65,16 @@ inline constexpr std::size_t trapsPerPass = 200;
 /// Whether the trap sender takes a trap at present, whatever the trap. While it is not `open`, each call returns -1.
 enum class TrapGate {
     open,
-    noSession, ///< the library would drop it; opens with the session, which the session callback tells
-    passFull,  ///< `trapsPerPass` are handed over, or the last call found that the master does not keep up; opens with
-               ///< the next kaCheckAndProcess()
+    noSession, ///< it would be dropped; opens with the session, which the session callback tells
+    passFull,  ///< `trapsPerPass` are handed over, or the last call found that the master does not keep up or is gone;
+               ///< opens with the next kaCheckAndProcess()
 };
 TrapGate trapGate();
+
+/// A master that was told to end takes along what it has not read: from `true` on the gate is `noSession`, until the
+/// session closes, a new one opens, or `false` is told. With `false` a session that is still open, to a master that did
+/// not end, is told to the session callback once more.
+void setMasterEnding(bool ending);
 
 /// Cuts the name to 256 bytes and terminates it. Does nothing before the agent is started.
 void setSystemName(std::string_view latin1);

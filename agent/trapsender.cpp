@@ -11,6 +11,7 @@
 #include <ctime>
 #include <span>
 #include <string_view>
+#include <utility>
 
 #include <poll.h>
 #include <unistd.h>
@@ -28,14 +29,16 @@ constexpr std::string_view unknownHost = "not configured";
 
 bool sessionOpen = false;
 int sessionSocket = -1;
+bool held = false;
 std::size_t sentSincePass = 0; // trapsPerPass: no more before the next pass
 
 /// False while the master has not taken most of what was sent to it. Writing on would block us, and the master too as
-/// soon as its answers, which only a pass reads, have filled the other direction.
+/// soon as its answers, which only a pass reads, have filled the other direction. False also when it has closed the
+/// connection, which the library notices in its next pass: until then it would write into the void.
 bool masterKeepsUp()
 {
     pollfd socket = {sessionSocket, POLLOUT, 0};
-    return sessionSocket < 0 || poll(&socket, 1, 0) != 0;
+    return sessionSocket < 0 || (poll(&socket, 1, 0) != 0 && (socket.revents & (POLLHUP | POLLERR)) == 0);
 }
 
 /// The variables of one notification.
@@ -111,7 +114,7 @@ int sendTrap(std::uint32_t trapNumber, const char *description, std::int32_t lev
 
 TrapGate trapGate()
 {
-    if (!sessionOpen)
+    if (!sessionOpen || held)
         return TrapGate::noSession;
     return sentSincePass < trapsPerPass ? TrapGate::open : TrapGate::passFull;
 }
@@ -120,6 +123,12 @@ void setTrapSession(bool open, int socket)
 {
     sessionOpen = open;
     sessionSocket = socket;
+    held = false;
+}
+
+bool holdTraps(bool hold)
+{
+    return std::exchange(held, hold);
 }
 
 void startTrapPass()

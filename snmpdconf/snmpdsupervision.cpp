@@ -1,6 +1,8 @@
 // Keeps snmpd running with the current snmpd.conf: restarts after a change, a clean start, a health probe.
 #include "snmpdconf/snmpdconfhandler.h"
 
+#include "agent/kvagent.h"
+
 #include <QDebug>
 #include <QFile>
 #include <QFileInfo>
@@ -48,6 +50,7 @@ void SnmpdConfHandler::onRestartSnmpdTimeout()
                        << "onRestartSnmpdTimeout"
                        << "Restarting snmpd";
     m_host.run({QStringLiteral("killall"), {QStringLiteral("snmpd")}});
+    setMasterEnding(true); // it still takes traps for a moment, but sends none of them on
     QTimer::singleShot(startDelayMs, this, SLOT(doStartSnmpd()));
     Q_EMIT signalSnmpdConfFinish(); // does not wait for the new snmpd
 }
@@ -59,6 +62,7 @@ void SnmpdConfHandler::doStartSnmpd()
     m_host.writeSystemLog(LOG_INFO, m_useCustomConfigFile ? "Starting snmpd (custom snmpd.conf)"
                                                           : "Starting snmpd (snmpd.conf from TAL)");
     m_host.startDetached({QStringLiteral("snmpd"), {QStringLiteral("-p"), m_host.pidFile}});
+    setMasterEnding(false);
 }
 
 /// A snmpd that was stopped properly has removed its pid file by now.

@@ -4,6 +4,8 @@
 #include <QElapsedTimer>
 #include <QTest>
 
+void setTrapSession(bool open, int socket); // the agent's own; its header is the agent library's, too
+
 namespace {
 
 const QString killallEvent = qs("run: killall|snmpd");
@@ -30,6 +32,7 @@ private Q_SLOTS:
     void restartWaitsForSettingsAndCustomFlag();
     void restartIsCancelledWithoutAFile();
     void restartStopsThenFinishesThenStarts();
+    void noTrapGoesToASnmpdThatWasToldToEnd();
     void writtenFileLeadsToOneRestart();
     void changesOfTheFolderFoldIntoOneRestart();
     void customFileThatChangesRestartsSnmpd();
@@ -97,6 +100,27 @@ void TestSnmpdSupervision::restartStopsThenFinishesThenStarts()
     QVERIFY(sinceStop.elapsed() >= 470); // the coarse timer's 5 %
     const QStringList start = {logEvent(LOG_INFO, "Starting snmpd (custom snmpd.conf)"), startEvent(bench)};
     QCOMPARE(bench.events, atOnce + start);
+}
+
+void TestSnmpdSupervision::noTrapGoesToASnmpdThatWasToldToEnd()
+{
+    SnmpdBench bench(qs("not watched, so that only the call below restarts"));
+    QVERIFY(QDir().mkpath(bench.folder));
+    SnmpdBench::write(bench.configFile, "# by hand\n");
+    Q_EMIT bench.tal.handler.signalSnmpdConfUseCustomConfFile(true);
+    bench.restartTimer()->stop();
+    int told = 0;
+    setSessionCallback([](void *count, bool) { ++*static_cast<int *>(count); }, &told);
+    setTrapSession(true, -1);
+    QCOMPARE(trapGate(), TrapGate::open);
+
+    bench.handler->onRestartSnmpdTimeout();
+    QCOMPARE(trapGate(), TrapGate::noSession);
+    QTRY_COMPARE(bench.count(startEvent(bench)), 1);
+    QCOMPARE(trapGate(), TrapGate::open); // here nothing has ended it
+    QCOMPARE(told, 1);
+    setTrapSession(false, -1);
+    setSessionCallback(nullptr, nullptr);
 }
 
 void TestSnmpdSupervision::writtenFileLeadsToOneRestart()

@@ -83,6 +83,9 @@ private Q_SLOTS:
     void longAndForeignDescriptionsAreSentWhole();
     void atMostTwoHundredBetweenTwoPasses();
     void aMasterThatDoesNotReadClosesTheGateUntilItDoes();
+    void aConnectionThatIsGoneTakesNothing();
+    void anEndingMasterTakesNothing();
+    void aMasterThatDidNotEndIsToldOnceMore();
 };
 
 void TestTrapSender::initTestCase()
@@ -284,9 +287,54 @@ void TestTrapSender::aMasterThatDoesNotReadClosesTheGateUntilItDoes()
     QCOMPARE(sendTrap(1, "text", 1, "0"), 0);
     QCOMPARE(sent.size(), 2);
 
-    close(ends[1]); // a connection that is gone blocks nobody; that it is gone is told by the library
-    QCOMPARE(sendTrap(1, "text", 1, "0"), 0);
+    close(ends[1]);
     close(ends[0]);
+}
+
+void TestTrapSender::aConnectionThatIsGoneTakesNothing()
+{
+    int ends[2];
+    QCOMPARE(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    setTrapSession(true, ends[0]);
+    close(ends[1]);
+    QCOMPARE(sendTrap(1, "text", 1, "0"), -1);
+    QCOMPARE(trapGate(), TrapGate::passFull); // the next pass finds out
+    QVERIFY(sent.isEmpty());
+    close(ends[0]);
+}
+
+void TestTrapSender::anEndingMasterTakesNothing()
+{
+    setMasterEnding(true);
+    QCOMPARE(trapGate(), TrapGate::noSession);
+    QCOMPARE(sendTrap(1, "text", 1, "0"), -1);
+    startTrapPass();
+    QCOMPARE(trapGate(), TrapGate::noSession);
+
+    setTrapSession(false, -1); // it has ended
+    QCOMPARE(trapGate(), TrapGate::noSession);
+    setTrapSession(true, -1); // the next one
+    QCOMPARE(sendTrap(1, "text", 1, "0"), 0);
+    setMasterEnding(false);
+    QCOMPARE(sendTrap(1, "text", 1, "0"), 0);
+}
+
+void TestTrapSender::aMasterThatDidNotEndIsToldOnceMore()
+{
+    int told = 0;
+    setSessionCallback([](void *count, bool open) { *static_cast<int *>(count) += open ? 1 : 100; }, &told);
+    setMasterEnding(true);
+    setMasterEnding(false);
+    QCOMPARE(told, 1);
+    QCOMPARE(trapGate(), TrapGate::open);
+    setMasterEnding(false); // nothing was held back
+    QCOMPARE(told, 1);
+
+    setMasterEnding(true);
+    setTrapSession(false, -1);
+    setMasterEnding(false);
+    QCOMPARE(told, 1);
+    setSessionCallback(nullptr, nullptr);
 }
 
 QTEST_GUILESS_MAIN(TestTrapSender)
