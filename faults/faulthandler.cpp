@@ -50,10 +50,9 @@ std::int32_t severityOf(const QString &level)
     return otherSeverity;
 }
 
-FaultHandler::FaultHandler(QObject *parent) : FaultHandler(parent, [] { return trapGate() != TrapGate::open; }) {}
+FaultHandler::FaultHandler(QObject *parent) : FaultHandler(parent, trapGate) {}
 
-FaultHandler::FaultHandler(QObject *parent, std::function<bool()> senderBlocked)
-    : QObject(parent), m_senderBlocked(std::move(senderBlocked))
+FaultHandler::FaultHandler(QObject *parent, std::function<TrapGate()> gate) : QObject(parent), m_gate(std::move(gate))
 {}
 
 FaultHandler::~FaultHandler() = default;
@@ -81,9 +80,14 @@ void FaultHandler::onReportFault(QString reporter, QString repRef, QString msgDa
         qDebug().noquote() << "FaultHandler"
                            << "onReportFault" << QStringLiteral("Remove Fault: [%1] [%2]").arg(reporter, repRef);
         if (known != m_arrivals.end()) {
-            m_faults.erase(*known);
-            m_due.erase(*known);
+            const Arrival arrival = *known;
             m_arrivals.erase(known);
+            FaultRecord &fault = m_faults.at(arrival);
+            // A sender that takes a moment, as in a burst, is no reason to keep a short fault from the operator.
+            if (isDue(fault) && m_runCut && m_gate() != TrapGate::noSession)
+                fault.ended = true;
+            else
+                remove(arrival);
         }
     }
     reportTraps();
@@ -102,6 +106,7 @@ void FaultHandler::onUpdateEnabledSnmpTraps(QMap<QString, bool> &enabledSnmpTrap
                        << QStringLiteral("Changed Enabled Traps: %1").arg(m_enabledTraps.join(QStringLiteral("; ")));
 
     m_due.clear();
+    std::erase_if(m_faults, [this](const auto &entry) { return entry.second.ended && !isDue(entry.second); });
     for (const auto &[arrival, fault] : m_faults)
         if (isDue(fault))
             m_due.insert(m_due.end(), arrival);
@@ -113,12 +118,20 @@ bool FaultHandler::isDue(const FaultRecord &fault) const
     return !fault.sent && fault.trap != nullptr && m_enabledTraps.contains(latin1(fault.trap->name));
 }
 
+void FaultHandler::remove(Arrival arrival)
+{
+    m_due.erase(arrival);
+    m_faults.erase(arrival);
+}
+
 void FaultHandler::reportTraps()
 {
     if (kvAgent == nullptr || kvAgent->sendTrap == nullptr)
         return;
+    m_runCut = false;
     for (auto due = m_due.begin(); due != m_due.end();) {
-        FaultRecord &fault = m_faults.at(*due);
+        const Arrival arrival = *due;
+        FaultRecord &fault = m_faults.at(arrival);
         const int result = kvAgent->sendTrap(fault.trap->number, fault.infoText.toUtf8().constData(),
                                              severityOf(fault.level), fault.timeStamp.toUtf8().constData());
         fault.sent = result == 0;
@@ -127,11 +140,13 @@ void FaultHandler::reportTraps()
                            << (fault.sent ? QStringLiteral("Trap fault ID: %1 description: %2 ->Send SUCCESS")
                                           : QStringLiteral("Trap fault ID: %1 description: %2 ->Send FAILED"))
                                   .arg(QString::number(fault.trap->number), fault.infoText);
-        if (fault.sent)
-            due = m_due.erase(due);
-        else if (m_senderBlocked())
+        m_runCut = !fault.sent && m_gate() != TrapGate::open;
+        if (m_runCut)
             return; // the rest waits for the sender, without a line for each
-        else
-            ++due;
+        ++due;
+        if (fault.ended)
+            remove(arrival);
+        else if (fault.sent)
+            m_due.erase(arrival);
     }
 }

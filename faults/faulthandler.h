@@ -14,6 +14,7 @@
 #include <set>
 
 struct Trap;
+enum class TrapGate;
 
 /// The severity number that a trap carries for a message's level.
 std::int32_t severityOf(const QString &level);
@@ -23,9 +24,9 @@ class FaultHandler : public QObject {
 
 public:
     explicit FaultHandler(QObject *parent);
-    /// `senderBlocked` tells, after a trap was refused, whether the sender takes no other trap either for now: then the
-    /// run ends there. The agent is asked if no other answer is given.
-    FaultHandler(QObject *parent, std::function<bool()> senderBlocked);
+    /// `gate` tells whether the sender takes any trap for now: a run ends at the first refusal while it does not. The
+    /// agent is asked if nobody else answers.
+    FaultHandler(QObject *parent, std::function<TrapGate()> gate);
     ~FaultHandler() override;
 
 public Q_SLOTS:
@@ -45,17 +46,20 @@ private:
         QString timeStamp;
         QString level;
         bool sent;
-        const Trap *trap; ///< null when no trap belongs to the message
+        const Trap *trap;   ///< null when no trap belongs to the message
+        bool ended = false; ///< no longer in the list; stays for its trap, which the sender was too busy to take
     };
     using FaultKey = QPair<QString, QString>; ///< reporter and repRef
     using Arrival = quint64;
 
     bool isDue(const FaultRecord &fault) const;
+    void remove(Arrival arrival);
 
-    std::function<bool()> m_senderBlocked;
+    std::function<TrapGate()> m_gate;
     std::map<Arrival, FaultRecord> m_faults; ///< the fault list, in the order of arrival
     QHash<FaultKey, Arrival> m_arrivals;
     std::set<Arrival> m_due; ///< unsent messages whose trap is enabled: a run looks at no others
+    bool m_runCut = false;   ///< the last run ended at a refusal because the sender took nothing then
     QStringList m_enabledTraps;
     Arrival m_nextArrival = 0;
 };

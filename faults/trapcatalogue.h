@@ -68,9 +68,11 @@ inline constexpr Trap trapCatalogue[] = { // numbers 7 to 10 and 20 are out of s
 // clang-format on
 
 static_assert(std::size(trapCatalogue) == 20);
-static_assert([] {
-    for (std::uint32_t i = 0; i < std::size(trapCatalogue); ++i)
-        if (trapCatalogue[i].number != i + 1)
-            return false;
-    return true;
-}(), "a trap's number is its place in the catalogue");
+static_assert(
+    [] {
+        for (std::uint32_t i = 0; i < std::size(trapCatalogue); ++i)
+            if (trapCatalogue[i].number != i + 1)
+                return false;
+        return true;
+    }(),
+    "a trap's number is its place in the catalogue");

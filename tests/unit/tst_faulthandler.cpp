@@ -74,6 +74,10 @@ private Q_SLOTS:
     void refusalDoesNotHoldUpTheOthers();
     void runEndsAtTheFirstRefusalWhileTheSenderIsBlocked();
     void blockedSenderGetsTheRestAtTheNextRun();
+    void aFaultThatEndsWhileTheSenderIsBusyIsStillSent();
+    void aFaultThatEndsWithoutASessionIsNeverSent();
+    void aFaultThatEndsAfterAnOrdinaryRefusalIsNeverSent();
+    void anEndedFaultIsForgottenWhenItsTrapIsDisabled();
     void runWithNothingDueCallsNobody();
     void sentInTheOrderOfArrival();
     void reporterAndReferenceTogetherIdentify();
@@ -96,7 +100,7 @@ private:
     void enable(QMap<QString, bool> map) { handler->onUpdateEnabledSnmpTraps(map); }
 
     KvAgent agent{};
-    bool blocked = false;
+    TrapGate gate = TrapGate::open;
     QScopedPointer<MessageLog> log;
     QScopedPointer<FaultHandler> handler;
 };
@@ -105,12 +109,12 @@ void TestFaultHandler::init()
 {
     sent.clear();
     answer = nullptr;
-    blocked = false;
+    gate = TrapGate::open;
     agent = {};
     agent.sendTrap = fakeSendTrap;
     kvAgent = &agent;
     log.reset(new MessageLog);
-    handler.reset(new FaultHandler(nullptr, [this] { return blocked; }));
+    handler.reset(new FaultHandler(nullptr, [this] { return gate; }));
 }
 
 void TestFaultHandler::cleanup()
@@ -359,7 +363,7 @@ void TestFaultHandler::runEndsAtTheFirstRefusalWhileTheSenderIsBlocked()
     for (const char *ref : {"1", "2", "3"})
         raise("amp", ref, "let_fail", ref);
     log->takeLines();
-    blocked = true;
+    gate = TrapGate::noSession;
     answer = [](const QString &) { return -1; };
     enable(traps({"LET Fault"}));
     QCOMPARE(sent, QStringList{qs("5|1|2|0")});
@@ -378,8 +382,8 @@ void TestFaultHandler::blockedSenderGetsTheRestAtTheNextRun()
         raise("amp", QByteArray::number(i).constData(), "let_fail", QByteArray::number(i).constData());
     int budget = 200; // as the agent has it for one pass
     answer = [&](const QString &) {
-        blocked = budget == 0;
-        return blocked ? -1 : (--budget, 0);
+        gate = budget == 0 ? TrapGate::passFull : TrapGate::open;
+        return gate == TrapGate::open ? (--budget, 0) : -1;
     };
     enable(traps({"LET Fault"}));
     QCOMPARE(sent.size(), 201);
@@ -394,6 +398,66 @@ void TestFaultHandler::blockedSenderGetsTheRestAtTheNextRun()
     sent.removeDuplicates(); // the two refused ones came again
     QCOMPARE(sent.size(), 450);
     QCOMPARE(sent.last(), qs("5|449|2|0"));
+}
+
+void TestFaultHandler::aFaultThatEndsWhileTheSenderIsBusyIsStillSent()
+{
+    enable(traps({"LET Fault", "Fuse Broken"}));
+    gate = TrapGate::passFull;
+    answer = [this](const QString &) { return gate == TrapGate::open ? 0 : -1; };
+    raise("amp", "1", "let_fail", "short");
+    raise("amp", "2", "let_fail", "long");
+    clear("amp", "1");
+    raise("amp", "1", "fuse_broken", "a fault of its own");
+    clear("amp", "1");
+    sent.clear();
+    gate = TrapGate::open; // a pass was made; the run that follows it comes after the next message
+    clear("amp", "2");
+    const QStringList expected = {qs("5|short|2|0"), qs("5|long|2|0"), qs("9|a fault of its own|2|0")};
+    QCOMPARE(sent, expected);
+    handler->reportTraps();
+    QCOMPARE(sent, expected);
+}
+
+void TestFaultHandler::aFaultThatEndsWithoutASessionIsNeverSent()
+{
+    enable(traps({"LET Fault"}));
+    gate = TrapGate::noSession;
+    answer = [](const QString &) { return -1; };
+    raise("amp", "1", "let_fail", "1");
+    raise("amp", "2", "let_fail", "2");
+    clear("amp", "1");
+    sent.clear();
+    answer = nullptr;
+    gate = TrapGate::open;
+    handler->reportTraps();
+    QCOMPARE(sent, QStringList{qs("5|2|2|0")});
+}
+
+void TestFaultHandler::aFaultThatEndsAfterAnOrdinaryRefusalIsNeverSent()
+{
+    enable(traps({"LET Fault"}));
+    answer = [](const QString &) { return -1; };
+    raise("amp", "1");
+    QCOMPARE(sent.size(), 1);
+    clear("amp", "1");
+    handler->reportTraps();
+    QCOMPARE(sent.size(), 1);
+}
+
+void TestFaultHandler::anEndedFaultIsForgottenWhenItsTrapIsDisabled()
+{
+    enable(traps({"LET Fault"}));
+    gate = TrapGate::passFull;
+    answer = [](const QString &) { return -1; };
+    raise("amp", "1");
+    clear("amp", "1");
+    enable(traps({}, {"LET Fault"}));
+    sent.clear();
+    gate = TrapGate::open;
+    answer = nullptr;
+    enable(traps({"LET Fault"}));
+    QCOMPARE(sent, QStringList());
 }
 
 void TestFaultHandler::runWithNothingDueCallsNobody()
