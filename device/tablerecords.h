@@ -73,9 +73,9 @@ struct LetChanges {
 
 /// One line end transponder (LET).
 struct LetEntry {
-    std::uint32_t letStatus;    ///< derived: 1 unknown, 2 not enabled, 3 not reported missing, 4 missing
-    std::uint32_t letPresence;  ///< 0 until reported, 1 missing, 2 present, as the amplifier monitor says
-    std::uint32_t letEnabled;   ///< 0 until reported, 1 enabled, 2 not
+    std::uint32_t letStatus;   ///< derived: 1 unknown, 2 not enabled, 3 not reported missing, 4 missing
+    std::uint32_t letPresence; ///< 0 until reported, 1 missing, 2 present, as the amplifier monitor says
+    std::uint32_t letEnabled;  ///< 0 until reported, 1 enabled, 2 not
     char description[128];
     char softwareVersion[20];
     char hardwareVersion[20];

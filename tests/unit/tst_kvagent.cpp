@@ -13,14 +13,6 @@
 namespace {
 const AgentSurroundings surroundings;
 
-QStringList lines(std::initializer_list<const char *> texts)
-{
-    QStringList list;
-    for (const char *text : texts)
-        list.append(QString::fromLatin1(text));
-    return list;
-}
-
 struct SessionLog {
     QList<bool> changes;
     static void note(void *context, bool open) { static_cast<SessionLog *>(context)->changes.append(open); }
@@ -59,6 +51,9 @@ private Q_SLOTS:
     void theStartPrintsItsSteps();
     void theStartFillsTheRecord();
     void theLibraryIsSetUpAsASubAgent();
+    void theLibraryLogsToStandardError();
+    void anUnknownModelSendsTrapsAllTheSame();
+    void everyObjectIsRegisteredUnderItsNameWithItsOwnFunctions();
     void settersStoreAndRefillAtOnce();
     void powerAndRelaySettersOnlyStore();
     void modelsWithoutARowSetAreLeftAlone();
@@ -148,6 +143,103 @@ void TestKvAgent::theLibraryIsSetUpAsASubAgent()
                     netsnmp_ds_get_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_MAX_GETBULKRESPONSES));
     });
     QCOMPARE(facts.last(), QStringLiteral("facts 1 1 1"));
+}
+
+void TestKvAgent::theLibraryLogsToStandardError()
+{
+    const QStringList output = printedInOwnProcess([] {
+        snmp_enable_calllog(); // with no log at all the library falls back on standard error by itself
+        dup2(STDOUT_FILENO, STDERR_FILENO);
+        kaAgentStart(6720, 1, "");
+        snmp_log(LOG_ERR, "said by the library\n");
+    });
+    QVERIFY(output.contains(QStringLiteral("said by the library")));
+}
+
+void TestKvAgent::anUnknownModelSendsTrapsAllTheSame()
+{
+    const QStringList output = printedInOwnProcess([] {
+        {
+            StandardOutput progress;
+            kaAgentStart(6412, 1, "");
+        }
+        setTrapSession(true, -1);
+        std::printf("%d\n", kvAgent->sendTrap(1, "fan stands", 1, "0"));
+    });
+    QCOMPARE(output, lines({"0"}));
+}
+
+void TestKvAgent::everyObjectIsRegisteredUnderItsNameWithItsOwnFunctions()
+{
+    struct Object {
+        std::vector<oid> arcs; // below the enterprise arc
+        const char *name;
+        Netsnmp_Node_Handler *handler;
+        NetsnmpCacheLoad *load = nullptr; // null: a scalar
+        NetsnmpCacheFree *free = nullptr;
+    };
+    // clang-format off
+    const Object objects[] = {
+        {{3, 1, 1}, "infoPackageVersion", handle_infoPackageVersion},
+        {{3, 1, 2}, "infoModelType", handle_infoModelType},
+        {{3, 1, 3}, "infoModelNumber", handle_infoModelNumber},
+        {{3, 1, 4}, "infoAmplifierType", handle_infoAmplifierType},
+        {{3, 1, 5}, "infoKernelVersion", handle_infoKernelVersion},
+        {{3, 1, 6}, "infoDeviceTreeVersion", handle_infoDeviceTreeVersion},
+        {{3, 1, 7}, "infoDisablement", handle_infoDisablement},
+        {{3, 2, 1}, "tempTableCount", handle_tempTableCount},
+        {{3, 2, 2}, "tempTable", tempTable_handler, tempTable_load, tempTable_free},
+        {{3, 3, 1}, "fanTableCount", handle_fanTableCount},
+        {{3, 3, 2}, "fanTable", fanTable_handler, fanTable_load, fanTable_free},
+        {{3, 4, 1}, "voltageTableCount", handle_voltageTableCount},
+        {{3, 4, 2}, "voltageTable", voltageTable_handler, voltageTable_load, voltageTable_free},
+        {{3, 5, 1}, "powerTable", powerTable_handler, powerTable_load, powerTable_free},
+        {{3, 6, 1}, "lineInTable", lineInTable_handler, lineInTable_load, lineInTable_free},
+        {{3, 7, 1}, "ampChannelCount", handle_ampChannelCount},
+        {{3, 7, 2}, "ampType", handle_ampType},
+        {{3, 7, 3}, "ampChannelTable", ampChannelTable_handler, ampChannelTable_load, ampChannelTable_free},
+        {{3, 8, 1, 1}, "letChannel1Count", handle_letChannel1Count},
+        {{3, 8, 1, 2}, "letChannel1Table", letChannelTable_handler, letChannel1Table_load, letChannelTable_free},
+        {{3, 8, 2, 1}, "letChannel2Count", handle_letChannel2Count},
+        {{3, 8, 2, 2}, "letChannel2Table", letChannelTable_handler, letChannel2Table_load, letChannelTable_free},
+        {{3, 9, 1}, "controlInputCount", handle_controlInputCount},
+        {{3, 9, 2}, "controlInputTable", controlInputTable_handler, controlInputTable_load, controlInputTable_free},
+        {{3, 10, 1}, "controlOutputCount", handle_controlOutputCount},
+        {{3, 10, 2}, "controlOutputTable", controlOutputTable_handler, controlOutputTable_load, controlOutputTable_free},
+        {{3, 11, 1}, "ethMonitoringTable", ethMonitoringTable_handler, ethMonitoringTable_load, ethMonitoringTable_free},
+        {{3, 12, 1}, "relayTable", relayTable_handler, relayTable_load, relayTable_free},
+    };
+    // clang-format on
+    const QStringList output = printedInOwnProcess([&objects] {
+        {
+            StandardOutput progress;
+            kaAgentStart(6420, 1, "");
+        }
+        for (const Object &object : objects) {
+            std::vector<oid> name{1, 3, 6, 1, 4, 1, 52717};
+            name.insert(name.end(), object.arcs.begin(), object.arcs.end());
+            const netsnmp_subtree *tree = netsnmp_subtree_find(name.data(), name.size(), nullptr, "");
+            if (tree == nullptr || tree->reginfo == nullptr) {
+                std::printf("%s is not registered\n", object.name);
+                continue;
+            }
+            const netsnmp_handler_registration &entry = *tree->reginfo;
+            const netsnmp_mib_handler *last = entry.handler;
+            while (last->next != nullptr)
+                last = last->next;
+            if (qstrcmp(entry.handlerName, object.name) != 0 || entry.rootoid_len != name.size() ||
+                (entry.modes & HANDLER_CAN_RWRITE) != HANDLER_CAN_RONLY || last->access_method != object.handler)
+                std::printf("%s is registered otherwise\n", object.name);
+            if (object.load == nullptr)
+                continue;
+            const netsnmp_cache *cache = netsnmp_cache_find_by_oid(name.data(), static_cast<int>(name.size()));
+            if (cache == nullptr || cache->timeout != 60 || cache->load_cache != object.load ||
+                cache->free_cache != object.free)
+                std::printf("%s has another cache\n", object.name);
+        }
+        std::puts("compared");
+    });
+    QCOMPARE(output, lines({"compared"}));
 }
 
 void TestKvAgent::settersStoreAndRefillAtOnce()

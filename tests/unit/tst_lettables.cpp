@@ -9,14 +9,6 @@
 namespace {
 const AgentSurroundings surroundings;
 
-QStringList lines(std::initializer_list<const char *> texts)
-{
-    QStringList list;
-    for (const char *text : texts)
-        list.append(QString::fromLatin1(text));
-    return list;
-}
-
 LetRecord record = {};
 } // namespace
 

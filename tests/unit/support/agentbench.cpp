@@ -157,6 +157,14 @@ QStringList StandardOutput::takeLines()
     return lines;
 }
 
+QStringList lines(std::initializer_list<const char *> texts)
+{
+    QStringList list;
+    for (const char *text : texts)
+        list.append(QString::fromLatin1(text));
+    return list;
+}
+
 QStringList printed(const std::function<void()> &body)
 {
     StandardOutput output;

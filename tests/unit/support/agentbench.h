@@ -11,6 +11,7 @@
 #include <QTemporaryDir>
 
 #include <functional>
+#include <initializer_list>
 
 /// A private folder in place of every path that the agent library reads or writes, its master's socket included. To
 /// live as long as the test program; stands before the first use of the library.
@@ -37,6 +38,9 @@ private:
     int m_file;
     int m_outer;
 };
+
+/// The expected lines of an output.
+QStringList lines(std::initializer_list<const char *> texts);
 
 /// What `body` prints.
 QStringList printed(const std::function<void()> &body);
