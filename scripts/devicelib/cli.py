@@ -1,0 +1,306 @@
+"""The command line of scripts/device."""
+from __future__ import annotations
+
+import argparse
+import json
+import os
+import select
+import selectors
+import shlex
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+from . import registry, sandbox
+from .folders import make_folders
+from .identity import MODELS, identity_files
+from .registry import DeviceError
+from .settings import CHECKOUT, Settings
+
+NEEDED = ["bwrap", "nsenter", "snmpd", "snmptrapd", "dbus-daemon", "killall"]
+END_TIMEOUT = 10.0
+
+DESCRIPTION = """\
+Starts a throw-away device: a sandbox with its own processes, /etc, /run, /tmp and /var, in which the data
+service's simulator, a system bus, snmptrapd and kvsnmp run. Ctrl-C ends it and leaves nothing behind.
+
+  scripts/device --model 6420 --port 1161    then: snmpwalk -v2c -c public 127.0.0.1:1161 .1.3.6.1.4.1.52717
+  scripts/device exec -- CMD [ARG]...        run a command inside the device
+  scripts/device list                        the devices that run now
+  scripts/device stop [--name NAME]          end one"""
+
+
+def main(arguments: list[str]) -> int:
+    os.environ["PATH"] = os.environ.get("PATH", "") + ":/usr/sbin:/sbin"
+    commands = {"exec": run_exec, "list": run_list, "stop": run_stop, "start": run_start}
+    try:
+        if arguments and arguments[0] in commands:
+            return commands[arguments[0]](arguments[1:])
+        return run_start(arguments)
+    except DeviceError as error:
+        print(f"device: {error}", file=sys.stderr)
+        return 1
+
+
+# Starting
+
+
+def start_parser() -> argparse.ArgumentParser:
+    parser = argparse.ArgumentParser(prog="device", description=DESCRIPTION, allow_abbrev=False,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--model", type=int, choices=MODELS, default=6420, metavar="N",
+                        help="model number: " + ", ".join(map(str, MODELS)) + " (default 6420)")
+    parser.add_argument("--name", help="name for exec and stop (default: the model number)")
+    parser.add_argument("--port", type=port_number, default=0, metavar="N",
+                        help="share the host's network and answer on this UDP port (default: a network of its own, "
+                             "port 161)")
+    parser.add_argument("--trap-port", type=port_number, metavar="N",
+                        help="where the device's snmptrapd listens (default: 162, with --port one above it)")
+    parser.add_argument("--bin", metavar="DIR", help="folder of kvsnmp, talservice and talctl "
+                                                     "(default: the build found in the tree)")
+    parser.add_argument("--daemon", action="store_true", help="start kvsnmp in daemon mode")
+    parser.add_argument("--no-kvsnmp", action="store_true", help="everything but kvsnmp")
+    parser.add_argument("--no-simulator", action="store_true", help="everything but the data service")
+    parser.add_argument("--no-dbus", action="store_true", help="no system bus")
+    parser.add_argument("--no-traps", action="store_true", help="no snmptrapd")
+    parser.add_argument("--numeric-traps", action="store_true", help="print traps with OIDs and types")
+    parser.add_argument("--kvsnmp-arg", action="append", default=[], metavar="ARG", help="a further argument of kvsnmp")
+    parser.add_argument("--kvsnmp-wrapper", default="", metavar="CMD",
+                        help='run kvsnmp under this command, e.g. "valgrind --leak-check=full"')
+    parser.add_argument("--clock-shift", action="store_true",
+                        help="let a test move kvsnmp's monotonic clock (needs the build's libclockshift.so)")
+    parser.add_argument("--snmpd-rss", default="8192", type=snmpd_rss, metavar="KB|real",
+                        help="what the device's ps says of snmpd's memory (default 8192; a desktop's snmpd is larger "
+                             "than the device's)")
+    parser.add_argument("--model-text", metavar="TEXT", help="the model text, /etc/xr-model")
+    parser.add_argument("--etc", action="append", default=[], type=assignment, metavar="NAME=TEXT",
+                        help="write TEXT and a line end into /etc/NAME; with an empty TEXT an empty file")
+    parser.add_argument("--no-etc", action="append", default=[], metavar="NAME", help="leave /etc/NAME out")
+    parser.add_argument("--set", action="append", default=[], metavar="PATH=VALUE",
+                        help="a value of the data service's tree at start")
+    parser.add_argument("--trees", metavar="DIR", help="data trees other than the simulator's own")
+    return parser
+
+
+def port_number(text: str) -> int:
+    number = int(text)
+    if not 1 <= number <= 65535:
+        raise argparse.ArgumentTypeError("a port is 1 to 65535")
+    return number
+
+
+def snmpd_rss(text: str) -> str:
+    if text != "real" and not text.isdigit():
+        raise argparse.ArgumentTypeError('a number of kB or "real"')
+    return text
+
+
+def assignment(text: str) -> tuple[str, str]:
+    name, equals, value = text.partition("=")
+    if not equals or not name or "/" in name:
+        raise argparse.ArgumentTypeError("NAME=TEXT, NAME without a slash")
+    return name, value
+
+
+def find_bin_dir(given: str | None) -> str:
+    places = [given or os.environ.get("KVSNMP_BIN_DIR")]
+    if not places[0]:
+        places = [CHECKOUT / "build/release/bin", CHECKOUT / "build/dev/bin", CHECKOUT / "build/demo/bin",
+                  Path("/usr/sbin")]
+    for place in places:
+        if os.access(Path(place) / "kvsnmp", os.X_OK):
+            return str(Path(place).absolute())
+    raise DeviceError("no kvsnmp in " + ", ".join(map(str, places)) +
+                      "; build it: cmake --preset release && cmake --build --preset release")
+
+
+def check_programs() -> None:
+    missing = [program for program in NEEDED if not shutil.which(program)]
+    if missing:
+        raise DeviceError(f"not installed: {', '.join(missing)}; scripts/install-deps installs what is missing")
+
+
+def check_ports(settings: Settings) -> None:
+    """In the host's network a port may be taken; snmpd would end without a word to anybody."""
+    if not settings.port:
+        return
+    for port, address in ((settings.port, ""), (settings.trap_port, "127.0.0.1")):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+            try:
+                probe.bind((address, port))
+            except OSError as error:
+                raise DeviceError(f"UDP port {port}: {error.strerror}; choose another with --port and --trap-port") from error
+
+
+def settings_from(options: argparse.Namespace, name: str) -> Settings:
+    simulator_args = [part for value in options.set for part in ("--set", value)]
+    if options.trees:
+        simulator_args += ["--trees", os.path.abspath(options.trees)]
+    trap_port = options.trap_port or (options.port + 1 if options.port else 162)
+    settings = Settings(
+        model=options.model, name=name, bin_dir=find_bin_dir(options.bin), port=options.port, trap_port=trap_port,
+        kvsnmp="none" if options.no_kvsnmp else "daemon" if options.daemon else "foreground",
+        kvsnmp_args=options.kvsnmp_arg, wrapper=shlex.split(options.kvsnmp_wrapper), clock_shift=options.clock_shift,
+        simulator=not options.no_simulator, simulator_args=simulator_args, dbus=not options.no_dbus,
+        traps=not options.no_traps, numeric_traps=options.numeric_traps)
+    if settings.clock_shift and not os.path.exists(settings.clock_library()):
+        raise DeviceError(f"--clock-shift needs {settings.clock_library()}, which the build of the tests makes")
+    return settings
+
+
+def etc_files(options: argparse.Namespace) -> dict[str, str]:
+    files = identity_files(options.model)
+    if options.model_text is not None:
+        files["xr-model"] = options.model_text + "\n"
+    for name, text in options.etc:
+        files[name] = text + "\n" if text else ""
+    return {name: text for name, text in files.items() if name not in options.no_etc}
+
+
+def run_start(arguments: list[str]) -> int:
+    options = start_parser().parse_args(arguments)
+    check_programs()
+    find_bin_dir(options.bin)
+    registry.sweep()
+    claim = registry.claim(options.name, options.model)
+    try:
+        settings = settings_from(options, claim.folder.name)
+        check_ports(settings)
+        make_folders(claim.root, settings, etc_files(options), options.snmpd_rss)
+        return Session(claim, settings).run()
+    finally:
+        claim.remove()
+
+
+class Session:
+    """The sandbox from its start to its end, seen from the host."""
+
+    def __init__(self, claim: registry.Claim, settings: Settings) -> None:
+        self.claim = claim
+        self.settings = settings
+        self.signalled = False
+        self.first_process_end: int | None = None
+        self.wake_read, wake_write = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
+        signal.set_wakeup_fd(wake_write, warn_on_full_buffer=False)
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            signal.signal(number, self._on_signal)
+
+    def _on_signal(self, *_) -> None:
+        self.signalled = True
+
+    def run(self) -> int:
+        info_read, info_write = os.pipe()
+        status_read, status_write = os.pipe()
+        control_read, control_write = os.pipe()
+        inside = ["/usr/bin/python3", str(Path(__file__).with_name("inside.py")), str(status_write)]
+        command = sandbox.bwrap_command(self.claim.root, self.settings, info_write, inside)
+        bwrap = subprocess.Popen(command, stdin=control_read, pass_fds=(info_write, status_write),
+                                 start_new_session=True)
+        for descriptor in (info_write, status_write, control_read):
+            os.close(descriptor)
+        try:
+            return self._follow(bwrap, info_read, status_read)
+        finally:
+            os.close(control_write)  # tells the device to end
+            self._wait_for_the_end(bwrap)
+            for descriptor in (info_read, status_read):
+                os.close(descriptor)
+
+    def _wait_for_the_end(self, bwrap: subprocess.Popen) -> None:
+        try:
+            bwrap.wait(END_TIMEOUT)
+        except subprocess.TimeoutExpired:
+            bwrap.kill()
+            bwrap.wait()
+        # bwrap does not wait for what ran in the background; the first process is gone only when all of that is.
+        if self.first_process_end is not None:
+            select.select([self.first_process_end], [], [], END_TIMEOUT)
+            os.close(self.first_process_end)
+
+    def _follow(self, bwrap: subprocess.Popen, info_read: int, status_read: int) -> int:
+        facts = {"model": self.settings.model, "port": self.settings.port, "ready": False}
+        words = ""
+        with selectors.DefaultSelector() as selector:
+            selector.register(status_read, selectors.EVENT_READ)
+            selector.register(self.wake_read, selectors.EVENT_READ)
+            while not self.signalled:
+                for key, _ in selector.select():
+                    if key.fd == self.wake_read:
+                        continue
+                    word = os.read(status_read, 4096).decode()
+                    if not word:
+                        return self._ended(bwrap, words)
+                    words += word
+                    if "started" in word:
+                        facts["first_process"] = first_process(os.read(info_read, 4096))
+                        self.first_process_end = os.pidfd_open(facts["first_process"])
+                        self.claim.publish(**facts)
+                    if "ready" in word:
+                        facts["ready"] = True
+                        self.claim.publish(**facts)
+                        self._tell_how_to_go_on()
+        return 0
+
+    @staticmethod
+    def _ended(bwrap: subprocess.Popen, words: str) -> int:
+        bwrap.wait(END_TIMEOUT)
+        if "started" not in words:
+            raise DeviceError(sandbox.FAILED_HINT)
+        raise DeviceError("the device ended by itself")
+
+    def _tell_how_to_go_on(self) -> None:
+        name, port = self.settings.name, self.settings.port
+        walk = f"snmpwalk -v2c -c public 127.0.0.1:{port} .1.3.6.1.4.1.52717"
+        if not port:
+            walk = f"scripts/device exec --name {name} -- snmpwalk -v2c -c public 127.0.0.1 .1.3.6.1.4.1.52717"
+        print(f"device {name}: model {self.settings.model}, files in {self.claim.root}\n"
+              f"  ask it:    {walk}\n"
+              f"  change it: scripts/device exec --name {name} -- talctl --help\n"
+              f"  end it:    Ctrl-C, or scripts/device stop --name {name}", flush=True)
+
+
+def first_process(info: bytes) -> int:
+    return int(json.loads(info)["child-pid"])
+
+
+# Commands on running devices
+
+
+def run_exec(arguments: list[str]) -> int:
+    parser = argparse.ArgumentParser(prog="device exec", description="Runs a command inside a running device.")
+    parser.add_argument("--name", help="which device, when several run")
+    parser.add_argument("command", nargs="+", metavar="CMD", help="put -- before it when it has options")
+    options = parser.parse_args(arguments)
+    device = registry.find(options.name)
+    command = sandbox.enter_command(device.first_process, options.command, own_network=not device.port)
+    os.execvp(command[0], command)
+
+
+def run_list(arguments: list[str]) -> int:
+    argparse.ArgumentParser(prog="device list", description="Lists the running devices.").parse_args(arguments)
+    registry.sweep()
+    for device in registry.running():
+        where = f"127.0.0.1:{device.port}" if device.port else "own network"
+        state = "running" if device.ready else "starting"
+        print(f"{device.name}\tmodel {device.model}\t{where}\t{state}\t{device.root}")
+    return 0
+
+
+def run_stop(arguments: list[str]) -> int:
+    parser = argparse.ArgumentParser(prog="device stop", description="Ends a running device.")
+    parser.add_argument("--name", help="which device, when several run")
+    parser.add_argument("--all", action="store_true", help="every device")
+    options = parser.parse_args(arguments)
+    devices = registry.running() if options.all else [registry.find(options.name)]
+    for device in devices:
+        os.kill(device.owner, signal.SIGTERM)
+    limit = time.monotonic() + 2 * END_TIMEOUT
+    while any(device.folder.exists() for device in devices):
+        if time.monotonic() > limit:
+            raise DeviceError("the device does not end")
+        time.sleep(0.02)
+    return 0

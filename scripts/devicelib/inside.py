@@ -1,0 +1,319 @@
+"""The first program inside a device: starts what a device runs, prints its traps, keeps its syslog, ends it all.
+
+Standard input is a pipe of the starting process; when it closes, the device ends. The descriptor that the argument
+names takes the words "started" (the sandbox stands) and "ready" (everything that was asked for is running).
+"""
+from __future__ import annotations
+
+import os
+import selectors
+import signal
+import socket
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+sys.dont_write_bytecode = True
+sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+
+from devicelib.settings import (BIN_FOLDER, GPIO_ROOT, SANITIZER_LOG, STATE_FOLDER, TAL_CONTROL, TAL_SOCKET,  # noqa: E402
+                                Settings, kvsnmp_environment)
+
+START_TIMEOUT = 20.0
+END_TIMEOUT = 5.0
+SEVERITIES = ["emerg", "alert", "crit", "err", "warning", "notice", "info", "debug"]
+RECORD_START, RECORD_END = b"\x02", b"\x1e"
+TIME_END, VARIABLE_END = "\x1d", "\x1f"
+
+
+class StartFailed(Exception):
+    pass
+
+
+def say(text: str) -> None:
+    try:
+        print(text, flush=True)
+    except OSError:  # nobody reads any more
+        pass
+
+
+class SyslogSink:
+    """/dev/log: one line of /var/log/syslog per message."""
+
+    def __init__(self) -> None:
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
+        self.socket.bind("/run/devlog")
+        os.chmod("/run/devlog", 0o666)
+        self._file = open("/var/log/syslog", "a", encoding="utf-8", buffering=1)
+
+    def receive(self) -> None:
+        while True:
+            try:
+                message = self.socket.recv(65536).decode(errors="replace")
+            except BlockingIOError:
+                return
+            self._file.write(f"{time.time():.6f} {self._line(message)}\n")
+
+    @staticmethod
+    def _line(message: str) -> str:
+        """"<30>Nov 21 07:00:00 kv-snmp[5]: text" as "info kv-snmp[5]: text"."""
+        severity = "notice"
+        if message.startswith("<") and ">" in message:
+            number, message = message[1:].split(">", 1)
+            severity = SEVERITIES[int(number) & 7] if number.isdigit() else severity
+        if message[3:4] == " " and message[15:16] == " ":
+            message = message[16:]
+        return f"{severity} {message.rstrip(chr(0)).rstrip()}"
+
+
+class TrapPrinter:
+    """Splits snmptrapd's output into records and prints each on one line."""
+
+    def __init__(self, stream) -> None:
+        self.stream = stream
+        os.set_blocking(stream.fileno(), False)
+        self._pending = b""
+        self._log = open("/var/log/traps", "ab", buffering=0)
+
+    def receive(self) -> bool:
+        """False when snmptrapd has closed its output."""
+        while chunk := self._read():
+            self._pending += chunk
+            *records, self._pending = self._pending.split(RECORD_END)
+            for record in records:
+                record = record.partition(RECORD_START)[2]  # before it: what snmptrapd says at its start
+                self._log.write(record + RECORD_END)
+                self._print(record.decode(errors="replace"))
+        return chunk is None
+
+    def _read(self) -> bytes | None:
+        try:
+            return os.read(self.stream.fileno(), 65536)
+        except BlockingIOError:
+            return None
+
+    @staticmethod
+    def _print(record: str) -> None:
+        at, _, variables = record.partition(TIME_END)
+        name, shown = "trap", []
+        for variable in variables.split(VARIABLE_END):
+            label, _, value = variable.replace("\n", "\\n").partition(" = ")
+            if label.startswith(("snmpTrapOID", ".1.3.6.1.6.3.1.1.4.1")):
+                name = value
+            elif not label.startswith(("sysUpTime", ".1.3.6.1.2.1.1.3")):
+                shown.append(f"{label} = {value}")
+        say(f"trap {at} {name}: " + ", ".join(shown))
+
+
+class Device:
+    def __init__(self, settings: Settings, status: int) -> None:
+        self.settings = settings
+        self.status = status
+        self.selector = selectors.DefaultSelector()
+        self.children: dict[str, subprocess.Popen] = {}
+        self.kvsnmp: subprocess.Popen | None = None
+        self.syslog = SyslogSink()
+        self.traps: TrapPrinter | None = None
+        self.wake_read, wake_write = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
+        os.set_blocking(wake_write, False)
+        signal.set_wakeup_fd(wake_write, warn_on_full_buffer=False)
+        self.ending = False
+        for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+            signal.signal(number, self._end)
+        signal.signal(signal.SIGCHLD, lambda *_: None)
+        self.selector.register(self.wake_read, selectors.EVENT_READ, self._woken)
+        self.selector.register(sys.stdin.fileno(), selectors.EVENT_READ, self._control)
+        self.selector.register(self.syslog.socket, selectors.EVENT_READ, self.syslog.receive)
+
+    # Starting
+
+    def start(self) -> None:
+        settings = self.settings
+        if settings.dbus:
+            self._spawn("dbus-daemon", ["dbus-daemon", "--config-file=/etc/dbus-1/device.conf", "--nofork",
+                                        "--nopidfile"])
+        if settings.traps:
+            self._spawn("snmptrapd", self._snmptrapd(), stdout=subprocess.PIPE)
+        if settings.dbus:
+            self._wait_for_socket("dbus-daemon", "/run/dbus/system_bus_socket")
+        if settings.simulator:
+            self._spawn("talservice", self._talservice(), stdout=subprocess.PIPE)
+            self._wait_for_line("talservice", b"talservice: ready")
+        if settings.traps:
+            self._wait_for_port("snmptrapd", settings.trap_port)
+            self.traps = TrapPrinter(self.children["snmptrapd"].stdout)
+            self.selector.register(self.traps.stream, selectors.EVENT_READ, self._traps)
+        if settings.kvsnmp != "none":
+            self._start_kvsnmp()
+        self._tell("ready")
+
+    def _spawn(self, name: str, command: list[str], stdout=None) -> None:
+        log = open(f"/var/log/{name}.log", "ab")
+        try:
+            self.children[name] = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=stdout or log, stderr=log,
+                                                   env=os.environ | kvsnmp_environment(False, ""))
+        except OSError as error:
+            raise StartFailed(f"{name} cannot be started: {error}") from error
+
+    def _talservice(self) -> list[str]:
+        settings = self.settings
+        prefix = "/state/config/snmp_settings/"
+        command = [f"{BIN_FOLDER}/talservice", "--model", str(settings.model), "--socket", TAL_SOCKET,
+                   "--control", TAL_CONTROL, "--gpio-root", GPIO_ROOT,
+                   "--bus", "system" if settings.dbus else "none"]
+        if settings.port:
+            command += ["--set", f"{prefix}access_control/snmp_port={settings.port}"]
+        if settings.traps and settings.trap_port != 162:
+            command += ["--set", f"{prefix}trap_settings/trap_address={settings.trap_receiver}"]
+        return command + settings.simulator_args
+
+    def _snmptrapd(self) -> list[str]:
+        names = "-On" if self.settings.numeric_traps else "-OQs"
+        # From the modules of the device alone: -M without a plus sign hides the host's.
+        return ["snmptrapd", "-f", "-n", names, "-Lo", "-C", "-c", "/etc/snmptrapd.conf",
+                "-M", f"{STATE_FOLDER}/mibs", "-m", "" if self.settings.numeric_traps else "ALL",
+                f"udp:127.0.0.1:{self.settings.trap_port}"]
+
+    def _start_kvsnmp(self) -> None:
+        settings = self.settings
+        mode = ["-d"] if settings.kvsnmp == "foreground" else []
+        command = settings.wrapper + [f"{BIN_FOLDER}/kvsnmp"] + mode + settings.kvsnmp_args
+        environment = os.environ | kvsnmp_environment(settings.clock_shift, settings.clock_library())
+        try:
+            with open("/var/log/kvsnmp.out", "ab") as out, open("/var/log/kvsnmp.err", "ab") as err:
+                self.kvsnmp = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=out, stderr=err, cwd="/",
+                                               env=environment)
+        except OSError as error:
+            raise StartFailed(f"{command[0]} cannot be started: {error}") from error
+
+    def _until(self, name: str, what: str, done) -> None:
+        limit = time.monotonic() + START_TIMEOUT
+        child = self.children[name]
+        while True:
+            if child.poll() is not None:
+                raise StartFailed(f"{name} ended with status {child.returncode}:\n" + self._log_tail(name))
+            if done():
+                return
+            if time.monotonic() > limit:
+                raise StartFailed(f"{name}: {what} not seen within {START_TIMEOUT:.0f} s\n" + self._log_tail(name))
+            time.sleep(0.005)
+
+    def _wait_for_socket(self, name: str, path: str) -> None:
+        self._until(name, path, lambda: os.path.exists(path))
+
+    def _wait_for_port(self, name: str, port: int) -> None:
+        entry = f":{port:04X} "
+        self._until(name, f"port {port}", lambda: any(
+            entry in line.split("rem_address")[-1] for line in Path("/proc/net/udp").read_text().splitlines()[1:]))
+
+    def _wait_for_line(self, name: str, line: bytes) -> None:
+        stream = self.children[name].stdout
+        os.set_blocking(stream.fileno(), False)
+        seen = bytearray()
+        log = open(f"/var/log/{name}.log", "ab", buffering=0)
+
+        def drain() -> None:
+            try:
+                while chunk := os.read(stream.fileno(), 65536):
+                    seen.extend(chunk[-4096:])
+                    log.write(chunk)
+                self.selector.unregister(stream)  # the end of its output
+            except (BlockingIOError, KeyError):
+                pass
+
+        def done() -> bool:
+            drain()
+            return line in seen
+
+        self._until(name, f'"{line.decode()}"', done)
+        self.selector.register(stream, selectors.EVENT_READ, drain)
+
+    @staticmethod
+    def _log_tail(name: str) -> str:
+        try:
+            return "\n".join(Path(f"/var/log/{name}.log").read_text(errors="replace").splitlines()[-10:])
+        except OSError:
+            return ""
+
+    # Running
+
+    def run(self) -> None:
+        while not self.ending:
+            for key, _ in self.selector.select():
+                key.data()
+
+    def _control(self) -> None:
+        if not os.read(sys.stdin.fileno(), 4096):
+            self.ending = True
+
+    def _end(self, *_) -> None:
+        self.ending = True
+
+    def _traps(self) -> None:
+        if not self.traps.receive():
+            self.selector.unregister(self.traps.stream)
+
+    def _woken(self) -> None:
+        try:
+            os.read(self.wake_read, 4096)
+        except BlockingIOError:
+            pass
+        if self.kvsnmp and self.kvsnmp.poll() is not None:
+            self._kvsnmp_ended(self.kvsnmp.returncode)
+            self.kvsnmp = None
+        for name, child in list(self.children.items()):
+            if child.poll() is not None:
+                say(f"{name} ended with status {child.returncode}")
+                del self.children[name]
+
+    def _kvsnmp_ended(self, status: int) -> None:
+        partial = Path(STATE_FOLDER, "kvsnmp.status.new")
+        partial.write_text(f"{status}\n")
+        partial.rename(Path(STATE_FOLDER, "kvsnmp.status"))
+        if self.settings.kvsnmp == "foreground":
+            say(f"kvsnmp ended with status {status}; its output is in /var/log/kvsnmp.out and kvsnmp.err")
+        elif status != 0:
+            say(f"kvsnmp could not go into the background: status {status}")
+
+    # Ending
+
+    def stop(self) -> None:
+        for child in [self.kvsnmp, *self.children.values()]:
+            if child and child.poll() is None:
+                child.terminate()
+        limit = time.monotonic() + END_TIMEOUT
+        if self.kvsnmp:
+            try:
+                self.kvsnmp.wait(max(0.0, limit - time.monotonic()))
+            except subprocess.TimeoutExpired:
+                say("kvsnmp does not end; killed")
+        self.syslog.receive()
+        if self.traps:
+            self.traps.receive()
+        for report in sorted(Path(SANITIZER_LOG).parent.glob(Path(SANITIZER_LOG).name + ".*")):
+            say(report.read_text(errors="replace"))
+
+    def _tell(self, word: str) -> None:
+        os.write(self.status, f"{word}\n".encode())
+
+
+def main() -> int:
+    status = int(sys.argv[1])
+    os.set_inheritable(status, False)
+    os.write(status, b"started\n")
+    settings = Settings.from_json(Path(STATE_FOLDER, "settings.json").read_text())
+    device = Device(settings, status)
+    try:
+        device.start()
+        device.run()
+    except StartFailed as failure:
+        say(str(failure))
+        return 1
+    finally:
+        device.stop()
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,84 @@
+"""What one device is made of, as both sides of the sandbox read it."""
+from __future__ import annotations
+
+import dataclasses
+import json
+from pathlib import Path
+
+CHECKOUT = Path(__file__).resolve().parents[2]
+
+# Inside the device.
+BIN_FOLDER = "/run/device/bin"
+STATE_FOLDER = "/run/device"
+TAL_SOCKET = "/run/tal.sock"
+TAL_CONTROL = "/run/talcontrol.sock"
+GPIO_ROOT = "/run/gpio"
+CLOCK_FILE = "/run/device/clockshift"
+SNMPD_RSS_FILE = "/run/device/snmpd-rss"
+PROBE_LOG = "/run/device/probes"
+SANITIZER_LOG = "/var/log/sanitizer"  # with the process number behind it
+
+
+@dataclasses.dataclass
+class Settings:
+    model: int
+    name: str
+    bin_dir: str
+    port: int = 0  # 0: a network of the device's own, port 161
+    trap_port: int = 162
+    kvsnmp: str = "foreground"  # "foreground", "daemon" or "none"
+    kvsnmp_args: list[str] = dataclasses.field(default_factory=list)
+    wrapper: list[str] = dataclasses.field(default_factory=list)
+    clock_shift: bool = False
+    simulator: bool = True
+    simulator_args: list[str] = dataclasses.field(default_factory=list)
+    dbus: bool = True
+    traps: bool = True
+    numeric_traps: bool = False
+
+    def to_json(self) -> str:
+        return json.dumps(dataclasses.asdict(self), indent=1)
+
+    @staticmethod
+    def from_json(text: str) -> Settings:
+        return Settings(**json.loads(text))
+
+    @property
+    def snmp_port(self) -> int:
+        return self.port or 161
+
+    @property
+    def trap_receiver(self) -> str:
+        return "127.0.0.1" if self.trap_port == 162 else f"127.0.0.1:{self.trap_port}"
+
+    def program(self, name: str) -> str:
+        return f"{self.bin_dir}/{name}"
+
+    def clock_library(self) -> str:
+        return str(Path(self.bin_dir).parent / "lib" / "libclockshift.so")
+
+
+def environment() -> dict[str, str]:
+    """The environment of everything that runs inside a device."""
+    return {
+        "PATH": f"{BIN_FOLDER}:/usr/sbin:/usr/bin:/sbin:/bin",
+        "HOME": "/root",
+        "LANG": "C.UTF-8",
+        "TAL_SOCKET": TAL_SOCKET,
+        "TAL_CONTROL": TAL_CONTROL,
+        "XR_GPIO_ROOT": GPIO_ROOT,
+        "MIBS": "",  # the base modules are not on the machine: without this each tool complains for 500 lines
+        "QT_FORCE_STDERR_LOGGING": "1",
+    }
+
+
+def kvsnmp_environment(clock_shift: bool, library: str) -> dict[str, str]:
+    """What the daemon alone gets on top: sanitizer settings, and the clock that a test can move."""
+    extra = {
+        "ASAN_OPTIONS": f"verify_asan_link_order=0:detect_leaks=1:exitcode=99:log_path={SANITIZER_LOG}",
+        "LSAN_OPTIONS": "exitcode=0",  # some leaks are the agent library's own; the tests tell them apart
+        "UBSAN_OPTIONS": f"print_stacktrace=1:log_path={SANITIZER_LOG}",
+    }
+    if clock_shift:
+        extra |= {"LD_PRELOAD": library, "KVSNMP_CLOCK_FILE": CLOCK_FILE}
+    return extra
