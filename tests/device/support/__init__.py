@@ -1,0 +1,1 @@
+"""What the device tests share: devices, polling, SNMP answers, a scripted data service."""

@@ -1,0 +1,255 @@
+"""One device under test: started by scripts/device, looked at from the host through its folders and namespaces."""
+from __future__ import annotations
+
+import itertools
+import os
+import re
+import signal
+import struct
+import subprocess
+import sys
+import time
+from collections.abc import Sequence
+from pathlib import Path
+
+CHECKOUT = Path(__file__).resolve().parents[3]
+sys.path.insert(0, str(CHECKOUT / "scripts"))
+
+from devicelib import registry, sandbox, settings  # noqa: E402
+
+from .polling import wait_until  # noqa: E402
+from .snmp import Snmp  # noqa: E402
+
+_numbers = itertools.count(1)
+
+
+def bin_dir() -> Path:
+    """The build under test."""
+    if "KVSNMP_BIN_DIR" in os.environ:
+        return Path(os.environ["KVSNMP_BIN_DIR"])
+    return CHECKOUT / "build/dev/bin"
+
+
+def is_sanitized() -> bool:
+    return os.environ.get("KVSNMP_SANITIZE", "") != ""
+
+
+def sanitizer_findings(report: str) -> list[str]:
+    """A report without the leaks of the agent library itself, which forgets a socket address of 110 bytes each time it
+    loses its master."""
+    if "LeakSanitizer" not in report:
+        return [report]
+    leaks = re.split(r"^(?=(?:Direct|Indirect) leak of )", report.partition("SUMMARY:")[0], flags=re.MULTILINE)[1:]
+    return [leak for leak in leaks
+            if not re.match(r"Direct leak of (\d+) byte\(s\) in (\d+) object\(s\).*\n.* in (?:__interceptor_)?calloc .*\n"
+                            r" *#1 .*/libnetsnmp\.so", leak)]
+
+
+class Device:
+    """Options are those of scripts/device, e.g. Device(6420, "--daemon", "--clock-shift")."""
+
+    def __init__(self, model: int, *options: str) -> None:
+        self.model = model
+        self.name = f"t{os.getpid()}-{next(_numbers)}"
+        self.started = time.monotonic()
+        self._script = subprocess.Popen(
+            [str(CHECKOUT / "scripts/device"), "--model", str(model), "--name", self.name, "--bin", str(bin_dir()),
+             *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        self._shift = 0
+        self._commands: list[subprocess.Popen] = []
+        self.first_process = 0
+        self.root = Path()
+        self.snmp = Snmp(self.run)
+
+    def wait_ready(self) -> Device:
+        """Until all that was asked for runs; that is before kvsnmp has answered anything."""
+        def look() -> registry.Running | None:
+            if self._script.poll() is not None:
+                raise AssertionError(f"scripts/device ended:\n{self._script.stdout.read()}")
+            found = [device for device in registry.running() if device.name == self.name and device.ready]
+            return found[0] if found else None
+
+        facts = wait_until(look, 30, what="device ready")
+        self.first_process, self.root = facts.first_process, facts.root
+        return self
+
+    def wait_answering(self, timeout: float = 20.0) -> Device:
+        """Until the model number can be read through snmpd."""
+        wait_until(lambda: self.snmp.try_get(MODEL_NUMBER) == ("INTEGER", str(self.model)), timeout,
+                   what="model number answered")
+        return self
+
+    def wait_subscribed(self, timeout: float = 20.0) -> Device:
+        """Until the daemon has asked for its data, 3 s after it reached the data service."""
+        wait_until(lambda: "requestStateDataSubscribeSysMessages" in self.kvsnmp_err(), timeout, what="subscriptions")
+        return self
+
+    # Commands inside
+
+    def command(self, command: Sequence[str], env: dict[str, str] | None = None) -> list[str]:
+        return sandbox.enter_command(self.first_process, list(command), env)
+
+    def run(self, command: Sequence[str], check: bool = True, timeout: float = 30.0, input: str | None = None,
+            env: dict[str, str] | None = None) -> subprocess.CompletedProcess:
+        done = subprocess.run(self.command(command, env), capture_output=True, text=True, timeout=timeout,
+                              input=input if input is not None else "", check=False)
+        if check and done.returncode != 0:
+            raise AssertionError(f"{' '.join(command)}: status {done.returncode}\n{done.stdout}{done.stderr}")
+        return done
+
+    def popen(self, command: Sequence[str], env: dict[str, str] | None = None, **arguments) -> subprocess.Popen:
+        arguments = {"stdin": subprocess.DEVNULL} | arguments
+        process = subprocess.Popen(self.command(command, env), **arguments)
+        self._commands.append(process)
+        return process
+
+    def start_kvsnmp(self, *arguments: str, wrapper: Sequence[str] = (), clock_shift: bool = False,
+                     env: dict[str, str] | None = None) -> subprocess.Popen:
+        """A kvsnmp of the test's own, its output appended to the device's logs."""
+        library = str(bin_dir().parent / "lib/libclockshift.so")
+        with open(self.path("/var/log/kvsnmp.out"), "ab") as out, open(self.path("/var/log/kvsnmp.err"), "ab") as err:
+            return self.popen([*wrapper, "kvsnmp", *arguments],
+                              env=settings.kvsnmp_environment(clock_shift, library) | (env or {}), stdout=out, stderr=err)
+
+    def run_kvsnmp(self, *arguments: str, timeout: float = 10.0) -> subprocess.CompletedProcess:
+        """A kvsnmp that is expected to end by itself."""
+        return self.run(["kvsnmp", *arguments], check=False, timeout=timeout,
+                        env=settings.kvsnmp_environment(False, ""))
+
+    def talctl(self, *arguments: str) -> str:
+        return self.run(["talctl", *arguments]).stdout
+
+    def talctl_batch(self, lines: Sequence[str]) -> str:
+        return self.run(["talctl", "batch"], input="".join(f"{line}\n" for line in lines)).stdout
+
+    # Files and logs
+
+    def path(self, inside: str) -> Path:
+        """The host's name of a file under the device's /etc, /run, /tmp or /var."""
+        inside = inside.replace("/var/run/", "/run/", 1)
+        return self.root / inside.lstrip("/")
+
+    def read(self, inside: str) -> str:
+        try:
+            return self.path(inside).read_text(errors="replace")
+        except FileNotFoundError:
+            return ""
+
+    def kvsnmp_out(self) -> str:
+        return self.read("/var/log/kvsnmp.out")
+
+    def kvsnmp_err(self) -> str:
+        return self.read("/var/log/kvsnmp.err")
+
+    def syslog(self) -> list[tuple[float, str]]:
+        """Time and text of every line, e.g. (1732170000.123456, "info kv-snmp[5]: Tal System Config settled")."""
+        lines = (line.partition(" ") for line in self.read("/var/log/syslog").splitlines())
+        return [(float(at), text) for at, _, text in lines]
+
+    def syslog_texts(self) -> list[str]:
+        """The messages of the daemon alone, without times, e.g. "info: Tal System Config settled"."""
+        texts = [text.partition(" kv-snmp[") for _, text in self.syslog()]
+        return [severity + rest.partition("]")[2] for severity, mark, rest in texts if mark]
+
+    # Processes
+
+    def pids(self, program: str) -> list[int]:
+        """Process numbers inside the device, of processes that are not zombies."""
+        script = ('for s in /proc/[0-9]*/status; do while read -r key value rest; do case $key in '
+                  'Name:) [ "$value" = "$1" ] || break;; State:) [ "$value" != Z ] && echo "$s"; break;; '
+                  'esac; done < "$s"; done 2>/dev/null; :')
+        lines = self.run(["sh", "-c", script, "sh", program]).stdout.split()
+        return sorted(int(line.split("/")[2]) for line in lines)
+
+    def kvsnmp_pid(self) -> int:
+        """The daemon, whatever it runs under."""
+        pids = wait_until(lambda: self.pids("kvsnmp") or self.pids("memcheck-amd64-"), 5, what="kvsnmp running")
+        return pids[0]
+
+    def wait_running(self) -> int:
+        """Until the daemon has its signal handlers, the last thing before its event loop; its process number."""
+        pid = self.kvsnmp_pid()
+
+        def handles_sigterm() -> bool:
+            caught = self.run(["sed", "-n", "s/^SigCgt://p", f"/proc/{pid}/status"], check=False).stdout
+            return bool(int(caught or "0", 16) >> (signal.SIGTERM - 1) & 1)
+
+        wait_until(handles_sigterm, what="signal handlers installed")
+        return pid
+
+    def kill(self, pid: int, number: signal.Signals) -> None:
+        self.run(["sh", "-c", f"kill -{number.value} {pid}"])
+
+    def wait_snmpd(self, other_than: Sequence[int] = (), timeout: float = 10.0) -> int:
+        """The one snmpd that runs and has written its pid file, when it is none of the given ones."""
+        def look() -> int:
+            pids = self.pids("snmpd")
+            if len(pids) != 1 or pids[0] in other_than or self.read("/run/snmpd.pid").strip() != str(pids[0]):
+                return 0
+            return pids[0]
+
+        return wait_until(look, timeout, what="snmpd running")
+
+    def kvsnmp_status(self, timeout: float = 10.0) -> int:
+        """Exit status of the kvsnmp that scripts/device started; below 0: the signal that ended it."""
+        return int(wait_until(lambda: self.read("/run/device/kvsnmp.status"), timeout, what="kvsnmp ended"))
+
+    def shift_clock(self, seconds: float) -> None:
+        """Moves kvsnmp's monotonic clock forward (a device started with --clock-shift)."""
+        self._shift += int(seconds * 1e9)
+        with open(self.path("/run/device/clockshift"), "r+b") as file:
+            file.write(struct.pack("q", self._shift))
+
+    # The end
+
+    def end_kvsnmp(self) -> None:
+        """SIGTERM to every kvsnmp, and its end."""
+        for pid in self.pids("kvsnmp") + self.pids("memcheck-amd64-"):
+            self.run(["sh", "-c", f"kill {pid}"], check=False)
+        wait_until(lambda: not self.pids("kvsnmp") and not self.pids("memcheck-amd64-"), 30, what="kvsnmp ended")
+
+    def complaints(self) -> list[str]:
+        """What no kvsnmp may ever write: sanitizer reports and connections that Qt refused."""
+        found = [line for line in self.kvsnmp_err().splitlines()
+                 if "QObject::connect" in line or "QObject::disconnect" in line or "runtime error:" in line]
+        for file in sorted(self.path("/var/log").glob("sanitizer.*")):
+            found += sanitizer_findings(file.read_text(errors="replace"))
+        return found
+
+    def logs(self) -> str:
+        """For the report of a failed test."""
+        parts = []
+        for name in ("kvsnmp.out", "kvsnmp.err", "syslog", "talservice.log", "snmptrapd.log"):
+            text = self.read(f"/var/log/{name}")
+            parts.append(f"--- {self.name} (model {self.model}) {name}\n" + "\n".join(text.splitlines()[-40:]))
+        return "\n".join(parts)
+
+    def stop(self) -> list[str]:
+        """Ends everything; returns the complaints."""
+        complaints: list[str] = []
+        try:
+            if self.first_process and self._script.poll() is None:
+                self.end_kvsnmp()
+                complaints = self.complaints()
+        finally:
+            self._end_commands()
+            self._script.terminate()
+            try:
+                self._script.communicate(timeout=20)
+            except subprocess.TimeoutExpired:
+                self._script.kill()
+                self._script.communicate()
+                complaints.append("scripts/device did not end")
+        return complaints
+
+    def _end_commands(self) -> None:
+        for process in self._commands:
+            if process.poll() is None:
+                process.kill()
+            process.wait()
+            for stream in (process.stdin, process.stdout, process.stderr):
+                if stream:
+                    stream.close()
+
+
+MODEL_NUMBER = ".1.3.6.1.4.1.52717.3.1.3.0"

@@ -1,0 +1,217 @@
+"""The device itself: what scripts/device promises to the people who type it."""
+from __future__ import annotations
+
+import os
+import signal
+import socket
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+import pytest
+from support.device import CHECKOUT, MODEL_NUMBER, bin_dir, registry
+from support.polling import wait_until
+
+SCRIPT = str(CHECKOUT / "scripts/device")
+
+
+class Typed:
+    """scripts/device as a person starts it: its words come on a pipe."""
+
+    def __init__(self, *options: str) -> None:
+        self.name = f"typed{os.getpid()}-{time.monotonic_ns()}"
+        self.folder = registry.base_folder() / self.name
+        self.process = subprocess.Popen([SCRIPT, "--name", self.name, "--bin", str(bin_dir()), *options],
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        os.set_blocking(self.process.stdout.fileno(), False)
+        self.said = ""
+
+    def wait_said(self, text: str, timeout: float = 20.0) -> str:
+        def look() -> bool:
+            self.said += (self.process.stdout.read() or b"").decode()
+            return text in self.said
+
+        wait_until(look, timeout, what=f"{text!r} said")
+        return self.said
+
+    def first_process(self) -> int:
+        return registry.find(self.name).first_process
+
+    def end(self, number: signal.Signals = signal.SIGTERM) -> int:
+        self.process.send_signal(number)
+        status = self.process.wait(20)
+        self.said += (self.process.stdout.read() or b"").decode()
+        return status
+
+
+@pytest.fixture
+def typed():
+    started: list[Typed] = []
+
+    def start(*options: str) -> Typed:
+        started.append(Typed(*options))
+        return started[-1]
+
+    yield start
+    for device in started:
+        if device.process.poll() is None:
+            device.end()
+        device.process.stdout.close()
+
+
+def script(*arguments: str, env: dict[str, str] | None = None, **options) -> subprocess.CompletedProcess:
+    return subprocess.run([SCRIPT, *arguments], capture_output=True, text=True, timeout=30, check=False,
+                          env=os.environ | (env or {}), **options)
+
+
+def free_port_pair() -> int:
+    """A UDP port that is free on this machine, and so is the one above it."""
+    while True:
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as first, \
+                socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as second:
+            first.bind(("127.0.0.1", 0))
+            port = first.getsockname()[1]
+            try:
+                second.bind(("127.0.0.1", port + 1))
+                return port
+            except (OSError, OverflowError):
+                continue
+
+
+def is_gone(process: int) -> bool:
+    try:
+        return "State:\tZ" in Path(f"/proc/{process}/status").read_text()
+    except FileNotFoundError:
+        return True
+
+
+def test_devices_on_ports_of_the_host_answer_side_by_side_and_print_their_traps(typed):
+    ports = {6420: free_port_pair()}
+    while (other := free_port_pair()) in range(ports[6420] - 1, ports[6420] + 2):
+        pass
+    ports[6214] = other
+    devices = {model: typed("--model", str(model), "--port", str(port)) for model, port in ports.items()}
+
+    def ask(port: int) -> str:
+        return subprocess.run(["snmpget", "-v2c", "-c", "public", "-Oqv", "-r", "0", "-t", "1", f"127.0.0.1:{port}",
+                               MODEL_NUMBER], capture_output=True, text=True, env=os.environ | {"MIBS": ""},
+                              check=False).stdout.strip()
+
+    for model, port in ports.items():
+        wait_until(lambda port=port, model=model: ask(port) == str(model), 20, 0.1, f"answer on port {port}")
+    for model, device in devices.items():
+        device.wait_said(f"snmpwalk -v2c -c public 127.0.0.1:{ports[model]} .1.3.6.1.4.1.52717")
+        inside = ["exec", "--name", device.name, "--", "talctl"]
+        wait_until(lambda inside=inside: "kvsnmp_sys_messages" in script(*inside, "subscriptions").stdout, 10, 0.1)
+        assert script(*inside, "trap", "enable", "Cooling Fan Fault").returncode == 0
+        assert script(*inside, "fault", "raise", "amp", "1", "fan_not_running", "crit", f"Fan of {model}").returncode == 0
+    for model, device in devices.items():
+        said = device.wait_said(f"trapDescription.0 = Fan of {model}", 10)
+        trap = next(line for line in said.splitlines() if f"Fan of {model}" in line)
+        assert " coolingFanFault: trapProduct.0 = Orvane IPKiosk, trapHostName.0 = device, " in trap
+        assert ", trapLevel.0 = critical, " in trap
+        other_model = next(number for number in ports if number != model)
+        assert f"Fan of {other_model}" not in said
+
+
+def test_exec_passes_arguments_input_and_status(typed):
+    device = typed("--no-kvsnmp", "--no-simulator", "--no-traps", "--no-dbus")
+    device.wait_said("end it:")
+    inside = ["exec", "--name", device.name, "--"]
+    assert script(*inside, "printf", "%s|", "a b", "", "$HOME").stdout == "a b||$HOME|"
+    assert script(*inside, "cat", input="over the pipe").stdout == "over the pipe"
+    assert script(*inside, "sh", "-c", "exit 7").returncode == 7
+    assert script(*inside, "hostname").stdout == "device\n"
+    assert script(*inside, "cat", "/etc/xr-modelnumber").stdout == "6420\n"
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP], ids=lambda number: number.name)
+def test_end_leaves_nothing_behind(typed, number):
+    device = typed("--model", "6410")
+    device.wait_said("end it:")
+    first_process = device.first_process()
+    assert device.end(number) == 0
+    assert is_gone(first_process)
+    assert not device.folder.exists()
+    assert "kvsnmp does not end" not in device.said
+
+
+def test_killed_device_ends_all_it_started_and_is_swept_later(typed):
+    device = typed("--model", "6410")
+    device.wait_said("end it:")
+    first_process = device.first_process()
+    device.process.kill()
+    device.process.wait()
+    wait_until(lambda: is_gone(first_process), what="sandbox ended")
+
+    def swept() -> bool:
+        listed = script("list")
+        assert listed.returncode == 0 and device.name not in listed.stdout
+        return not device.folder.exists()
+
+    wait_until(swept, 5, what="folder swept")  # another start on this machine may be sweeping it just now
+
+
+def test_list_and_stop(typed):
+    device = typed("--model", "6764", "--no-kvsnmp")
+    device.wait_said("end it:")
+    line = next(line for line in script("list").stdout.splitlines() if line.startswith(device.name + "\t"))
+    assert line.split("\t")[1:4] == ["model 6764", "own network", "running"]
+    assert script("stop", "--name", device.name).returncode == 0
+    assert device.process.wait(10) == 0
+    assert not device.folder.exists()
+
+
+def test_health_probe_answer_of_the_device(start_device):
+    device = start_device(6410, "--no-kvsnmp", "--no-simulator", "--no-traps", "--no-dbus", "--snmpd-rss", "real")
+    probe = ["ps", "--noheaders", "-C snmpd", "-o rss"]
+    assert device.run(probe).stdout == ""  # no snmpd runs
+    device.run(["snmpd", "-C", "-c", "/dev/null", "-p", "/run/snmpd.pid", "udp:127.0.0.1:1999"])
+    wait_until(lambda: device.pids("snmpd"), what="snmpd running")
+    assert 2000 < int(device.run(probe).stdout) < 100000
+    device.path("/run/device/snmpd-rss").write_text("8192\n")
+    assert device.run(probe).stdout == "8192\n"
+    assert " snmpd\n" in device.run(["ps", "-e"]).stdout  # any other question goes to the machine's own ps
+
+
+# Clear errors
+
+
+@pytest.mark.parametrize("arguments, said", [
+    (["--model", "9999"], "invalid choice: 9999"),
+    (["--port", "70000"], "a port is 1 to 65535"),
+    (["--bin", "/nonexistent"], "no kvsnmp in /nonexistent; build it:"),
+    (["exec", "--name", "nobody", "--", "true"], "no device named nobody is running"),
+    (["stop", "--name", "nobody"], "no device named nobody is running"),
+], ids=["model", "port", "no build", "exec", "stop"])
+def test_errors_are_told_in_a_line(arguments, said):
+    done = script(*arguments)
+    assert done.returncode != 0
+    assert said in done.stderr and "Traceback" not in done.stderr
+
+
+def test_port_in_use_is_told():
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as taken:
+        taken.bind(("127.0.0.1", 0))
+        port = taken.getsockname()[1]
+        done = script("--bin", str(bin_dir()), "--port", str(port))
+    assert done.returncode == 1
+    assert done.stderr.startswith(f"device: UDP port {port}: Address already in use; choose another")
+
+
+def test_missing_bubblewrap_is_told(tmp_path):
+    done = subprocess.run([sys.executable, SCRIPT, "--bin", str(bin_dir())], env={"PATH": str(tmp_path), "HOME": "/"},
+                          capture_output=True, text=True, timeout=30, check=False)
+    assert done.returncode == 1
+    assert "not installed: bwrap," in done.stderr and "scripts/install-deps" in done.stderr
+
+
+def test_forbidden_namespaces_are_told(tmp_path):
+    refusing = tmp_path / "bwrap"
+    refusing.write_text("#!/bin/sh\necho 'bwrap: No permissions to create new namespace' >&2\nexit 1\n")
+    refusing.chmod(0o755)
+    done = script("--bin", str(bin_dir()), env={"PATH": f"{tmp_path}:{os.environ['PATH']}"})
+    assert done.returncode == 1
+    assert "No permissions to create new namespace" in done.stderr
+    assert "The sandbox could not be made." in done.stderr and "Traceback" not in done.stderr
