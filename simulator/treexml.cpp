@@ -75,8 +75,8 @@ void removeTexts(pugi::xml_node node)
 void putKeysFirst(pugi::xml_node node)
 {
     const std::array<const char *, 2> names = keyNames(node.name());
-    for (auto name = names.rbegin(); name != names.rend(); ++name)
-        if (const pugi::xml_node leaf = *name != nullptr ? node.child(*name) : pugi::xml_node())
+    for (std::size_t i = names.size(); i-- > 0;)
+        if (const pugi::xml_node leaf = names[i] != nullptr ? node.child(names[i]) : pugi::xml_node())
             node.prepend_move(leaf);
 }
 

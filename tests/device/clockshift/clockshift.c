@@ -2,7 +2,6 @@
 // at once. The file named by KVSNMP_CLOCK_FILE holds the shift as 8 bytes, nanoseconds, in the machine's order; a test
 // writes it, and the process sees it from its next look at the clock on. Waiting calls are left alone: the daemon
 // wakes often enough by itself.
-#define _GNU_SOURCE
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <stdint.h>
@@ -32,6 +31,8 @@ __attribute__((constructor)) static void setUp(void)
     unsetenv("LD_PRELOAD"); // programs started by this one keep the real clock
 }
 
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the library's own names are reserved
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the system header's names are reserved
 int clock_gettime(clockid_t id, struct timespec *time)
 {
     if (realClockGettime == NULL) // asked before the constructor has run
