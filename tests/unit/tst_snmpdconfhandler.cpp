@@ -43,6 +43,7 @@ struct {
 Q_DECLARE_METATYPE(Change)
 
 // Stand in front of the system's own.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the library's own names are reserved
 extern "C" void openlog(const char *identity, int options, int facility)
 {
     systemLog = {QString::fromLatin1(identity), options, facility, 0};

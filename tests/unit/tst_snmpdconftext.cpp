@@ -3,6 +3,8 @@
 
 #include <QTest>
 
+Q_DECLARE_METATYPE(SnmpdConfSettings)
+
 namespace {
 
 SnmpdConfSettings readSettings()
@@ -263,8 +265,6 @@ void TestSnmpdConfText::settingUsedTwiceIsReportedOnce()
     QCOMPARE(snmpdConfText(settings).cutSettings, cut);
     QVERIFY(snmpdConfText(settings).text.endsWith("agentAddress udp6:161,udp:161\n"));
 }
-
-Q_DECLARE_METATYPE(SnmpdConfSettings)
 
 QTEST_GUILESS_MAIN(TestSnmpdConfText)
 
