@@ -360,8 +360,8 @@ void TestTalService::clientEdits()
     QTRY_COMPARE(
         client.messages(),
         (QStringList{
-            "v create /state/version/software[kid='firmware'] <software><kid>firmware</kid>"
-            "<version>4.2.1</version></software>",
+            ("v create /state/version/software[kid='firmware'] <software><kid>firmware</kid>"
+             "<version>4.2.1</version></software>"),
             "v create /state/version/software[kid='me'] <software><kid>me</kid><version>1</version></software>",
             "v delete /state/version/software[kid='me'] <software><kid>me</kid><version>1</version></software>",
             "v create /state/version/software[kid='x'] <software><kid>x</kid><version>2</version></software>",
