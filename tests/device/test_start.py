@@ -64,6 +64,10 @@ def test_daemon_answers_and_holds_a_pid_file(start_device):
     assert second.stdout == "kvsnmp main()\n"
     assert second.stderr.startswith("kvsnmp: Already running.\n: ")
     assert device.pids("kvsnmp") == [pid]
+    assert device.read(PID_FILE) == f"{pid}\n"
+
+    links = [f"/proc/{pid}/{name}" for name in ("cwd", "fd/0", "fd/1", "fd/2")]
+    assert device.run(["readlink", *links]).stdout.split() == ["/", "/dev/null", "/dev/null", "/dev/null"]
 
     device.kill(pid, signal.SIGTERM)
     wait_until(lambda: not device.pids("kvsnmp"), what="daemon ended")
@@ -99,6 +103,27 @@ def test_pid_file_of_a_live_process_blocks_a_daemon(clean_device):
     second = clean_device.run_kvsnmp()
     assert second.returncode == 1
     assert second.stderr.startswith("kvsnmp: Already running.\n: ")
+    assert clean_device.read(PID_FILE) == "1\n"
+
+
+@pytest.mark.parametrize("option", ["-h", "-x", "-t"])
+def test_option_that_ends_it_leaves_the_pid_file_alone(clean_device, option):
+    clean_device.path(PID_FILE).write_text("1\n")
+    clean_device.run_kvsnmp(option)
+    assert clean_device.read(PID_FILE) == "1\n"
+
+
+def test_daemon_with_a_bad_model_number_ends_before_its_pid_file_is_removed(clean_device):
+    file = clean_device.path("/etc/xr-modelnumber")
+    kept = file.read_text()
+    try:
+        file.write_text("9999\n")
+        assert clean_device.run_kvsnmp().returncode == 0
+        wait_until(lambda: clean_device.read(PID_FILE), what="pid file written")
+        wait_until(lambda: not clean_device.pids("kvsnmp"), what="daemon ended")
+    finally:
+        file.write_text(kept)
+    assert clean_device.read(PID_FILE).strip().isdigit()
 
 
 def test_daemon_ends_when_its_pid_file_cannot_be_written(clean_device):
@@ -149,7 +174,16 @@ def test_bad_model_number_ends_with_255(clean_device, text, said):
         file.write_text(kept)
     assert done.returncode == 255
     assert said in done.stderr
+    assert "Cannot continue\nKvSnmp" in done.stderr
     assert "KvSnmp Failed to read modelNumber, cannot continue\n" in done.stderr
+
+
+@pytest.mark.parametrize("option", ["-z", "--taldebug"])
+def test_taldebug_prints_what_the_data_service_library_does(start_device, option):
+    device = start_device(6410, f"--kvsnmp-arg={option}").wait_subscribed()
+    assert "<request><ref>mib2_settings</ref>" in device.kvsnmp_err()
+    quiet = start_device(6410).wait_subscribed()
+    assert "<request>" not in quiet.kvsnmp_err()
 
 
 # Signals
@@ -198,6 +232,20 @@ def test_reader_of_standard_output_that_went_away_does_not_end_it(start_device):
     os.close(read)
     device.wait_answering()
     assert len(device.snmp.walk()) > 50
+
+
+def test_unread_standard_output_does_not_block_it(start_device):
+    device = start_device(6420, "--no-kvsnmp")
+    read, write = os.pipe()
+    device.popen(["kvsnmp", "-d"], stdout=write, stderr=write)
+    os.close(write)
+    device.wait_answering()
+    cells = device.snmp.walk()
+    printed = 0
+    while printed < 4 * 65536:  # a pipe takes 65536 bytes, and each step of a walk prints a line
+        assert device.snmp.walk() == cells
+        printed += len(cells) * len("voltageTable_get_next_data_point()\n")
+    os.close(read)
 
 
 # Watchdog file
