@@ -8,11 +8,14 @@
 #include "faults/trapcatalogue.h"
 #include "tal/talhandler.h"
 
+#include <algorithm>
+
 namespace {
 
 struct Report {
     QString reporter;
     QString repRef;
+    QString identifier;
     bool active;
 };
 
@@ -35,9 +38,9 @@ public:
         m_faults.onUpdateEnabledSnmpTraps(enabled);
         QObject::connect(&m_handler, &TalHandler::signalReportFault, &m_faults, &FaultHandler::onReportFault);
         QObject::connect(&m_handler, &TalHandler::signalReportFault, &m_handler,
-                         [this](const QString &reporter, const QString &repRef, const QString &, const QString &,
-                                const QString &, const QString &, bool active) {
-                             m_report = {reporter, repRef, active};
+                         [this](const QString &reporter, const QString &repRef, const QString &identifier,
+                                const QString &, const QString &, const QString &, bool active) {
+                             m_report = {reporter, repRef, identifier, active};
                              m_reported = true;
                          });
     }
@@ -68,6 +71,14 @@ QString leaf(const char *name, const QString &text)
     const QString tag = QLatin1String(name);
     return QLatin1Char('<') + tag + QLatin1Char('>') + text.toHtmlEscaped() + QLatin1String("</") + tag +
            QLatin1Char('>');
+}
+
+/// Whether a tag of this text is an element of this name whatever stands around it: no white space, no attributes.
+bool isPlainName(const QString &text)
+{
+    return !text.isEmpty() && std::all_of(text.begin(), text.end(), [](QChar c) {
+        return c == QLatin1Char('_') || (c >= QLatin1Char('a') && c <= QLatin1Char('z'));
+    });
 }
 
 bool isTrap(const QString &identifier)
@@ -121,7 +132,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         return 0; // the message is not well-formed
     const Report active = *begun;
     require(active.active, "a message that was made reports a beginning");
-    require(trapsSent == (isTrap(identifier) ? 1 : 0), "a fault with a trap sends it");
+    require(!isPlainName(identifier) || active.identifier == identifier, "a message is reported by its name");
+    require(trapsSent == (isTrap(active.identifier) ? 1 : 0), "a fault with a trap sends it");
     bench.notify("replace", path, message);
     require(trapsSent <= 1, "a known fault sends nothing again");
 
