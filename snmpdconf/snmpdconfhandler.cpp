@@ -9,16 +9,31 @@
 #include <QFile>
 
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 #include <fcntl.h>
 #include <syslog.h>
+#include <unistd.h>
 
 namespace {
 
 constexpr int settingsQuietMs = 300; // a burst of notifications leads to one write
 constexpr int restartDelayMs = 500;
 constexpr int watchdogIntervalMs = 600000;
+
+/// False, with errno set, when not all of it could be written. QFile would take a part for the whole.
+bool writeAll(int descriptor, const QByteArray &text)
+{
+    for (int at = 0; at < text.size();) {
+        const ssize_t count = write(descriptor, text.constData() + at, static_cast<std::size_t>(text.size() - at));
+        if (count > 0)
+            at += static_cast<int>(count);
+        else if (count == 0 || errno != EINTR)
+            return false;
+    }
+    return true;
+}
 
 } // namespace
 
@@ -169,7 +184,8 @@ void SnmpdConfHandler::copySysNameToAgent() const
 }
 
 /// Deletes the file and creates it anew, readable by its owner alone from the first moment: it holds the community.
-/// A link that somebody has put there in the meantime is not followed. False when the file cannot be created.
+/// A link that somebody has put there in the meantime is not followed. False when the file cannot be created, or not be
+/// written to its end: then there is none, because snmpd would take what there is of it for the whole.
 bool SnmpdConfHandler::writeConfigFile(const QByteArray &text) const
 {
     QFile::remove(m_host.configFile);
@@ -180,9 +196,11 @@ bool SnmpdConfHandler::writeConfigFile(const QByteArray &text) const
     qDebug().noquote() << "SnmpdConfHandler"
                        << "slotSnmpdConfSysSettingUpdate"
                        << "Generating new snmpd.conf based on TAL values";
-    QFile file;
-    file.open(descriptor, QIODevice::ReadWrite, QFileDevice::AutoCloseHandle);
-    if (file.write(text) != text.size() || !file.flush())
-        m_host.writeSystemLog(LOG_ERR, "snmpd.conf could not be written: " + file.errorString().toUtf8());
-    return true;
+    const bool whole = writeAll(descriptor, text);
+    if (!whole) {
+        m_host.writeSystemLog(LOG_ERR, QByteArray("snmpd.conf could not be written: ").append(std::strerror(errno)));
+        QFile::remove(m_host.configFile);
+    }
+    close(descriptor);
+    return whole;
 }

@@ -4,8 +4,10 @@
 #include <QElapsedTimer>
 #include <QTest>
 
+#include <csignal>
 #include <functional>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -78,6 +80,7 @@ private Q_SLOTS:
     void linkInPlaceOfTheFileIsReplacedNotFollowed();
     void fileThatCannotBeCreatedIsPassedOverInSilence_data();
     void fileThatCannotBeCreatedIsPassedOverInSilence();
+    void fileThatCannotBeWrittenToItsEndIsRemoved();
     void eachCutSettingIsLoggedOncePerWrite();
 };
 
@@ -391,6 +394,28 @@ void TestSnmpdConfHandler::fileThatCannotBeCreatedIsPassedOverInSilence()
     bench.settle();
     QCOMPARE(bench.events, QStringList{settledEvent});
     QCOMPARE(bench.tal.log.lines(), QStringList());
+}
+
+void TestSnmpdConfHandler::fileThatCannotBeWrittenToItsEndIsRemoved()
+{
+    SnmpdBench bench;
+    bench.deliverSettings();
+    rlimit before{};
+    QCOMPARE(getrlimit(RLIMIT_FSIZE, &before), 0);
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit small = before;
+    small.rlim_cur = static_cast<rlim_t>(usualFile.size()) - 1;
+    QCOMPARE(setrlimit(RLIMIT_FSIZE, &small), 0);
+    bench.settle();
+    QCOMPARE(setrlimit(RLIMIT_FSIZE, &before), 0);
+    QVERIFY(!QFileInfo::exists(bench.configFile));
+    QCOMPARE(
+        bench.events,
+        (QStringList{settledEvent,
+                     qs("log(%1): snmpd.conf could not be written: File too large").arg(QString::number(LOG_ERR))}));
+
+    bench.settle();
+    QCOMPARE(bench.configText(), usualFile);
 }
 
 void TestSnmpdConfHandler::eachCutSettingIsLoggedOncePerWrite()
