@@ -17,6 +17,10 @@ namespace {
 
 constexpr char modelNumberFile[] = "/etc/xr-modelnumber";
 
+/// What is read of a first line; a file without a line end may be of any size. No field takes more than 127 bytes of
+/// it.
+constexpr qint64 maxLine = 4096;
+
 /// One text of a type file with its code, shared with the agent, and the label that is served.
 struct AmpType {
     std::string_view text;
@@ -112,7 +116,7 @@ QByteArray firstLine(QFile &file)
     QTextStream stream(&file);
     stream.setCodec("ISO 8859-1");
     stream.setAutoDetectUnicode(false);
-    return stream.readLine().toLatin1();
+    return stream.readLine(maxLine).toLatin1();
 }
 
 /// Fills the row's field from its file. False, and "Unknown", when there is no first line.
@@ -160,7 +164,7 @@ bool Identity::readModelNumber()
                            << "/etc/xr-modelnumber EMPTY !   Cannot continue";
         return false;
     }
-    const QByteArray line = file.readLine();
+    const QByteArray line = file.readLine(maxLine);
     const std::optional<int> number = decimalNumber(line);
     if (!number) {
         qDebug().noquote() << "readModelNumber"

@@ -47,6 +47,7 @@ private Q_SLOTS:
     void modelNumber();
     void modelNumberFileMissing();
     void modelNumberStoresNumberAndLength();
+    void fileWithoutALineEndIsNotReadToItsEnd();
     void ampType_data();
     void ampType();
     void ampTypeFileMissing_data();
@@ -165,6 +166,18 @@ void TestIdentity::modelNumberStoresNumberAndLength()
     QVERIFY(device.readModelNumber());
     QCOMPARE(device.infoData().modelNumber.value, 6425);
     QCOMPARE(device.infoData().modelNumber.length, 4U);
+}
+
+void TestIdentity::fileWithoutALineEndIsNotReadToItsEnd()
+{
+    const QByteArray much(1024 * 1024, '6');
+    write("/etc/xr-modelnumber", much);
+    write("/etc/xr-amptype", much);
+    QVERIFY(!identity().readModelNumber());
+    QCOMPARE(logLines.size(), 1);
+    QVERIFY(logLines[0].startsWith(latin1("readModelNumber Invalid numeric modelNumber: 666")));
+    QVERIFY(logLines[0].size() < 5000);
+    QCOMPARE(identity().readFile("/etc/xr-amptype"), QByteArray(4096, '6'));
 }
 
 void TestIdentity::ampType_data()
