@@ -3,6 +3,8 @@
 
 #include <QTest>
 
+#include <random>
+
 Q_DECLARE_METATYPE(SnmpdConfSettings)
 
 namespace {
@@ -44,6 +46,7 @@ private Q_SLOTS:
     void settingIsCut();
     void settingThatIsNotWrittenIsNotReported();
     void settingUsedTwiceIsReportedOnce();
+    void tenThousandRandomSettingsGiveExactlyTheirLines();
 };
 
 void TestSnmpdConfText::wholeFile_data()
@@ -264,6 +267,104 @@ void TestSnmpdConfText::settingUsedTwiceIsReportedOnce()
     const QStringList cut = {QStringLiteral("sysName"), QStringLiteral("community"), QStringLiteral("snmpPort")};
     QCOMPARE(snmpdConfText(settings).cutSettings, cut);
     QVERIFY(snmpdConfText(settings).text.endsWith("agentAddress udp6:161,udp:161\n"));
+}
+
+namespace {
+
+using Random = std::mt19937;
+
+bool oneIn(Random &random, unsigned count)
+{
+    return random() % count == 0;
+}
+
+/// Line ends, NUL, quotes, hashes, directives, characters of every width, long texts, or nothing.
+QString randomText(Random &random)
+{
+    static const QStringList pieces = {
+        QStringLiteral("a"),
+        QStringLiteral("ops"),
+        QStringLiteral(" "),
+        QStringLiteral("\t"),
+        QStringLiteral("\""),
+        QStringLiteral("'"),
+        QStringLiteral("#"),
+        QStringLiteral("\\"),
+        QStringLiteral("%1"),
+        QStringLiteral("%2"),
+        QStringLiteral("\n"),
+        QStringLiteral("\r"),
+        QStringLiteral("\r\n"),
+        QString(QChar(0)),
+        QString(QChar(0x85)),
+        QString(QChar(0x2028)),
+        QString(QChar(0xd800)),
+        QString::fromUtf8("\xc3\xa4"),
+        QString::fromUtf8("\xe2\x82\xac"),
+        QString::fromUtf8("\xf0\x9f\x98\x80"),
+        QStringLiteral("\nextend e /bin/sh"),
+        QStringLiteral("\nrwcommunity all"),
+        QString(2000, QLatin1Char('x')),
+    };
+    QString text;
+    for (auto count = random() % 6; count > 0; --count)
+        text += pieces[static_cast<int>(random() % static_cast<unsigned>(pieces.size()))];
+    return text;
+}
+
+/// Whether anything of the value is left in front of its first line end or NUL.
+bool givesALine(const QString &value)
+{
+    return !value.isEmpty() && !QStringLiteral("\n\r").contains(value[0]) && !value[0].isNull();
+}
+
+} // namespace
+
+void TestSnmpdConfText::tenThousandRandomSettingsGiveExactlyTheirLines()
+{
+    Random random(5); // NOLINT(cert-msc51-cpp): the same on every run
+    int whole = 0;
+    for (int round = 0; round < 10000; ++round) {
+        SnmpdConfSettings settings;
+        for (QString *text : {&settings.access.community, &settings.access.nmsIp, &settings.access.nmsIpv6,
+                              &settings.access.snmpPort, &settings.mib2.sysName, &settings.mib2.sysLocation,
+                              &settings.mib2.sysContact, &settings.trap.trapAddress, &settings.trap.informAddress})
+            *text = randomText(random);
+        settings.access.access = oneIn(random, 8)   ? randomText(random)
+                                 : oneIn(random, 3) ? QStringLiteral("Disabled")
+                                                    : QStringLiteral("Read");
+        settings.version = {oneIn(random, 2), oneIn(random, 2), oneIn(random, 2)};
+
+        const QByteArray text = snmpdConfText(settings).text;
+        const bool read = settings.access.access == QLatin1String("Read");
+        if (!read && settings.access.access != QLatin1String("Disabled")) {
+            QCOMPARE(text, QByteArray());
+            continue;
+        }
+        ++whole;
+        QByteArrayList directives = {"master"};
+        const auto add = [&directives](const char *directive, const QString &value) {
+            if (givesALine(value))
+                directives.append(directive);
+        };
+        add("sysName", settings.mib2.sysName);
+        add("sysContact", settings.mib2.sysContact);
+        add("sysLocation", settings.mib2.sysLocation);
+        add("informsink", settings.trap.informAddress);
+        add("trap2sink", settings.trap.trapAddress);
+        const QByteArray all = read ? "" : "#";
+        const QByteArray v1 = read && settings.version.version1 ? "" : "#";
+        const QByteArray v2c = read && settings.version.version2c ? "" : "#";
+        directives << all + "com2sec" << all + "com2sec6" << v1 + "group" << v2c + "group" << all + "view"
+                   << all + "access" << all + "agentAddress";
+
+        QVERIFY2(text.endsWith('\n') && !text.contains('\0') && !text.contains('\r'), text.constData());
+        QByteArrayList found;
+        for (const QByteArray &line : text.chopped(1).split('\n'))
+            found.append(line.split(' ').constFirst());
+        QCOMPARE(found, directives);
+    }
+    QVERIFY(whole > 8000);
 }
 
 QTEST_GUILESS_MAIN(TestSnmpdConfText)
