@@ -141,9 +141,9 @@ def _agent_config() -> Path:
 def _fill_run(run: Path, settings: Settings, snmpd_rss: str) -> None:
     write(run / "settings.json", settings.to_json())
     write(run / "snmpd-rss", f"{snmpd_rss}\n")
-    (run / "clockshift").write_bytes(struct.pack("q", 0))
+    (run / "clockshift").write_bytes(struct.pack("qq", 0, 0))
     write(run / "bin/ps", PS_SHIM, 0o755)
-    for program in ("kvsnmp", "talservice", "talctl"):
+    for program in ("kvsnmp", "kvsnmp-check", "talservice", "talctl"):
         (run / "bin" / program).symlink_to(settings.program(program))
     for name, text in BASE_MODULES.items():
         write(run / "mibs" / name, text)

@@ -1,21 +1,27 @@
-// A preloaded library that moves CLOCK_MONOTONIC of one process, so that a test sees what happens after 60 s or 600 s
-// at once. The file named by KVSNMP_CLOCK_FILE holds the shift as 8 bytes, nanoseconds, in the machine's order; a test
-// writes it, and the process sees it from its next look at the clock on. Waiting calls are left alone: the daemon
-// wakes often enough by itself.
+// A preloaded library that moves the clocks of one process: CLOCK_MONOTONIC, so that a test sees what happens after 60
+// s or 600 s at once, and the time of day, which an operator may set. The file named by KVSNMP_CLOCK_FILE holds the two
+// shifts as 8 bytes each, nanoseconds, in the machine's order; a test writes them, and the process sees them from its
+// next look at a clock on. Waiting calls are left alone: the daemon wakes often enough by itself.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <sys/mman.h>
+#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
-enum { nanosecondsPerSecond = 1000000000 };
+enum { nanosecondsPerSecond = 1000000000, nanosecondsPerMicrosecond = 1000 };
+
+struct Shifts {
+    int64_t monotonic;
+    int64_t timeOfDay;
+};
 
 typedef int (*ClockGettime)(clockid_t, struct timespec *);
 
 static ClockGettime realClockGettime;
-static const volatile int64_t *shift;
+static const volatile struct Shifts *shifts;
 
 __attribute__((constructor)) static void setUp(void)
 {
@@ -24,25 +30,70 @@ __attribute__((constructor)) static void setUp(void)
     const int file = path != NULL ? open(path, O_RDONLY | O_CLOEXEC) : -1;
     if (file < 0)
         return;
-    void *mapping = mmap(NULL, sizeof *shift, PROT_READ, MAP_SHARED, file, 0);
+    void *mapping = mmap(NULL, sizeof *shifts, PROT_READ, MAP_SHARED, file, 0);
     close(file);
     if (mapping != MAP_FAILED)
-        shift = mapping;
+        shifts = mapping;
     unsetenv("LD_PRELOAD"); // programs started by this one keep the real clock
 }
 
-// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the library's own names are reserved
+static int64_t shiftOf(clockid_t id)
+{
+    if (shifts == NULL)
+        return 0;
+    switch (id) {
+    case CLOCK_MONOTONIC:
+    case CLOCK_MONOTONIC_RAW:
+    case CLOCK_MONOTONIC_COARSE:
+        return shifts->monotonic;
+    case CLOCK_REALTIME:
+    case CLOCK_REALTIME_COARSE:
+        return shifts->timeOfDay;
+    default:
+        return 0;
+    }
+}
+
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the system header's names are reserved
 int clock_gettime(clockid_t id, struct timespec *time)
 {
     if (realClockGettime == NULL) // asked before the constructor has run
         realClockGettime = (ClockGettime)dlsym(RTLD_NEXT, "clock_gettime");
     const int result = realClockGettime(id, time);
-    if (result != 0 || shift == NULL ||
-        (id != CLOCK_MONOTONIC && id != CLOCK_MONOTONIC_RAW && id != CLOCK_MONOTONIC_COARSE))
+    const int64_t shift = shiftOf(id);
+    if (result != 0 || shift == 0)
         return result;
-    const int64_t total = (int64_t)time->tv_sec * nanosecondsPerSecond + time->tv_nsec + *shift;
-    time->tv_sec = (time_t)(total / nanosecondsPerSecond);
-    time->tv_nsec = (long)(total % nanosecondsPerSecond);
-    return result;
+    const int64_t total = (int64_t)time->tv_sec * nanosecondsPerSecond + time->tv_nsec + shift;
+    int64_t seconds = total / nanosecondsPerSecond;
+    int64_t nanoseconds = total % nanosecondsPerSecond;
+    if (nanoseconds < 0) { // before 1970
+        --seconds;
+        nanoseconds += nanosecondsPerSecond;
+    }
+    time->tv_sec = (time_t)seconds;
+    time->tv_nsec = (long)nanoseconds;
+    return 0;
+}
+
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the system header's names are reserved
+int gettimeofday(struct timeval *restrict time, void *restrict zone)
+{
+    struct timespec now;
+    (void)zone; // nobody's any more
+    if (clock_gettime(CLOCK_REALTIME, &now) != 0)
+        return -1;
+    time->tv_sec = now.tv_sec;
+    time->tv_usec = now.tv_nsec / nanosecondsPerMicrosecond;
+    return 0;
+}
+
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the system header's names are reserved
+time_t time(time_t *seconds)
+{
+    struct timespec now;
+    if (clock_gettime(CLOCK_REALTIME, &now) != 0)
+        return (time_t)-1;
+    if (seconds != NULL)
+        *seconds = now.tv_sec;
+    return now.tv_sec;
 }

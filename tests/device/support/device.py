@@ -30,6 +30,13 @@ def bin_dir() -> Path:
     return CHECKOUT / "build/dev/bin"
 
 
+def build_options() -> list[str]:
+    """Options that the build under test asks for: one that counts lines writes its counters beside its objects."""
+    if os.environ.get("KVSNMP_COVERAGE", "") in ("", "OFF"):
+        return []
+    return ["--writable", str(bin_dir().parent)]
+
+
 def is_sanitized() -> bool:
     return os.environ.get("KVSNMP_SANITIZE", "") != ""
 
@@ -46,16 +53,19 @@ def sanitizer_findings(report: str) -> list[str]:
 
 
 class Device:
-    """Options are those of scripts/device, e.g. Device(6420, "--daemon", "--clock-shift")."""
+    """Options are those of scripts/device, e.g. Device(6420, "--daemon", "--clock-shift"). With `own_session` a Ctrl-C in
+    the terminal does not reach the device."""
 
-    def __init__(self, model: int, *options: str) -> None:
+    def __init__(self, model: int, *options: str, own_session: bool = False) -> None:
         self.model = model
         self.name = f"t{os.getpid()}-{next(_numbers)}"
         self.started = time.monotonic()
         self._script = subprocess.Popen(
             [str(CHECKOUT / "scripts/device"), "--model", str(model), "--name", self.name, "--bin", str(bin_dir()),
-             *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+             *build_options(), *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+            start_new_session=own_session)
         self._shift = 0
+        self._time_of_day_shift = 0
         self._commands: list[subprocess.Popen] = []
         self.first_process = 0
         self.root = Path()
@@ -197,8 +207,16 @@ class Device:
     def shift_clock(self, seconds: float) -> None:
         """Moves kvsnmp's monotonic clock forward (a device started with --clock-shift)."""
         self._shift += int(seconds * 1e9)
+        self._write_shifts()
+
+    def set_time_of_day(self, seconds: float) -> None:
+        """Sets the time that kvsnmp takes for that of the day, as seconds since 1970; it goes on from there."""
+        self._time_of_day_shift = int((seconds - time.time()) * 1e9)
+        self._write_shifts()
+
+    def _write_shifts(self) -> None:
         with open(self.path("/run/device/clockshift"), "r+b") as file:
-            file.write(struct.pack("q", self._shift))
+            file.write(struct.pack("qq", self._shift, self._time_of_day_shift))
 
     # The end
 
