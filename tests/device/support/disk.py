@@ -1,0 +1,46 @@
+"""A small disk of its own for one of a device's folders, to be filled and write-protected."""
+from __future__ import annotations
+
+import errno
+import os
+from pathlib import Path
+
+from .device import Device
+
+
+class SmallDisk:
+    """Mounted inside the device, over the folder, with copies of what stands there. A daemon that watches the folder
+    has to be started afterwards."""
+
+    def __init__(self, device: Device, folder: str, kilobytes: int = 64) -> None:
+        self._device = device
+        self._mount_point = folder
+        kept = {file.name: file.read_bytes() for file in device.path(folder).iterdir() if file.is_file()}
+        device.run(["mount", "-t", "tmpfs", "-o", f"size={kilobytes}k,mode=755", "tmpfs", folder])
+        # The host's view of what only the device sees.
+        self.folder = Path(f"/proc/{device.first_process}/root{folder}")
+        for name, content in kept.items():
+            (self.folder / name).write_bytes(content)
+        self._filler = self.folder / ".filler"
+
+    def read(self, name: str) -> str | None:
+        try:
+            return (self.folder / name).read_text(errors="replace")
+        except FileNotFoundError:
+            return None
+
+    def fill(self) -> None:
+        """To the last byte."""
+        with open(self._filler, "wb", buffering=0) as filler:
+            try:
+                while True:
+                    filler.write(b"x" * 4096)
+            except OSError as error:
+                assert error.errno == errno.ENOSPC
+        assert os.statvfs(self.folder).f_bavail == 0
+
+    def free(self) -> None:
+        self._filler.unlink()
+
+    def protect(self, on: bool = True) -> None:
+        self._device.run(["mount", "-o", f"remount,{'ro' if on else 'rw'}", self._mount_point])

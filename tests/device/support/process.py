@@ -1,0 +1,48 @@
+"""What the kernel tells of a process inside a device."""
+from __future__ import annotations
+
+import subprocess
+from collections.abc import Sequence
+from typing import NamedTuple
+
+from devicelib import settings
+
+from .device import Device
+
+
+def lean_environment() -> dict[str, str]:
+    """For a kvsnmp whose memory is looked at: the sanitizer gives back at once what was freed."""
+    options = settings.kvsnmp_environment(False, "")["ASAN_OPTIONS"]
+    return {"ASAN_OPTIONS": f"{options}:quarantine_size_mb=0:thread_local_quarantine_size_kb=0"}
+
+
+def memory_kb(device: Device, pid: int, field: str = "VmHWM") -> int:
+    """Resident memory: VmHWM is the greatest so far, VmRSS the present one."""
+    status = device.run(["cat", f"/proc/{pid}/status"]).stdout
+    return int(status.partition(f"{field}:")[2].split()[0])
+
+
+def descriptors(device: Device, pid: int) -> int:
+    return len(device.run(["ls", f"/proc/{pid}/fd"]).stdout.split())
+
+
+def processor_seconds(device: Device, pid: int) -> float:
+    fields = device.run(["cat", f"/proc/{pid}/stat"]).stdout.rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / 100
+
+
+class Ended(NamedTuple):
+    status: int
+    err: str
+    memory_kb: int  # resident, at most
+
+
+_MEASURE = ("import resource, subprocess, sys; status = subprocess.call(sys.argv[1:]); "
+            "print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss); sys.exit(status)")
+
+
+def run_measured(device: Device, command: Sequence[str], timeout: float = 60.0) -> Ended:
+    """A command that ends by itself."""
+    done = subprocess.run(device.command(["/usr/bin/python3", "-c", _MEASURE, *command], lean_environment()),
+                          stdin=subprocess.DEVNULL, capture_output=True, timeout=timeout, check=False)
+    return Ended(done.returncode, done.stderr.decode(errors="replace"), int(done.stdout.split()[-1]))

@@ -1,0 +1,140 @@
+"""The time of day set back and forward, and a clock that leaps: timers go on, and a trap tells the time that is."""
+from __future__ import annotations
+
+import datetime
+import time
+from typing import NamedTuple
+
+import pytest
+from support import steps
+from support.catalogue import COLUMN_OIDS
+from support.dataservice import SETTINGS
+from support.device import MODEL_NUMBER, Device
+from support.inotify import FolderEvents
+from support.polling import wait_until
+from support.traps import TIME, Faults, TrapReceiver, switch, time_text
+
+UTC = datetime.timezone.utc
+WATCHDOG_FILE = "/tmp/kvsnmp.watchdogtest"
+PROBES = "/run/device/probes"
+ANSWER = ("INTEGER", "6214")
+DAY = 86400
+
+
+class Clocked(NamedTuple):
+    device: Device
+    traps: TrapReceiver
+    faults: Faults
+    gpio: FolderEvents
+
+    def checks(self, since: float) -> list[float]:
+        """When a GPIO line was read."""
+        return [event.at for event in list(self.gpio.events)
+                if event.what == "read" and event.name == "value" and event.at >= since]
+
+    def trap_time(self) -> bytes:
+        """The time in a trap whose fault has none of its own."""
+        text, = self.faults.new_texts("clock", 1)
+        self.faults.raise_one("custom_msg", text, timestamp="")
+        trap, = self.traps.wait_for(text)
+        self.faults.clear_all([text])
+        value = trap.value(TIME)
+        assert isinstance(value, bytes)
+        return value
+
+
+@pytest.fixture(scope="module")
+def clocked(start_shared_device):
+    """A station, with its GPIO lines checked, on a device in UTC."""
+    device = start_shared_device(6214, "--no-dbus", "--no-traps", "--no-kvsnmp", "--clock-shift")
+    device.path("/etc/localtime").unlink(missing_ok=True)
+    root = device.path("/run/gpio")
+    gpio = FolderEvents(*(folder for folder in root.iterdir() if (folder / "value").exists()), accesses=True)
+    device.start_kvsnmp("-d", clock_shift=True)
+    traps = TrapReceiver(device)
+    device.wait_answering().wait_subscribed()
+    switch(device, "Custom Fault", True)
+    made = Clocked(device, traps, Faults(device), gpio)
+    wait_until(lambda: made.checks(0) and device.path(WATCHDOG_FILE).exists(), 10, what="GPIO lines checked")
+    yield made
+    gpio.close()
+
+
+TIMES = {
+    "back a year": time.time() - 365 * DAY,
+    "back to 1970": 60.0,
+    "before 1970": -DAY,
+    "forward an hour": time.time() + 3600,
+    "forward beyond 2038": datetime.datetime(2042, 5, 6, tzinfo=UTC).timestamp(),
+    "forward to 2106": float((1 << 32) - 5),
+    "right again": time.time(),
+}
+
+
+@pytest.mark.parametrize("seconds", TIMES.values(), ids=TIMES)
+def test_time_of_day_set(clocked, seconds):
+    device = clocked.device
+    pid, snmpd = device.kvsnmp_pid(), device.wait_snmpd()
+    set_at = time.monotonic()
+    device.set_time_of_day(seconds)
+    watchdog = device.path(WATCHDOG_FILE)
+    written = watchdog.stat().st_mtime_ns
+
+    # At their own speed: the lines one a second, the watchdog file within 5 s.
+    wait_until(lambda: watchdog.stat().st_mtime_ns > written, 7, what="watchdog file written")
+    checks = clocked.checks(set_at)
+    expected = time.monotonic() - set_at
+    assert expected - 2.5 < len(checks) < expected + 2.5
+    assert all(0.2 < later - earlier < 2.5 for earlier, later in zip(checks, checks[1:]))
+
+    now = int(seconds + time.monotonic() - set_at)
+    told = clocked.trap_time()
+    assert told in [time_text(second, UTC) for second in range(now - 1, now + 4)]
+
+    # A value that was read stays for 60 s, and no longer.
+    oid = f"{COLUMN_OIDS['relayDelay']}.1"
+    before = steps.integers(device, [oid])
+    delay = 10 + before[0] % 50
+    steps.apply(device, [steps.put("/state/config/gpos/gpo[kid='relay1']/delay", str(delay))], dbus=False)
+    assert steps.integers(device, [oid]) == [delay]
+
+    probes = device.read(PROBES).count("\n")
+    device.shift_clock(601)
+    wait_until(lambda: device.read(PROBES).count("\n") > probes, 5, what="health probe")
+    assert device.read(PROBES).count("\n") == probes + 1
+    assert device.snmp.get(MODEL_NUMBER) == [ANSWER]
+    assert (device.kvsnmp_pid(), device.wait_snmpd()) == (pid, snmpd)
+
+
+def test_settings_are_written_while_the_time_of_day_leaps(clocked):
+    """300 ms of quiet, 500 ms, 500 ms, with the time set to and fro by years all the while."""
+    device = clocked.device
+    snmpd = device.wait_snmpd()
+    device.talctl("set", f"{SETTINGS}/mib_2_settings/sys_contact", "leaping")
+    leaps = iter(range(1, 10000))
+
+    def restarted() -> bool:
+        device.set_time_of_day(time.time() + (-1) ** next(leaps) * 3 * 365 * DAY)
+        return device.pids("snmpd") not in ([], [snmpd])
+
+    wait_until(restarted, 10, 0.01, "snmpd restarted")
+    device.set_time_of_day(time.time())
+    device.wait_answering()
+    assert device.snmp.get(".1.3.6.1.2.1.1.4.0") == [("STRING", "leaping")]
+
+
+def test_days_gone_by_at_once_fire_each_timer_once(clocked):
+    """As after a long sleep: nothing is made up for, and the session with snmpd holds or comes back."""
+    device = clocked.device
+    watchdog = device.path(WATCHDOG_FILE)
+    written, probes = watchdog.stat().st_mtime_ns, device.read(PROBES).count("\n")
+    leapt = time.monotonic()
+    device.shift_clock(30 * DAY)
+    wait_until(lambda: watchdog.stat().st_mtime_ns > written, 7, what="watchdog file written")
+    wait_until(lambda: device.read(PROBES).count("\n") > probes, 5, what="health probe")
+    device.wait_answering()
+    passed = time.monotonic() - leapt
+    wait_until(lambda: len(clocked.checks(leapt + passed)) >= 2, 5, what="GPIO lines checked on")
+    assert len([at for at in clocked.checks(leapt) if at < leapt + passed]) < passed + 3
+    assert device.read(PROBES).count("\n") == probes + 1
+    clocked.trap_time()

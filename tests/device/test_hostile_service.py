@@ -1,0 +1,309 @@
+"""The data service killed, restarted, hung, absent, and sending what it should not."""
+from __future__ import annotations
+
+import os
+import signal
+import socket
+import threading
+import time
+
+import pytest
+from support import garbage, steps
+from support.catalogue import COLUMN_OIDS
+from support.dataservice import DataService
+from support.device import MODEL_NUMBER, Device
+from support.mib import mib
+from support.polling import stays, wait_until
+from support.process import descriptors, lean_environment, memory_kb
+from support.settingsfile import SnmpSettings
+
+TAL_SOCKET = "/run/tal.sock"
+CONTACT = ".1.3.6.1.2.1.1.4.0"
+VOLTAGE = f"{COLUMN_OIDS['voltageValue']}.3"
+VOLTAGE_PATH = "/state/power_lines/power_line[kid='3v3']/voltage"
+DROPPED = "TalInterface: message of the data service dropped:"
+OVER_LONG = f"{DROPPED} longer than {garbage.MESSAGE_LIMIT} bytes"
+CLOSED = "TalInterface: connection closed:"
+ANSWER = ("INTEGER", "6420")
+MORE_MEMORY_KB = 64 * 1024  # than before; a message may be 4 MiB, and its text is held in two encodings
+
+_marks = iter(range(1, 1000000))
+
+
+# The simulator, killed and hung
+
+
+def start_simulator(device: Device, voltage: str) -> int:
+    device.popen(["talservice", "--model", "6420", "--socket", TAL_SOCKET, "--control", "/run/talcontrol.sock", "--bus",
+                  "none", "--set", f"{VOLTAGE_PATH}={voltage}"])
+    return wait_until(lambda: device.pids("talservice"), what="data service running")[0]
+
+
+def shows(device: Device, millivolts: int) -> bool:
+    device.shift_clock(steps.CACHE_SECONDS)
+    return device.snmp.try_get(VOLTAGE) == ("Gauge32", str(millivolts))
+
+
+@pytest.fixture(scope="module")
+def simulated(start_shared_device):
+    """Its simulator is started by the tests."""
+    device = start_shared_device(6420, "--no-simulator", "--no-dbus", "--no-traps", "--clock-shift")
+    start_simulator(device, "3.300")
+    device.wait_answering().wait_subscribed()
+    return device
+
+
+def test_killed_service_is_missed_in_nothing_and_found_again(simulated):
+    """What it has said last is served on; whoever takes its place is asked for everything anew."""
+    pid, = simulated.pids("talservice")
+    wait_until(lambda: shows(simulated, 3300), 20, what="value before")
+    lost = simulated.kvsnmp_err().count(f"{CLOSED} by the data service\n")
+    told = simulated.kvsnmp_err().count("TalInterface: no connection to")
+    snmpd = simulated.wait_snmpd()
+    simulated.kill(pid, signal.SIGKILL)
+    wait_until(lambda: simulated.kvsnmp_err().count(f"{CLOSED} by the data service\n") == lost + 1, what="loss noticed")
+    stays(lambda: shows(simulated, 3300), 2.5, what="last value served")
+    assert simulated.kvsnmp_err().count("TalInterface: no connection to") == told + 1  # tries every second, tells once
+    start_simulator(simulated, "3.401")
+    wait_until(lambda: shows(simulated, 3401), 20, what="value of the new service")
+    assert simulated.pids("snmpd") == [snmpd]  # the same settings, so nothing is written and nothing restarted
+
+
+def test_hung_service_delays_its_own_values_only(simulated):
+    pid, = simulated.pids("talservice")
+    simulated.kill(pid, signal.SIGSTOP)
+    watchdog = simulated.path("/tmp/kvsnmp.watchdogtest")
+    before = watchdog.stat().st_mtime_ns
+    begin = time.monotonic()
+    order = simulated.popen(["talctl", "set", VOLTAGE_PATH, "3.502"])  # waits for the one that hangs
+    wait_until(lambda: watchdog.stat().st_mtime_ns > before, 10, what="watchdog file written")
+    while time.monotonic() < begin + 3:
+        assert simulated.snmp.try_get(MODEL_NUMBER) == ANSWER
+    assert not shows(simulated, 3502)
+    simulated.kill(pid, signal.SIGCONT)
+    assert order.wait(10) == 0
+    wait_until(lambda: shows(simulated, 3502), 20, what="value of the service that goes on")
+
+
+def test_service_killed_while_it_hangs(simulated):
+    pid, = simulated.pids("talservice")
+    simulated.kill(pid, signal.SIGSTOP)
+    simulated.kill(pid, signal.SIGKILL)
+    start_simulator(simulated, "3.603")
+    wait_until(lambda: shows(simulated, 3603), 20, what="value of the new service")
+
+
+# A service of the test's own
+
+
+class Fed:
+    def __init__(self, device: Device) -> None:
+        self.device = device
+        self.service = DataService(device.path(TAL_SOCKET))
+
+    def wait_subscribed(self) -> None:
+        wait_until(lambda: self.service.has("kvsnmp_sys_messages"), 30, what="everything subscribed")
+
+    def wait_taken(self, timeout: float = 60.0) -> None:
+        """Until the daemon has taken a proper message that comes after all others."""
+        mark = f"mark{next(_marks)}"
+        self.service.notify("kvsnmp_sys_messages", "create",
+                            f"/state/sys_messages/sys_message[reporter='hostile'][rep_ref='{mark}']",
+                            f"<sys_message><reporter>hostile</reporter><rep_ref>{mark}</rep_ref></sys_message>",
+                            "/state/sys_messages/sys_message")
+        wait_until(lambda: f"New Fault: [hostile] [{mark}]" in self.device.kvsnmp_err(), timeout, what=f"{mark} taken")
+
+    def assert_works(self, volts: int) -> None:
+        self.service.notify("kvsnmp_voltage", "replace", VOLTAGE_PATH, f"<voltage>{volts}</voltage>")
+        self.wait_taken()
+        assert shows(self.device, volts * 1000)
+
+
+@pytest.fixture(scope="module")
+def fed(start_shared_device):
+    device = start_shared_device(6420, "--no-simulator", "--no-dbus", "--no-traps", "--no-kvsnmp")
+    player = Fed(device)
+    device.start_kvsnmp("-d", clock_shift=True, env=lean_environment())
+    wait_until(lambda: player.service.has("custom_config"), 30, what="settings subscribed")
+    SnmpSettings().send_all(player.service)
+    device.wait_answering()
+    player.wait_subscribed()
+    yield player
+    player.service.close()
+
+
+@pytest.mark.parametrize("kind", garbage.REFUSED, ids=lambda kind: kind.__name__)
+def test_garbage_is_dropped_with_a_warning_and_the_connection_kept(fed, kind):
+    """Each piece up to a NUL is one message; what is none is dropped, and the next one read as if nothing had been."""
+    data = kind()
+    fed.assert_works(1)
+    said, connections = len(fed.device.kvsnmp_err()), fed.service.connections
+    fed.service.send(data)
+    fed.wait_taken()
+    warnings = fed.device.kvsnmp_err()[said:].count(DROPPED)
+    assert warnings == data.count(b"\0")
+    assert fed.service.connections == connections
+    assert shows(fed.device, 1000)
+    fed.assert_works(2)
+
+
+def test_senseless_messages_change_values_at_most(fed):
+    """Well-formed, and none is dropped; the tables keep their rows, and every value one that the MIB allows."""
+    rows = [variable.oid for variable in fed.device.snmp.walk()]
+    dropped, connections = fed.device.kvsnmp_err().count(DROPPED), fed.service.connections
+    fed.service.send(garbage.senseless_messages())
+    fed.wait_taken()
+    assert fed.device.kvsnmp_err().count(DROPPED) == dropped
+    assert fed.service.connections == connections
+    SnmpSettings(sys_contact="proper again").send_all(fed.service)  # some of the messages were settings
+    wait_until(lambda: fed.device.snmp.try_get(CONTACT) == ("STRING", "proper again"), 20,
+               what="snmpd with proper settings")
+    fed.device.wait_answering().shift_clock(steps.CACHE_SECONDS)
+    walked = fed.device.snmp.walk()
+    assert [variable.oid for variable in walked] == rows
+    assert [complaint for variable in walked if (complaint := mib().complaint(variable))] == []
+    fed.assert_works(3)
+
+
+def answers_while(device: Device, work: threading.Thread) -> list[float]:
+    """How long each GET took while the work was done."""
+    times = []
+    work.start()
+    while work.is_alive():
+        begin = time.monotonic()
+        assert device.snmp.try_get(MODEL_NUMBER) == ANSWER
+        times.append(time.monotonic() - begin)
+    work.join()
+    return times
+
+
+def test_gibibyte_without_a_nul_takes_no_memory(fed):
+    """The service sends on without an end on every connection it gets; each is closed after 4 MiB."""
+    pid = fed.device.kvsnmp_pid()
+    fed.assert_works(4)
+    before, first = memory_kb(fed.device, pid), fed.service.connections
+    over_long = fed.device.kvsnmp_err().count(OVER_LONG)
+    block = b"x" * (1 << 20)
+    sent: list[int] = []
+
+    def send_on() -> None:
+        for number in range(4):
+            wait_until(lambda number=number: fed.service.connections == first + number, 10, what="connected again")
+            count = 0
+            try:
+                while count < 1024:
+                    fed.service.send(block)
+                    count += 1
+            except OSError:
+                pass
+            sent.append(count)
+
+    times = answers_while(fed.device, threading.Thread(target=send_on))
+    wait_until(lambda: fed.service.connections == first + 4, 10, what="connected again")
+    assert len(sent) == 4 and max(sent) <= 8, sent  # MiB: the limit, and what stood in the socket
+    assert fed.device.kvsnmp_err().count(OVER_LONG) == over_long + 4
+    grown = memory_kb(fed.device, pid) - before
+    print(f"4 connections without a NUL: {sent} MiB taken, {grown} kB more memory at most, "
+          f"GETs in {max(times):.2f} s at most")
+    assert grown < MORE_MEMORY_KB
+    fed.assert_works(5)
+
+
+def test_messages_of_the_greatest_size_take_no_memory(fed):
+    count = int(os.environ.get("KVSNMP_GREAT_MESSAGES", "32"))
+    pid = fed.device.kvsnmp_pid()
+    fed.assert_works(6)
+    before, connections = memory_kb(fed.device, pid), fed.service.connections
+    dropped = fed.device.kvsnmp_err().count(DROPPED)
+    message = b"<notify>" + b"x" * (garbage.MESSAGE_LIMIT - 8) + b"\0"
+
+    def send_all() -> None:
+        for _ in range(count):
+            fed.service.send(message)
+
+    times = answers_while(fed.device, threading.Thread(target=send_all))
+    fed.wait_taken()
+    assert fed.device.kvsnmp_err().count(DROPPED) == dropped + count
+    assert fed.service.connections == connections
+    grown = memory_kb(fed.device, pid) - before
+    print(f"{count} messages of 4 MiB: {grown} kB more memory at most, GETs in {max(times):.2f} s at most")
+    assert grown < MORE_MEMORY_KB
+    fed.assert_works(7)
+
+
+def test_service_that_hangs_up_at_once_again_and_again(fed):
+    pid = fed.device.kvsnmp_pid()
+    count = descriptors(fed.device, pid)
+    for _ in range(4):
+        connections = fed.service.connections
+        fed.service.hang_up()
+        wait_until(lambda connections=connections: fed.service.connections > connections, 5, what="connected again")
+    wait_until(lambda: descriptors(fed.device, pid) == count, what="no descriptor more than before")
+    fed.assert_works(8)
+
+
+# No service, or something else in its place
+
+
+@pytest.fixture
+def forsaken(start_device):
+    device = start_device(6410, "--no-simulator", "--no-dbus", "--no-traps", "--no-kvsnmp")
+    return device, device.path(TAL_SOCKET)
+
+
+def test_anything_else_at_the_services_path(forsaken):
+    """It is told of once, and tried again every second until a service is there."""
+    device, path = forsaken
+    path.write_text("no socket\n")
+    kvsnmp = device.start_kvsnmp("-d")
+    wait_until(lambda: "TalInterface: no connection to /run/tal.sock yet: " in device.kvsnmp_err(), what="failure told")
+    path.unlink()
+    path.mkdir()
+    time.sleep(1.2)  # one attempt at each of them
+    path.rmdir()
+    path.symlink_to("tal.sock")
+    time.sleep(1.2)
+    path.unlink()
+    os.mkfifo(path)
+    time.sleep(1.2)
+    path.unlink()
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as datagrams:
+        datagrams.bind(str(path))
+        time.sleep(1.2)
+    path.unlink()
+    assert device.kvsnmp_err().count("TalInterface: no connection to") == 1
+    service = DataService(path)
+    wait_until(lambda: service.has("custom_config"), 5, what="settings subscribed")
+    device.kill(device.kvsnmp_pid(), signal.SIGTERM)
+    assert kvsnmp.wait(10) == 0
+    service.close()
+
+
+def test_service_that_listens_and_never_accepts(forsaken):
+    """With its queue full a connection is refused at once and tried again; in the queue it waits without blocking."""
+    device, path = forsaken
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
+        listener.bind(str(path))
+        listener.listen(0)
+        first = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        first.connect(str(path))  # the one place in the queue
+        device.start_kvsnmp("-d")
+        told = "TalInterface: no connection to /run/tal.sock yet: Resource temporarily unavailable\n"
+        wait_until(lambda: told in device.kvsnmp_err(), what="failure told")
+        watchdog = device.path("/tmp/kvsnmp.watchdogtest")
+        wait_until(watchdog.exists, 8, what="watchdog file written")
+        first.close()
+        listener.accept()[0].close()
+        listener.settimeout(5)
+        accepted, _ = listener.accept()
+        accepted.settimeout(5)
+        asked = b""
+        while b"<ref>mib2_settings</ref>" not in asked:
+            chunk = accepted.recv(65536)
+            assert chunk, asked
+            asked += chunk
+        accepted.close()
+    path.unlink()
+    service = DataService(path)
+    wait_until(lambda: service.has("custom_config"), 5, what="settings subscribed with a proper service")
+    service.close()
