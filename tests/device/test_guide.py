@@ -1,4 +1,4 @@
-"""docs/mib.md: each of its commands, typed at a device, prints what stands below it.
+"""docs/mib.md and docs/operators.md: each of their commands, typed at a device, prints what stands below it.
 
 KVSNMP_WRITE_GOLDEN=1 in the environment writes the outputs anew.
 """
@@ -7,6 +7,7 @@ from __future__ import annotations
 import os
 import re
 import shlex
+from pathlib import Path
 from typing import NamedTuple
 
 import pytest
@@ -18,22 +19,23 @@ from support.polling import wait_until
 from support.snmp import parse
 
 GUIDE = CHECKOUT / "docs/mib.md"
-PORTS = {1161: "6420", 1171: "6214"}  # the devices of the guide, and their names
+FIRST_STEPS = CHECKOUT / "docs/operators.md"
+PORTS = {1161: "6420", 1171: "6214"}  # the devices of the guides, and their names
 
 
 class Example(NamedTuple):
     command: str
     output: list[str]
-    line: int  # of the command in the guide, counted from 0
+    guide: Path
 
 
-def examples() -> list[Example]:
+def examples(guide: Path) -> list[Example]:
     """Indented blocks whose lines begin with a dollar sign, and what is indented below them."""
     found: list[Example] = []
     current = None
-    for number, line in enumerate(GUIDE.read_text().splitlines()):
+    for line in guide.read_text().splitlines():
         if line.startswith("    $ "):
-            current = Example(line[6:], [], number)
+            current = Example(line[6:], [], guide)
             found.append(current)
         elif current and (line.startswith("    ") or not line):
             current.output.append(line[4:])
@@ -45,10 +47,17 @@ def examples() -> list[Example]:
     return found
 
 
-EXAMPLES = examples()
+def is_question(example: Example) -> bool:
+    return re.match(r"snmp\w+ ", example.command) is not None
+
+
+EXAMPLES = examples(GUIDE)
 EXPORTS = [example.command for example in EXAMPLES if example.command.startswith("export ")]
 ORDERS = [example for example in EXAMPLES if example.command.startswith("scripts/device exec ")]
-QUESTIONS = [example for example in EXAMPLES if re.match(r"snmp\w+ ", example.command)]
+QUESTIONS = [example for example in EXAMPLES if is_question(example)]
+FIRST_EXAMPLES = examples(FIRST_STEPS)
+FIRST_QUESTIONS = [example for example in FIRST_EXAMPLES if is_question(example)]
+ALL_QUESTIONS = QUESTIONS + FIRST_QUESTIONS
 
 
 @pytest.fixture(scope="module")
@@ -79,7 +88,7 @@ def ask(devices: dict[str, Device], question: Example) -> list[str]:
     return [line.rstrip() for line in device.run(["sh", "-e", "-c", script]).stdout.rstrip("\n").split("\n")]
 
 
-@pytest.mark.parametrize("question", QUESTIONS, ids=[question.command.partition(" 127")[2] for question in QUESTIONS])
+@pytest.mark.parametrize("question", ALL_QUESTIONS, ids=[asked.command.partition(" 127")[2] for asked in ALL_QUESTIONS])
 def test_command_prints_what_the_guide_says(devices, question):
     answer = ask(devices, question)
     if os.environ.get("KVSNMP_WRITE_GOLDEN"):
@@ -89,11 +98,16 @@ def test_command_prints_what_the_guide_says(devices, question):
 
 
 def write_anew(question: Example, answer: list[str]) -> None:
-    lines = GUIDE.read_text().splitlines()
+    lines = question.guide.read_text().splitlines()
     at = lines.index("    $ " + question.command)
     del lines[at + 1:at + 1 + len(question.output)]
     lines[at + 1:at + 1] = [f"    {line}".rstrip() for line in answer]
-    GUIDE.write_text("\n".join(lines) + "\n")
+    question.guide.write_text("\n".join(lines) + "\n")
+
+
+def test_first_steps_are_commands_of_the_guide_and_questions():
+    others = [example.command for example in FIRST_EXAMPLES if not is_question(example)]
+    assert others == EXPORTS and len(FIRST_QUESTIONS) >= 3
 
 
 def test_every_table_has_an_example():
