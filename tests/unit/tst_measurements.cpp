@@ -254,7 +254,7 @@ void TestMeasurements::voltageKeyFeedsSlot()
     for (const char *op : {"create", "replace"}) {
         TalBench bench(model);
         voltage(bench, key, "12.34", op);
-        Numbers expected(20, 0);
+        Numbers expected(voltageSlots, 0);
         expected[slot] = 12340;
         QCOMPARE(voltages(bench), expected);
         QCOMPARE(bench.log.lines(), QStringList());
@@ -269,7 +269,7 @@ void TestMeasurements::voltageForeignKeyIsIgnored()
     TalBench bench(model);
     for (const QByteArray &key : foreignKeys) {
         voltage(bench, key, "12.34");
-        QVERIFY2(voltages(bench) == Numbers(20, 0), key.constData());
+        QVERIFY2(voltages(bench) == Numbers(voltageSlots, 0), key.constData());
     }
 }
 
@@ -278,7 +278,7 @@ void TestMeasurements::voltageKeyIsCaseSensitive()
     TalBench bench(6420);
     voltage(bench, "1V8SW", "1.8");
     voltage(bench, "24V0fb", "24.0");
-    QCOMPARE(voltages(bench), Numbers(20, 0));
+    QCOMPARE(voltages(bench), Numbers(voltageSlots, 0));
 }
 
 void TestMeasurements::severalVoltagesInOneNotification()
@@ -289,7 +289,7 @@ void TestMeasurements::severalVoltagesInOneNotification()
                                 "<power_line><kid>other</kid><voltage>9</voltage></power_line>"
                                 "<power_line><kid>1v8SW</kid><voltage>1.79</voltage></power_line></power_lines>"),
                  QStringLiteral("/state/power_lines/power_line/voltage"));
-    Numbers expected(20, 0);
+    Numbers expected(voltageSlots, 0);
     expected[0] = 1790;
     expected[8] = 24100;
     QCOMPARE(voltages(bench), expected);
@@ -332,7 +332,7 @@ void TestMeasurements::voltageDeleteStoresZero()
     voltage(bench, "24v0", "24.1");
     voltage(bench, "5v0", "5.1");
     bench.notify("kvsnmp_voltage", "delete", voltagePath("24v0"), data);
-    Numbers expected(20, 0);
+    Numbers expected(voltageSlots, 0);
     expected[4] = 5100;
     QCOMPARE(voltages(bench), expected);
     QCOMPARE(bench.log.lines(), QStringList());
@@ -366,7 +366,7 @@ void TestMeasurements::letVoltageSharesTheScratchButNotTheSlots()
     bench.leaf("kvsnmp_let_voltage", "replace", qs("/state/lines/line[kid='ch1']/lets/let[kid='1']/let_vcc"),
                qs("9.9"));
     bench.leaf("kvsnmp_voltage", "replace", voltagePath("unknown_key"), qs("7"));
-    Numbers expected(20, 0);
+    Numbers expected(voltageSlots, 0);
     expected[7] = 24100;
     QCOMPARE(voltages(bench), expected);
     QCOMPARE(bench.records().let.lets[0][0].letVoltage, 9900U);
