@@ -1,0 +1,131 @@
+"""Managers that send bytes of a test's choice: sockets made inside a device, held and used outside of it."""
+from __future__ import annotations
+
+import itertools
+import select
+import socket
+import subprocess
+import time
+from collections.abc import Sequence
+
+from . import ber
+from .device import Device
+from .snmp import END_OF_VIEW, PRIVATE_MIB
+
+SNMPD = ("127.0.0.1", 161)
+ROOT = ber.numbers(PRIVATE_MIB)
+_AT_ONCE = 100  # descriptors that one message takes along; the kernel's limit is 253
+
+# Runs inside the device, with the socket on which it hands over as its standard input.
+_MAKE_SOCKETS = f"""
+import socket, sys
+out = socket.socket(fileno=0)
+for count in map(int, sys.argv[1:]):
+    made = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(count)]
+    for one in made:
+        one.connect({SNMPD!r})
+    socket.send_fds(out, [b"x"], [one.fileno() for one in made])
+    for one in made:
+        one.close()
+"""
+
+
+def sockets(device: Device, count: int) -> list[socket.socket]:
+    """UDP sockets in the device's network, connected to its snmpd, each with a port of its own."""
+    parts = [_AT_ONCE] * (count // _AT_ONCE) + [count % _AT_ONCE] * (count % _AT_ONCE > 0)
+    here, there = socket.socketpair(socket.AF_UNIX, socket.SOCK_STREAM)
+    with here, there:
+        maker = device.popen(["/usr/bin/python3", "-c", _MAKE_SOCKETS, *map(str, parts)], stdin=there,
+                             stderr=subprocess.PIPE, text=True)
+        there.close()
+        here.settimeout(20)
+        found: list[socket.socket] = []
+        while len(found) < count:
+            word, descriptors, _, _ = socket.recv_fds(here, 1, _AT_ONCE)
+            assert word, maker.communicate()[1]
+            found += [socket.socket(fileno=descriptor) for descriptor in descriptors]
+        maker.communicate()
+    return found
+
+
+class RawManager:
+    """One manager. Its questions are repeated when they are not answered, as managers do."""
+
+    _numbers = itertools.count(1_000_000)  # none that a test gives itself
+
+    def __init__(self, socket_inside: socket.socket) -> None:
+        self.socket = socket_inside
+
+    @staticmethod
+    def of(device: Device) -> RawManager:
+        return RawManager(sockets(device, 1)[0])
+
+    def close(self) -> None:
+        self.socket.close()
+
+    def send(self, data: bytes) -> None:
+        try:
+            self.socket.send(data)
+        except ConnectionRefusedError:  # what the packet before met
+            self.socket.send(data)
+
+    def receive(self, timeout: float) -> bytes | None:
+        """The next datagram; None when none comes in time."""
+        limit = time.monotonic() + timeout
+        while select.select([self.socket], [], [], max(0.0, limit - time.monotonic()))[0]:
+            try:
+                return self.socket.recv(65536)
+            except ConnectionRefusedError:  # nobody listens there at the moment
+                pass
+        return None
+
+    def drain(self) -> list[bytes]:
+        """All that has come."""
+        come = []
+        while (data := self.receive(0)) is not None:
+            come.append(data)
+        return come
+
+    def begin(self, kind: int, oids: Sequence[ber.Oid], value: bytes = ber.field(ber.NULL, b""), **message) -> int:
+        """Sends one request and does not wait; its number."""
+        number = next(self._numbers)
+        self.send(ber.message(kind, number, [ber.varbind(oid, value) for oid in oids], **message))
+        return number
+
+    def answer_to(self, number: int, timeout: float) -> ber.Answer | None:
+        limit = time.monotonic() + timeout
+        while (data := self.receive(max(0.0, limit - time.monotonic()))) is not None:
+            answer = ber.answer(data)
+            if answer.number == number:
+                return answer
+        return None
+
+    def ask(self, kind: int, oids: Sequence[ber.Oid], value: bytes = ber.field(ber.NULL, b""), timeout: float = 2.0,
+            tries: int = 5, **message) -> ber.Answer:
+        for _ in range(tries):
+            answer = self.answer_to(self.begin(kind, oids, value, **message), timeout)
+            if answer is not None:
+                return answer
+        raise AssertionError(f"no answer to {kind:#x} of {[ber.dotted(oid) for oid in oids][:5]}")
+
+    def try_get(self, oid: ber.Oid, timeout: float = 0.5) -> tuple[str, str] | None:
+        """None when no answer comes at once, or an error."""
+        answer = self.answer_to(self.begin(ber.GET, [oid]), timeout)
+        return answer.bindings[0].value if answer is not None and answer.error == 0 else None
+
+    def walk(self, root: ber.Oid = ROOT, repetitions: int = 0, version: int = ber.V2C) -> list[ber.Binding]:
+        """With GETBULK, unless `repetitions` is 0. It has to ascend."""
+        found: list[ber.Binding] = []
+        last = root
+        while True:
+            kind = ber.GETBULK if repetitions else ber.GETNEXT
+            answer = self.ask(kind, [last], version=version, second=repetitions)
+            if version == ber.V1 and answer.error == ber.NO_SUCH_NAME:  # the end of the view
+                return found
+            assert answer.error == 0, answer
+            for binding in answer.bindings:
+                if binding.value == END_OF_VIEW or binding.oid[:len(root)] != root:
+                    return found
+                assert binding.oid > last, f"{ber.dotted(binding.oid)} after {ber.dotted(last)}"
+                found.append(binding)
+                last = binding.oid
