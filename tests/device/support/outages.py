@@ -1,0 +1,78 @@
+"""Outages of snmpd: its ends, the two ways in which it comes back, and the daemon at rest meanwhile."""
+from __future__ import annotations
+
+import time
+from collections.abc import Callable
+from typing import NamedTuple
+
+from . import ber, steps
+from .dataservice import SETTINGS
+from .device import MODEL_NUMBER, Device
+from .polling import wait_until
+from .pollset import wake_ups_per_second
+from .process import processor_seconds
+from .rawmanager import RawManager
+
+MODEL = ber.numbers(MODEL_NUMBER)
+HEALTH_PERIOD = 601
+AT_REST = 14  # wake-ups a second: ten of the process timer, one of the ping, one in 5 s of the watchdog file
+
+
+class Served(NamedTuple):
+    device: Device
+    manager: RawManager
+    walk: list[ber.Binding]
+
+
+def serve(device: Device) -> Served:
+    """A device, started with a clock that can be moved, that serves all its values; what those are."""
+    device.wait_answering().wait_subscribed()
+    steps.apply(device, dbus=False)
+    manager = RawManager.of(device)
+    return Served(device, manager, manager.walk())
+
+
+_contacts = iter(range(1, 1000000))
+
+
+def change_a_setting(device: Device) -> None:
+    device.talctl("set", f"{SETTINGS}/mib_2_settings/sys_contact", f"contact {next(_contacts)}")
+
+
+def let_the_probe_come(device: Device) -> None:
+    device.shift_clock(HEALTH_PERIOD)
+
+
+def hurry(device: Device, condition: Callable[[], object], what: str, timeout: float = 20) -> None:
+    """Waits with a clock that goes faster, for what the daemon does after a delay."""
+    def look() -> object:
+        found = condition()
+        if not found:
+            device.shift_clock(0.5)
+        return found
+
+    wait_until(look, timeout, 0.05, what)
+
+
+def wait_for_another_snmpd(device: Device, old: int, way: Callable[[Device], None]) -> int:
+    way(device)
+    hurry(device, lambda: device.pids("snmpd") not in ([], [old]), "another snmpd")
+    pid = device.wait_snmpd(other_than=[old])
+    device.shift_clock(1)  # the agent library's next attempt to connect
+    return pid
+
+
+def wait_served(served: Served, timeout: float = 20) -> None:
+    wait_until(lambda: served.manager.try_get(MODEL) == ("INTEGER", str(served.device.model)), timeout,
+               what="model number answered")
+    assert served.manager.walk() == served.walk
+
+
+def rests(device: Device, wake_ups: float) -> None:
+    pid = device.kvsnmp_pid()
+    time.sleep(1)  # the idle passes after the last answer are over
+    before = processor_seconds(device, pid)
+    rate = wake_ups_per_second(device, pid, 4)
+    spent = processor_seconds(device, pid) - before
+    print(f"{rate:.1f} wake-ups a second, {spent:.2f} s of processor time in 4 s")
+    assert rate < wake_ups and spent < 0.5

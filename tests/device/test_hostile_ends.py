@@ -1,0 +1,170 @@
+"""kvsnmp killed at any moment and started again: pid file, snmpd, registration, values, and the faults of that time."""
+from __future__ import annotations
+
+import os
+import random
+import signal
+import time
+
+import pytest
+from support import ber, steps
+from support.device import MODEL_NUMBER, Device
+from support.polling import wait_until
+from support.press import Press
+from support.rawmanager import RawManager
+from support.snmp import parse
+from support.traps import Faults, TrapReceiver
+from test_walks import FAILED_TONE, Walk
+
+KILLS = int(os.environ.get("KVSNMP_KILLS", "50"))
+KILLS_AT_START = 20
+SEED = 52717
+MODEL = ber.numbers(MODEL_NUMBER)
+PID_FILE = "/run/kvsnmp.pid"
+WATCHDOG_FILE = "/tmp/kvsnmp.watchdogtest"
+GOLDEN = [(ber.numbers(variable.oid), variable.value) for variable in parse(Walk(6420).file.read_text())]
+
+
+@pytest.fixture(scope="module")
+def device(start_shared_device):
+    device = start_shared_device(6420, "--daemon", "--no-dbus", "--no-traps", "--clock-shift", "--set", FAILED_TONE)
+    return device.wait_answering()
+
+
+@pytest.fixture(scope="module")
+def manager(device):
+    manager = RawManager.of(device)
+    yield manager
+    manager.close()
+
+
+def daemon(device: Device, other_than: int = 0) -> int:
+    """The one kvsnmp that runs and has written its pid file."""
+    def look() -> int:
+        pids = device.pids("kvsnmp")
+        if len(pids) != 1 or pids[0] == other_than:
+            return 0
+        return pids[0] if device.read(PID_FILE) == f"{pids[0]}\n" else 0
+
+    return wait_until(look, 20, what="kvsnmp running, its number in the pid file")
+
+
+def start(device: Device) -> None:
+    assert device.start_kvsnmp(clock_shift=True).wait(20) == 0  # it has gone into the background
+
+
+def let_all_timers_run(device: Device) -> None:
+    """Moves the clock on until whatever was to happen has happened. The watchdog file, written each 5 s, tells that the
+    daemon has looked at the clock; what one timer brings about may start another."""
+    for _ in range(3):
+        device.path(WATCHDOG_FILE).unlink(missing_ok=True)
+        device.shift_clock(6)
+        wait_until(lambda: device.path(WATCHDOG_FILE).exists(), what="watchdog file written")
+
+
+def wait_golden(device: Device, manager: RawManager, snmpd: int) -> int:
+    """Until another snmpd runs, alone, and all the values are served; with a clock that goes faster. That divides what
+    would be one restart of snmpd, so there may be two. Returns the last."""
+    def another_snmpd() -> bool:
+        device.shift_clock(0.5)
+        return device.pids("snmpd") not in ([], [snmpd])
+
+    wait_until(another_snmpd, 20, 0.05, "another snmpd")
+    let_all_timers_run(device)
+    snmpd = device.wait_snmpd(other_than=[snmpd])
+
+    def golden() -> bool:
+        if manager.try_get(MODEL) != ("INTEGER", str(device.model)):
+            return False
+        device.shift_clock(steps.CACHE_SECONDS)
+        return manager.walk() == GOLDEN
+
+    wait_until(golden, 20, 0.05, "golden walk")
+    assert device.pids("snmpd") == [snmpd]
+    return snmpd
+
+
+def test_kvsnmp_killed_and_started_fifty_times_during_walks(device, manager):
+    pid, snmpd = daemon(device), device.wait_snmpd()
+    wait_until(lambda: device.shift_clock(steps.CACHE_SECONDS) or manager.walk() == GOLDEN, 20, what="golden walk")
+    begin = time.monotonic()
+    for number in range(KILLS):
+        with Press(device, GOLDEN) as press:
+            wait_until(lambda: press.answered > 2, what="a walk under way")
+            device.kill(pid, signal.SIGKILL)
+            wait_until(lambda: not device.pids("kvsnmp"), what="kvsnmp gone")
+        press.check()
+        wait_until(lambda: manager.try_get(MODEL) == ("noSuchObject", ""), what="registration gone")
+        assert device.pids("snmpd") == [snmpd] and device.read(PID_FILE) == f"{pid}\n", f"after {number + 1} kills"
+        start(device)
+        pid = daemon(device, other_than=pid)
+        snmpd = wait_golden(device, manager, snmpd)
+    print(f"{KILLS} kills and starts in {time.monotonic() - begin:.0f} s")
+
+
+def test_kvsnmp_killed_at_any_moment_of_its_start(device, manager):
+    """Before and behind the pid file, the connection to the data service, the end of the old snmpd, the new one."""
+    chance = random.Random(SEED)
+    for _ in range(KILLS_AT_START):
+        for pid in device.pids("kvsnmp"):
+            device.kill(pid, signal.SIGKILL)
+        wait_until(lambda: not device.pids("kvsnmp"), what="kvsnmp gone")
+        device.start_kvsnmp(clock_shift=True)
+        time.sleep(chance.uniform(0, 1.2))
+        device.shift_clock(chance.choice((0, 0.3, 0.6)))
+        assert len(device.pids("snmpd")) <= 1
+    for pid in device.pids("kvsnmp"):
+        device.kill(pid, signal.SIGKILL)
+    wait_until(lambda: not device.pids("kvsnmp"), what="kvsnmp gone")
+    snmpd = (device.pids("snmpd") or [0])[0]
+    start(device)
+    daemon(device)
+    wait_golden(device, manager, snmpd)
+
+
+def test_second_kvsnmp_is_refused_after_all_that(device):
+    pid = daemon(device)
+    second = device.run_kvsnmp()
+    assert second.returncode == 1 and second.stderr.startswith("kvsnmp: Already running.\n: ")
+    assert daemon(device) == pid
+
+
+def test_faults_raised_while_kvsnmp_is_killed_and_restarted(device):
+    """Nobody remembers what was sent: each life tells once what is there. So a fault that is still there is never lost,
+    one that came and went between two lives is never told, and none is told twice in one life."""
+    traps, faults = TrapReceiver(device), Faults(device)
+    daemon(device)
+    faults.mark(traps, timeout=30)
+    lives = 6
+    stays_for: dict[str, int] = {}  # text to the lives that see it
+    gone: list[str] = []
+    for life in range(1, lives):
+        before, after = faults.new_texts("present", 5), faults.new_texts("present", 5)
+        away, starting = faults.new_texts("away", 3), faults.new_texts("present", 5)
+        stays_for |= dict.fromkeys(before, lives - life + 1)
+        faults.raise_all("let_fail", before)
+        traps.wait_for(*before, timeout=20)
+        faults.raise_all("let_fail", after)  # told or not when it dies
+        stays_for |= dict.fromkeys(after, lives - life + 1)
+        device.kill(daemon(device), signal.SIGKILL)
+        wait_until(lambda: not device.pids("kvsnmp"), what="kvsnmp gone")
+        faults.raise_all("let_fail", away)
+        faults.clear_all(away)
+        gone += away
+        start(device)
+        device.shift_clock(1)
+        faults.raise_all("let_fail", starting)
+        stays_for |= dict.fromkeys(starting, lives - life)
+        device.shift_clock(4)
+        traps.wait_for(*starting, timeout=30)
+        assert set(stays_for) <= {trap.description for trap in traps.received}
+    faults.mark(traps, timeout=30)
+    counts = traps.counts("present ")
+    print(f"{len(stays_for)} faults over {lives - 1} kills: {sum(counts.values())} traps, "
+          f"{len(gone)} faults came and went unseen")
+    assert set(counts) == set(stays_for)
+    assert {text: count for text, count in counts.items() if count > stays_for[text]} == {}
+    assert traps.counts("away ") == {}
+    # Told in each life that saw it, but for the death of the first.
+    assert all(counts[text] >= lives_seen - 1 for text, lives_seen in stays_for.items() if lives_seen > 1)
+    faults.clear_everything()
