@@ -75,6 +75,7 @@ private Q_SLOTS:
     void runEndsAtTheFirstRefusalWhileTheSenderIsBlocked();
     void blockedSenderGetsTheRestAtTheNextRun();
     void aFaultThatEndsWhileTheSenderIsBusyIsStillSent();
+    void anEndedFaultThatStillWaitsOutlivesAChangeOfOtherTraps();
     void aFaultThatEndsWithoutASessionIsNeverSent();
     void aFaultThatEndsAfterAnOrdinaryRefusalIsNeverSent();
     void anEndedFaultIsForgottenWhenItsTrapIsDisabled();
@@ -417,6 +418,21 @@ void TestFaultHandler::aFaultThatEndsWhileTheSenderIsBusyIsStillSent()
     QCOMPARE(sent, expected);
     handler->reportTraps();
     QCOMPARE(sent, expected);
+}
+
+void TestFaultHandler::anEndedFaultThatStillWaitsOutlivesAChangeOfOtherTraps()
+{
+    enable(traps({"LET Fault"}));
+    gate = TrapGate::passFull;
+    answer = [this](const QString &) { return gate == TrapGate::open ? 0 : -1; };
+    raise("amp", "1", "let_fail", "short");
+    clear("amp", "1");
+    enable(traps({"LET Fault", "Fuse Broken"}));
+    sent.clear();
+    gate = TrapGate::open;
+    handler->reportTraps();
+    handler->reportTraps();
+    QCOMPARE(sent, QStringList{qs("5|short|2|0")});
 }
 
 void TestFaultHandler::aFaultThatEndsWithoutASessionIsNeverSent()

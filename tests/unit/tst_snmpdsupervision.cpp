@@ -4,6 +4,9 @@
 #include <QElapsedTimer>
 #include <QTest>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 void setTrapSession(bool open, int socket); // the agent's own; its header is the agent library's, too
 
 namespace {
@@ -17,6 +20,26 @@ QString startEvent(const SnmpdBench &bench)
 {
     return qs("start: snmpd|-p|") + bench.pidFile;
 }
+
+/// Root may read every file; what is not root may not.
+class AsOrdinaryUser {
+public:
+    AsOrdinaryUser() : m_user(geteuid())
+    {
+        if (m_user == 0 && seteuid(65534) != 0)
+            qFatal("root that may not become another user");
+    }
+    ~AsOrdinaryUser()
+    {
+        if (seteuid(m_user) != 0)
+            qFatal("the way back is closed");
+    }
+    AsOrdinaryUser(const AsOrdinaryUser &) = delete;
+    AsOrdinaryUser &operator=(const AsOrdinaryUser &) = delete;
+
+private:
+    uid_t m_user;
+};
 
 QString logEvent(int priority, const char *text)
 {
@@ -40,6 +63,7 @@ private Q_SLOTS:
     void folderThatWentAndCameBackIsWatchedAgain();
     void pidFileLeftOver_data();
     void pidFileLeftOver();
+    void pidFileThatCannotBeReadIsRemovedOnly();
     void whatIsNoPidFileIsLeftAlone_data();
     void whatIsNoPidFileIsLeftAlone();
     void probe_data();
@@ -220,6 +244,22 @@ void TestSnmpdSupervision::pidFileLeftOver()
     const QStringList expected = {logEvent(LOG_ERR, "Snmpd was not properly closed last time"),
                                   qs("run: kill|-9|") + argument, qs("run: rm|") + bench.pidFile,
                                   logEvent(LOG_INFO, "Starting snmpd (snmpd.conf from TAL)"), startEvent(bench)};
+    QCOMPARE(bench.events, expected);
+}
+
+void TestSnmpdSupervision::pidFileThatCannotBeReadIsRemovedOnly()
+{
+    SnmpdBench bench;
+    SnmpdBench::write(bench.pidFile, "1234\n");
+    QVERIFY(QFile::setPermissions(bench.pidFile, {}));
+    const QStringList expected = {logEvent(LOG_ERR, "Snmpd was not properly closed last time"),
+                                  qs("run: rm|") + bench.pidFile,
+                                  logEvent(LOG_INFO, "Starting snmpd (snmpd.conf from TAL)"), startEvent(bench)};
+    QCOMPARE(chmod(QFile::encodeName(bench.dir.path()).constData(), 0711), 0); // that it is there may be seen
+    {
+        const AsOrdinaryUser user;
+        bench.handler->doStartSnmpd();
+    }
     QCOMPARE(bench.events, expected);
 }
 

@@ -548,6 +548,8 @@ void TestSnmpSettings::trapCreate_data()
     row("trap in other case", "<Trap><name>Fuse Broken</name><enabled>false</enabled></Trap>", true);
     row("name in other case", "<trap><name>fuse broken</name><enabled>false</enabled></trap>", true);
     row("name with a blank behind", "<trap><name>Fuse Broken </name><enabled>false</enabled></trap>", true);
+    row("an element inside a name ends the reading",
+        "<trap><name>RCI Fault<b/></name></trap><trap><name>Fuse Broken</name><enabled>true</enabled></trap>", false);
     row("empty trap", "<trap/>", true);
     row("empty list", "", true);
 }
