@@ -1,0 +1,190 @@
+// What a manager sees: snmpd, the sub-agent behind it, and a value.
+#include "check/agentxping.h"
+#include "check/checks.h"
+#include "check/subject.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <QHostAddress>
+#include <QNetworkInterface>
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+const SnmpName upTimeName = {1, 3, 6, 1, 2, 1, 1, 3, 0};
+const SnmpName modelNumberName = {1, 3, 6, 1, 4, 1, 52717, 3, 1, 3, 0};
+const SnmpName enterprise = {1, 3, 6, 1, 4, 1, 52717};
+const SnmpName moduleNames = {1, 3, 6, 1, 4, 1, 8072, 1, 2, 1, 1, 4}; // snmpd's list of what is registered with it
+constexpr std::uint32_t registrationLengths[] = {10, 11};             // of the objects under the enterprise
+constexpr int maxRegistrations = 200;
+
+bool startsWith(const SnmpName &name, const SnmpName &start)
+{
+    return name.size() >= start.size() && std::equal(start.begin(), start.end(), name.begin());
+}
+
+/// Loopback first: it is always there.
+QList<QHostAddress> ownAddresses()
+{
+    QList<QHostAddress> addresses = {QHostAddress(QHostAddress::LocalHost), QHostAddress(QHostAddress::LocalHostIPv6)};
+    for (const QHostAddress &address : QNetworkInterface::allAddresses())
+        if (!address.isLoopback() && !address.isLinkLocal())
+            addresses.append(address);
+    return addresses;
+}
+
+bool listensAt(const ListenAddress &place, const QHostAddress &address)
+{
+    const bool isIpv6 = address.protocol() == QAbstractSocket::IPv6Protocol;
+    if (!place.transport.startsWith("udp") || place.transport.contains('6') != isIpv6)
+        return false;
+    const QHostAddress bound(QString::fromLatin1(place.host));
+    return place.host.isEmpty() || bound == QHostAddress(QHostAddress::AnyIPv4) ||
+           bound == QHostAddress(QHostAddress::AnyIPv6) || bound == address ||
+           (place.host == "localhost" && address.isLoopback());
+}
+
+/// How this device can ask itself: from an address that the file gives access, at a place where snmpd listens. A
+/// datagram to an own address comes from that address.
+std::optional<SnmpTarget> ownTarget(const SnmpdConf &conf, int timeoutMs)
+{
+    const std::vector<AccessRule> rules = conf.accessRules();
+    const std::vector<ListenAddress> places = conf.listenAddresses();
+    for (const QHostAddress &address : ownAddresses()) {
+        // snmpd takes the first rule that fits, so a later one with another community does not count.
+        const auto rule = std::find_if(rules.begin(), rules.end(),
+                                       [&](const AccessRule &candidate) { return allows(candidate, address); });
+        const auto place = std::find_if(places.begin(), places.end(),
+                                        [&](const ListenAddress &candidate) { return listensAt(candidate, address); });
+        if (rule == rules.end() || place == places.end() || !place->port)
+            continue;
+        const bool isIpv6 = address.protocol() == QAbstractSocket::IPv6Protocol;
+        const QString text = isIpv6 ? QStringLiteral("udp6:[%1]:%2") : QStringLiteral("udp:%1:%2");
+        return SnmpTarget{text.arg(address.toString()).arg(*place->port).toLatin1(), rule->community,
+                          !conf.allowsVersion2c(), timeoutMs};
+    }
+    return std::nullopt;
+}
+
+int registrationsUnderEnterprise(SnmpClient &client)
+{
+    int count = 0;
+    for (const std::uint32_t length : registrationLengths) {
+        SnmpName start = moduleNames; // index: context "" and the registered name, each with its length in front
+        start.push_back(0);
+        start.push_back(length);
+        start.insert(start.end(), enterprise.begin(), enterprise.end());
+        SnmpReply reply = client.getNext(start);
+        while (reply.kind == SnmpReply::Kind::Other && startsWith(reply.name, start) && count < maxRegistrations) {
+            ++count;
+            reply = client.getNext(reply.name);
+        }
+    }
+    return count;
+}
+
+QByteArray contentsOf(const char *path)
+{
+    QFile file(QString::fromLatin1(path));
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+} // namespace
+
+Outcome checkSnmpdAnswer(Subject &subject)
+{
+    if (!subject.conf.allowsVersion1() && !subject.conf.allowsVersion2c())
+        return failed(QStringLiteral("snmpd.conf gives access to no version"),
+                      QStringLiteral("add a group line for v2c to the file made by hand"));
+    const std::optional<SnmpTarget> target = ownTarget(subject.conf, subject.timeoutMs);
+    if (!target)
+        return warning(
+            QStringLiteral("snmpd.conf gives access to no address of this device: not asked"),
+            QStringLiteral("ask from the manager that it names; if that gets no answer, look at nms_ip in the "
+                           "settings and at what is between"));
+    auto client = std::make_unique<SnmpClient>(*target);
+    const SnmpReply reply = client->get(upTimeName);
+    const QString place = QString::fromLatin1(target->address);
+    if (reply.kind == SnmpReply::Kind::NoAnswer)
+        return failed(
+            QStringLiteral("no answer at %1 within %2 s (%3)")
+                .arg(place)
+                .arg(subject.timeoutMs / 1000.0)
+                .arg(reply.error),
+            QStringLiteral("snmpd runs, but with another configuration than the file, or it hangs: create and "
+                           "remove any file in /etc/snmp, and kvsnmp restarts it"));
+    if (reply.kind == SnmpReply::Kind::Error || reply.kind == SnmpReply::Kind::NoSuchName)
+        return failed(QStringLiteral("%1 answers, but not with its own up time").arg(place),
+                      QStringLiteral("look at view and access in snmpd.conf: the view has to include .1"));
+    subject.client = std::move(client);
+    return ok(QStringLiteral("answers at %1 (%2)")
+                  .arg(place, target->isVersion1 ? QStringLiteral("version 1") : QStringLiteral("version 2c")));
+}
+
+Outcome checkAgentxSocket(Subject &subject)
+{
+    const QByteArray path = subject.conf.agentxSocket();
+    const QString name = QString::fromLocal8Bit(path);
+    if (!path.startsWith('/'))
+        return skipped(name + QStringLiteral(" is no local socket"));
+    const QString hint =
+        QStringLiteral("kvsnmp cannot connect there; create and remove any file in /etc/snmp, and kvsnmp "
+                       "restarts snmpd, which makes the socket anew");
+    if (!QFileInfo::exists(name))
+        return failed(name + QStringLiteral(" is not there"),
+                      hint + QStringLiteral("; the folder has to exist: snmpd does not make it"));
+    const AgentxAnswer answer = pingAgentx(path, subject.timeoutMs);
+    if (!answer.connected)
+        return failed(QStringLiteral("%1: %2").arg(name, QString::fromLocal8Bit(std::strerror(answer.error))), hint);
+    if (!answer.answered)
+        return failed(QStringLiteral("%1 takes the connection, but does not answer within %2 s")
+                          .arg(name)
+                          .arg(subject.timeoutMs / 1000.0),
+                      QStringLiteral("snmpd hangs; ") + hint);
+    return ok(name + QStringLiteral(" answers"));
+}
+
+Outcome checkSubAgent(Subject &subject)
+{
+    const int connections = agentxConnections(contentsOf("/proc/net/unix"), subject.conf.agentxSocket());
+    const QString hint = QStringLiteral("kvsnmp tries to connect once a second (agentXPingInterval in "
+                                        "/etc/snmp/kvagent.conf); if it stays so, restart kvsnmp");
+    if (!subject.client) { // by what the kernel tells alone
+        if (connections == 0)
+            return failed(QStringLiteral("no sub-agent is connected to snmpd"), hint);
+        return ok(QStringLiteral("%1 connected; what it has registered could not be asked").arg(connections));
+    }
+    const int registrations = registrationsUnderEnterprise(*subject.client);
+    if (registrations > 0)
+        return ok(QStringLiteral("%1 objects and tables are registered").arg(registrations));
+    if (subject.client->getNext(moduleNames).kind != SnmpReply::Kind::Other)
+        return skipped(QStringLiteral("this snmpd does not list what is registered"));
+    if (connections == 0)
+        return failed(QStringLiteral("no sub-agent is connected to snmpd"), hint);
+    return failed(QStringLiteral("a sub-agent is connected, but nothing is registered under the enterprise"), hint);
+}
+
+Outcome checkModelNumberServed(Subject &subject)
+{
+    if (!subject.client)
+        return skipped(QStringLiteral("snmpd could not be asked from this device"));
+    const SnmpReply reply = subject.client->get(modelNumberName);
+    const QString restart = QStringLiteral("restart kvsnmp; it tells in the foreground, kvsnmp -d, what it does");
+    switch (reply.kind) {
+    case SnmpReply::Kind::Integer:
+        break;
+    case SnmpReply::Kind::NoAnswer:
+        return failed(QStringLiteral("no answer within %1 s").arg(subject.timeoutMs / 1000.0),
+                      QStringLiteral("kvsnmp hangs; ") + restart);
+    case SnmpReply::Kind::Error:
+        return failed(QStringLiteral("snmpd answers: ") + reply.error, QStringLiteral("kvsnmp hangs; ") + restart);
+    default:
+        return failed(QStringLiteral("snmpd has no such object"), restart);
+    }
+    if (reply.integer != subject.model)
+        return failed(QStringLiteral("%1 is served, the identity file says %2").arg(reply.integer).arg(subject.model),
+                      QStringLiteral("the file was changed after kvsnmp had read it; restart kvsnmp"));
+    return ok(QStringLiteral("%1 is served").arg(reply.integer));
+}

@@ -1,0 +1,79 @@
+// Runs the checks in their order, tells causes from consequences, and writes the result.
+#pragma once
+
+#include "check/outcome.h"
+
+#include <QByteArray>
+#include <QString>
+
+#include <iterator>
+#include <span>
+#include <string_view>
+#include <vector>
+
+struct Subject;
+
+/// Up to so many earlier checks; unused places are null.
+struct CheckIds {
+    const char *ids[6];
+};
+
+struct Check {
+    std::string_view id;    ///< stable: scripts know a check by it
+    std::string_view title; ///< for people
+    CheckIds needs;         ///< not looked at when one of these has failed
+    CheckIds follows;       ///< looked at all the same; when it fails, too, the earlier failure is the cause
+    Outcome (*look)(Subject &subject);
+};
+
+/// Every id that a check refers to belongs to a check before it.
+template <std::size_t count>
+constexpr bool isInOrder(const Check (&checks)[count])
+{
+    for (std::size_t i = 0; i < count; ++i) {
+        for (std::size_t place = 0; place < 2 * std::size(checks[i].needs.ids); ++place) {
+            const CheckIds &list = place % 2 == 0 ? checks[i].needs : checks[i].follows;
+            const char *id = list.ids[place / 2];
+            bool found = id == nullptr;
+            for (std::size_t earlier = 0; earlier < i; ++earlier)
+                found = found || checks[earlier].id == std::string_view(id);
+            if (!found)
+                return false;
+        }
+    }
+    return true;
+}
+
+struct Finding {
+    QString id;
+    QString title;
+    Outcome outcome;
+    QString because; ///< id of the failed check that this one follows from; empty for a cause
+};
+
+class Report {
+public:
+    void add(const Check &check, Subject &subject);
+
+    const std::vector<Finding> &findings() const { return m_findings; }
+    bool hasFailed() const;
+    /// The failures that follow from no other.
+    std::vector<Finding> causes() const;
+    int count(Status status) const;
+
+private:
+    /// The cause at the end of the chain that begins at the first of `ids` that has failed; empty when none has.
+    QString causeAmong(const CheckIds &ids) const;
+
+    std::vector<Finding> m_findings;
+};
+
+/// "ok", "warning", "failed", "skipped" or "not-applicable".
+QString wordOf(Status status);
+
+/// One line, and below it the hint when there is one.
+QString textOf(const Finding &finding);
+/// The last lines: how many of each, and what to mend first.
+QString summaryOf(const Report &report);
+/// The whole report as one JSON object; the keys stand in the manual page.
+QByteArray jsonOf(const Report &report, quint32 model);

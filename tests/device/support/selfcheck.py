@@ -1,0 +1,59 @@
+"""kvsnmp-check run in a device, its JSON as an object."""
+from __future__ import annotations
+
+import json
+from typing import Any
+
+from .device import Device
+
+
+class SelfCheck:
+    """One run. The waits are short: what answers at all on a throw-away device answers at once."""
+
+    def __init__(self, device: Device, *arguments: str, timeout: str = "2") -> None:
+        done = device.run(["kvsnmp-check", "--json", "--timeout", timeout, *arguments], check=False)
+        self.status = done.returncode
+        self.errors = done.stderr
+        self.report: dict[str, Any] = json.loads(done.stdout)
+        self.checks: dict[str, dict[str, str]] = {check["id"]: check for check in self.report["checks"]}
+
+    @property
+    def causes(self) -> list[str]:
+        return self.report["causes"]
+
+    def ids(self, *statuses: str) -> list[str]:
+        return [check["id"] for check in self.report["checks"] if check["status"] in statuses]
+
+    def text(self, check: str) -> str:
+        return self.checks[check]["text"]
+
+    def consequences(self) -> list[str]:
+        return [check["id"] for check in self.report["checks"] if check["because"]]
+
+    def __str__(self) -> str:
+        return "\n".join(f"{check['status']:15}{check['id']:22}{check['text']} [{check['because']}]"
+                         for check in self.report["checks"])
+
+
+def assert_healthy(check: SelfCheck) -> None:
+    assert check.ids("warning", "failed", "skipped") == [], str(check)
+    assert check.status == 0 and check.causes == []
+
+
+def assert_cause(check: SelfCheck, cause: str, *texts: str) -> None:
+    """That one cause is named, with these words and a hint, and whatever else has failed follows from it."""
+    assert check.causes == [cause], str(check)
+    assert check.status == 1
+    found = check.checks[cause]
+    assert found["status"] == "failed" and found["hint"]
+    for text in texts:
+        assert text in found["text"]
+    others = set(check.ids("failed")) - {cause}
+    assert others <= set(check.consequences()), str(check)
+    assert {check.checks[other]["because"] for other in check.consequences()} <= {cause}, str(check)
+
+
+def assert_only_warnings(check: SelfCheck, *warned: str) -> None:
+    assert check.ids("warning") == list(warned), str(check)
+    assert check.status == 0 and check.causes == []
+    assert all(check.checks[name]["hint"] for name in warned)
