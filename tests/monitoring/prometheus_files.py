@@ -1,0 +1,79 @@
+"""What stands in monitoring/prometheus, and the programs that read it."""
+from __future__ import annotations
+
+import functools
+import json
+import os
+import re
+import shutil
+from pathlib import Path
+from typing import Any
+
+import yaml
+
+CHECKOUT = Path(__file__).resolve().parents[2]
+FOLDER = CHECKOUT / "monitoring/prometheus"
+BEFORE, SINCE = FOLDER / "snmp-before-0.23.yml", FOLDER / "snmp-from-0.23.yml"
+RULES = FOLDER / "kvsnmp.rules.yml"
+DASHBOARD = FOLDER / "kvsnmp-dashboard.json"
+UNPACKED = CHECKOUT / "build/monitoring/root"  # by scripts/install-deps monitoring
+
+# Names of PromQL that look like metrics, and what Prometheus and the exporter themselves make.
+FOREIGN = {"up", "ALERTS", "snmp_scrape_duration_seconds"}
+METRIC = re.compile(r"\b(kvsnmp[_:][\w:]+|up|ALERTS|snmp_\w+)\b(?=[{\[\s)=+*/-]|$)")
+
+
+def program(name: str) -> str:
+    """A program of Debian's, installed or only unpacked."""
+    found = shutil.which(name, path=f"{os.environ.get('PATH', '')}:{UNPACKED}/usr/bin")
+    assert found, f"no {name}; scripts/install-deps monitoring fetches it"
+    return found
+
+
+@functools.cache
+def modules() -> dict[str, dict[str, Any]]:
+    """The module of each flavour, by file name."""
+    before, since = (yaml.safe_load(file.read_text()) for file in (BEFORE, SINCE))
+    return {BEFORE.name: before["kvsnmp"], SINCE.name: since["modules"]["kvsnmp"]}
+
+
+def scraped_names() -> set[str]:
+    """The metrics that the exporter makes with its module."""
+    names = set()
+    for metric in modules()[BEFORE.name]["metrics"]:
+        if "regex_extracts" in metric:
+            names |= {metric["name"] + ending for ending in metric["regex_extracts"]}
+        else:
+            names.add(metric["name"] + ("_info" if metric["type"] == "EnumAsInfo" else ""))
+    return names
+
+
+def states() -> dict[str, set[str]]:
+    """The words of each metric that has a series for each of them."""
+    return {metric["name"]: set(metric["enum_values"].values()) for metric in modules()[BEFORE.name]["metrics"]
+            if metric["type"] == "EnumAsStateSet"}
+
+
+@functools.cache
+def groups() -> list[dict[str, Any]]:
+    return yaml.safe_load(RULES.read_text())["groups"]
+
+
+def rules() -> list[dict[str, Any]]:
+    return [rule for group in groups() for rule in group["rules"]]
+
+
+def alerts() -> dict[str, dict[str, Any]]:
+    return {rule["alert"]: rule for rule in rules() if "alert" in rule}
+
+
+def names_in(query: str) -> set[str]:
+    """The metrics that a query asks for."""
+    without_texts = re.sub(r'"[^"]*"', '""', query)
+    without_labels = re.sub(r"\b(by|without|on|ignoring)\s*\([^)]*\)", "", without_texts)
+    without_labels = re.sub(r"(?<=[{,])\s*\w+\s*(?==|!)", "", without_labels)
+    return set(METRIC.findall(without_labels))
+
+
+def panel_queries() -> list[str]:
+    return [target["expr"] for panel in json.loads(DASHBOARD.read_text())["panels"] for target in panel["targets"]]

@@ -1,0 +1,201 @@
+"""The files of monitoring/prometheus, without a program that reads them: fresh, of the right structure, and each name that
+one of them uses made by another."""
+from __future__ import annotations
+
+import json
+import re
+import subprocess
+
+import pytest
+import yaml
+from prometheus_files import (BEFORE, DASHBOARD, FOLDER, FOREIGN, RULES, SINCE, alerts, groups, modules, names_in, panel_queries,
+                              rules, scraped_names, states)
+
+GENERATED = [BEFORE.name, SINCE.name, "metrics.md", DASHBOARD.name]
+
+# What the exporter takes, which refuses every other key: in both versions, and around it.
+MODULE_KEYS = {"walk", "get", "metrics", "max_repetitions", "retries", "timeout"}
+METRIC_KEYS = {"name", "oid", "type", "help", "indexes", "lookups", "regex_extracts", "enum_values"}
+TYPES = {"gauge", "DisplayString", "EnumAsInfo", "EnumAsStateSet"}
+
+
+def generate(*arguments: str) -> subprocess.CompletedProcess:
+    return subprocess.run([str(FOLDER / "generate"), *arguments], capture_output=True, text=True, timeout=120)
+
+
+def test_generated_files_are_fresh():
+    done = generate("--check")
+    assert done.returncode == 0, done.stdout + done.stderr
+
+
+@pytest.mark.parametrize("name", GENERATED)
+def test_a_stale_file_is_noticed(tmp_path, name):
+    """In a copy of the folder in which one file was changed by hand."""
+    copy = tmp_path / "monitoring/prometheus"
+    copy.mkdir(parents=True)
+    for file in FOLDER.iterdir():
+        if file.is_file():
+            (copy / file.name).write_bytes(file.read_bytes())
+    (copy / "generate").chmod(0o755)
+    with open(copy / name, "a") as file:
+        file.write("\n")
+    mib_dirs = [FOLDER.parents[1] / "mibs", FOLDER.parents[1] / "build/npm/node_modules/net-snmp/lib/mibs"]
+    command = [str(copy / "generate"), *(f"--mib-dir={place}" for place in mib_dirs)]
+    done = subprocess.run([*command, "--check"], capture_output=True, text=True, timeout=120)
+    assert done.returncode == 1 and name in done.stderr and len(done.stderr.splitlines()) == 1, done.stderr
+    assert subprocess.run(command, capture_output=True, timeout=120).returncode == 0
+    assert (copy / name).read_bytes() == (FOLDER / name).read_bytes()
+
+
+# The exporter's modules
+
+
+def test_both_flavours_have_the_same_module():
+    before, since = modules()[BEFORE.name], modules()[SINCE.name]
+    assert {key: value for key, value in before.items() if key not in ("version", "auth")} == since
+
+
+def test_access_stands_where_the_version_looks_for_it():
+    before, since = yaml.safe_load(BEFORE.read_text()), yaml.safe_load(SINCE.read_text())
+    assert list(before) == ["kvsnmp"] and set(before["kvsnmp"]) == MODULE_KEYS | {"version", "auth"}
+    assert (before["kvsnmp"]["version"], before["kvsnmp"]["auth"]) == (2, {"community": "public"})
+    assert set(since) == {"auths", "modules"} and list(since["modules"]) == ["kvsnmp"]
+    assert since["auths"] == {"kvsnmp_v2": {"community": "public", "version": 2}}
+    assert set(since["modules"]["kvsnmp"]) == MODULE_KEYS
+
+
+@pytest.mark.parametrize("flavour", [BEFORE.name, SINCE.name])
+def test_structure_of_the_metrics(flavour):
+    metrics = modules()[flavour]["metrics"]
+    for metric in metrics:
+        assert set(metric) <= METRIC_KEYS and {"name", "oid", "type", "help"} <= set(metric), metric
+        assert metric["type"] in TYPES and re.fullmatch(r"[a-z][a-z0-9_]*", metric["name"]), metric
+        assert ("enum_values" in metric) == metric["type"].startswith("EnumAs"), metric
+        for index in metric.get("indexes", []):
+            assert index == {"labelname": "index", "type": "gauge"}
+        for lookup in metric.get("lookups", []):
+            assert set(lookup) <= {"labels", "labelname", "oid", "type"} and "labelname" in lookup
+        for extracts in metric.get("regex_extracts", {}).values():
+            assert all(set(extract) == {"regex", "value"} for extract in extracts)
+    for key in ("name", "oid"):
+        assert len({metric[key] for metric in metrics}) == len(metrics), f"two metrics of one {key}"
+
+
+@pytest.mark.parametrize("metric, text, number", [
+    ("kvsnmp_voltage_value", "24100", 24.1), ("kvsnmp_voltage_value", "1805", 1.805), ("kvsnmp_voltage_value", "0", 0),
+    ("kvsnmp_voltage_value", "7", 0.007), ("kvsnmp_voltage_value", "42", 0.042), ("kvsnmp_voltage_value", "999", 0.999),
+    ("kvsnmp_voltage_value", "4294967295", 4294967.295), ("kvsnmp_temp_current", "524", 52.4),
+    ("kvsnmp_temp_current", "0", 0), ("kvsnmp_temp_current", "9", 0.9)])
+def test_scaling(metric, text, number):
+    """As the exporter does it: the first expression that fits makes the number."""
+    found = next(item for item in modules()[BEFORE.name]["metrics"] if item["name"] == metric)
+    (extracts,) = found["regex_extracts"].values()
+    for extract in extracts:
+        match = re.search(extract["regex"], text)
+        if match:
+            assert float(match.expand(re.sub(r"\$(\d)", r"\\g<\1>", extract["value"]))) == number
+            return
+    raise AssertionError(f"nothing fits {text}")
+
+
+# Rules
+
+
+def recorded() -> set[str]:
+    return {rule["record"] for rule in rules() if "record" in rule}
+
+
+@pytest.mark.parametrize("rule", rules(), ids=[rule.get("alert", rule.get("record")) for rule in rules()])
+def test_rules_use_what_exists(rule):
+    used = names_in(rule["expr"])
+    assert used and used <= scraped_names() | recorded() | FOREIGN, used - scraped_names() - recorded()
+
+
+def test_every_table_with_states_or_values_has_its_group():
+    names = {group["name"] for group in groups()}
+    assert names == {"kvsnmp-device"} | {f"kvsnmp-{table}" for table in [
+        "tempTable", "fanTable", "voltageTable", "powerTable", "lineInTable", "ampChannelTable", "letChannelTables",
+        "controlInputTable", "controlOutputTable", "ethMonitoringTable", "relayTable"]}
+
+
+def test_every_state_is_recorded_before_it_is_used():
+    """A group evaluates its rules in order; across groups there is none."""
+    found = set()
+    for group in groups():
+        objects = set()
+        for rule in group["rules"]:
+            if rule.get("record") == "kvsnmp:state":
+                objects.add(rule["labels"]["object"])
+                found |= names_in(rule["expr"])
+                continue
+            for pattern in re.findall(r'object=~?"([^"]*)"', rule["expr"]):
+                assert any(re.fullmatch(pattern, name) for name in objects), (group["name"], pattern)
+    assert found == set(states())
+
+
+def test_words_in_rules_are_words_of_the_mib():
+    words = set().union(*states().values())
+    for rule in rules():
+        for pattern in re.findall(r'state=~?"([^"]*)"', rule["expr"]):
+            assert set(pattern.split("|")) <= words, rule
+
+
+def test_every_alert_says_what_and_what_to_do():
+    readme = (FOLDER / "README.md").read_text()
+    for name, rule in alerts().items():
+        assert re.fullmatch(r"Kvsnmp[A-Za-z]+", name)
+        assert rule["labels"]["severity"] in ("critical", "warning", "info")
+        assert set(rule["annotations"]) == {"summary", "description"} and "$labels.instance" in rule["annotations"]["summary"]
+        row = next(line for line in readme.splitlines() if line.startswith(f"| `{name}`"))
+        assert f"| {rule['labels']['severity']} |" in row and f"| {rule['for'].replace('m', ' min')} |" in row, row
+
+
+def test_names_in_a_query():
+    """The reader of queries that the tests above and below rely on."""
+    assert names_in('sum by (up) (kvsnmp:state{object="kvsnmp_x", a="1"} == 1) and on (job) up > 2') == {"kvsnmp:state", "up"}
+    assert names_in('kvsnmp_power_live{kvsnmp_power_live="live"} unless max_over_time(kvsnmp_x[1d])') == {
+        "kvsnmp_power_live", "kvsnmp_x"}
+    assert names_in("kvsnmp_nothing_such") - scraped_names() == {"kvsnmp_nothing_such"}
+
+
+# The dashboard
+
+
+def test_structure_of_the_dashboard():
+    dashboard = json.loads(DASHBOARD.read_text())
+    assert dashboard["uid"] and dashboard["title"] and dashboard["schemaVersion"] >= 36
+    variables = {item["name"] for item in dashboard["templating"]["list"]}
+    assert variables == {"datasource", "instance"}
+    panels, taken = dashboard["panels"], set()
+    assert len({panel["id"] for panel in panels}) == len(panels) == len({panel["title"] for panel in panels})
+    for panel in panels:
+        assert panel["type"] in ("stat", "timeseries", "table") and panel["targets"]
+        assert panel["datasource"] == {"type": "prometheus", "uid": "${datasource}"}
+        place = panel["gridPos"]
+        cells = {(x, y) for x in range(place["x"], place["x"] + place["w"])
+                 for y in range(place["y"], place["y"] + place["h"])}
+        assert place["x"] + place["w"] <= 24 and not cells & taken, panel["title"]
+        taken |= cells
+
+
+@pytest.mark.parametrize("query", panel_queries())
+def test_panels_ask_for_what_exists(query):
+    used = names_in(query)
+    assert used and used <= scraped_names() | recorded() | FOREIGN, used
+    assert "$datasource" not in query and set(re.findall(r"\$\{?(\w+)", query)) <= {"instance"}
+    for pattern in re.findall(r'object=~"([^"]*)"', query):
+        objects = {rule["labels"]["object"] for rule in rules() if rule.get("record") == "kvsnmp:state"}
+        assert all(any(re.fullmatch(part, name) for name in objects) for part in pattern.split("|")), pattern
+
+
+# Prometheus' own file
+
+
+def test_scrape_configuration():
+    config = yaml.safe_load((FOLDER / "prometheus.yml").read_text())
+    (job,) = config["scrape_configs"]
+    assert job["job_name"] == "kvsnmp" and job["params"]["module"] == ["kvsnmp"], "the rules ask for up{job=\"kvsnmp\"}"
+    assert job["scrape_interval"] == "60s", "a device keeps what it has read for 60 s"
+    timeout = int(modules()[BEFORE.name]["timeout"].rstrip("s"))
+    assert timeout * (modules()[BEFORE.name]["retries"] + 1) <= int(job["scrape_timeout"].rstrip("s")) <= 60
+    assert config["rule_files"] == [f"/etc/prometheus/{RULES.name}"]
