@@ -1,0 +1,215 @@
+"""Devices, the exporter, Prometheus and a browser side by side; run in a network of its own (scripts/test-monitoring)."""
+from __future__ import annotations
+
+import html
+import json
+import os
+import re
+import subprocess
+import sys
+import urllib.error
+import urllib.parse
+import urllib.request
+from pathlib import Path
+from typing import Any
+
+HERE = Path(__file__).resolve().parent
+sys.path[:0] = [str(HERE.parent), str(HERE.parents[1] / "device")]
+
+from prometheus_files import BEFORE, CHECKOUT, FOLDER, RULES, UNPACKED  # noqa: E402  (the paths have to be set first)
+from support import steps  # noqa: E402
+from support.catalogue import EXTENDED, MODELS, TWO_CHANNELS  # noqa: E402
+from support.device import Device  # noqa: E402
+from support.polling import wait_until  # noqa: E402
+from support.snmp import Snmp  # noqa: E402
+
+EXPORTER, PROMETHEUS = "127.0.0.1:9116", "127.0.0.1:9090"
+PICTURES = CHECKOUT / "build/monitoring/pictures"
+STATION = "6214-extended"  # beside the thirteen models
+RESTARTED = ("6425", "6913", "6914")  # kvsnmp is ended and started again during the test
+
+Alert = tuple[str, str, str]  # name, device, index or ""
+
+
+class SnmpAt(Snmp):
+    """The devices share one network and are told apart by their ports."""
+
+    def __init__(self, run, address: str) -> None:
+        super().__init__(run)
+        self.address = address
+
+    def tool(self, tool, arguments, **options) -> subprocess.CompletedProcess:
+        return super().tool(tool, arguments, **({"address": self.address} | options))
+
+
+class Site:
+    def __init__(self, folder: Path) -> None:
+        self.folder = folder
+        self.devices: dict[str, Device] = {}
+        self.addresses: dict[str, str] = {}
+        self.processes: list[subprocess.Popen] = []
+
+    # Devices
+
+    def start_devices(self) -> None:
+        names = [str(model) for model in MODELS] + [STATION]
+        for number, name in enumerate(names):
+            port = 20161 + 10 * number
+            options = ["--clock-shift", "--no-traps", "--port", str(port)]
+            if name == STATION:
+                options += ["--model-text", EXTENDED]
+            if name in RESTARTED:
+                options.append("--no-kvsnmp")
+            device = Device(int(name[:4]), *options)
+            self.addresses[name] = f"127.0.0.1:{port}"
+            device.snmp = SnmpAt(device.run, self.addresses[name])
+            self.devices[name] = device
+        for name, device in self.devices.items():
+            device.wait_ready()
+            if name in RESTARTED:
+                self.start_kvsnmp(name)
+        for device in self.devices.values():
+            device.wait_answering(60).wait_subscribed(60)
+        for name in self.devices:
+            self.apply(name, [["monitor", "amp", channel, "2"] for channel in "01"] if int(name[:4]) in TWO_CHANNELS else [])
+
+    def start_kvsnmp(self, name: str) -> None:
+        self.devices[name].start_kvsnmp("-d", clock_shift=True)
+
+    def apply(self, name: str, commands: list[list[str]]) -> None:
+        steps.apply(self.devices[name], commands)
+
+    def expire_tables(self) -> None:
+        """Lets a minute pass on every device."""
+        for device in self.devices.values():
+            device.shift_clock(steps.CACHE_SECONDS)
+
+    # Prometheus and its exporter
+
+    def start_exporter(self) -> None:
+        self._spawn("exporter", [f"{UNPACKED}/usr/bin/prometheus-snmp-exporter", f"--config.file={BEFORE}",
+                                 f"--web.listen-address={EXPORTER}"])
+        wait_until(lambda: fetch(f"http://{EXPORTER}/") is not None, 20, 0.2, "exporter")
+
+    def start_prometheus(self) -> None:
+        """With the files of monitoring/prometheus, but for the times: there a minute between scrapes and minutes until an
+        alert fires, here seconds."""
+        config = (FOLDER / "prometheus.yml").read_text()
+        targets = ", ".join(self.addresses.values())
+        for old, new in [("scrape_interval: 60s", "scrape_interval: 3s"), ("scrape_timeout: 30s", "scrape_timeout: 3s"),
+                         ("[192.0.2.10, 192.0.2.11]", f"[{targets}]"), ("localhost:9116", EXPORTER)]:
+            assert config.count(old) == 1, old
+            config = config.replace(old, new)
+        etc = self.folder / "etc"  # /etc/prometheus
+        (etc / "data").mkdir(parents=True)
+        (etc / "prometheus.yml").write_text("global: {evaluation_interval: 1s}\n" + config)
+        rules, changed = re.subn(r"^( +for: )\d+m$", r"\g<1>1s", RULES.read_text(), flags=re.MULTILINE)
+        assert changed == RULES.read_text().count("- alert:")
+        (etc / RULES.name).write_text(rules)
+        # Its pages come from /usr/share, where an unpacked package is not.
+        for place in ("lib", "lib64"):
+            (UNPACKED / "usr" / place).mkdir(exist_ok=True)
+        self._spawn("prometheus", [
+            "bwrap", "--die-with-parent", "--ro-bind", f"{UNPACKED}/usr", "/usr", "--ro-bind", "/usr/lib", "/usr/lib",
+            "--ro-bind", "/usr/lib64", "/usr/lib64", "--symlink", "usr/lib", "/lib", "--symlink", "usr/lib64", "/lib64",
+            "--dev", "/dev", "--proc", "/proc", "--bind", str(etc), "/etc/prometheus", "/usr/bin/prometheus",
+            "--config.file=/etc/prometheus/prometheus.yml", "--storage.tsdb.path=/etc/prometheus/data",
+            f"--web.listen-address={PROMETHEUS}"])
+        wait_until(lambda: fetch(f"http://{PROMETHEUS}/-/ready") is not None, 30, 0.2, "Prometheus")
+
+    def _spawn(self, name: str, command: list[str]) -> None:
+        with open(self.folder / f"{name}.log", "wb") as log:
+            self.processes.append(subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log))
+
+    def ask(self, path: str, **parameters: str) -> Any:
+        text = fetch(f"http://{PROMETHEUS}/api/v1/{path}?{urllib.parse.urlencode(parameters)}")
+        assert text is not None, self.log("prometheus")
+        answer = json.loads(text)
+        assert answer["status"] == "success", answer
+        return answer["data"]
+
+    def query(self, query: str) -> list[tuple[dict[str, str], float]]:
+        return [(item["metric"], float(item["value"][1])) for item in self.ask("query", query=query)["result"]]
+
+    def log(self, name: str) -> str:
+        return (self.folder / f"{name}.log").read_text()[-3000:]
+
+    # Alerts
+
+    def name_of(self, address: str) -> str:
+        return next(name for name, found in self.addresses.items() if found == address)
+
+    def alerts(self) -> dict[Alert, dict[str, Any]]:
+        """All alerts, pending ones too."""
+        return {(alert["labels"]["alertname"], self.name_of(alert["labels"]["instance"]), alert["labels"].get("index", "")):
+                alert for alert in self.ask("alerts")["alerts"]}
+
+    def wait_for_alerts(self, expected: set[Alert], timeout: float) -> dict[Alert, dict[str, Any]]:
+        """Until just these fire, and nothing else does or is about to."""
+        found: dict[Alert, dict[str, Any]] = {}
+
+        def look() -> bool:
+            nonlocal found
+            self.expire_tables()
+            found = self.alerts()
+            return set(found) == expected and all(alert["state"] == "firing" for alert in found.values())
+
+        try:
+            wait_until(look, timeout, 1.0, "alerts")
+        except AssertionError as error:
+            states = {key: alert["state"] for key, alert in found.items()}
+            raise AssertionError(f"missing: {sorted(expected - set(found))}\nunexpected: {sorted(set(found) - expected)}\n"
+                                 f"states: {states}") from error
+        return found
+
+    # Browser
+
+    def browse(self, url: str, *arguments: str) -> str:
+        command = ["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+                   "--disable-background-networking", "--disable-component-update", "--disable-sync", "--hide-scrollbars",
+                   f"--user-data-dir={self.folder}/chromium", "--virtual-time-budget=15000", *arguments, url]
+        done = subprocess.run(command, capture_output=True, text=True, timeout=120, stdin=subprocess.DEVNULL,
+                              env=os.environ | {"HOME": str(self.folder)})
+        assert done.returncode == 0, done.stderr
+        return done.stdout
+
+    def page(self, path: str) -> str:
+        """The text of a page once its scripts have run."""
+        return html.unescape(re.sub(r"<[^>]*>", "", self.browse(f"http://{PROMETHEUS}/{path}", "--dump-dom")))
+
+    def picture(self, path: str, name: str, height: int) -> Path:
+        PICTURES.mkdir(parents=True, exist_ok=True)
+        file = PICTURES / name
+        file.unlink(missing_ok=True)
+        self.browse(f"http://{PROMETHEUS}/{path}", f"--screenshot={file}", f"--window-size=1200,{height}")
+        return file
+
+    # The end
+
+    def stop(self) -> list[str]:
+        complaints = []
+        for process in reversed(self.processes):
+            process.terminate()
+            process.wait(20)
+        for name, device in self.devices.items():
+            complaints += [f"{name}: {text}" for text in device.stop()]
+        return complaints
+
+
+def fetch(url: str) -> str | None:
+    try:
+        with urllib.request.urlopen(url, timeout=20) as answer:
+            return answer.read().decode()
+    except urllib.error.HTTPError as error:
+        return error.read().decode() if error.code == 400 else None
+    except OSError:
+        return None
+
+
+def graph(*queries: str, seconds: int = 0) -> str:
+    """The path of Prometheus' page with each query's graph of the newest seconds, or its values now."""
+    parameters = {}
+    for number, query in enumerate(queries):
+        shown = {"tab": "0", "range_input": f"{seconds}s"} if seconds else {"tab": "1"}
+        parameters |= {f"g{number}.{key}": text for key, text in ({"expr": query} | shown).items()}
+    return "graph?" + urllib.parse.urlencode(parameters)

@@ -1,0 +1,357 @@
+"""Debian's exporter and Prometheus against a device of every model: every served object is there with its text labels, and
+each alert fires on a fault and clears again. Run by scripts/test-monitoring."""
+from __future__ import annotations
+
+import re
+import struct
+import time
+from collections.abc import Iterator
+from pathlib import Path
+from typing import Any, NamedTuple
+
+import pytest
+from site_of_devices import EXPORTER, RESTARTED, STATION, Alert, Site, fetch, graph
+
+from prometheus_files import FOLDER, alerts, panel_queries, rules  # the paths are set by the one above
+from support.catalogue import MODELS
+from support.mib import mib
+from support.polling import wait_until
+from support.snmp import TABLES, Variable
+from support.steps import Command, put
+
+NAMES = [str(model) for model in MODELS] + [STATION]
+
+SCALED = {"volts": ("_volts", 1000), "degrees": ("_celsius", 10), "speed": ("_rpm", 1)}
+UNITS = {"voltageValue": "volts", "letChannel1Voltage": "volts", "letChannel2Voltage": "volts", "tempCurrent": "degrees",
+         "tempPeak": "degrees", "tempAverage": "degrees", "fanSpeed": "speed"}
+CONSTANT = {"ampType", "infoDisablement", "powerKind", "relayIdleMode"}  # one series with the word
+INFO_TEXTS = {"infoPackageVersion": "package_version", "infoModelType": "model_type", "infoKernelVersion": "kernel_version",
+              "infoAmplifierType": "amplifier_type", "infoDeviceTreeVersion": "device_tree_version"}
+
+
+@pytest.fixture(scope="module")
+def site(tmp_path_factory) -> Iterator[Site]:
+    site = Site(tmp_path_factory.mktemp("site"))
+    try:
+        site.start_devices()
+        site.start_exporter()
+        site.start_prometheus()
+        wait_until(lambda: len(site.query("up == 1")) == len(NAMES), 60, 0.5, "all devices scraped")
+        yield site
+    finally:
+        complaints = site.stop()
+    assert not complaints, "\n".join(complaints)
+
+
+# Metrics
+
+Series = dict[tuple[str, frozenset[tuple[str, str]]], float]
+
+
+def snake(name: str) -> str:
+    return re.sub(r"(?<=[a-z0-9])(?=[A-Z])", "_", name).lower()
+
+
+def expected_series(walk: list[Variable]) -> Series:
+    """What a walk of a device has to become; every variable of it is looked at."""
+    rows: dict[tuple[str, int], dict[str, str]] = {}  # texts that label a row, by table and index
+    values: list[tuple[str, str, int, str]] = []  # object, table, index, value
+    info: dict[str, str] = {}
+    for variable in walk:
+        item, (instance,) = mib().resolve(variable.oid)
+        table = item.oid.rpartition(".")[0] if item.kind == "column" else ""
+        row = rows.setdefault((table, instance), {"index": str(instance)} if table else {})
+        if item.name in INFO_TEXTS:
+            info[INFO_TEXTS[item.name]] = variable.text
+        elif table and item.name.endswith("Description"):
+            row["description"] = variable.text
+        elif table and item.name.endswith("Index"):
+            assert variable.text == str(instance)
+        elif item.name.startswith("temp") and item.name.endswith("Label"):
+            row[item.name.removesuffix("Label")] = variable.text
+        else:
+            values.append((item.name, table, instance, variable.text))
+    series: Series = {}
+    for name, table, index, text in values:
+        row = rows[table, index]
+        labels = {key: row[key] for key in ("index", "description") if key in row}
+        if name in row:
+            labels["label"] = row[name]
+        if name == "infoModelNumber":
+            labels |= {key: value for key, value in info.items() if value}
+            labels |= {"sys_name": "pa-device", "sys_location": "Equipment room 1"}
+        enumeration, metric = mib().objects[name].enumeration, f"kvsnmp_{snake(name)}"
+        if name in CONSTANT:
+            series[f"{metric}_info", frozenset((labels | {metric: enumeration[int(text)]}).items())] = 1
+        elif enumeration:
+            for code, word in enumeration.items():
+                series[metric, frozenset((labels | {metric: word}).items())] = int(code == int(text))
+        elif mib().objects[name].base == "OCTET STRING":
+            series[metric, frozenset((labels | {metric: text}).items())] = 1
+        else:
+            ending, scale = SCALED[UNITS[name]] if name in UNITS else ("", 1)
+            series[metric + ending, frozenset(labels.items())] = int(text) / scale
+    return series
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_every_served_object_is_a_metric_with_its_texts(site, name):
+    walk = site.devices[name].snmp.walk(TABLES)
+    expected = expected_series(walk)
+    ignored = ("__name__", "job", "instance")
+
+    def scraped() -> Series:
+        found = site.query(f'{{instance="{site.addresses[name]}", __name__=~"kvsnmp_.+"}}')
+        return {(labels["__name__"], frozenset((key, text) for key, text in labels.items() if key not in ignored)): value
+                for labels, value in found if labels["__name__"] != "kvsnmp_sys_up_time_centiseconds"}
+
+    wait_until(lambda: scraped() == expected, 15, 1, "the newest scrape")
+    assert len(walk) > 30 and len(expected) > 30
+    ((_, up_time),) = site.query(f'kvsnmp_sys_up_time_centiseconds{{instance="{site.addresses[name]}"}}')
+    assert 0 < up_time < 360000
+
+
+def test_a_walk_takes_few_packets(site):
+    """What the exporter's module says of repetitions and times suits the devices."""
+    text = fetch(f"http://{EXPORTER}/snmp?module=kvsnmp&target={site.addresses['6420']}")
+    facts = dict(line.split() for line in text.splitlines() if line.startswith("snmp_scrape_"))
+    assert float(facts["snmp_scrape_packets_retried"]) == 0 and float(facts["snmp_scrape_packets_sent"]) < 20
+    assert float(facts["snmp_scrape_walk_duration_seconds"]) < 5
+
+
+def test_every_voltage_has_a_nominal_one(site):
+    values, nominal = site.query("kvsnmp_voltage_value_volts"), site.query("kvsnmp:voltage_nominal_volts")
+    assert len(values) == len(nominal) == 11 + 13 + 7 + 8 + 8
+    assert all(abs(deviation) < 0.05 for _, deviation in site.query("kvsnmp:voltage_deviation_ratio"))
+
+
+def test_rules_are_evaluated_without_a_complaint(site):
+    groups = site.ask("rules")["groups"]
+    evaluated = [rule for group in groups for rule in group["rules"]]
+    assert len(evaluated) == len(rules())
+    assert [rule for rule in evaluated if rule["health"] != "ok" or rule.get("lastError")] == []
+
+
+def test_every_recording_rule_gives_something(site):
+    for rule in rules():
+        if "record" in rule and rule["record"] != "kvsnmp:let_present:count":
+            labels = ", ".join(f'{key}="{value}"' for key, value in rule.get("labels", {}).items())
+            assert site.query(f"{rule['record']}{{{labels}}}"), rule
+
+
+@pytest.mark.parametrize("query", panel_queries())
+def test_panels_of_the_dashboard(site, query):
+    """With the variable as Grafana puts it in for all devices. Two panels show alerts, of which there are none now."""
+    data = site.query(query.replace("$instance", ".*"))
+    assert data or query.startswith("ALERTS"), query
+
+
+# Alerts: all faults at once, on devices where they do not get in each other's way
+
+
+class Fault(NamedTuple):
+    device: str
+    begin: list[Command]
+    end: list[Command]
+    fires: dict[str, list[str]]  # alert to the indices of its rows
+    text: str = ""  # in the summary
+
+
+LINE = "/state/lines/line[kid='{}']/{}"
+LINE_CONFIG = "/state/config/lines/line[kid='{}']/{}"
+SENSOR = "/state/temp_sensors/temp_sensor[kid='{}']/temp_{}"
+VOLTAGE = "/state/power_lines/power_line[kid='{}']/voltage"
+
+
+def temperature(sensor: str, was: tuple[str, str, str], now: tuple[str, str, str]) -> tuple[list[Command], list[Command]]:
+    """Current, peak and average."""
+    both = [[put(SENSOR.format(sensor, what), text) for what, text in zip(("current", "peak", "average"), texts)]
+            for texts in (now, was)]
+    return both[0], both[1]
+
+
+def leaf(path: str, was: str, now: str) -> tuple[list[Command], list[Command]]:
+    return [put(path, now)], [put(path, was)]
+
+
+FAULTS = [
+    Fault("6410", *temperature("cntlr_main_board_1", ("41.2", "48.0", "40.5"), ("78.5", "78.5", "70.0")),
+          {"KvsnmpTempHigh": ["1"]}, "Main Board 1 is at 78.5 °C"),
+    Fault("6410", *temperature("cntlr_main_board_2", ("39.8", "46.1", "39.0"), ("91.0", "91.0", "80.0")),
+          {"KvsnmpTempCritical": ["2"]}, "Main Board 2 is at 91.0 °C"),
+    Fault("6410", *temperature("cntlr_ac_power", ("44.0", "51.3", "43.2"), ("66.0", "66.0", "43.2")),
+          {"KvsnmpTempRise": ["3"]}, "AC Power is 22.8 °C above its average"),
+    Fault("6720", *temperature("main_board", ("41.9", "47.7", "41.1"), ("0.0", "0.0", "0.0")),
+          {"KvsnmpTempSensorSilent": ["3"]}, "Main Board has never been read"),
+    Fault("6764", *leaf("/state/fans/fan[kid='fan2']/speed_sensor_rpm", "1320", "0"), {"KvsnmpFanStopped": ["1"]},
+          "Left Fan stands still"),
+    Fault("6410", *leaf(VOLTAGE.format("24v0"), "24.05", "25.9"), {"KvsnmpVoltageDrift": ["7"]},
+          "Internal voltage 24.0V is off by 7.917%"),
+    Fault("6720", *leaf(VOLTAGE.format("3v3"), "3.305", "2.64"), {"KvsnmpVoltageOutOfWindow": ["3"]},
+          "Internal voltage 3.3V is off by 20%"),
+    Fault("6420", *leaf(VOLTAGE.format("5v0"), "5.04", "0"), {"KvsnmpVoltageZero": ["4"]}, "Internal voltage 5.0V reads 0 V"),
+    Fault("6420", *leaf("/state/power_sources/power_source[kid='ac_power']/live", "true", "false"),
+          {"KvsnmpPowerSourceDown": ["1"]}, "ac_power does not deliver"),
+    Fault("6410", *leaf(LINE.format("ln1", "pilot_tone_state"), "ok", "failed"), {"KvsnmpLineInFailed": ["1"]},
+          "Line In 1 has lost its pilot tone"),
+    Fault("6601", *leaf("/state/lines/mic_status_extern", "connected", "shorted"), {"KvsnmpMicrophoneFault": ["3"]},
+          "Microphone Extern is shorted"),
+    Fault("6259", *leaf("/state/lines/mic_status_intern", "connected", "disconnected"), {"KvsnmpMicrophoneFault": ["4"]},
+          "Microphone Intern is disconnected"),
+    Fault("6720", *leaf("/state/class_d_amp_status/status", "ok", "failed"), {"KvsnmpAmpChannelFault": ["1", "2"]},
+          "is out of order (classDFault)"),
+    Fault("6764", [["monitor", "amp", "0", "1"]], [["monitor", "amp", "0", "2"]], {"KvsnmpAmpChannelFault": ["1"]},
+          "Channel 1 is out of order (monitorFault)"),
+    Fault("6764", *leaf(LINE_CONFIG.format("ch2", "enable"), "true", "false"), {"KvsnmpAmpChannelDisabled": ["2"]},
+          "Channel 2 is switched off"),
+    Fault("6420", *leaf(LINE.format("ch1", "characteristics/line_state"), "ok", "ground_fault"),
+          {"KvsnmpSpeakerLineFault": ["1"]}, "of Channel 1 is faulty (groundFault)"),
+    Fault("6420", *leaf(LINE.format("ch2", "characteristics/line_state"), "ok", "voltage_low"),
+          {"KvsnmpSpeakerLineNotFed": ["2"]}, "of Channel 2 is not fed (voltageLow)"),
+    Fault("6720", *leaf(LINE.format("ch1", "characteristics/line_state"), "ok", "failed_timeout"),
+          {"KvsnmpSpeakerLineUnclear": ["1"]}, "of Channel 1 comes to no result (failedTimeout)"),
+    Fault("6420", [["monitor", "let", "1", "2", "1"]], [["monitor", "let", "1", "2", "2"]], {"KvsnmpLetMissing": ["2"]},
+          "LET 2 Channel 2 is missing"),
+    Fault("6410", [["monitor", "gpi", "0", "fail_shorted"]], [["monitor", "gpi", "0", "ok_open"]],
+          {"KvsnmpControlInputFault": ["1"]}, "Control Input 1 is shorted"),
+    Fault("6764", [["monitor", "gpo", "1", "fail_set"]], [["monitor", "gpo", "1", "ok_set"]],
+          {"KvsnmpControlOutputFault": ["2"]}, "Control Output 2 does not follow its command (failSet)"),
+    Fault("6602", *leaf("/state/config/os_ip/eth_switch/port[port_id='Eth1']/monitored", "true", "false"),
+          {"KvsnmpEthSupervisionOff": ["1"]}, "Eth 1 is no longer supervised"),
+    Fault("6211", [["gpio", "relay1", "unreadable"]], [["gpio", "relay1", "0"]], {"KvsnmpRelayFault": ["1"]},
+          "Internal Relay 1 is unknown"),
+    Fault(STATION, [["gpio", f"e_relay{number}", "unreadable"] for number in range(1, 9)],
+          [["gpio", f"e_relay{number}", "0"] for number in range(1, 9)],
+          {"KvsnmpRelayFault": [str(number) for number in range(5, 13)]}, "is unknown"),
+]
+RESTART_FAULTS: set[Alert] = {  # those of kvsnmp or snmpd itself, see begin_restarts()
+    ("KvsnmpNothingMeasured", "6425", ""), ("KvsnmpAmpChannelUnknown", "6425", "1"),
+    ("KvsnmpAmpChannelUnknown", "6425", "2"), ("KvsnmpSubagentGone", "6913", ""), ("KvsnmpDeviceUnreachable", "6914", "")}
+EXPECTED: set[Alert] = RESTART_FAULTS | {(alert, fault.device, index) for fault in FAULTS
+                                         for alert, indices in fault.fires.items() for index in indices}
+
+
+def begin_restarts(site: Site) -> str:
+    """What kvsnmp itself can suffer: started anew without data and without the amplifier monitor's word, ended, and ended
+    together with snmpd. Returns the voltages that were taken from the data service."""
+    voltages = site.devices["6425"].talctl("get", "/state/power_lines").strip()
+    site.devices["6425"].talctl("delete", "/state/power_lines")
+    for name in RESTARTED:
+        site.devices[name].end_kvsnmp()
+    site.start_kvsnmp("6425")
+    gone = site.devices["6914"]
+    for pid in gone.pids("snmpd"):
+        gone.run(["kill", str(pid)])
+    return voltages
+
+
+def end_restarts(site: Site, voltages: str) -> None:
+    for name in ("6913", "6914"):
+        site.start_kvsnmp(name)
+    site.devices["6425"].talctl("create", "/state/power_lines", voltages)
+    site.apply("6425", [["monitor", "amp", channel, "2"] for channel in "01"])
+
+
+class History(NamedTuple):
+    before: dict[Alert, Any]
+    during: dict[Alert, Any]
+    after: dict[Alert, Any]
+    page: str  # Prometheus' alerts while they fired
+    page_after: str
+    begin: float  # some seconds before the faults
+
+
+@pytest.fixture(scope="module")
+def history(site) -> History:
+    """Nothing, then everything, then nothing again; pictures are taken meanwhile."""
+    before, begin = site.wait_for_alerts(set(), 90), time.monotonic() - 5
+    voltages = begin_restarts(site)
+    for name in dict.fromkeys(fault.device for fault in FAULTS):
+        site.apply(name, [command for fault in FAULTS if fault.device == name for command in fault.begin])
+    during = site.wait_for_alerts(EXPECTED, 120)
+    page = site.page("classic/alerts")
+    site.picture("classic/alerts", "prometheus-alerts.png", 1000)
+    for name in dict.fromkeys(fault.device for fault in FAULTS):
+        site.apply(name, [command for fault in FAULTS if fault.device == name for command in fault.end])
+    end_restarts(site, voltages)
+    after = site.wait_for_alerts(set(), 120)
+    return History(before, during, after, page, site.page("classic/alerts"), begin)
+
+
+def test_every_alert_is_provoked():
+    assert {alert for alert, _, _ in EXPECTED} == set(alerts())
+
+
+@pytest.mark.parametrize("alert", sorted(alerts()))
+def test_alert_fires_and_clears(history, alert):
+    during = {key: found for key, found in history.during.items() if key[0] == alert}
+    assert set(during) == {key for key in EXPECTED if key[0] == alert}
+    for found in during.values():
+        assert found["state"] == "firing" and found["labels"]["severity"] == alerts()[alert]["labels"]["severity"]
+        assert "{{" not in str(found["annotations"]) and "no value" not in str(found["annotations"])
+    assert not [key for key in [*history.before, *history.after] if key[0] == alert]
+    assert re.search(rf"{alert}\s*\(\s*{len(during)} active\)", history.page), "on Prometheus' page"
+    assert re.search(rf"{alert}\s*\(\s*0 active\)", history.page_after)
+
+
+@pytest.mark.parametrize("fault", FAULTS, ids=[f"{next(iter(fault.fires))} {fault.device}" for fault in FAULTS])
+def test_alert_names_what_is_faulty(site, history, fault):
+    for alert, indices in fault.fires.items():
+        for index in indices:
+            summary = history.during[alert, fault.device, index]["annotations"]["summary"]
+            assert summary.startswith(site.addresses[fault.device]) and fault.text in summary
+
+
+def test_recorded_counts(site, history):
+    """One transponder is missing no longer."""
+    assert site.query('kvsnmp:state{object="letChannel2Status", state="missing"}') == []
+    assert ("6420", "2") in {(site.name_of(labels["instance"]), labels["channel"])
+                             for labels, count in site.query("kvsnmp:let_present:count") if count}
+
+
+def png_size(file: Path) -> tuple[int, int]:
+    data = file.read_bytes()
+    assert data[:8] == b"\x89PNG\r\n\x1a\n"
+    return struct.unpack(">II", data[16:24])
+
+
+def test_pictures_of_one_alert(site, history):
+    """Firing and cleared, and the voltages of a device, as a person sees them in Prometheus."""
+    chosen = f'instance="{site.addresses["6764"]}"'
+    path = graph(f'kvsnmp_fan_speed_rpm{{{chosen}}}',
+                 f'ALERTS{{alertname="KvsnmpFanStopped", alertstate="firing", {chosen}}} or on () vector(0)',
+                 seconds=int(time.monotonic() - history.begin))
+    page = site.page(path)
+    assert 'description="Left Fan"' in page and 'alertstate="firing"' in page, "in the legends of the two graphs"
+    one = site.picture(path, "prometheus-alert-history.png", 1600)
+    chosen = f'instance="{site.addresses["6420"]}"'
+    table = graph(f"kvsnmp_voltage_value_volts{{{chosen}}}")
+    assert "Phantom Microphone 12.0V" in site.page(table)
+    two = site.picture(table, "prometheus-voltages.png", 850)
+    for file in (one, two, one.with_name("prometheus-alerts.png")):
+        width, height = png_size(file)
+        assert width == 1200 and height >= 850 and file.stat().st_size > 20000, file
+
+
+def test_query_of_the_readme(site, history):
+    """The system name on another metric."""
+    readme = (FOLDER / "README.md").read_text()
+    (query,) = re.findall(r"`(kvsnmp_temp_current_celsius \* [^`]+)`", readme)
+    found = site.query(" ".join(query.split()))
+    assert len(found) == len(site.query("kvsnmp_temp_current_celsius")) == 4 + 5 + 4 + 2 + 3
+    assert all(labels["sys_name"] == "pa-device" and 30 < value < 70 for labels, value in found)
+
+
+def test_a_text_outside_ascii(site, history):
+    """A system name may have any letter. A version of a transponder outside ASCII, in Latin-1, is more than the exporter of
+    this version takes: it refuses the whole answer (README)."""
+    device, version = site.devices["6420"], "/state/lines/line[kid='ch1']/lets/let[kid='1']/sw_version"
+    name = "/state/config/snmp_settings/mib_2_settings/sys_name"
+    target = f"http://{EXPORTER}/snmp?module=kvsnmp&target={site.addresses['6420']}"
+    site.apply("6420", [["set", name, "Bühne Süd"]])
+    wait_until(lambda: 'sys_name="Bühne Süd"' in (fetch(target) or ""), 30, 0.5, "system name")
+    site.apply("6420", [["set", version, "ü1"]])
+    wait_until(lambda: fetch(target) is None, 30, 0.5, "the whole answer refused")
+    site.apply("6420", [["set", version, "1.1.0"]])
+    wait_until(lambda: 'sys_name="Bühne Süd"' in (fetch(target) or ""), 30, 0.5, "answers again")
+    device.talctl("set", name, "pa-device")
