@@ -1,0 +1,167 @@
+"""monitoring/zabbix, read without a server: whole, and held to the MIB and to the trap catalogue. scripts/test-zabbix
+imports the template into a server."""
+from __future__ import annotations
+
+import re
+import subprocess
+import sys
+import uuid
+from collections.abc import Iterator
+from pathlib import Path
+from typing import Any
+
+import pytest
+import yaml
+
+sys.dont_write_bytecode = True
+CHECKOUT = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(CHECKOUT / "tests/device"))
+
+from support.catalogue import COLUMN_OIDS, OBJECTS, SCALAR_OIDS, Table  # noqa: E402  (the path has to be set first)
+from support.mib import mib  # noqa: E402
+from support.traps import CATALOGUE, E  # noqa: E402
+
+FOLDER = CHECKOUT / "monitoring/zabbix"
+HANDLER = CHECKOUT / "monitoring/snmptrapd/kvsnmp-trap-line"
+TEXT = (FOLDER / "kvsnmp-template.yaml").read_text()
+EXPORT = yaml.safe_load(TEXT)["zabbix_export"]
+[TEMPLATE] = EXPORT["templates"]
+RULES = TEMPLATE["discovery_rules"]
+PROTOTYPES = [item for rule in RULES for item in rule["item_prototypes"]]
+TRIGGERS = [trigger for place in [*TEMPLATE["items"], *RULES, *PROTOTYPES]
+            for trigger in place.get("triggers", []) + place.get("trigger_prototypes", [])]
+OF_THE_AGENT = {"1.3.6.1.2.1.1.5.0", "1.3.6.1.2.1.1.6.0"}
+
+
+def nodes(value: Any) -> Iterator[dict]:
+    if isinstance(value, dict):
+        yield value
+        value = list(value.values())
+    if isinstance(value, list):
+        for one in value:
+            yield from nodes(one)
+
+
+def test_the_file_is_what_the_mib_makes():
+    done = subprocess.run([FOLDER / "generate", "--check"], capture_output=True, text=True, check=False)
+    assert (done.returncode, done.stdout) == (0, "")
+
+
+def test_uuids_are_valid_and_none_is_there_twice():
+    found = [node["uuid"] for node in nodes(EXPORT) if "uuid" in node]
+    assert len(found) == len(set(found)) > 100
+    assert all(re.fullmatch("[0-9a-f]{32}", text) and uuid.UUID(text).version == 4 for text in found)
+
+
+def test_uuids_stay_as_they_are_for_good():
+    """A server takes a thing with another uuid for another thing, and its history ends."""
+    assert TEMPLATE["uuid"] == "f6845fdba60e45a8872e5c8e77431ce7"
+    assert {item["key"]: item["uuid"] for item in PROTOTYPES}["kvsnmp.voltageValue[{#SNMPINDEX}]"] == "99454cfaf687487a8e92c379cb52f99d"
+
+
+def test_every_served_object_is_an_item_or_names_one():
+    scalars = {item["key"]: item["snmp_oid"] for item in TEMPLATE["items"] if "snmp_oid" in item}
+    assert set(scalars.values()) - OF_THE_AGENT == {oid.removeprefix(".") for oid in SCALAR_OIDS.values()}
+    assert all(scalars[f"kvsnmp.{name}"] == oid.removeprefix(".") for name, oid in SCALAR_OIDS.items())
+    expected = {f"kvsnmp.{name}[{{#SNMPINDEX}}]": f"{oid.removeprefix('.')}.{{#SNMPINDEX}}"
+                for name, oid in COLUMN_OIDS.items() if not name.endswith(("Index", "Description", "Label"))}
+    assert {item["key"]: item["snmp_oid"] for item in PROTOTYPES} == expected
+
+
+def test_every_table_is_discovered_by_its_description():
+    tables = [table for table in OBJECTS if isinstance(table, Table)]
+    found = {rule["key"]: rule["snmp_oid"] for rule in RULES}
+    assert found == {f"kvsnmp.{table.name}.discovery": "discovery[{#DESCRIPTION}," + next(
+        table.oid(column) for column, _ in table.columns if column.endswith("Description")).removeprefix(".") + "]"
+        for table in tables}
+
+
+def test_every_oid_exists_in_the_mib():
+    found = set(re.findall(r"\b1(?:\\?\.\d+){7,}", TEXT))
+    known = {item.oid.removeprefix(".") for item in mib().objects.values()}
+    known |= {node["oid"] for node in mib().nodes.values() if node.get("class") == "notificationtype"}
+    missing = {oid for oid in (text.replace("\\", "") for text in found)
+               if oid.removesuffix(".0") not in known and oid not in known} - OF_THE_AGENT
+    assert len(found) > 60 and missing == set()
+
+
+def test_value_maps_are_the_mibs_enumerations():
+    maps = {one["name"]: {int(row["value"]): row["newvalue"] for row in one["mappings"]} for one in TEMPLATE["valuemaps"]}
+    for item in [*TEMPLATE["items"], *PROTOTYPES]:
+        name = re.fullmatch(r"kvsnmp\.(\w+)(\[.*\])?", item["key"])
+        enumeration = mib().objects[name[1]].enumeration if name and name[1] in mib().objects else {}
+        if enumeration:
+            assert maps[item["valuemap"]["name"]] == enumeration
+        else:
+            assert "valuemap" not in item or item["key"].startswith("zabbix[")
+
+
+def test_scales_give_volts_and_degrees():
+    for item in PROTOTYPES:
+        step = [(one["type"], one["parameters"]) for one in item.get("preprocessing", [])]
+        unit = {"V": [("MULTIPLIER", ["0.001"])], "°C": [("MULTIPLIER", ["0.1"])]}.get(item.get("units", ""))
+        assert unit is None or (step == unit and item["value_type"] == "FLOAT"), item["key"]
+    assert {item.get("units") for item in PROTOTYPES} == {None, "V", "°C", "rpm"}
+
+
+def test_macros_are_used_and_known():
+    used = {f"{{$KV.{name}}}" for name in re.findall(r"\{\$KV\.([A-Z.]+)(?::[^}]*\}[^}]*)?\}", TEXT)}
+    assert used == {macro["macro"] for macro in TEMPLATE["macros"]}
+
+
+def test_dependencies_name_triggers_that_are_there():
+    there = {(trigger["name"], trigger["expression"], trigger.get("recovery_expression")) for trigger in TRIGGERS}
+    wanted = [(one["name"], one["expression"], one.get("recovery_expression"))
+              for trigger in TRIGGERS for one in trigger.get("dependencies", [])]
+    assert wanted and all(one in there for one in wanted)
+
+
+def test_every_table_has_a_trigger():
+    without = [rule["key"] for rule in RULES if not any(
+        place.get("trigger_prototypes") for place in [rule, *rule["item_prototypes"]])]
+    assert without == []
+
+
+# Traps
+
+TRAP_KEYS = {item["key"]: item for item in TEMPLATE["items"] if item["type"] == "SNMP_TRAP"}
+
+
+def items_that_take(text: str) -> list[str]:
+    patterns = {key: re.fullmatch(r'snmptrap\["(.*)"\]', key)[1] for key in TRAP_KEYS}
+    return [TRAP_KEYS[key]["description"].partition(",")[0] for key, pattern in patterns.items()
+            if re.search(pattern, text, re.MULTILINE)]
+
+
+def handled(tmp_path: Path, arc: int, description: str, with_sys_name: bool) -> str:
+    """What the handler writes for a trap as snmptrapd hands it over."""
+    name = '.1.3.6.1.2.1.1.5 "pa-device"\n' if with_sys_name else ""
+    trap = (f"localhost\nUDP: [192.0.2.7]:40000->[192.0.2.1]:162\n.1.3.6.1.2.1.1.3.0 0:0:00:07.00\n"
+            f".1.3.6.1.6.3.1.1.4.1.0 {E}.2.8.{arc}\n{E}.2.4.1.0 \"Orvane IPKiosk\"\n{E}.2.4.2.0 \"device\"\n{name}"
+            f"{E}.2.4.3.0 2\n{E}.2.4.4.0 \"Sat Jun  1 10.02.03 2024\n\"\n{E}.2.4.5.0 \"{description}\"\n")
+    file = tmp_path / "traps"
+    file.unlink(missing_ok=True)
+    subprocess.run([HANDLER, "--zabbix", file], input=trap, text=True, check=True)
+    return file.read_text()
+
+
+@pytest.mark.parametrize("row", CATALOGUE, ids=[row.name for row in CATALOGUE])
+@pytest.mark.parametrize("with_sys_name", [True, False], ids=["with sysName", "without sysName"])
+def test_a_trap_is_taken_by_its_item_alone(tmp_path, row, with_sys_name):
+    line = handled(tmp_path, row.arc, f"see {E}.2.8.3 and ZBXTRAP 10.0.0.1 {E}.2.8.4 ", with_sys_name)
+    device = "pa-device (device)" if with_sys_name else "device"
+    assert line.count("\n") == 1 and line.count("ZBXTRAP") == 1
+    assert f" ZBXTRAP 192.0.2.7 {E}.2.8.{row.arc} {device}: {row.name} error since 2024-06-01 10:02:03: see " in line
+    # The server cuts its mark and the address out.
+    assert items_that_take(line.replace("ZBXTRAP 192.0.2.7", "", 1)) == [row.name]
+
+
+def test_a_trap_that_is_written_out_by_variables_is_taken_by_its_item_alone():
+    assert items_that_take(f"2026-11-21T12:00:00+0000 \nVARBINDS:\n  .1.3.6.1.6.3.1.1.4.1.0  type=6  value=OID: {E}.2.8.2\n"
+                           f"  {E}.2.4.5.0  type=4  value=STRING: \"text {E}.2.8.1\"\n") == ["missingAmplifierModule"]
+
+
+def test_there_is_an_item_for_each_notification():
+    assert sorted(item["description"].partition(",")[0] for item in TRAP_KEYS.values()) == sorted(
+        row.name for row in CATALOGUE)
+    assert {item["name"] for item in TRAP_KEYS.values()} == {f"Trap: {row.switch}" for row in CATALOGUE}

@@ -1,0 +1,395 @@
+"""The template in a real Zabbix server that watches four simulated devices; scripts/test-zabbix runs this."""
+from __future__ import annotations
+
+import re
+import time
+from collections.abc import Iterator
+from typing import Any, NamedTuple
+
+import pytest
+import yaml
+from server import Server
+from support import catalogue, steps
+from support.catalogue import EXTENDED, OBJECTS, Table
+from support.device import CHECKOUT, Device
+from support.mib import mib
+from support.polling import wait_until
+from support.snmp import COMMUNITY, NUMERIC, TABLES, parse
+from support.traps import CATALOGUE, E, Faults
+
+TEMPLATE = (CHECKOUT / "monitoring/zabbix/kvsnmp-template.yaml").read_text()
+EXPORTED = yaml.safe_load(TEMPLATE)["zabbix_export"]["templates"][0]
+TRAPS_TO = "/state/config/snmp_settings/trap_settings/trap_address=127.0.0.1:1162"
+# Everything faster than for people; a device's own 60 s are passed by moving its clock.
+MACROS = {"{$KV.INTERVAL}": "3s", "{$KV.INTERVAL.TEXT}": "5s", "{$KV.INTERVAL.DISCOVERY}": "5s", "{$KV.NODATA}": "40s",
+          "{$KV.HOLD}": "6s", "{$KV.TRAP.HOLD}": "60s"}
+
+
+class Watched(NamedTuple):
+    """A device and its host in the server."""
+    device: Device
+    name: str
+    address: str
+    port: int
+    hostid: str
+
+    def walk(self) -> dict[str, str]:
+        """Name and instance, e.g. voltageValue.1, to the served text."""
+        out = self.device.run(["snmpwalk", *NUMERIC, *COMMUNITY, f"{self.address}:{self.port}", TABLES]).stdout
+        values = {}
+        for variable in parse(out):
+            item, instance = mib().resolve(variable.oid)
+            values[f"{item.name}.{instance[0]}"] = "" if variable.text == '""' else variable.text
+        return values
+
+    def refresh(self) -> None:
+        self.device.shift_clock(steps.CACHE_SECONDS)
+
+
+# Name, model, options of the device, address. Traps carry the sender's address alone: only the first device sends any.
+HOSTS = [
+    ("pa-6420", 6420, ["--set", TRAPS_TO], "127.0.0.1"),
+    ("pa-6410", 6410, [], "127.0.0.2"),
+    ("pa-6764", 6764, [], "127.0.0.3"),
+    ("pa-6214", 6214, ["--model-text", EXTENDED], "127.0.0.4"),
+]
+
+
+class Bench:
+    def __init__(self) -> None:
+        self.devices: list[Device] = []
+        self.hosts: dict[str, Watched] = {}
+        self.server: Server | None = None
+
+    def start(self) -> None:
+        ports = {}
+        for number, (name, model, options, _) in enumerate(HOSTS):
+            ports[name] = 21161 + 10 * number
+            self.devices.append(Device(model, "--clock-shift", "--no-traps", "--port", str(ports[name]), *options))
+        self.server = Server()
+        self.server.import_template(TEMPLATE)
+        template = self.server.call("template.get", filter={"host": EXPORTED["template"]})[0]["templateid"]
+        group = self.server.call("hostgroup.create", name="Public address")["groupids"][0]
+        for device, (name, _, _, address) in zip(self.devices, HOSTS):
+            device.wait_ready().wait_subscribed(60)
+            interface = {"type": 2, "main": 1, "useip": 1, "ip": address, "dns": "", "port": str(ports[name]),
+                         "details": {"version": 2, "bulk": 1, "community": "public"}}
+            host = self.server.call(
+                "host.create", host=name, groups=[{"groupid": group}], interfaces=[interface], inventory_mode=1,
+                templates=[{"templateid": template}],
+                macros=[{"macro": macro, "value": value} for macro, value in MACROS.items()])["hostids"][0]
+            self.hosts[name] = Watched(device, name, address, ports[name], host)
+        wait_until(lambda: self.relays_read(), 90, 1.0, what="all relays of the station read")
+
+    def relays_read(self) -> bool:
+        station = self.hosts["pa-6214"]
+        station.refresh()
+        states = [value for name, value in station.walk().items() if name.startswith("relayStatus.")]
+        return len(states) == 12 and "1" not in states
+
+    def items(self, host: str) -> dict[str, dict[str, Any]]:
+        found = self.server.call("item.get", hostids=[self.hosts[host].hostid], output=[
+            "itemid", "key_", "name", "lastvalue", "lastclock", "state", "error", "value_type", "units"])
+        return {item["key_"]: item for item in found}
+
+    def problems(self, host: str) -> set[str]:
+        found = self.server.call("trigger.get", hostids=[self.hosts[host].hostid], filter={"value": 1},
+                                 output=["description"], expandDescription=True)
+        return {trigger["description"] for trigger in found}
+
+    def wait_problem(self, host: str, name: str, there: bool, timeout: float = 120) -> None:
+        def look() -> bool:
+            self.hosts[host].refresh()
+            return (name in self.problems(host)) == there
+
+        wait_until(look, timeout, 1.0, what=f"{host}: {name!r} {'is' if there else 'is no longer'} a problem")
+
+    def stop(self) -> list[str]:
+        complaints = []
+        if self.server:
+            self.server.stop()
+        for device in self.devices:
+            complaints += device.stop()
+        return complaints
+
+
+@pytest.fixture(scope="session")
+def bench() -> Iterator[Bench]:
+    bench = Bench()
+    try:
+        bench.start()
+        yield bench
+    except Exception:
+        if bench.server:
+            print(bench.server.logs())
+        raise
+    finally:
+        complaints = bench.stop()
+    assert complaints == []
+
+
+def test_import_makes_what_the_file_has_and_a_second_one_changes_nothing(bench):
+    def facts() -> dict[str, Any]:
+        server = bench.server
+        template = server.call("template.get", filter={"host": EXPORTED["template"]})[0]["templateid"]
+        return {
+            "items": sorted((item["itemid"], item["key_"]) for item in server.call(
+                "item.get", templateids=[template], output=["key_"])),
+            "rules": sorted((rule["itemid"], rule["key_"]) for rule in server.call(
+                "discoveryrule.get", templateids=[template], output=["key_"])),
+            "prototypes": sorted((item["itemid"], item["key_"]) for item in server.call(
+                "itemprototype.get", templateids=[template], output=["key_"])),
+            "triggers": sorted((one["triggerid"], one["description"]) for one in server.call(
+                "trigger.get", templateids=[template], output=["description"])),
+            "trigger prototypes": sorted((one["triggerid"], one["description"]) for one in server.call(
+                "triggerprototype.get", templateids=[template], output=["description"])),
+            "value maps": sorted((one["valuemapid"], one["name"]) for one in server.call(
+                "valuemap.get", hostids=[template], output=["valuemapid", "name"]))}
+
+    first = facts()
+    bench.server.import_template(TEMPLATE)
+    assert facts() == first
+
+    rules = EXPORTED["discovery_rules"]
+    assert [key for _, key in first["items"]] and {key for _, key in first["items"]} == {
+        item["key"] for item in EXPORTED["items"]}
+    assert {key for _, key in first["rules"]} == {rule["key"] for rule in rules}
+    assert {key for _, key in first["prototypes"]} == {item["key"] for rule in rules for item in rule["item_prototypes"]}
+    assert sorted(name for _, name in first["triggers"]) == sorted(
+        one["name"] for item in EXPORTED["items"] for one in item.get("triggers", []))
+    assert sorted(name for _, name in first["trigger prototypes"]) == sorted(
+        one["name"] for rule in rules
+        for place in [rule, *rule["item_prototypes"]] for one in place.get("trigger_prototypes", []))
+    assert {name for _, name in first["value maps"]} == {one["name"] for one in EXPORTED["valuemaps"]}
+
+
+def shown(name: str, text: str) -> str | float:
+    """A served value as Zabbix has it: in volts and degrees."""
+    item = mib().objects[name]
+    if item.base == "OCTET STRING":
+        return text
+    if "Voltage" in name or name == "voltageValue":
+        return int(text) / 1000
+    if name in ("tempCurrent", "tempPeak", "tempAverage"):
+        return int(text) / 10
+    return float(text)
+
+
+def expected_values(watched: Watched) -> dict[str, str | float]:
+    """Every served value but indices, descriptions and labels, which name the others."""
+    values = {}
+    for name, text in watched.walk().items():
+        column, _, instance = name.partition(".")
+        if column in catalogue.SCALAR_OIDS:
+            values[f"kvsnmp.{column}"] = shown(column, text)
+        elif not column.endswith(("Index", "Description", "Label")):
+            values[f"kvsnmp.{column}[{instance}]"] = shown(column, text)
+    return values
+
+
+@pytest.mark.parametrize("host", [entry[0] for entry in HOSTS])
+def test_every_served_value_is_an_item(bench, host):
+    watched = bench.hosts[host]
+    differing: dict[str, Any] = {}
+
+    def same() -> bool:
+        watched.refresh()
+        expected, items = expected_values(watched), bench.items(host)
+        seen = {key: item for key, item in items.items() if not key.startswith(("snmptrap[", "zabbix[", "kvsnmp.sys"))}
+        differing.clear()
+        differing.update({f"{key}: not in the server": value for key, value in expected.items() if key not in seen})
+        differing.update({f"{key}: not served": item["lastvalue"] for key, item in seen.items() if key not in expected})
+        for key in seen.keys() & expected.keys():
+            item, value = seen[key], expected[key]
+            got = item["lastvalue"] if isinstance(value, str) else round(float(item["lastvalue"] or "nan"), 9)
+            if got != value or item["lastclock"] == "0" or item["state"] != "0":
+                differing[key] = (value, item["lastvalue"], item["error"])
+        return not differing
+
+    try:
+        wait_until(same, 120, 1.0)
+    except AssertionError as failure:
+        raise AssertionError(f"{failure}\n{differing}\n{bench.server.logs()}") from failure
+    tables = {item.name for item in OBJECTS if isinstance(item, Table)
+              and any(f"{column}." in name for column, _ in item.columns for name in watched.walk())}
+    assert len(tables) == {"pa-6420": 11, "pa-6410": 8, "pa-6764": 10, "pa-6214": 6}[host]
+
+
+def test_every_table_is_seen_on_some_device(bench):
+    names = {name.partition(".")[0] for watched in bench.hosts.values() for name in watched.walk()}
+    assert {table.name for table in OBJECTS if isinstance(table, Table)
+            and table.columns[0][0] in names} == set(catalogue.TABLE_NAMES)
+
+
+def test_names_units_and_words(bench):
+    items = bench.items("pa-6420")
+    assert items["kvsnmp.voltageValue[3]"]["name"] == "Internal voltage 3.3V: value"
+    assert items["kvsnmp.voltageValue[3]"]["units"] == "V"
+    assert items["kvsnmp.tempCurrent[1]"]["name"] == "Temperature Sensor: Channel 1: current"
+    assert items["kvsnmp.tempCurrent[1]"]["units"] == "°C"
+    assert items["kvsnmp.fanSpeed[2]"]["name"] == "Right Fan: speed"
+    template = bench.server.call("template.get", filter={"host": EXPORTED["template"]})[0]["templateid"]
+    maps = {one["name"]: one for one in bench.server.call(
+        "valuemap.get", hostids=[template], selectMappings=["value", "newvalue"])}
+    assert {(row["value"], row["newvalue"]) for row in maps["KvLineState"]["mappings"]} == {
+        (str(code), word) for code, word in mib().objects["ampChannelLineState"].enumeration.items()}
+
+
+def test_inventory_is_filled(bench):
+    def inventory() -> dict[str, str]:
+        return bench.server.call("host.get", hostids=[bench.hosts["pa-6420"].hostid], selectInventory="extend")[0]["inventory"]
+
+    wait_until(lambda: inventory()["model"] and inventory()["name"], 60, 1.0)
+    found = inventory()
+    assert {key: found[key] for key in ("name", "model", "type", "type_full", "software", "os", "hardware", "location")} == {
+        "name": "pa-device", "model": "Orvane Mervio Amplifier VQ9D", "type": "6420", "type_full": "VQ9D",
+        "software": "4.12.3", "os": "5.15.71", "hardware": "6420-2.1", "location": "Equipment room 1"}
+
+
+class Fault(NamedTuple):
+    host: str
+    problem: str
+    cause: list[str]  # words of talctl
+    end: list[str]
+
+
+def setting(path: str, bad: str, good: str) -> tuple[list[str], list[str]]:
+    return ["set", path, bad], ["set", path, good]
+
+
+FAULTS = [
+    Fault("pa-6420", "Temperature Sensor: Channel 1: high",
+          *setting("/state/temp_sensors/temp_sensor[kid='amp_class_d_amp_1']/temp_current", "71.5", "52.4")),
+    Fault("pa-6420", "Temperature Sensor: Main Board: critical",
+          *setting("/state/temp_sensors/temp_sensor[kid='amp_main_board']/temp_current", "90.0", "43.5")),
+    Fault("pa-6420", "Temperature Sensor: AC Power: far above its average",
+          *setting("/state/temp_sensors/temp_sensor[kid='amp_ac_power']/temp_current", "69.0", "46.2")),
+    Fault("pa-6420", "Left Fan stands still", *setting("/state/fans/fan[kid='amp_power']/speed_sensor_rpm", "0", "1450")),
+    Fault("pa-6420", "Internal voltage 3.3V is out of order",
+          *setting("/state/power_lines/power_line[kid='3v3']/voltage", "2.1", "3.312")),
+    Fault("pa-6420", "Internal voltage 5.0V drifts",
+          *setting("/state/power_lines/power_line[kid='5v0']/voltage", "5.3", "5.04")),
+    Fault("pa-6410", "ac_power does not deliver",
+          *setting("/state/power_sources/power_source[kid='ac_power']/live", "false", "true")),
+    Fault("pa-6410", "Line In 1 has lost its pilot tone",
+          *setting("/state/lines/line[kid='ln1']/pilot_tone_state", "failed", "ok")),
+    Fault("pa-6214", "Microphone Extern is disconnected or shorted",
+          *setting("/state/lines/mic_status_extern", "shorted", "connected")),
+    Fault("pa-6420", "Channel 2 is out of order", ["monitor", "amp", "1", "1"], ["monitor", "amp", "1", "2"]),
+    Fault("pa-6764", "Channel 1 is switched off", *setting("/state/config/lines/line[kid='ch1']/enable", "false", "true")),
+    Fault("pa-6420", "Channel 1: loudspeaker line faulty",
+          *setting("/state/lines/line[kid='ch1']/characteristics/line_state", "shorted", "ok")),
+    Fault("pa-6420", "Channel 2: loudspeaker line not fed",
+          *setting("/state/lines/line[kid='ch2']/characteristics/line_state", "voltage_low", "ok")),
+    Fault("pa-6764", "Channel 2: line monitoring without result",
+          *setting("/state/lines/line[kid='ch2']/characteristics/line_state", "indecisive", "ok")),
+    Fault("pa-6420", "LET 1 Channel 1 is missing", ["monitor", "let", "0", "1", "1"], ["monitor", "let", "0", "1", "2"]),
+    Fault("pa-6764", "LET 2 Channel 2 is missing", ["monitor", "let", "1", "2", "1"], ["monitor", "let", "1", "2", "2"]),
+    Fault("pa-6420", "Control Input 2 is shorted or unconnected", ["monitor", "gpi", "1", "fail_shorted"],
+          ["monitor", "gpi", "1", "ok_open"]),
+    Fault("pa-6410", "Control Output 1 does not follow its command", ["monitor", "gpo", "0", "fail_set"],
+          ["monitor", "gpo", "0", "ok_set"]),
+    Fault("pa-6420", "Eth 1 is no longer supervised",
+          *setting("/state/config/os_ip/eth_switch/port[port_id='Eth1']/monitored", "false", "true")),
+    Fault("pa-6214", "External Relay 3 has failed or cannot be read", ["gpio", "e_relay3", "unreadable"],
+          ["gpio", "e_relay3", "0"]),
+]
+
+
+@pytest.fixture(scope="session")
+def healthy(bench) -> Bench:
+    """Both channels of the amplifiers announced as in operation, and their transponders."""
+    for name in ("pa-6420", "pa-6764"):
+        device = bench.hosts[name].device
+        for channel in (0, 1):
+            device.talctl("monitor", "amp", str(channel), "2")
+            for let in (1, 2):
+                device.talctl("monitor", "let", str(channel), str(let), "2")
+    def quiet() -> bool:
+        for watched in bench.hosts.values():
+            watched.refresh()
+        return not any(bench.problems(name) for name in bench.hosts)
+
+    wait_until(quiet, 120, 1.0, what="no problem on any host")
+    return bench
+
+
+def test_each_trigger_fires_on_its_fault_and_recovers(healthy):
+    bench = healthy
+    for fault in FAULTS:
+        bench.hosts[fault.host].device.talctl(*fault.cause)
+    for fault in FAULTS:
+        bench.wait_problem(fault.host, fault.problem, True)
+    for fault in FAULTS:
+        bench.hosts[fault.host].device.talctl(*fault.end)
+    for fault in FAULTS:
+        bench.wait_problem(fault.host, fault.problem, False)
+
+
+def test_every_trigger_prototype_has_a_fault_here():
+    names = {trigger["name"] for rule in EXPORTED["discovery_rules"] for place in [rule, *rule["item_prototypes"]]
+             for trigger in place.get("trigger_prototypes", [])}
+    missing = {name for name in names
+               if not any(re.fullmatch(re.escape(name).replace(re.escape("{#DESCRIPTION}"), ".+"), fault.problem)
+                          for fault in FAULTS)}
+    assert missing == set()
+
+
+def test_each_notification_is_a_value_of_its_item_alone(bench):
+    faults = Faults(bench.hosts["pa-6420"].device)
+    others = f"see {E}.2.8.3 and ZBXTRAP 127.0.0.2 {E}.2.8.4 "  # in a text these are neither a trap nor another host's
+    texts = {row.name: f"text of {row.name}, {others}" for row in CATALOGUE}
+    for row in CATALOGUE:
+        faults.raise_one(row.identifiers[0], texts[row.name])
+
+    def values() -> dict[str, list[str]]:
+        items = {key: item for key, item in bench.items("pa-6420").items() if key.startswith("snmptrap[")}
+        found: dict[str, list[str]] = {key: [] for key in items}
+        by_id = {item["itemid"]: key for key, item in items.items()}
+        for entry in bench.server.call("history.get", history=2, itemids=list(by_id), output="extend"):
+            found[by_id[entry["itemid"]]].append(entry["value"])
+        return found
+
+    wait_until(lambda: sum(map(len, values().values())) >= len(CATALOGUE), 60, 1.0, what="all traps in the server")
+    found = values()
+    for row in CATALOGUE:
+        number = f"{E}.2.8.{row.arc}".replace(".", "\\.")
+        [value] = found.pop(f'snmptrap["(^\\S+ +|OID: ){number}(\\s|$)"]')
+        text = re.escape(texts[row.name].replace("ZBXTRAP", "ZBX-TRAP").strip())
+        since = r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d"
+        assert re.fullmatch(rf"\S+ +{number} pa-device \(device\): {row.name} error since {since}: {text}", value)
+    assert found == {}
+    for other in ("pa-6410", "pa-6764", "pa-6214"):
+        assert all(item["lastclock"] == "0" for key, item in bench.items(other).items() if key.startswith("snmptrap["))
+
+    bench.wait_problem("pa-6420", "Trap: Cooling Fan Fault", True)
+    bench.wait_problem("pa-6420", "Trap: Cooling Fan Fault", False, timeout=200)  # 60 s after the trap
+
+
+def test_a_receiver_that_writes_out_the_variables_serves_as_well(bench):
+    """The form of the receiver that comes with Zabbix's own documentation, with numeric OIDs."""
+    with open(bench.server.folder / "traps.log", "a", encoding="utf-8") as file:
+        file.write(f"2026-11-21T12:00:00+0000 ZBXTRAP 127.0.0.2\nPDU INFO:\n  receivedfrom  UDP: [127.0.0.2]:1\nVARBINDS:\n"
+                   f"  .1.3.6.1.6.3.1.1.4.1.0    type=6  value=OID: {E}.2.8.12\n"
+                   f"  {E}.2.4.4.0   type=4  value=STRING: \"Sat Jun  1 10.02.03 2024\n\"\n")
+    key = next(item["key"] for item in EXPORTED["items"] if item["name"] == "Trap: RCI Fault")
+    wait_until(lambda: "VARBINDS" in bench.items("pa-6410")[key]["lastvalue"], 30, 1.0, what="trap taken")
+    assert sum(item["lastclock"] != "0" for key, item in bench.items("pa-6410").items() if key.startswith("snmptrap[")) == 1
+
+
+def test_a_daemon_that_is_gone_and_a_device_that_is_gone_are_told_apart(healthy):
+    bench = healthy
+    silent, unreachable = "Nothing of KVSNMP-MIB is answered", "No answer by SNMP"
+    device = bench.hosts["pa-6410"].device
+    device.run(["sh", "-c", "kill -STOP $(pidof kvsnmp)"])
+    dead = bench.hosts["pa-6764"].device
+    assert dead.stop() == []
+    bench.devices.remove(dead)
+    limit = time.monotonic() + 150
+    while unreachable not in bench.problems("pa-6764") and time.monotonic() < limit:
+        time.sleep(1)
+    assert unreachable in bench.problems("pa-6764")
+    wait_until(lambda: silent in bench.problems("pa-6410"), 150, 1.0, what=f"{silent} on pa-6410")
+    assert unreachable not in bench.problems("pa-6410")
+    device.run(["sh", "-c", "kill -CONT $(pidof kvsnmp)"])
+    wait_until(lambda: silent not in bench.problems("pa-6410"), 150, 1.0, what=f"{silent} is over")
