@@ -13,6 +13,11 @@ if(KVSNMP_SANITIZE)
     add_link_options(-fsanitize=${KVSNMP_SANITIZE})
 endif()
 
+if(KVSNMP_COVERAGE)
+    add_compile_options(--coverage -fprofile-update=atomic)
+    add_link_options(--coverage)
+endif()
+
 find_program(KVSNMP_CCACHE ccache)
 if(KVSNMP_CCACHE AND NOT KVSNMP_TIDY)
     set(CMAKE_CXX_COMPILER_LAUNCHER ${KVSNMP_CCACHE})

@@ -19,19 +19,20 @@ from . import registry, sandbox
 from .folders import make_folders
 from .identity import MODELS, identity_files
 from .registry import DeviceError
-from .settings import CHECKOUT, Settings
+from .settings import CHECKOUT, COMMAND, INSTALLED, Settings
 
 NEEDED = ["bwrap", "nsenter", "snmpd", "snmptrapd", "dbus-daemon", "killall"]
 END_TIMEOUT = 10.0
+PROGRAM = COMMAND.rpartition("/")[2]
 
-DESCRIPTION = """\
+DESCRIPTION = f"""\
 Starts a throw-away device: a sandbox with its own processes, /etc, /run, /tmp and /var, in which the data
 service's simulator, a system bus, snmptrapd and kvsnmp run. Ctrl-C ends it and leaves nothing behind.
 
-  scripts/device --model 6420 --port 1161    then: snmpwalk -v2c -c public 127.0.0.1:1161 .1.3.6.1.4.1.52717
-  scripts/device exec -- CMD [ARG]...        run a command inside the device
-  scripts/device list                        the devices that run now
-  scripts/device stop [--name NAME]          end one"""
+  {COMMAND} --model 6420 --port 1161    then: snmpwalk -v2c -c public 127.0.0.1:1161 .1.3.6.1.4.1.52717
+  {COMMAND} exec -- CMD [ARG]...        run a command inside the device
+  {COMMAND} list                        the devices that run now
+  {COMMAND} stop [--name NAME]          end one"""
 
 
 def main(arguments: list[str]) -> int:
@@ -50,7 +51,7 @@ def main(arguments: list[str]) -> int:
 
 
 def start_parser() -> argparse.ArgumentParser:
-    parser = argparse.ArgumentParser(prog="device", description=DESCRIPTION, allow_abbrev=False,
+    parser = argparse.ArgumentParser(prog=PROGRAM, description=DESCRIPTION, allow_abbrev=False,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--model", type=int, choices=MODELS, default=6420, metavar="N",
                         help="model number: " + ", ".join(map(str, MODELS)) + " (default 6420)")
@@ -82,6 +83,8 @@ def start_parser() -> argparse.ArgumentParser:
     parser.add_argument("--no-etc", action="append", default=[], metavar="NAME", help="leave /etc/NAME out")
     parser.add_argument("--set", action="append", default=[], metavar="PATH=VALUE",
                         help="a value of the data service's tree at start")
+    parser.add_argument("--writable", action="append", default=[], metavar="DIR",
+                        help="a folder of the host that the device may write into")
     parser.add_argument("--trees", metavar="DIR", help="data trees other than the simulator's own")
     return parser
 
@@ -111,6 +114,8 @@ def find_bin_dir(given: str | None) -> str:
     if not places[0]:
         places = [CHECKOUT / "build/release/bin", CHECKOUT / "build/dev/bin", CHECKOUT / "build/demo/bin",
                   Path("/usr/sbin")]
+        if INSTALLED:
+            places = places[-1:]
     for place in places:
         if os.access(Path(place) / "kvsnmp", os.X_OK):
             return str(Path(place).absolute())
@@ -121,7 +126,8 @@ def find_bin_dir(given: str | None) -> str:
 def check_programs() -> None:
     missing = [program for program in NEEDED if not shutil.which(program)]
     if missing:
-        raise DeviceError(f"not installed: {', '.join(missing)}; scripts/install-deps installs what is missing")
+        hint = "" if INSTALLED else "; scripts/install-deps installs what is missing"
+        raise DeviceError(f"not installed: {', '.join(missing)}{hint}")
 
 
 def check_ports(settings: Settings) -> None:
@@ -146,7 +152,8 @@ def settings_from(options: argparse.Namespace, name: str) -> Settings:
         kvsnmp="none" if options.no_kvsnmp else "daemon" if options.daemon else "foreground",
         kvsnmp_args=options.kvsnmp_arg, wrapper=shlex.split(options.kvsnmp_wrapper), clock_shift=options.clock_shift,
         simulator=not options.no_simulator, simulator_args=simulator_args, dbus=not options.no_dbus,
-        traps=not options.no_traps, numeric_traps=options.numeric_traps)
+        traps=not options.no_traps, numeric_traps=options.numeric_traps,
+        writable=[os.path.realpath(folder) for folder in options.writable])
     if settings.clock_shift and not os.path.exists(settings.clock_library()):
         raise DeviceError(f"--clock-shift needs {settings.clock_library()}, which the build of the tests makes")
     return settings
@@ -256,11 +263,11 @@ class Session:
         name, port = self.settings.name, self.settings.port
         walk = f"snmpwalk -v2c -c public 127.0.0.1:{port} .1.3.6.1.4.1.52717"
         if not port:
-            walk = f"scripts/device exec --name {name} -- snmpwalk -v2c -c public 127.0.0.1 .1.3.6.1.4.1.52717"
+            walk = f"{COMMAND} exec --name {name} -- snmpwalk -v2c -c public 127.0.0.1 .1.3.6.1.4.1.52717"
         print(f"device {name}: model {self.settings.model}, files in {self.claim.root}\n"
               f"  ask it:    {walk}\n"
-              f"  change it: scripts/device exec --name {name} -- talctl --help\n"
-              f"  end it:    Ctrl-C, or scripts/device stop --name {name}", flush=True)
+              f"  change it: {COMMAND} exec --name {name} -- talctl --help\n"
+              f"  end it:    Ctrl-C, or {COMMAND} stop --name {name}", flush=True)
 
 
 def first_process(info: bytes) -> int:
@@ -271,7 +278,7 @@ def first_process(info: bytes) -> int:
 
 
 def run_exec(arguments: list[str]) -> int:
-    parser = argparse.ArgumentParser(prog="device exec", description="Runs a command inside a running device.")
+    parser = argparse.ArgumentParser(prog=f"{PROGRAM} exec", description="Runs a command inside a running device.")
     parser.add_argument("--name", help="which device, when several run")
     parser.add_argument("command", nargs="+", metavar="CMD", help="put -- before it when it has options")
     options = parser.parse_args(arguments)
@@ -281,7 +288,7 @@ def run_exec(arguments: list[str]) -> int:
 
 
 def run_list(arguments: list[str]) -> int:
-    argparse.ArgumentParser(prog="device list", description="Lists the running devices.").parse_args(arguments)
+    argparse.ArgumentParser(prog=f"{PROGRAM} list", description="Lists the running devices.").parse_args(arguments)
     registry.sweep()
     for device in registry.running():
         where = f"127.0.0.1:{device.port}" if device.port else "own network"
@@ -291,7 +298,7 @@ def run_list(arguments: list[str]) -> int:
 
 
 def run_stop(arguments: list[str]) -> int:
-    parser = argparse.ArgumentParser(prog="device stop", description="Ends a running device.")
+    parser = argparse.ArgumentParser(prog=f"{PROGRAM} stop", description="Ends a running device.")
     parser.add_argument("--name", help="which device, when several run")
     parser.add_argument("--all", action="store_true", help="every device")
     options = parser.parse_args(arguments)

@@ -11,6 +11,7 @@ import time
 from pathlib import Path
 from typing import NamedTuple
 
+from .settings import COMMAND
 
 NAMELESS = ".nameless-"  # a folder that is being made, until it is locked, or that is being removed
 
@@ -161,7 +162,7 @@ def find(name: str | None) -> Running:
         if not devices:
             raise DeviceError(f"no device named {name} is running")
     if not devices:
-        raise DeviceError("no device is running; start one with: scripts/device --model 6420")
+        raise DeviceError(f"no device is running; start one with: {COMMAND} --model 6420")
     if len(devices) > 1:
         names = ", ".join(device.name for device in devices)
         raise DeviceError(f"several devices are running ({names}); choose one with --name")

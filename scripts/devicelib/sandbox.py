@@ -31,6 +31,8 @@ def bwrap_command(root: Path, settings: Settings, info_fd: int, command: list[st
             bwrap += ["--ro-bind", f"/etc/{folder}", f"/etc/{folder}"]
     for folder in _hidden_by_the_private_ones(settings):
         bwrap += ["--ro-bind", folder, folder]
+    for folder in settings.writable:
+        bwrap += ["--bind", folder, folder]
     bwrap += ["--symlink", "/run/devlog", "/dev/log", "--chdir", "/", "--clearenv"]
     for name, value in environment().items():
         bwrap += ["--setenv", name, value]

@@ -6,6 +6,8 @@ import json
 from pathlib import Path
 
 CHECKOUT = Path(__file__).resolve().parents[2]
+INSTALLED = not (CHECKOUT / "CMakeLists.txt").exists()  # from a package: without a checkout around it
+COMMAND = "kvsnmp-device" if INSTALLED else "scripts/device"
 
 # Inside the device.
 BIN_FOLDER = "/run/device/bin"
@@ -35,6 +37,7 @@ class Settings:
     dbus: bool = True
     traps: bool = True
     numeric_traps: bool = False
+    writable: list[str] = dataclasses.field(default_factory=list)  # folders of the host
 
     def to_json(self) -> str:
         return json.dumps(dataclasses.asdict(self), indent=1)
@@ -52,7 +55,10 @@ class Settings:
         return "127.0.0.1" if self.trap_port == 162 else f"127.0.0.1:{self.trap_port}"
 
     def program(self, name: str) -> str:
-        return f"{self.bin_dir}/{name}"
+        """kvsnmp is installed in a folder "sbin", the others beside it in "bin"."""
+        folder = Path(self.bin_dir)
+        beside = folder.with_name("bin")
+        return str((folder if (folder / name).exists() or not (beside / name).exists() else beside) / name)
 
     def clock_library(self) -> str:
         return str(Path(self.bin_dir).parent / "lib" / "libclockshift.so")
