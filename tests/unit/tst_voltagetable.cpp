@@ -28,6 +28,8 @@ private Q_SLOTS:
     void absentIndexWithAColumnBeyondTheLastFailsAsAWhole();
     void setIsRefused();
     void getNextStepsOverTheGaps();
+    void getNextEndsItsSearchAtTheFirstRowThatFits();
+    void getNextOfTwoObjectsAnswersEachAsAlone();
     void everyStepOfTheIteratorPrints();
     void theCountIsAScalar();
     void theCountRefusesOtherModes();
@@ -155,6 +157,29 @@ void TestVoltageTable::getNextStepsOverTheGaps()
     QCOMPARE(snmpGetNext({QStringLiteral("3.4.2.1.1.14")}).first().section(QLatin1Char(' '), 0, 0),
              QStringLiteral("3.4.2.1.2.1"));
     QCOMPARE(snmpGetNext({QStringLiteral("3.4.2.1.2.9")}), lines({"3.4.2.1.2.12 STRING Amplifier Supply 15.0V"}));
+}
+
+void TestVoltageTable::getNextEndsItsSearchAtTheFirstRowThatFits()
+{
+    snmpGet({QStringLiteral("3.4.2.1.1.1")}); // loads
+    const auto stepsAfter = [](const QString &object) {
+        return printed([&] { snmpGetNext({object}); }).count(QStringLiteral("voltageTable_get_next_data_point()"));
+    };
+    QCOMPARE(stepsAfter(QStringLiteral("3.4.2.1.2")), 1);
+    QCOMPARE(stepsAfter(QStringLiteral("3.4.2.1.2.1")), 2);
+    QCOMPARE(stepsAfter(QStringLiteral("3.4.2.1.2.12")), 8);
+    QCOMPARE(stepsAfter(QStringLiteral("3.4.2.1.2.14")), 10); // all eight, their end, and the next column's first
+}
+
+void TestVoltageTable::getNextOfTwoObjectsAnswersEachAsAlone()
+{
+    QStringList objects{QStringLiteral("3.4.2"), QStringLiteral("3.4.2.1.3.13")};
+    for (const QString &answer : snmpWalk(QStringLiteral("3.4.2")))
+        objects.append(answer.section(QLatin1Char(' '), 0, 0));
+    for (const QString &one : objects) {
+        for (const QString &other : objects)
+            QCOMPARE(snmpGetNext({one, other}), snmpGetNext({one}) + snmpGetNext({other}));
+    }
 }
 
 void TestVoltageTable::everyStepOfTheIteratorPrints()
