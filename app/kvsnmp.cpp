@@ -27,6 +27,7 @@ constexpr int watchdogIntervalMs = 5000;
 constexpr int idlePollMs = 100;
 constexpr int busyPollMs = 5;
 constexpr int idlePassesUntilSlow = 21;
+constexpr int passesAtOnce = 16; // for traffic, before everything else has its turn again
 
 enum SignalSocket { writtenByHandler, readByNotifier };
 int signalSockets[2] = {-1, -1};
@@ -42,7 +43,8 @@ KvSnmp::KvSnmp(QCoreApplication *app, const Surroundings &surroundings)
                        << "Creating Object";
     createSignalSockets();
     connect(&m_processTimer, SIGNAL(timeout()), this, SLOT(processSnmpTimeout()));
-    connect(&m_agentWatch, SIGNAL(readable()), this, SLOT(processSnmpTimeout()));
+    // Not a slot: traffic is served by processSnmpTimeout() alone, this only calls it again.
+    connect(&m_agentWatch, &DescriptorWatch::readable, this, &KvSnmp::serveReadable);
     readIdentity();
     createSubsystems(surroundings);
     connectSubsystems(app);
@@ -238,6 +240,16 @@ void KvSnmp::processSnmpTimeout()
     watchAgent();
     if (trapsWaitForThisPass)
         queueWaitingTraps();
+}
+
+void KvSnmp::serveReadable()
+{
+    // One request takes the library several passes: what it reads it hands to itself through pipes, and so the answer.
+    for (int pass = 0; pass < passesAtOnce; ++pass) {
+        processSnmpTimeout();
+        if (idlePasses > 0)
+            break;
+    }
 }
 
 void KvSnmp::watchAgent()

@@ -67,6 +67,7 @@ private:
     void handSystemNameToAgent() const;
     static void agentSessionChanged(void *kvSnmp, bool open);
     void queueWaitingTraps();
+    void serveReadable();
     void watchAgent();
 
     TalInterface *m_talInterface = nullptr;

@@ -8,6 +8,10 @@
 #include <QSocketNotifier>
 #include <QtTest>
 
+#include <algorithm>
+#include <memory>
+#include <vector>
+
 extern "C" {
 extern int callback_master_num; // the agent's end of the library's internal transport; in no public header
 }
@@ -70,6 +74,8 @@ private Q_SLOTS:
     void firstFinishStartsTheAgent();
     void pollingSlowsDownAfter21IdlePasses();
     void trafficIsServedWithoutWaitingForTheTimer();
+    void oneTurnOfTheEventLoopAnswersARequest();
+    void endlessTrafficLeavesTheEventLoopItsTurns();
     void sessionThatOpensSendsTheWaitingTraps();
     void trapsBeyondOnePassGoOutWithTheNext();
 
@@ -144,6 +150,32 @@ void TestAgentPolling::trafficIsServedWithoutWaitingForTheTimer()
     QVERIFY(get.isSent());
     QTRY_VERIFY(get.isAnswered());
     QCOMPARE(bench.processTimer()->interval(), 5);
+}
+
+void TestAgentPolling::oneTurnOfTheEventLoopAnswersARequest()
+{
+    const Bench &bench = serving();
+    bench.processTimer()->start(60000);
+    QCoreApplication::processEvents(); // nothing is left over
+    const PendingGet get;
+    QVERIFY(get.isSent());
+    QCoreApplication::processEvents();
+    QVERIFY(get.isAnswered());
+}
+
+void TestAgentPolling::endlessTrafficLeavesTheEventLoopItsTurns()
+{
+    serving();
+    QTimer everyTurn;
+    int turns = 0;
+    connect(&everyTurn, &QTimer::timeout, this, [&turns] { ++turns; });
+    everyTurn.start(0);
+    // Each is answered in a pass of its own, so all of them cannot be in one turn.
+    std::vector<std::unique_ptr<PendingGet>> gets(200);
+    for (auto &get : gets)
+        get = std::make_unique<PendingGet>();
+    QTRY_VERIFY(std::all_of(gets.begin(), gets.end(), [](const auto &get) { return get->isAnswered(); }));
+    QVERIFY2(turns >= 200 / 16, qPrintable(QString::number(turns)));
 }
 
 void TestAgentPolling::sessionThatOpensSendsTheWaitingTraps()
