@@ -127,6 +127,7 @@ private Q_SLOTS:
     void dataIsFoundByXPath();
     void randomBytes();
     void twentyThousandNotifications();
+    void aFloodLeavesTheEventLoopItsTurns();
 
     void slotDeletesTheClient();
     void connectedSlotDeletesTheClient();
@@ -707,6 +708,25 @@ void TestTalInterface::twentyThousandNotifications()
     peer.sendRaw(bytes);
     QTRY_COMPARE_WITH_TIMEOUT(client.notified.count(), 20000, 30000);
     QCOMPARE(client.dataTexts(), expected);
+}
+
+void TestTalInterface::aFloodLeavesTheEventLoopItsTurns()
+{
+    TalPeer peer;
+    const Client client(peer);
+    const QByteArray single = notify("<voltage>3.300</voltage>") + nul;
+    QTimer everyTurn;
+    int before = 0;
+    int mostInATurn = 0;
+    connect(&everyTurn, &QTimer::timeout, this, [&] {
+        mostInATurn = qMax(mostInATurn, client.notified.count() - before);
+        before = client.notified.count();
+    });
+    everyTurn.start(0);
+    peer.sendRaw(single.repeated(5000));
+    QTRY_COMPARE_WITH_TIMEOUT(client.notified.count(), 5000, 30000);
+    QVERIFY(mostInATurn > 0);
+    QVERIFY2(mostInATurn <= 4096 / single.size() + 1, qPrintable(QString::number(mostInATurn)));
 }
 
 void TestTalInterface::slotDeletesTheClient()

@@ -14,7 +14,9 @@
 namespace {
 
 constexpr int retryIntervalMs = 1000;
-constexpr std::size_t readSize = 65536; // one turn of the event loop takes no more than this
+// One turn of the event loop takes no more than this, some 16 single values, so that a flood of notifications leaves
+// the rest of the program its turns.
+constexpr std::size_t readSize = 4096;
 
 /// A connected socket, or -1 with errno set. A local socket connects at once or not at all.
 int connectedSocket(const QByteArray &path)
