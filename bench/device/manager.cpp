@@ -51,6 +51,7 @@ Manager::Manager(const std::string &address, std::chrono::microseconds timeout)
 
 Manager::~Manager()
 {
+    m_closing = true; // the library calls back for what is still in flight
     snmp_sess_close(m_handle);
 }
 
@@ -76,6 +77,8 @@ int Manager::onAnswer(int operation, snmp_session *, int, snmp_pdu *pdu, void *d
     if (operation == NETSNMP_CALLBACK_OP_CONNECT || operation == NETSNMP_CALLBACK_OP_DISCONNECT)
         return 1;
     auto *pending = static_cast<Pending *>(data);
+    if (pending->owner->m_closing)
+        return 1;
     const Answered answered = std::move(pending->answered); // which may ask again
     pending->owner->m_pending.erase(pending->self);
     answered(isAnswer(operation, pdu) ? pdu : nullptr);

@@ -53,6 +53,7 @@ private:
     static int onAnswer(int operation, snmp_session *, int, snmp_pdu *pdu, void *data);
 
     void *m_handle = nullptr;
+    bool m_closing = false;
     std::list<Pending> m_pending;
 };
 

@@ -19,6 +19,9 @@ Figures walk(const std::string &address, const Oid &root, std::size_t rounds, lo
 /// So many managers, each with one GET in flight: per_second, lost.
 Figures load(const std::string &address, const Oid &object, std::size_t managers, std::chrono::milliseconds duration);
 
+/// So many GETs in all, from so many managers with one in flight each: per_second, lost.
+Figures countedLoad(const std::string &address, const Oid &object, std::size_t managers, std::size_t count);
+
 /// Asks for every object each 5 ms until each was silent and is answered again (the beginning counts as silence when
 /// `fromStart`): object N was answered last at before_N and again at after_N, seconds of the monotonic clock.
 Figures silence(const std::string &address, const std::vector<Oid> &objects, bool fromStart,

@@ -1,4 +1,4 @@
-"""Who is measured: programs behind one and the same snmpd, and that snmpd's own objects as the floor."""
+"""Who is measured: programs behind snmpd, and the objects that one snmpd serves itself as the floor."""
 from __future__ import annotations
 
 from typing import NamedTuple
@@ -6,10 +6,14 @@ from typing import NamedTuple
 
 class Subject(NamedTuple):
     name: str
-    program: str  # the process that serves the objects
+    program: str  # the process that serves the objects, and those that it starts
     cell: str  # what a GET asks for
     root: str  # what a walk walks
 
 
 KVSNMP = Subject("kvsnmp", "kvsnmp", ".1.3.6.1.4.1.52717.3.4.2.1.3.1", ".1.3.6.1.4.1.52717.3")
 FLOOR = Subject("snmpd", "snmpd", ".1.3.6.1.2.1.1.3.0", ".1.3.6.1.2.1.1")
+LLDPD = Subject("lldpd", "lldpd", ".1.0.8802.1.1.2.1.1.1.0", ".1.0.8802.1.1.2")
+KEEPALIVED = Subject("keepalived", "keepalived", ".1.3.6.1.4.1.9586.100.5.1.4.0", ".1.3.6.1.4.1.9586.100.5")
+PEERS = [LLDPD, KEEPALIVED]
+SUBJECTS = [KVSNMP, FLOOR, *PEERS]

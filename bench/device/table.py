@@ -1,42 +1,53 @@
-"""The one table of a run: a line for each figure, a column for each subject, the first subject's ratio to the floor."""
+"""The one table of a run: a line for each figure, a column for each subject, the daemon's ratios to the floor and to the
+best peer."""
 from __future__ import annotations
 
-from .subjects import FLOOR, KVSNMP
+from .subjects import FLOOR, KVSNMP, PEERS, SUBJECTS, Subject
 
 
 class Table:
-    def __init__(self, subjects: list[str]) -> None:
-        self._subjects = subjects
-        self._rows: dict[str, dict[str, float]] = {}
+    def __init__(self) -> None:
+        self._rows: dict[str, dict[Subject, float]] = {}
+        self._without_ratio: set[str] = set()
 
-    def add(self, figure: str, subject: str, value: float) -> None:
+    def add(self, figure: str, subject: Subject, value: float, ratio: bool = True) -> None:
         """`figure` names the unit, too: "GET, p50, us"."""
         self._rows.setdefault(figure, {})[subject] = value
+        if not ratio:
+            self._without_ratio.add(figure)
+
+    def value(self, figure: str, subject: Subject = KVSNMP) -> float | None:
+        return self._rows.get(figure, {}).get(subject)
+
+    def best_peer(self, figure: str) -> float | None:
+        best = max if "per second" in figure else min
+        return best([values[peer] for values in [self._rows.get(figure, {})] for peer in PEERS if peer in values],
+                    default=None)
 
     def text(self) -> str:
-        """As GitHub's Markdown, aligned to be read as it is."""
-        peers = [name for name in self._subjects if name not in (KVSNMP.name, FLOOR.name)]
-        lines = [["figure", *self._subjects, "to the floor", *(["to the best peer"] if peers else [])]]
+        lines = [["figure", *(subject.name for subject in SUBJECTS), "to the floor", "to the best peer"]]
         for figure, values in self._rows.items():
-            own, floor = values.get(KVSNMP.name), values.get(FLOOR.name)
-            line = [figure, *(_number(values.get(name)) for name in self._subjects), _ratio(own, floor)]
-            if peers:
-                best = max if "per second" in figure else min
-                line.append(_ratio(own, best([values[name] for name in peers if name in values], default=None)))
-            lines.append(line)
-        widths = [max(map(len, column)) for column in zip(*lines)]
-        lines.insert(1, ["-" * widths[0], *("-" * (width - 1) + ":" for width in widths[1:])])
-        return "\n".join("| " + " | ".join(word.ljust(width) if number == 0 else word.rjust(width)
-                                           for number, (word, width) in enumerate(zip(line, widths))) + " |"
-                         for line in lines)
+            own = None if figure in self._without_ratio else values.get(KVSNMP)
+            lines.append([figure, *(number(values.get(subject)) for subject in SUBJECTS),
+                          _ratio(own, values.get(FLOOR)), _ratio(own, self.best_peer(figure))])
+        return markdown(lines)
 
 
-def _number(value: float | None) -> str:
+def markdown(lines: list[list[str]], words: int = 1) -> str:
+    """As GitHub's Markdown, aligned to be read as it is; the first line is the heading, `words` columns are no numbers."""
+    widths = [max(map(len, column)) for column in zip(*lines)]
+    rule = ["-" * width if place < words else "-" * (width - 1) + ":" for place, width in enumerate(widths)]
+    return "\n".join("| " + " | ".join(word.ljust(width) if place < words else word.rjust(width)
+                                       for place, (word, width) in enumerate(zip(line, widths))) + " |"
+                     for line in [lines[0], rule, *lines[1:]])
+
+
+def number(value: float | None) -> str:
     if value is None:
         return ""
-    if value == int(value) or value >= 1000:
+    if value == int(value) or abs(value) >= 1000:
         return f"{value:,.0f}"
-    return f"{value:.1f}" if value >= 10 else f"{value:.2f}"
+    return f"{value:.1f}" if abs(value) >= 10 else f"{value:.2f}"
 
 
 def _ratio(own: float | None, other: float | None) -> str:
