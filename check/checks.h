@@ -6,6 +6,7 @@
 
 #include <span>
 
+struct Process;
 struct Subject;
 
 /// In the order in which things depend on each other.
@@ -26,6 +27,8 @@ Outcome checkSnmpAccess(Subject &subject);
 Outcome checkDeviceValues(Subject &subject);
 
 // daemonchecks.cpp
+/// What to say of a process that runs but is stopped.
+Outcome stoppedProcess(const Process &process);
 Outcome checkKvsnmpProcess(Subject &subject);
 Outcome checkKvsnmpPidFile(Subject &subject);
 Outcome checkSystemBus(Subject &subject);

@@ -52,6 +52,13 @@ std::optional<bool> hasOwner(const QString &address, const char *name, int timeo
 
 } // namespace
 
+Outcome stoppedProcess(const Process &process)
+{
+    return failedByItself(
+        QStringLiteral("process %1 is stopped").arg(process.pid),
+        QStringLiteral("somebody has sent it SIGSTOP or traces it; continue it with kill -CONT %1").arg(process.pid));
+}
+
 Outcome checkKvsnmpProcess(Subject &subject)
 {
     const std::vector<Process> &running = subject.kvsnmp;
@@ -79,10 +86,7 @@ Outcome checkKvsnmpProcess(Subject &subject)
     }
     const Process &process = running.front();
     if (process.isStopped())
-        return failedByItself(
-            QStringLiteral("process %1 is stopped").arg(process.pid),
-            QStringLiteral("somebody has sent it SIGSTOP or traces it; continue it with kill -CONT %1")
-                .arg(process.pid));
+        return stoppedProcess(process);
     return ok(QStringLiteral("process %1 since %2").arg(process.pid).arg(process.started.toString(Qt::ISODate)));
 }
 

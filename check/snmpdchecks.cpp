@@ -223,10 +223,7 @@ Outcome checkSnmpdProcess(Subject &subject)
                            "snmpd)"));
     const Process &process = running.front();
     if (process.isStopped())
-        return failedByItself(
-            QStringLiteral("process %1 is stopped").arg(process.pid),
-            QStringLiteral("somebody has sent it SIGSTOP or traces it; continue it with kill -CONT %1")
-                .arg(process.pid));
+        return stoppedProcess(process);
     if (subject.confTime.isValid() && process.started.addMSecs(restartMs) < subject.confTime &&
         subject.confTime.addMSecs(restartMs) < QDateTime::currentDateTime())
         return warning(
