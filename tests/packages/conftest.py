@@ -1,0 +1,33 @@
+"""One Debian for the whole file: the tests are the stations of its life, in the order in which they stand."""
+from __future__ import annotations
+
+from collections.abc import Iterator
+from pathlib import Path
+
+import pytest
+
+from debianroot import Booted, DebianRoot
+
+CHECKOUT = Path(__file__).resolve().parents[2]
+
+
+@pytest.fixture(scope="session")
+def debs() -> Path:
+    return CHECKOUT / "build/package"
+
+
+@pytest.fixture(scope="session")
+def root(debs: Path) -> DebianRoot:
+    made = DebianRoot(CHECKOUT / "build/package/debian/root", debs)
+    made.make(["systemd", "dbus", "ca-certificates"])
+    made.path("/etc/apt/apt.conf.d/90yes").write_text('APT::Get::Assume-Yes "true";\n')
+    return made
+
+
+@pytest.fixture(scope="session")
+def booted(root: DebianRoot) -> Iterator[Booted]:
+    """From the first test that asks for it to the end."""
+    root.service_policy.unlink()  # from here on services start as on any Debian
+    system = Booted(root)
+    yield system
+    system.stop()

@@ -1,0 +1,156 @@
+"""A Debian of its own in a folder: made with mmdebstrap, entered with bubblewrap, started with its systemd."""
+from __future__ import annotations
+
+import os
+import shutil
+import signal
+import subprocess
+import time
+from collections.abc import Callable
+from pathlib import Path
+
+ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LANG": "C.UTF-8", "DEBIAN_FRONTEND": "noninteractive"}
+DEBS = "/debs"  # the packages, as the root sees them
+BOOT_SCRIPT = Path(__file__).with_name("boot")
+
+
+def wait_until(look: Callable[[], object], seconds: float, what: str) -> None:
+    limit = time.monotonic() + seconds
+    while not look():
+        assert time.monotonic() < limit, f"not seen within {seconds} s: {what}"
+        time.sleep(0.05)
+
+
+def debian_sources() -> str:
+    """Where this machine takes Debian's packages from: one line per suite and component, for apt."""
+    command = ["apt-get", "indextargets", "--format", "deb $(REPO_URI) $(RELEASE) $(COMPONENT)",
+               "Identifier: Packages", "Origin: Debian"]
+    if not (lines := subprocess.run(command, capture_output=True, text=True, check=True).stdout):
+        subprocess.run(["apt-get", "-q", "update"], check=True, stdin=subprocess.DEVNULL)
+        lines = subprocess.run(command, capture_output=True, text=True, check=True).stdout
+    assert lines, "apt knows no package source of Debian"
+    return "\n".join(sorted(set(lines.splitlines()))) + "\n"
+
+
+def suite_of(sources: str) -> str:
+    return min((line.split()[2] for line in sources.splitlines()), key=len)
+
+
+def apt_proxy() -> list[str]:
+    """What this machine's apt says of proxies."""
+    answer = subprocess.run(["apt-config", "dump"], capture_output=True, text=True, check=True).stdout
+    return [line for line in answer.splitlines() if line.startswith(("Acquire::http::Proxy ", "Acquire::https::Proxy "))]
+
+
+class DebianRoot:
+    def __init__(self, folder: Path, debs: Path) -> None:
+        self.folder = folder
+        self.debs = debs
+
+    def make(self, include: list[str]) -> None:
+        remove_tree(self.folder)
+        self.folder.parent.mkdir(parents=True, exist_ok=True)
+        sources = debian_sources()
+        options = [f"--aptopt={line}" for line in apt_proxy()]
+        subprocess.run(["mmdebstrap", "--quiet", "--mode=root", "--variant=minbase", "--include=" + ",".join(include),
+                        "--skip=cleanup/apt/lists", *options,
+                        suite_of(sources), str(self.folder), "-"],
+                       input=sources, text=True, check=True)
+        (self.folder / DEBS[1:]).mkdir()
+        # No service is started in it, until its own systemd runs.
+        self.service_policy.write_text("#!/bin/sh\nexit 101\n")
+        self.service_policy.chmod(0o755)
+
+    @property
+    def service_policy(self) -> Path:
+        return self.path("/usr/sbin/policy-rc.d")
+
+    def run(self, *command: str, check: bool = True) -> subprocess.CompletedProcess[str]:
+        """In the root, with processes of its own, and the machine's network for apt."""
+        return _run(self.bwrap(*command), check)
+
+    def bwrap(self, *command: str) -> list[str]:
+        folder = str(self.folder)
+        return ["bwrap", "--die-with-parent", "--unshare-pid", "--unshare-ipc", "--bind", folder, "/", "--dev", "/dev",
+                "--proc", "/proc", "--bind", str(self.debs), DEBS, "--ro-bind", "/etc/resolv.conf", "/etc/resolv.conf",
+                "--clearenv", *[word for name, value in ENVIRONMENT.items() for word in ("--setenv", name, value)],
+                "--chdir", "/", "--", *command]
+
+    def path(self, inside: str) -> Path:
+        return self.folder / inside.lstrip("/")
+
+
+def _run(command: list[str], check: bool) -> subprocess.CompletedProcess[str]:
+    done = subprocess.run(command, capture_output=True, text=True, stdin=subprocess.DEVNULL, errors="replace", check=False)
+    if check:
+        assert done.returncode == 0, f"{command[-6:]}: status {done.returncode}\n{done.stdout}\n{done.stderr}"
+    return done
+
+
+def remove_tree(folder: Path) -> None:
+    if folder.exists():
+        shutil.rmtree(folder)
+
+
+class Booted:
+    """The root while its own systemd is the first process of its namespaces."""
+
+    def __init__(self, root: DebianRoot) -> None:
+        self.root = root
+        self.group = cgroup_folder() / f"kvsnmp-packages-{os.getpid()}"
+        self.group.mkdir()
+        self.log = open(root.folder.with_name("boot.log"), "wb")
+        self.process = subprocess.Popen([str(BOOT_SCRIPT), str(root.folder), str(root.debs), str(self.group)],
+                                        stdin=subprocess.DEVNULL, stdout=self.log, stderr=self.log)
+        self.first = 0
+        wait_until(self._find_first, 10, "the first process of the root")
+        wait_until(lambda: self.state() in ("running", "degraded"), 60, "systemd's start")
+
+    def _find_first(self) -> bool:
+        """unshare's one child."""
+        assert self.process.poll() is None, self._boot_log()
+        try:
+            children = Path(f"/proc/{self.process.pid}/task/{self.process.pid}/children").read_text().split()
+            if children and Path(f"/proc/{children[0]}/comm").read_text() == "systemd\n":
+                self.first = int(children[0])
+        except FileNotFoundError:
+            pass
+        return self.first != 0
+
+    def _boot_log(self) -> str:
+        return self.root.folder.with_name("boot.log").read_text(errors="replace")
+
+    def state(self) -> str:
+        return self.run("systemctl", "is-system-running", check=False).stdout.strip()
+
+    def run(self, *command: str, check: bool = True) -> subprocess.CompletedProcess[str]:
+        variables = [f"{name}={value}" for name, value in ENVIRONMENT.items()]
+        return _run(["nsenter", "--target", str(self.first), "--all", "--", "/usr/bin/env", "-i", *variables, *command],
+                    check)
+
+    def output(self, *command: str) -> str:
+        return self.run(*command, check=False).stdout.strip()
+
+    def stop(self) -> None:
+        if self.first:
+            os.kill(self.first, signal.SIGKILL)  # ends all that it has started
+        self.process.wait(30)
+        self.log.close()
+        for folder, _, _ in os.walk(self.group, topdown=False):
+            limit = time.monotonic() + 10
+            while True:
+                try:
+                    os.rmdir(folder)
+                    break
+                except OSError:  # its last processes are still ending
+                    if time.monotonic() > limit:
+                        raise
+                    time.sleep(0.05)
+
+
+def cgroup_folder() -> Path:
+    for line in Path("/proc/self/mountinfo").read_text().splitlines():
+        fields = line.split()
+        if fields[fields.index("-") + 1] == "cgroup2":
+            return Path(fields[4])
+    raise AssertionError("no cgroup2 file system is mounted: systemd cannot be started")

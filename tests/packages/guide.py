@@ -1,0 +1,28 @@
+"""docs/integration.md as the tests use it: the files that it shows, and the commands that it tells to type."""
+from __future__ import annotations
+
+import re
+import textwrap
+from pathlib import Path
+
+GUIDE = Path(__file__).resolve().parents[2] / "docs/integration.md"
+
+
+def blocks() -> list[str]:
+    """Indented blocks, without what stands around them."""
+    found = re.findall(r"(?:(?<=\n\n)|^)((?:(?: {4,}.*)?\n)+)", GUIDE.read_text(), flags=re.MULTILINE)
+    return [textwrap.dedent(block).strip("\n") + "\n" for block in found if block.strip()]
+
+
+def files() -> dict[str, str]:
+    """By the path that the first line names."""
+    shown = {}
+    for block in blocks():
+        first, _, text = block.partition("\n")
+        if path := re.fullmatch(r"(?:# |<!-- )(/\S+)(?: -->)?", first):
+            shown[path[1]] = text
+    return shown
+
+
+def commands() -> set[str]:
+    return {line for block in blocks() if not block.startswith(("#", "<!--")) for line in block.splitlines() if line}

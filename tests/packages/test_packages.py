@@ -1,0 +1,423 @@
+"""The packages in a Debian of their own: installed, tried, started by systemd, upgraded, removed, purged."""
+from __future__ import annotations
+
+import re
+import shutil
+import stat
+import subprocess
+import tempfile
+from pathlib import Path
+
+import guide
+from debianroot import DEBS, Booted, DebianRoot, wait_until
+
+CHECKOUT = Path(__file__).resolve().parents[2]
+PACKAGES = ["kvsnmp", "kvsnmp-monitoring", "kvsnmp-simulator"]
+ENTERPRISE = ".1.3.6.1.4.1.52717"
+MODEL_NUMBER = f"{ENTERPRISE}.3.1.3.0"
+# chown, dac_override, kill, setgid, setuid, net_bind_service
+CAPABILITIES = f"{1 << 0 | 1 << 1 | 1 << 5 | 1 << 6 | 1 << 7 | 1 << 10:016x}"
+LOCAL_LINE = "# changed on this device\n"
+IDENTITY = {"xr-modelnumber": "6420\n", "xr-amptype": "VQ9D\n", "xr-model": "Orvane Mervio Amplifier VQ9D\n"}
+TALSERVICE = """\
+[Service]
+Type=exec
+ExecStart=/usr/bin/talservice --model 6420 --bus system --gpio-root /run/gpio
+"""
+# Commands of the guide that other tests type, or that were typed by hand.
+TYPED_ELSEWHERE = {
+    *(f"/etc/init.d/kvsnmp {word}" for word in ("start", "status", "restart", "stop")),  # tests/device/test_init.py
+    "cmake --preset release -B build/maker -DKVSNMP_XRCOMMON_ROOT=/opt/xrcommon",
+}
+typed: set[str] = set()
+
+
+def type_in(system: DebianRoot | Booted, line: str, folder: str = "/") -> str:
+    """A line of the guide, as a person would type it."""
+    typed.add(line)
+    return system.run("/bin/sh", "-c", f"cd {folder} && {line}").stdout
+
+
+def files_of(package: str, debs: Path) -> set[str]:
+    deb = next(debs.glob(f"{package}_*.deb"))
+    listing = subprocess.run(["dpkg-deb", "--contents", str(deb)], capture_output=True, text=True, check=True).stdout
+    return {line.split()[5].lstrip(".") for line in listing.splitlines()}
+
+
+# Installed, not started
+
+
+def test_the_packages_install_into_a_fresh_debian(root: DebianRoot, debs: Path) -> None:
+    type_in(root, "apt-get install ./kvsnmp_*.deb", DEBS)
+    root.run("/bin/sh", "-c", f"cd {DEBS} && apt-get install ./kvsnmp*.deb")
+    for package in PACKAGES:
+        assert root.run("dpkg-query", "-W", "-f", "${db:Status-Abbrev}", package).stdout == "ii "
+    assert root.run("systemctl", "is-enabled", "kvsnmp.service", check=False).stdout == "disabled\n"
+    assert not list(root.path("/etc").glob("rc[2-5].d/S*kvsnmp"))
+
+
+def test_each_program_has_a_manual_page(root: DebianRoot, debs: Path) -> None:
+    files = set().union(*(files_of(package, debs) for package in PACKAGES))
+    programs = {Path(file).name for file in files if re.fullmatch(r"/usr/s?bin/[^/]+", file)}
+    assert programs == {"kvsnmp", "kvsnmp-check", "kvsnmp-device", "talctl", "talservice"}
+    assert {Path(file).name.split(".")[0] for file in files if file.endswith((".1.gz", ".8.gz"))} == programs
+
+
+def test_the_programs_find_their_libraries(root: DebianRoot) -> None:
+    assert root.run("kvsnmp", "-h").stdout.startswith("kvsnmp main()\n\nUsage: kvsnmp options\n")
+    assert "talservice" in root.run("talservice", "--version").stdout
+    assert root.run("talctl", "--help").stdout.startswith("usage: talctl ")
+    assert root.run("kvsnmp-check", "--help").stdout
+    assert "kvsnmp-device exec -- CMD" in root.run("kvsnmp-device", "--help").stdout
+
+
+def test_the_conffile_of_snmpd_is_what_the_guide_says(root: DebianRoot) -> None:
+    assert " /etc/snmp/snmpd.conf " in root.run("dpkg-query", "-W", "-f", "${Conffiles}", "snmpd").stdout
+
+
+def test_a_device_of_the_installed_simulator_answers_by_name(root: DebianRoot) -> None:
+    """A sandbox inside the sandbox."""
+    script = """
+        kvsnmp-device --model 6420 > /tmp/device.log 2>&1 < /dev/null &
+        for try in $(seq 200); do
+            kvsnmp-device exec -- grep -q requestStateDataSubscribeSysMessages /var/log/kvsnmp.err 2> /dev/null &&
+                kvsnmp-device exec -- snmpget -v2c -c public -r 0 -t 1 127.0.0.1 .1.3.6.1.4.1.52717.3.1.3.0 && break
+            sleep 0.1
+        done > /dev/null 2>&1
+        kvsnmp-device list
+        echo "== walk"
+        kvsnmp-device exec -- snmpwalk -v2c -c public -M /run/device/mibs -m KVSNMP-MIB 127.0.0.1 .1.3.6.1.4.1.52717
+        kvsnmp-device stop
+        echo "== end"
+        wait
+        cat /tmp/device.log
+        kvsnmp-device list
+    """
+    answer = root.run("/bin/bash", "-c", script).stdout
+    print(answer)
+    before, _, rest = answer.partition("== walk\n")
+    walk, _, end = rest.partition("== end\n")
+    assert before.startswith("6420\tmodel 6420\town network\trunning\t")
+    cells = [line for line in walk.splitlines() if line.startswith("KVSNMP-MIB::")]
+    golden = (CHECKOUT / "tests/device/golden/6420.walk").read_text().splitlines()
+    assert len(cells) == len(golden)
+    assert any(re.match(r"KVSNMP-MIB::infoModelNumber\.0 = .*6420", cell) for cell in cells), cells[:8]
+    assert "change it: kvsnmp-device exec" in end and "6420\tmodel" not in end, end
+
+
+# The unit
+
+
+def test_the_unit_is_sound_and_hardened(root: DebianRoot) -> None:
+    unit = "/lib/systemd/system/kvsnmp.service"
+    done = root.run("systemd-analyze", "verify", "--man=no", unit)
+    assert "kvsnmp" not in done.stdout + done.stderr, done.stderr
+    done = root.run("systemd-analyze", "security", "--no-pager", "--offline=true", "--threshold=40", unit)
+    exposure = re.search(r"Overall exposure level for kvsnmp.service: (\S+)", done.stdout)
+    print(exposure[0])
+    text = guide.GUIDE.read_text()
+    assert f"--threshold=40 {unit}` rates it {exposure[1]}" in text
+
+
+def test_on_a_machine_that_is_no_device_the_unit_is_passed_over(booted: Booted) -> None:
+    booted.run("systemctl", "start", "kvsnmp.service")
+    assert booted.output("systemctl", "show", "-P", "ConditionResult", "kvsnmp.service") == "no"
+    assert booted.output("pgrep", "-x", "kvsnmp") == ""
+
+
+def make_device(booted: Booted) -> None:
+    for name, text in IDENTITY.items():
+        booted.root.path(f"/etc/{name}").write_text(text)
+    booted.root.path("/etc/systemd/system/talservice.service").write_text(TALSERVICE)
+    write_shown_file(booted, "/etc/dbus-1/system.d/com.orvane.pamon.conf")
+    booted.run("systemctl", "daemon-reload")
+    booted.run("systemctl", "reload-or-restart", "dbus.service")
+    booted.run("systemctl", "start", "talservice.service")
+
+
+def write_shown_file(booted: Booted, path: str, mode: int = 0o644) -> None:
+    file = booted.root.path(path)
+    file.parent.mkdir(parents=True, exist_ok=True)
+    file.write_text(guide.files()[path])
+    file.chmod(mode)
+
+
+def main_pid(booted: Booted) -> int:
+    return int(booted.output("systemctl", "show", "-P", "MainPID", "kvsnmp.service") or 0)
+
+
+def snmpd_pids(booted: Booted) -> list[str]:
+    return booted.output("pgrep", "-x", "snmpd").split()
+
+
+def answers(booted: Booted) -> bool:
+    answer = booted.output("snmpget", "-v2c", "-c", "public", "-On", "-r", "0", "-t", "1", "127.0.0.1", MODEL_NUMBER)
+    return answer == f"{MODEL_NUMBER} = INTEGER: 6420"
+
+
+def wait_answering(booted: Booted) -> None:
+    try:
+        wait_until(lambda: answers(booted), 20, "the model number through snmpd")
+    except AssertionError:
+        print(booted.output("systemctl", "status", "--no-pager", "-l", "kvsnmp.service"))
+        print(booted.output("journalctl", "--no-pager", "-n", "60"))
+        raise
+
+
+def status_field(booted: Booted, pid: object, name: str) -> str:
+    text = booted.output("cat", f"/proc/{pid}/status")
+    return re.search(rf"^{name}:\s*(.*)$", text, flags=re.MULTILINE)[1]
+
+
+def test_it_serves_under_systemd_with_all_restrictions(booted: Booted) -> None:
+    make_device(booted)
+    booted.run("systemctl", "unmask", "snmpd.service")
+    booted.run("systemctl", "start", "snmpd.service")
+    booted.run("systemctl", "start", "kvsnmp.service")
+    assert booted.output("systemctl", "is-active", "snmpd.service") in ("inactive", "failed"), "the units conflict"
+    wait_answering(booted)
+
+    pid = main_pid(booted)
+    assert booted.output("cat", "/run/kvsnmp.pid") == str(pid)
+    assert booted.output("cat", f"/proc/{pid}/comm") == "kvsnmp"
+    snmpd = snmpd_pids(booted)
+    assert len(snmpd) == 1
+    assert "kvsnmp.service" in booted.output("cat", f"/proc/{snmpd[0]}/cgroup")
+    config = booted.root.path("/etc/snmp/snmpd.conf")
+    assert config.read_text().startswith("master agentx\n") and stat.S_IMODE(config.stat().st_mode) == 0o600
+    wait_until(lambda: booted.output("cat", "/tmp/kvsnmp.watchdogtest") == "update", 10, "the watchdog file")
+    for process in (pid, snmpd[0]):
+        assert status_field(booted, process, "CapBnd") == CAPABILITIES
+        assert status_field(booted, process, "NoNewPrivs") == "1"
+        assert status_field(booted, process, "Seccomp") == "2"
+    assert int(status_field(booted, snmpd[0], "VmRSS").split()[0]) < 10240
+    assert "Starting snmpd (snmpd.conf from TAL)" in type_in(booted, "journalctl -t kv-snmp")
+
+
+def mount_options(mountinfo: str, folder: str) -> str:
+    """ro or rw, as the topmost mount of the folder has it."""
+    return [fields[5] for line in mountinfo.splitlines() if (fields := line.split())[4] == folder][-1].split(",")[0]
+
+
+def test_the_file_system_is_read_only_but_for_what_is_written(booted: Booted) -> None:
+    def touch(path: str) -> bool:
+        return booted.run("nsenter", "-t", str(main_pid(booted)), "-m", "touch", path, check=False).returncode == 0
+
+    for path in ("/etc/snmp/x", "/run/x", "/tmp/x", "/var/agentx/x", "/var/lib/snmp/x"):
+        assert touch(path), path
+        booted.run("rm", path)
+    for path in ("/etc/x", "/usr/x", "/var/x", "/var/log/x", "/root/x"):
+        assert not touch(path), path
+    assert mount_options(booted.output("cat", f"/proc/{main_pid(booted)}/mountinfo"), "/sys") == "ro"
+
+
+def test_gpio_export_can_be_written_where_the_rest_of_sys_cannot(booted: Booted) -> None:
+    """The unit's two lines on another folder of /sys: this machine need not have GPIO lines."""
+    folder = "/sys/class/net"
+    look = ["systemd-run", "--quiet", "--wait", "--pipe", "-p", "ProtectSystem=strict", "-p", "ProtectKernelTunables=yes",
+            "-p", f"ReadWritePaths=-{folder}", "cat", "/proc/self/mountinfo"]
+    mounts = booted.output(*look)
+    assert mount_options(mounts, "/sys") == "ro" and mount_options(mounts, folder) == "rw", mounts
+
+
+def test_snmpd_outlives_a_stop_and_is_taken_over(booted: Booted) -> None:
+    before = snmpd_pids(booted)
+    booted.run("systemctl", "stop", "kvsnmp.service")
+    assert booted.output("pgrep", "-x", "kvsnmp") == ""
+    assert booted.run("test", "-e", "/run/kvsnmp.pid", check=False).returncode == 1
+    assert snmpd_pids(booted) == before
+    booted.run("systemctl", "start", "kvsnmp.service")
+    wait_until(lambda: snmpd_pids(booted) not in ([], before), 20, "a new snmpd")
+    wait_answering(booted)
+    assert len(snmpd_pids(booted)) == 1
+
+
+def test_a_killed_daemon_comes_back(booted: Booted) -> None:
+    before = main_pid(booted)
+    booted.run("kill", "-KILL", str(before))
+    wait_until(lambda: main_pid(booted) not in (0, before), 20, "a new kvsnmp")
+    wait_answering(booted)
+
+
+def test_a_wrong_model_number_is_not_tried_again(booted: Booted) -> None:
+    booted.run("systemctl", "stop", "kvsnmp.service")
+    model = booted.root.path("/etc/xr-modelnumber")
+    model.write_text("9999\n")
+    booted.run("systemctl", "start", "kvsnmp.service", check=False)
+    wait_until(lambda: booted.output("systemctl", "is-active", "kvsnmp.service") == "failed", 20, "the unit's failure")
+    model.write_text(IDENTITY["xr-modelnumber"])
+    booted.run("systemctl", "reset-failed", "kvsnmp.service")
+    booted.run("systemctl", "start", "kvsnmp.service")
+    wait_answering(booted)
+
+
+def test_the_guide_s_first_two_commands_make_it_start_at_each_boot(booted: Booted) -> None:
+    type_in(booted, "systemctl mask --now snmpd.service")
+    type_in(booted, "systemctl enable --now kvsnmp.service")
+    assert booted.output("systemctl", "is-enabled", "kvsnmp.service") == "enabled"
+    assert booted.run("systemctl", "start", "snmpd.service", check=False).returncode != 0
+    assert answers(booted)
+
+
+def test_options_come_from_etc_default(booted: Booted) -> None:
+    options = booted.root.path("/etc/default/kvsnmp")
+    options.write_text("TAL_SOCKET=/run/tal.sock\nKVSNMP_OPTIONS=-z\n")
+    booted.run("systemctl", "restart", "kvsnmp.service")
+    wait_answering(booted)
+    assert booted.output("cat", f"/proc/{main_pid(booted)}/cmdline") == "/usr/sbin/kvsnmp\0-z\0"
+    assert "TAL_SOCKET=/run/tal.sock\0" in booted.output("cat", f"/proc/{main_pid(booted)}/environ")
+    options.unlink()
+
+
+def test_the_drop_in_brings_debug_lines_into_the_journal(booted: Booted) -> None:
+    drop_in = "/etc/systemd/system/kvsnmp.service.d/foreground.conf"
+    assert "readModelNumber" not in booted.output("journalctl", "-u", "kvsnmp.service"), "daemon mode prints nothing"
+    write_shown_file(booted, drop_in)
+    type_in(booted, "systemctl daemon-reload")
+    type_in(booted, "systemctl restart kvsnmp.service")
+    wait_answering(booted)
+    lines = type_in(booted, "journalctl -u kvsnmp.service")
+    assert "kvsnmp: forking as application.." in lines and "readModelNumber modelNumber: 6420 len: 4" in lines
+
+    assert booted.output("talctl", "monitor", "status") == "up", "the guide's policy lets it own its name"
+    booted.run("talctl", "monitor", "amp", "1", "5")
+    wait_until(lambda: "dbusDoAmpChannelStatusUpdateSlot Amp: 1 Status: 5" in
+               booted.output("journalctl", "-u", "kvsnmp.service"), 5, "the monitor's announcement")
+    booted.root.path(drop_in).unlink()
+
+
+def test_the_drop_in_for_the_library_is_accepted(booted: Booted) -> None:
+    drop_in = "/etc/systemd/system/kvsnmp.service.d/library.conf"
+    write_shown_file(booted, drop_in)
+    booted.run("systemctl", "daemon-reload")
+    booted.run("systemctl", "restart", "kvsnmp.service")
+    wait_answering(booted)
+    assert booted.output("systemctl", "show", "-P", "PrivateDevices", "kvsnmp.service") == "no"
+    assert "/sys" in booted.output("systemctl", "show", "-P", "ReadWritePaths", "kvsnmp.service").split()
+    booted.root.path(drop_in).unlink()
+
+
+def test_the_guide_s_ps_takes_the_health_probe_s_words(booted: Booted) -> None:
+    probe = ["--noheaders", "-C snmpd", "-o rss"]
+    assert booted.run("ps", *probe, check=False).stdout == "", "Debian's refuses them, as the guide says"
+    write_shown_file(booted, "/usr/local/lib/kvsnmp/ps", 0o755)
+    write_shown_file(booted, "/etc/systemd/system/kvsnmp.service.d/ps.conf")
+    booted.run("systemctl", "daemon-reload")
+    booted.run("systemctl", "restart", "kvsnmp.service")
+    wait_answering(booted)
+    path = re.search(r"PATH=([^\0]*)", booted.output("cat", f"/proc/{main_pid(booted)}/environ"))[1]
+    rss = booted.run("/usr/bin/env", f"PATH={path}", "ps", *probe).stdout
+    assert 1000 < int(rss) < 10240
+    assert booted.output("/usr/bin/env", f"PATH={path}", "ps", "-o", "comm=", "-p", "1") == "systemd"
+
+
+def test_further_directives_stand_in_snmpd_local_conf(booted: Booted) -> None:
+    """Here that snmpd shall run as another user, which takes the capabilities that the unit leaves."""
+    local = booted.root.path("/etc/snmp/snmpd.local.conf")
+    local.write_text("agentUser Debian-snmp\n")
+    before = snmpd_pids(booted)
+    wait_until(lambda: snmpd_pids(booted) not in ([], before), 20, "a snmpd after the change of the folder")
+    wait_answering(booted)
+    assert status_field(booted, snmpd_pids(booted)[0], "Uid").split()[1] != "0"
+    before = snmpd_pids(booted)
+    local.unlink()
+    wait_until(lambda: snmpd_pids(booted) not in ([], before), 20, "the other user's snmpd ended, a new one started")
+    wait_answering(booted)
+    assert len(snmpd_pids(booted)) == 1
+    assert status_field(booted, snmpd_pids(booted)[0], "Uid").split()[1] == "0"
+
+
+def test_the_self_check_runs(booted: Booted) -> None:
+    assert booted.run("kvsnmp-check", check=False).returncode in (0, 1)
+    typed.add("kvsnmp-check")
+
+
+def test_an_upgrade_of_snmpd_keeps_what_the_daemon_wrote(booted: Booted) -> None:
+    config = booted.root.path("/etc/snmp/snmpd.conf")
+    before = config.read_text()
+    type_in(booted, "apt-get -o Dpkg::Options::=--force-confold install --reinstall snmpd")
+    assert config.read_text() == before
+    assert booted.output("systemctl", "is-active", "snmpd.service") in ("inactive", "failed")
+    wait_answering(booted)  # dpkg's own files came and went in the folder
+    type_in(booted, "systemctl restart kvsnmp.service")
+    wait_answering(booted)
+
+
+# Upgraded, removed, purged
+
+
+def with_higher_version(debs: Path, folder: Path) -> None:
+    """The packages again with a higher version, and another kvagent.conf as the maintainer might ship it."""
+    for package in PACKAGES:
+        tree = folder / package
+        subprocess.run(["dpkg-deb", "--raw-extract", str(next(debs.glob(f"{package}_*.deb"))), str(tree)], check=True)
+        control = tree / "DEBIAN/control"
+        old = re.search(r"^Version: (.*)$", control.read_text(), flags=re.MULTILINE)[1]
+        control.write_text(control.read_text().replace(old, "9.0"))
+        if (conf := tree / "etc/snmp/kvagent.conf").exists():
+            conf.write_text(conf.read_text() + "# shipped by version 9.0\n")
+        subprocess.run(["dpkg-deb", "--root-owner-group", "--build", str(tree), str(folder)], check=True,
+                       stdout=subprocess.DEVNULL)
+        shutil.rmtree(tree)
+
+
+def test_an_upgrade_restarts_the_daemon_and_keeps_a_changed_kvagent_conf(booted: Booted, debs: Path) -> None:
+    conf = booted.root.path("/etc/snmp/kvagent.conf")
+    conf.write_text(conf.read_text() + LOCAL_LINE)
+    before = main_pid(booted)
+    with tempfile.TemporaryDirectory(dir=debs) as folder:
+        with_higher_version(debs, Path(folder))
+        booted.run("/bin/sh", "-c", f"apt-get -o Dpkg::Options::=--force-confdef -o Dpkg::Options::=--force-confold "
+                                    f"install {DEBS}/{Path(folder).name}/*.deb")
+    assert booted.output("dpkg-query", "-W", "-f", "${Version}", "kvsnmp") == "9.0"
+    assert conf.read_text().endswith(LOCAL_LINE)
+    assert "9.0" in booted.root.path("/etc/snmp/kvagent.conf.dpkg-dist").read_text()
+    assert main_pid(booted) not in (0, before)
+    assert booted.output("systemctl", "is-enabled", "kvsnmp.service") == "enabled"
+    wait_answering(booted)
+
+
+def test_ending_it_for_good_takes_both_processes(booted: Booted) -> None:
+    type_in(booted, "systemctl disable --now kvsnmp.service")
+    type_in(booted, "start-stop-daemon --stop --pidfile /run/snmpd.pid --exec /usr/sbin/snmpd")
+    wait_until(lambda: not snmpd_pids(booted), 10, "the end of snmpd")
+
+
+def test_removing_leaves_the_settings(booted: Booted) -> None:
+    booted.run("systemctl", "enable", "--now", "kvsnmp.service")
+    wait_answering(booted)
+    booted.run("apt-get", "remove", *PACKAGES)
+    assert booted.output("pgrep", "-x", "kvsnmp") == ""
+    assert not booted.root.path("/usr/sbin/kvsnmp").exists()
+    assert booted.root.path("/etc/snmp/kvagent.conf").read_text().endswith(LOCAL_LINE)
+    assert booted.root.path("/etc/snmp/snmpd.conf").exists()
+
+
+def test_purging_leaves_nothing_of_the_packages(booted: Booted, debs: Path) -> None:
+    booted.run("start-stop-daemon", "--stop", "--retry", "10", "--pidfile", "/run/snmpd.pid", "--exec", "/usr/sbin/snmpd")
+    booted.run("apt-get", "purge", "kvsnmp")  # the others had no conffiles and are gone already
+    assert booted.output("dpkg-query", "-W", "-f", "${db:Status-Abbrev}", *PACKAGES) == ""
+    for path in ("/etc/systemd/system/kvsnmp.service.d", "/usr/local/lib/kvsnmp", "/etc/default/kvsnmp"):
+        shutil.rmtree(booted.root.path(path), ignore_errors=True)  # the test's own
+    ours = set().union(*(files_of(package, debs) for package in PACKAGES))
+    left = {path for path in ours if not path.endswith("/") and booted.root.path(path).exists()}
+    assert left == set()
+    found = booted.output("find", "/", "-xdev", "(", "-path", "/proc", "-o", "-path", DEBS, "-o", "-path", "/var/log/journal",
+                          ")", "-prune", "-o", "(", "-iname", "*kvsnmp*", "-o", "-iname", "kvagent*", "-o", "-iname",
+                          "tal[cs]*", "-o", "-iname", "agentx", ")", "-print")
+    # The local administrator's, here the test's.
+    ignored = {"/etc/systemd/system/talservice.service", "/run/tal.sock", "/run/talctl.sock"}
+    assert set(found.splitlines()) - ignored == set()
+
+
+def test_debian_s_own_snmpd_conf_comes_back(booted: Booted) -> None:
+    type_in(booted, "rm /etc/snmp/snmpd.conf")
+    type_in(booted, "apt-get -o Dpkg::Options::=--force-confmiss install --reinstall snmpd")
+    assert "agentaddress" in booted.root.path("/etc/snmp/snmpd.conf").read_text()
+    booted.run("systemctl", "unmask", "snmpd.service")
+    booted.run("systemctl", "start", "snmpd.service")
+    assert booted.output("systemctl", "is-active", "snmpd.service") == "active"
+
+
+def test_every_command_of_the_guide_was_typed() -> None:
+    assert guide.commands() - typed - TYPED_ELSEWHERE == set()
