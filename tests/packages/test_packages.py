@@ -28,6 +28,7 @@ ExecStart=/usr/bin/talservice --model 6420 --bus system --gpio-root /run/gpio
 TYPED_ELSEWHERE = {
     *(f"/etc/init.d/kvsnmp {word}" for word in ("start", "status", "restart", "stop")),  # tests/device/test_init.py
     "cmake --preset release -B build/maker -DKVSNMP_XRCOMMON_ROOT=/opt/xrcommon",
+    "scripts/cross arm64", "scripts/cross armhf", "scripts/test-cross arm64",  # roots of their own, on the host
 }
 typed: set[str] = set()
 
