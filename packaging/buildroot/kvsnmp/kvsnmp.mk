@@ -1,0 +1,52 @@
+################################################################################
+#
+# kvsnmp
+#
+# NOT BUILT in this project: no test runs Buildroot; what is tested is that the
+# files it names are there. In an external tree (BR2_EXTERNAL) link this folder
+# as package/kvsnmp, source its Config.in, include this file, and name the
+# sources in local.mk:
+#   KVSNMP_OVERRIDE_SRCDIR = /path/of/kvsnmp
+# unless the folder stays in the tree, where KVSNMP_SITE finds them.
+#
+################################################################################
+
+KVSNMP_VERSION = 0.1.0
+KVSNMP_SITE = $(KVSNMP_PKGDIR)/../../..
+KVSNMP_SITE_METHOD = local
+KVSNMP_LICENSE = MIT
+KVSNMP_LICENSE_FILES = LICENSE
+KVSNMP_DEPENDENCIES = host-pkgconf dbus netsnmp pugixml qt5base
+
+# The maker's library instead of the stand-in, from a package of its own:
+#   KVSNMP_DEPENDENCIES += xrcommon
+#   KVSNMP_CONF_OPTS += -DKVSNMP_XRCOMMON_ROOT=$(STAGING_DIR)/usr
+KVSNMP_CONF_OPTS = -DKVSNMP_TESTS=OFF
+
+# The simulator and what monitoring systems load are not for a device.
+define KVSNMP_REMOVE_OTHERS
+	rm -rf $(addprefix $(TARGET_DIR)/usr/,bin/talservice bin/talctl \
+		bin/kvsnmp-device share/kvsnmp-simulator share/kvsnmp-monitoring)
+endef
+KVSNMP_POST_INSTALL_TARGET_HOOKS += KVSNMP_REMOVE_OTHERS
+
+# snmpd is started by kvsnmp alone.
+define KVSNMP_NO_OTHER_SNMPD
+	rm -f $(TARGET_DIR)/etc/init.d/S59snmpd
+	rm -f $(TARGET_DIR)/usr/lib/systemd/system/snmpd.service
+endef
+KVSNMP_TARGET_FINALIZE_HOOKS += KVSNMP_NO_OTHER_SNMPD
+
+define KVSNMP_INSTALL_INIT_SYSTEMD
+	$(INSTALL) -D -m 0644 $(@D)/packaging/systemd/kvsnmp.service \
+		$(TARGET_DIR)/usr/lib/systemd/system/kvsnmp.service
+	$(INSTALL) -D -m 0644 $(@D)/packaging/systemd/kvsnmp.tmpfiles \
+		$(TARGET_DIR)/usr/lib/tmpfiles.d/kvsnmp.conf
+endef
+
+define KVSNMP_INSTALL_INIT_SYSV
+	$(INSTALL) -D -m 0755 $(@D)/packaging/init/kvsnmp \
+		$(TARGET_DIR)/etc/init.d/S60kvsnmp
+endef
+
+$(eval $(cmake-package))

@@ -1,0 +1,49 @@
+# Recipe for Yocto/OpenEmbedded. NOT BUILT in this project: no test runs bitbake; what is tested is that the files it
+# names are there. Written for scarthgap (CMake 3.25 or later is needed) with meta-qt5, meta-oe and meta-networking:
+#   BBFILES += "/path/of/kvsnmp/packaging/yocto/*.bb"      in the layer.conf of a layer of yours
+# The sources are the tree that the recipe lies in. In a copy of it set EXTERNALSRC, or SRC_URI and S instead.
+SUMMARY = "SNMP sub-agent of a public-address controller"
+LICENSE = "MIT"
+LIC_FILES_CHKSUM = "file://LICENSE;md5=5bc9d469440fd725f9584fc0f4714abb"
+
+PV = "0.1.0+git"
+
+DEPENDS = "qtbase qtbase-native net-snmp pugixml"
+
+inherit externalsrc cmake_qt5 pkgconfig systemd update-rc.d
+
+EXTERNALSRC = "${@os.path.abspath(d.getVar('FILE_DIRNAME') + '/../..')}"
+EXTERNALSRC_BUILD = "${WORKDIR}/build"
+
+# With the maker's library instead of the stand-in, from a recipe of its own that installs include/xrcommon and
+# lib/libxrcommon.so below /usr:
+#   DEPENDS += "xrcommon"
+#   EXTRA_OECMAKE += "-DKVSNMP_XRCOMMON_ROOT=${STAGING_DIR_HOST}${prefix}"
+EXTRA_OECMAKE = "-DKVSNMP_TESTS=OFF"
+
+do_install:append() {
+    install -D -m 0644 ${S}/packaging/systemd/kvsnmp.service ${D}${systemd_system_unitdir}/kvsnmp.service
+    # net-snmp keeps its engine identity in another folder here than Debian's.
+    sed -i -e 's:/var/lib/snmp:${localstatedir}/lib/net-snmp:' ${D}${systemd_system_unitdir}/kvsnmp.service
+    install -D -m 0644 ${S}/packaging/systemd/kvsnmp.tmpfiles ${D}${nonarch_libdir}/tmpfiles.d/kvsnmp.conf
+    install -D -m 0755 ${S}/packaging/init/kvsnmp ${D}${sysconfdir}/init.d/kvsnmp
+}
+
+# snmpd is started by kvsnmp alone. net-snmp's own service has to be off, in a net-snmp_%.bbappend:
+#   SYSTEMD_AUTO_ENABLE:${PN}-server-snmpd = "disable"
+#   INITSCRIPT_PARAMS:${PN}-server-snmpd = "stop 60 0 1 6 ."
+SYSTEMD_SERVICE:${PN} = "kvsnmp.service"
+INITSCRIPT_NAME = "kvsnmp"
+INITSCRIPT_PARAMS = "defaults 91"
+
+PACKAGES =+ "${PN}-simulator ${PN}-monitoring"
+FILES:${PN} += "${datadir}/snmp/mibs/KVSNMP-MIB.txt ${nonarch_libdir}/tmpfiles.d/kvsnmp.conf"
+FILES:${PN}-simulator = "${bindir}/talservice ${bindir}/talctl ${bindir}/kvsnmp-device ${datadir}/kvsnmp-simulator"
+FILES:${PN}-monitoring = "${datadir}/kvsnmp-monitoring"
+CONFFILES:${PN} = "${sysconfdir}/snmp/kvagent.conf"
+
+# ps and killall: docs/integration.md says which arguments the device's ps has to accept.
+RDEPENDS:${PN} = "net-snmp-server-snmpd procps psmisc"
+RRECOMMENDS:${PN} = "dbus"
+RDEPENDS:${PN}-simulator = "${PN} python3-core"
+RDEPENDS:${PN}-monitoring = "python3-core"
