@@ -91,6 +91,8 @@ def test_snmpd_restarted_while_faults_are_active_loses_and_repeats_nothing(bench
 
 
 def test_two_hundred_faults_over_twenty_restarts_are_each_received_once(bench):
+    """The daemon ends snmpd itself, so it hands nothing over from then until the session is gone. At most, snmpd leaves
+    unread what it was sent right before."""
     device, faults, traps = bench.device, bench.faults, bench.traps
     log_start = len(device.kvsnmp_err())
     longest_silence = 0.0
@@ -106,27 +108,35 @@ def test_two_hundred_faults_over_twenty_restarts_are_each_received_once(bench):
         longest_silence = max(longest_silence, time.monotonic() - begin)
     faults.mark(traps)
 
-    # Handed over while snmpd was dying: between the order to end and the end of the session, and the last one before.
-    dying: set[str] = set()
+    # One thread writes these lines, unbuffered: they are in the order in which things happened.
+    restarts = 0
+    last_before: set[str] = set()  # the last handed over before each order to end
+    to_the_dying: list[str] = []
     last = ""
     ending = False
     for line in device.kvsnmp_err()[log_start:].splitlines(keepends=True):
         sent = re.search(r"description: (restart \d+) ->Send SUCCESS", line)
         if line == RESTARTING:
+            restarts += 1
             ending = True
-            dying.add(last)
+            last_before.add(last)
         elif line.startswith(DISCONNECTED):
             ending = False
         elif sent:
             last = sent[1]
             if ending:
-                dying.add(last)
+                to_the_dying.append(last)
     counts = traps.counts("restart ")
     lost = {text for text in faults.raised if text.startswith("restart ")} - set(counts)
     print(f"200 faults over 20 restarts: {len(counts)} received, {sum(counts.values()) - len(counts)} doubled, "
-          f"{len(lost)} handed over to a dying snmpd and lost, {longest_silence:.2f} s from the order to the last trap")
+          f"{len(to_the_dying)} handed over to a dying snmpd, {len(lost)} lost, "
+          f"{longest_silence:.2f} s from the order to the last trap")
+    assert restarts >= 20 and not ending
+    assert to_the_dying == []
     assert max(counts.values()) == 1
-    assert lost <= dying
+    # snmpd reads a trap within a millisecond or so, and killall takes longer to start; faults come 50 ms apart. So even
+    # one sent right before the end is read; on a busy machine one or two may not be.
+    assert lost <= last_before and len(lost) <= 2
     assert len(lost) + len(counts) == 200
 
 
