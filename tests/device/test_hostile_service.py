@@ -177,8 +177,9 @@ def answers_while(device: Device, work: threading.Thread) -> list[float]:
     return times
 
 
-def test_gibibyte_without_a_nul_takes_no_memory(fed):
-    """The service sends on without an end on every connection it gets; each is closed after 4 MiB."""
+def test_gibibyte_without_a_nul_is_cut_at_four_mebibytes(fed):
+    """The service would send 1 GiB without an end on each of four connections. The daemon hangs up once it holds 4 MiB,
+    so that is all it takes of them, in memory and in time."""
     pid = fed.device.kvsnmp_pid()
     fed.assert_works(4)
     before, first = memory_kb(fed.device, pid), fed.service.connections
