@@ -201,7 +201,8 @@ void TestTrapSender::timeTexts_data()
     add("up to the first other character", "60 s", "Thu Jan  1 00.01.00 1970\n");
     add("negative", "-60", "Wed Dec 31 23.59.00 1969\n");
     add("too large for a number: all bits", "99999999999999999999", "Wed Dec 31 23.59.59 1969\n");
-    add("too large for a calendar: the epoch", "9000000000000000000", "Thu Jan  1 00.00.00 1970\n");
+    if (sizeof(unsigned long) > 4) // 32 bits hold no time that is too large for a calendar
+        add("too large for a calendar: the epoch", "9000000000000000000", "Thu Jan  1 00.00.00 1970\n");
 }
 
 void TestTrapSender::timeTexts()
