@@ -9,6 +9,7 @@ import tempfile
 from pathlib import Path
 
 import guide
+import pytest
 from debianroot import DEBS, Booted, DebianRoot, wait_until
 
 CHECKOUT = Path(__file__).resolve().parents[2]
@@ -27,7 +28,7 @@ ExecStart=/usr/bin/talservice --model 6420 --bus system --gpio-root /run/gpio
 # Commands of the guide that other tests type, or that were typed by hand.
 TYPED_ELSEWHERE = {
     *(f"/etc/init.d/kvsnmp {word}" for word in ("start", "status", "restart", "stop")),  # tests/device/test_init.py
-    "cmake --preset release -B build/maker -DKVSNMP_XRCOMMON_ROOT=/opt/xrcommon",
+    "cmake --preset release -B build/maker -DKVSNMP_XRCOMMON_ROOT=/opt/xrcommon",  # test_maker_library.py, with less to build
     "scripts/cross arm64", "scripts/cross armhf", "scripts/test-cross arm64",  # roots of their own, on the host
 }
 typed: set[str] = set()
@@ -55,6 +56,43 @@ def test_the_packages_install_into_a_fresh_debian(root: DebianRoot, debs: Path) 
         assert root.run("dpkg-query", "-W", "-f", "${db:Status-Abbrev}", package).stdout == "ii "
     assert root.run("systemctl", "is-enabled", "kvsnmp.service", check=False).stdout == "disabled\n"
     assert not list(root.path("/etc").glob("rc[2-5].d/S*kvsnmp"))
+
+
+def documents_of(package: str, debs: Path) -> list[str]:
+    files = files_of(package, debs)
+    assert not [file for file in files if file.endswith(".md.gz")], "links lead to names without .gz"
+    return sorted(file for file in files if file.endswith(".md"))
+
+
+@pytest.mark.parametrize("package, documents", [("kvsnmp", {"gpio.md", "integration.md"}), ("kvsnmp-simulator", set()),
+                                                ("kvsnmp-monitoring", {"operators.md", "traps.md", "README.md"})])
+def test_the_links_of_a_package_s_documents_lead_to_its_own_files(root: DebianRoot, debs: Path, package: str,
+                                                                 documents: set[str]) -> None:
+    """Whoever has the package alone can follow them."""
+    own = {file.rstrip("/") for file in files_of(package, debs)}
+    found = documents_of(package, debs)
+    assert documents <= {Path(document).name for document in found}
+    top, dead, followed = root.folder.resolve(), [], 0
+    for document in found:
+        for link in re.findall(r"\]\(([^)\s]+)\)", root.path(document).read_text()):
+            if re.match(r"#|[a-z]+:", link):
+                continue
+            target = (root.path(document).parent / link.partition("#")[0]).resolve()
+            followed += 1
+            if not target.exists() or not target.is_relative_to(top) or f"/{target.relative_to(top)}" not in own:
+                dead.append(f"{document}: {link}")
+    assert dead == []
+    assert followed > 0 or package != "kvsnmp-monitoring"
+
+
+def test_the_paths_of_packages_that_documents_name_are_there(root: DebianRoot, debs: Path) -> None:
+    documents = [document for package in PACKAGES for document in documents_of(package, debs)]
+    texts = {document: root.path(document).read_text() for document in documents}
+    texts["unit"] = root.path("/lib/systemd/system/kvsnmp.service").read_text()
+    named = {(document, path) for document, text in texts.items()
+             for path in re.findall(r"/usr/share/(?:doc/)?kvsnmp[\w./-]*[\w/]", text)}
+    assert ("unit", "/usr/share/doc/kvsnmp/integration.md") in named
+    assert sorted((document, path) for document, path in named if not root.path(path).exists()) == []
 
 
 def test_each_program_has_a_manual_page(root: DebianRoot, debs: Path) -> None:
