@@ -1,0 +1,53 @@
+"""A build with the platform's library installed somewhere, as docs/integration.md tells it; here that is the stand-in."""
+from __future__ import annotations
+
+import os
+import shutil
+import subprocess
+from pathlib import Path
+
+import pytest
+
+CHECKOUT = Path(__file__).resolve().parents[2]
+WORK = CHECKOUT / "build/package/maker-library"
+
+
+def cmake(*arguments: object, check: bool = True) -> subprocess.CompletedProcess[str]:
+    done = subprocess.run(["cmake", *map(str, arguments)], cwd=CHECKOUT, capture_output=True, text=True,
+                          stdin=subprocess.DEVNULL, check=False)
+    assert not check or done.returncode == 0, done.stdout[-4000:] + done.stderr[-4000:]
+    return done
+
+
+def configure(folder: Path, *options: str, check: bool = True) -> subprocess.CompletedProcess[str]:
+    """Without optimization: the programs are linked, not run."""
+    return cmake("-G", "Ninja", "-S", CHECKOUT, "-B", folder, "-DCMAKE_BUILD_TYPE=", "-DKVSNMP_TESTS=OFF", *options, check=check)
+
+
+@pytest.fixture(scope="module")
+def library() -> Path:
+    """include/xrcommon and lib/libxrcommon.so."""
+    shutil.rmtree(WORK, ignore_errors=True)
+    configure(WORK / "stand-in", "-DBUILD_SHARED_LIBS=ON")
+    cmake("--build", WORK / "stand-in", "--target", "xrcommon")
+    cmake("--install", WORK / "stand-in", "--component", "xrcommon", "--prefix", WORK / "library")
+    return WORK / "library"
+
+
+def test_the_daemon_links_to_the_library_of_the_root(library: Path) -> None:
+    configure(WORK / "build", f"-DKVSNMP_XRCOMMON_ROOT={library}")
+    cmake("--build", WORK / "build", "--target", "kvsnmp")
+    loaded = subprocess.run(["ldd", str(WORK / "build/bin/kvsnmp")], capture_output=True, text=True, check=True).stdout
+    assert f"libxrcommon.so => {library}/lib/libxrcommon.so " in loaded, loaded
+    assert not list((WORK / "build").rglob("talinterface.cpp.o")), "the stand-in was built, too"
+
+
+@pytest.mark.parametrize("missing", ["include/xrcommon/TalInterface.h", "lib/libxrcommon.so"])
+def test_a_root_in_which_something_is_missing_is_refused(library: Path, missing: str) -> None:
+    broken = WORK / "broken"
+    shutil.rmtree(broken, ignore_errors=True)
+    shutil.copytree(library, broken)
+    os.unlink(broken / missing)
+    done = configure(WORK / "refused", f"-DKVSNMP_XRCOMMON_ROOT={broken}", check=False)
+    assert done.returncode != 0
+    assert f"KVSNMP_XRCOMMON_ROOT: {broken} has no" in done.stderr, done.stderr
