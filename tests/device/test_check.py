@@ -334,6 +334,19 @@ def test_gpio_lines_missing(start_device):
     assert SelfCheck(device).causes == ["gpio-tree"]
 
 
+# Commands of the supervision
+
+
+def test_killall_not_in_the_path_of_kvsnmp(start_device):
+    device = start_device(6420, "--no-traps", "--no-kvsnmp")
+    device.run(["sh", "-c", "mkdir /tmp/programs && cd /tmp/programs && ln -sf /usr/bin/* /usr/sbin/* . && rm killall"])
+    device.start_kvsnmp("-d", env={"PATH": "/run/device/bin:/tmp/programs"})
+    device.wait_answering()
+    check = SelfCheck(device)
+    assert_cause(check, "commands", "not in kvsnmp's PATH: killall")
+    assert {"snmpd-process", "model-number-served"} <= set(check.ids("ok"))
+
+
 # snmpd
 
 
@@ -480,6 +493,17 @@ def test_health_probe_refused_by_ps(amplifier):
     amplifier.path("/run/device/snmpd-rss").write_text("8192\n")
     assert_only_warnings(check, "health-probe")
     assert "10240 kB" in check.text("health-probe")
+
+
+def test_identity_file_changed_under_a_running_daemon(amplifier):
+    file = amplifier.path("/etc/xr-modelnumber")
+    kept = file.read_text()
+    file.write_text("6425\n")
+    check = SelfCheck(amplifier)
+    file.write_text(kept)
+    assert_cause(check, "model-number-served", "6420 is served, the identity file says 6425")
+    assert "restart kvsnmp" in check.checks["model-number-served"]["hint"]
+    assert_healthy(SelfCheck(amplifier))
 
 
 # Traps

@@ -8,7 +8,8 @@ from .device import Device
 
 
 class SelfCheck:
-    """One run. The waits are short: what answers at all on a throw-away device answers at once."""
+    """One run. The waits are short: what answers at all on a throw-away device answers at once. Whatever has failed or
+    gives a warning comes with a hint."""
 
     def __init__(self, device: Device, *arguments: str, timeout: str = "2") -> None:
         done = device.run(["kvsnmp-check", "--json", "--timeout", timeout, *arguments], check=False)
@@ -16,6 +17,8 @@ class SelfCheck:
         self.errors = done.stderr
         self.report: dict[str, Any] = json.loads(done.stdout)
         self.checks: dict[str, dict[str, str]] = {check["id"]: check for check in self.report["checks"]}
+        hintless = [name for name in self.ids("failed", "warning") if not self.checks[name]["hint"]]
+        assert hintless == [], str(self)
 
     @property
     def causes(self) -> list[str]:
