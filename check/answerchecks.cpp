@@ -126,6 +126,7 @@ Outcome checkSnmpdAnswer(Subject &subject)
 Outcome checkAgentxSocket(Subject &subject)
 {
     const QByteArray path = subject.conf.agentxSocket();
+    subject.agentxConnections = agentxConnections(contentsOf("/proc/net/unix"), path);
     const QString name = QString::fromLocal8Bit(path);
     if (!path.startsWith('/'))
         return skipped(name + QStringLiteral(" is no local socket"));
@@ -148,7 +149,7 @@ Outcome checkAgentxSocket(Subject &subject)
 
 Outcome checkSubAgent(Subject &subject)
 {
-    const int connections = agentxConnections(contentsOf("/proc/net/unix"), subject.conf.agentxSocket());
+    const int connections = subject.agentxConnections;
     const QString hint = QStringLiteral("kvsnmp tries to connect once a second (agentXPingInterval in "
                                         "/etc/snmp/kvagent.conf); if it stays so, restart kvsnmp");
     if (!subject.client) { // by what the kernel tells alone

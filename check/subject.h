@@ -43,4 +43,5 @@ struct Subject {
 
     std::vector<Process> snmpd;
     std::unique_ptr<SnmpClient> client; ///< null until snmpd has answered
+    int agentxConnections = 0;          ///< those of others: counted before our own ping
 };
