@@ -3,20 +3,26 @@ from __future__ import annotations
 
 import errno
 import os
+import shlex
 from pathlib import Path
 
-from .device import Device
+from .device import CHECKOUT, Device
 
 
 class SmallDisk:
     """Mounted inside the device, over the folder, with copies of what stands there. A daemon that watches the folder
-    has to be started afterwards."""
+    has to be started afterwards. A checkout below the folder, with the programs, stays in its place."""
 
     def __init__(self, device: Device, folder: str, kilobytes: int = 64) -> None:
         self._device = device
         self._mount_point = folder
         kept = {file.name: file.read_bytes() for file in device.path(folder).iterdir() if file.is_file()}
-        device.run(["mount", "-t", "tmpfs", "-o", f"size={kilobytes}k,mode=755", "tmpfs", folder])
+        mount = f"mount -t tmpfs -o size={kilobytes}k,mode=755 tmpfs {folder}"
+        if CHECKOUT.is_relative_to(folder):
+            checkout = shlex.quote(str(CHECKOUT))
+            mount = (f"mkdir /run/checkout && mount --bind {checkout} /run/checkout && {mount} && mkdir -p {checkout} && "
+                     f"mount --bind /run/checkout {checkout}")
+        device.run(["sh", "-e", "-c", mount])
         # The host's view of what only the device sees.
         self.folder = Path(f"/proc/{device.first_process}/root{folder}")
         for name, content in kept.items():
