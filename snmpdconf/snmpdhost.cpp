@@ -35,6 +35,13 @@ void startDetached(const Command &command)
     process.startDetached();
 }
 
+/// Parent of the processes that were killed and may not be gone yet. Never deleted: to delete one is to wait for it.
+QObject *killedProcesses()
+{
+    static auto *const parent = new QObject;
+    return parent;
+}
+
 QByteArray outputOf(const Command &command, int timeoutMs)
 {
     auto process = std::make_unique<QProcess>();
@@ -46,6 +53,7 @@ QByteArray outputOf(const Command &command, int timeoutMs)
         // Killed, and reaped by the event loop when it is gone: a process that hangs in the kernel may take its time.
         QObject::connect(process.get(), QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), process.get(),
                          &QObject::deleteLater);
+        process->setParent(killedProcesses());
         process.release()->kill();
     }
     return {};
