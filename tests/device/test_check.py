@@ -261,8 +261,7 @@ def test_kvsnmp_never_started(start_device):
 
 def test_kvsnmp_killed(start_device):
     device = start_device(6420, "--no-traps", "--daemon").wait_answering()
-    device.kill(device.kvsnmp_pid(), signal.SIGKILL)
-    wait_until(lambda: not device.pids("kvsnmp"), what="kvsnmp gone")
+    device.kill_and_wait(device.kvsnmp_pid())
     check = SelfCheck(device)
     assert_cause(check, "kvsnmp-process", "does not run", "a pid file of an earlier one is left")
     assert set(check.consequences()) == {"kvsnmp-pid-file", "sub-agent", "model-number-served"}

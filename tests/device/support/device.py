@@ -190,6 +190,13 @@ class Device:
     def kill(self, pid: int, number: signal.Signals) -> None:
         self.run(["sh", "-c", f"kill -{number.value} {pid}"])
 
+    def kill_and_wait(self, pid: int) -> None:
+        """Kills with SIGKILL, if it has not ended yet, and waits until nobody has the number: that of a zombie still
+        counts as one of a living process for whoever asks with signal 0."""
+        self.run(["sh", "-c", f"kill -9 {pid}"], check=False)
+        asked = ["sh", "-c", f"kill -0 {pid}"]
+        wait_until(lambda: self.run(asked, check=False).returncode != 0, what=f"process {pid} gone")
+
     def wait_snmpd(self, other_than: Sequence[int] = (), timeout: float = 10.0) -> int:
         """The one snmpd that runs and has written its pid file, when it is none of the given ones."""
         def look() -> int:
