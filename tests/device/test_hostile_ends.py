@@ -13,7 +13,7 @@ from support.press import Press
 from support.rawmanager import RawManager
 from support.snmp import parse
 from support.traps import Faults, TrapReceiver
-from test_walks import FAILED_TONE, Walk
+from support.walks import FAILED_TONE, Walk
 
 KILLS = int(os.environ.get("KVSNMP_KILLS", "50"))
 KILLS_AT_START = 20

@@ -27,8 +27,7 @@ from support.mib import mib
 from support.polling import wait_until
 from support.rawmanager import ROOT, RawManager, sockets
 from support.snmp import END_OF_VIEW, NO_SUCH_INSTANCE, NO_SUCH_OBJECT, PRIVATE_MIB, parse
-from test_values import VOLTAGES
-from test_walks import Expected, Walk, wait_for_lines
+from support.walks import Expected, Walk, wait_for_lines
 
 SEED = 52717
 MODEL = ber.numbers(MODEL_NUMBER)
@@ -518,7 +517,7 @@ def changes(turn: int) -> list[steps.Command]:
 
     truth = "true" if turn % 2 else "false"
     new = {f"power_lines/power_line[kid='{key}']/voltage": f"{20 + place + turn / 1000:.3f}"
-           for place, (_, _, key) in enumerate(VOLTAGES[6420])}
+           for place, (_, _, key) in enumerate(catalogue.VOLTAGES[6420])}
     new |= {f"temp_sensors/temp_sensor[kid='{key}']/temp_{kind}": f"{20 + place + turn / 10:.1f}"
             for place, (_, _, key) in enumerate(catalogue.TEMPERATURES[6420])
             for kind in ("current", "peak", "average")}

@@ -96,6 +96,30 @@ SCALAR_OIDS = {scalar.name: scalar.oid for scalar in OBJECTS if isinstance(scala
 
 # Rows by model. The third is the data service's key.
 
+VOLTAGES = {
+    6410: [(1, "Internal voltage 1.2V", "1v2"), (2, "Internal voltage 1.8V", "1v8"), (3, "Internal voltage 3.3V", "3v3"),
+           (4, "Internal voltage 5.0V", "5v0"), (5, "Internal voltage 12.7V", "12v7"),
+           (6, "Internal voltage 15.0V", "15v0"), (7, "Internal voltage 24.0V", "24v0"),
+           (8, "Front Board 24.0V", "24v0FB"), (9, "Internal voltage 32.0V", "32v0"),
+           (10, "Internal AC Power 24.0V", "24v0AC"), (11, "Internal DC Power 24.0V", "24v0DC")],
+    6420: [(1, "Network Switch 1.8V", "1v8SW"), (2, "Internal voltage 1.8V", "1v8"), (3, "Internal voltage 3.3V", "3v3"),
+           (4, "Internal voltage 5.0V", "5v0"), (5, "Internal voltage 12.7V", "12v7"),
+           (6, "Internal voltage 15.0V", "15v0"), (7, "Internal voltage 24.0V", "24v0"),
+           (8, "Front Board 24.0V", "24v0FB"), (9, "Internal voltage 50.0V", "50v0"),
+           (10, "Internal AC Power 50.0V", "50v0AC"), (11, "Internal DC Power 50.0V", "50v0DC"),
+           (12, "Amplifier Supply 15.0V", "15v0CDA"), (13, "Phantom Microphone 12.0V", "12v0PM")],
+    6425: [(1, "Network Switch 1.8V", "1v8SW"), (2, "Internal voltage 1.8V", "1v8"), (3, "Internal voltage 3.3V", "3v3"),
+           (4, "Internal voltage 5.0V", "5v0"), (6, "Internal voltage 15.0V", "15v0"),
+           (15, "Internal voltage 24.0V", "24v0Plus"), (16, "Internal voltage -24.0V", "24v0Minus")],
+    6720: [(1, "Network Switch 1.8V", "1v8SW"), (3, "Internal voltage 3.3V", "3v3"), (4, "Internal voltage 5.0V", "5v0"),
+           (5, "Internal voltage 12.7V", "12v7"), (7, "Internal voltage 24.0V", "24v0"),
+           (9, "Internal voltage 50.0V", "MainPower"), (12, "Amplifier Supply 15.0V", "15v_amp"),
+           (14, "Low Noise 12.7V", "12v7_LN")],
+    6764: [(1, "Network Switch 1.8V", "1v8_sw"), (3, "Internal voltage 3.3V", "3v3"), (4, "Internal voltage 5.0V", "5v0"),
+           (5, "Internal voltage 12.7V", "12v7"), (7, "Internal voltage 24.0V", "24v0"),
+           (9, "Internal voltage 50.0V", "50v0"), (12, "Amplifier Supply 15.0V", "15v0_amp"),
+           (14, "Low Noise 12.7V", "12v_ln")],
+}
 TEMPERATURES = {
     6410: [(1, "Main Board 1", "cntlr_main_board_1"), (2, "Main Board 2", "cntlr_main_board_2"),
            (3, "AC Power", "cntlr_ac_power"), (4, "DC Power", "cntlr_dc_power")],
