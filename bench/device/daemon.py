@@ -91,10 +91,10 @@ class DaemonBench(Bench):
         tell("notifications")
         lines = self._stream()
         pids = self.device.pids(KVSNMP.program)
-        cpu = self.spent(KVSNMP, pids)[1]
+        cpu = self.spent(KVSNMP, pids).nanoseconds
         taken = self._take_in(lines, faults, traps)
         self.table.add("notifications per second", KVSNMP, STREAM / taken)
-        self.table.add("CPU per notification, us", KVSNMP, (self.spent(KVSNMP, pids)[1] - cpu) / 1e3 / STREAM)
+        self.table.add("CPU per notification, us", KVSNMP, (self.spent(KVSNMP, pids).nanoseconds - cpu) / 1e3 / STREAM)
         loader = self.start_loader(KVSNMP, "load", KVSNMP.cell, 1, 600000)
         wait_until(lambda: self.device.pids("snmpload"), what="a manager")
         requests = self._requests_seen()

@@ -1,10 +1,15 @@
-"""What is measured of every subject, each figure written into the table as soon as it is made."""
+"""What is measured of every subject, each figure written into the table as soon as it is made.
+
+Figures of requests are the medians of some rounds, "min" is the least of all, and what was lost the sum.
+"""
 from __future__ import annotations
 
+import statistics
 import subprocess
 import sys
 import time
-from collections.abc import Iterable, Mapping
+from collections.abc import Callable, Iterable, Mapping
+from typing import NamedTuple
 
 from support.device import Device, bin_dir
 
@@ -12,7 +17,16 @@ from .subjects import SUBJECTS, Subject
 from .table import Table
 
 MANAGERS = (1, 4, 16, 256)
-LOAD_MS = 4000
+SCALAR_MANAGERS = 16
+LOAD_MS = 1000
+ROUNDS = 10
+Measure = Callable[[Subject], dict[str, float]]
+
+
+class Spent(NamedTuple):
+    wakes: int
+    nanoseconds: int  # on a processor
+    at: float  # the moment, in seconds
 
 
 def tell(what: str) -> None:
@@ -37,24 +51,44 @@ class Bench:
     # Requests
 
     def requests(self, rests: int) -> None:
-        """The subjects take turns at each figure, so that what else the machine does meets all of them."""
-        label = "GET back to back"
-        tell(label)
-        for subject in SUBJECTS:
-            self._latency(subject, label, self.load(subject, "latency", subject.cell, 5000, 0))
+        for label, oid_of in (("GET back to back", _cell), ("GET of a scalar back to back", _scalar)):
+            rounds = self._in_turns(label, lambda subject: self.load(subject, "latency", oid_of(subject), 500, 0))
+            for subject, measured in rounds.items():
+                self._latency(subject, label, measured)
         self._after_rest(rests)
         for label, repetitions in (("walk", 0), ("bulk walk (10)", 10)):
-            tell(label)
-            for subject in SUBJECTS:
-                walked = self.load(subject, "walk", subject.root, 30, repetitions)
-                self.table.add(f"{label}, us per variable", subject, walked["us_per_variable"])
-                self.table.add(f"{label}, variables", subject, walked["variables"], ratio=False)
+            rounds = self._in_turns(label, lambda subject: self.load(subject, "walk", subject.root, 5, repetitions))
+            for subject, walked in rounds.items():
+                self.table.add(f"{label}, us per variable", subject, _middle(walked, "us_per_variable"))
+                self.table.add(f"{label}, variables", subject, walked[0]["variables"], ratio=False)
         for managers in MANAGERS:
-            tell(f"{managers} managers")
-            for subject in SUBJECTS:
-                loaded = self.load(subject, "load", subject.cell, managers, LOAD_MS)
-                self.table.add(f"GETs per second, managers: {managers}", subject, loaded["per_second"])
-                self.table.add(f"GETs lost, managers: {managers}", subject, loaded["lost"], ratio=False)
+            self._throughput(f"managers: {managers}", _cell, managers)
+        self._throughput(f"managers: {SCALAR_MANAGERS}, of a scalar", _scalar, SCALAR_MANAGERS)
+
+    def _in_turns(self, label: str, measure: Measure) -> dict[Subject, list[dict[str, float]]]:
+        """Each subject ROUNDS times, each time beside all the others: what else the machine does, and how fast it wakes
+        its processors just then, meets all of them."""
+        tell(label)
+        measured: dict[Subject, list[dict[str, float]]] = {subject: [] for subject in SUBJECTS}
+        for turn in range(ROUNDS):
+            first = turn % len(SUBJECTS)
+            for subject in [*SUBJECTS[first:], *SUBJECTS[:first]]:
+                measured[subject].append(measure(subject))
+        return measured
+
+    def _throughput(self, label: str, oid_of: Callable[[Subject], str], managers: int) -> None:
+        pids = {subject: self.devices[subject].pids(subject.program) for subject in SUBJECTS}
+
+        def measure(subject: Subject) -> dict[str, float]:
+            before = self.spent(subject, pids[subject])
+            loaded = self.load(subject, "load", oid_of(subject), managers, LOAD_MS)
+            cpu = self.spent(subject, pids[subject]).nanoseconds - before.nanoseconds
+            return loaded | {"cpu": cpu / 1000 / (loaded["per_second"] * LOAD_MS / 1000)}
+
+        for subject, loaded in self._in_turns(label, measure).items():
+            self.table.add(f"GETs per second, {label}", subject, _middle(loaded, "per_second"))
+            self.table.add(f"CPU per GET, us, {label}", subject, _middle(loaded, "cpu"))
+            self.table.add(f"GETs lost, {label}", subject, sum(one["lost"] for one in loaded), ratio=False)
 
     def _after_rest(self, rests: int, rest_ms: int = 5000) -> None:
         """One subject of each device at a time, some 1.25 s apart: nobody's rest is disturbed."""
@@ -68,14 +102,15 @@ class Bench:
                 loaders.append((subject, self.start_loader(subject, "latency", subject.cell, rests, rest_ms)))
                 time.sleep(rest_ms / 4000)
             for subject, loader in loaders:
-                self._latency(subject, label, figures_of(loader.communicate(timeout=1000)[0]))
+                self._latency(subject, label, [figures_of(loader.communicate(timeout=1000)[0])])
             waiting = [subject for subject in waiting if subject not in together]
 
-    def _latency(self, subject: Subject, label: str, measured: dict[str, float]) -> None:
-        for key in ("min", "p50", "p99"):
-            self.table.add(f"{label}, {key}, us", subject, measured[f"{key}_us"])
-        if measured["lost"]:
-            self.table.add(f"{label}, lost", subject, measured["lost"], ratio=False)
+    def _latency(self, subject: Subject, label: str, rounds: list[dict[str, float]]) -> None:
+        self.table.add(f"{label}, min, us", subject, min(one["min_us"] for one in rounds))
+        for key in ("p50", "p99"):
+            self.table.add(f"{label}, {key}, us", subject, _middle(rounds, f"{key}_us"))
+        if lost := sum(one["lost"] for one in rounds):
+            self.table.add(f"{label}, lost", subject, lost, ratio=False)
 
     # Processes
 
@@ -108,8 +143,8 @@ class Bench:
                     kilobytes[key] += int(value.split()[0])
         return kilobytes
 
-    def spent(self, subject: Subject, pids: list[int]) -> tuple[int, int, float]:
-        """Wake-ups and nanoseconds on a processor so far, of all threads, and the moment in seconds."""
+    def spent(self, subject: Subject, pids: list[int]) -> Spent:
+        """By all threads so far."""
         tasks = " ".join(f"/proc/{pid}/task/*" for pid in pids)
         text = self.devices[subject].run(["sh", "-c", f"for t in {tasks}; do cat $t/schedstat; "
                                                       "grep ^voluntary_ctxt_switches $t/status; done"]).stdout
@@ -121,8 +156,20 @@ class Bench:
                 wakes += int(words[1])
             else:
                 nanoseconds += int(words[0])
-        return wakes, nanoseconds, now
+        return Spent(wakes, nanoseconds, now)
 
 
 def figures_of(text: str) -> dict[str, float]:
     return {name: float(value) for name, value in (line.split() for line in text.splitlines())}
+
+
+def _cell(subject: Subject) -> str:
+    return subject.cell
+
+
+def _scalar(subject: Subject) -> str:
+    return subject.scalar
+
+
+def _middle(rounds: list[dict[str, float]], key: str) -> float:
+    return statistics.median(one[key] for one in rounds)

@@ -45,7 +45,9 @@ class Peer:
         device.path("/run/lldpd").mkdir()
         self._start_snmpd()
         with open(device.path(f"/var/log/{self.subject.name}.log"), "wb") as log:
-            device.popen(COMMANDS[self.subject], stdout=log, stderr=log)
+            # In a session of its own, as snmpd and the measured daemon have: the kernel shares out processors by session,
+            # and a sub-agent in the loader's would be woken otherwise.
+            device.popen(["setsid", "--wait", *COMMANDS[self.subject]], stdout=log, stderr=log)
         wait_until(lambda: len(device.snmp.walk(self.subject.root)) >= OBJECTS_AT_LEAST, 60, interval=0.5,
                    what=f"objects of {self.subject.name}\n" + device.read(f"/var/log/{self.subject.name}.log"))
 
