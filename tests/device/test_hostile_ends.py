@@ -67,20 +67,32 @@ def let_all_timers_run(device: Device) -> None:
         wait_until(lambda: device.path(WATCHDOG_FILE).exists(), what="watchdog file written")
 
 
-def wait_golden(device: Device, manager: RawManager, snmpd: int) -> int:
-    """Until another snmpd runs, alone, and all the values are served; with a clock that goes faster. That divides what
-    would be one restart of snmpd, so there may be two. The second may find the port still held by the first, which had
-    less than its half second to end; then none is left, and the health probe finds that. Returns the last."""
-    def another_snmpd() -> bool:
-        device.shift_clock(0.5)
-        return device.pids("snmpd") not in ([], [snmpd])
+def wait_other_snmpd(device: Device, old: int, hurry: float) -> int:
+    """Until an snmpd runs alone that is not the old one; the clock goes on by `hurry` seconds at each look. A clock that
+    goes faster leaves an snmpd less than its half second to end, and the next one finds the port still held by it; then
+    none is left, and the health probe finds that."""
+    seen = time.monotonic()
 
-    wait_until(another_snmpd, 20, 0.05, "another snmpd")
+    def look() -> int:
+        nonlocal seen
+        if device.pids("snmpd"):
+            seen = time.monotonic()
+        elif time.monotonic() > seen + 2:
+            device.shift_clock(PROBE_SECONDS)
+            seen = time.monotonic()
+        device.shift_clock(hurry)
+        pid = device.running_snmpd()
+        return 0 if pid == old else pid
+
+    return wait_until(look, 30, 0.05, "another snmpd")
+
+
+def wait_golden(device: Device, manager: RawManager, snmpd: int) -> int:
+    """Until another snmpd runs, alone, and all the values are served. The clock divides what would be one restart of
+    snmpd, so there may be two. Returns the last."""
+    wait_other_snmpd(device, snmpd, 0.15)
     let_all_timers_run(device)
-    if not device.pids("snmpd"):
-        device.shift_clock(PROBE_SECONDS)
-        let_all_timers_run(device)
-    snmpd = device.wait_snmpd(other_than=[snmpd])
+    snmpd = wait_other_snmpd(device, snmpd, 0)
 
     def golden() -> bool:
         if manager.try_get(MODEL) != ("INTEGER", str(device.model)):

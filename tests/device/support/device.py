@@ -197,13 +197,16 @@ class Device:
         asked = ["sh", "-c", f"kill -0 {pid}"]
         wait_until(lambda: self.run(asked, check=False).returncode != 0, what=f"process {pid} gone")
 
+    def running_snmpd(self) -> int:
+        """The one snmpd that runs and has written its pid file, so that it is not on its way to the background; else 0."""
+        pids = self.pids("snmpd")
+        return pids[0] if len(pids) == 1 and self.read("/run/snmpd.pid").strip() == str(pids[0]) else 0
+
     def wait_snmpd(self, other_than: Sequence[int] = (), timeout: float = 10.0) -> int:
         """The one snmpd that runs and has written its pid file, when it is none of the given ones."""
         def look() -> int:
-            pids = self.pids("snmpd")
-            if len(pids) != 1 or pids[0] in other_than or self.read("/run/snmpd.pid").strip() != str(pids[0]):
-                return 0
-            return pids[0]
+            pid = self.running_snmpd()
+            return 0 if pid in other_than else pid
 
         return wait_until(look, timeout, what="snmpd running")
 
