@@ -77,11 +77,8 @@ class DaemonBench(Bench):
             seen.append(figures_of(loader.communicate(timeout=70)[0]))
 
     def _restart_by_daemon(self) -> None:
-        """A file that comes into snmpd's folder makes the daemon restart snmpd."""
         snmpd = self.device.wait_snmpd()
-        touched = self.device.path("/etc/snmp/touched")
-        touched.write_text("")
-        touched.unlink()
+        self.device.stir_snmpd_folder()
         self.device.wait_snmpd(other_than=[snmpd])
 
     # Notifications

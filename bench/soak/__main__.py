@@ -104,10 +104,8 @@ class Soak:
     def order(self, *words: str) -> None:
         self.talctl.stdin.write(batch_line(words).encode())
 
-    def touch_configuration_folder(self) -> None:
-        touched = self.device.path("/etc/snmp/touched")
-        touched.write_text("")
-        touched.unlink()
+    def stir_snmpd_folder(self) -> None:
+        self.device.stir_snmpd_folder()
 
     def kill_snmpd(self, number: signal.Signals) -> None:
         for pid in self.device.pids("snmpd"):

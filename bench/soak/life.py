@@ -69,7 +69,7 @@ class Outside(Protocol):
     """The device, as far as this file gets hold of it."""
 
     def order(self, *words: str) -> None: ...
-    def touch_configuration_folder(self) -> None: ...
+    def stir_snmpd_folder(self) -> None: ...
     def kill_snmpd(self, number: signal.Signals) -> None: ...
 
 
@@ -180,7 +180,7 @@ class Life:
         self._outside.order("set", f"{SETTINGS}/mib_2_settings/sys_contact", f"contact {self._count}")
 
     def _touch(self, _: float) -> None:
-        self._outside.touch_configuration_folder()
+        self._outside.stir_snmpd_folder()
 
     def _kill(self, now: float) -> None:
         self._kill_with(signal.SIGKILL, now)

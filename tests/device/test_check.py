@@ -367,8 +367,7 @@ def test_snmpd_killed(start_device):
     assert "Connection refused" in check.text("agentx-socket")
 
     # As the hint says.
-    device.path("/etc/snmp/touched").touch()
-    device.path("/etc/snmp/touched").unlink()
+    device.stir_snmpd_folder()
     device.wait_answering()
     assert_healthy(SelfCheck(device))
 

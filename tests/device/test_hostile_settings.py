@@ -132,7 +132,7 @@ def test_line_feed_in_the_contact_runs_no_command(scripted):
 
     device.path(CONF).write_text(device.read(CONF) + f"{ATTACK}\n")
     snmpd = device.pids("snmpd")
-    device.path("/etc/snmp/touched").write_text("")
+    device.stir_snmpd_folder()
     device.wait_snmpd(other_than=snmpd)
     device.wait_answering()
     wait_until(lambda: len(walks_of_extensions(device)) > 1, 10, what="extension served")

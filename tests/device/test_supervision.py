@@ -119,7 +119,7 @@ def test_custom_configuration_is_left_alone_and_snmpd_started_with_it(start_devi
     device.talctl("set", f"{SETTINGS}/mib_2_settings/sys_contact", "nobody")
     stays(lambda: device.pids("snmpd") == [pid], 1.5, what="the same snmpd")
     device.path(CONF).write_text(custom.replace("by hand\n" + READ, "changed by hand\n" + READ))
-    device.path("/etc/snmp/touched").write_text("")
+    device.stir_snmpd_folder()
     pid = device.wait_snmpd(other_than=[pid])
     device.wait_answering()
     assert device.snmp.get(".1.3.6.1.2.1.1.6.0") == [("STRING", "changed by hand")]

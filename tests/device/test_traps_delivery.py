@@ -12,7 +12,6 @@ from support.traps import Faults, TrapReceiver, send_results, switch
 
 RESTARTING = "SnmpdConfHandler onRestartSnmpdTimeout Restarting snmpd\n"
 DISCONNECTED = "AgentX master disconnected us"  # the agent library's own words
-FOLDER = "/etc/snmp"
 
 
 class Bench:
@@ -21,17 +20,10 @@ class Bench:
         self.traps = TrapReceiver(self.device)
         self.faults = Faults(self.device)
         self.device.wait_answering().wait_subscribed()
-        self._touched = 0
-
-    def order_restart(self) -> None:
-        """Changes the folder of snmpd.conf, whereupon the daemon restarts snmpd."""
-        self._touched += 1
-        self.device.path(f"{FOLDER}/touched").write_text(f"{self._touched}\n")
-        self.device.path(f"{FOLDER}/touched").unlink()
 
     def restart(self) -> None:
         snmpd = self.device.pids("snmpd")
-        self.order_restart()
+        self.device.stir_snmpd_folder()
         self.device.wait_snmpd(other_than=snmpd)
         self.device.wait_answering()
 
@@ -83,7 +75,7 @@ def test_snmpd_restarted_while_faults_are_active_loses_and_repeats_nothing(bench
     bench.faults.raise_all("fuse_broken", early)
     bench.traps.wait_for(*early)
     restarts = bench.device.kvsnmp_err().count(RESTARTING)
-    bench.order_restart()
+    bench.device.stir_snmpd_folder()
     wait_until(lambda: bench.device.kvsnmp_err().count(RESTARTING) > restarts, what="restart begun")
     bench.faults.raise_all("fuse_broken", late)  # snmpd was told to end, or has ended
     bench.traps.wait_for(*late)
@@ -98,7 +90,7 @@ def test_two_hundred_faults_over_twenty_restarts_are_each_received_once(bench):
     longest_silence = 0.0
     for _ in range(20):
         snmpd = device.pids("snmpd")
-        bench.order_restart()
+        bench.device.stir_snmpd_folder()
         begin = time.monotonic()
         for text in faults.new_texts("restart", 10):  # spread over the whole way from the order to the new session
             faults.raise_one("let_fail", text)

@@ -197,6 +197,12 @@ class Device:
         asked = ["sh", "-c", f"kill -0 {pid}"]
         wait_until(lambda: self.run(asked, check=False).returncode != 0, what=f"process {pid} gone")
 
+    def stir_snmpd_folder(self) -> None:
+        """A file comes and goes beside snmpd.conf: the daemon restarts snmpd with the files as they are."""
+        stirred = self.path("/etc/snmp/stirred")
+        stirred.write_text("")
+        stirred.unlink()
+
     def running_snmpd(self) -> int:
         """The one snmpd that runs and has written its pid file, so that it is not on its way to the background; else 0."""
         pids = self.pids("snmpd")
