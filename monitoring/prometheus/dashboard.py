@@ -71,7 +71,7 @@ def panel(number: int, item: Panel, x: int, y: int) -> dict[str, Any]:
     return made
 
 
-def text() -> str:
+def text(description: str) -> str:
     panels, x, y, height = [], 0, 0, 0
     for number, item in enumerate(PANELS, 1):
         if x + item.width > 24:
@@ -84,7 +84,7 @@ def text() -> str:
          "includeAll": True, "allValue": ".*", "refresh": 2,
          "query": {"query": 'label_values(up{job="kvsnmp"}, instance)', "refId": "instance"},
          "current": {"text": "All", "value": "$__all"}}]
-    made = {"uid": "kvsnmp", "title": "Public address devices (kvsnmp)", "tags": ["kvsnmp"], "schemaVersion": 37,
-            "editable": True, "refresh": "1m", "time": {"from": "now-6h", "to": "now"},
+    made = {"description": description, "uid": "kvsnmp", "title": "Public address devices (kvsnmp)", "tags": ["kvsnmp"],
+            "schemaVersion": 37, "editable": True, "refresh": "1m", "time": {"from": "now-6h", "to": "now"},
             "templating": {"list": variables}, "panels": panels}
     return json.dumps(made, indent=2) + "\n"

@@ -3,7 +3,6 @@ from __future__ import annotations
 
 import re
 import shlex
-import subprocess
 from collections.abc import Iterator
 from concurrent.futures import ThreadPoolExecutor
 from typing import NamedTuple
@@ -100,11 +99,6 @@ def devices() -> Iterator[dict[int, Device]]:
     yield {device.model: device for device in started}
     complaints = [complaint for device in started for complaint in device.stop()]
     assert complaints == []
-
-
-def test_files_are_made_of_the_golden_walks():
-    done = subprocess.run([FOLDER / "generate", "--check"], capture_output=True, text=True, check=False)
-    assert (done.returncode, done.stdout) == (0, "")
 
 
 def test_models_of_a_kind_have_the_same_services():

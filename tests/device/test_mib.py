@@ -10,7 +10,7 @@ import pytest
 from support import catalogue
 from support.catalogue import CODES, COLUMN_OIDS, OBJECTS, TABLE_NAMES, Table
 from support.device import CHECKOUT
-from support.mib import BASE_MODULES, MIB_ENVIRONMENT, MIB_FILE, MODULE, compile_mib, mib
+from support.mib import BASE_MODULES, MIB_ENVIRONMENT, MIB_FILE, MODULE, SERVED_TYPE, compile_mib, mib
 from support.snmp import PRIVATE_MIB, Variable, parse
 
 GOLDEN = sorted((Path(__file__).parent / "golden").glob("*.walk"))
@@ -32,14 +32,9 @@ def net_snmp(*command: str) -> str:
                           env=os.environ | MIB_ENVIRONMENT).stdout
 
 
-def text_of(name: str) -> str:
-    """A DESCRIPTION as one line."""
-    return " ".join(mib().nodes[name]["description"].split())
-
-
 def readable() -> dict[str, str]:
     """Name to OID of everything that can be read."""
-    return {name: item.oid for name, item in mib().objects.items() if item.access == "read-only"}
+    return {item.name: f".{item.oid}" for item in mib().readable}
 
 
 # Other people's compilers
@@ -53,9 +48,8 @@ def test_smilint_says_nothing_but_what_the_served_layout_forces():
         assert match[2] not in classes.setdefault(match[1], set()), line
         classes[match[1]].add(match[2])
     rows = {name for name, node in mib().nodes.items() if node.get("nodetype") == "row"}
-    notifications = {name for name, node in mib().nodes.items() if node.get("class") == "notificationtype"}
-    assert classes == {"index-element-accessible": rows, "notification-not-reversible": notifications}
-    assert len(rows) == len(TABLE_NAMES) and len(notifications) == NOTIFICATIONS
+    assert classes == {"index-element-accessible": rows, "notification-not-reversible": set(mib().notifications)}
+    assert len(rows) == len(TABLE_NAMES) and len(mib().notifications) == NOTIFICATIONS
 
 
 def test_pysmi_compiles_it(tmp_path):
@@ -123,7 +117,7 @@ def test_objects_are_the_catalogues():
             expected |= {column: (item.oid(column), kind) for column, kind in item.columns}
         else:
             expected[item.name] = (item.oid.removesuffix(".0"), item.type)
-    assert {name: (oid, mib().objects[name].served_type) for name, oid in readable().items()} == expected
+    assert {name: (oid, SERVED_TYPE[mib().objects[name].base]) for name, oid in readable().items()} == expected
 
 
 def test_tables_are_the_catalogues():
@@ -132,7 +126,7 @@ def test_tables_are_the_catalogues():
                       for item in OBJECTS if isinstance(item, Table)}
     for item in OBJECTS:
         if isinstance(item, Table):
-            assert {mib().index_of[column].name for column, _ in item.columns} == {item.columns[0][0]}
+            assert {mib().objects[column].index for column, _ in item.columns} == {item.columns[0][0]}
 
 
 def test_enumerations_name_every_code_that_can_be_served_and_no_other():
@@ -162,8 +156,8 @@ def test_every_index_and_integer_has_a_range():
     for file in GOLDEN:
         for variable in parse(file.read_text()):
             item, instance = mib().resolve(variable.oid)
-            if item.kind == "column":
-                indices.setdefault(mib().index_of[item.name].name, set()).add(instance[0])
+            if item.table:
+                indices.setdefault(item.index, set()).add(instance[0])
     assert {name: mib().objects[name].ranges for name in indices} == {
         name: [(min(used), max(used))] for name, used in indices.items()}
 
@@ -190,8 +184,7 @@ def test_everything_is_described_and_in_one_group():
     groups = {name: [member["object"] for member in node["objects"]] for name, node in mib().nodes.items()
               if node.get("class") in ("objectgroup", "notificationgroup")}
     members = sorted(member for group in groups.values() for member in group)
-    notifications = [name for name, node in mib().nodes.items() if node.get("class") == "notificationtype"]
-    assert members == sorted([*readable(), *NOTIFICATION_OBJECTS, *notifications])
+    assert members == sorted([*readable(), *NOTIFICATION_OBJECTS, *mib().notifications])
     compliance, = (node for node in mib().nodes.values() if node.get("class") == "modulecompliance")
     assert sorted(group["object"] for group in compliance["modulecompliance"]) == sorted(groups)
 
@@ -218,18 +211,15 @@ def test_notifications_are_those_of_the_trap_table():
     traps = trap_table()
     assert len(traps) == NOTIFICATIONS and sum(len(identifiers) for _, identifiers in traps.values()) == 38
     expected = {notification_name(name): f"{NOTIFICATION_ARC}.{arc}" for arc, (name, _) in traps.items()}
-    assert {name: f".{node['oid']}" for name, node in mib().nodes.items()
-            if node.get("class") == "notificationtype"} == expected
+    assert {item.name: f".{item.oid}" for item in mib().notifications.values()} == expected
 
 
 @pytest.mark.parametrize("arc, name, identifiers", [(arc, *row) for arc, row in sorted(trap_table().items())])
 def test_notification_says_what_raises_it_and_what_shows_its_end(arc, name, identifiers):
-    node = mib().nodes[notification_name(name)]
-    assert [item["object"] for item in node["objects"]] == NOTIFICATION_OBJECTS
-    text = text_of(node["name"])
-    assert text.startswith(f"{name}: ")
-    raised = re.search(r"Raised by the system messages? ([\w, ]+)\.", text)[1]
-    assert raised.split(", ") == identifiers
+    notification = mib().notifications[notification_name(name)]
+    assert [item["object"] for item in mib().nodes[notification.name]["objects"]] == NOTIFICATION_OBJECTS
+    assert (notification.title, notification.messages) == (name, identifiers)
+    text = notification.description
     columns = [mib().objects[word] for word in re.findall(r"\w+", text) if word in readable()]
     assert columns or "no object of this module shows" in text.lower()
     for state, code in re.findall(r"\b([a-z]\w*)\((\d+)\)", text):
@@ -239,7 +229,7 @@ def test_notification_says_what_raises_it_and_what_shows_its_end(arc, name, iden
 
 def test_objects_of_notifications_cannot_be_read():
     objects = {name: item for name, item in mib().objects.items() if name not in readable()}
-    assert {name: (item.oid, item.access, item.served_type) for name, item in objects.items()} == {
+    assert {name: (f".{item.oid}", item.access, SERVED_TYPE[item.base]) for name, item in objects.items()} == {
         name: (f"{PRIVATE_MIB}.2.4.{arc}", "accessible-for-notify", "INTEGER" if name == "trapLevel" else "STRING")
         for arc, name in enumerate(NOTIFICATION_OBJECTS, 1)}
     severities = re.findall(r'\{"\w+",\s*(\d)\}', (CHECKOUT / "faults/faulthandler.cpp").read_text())

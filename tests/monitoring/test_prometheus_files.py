@@ -1,50 +1,19 @@
-"""The files of monitoring/prometheus, without a program that reads them: fresh, of the right structure, and each name that
-one of them uses made by another."""
+"""The files of monitoring/prometheus, without a program that reads them: of the right structure, and
+each name that one of them uses made by another."""
 from __future__ import annotations
 
 import json
 import re
-import subprocess
 
 import pytest
 import yaml
 from prometheus_files import (BEFORE, DASHBOARD, FOLDER, FOREIGN, RULES, SINCE, alerts, groups, modules, names_in, panel_queries,
                               rules, scraped_names, states)
 
-GENERATED = [BEFORE.name, SINCE.name, "metrics.md", DASHBOARD.name]
-
 # What the exporter takes, which refuses every other key: in both versions, and around it.
 MODULE_KEYS = {"walk", "get", "metrics", "max_repetitions", "retries", "timeout"}
 METRIC_KEYS = {"name", "oid", "type", "help", "indexes", "lookups", "regex_extracts", "enum_values"}
 TYPES = {"gauge", "DisplayString", "EnumAsInfo", "EnumAsStateSet"}
-
-
-def generate(*arguments: str) -> subprocess.CompletedProcess:
-    return subprocess.run([str(FOLDER / "generate"), *arguments], capture_output=True, text=True, timeout=120)
-
-
-def test_generated_files_are_fresh():
-    done = generate("--check")
-    assert done.returncode == 0, done.stdout + done.stderr
-
-
-@pytest.mark.parametrize("name", GENERATED)
-def test_a_stale_file_is_noticed(tmp_path, name):
-    """In a copy of the folder in which one file was changed by hand."""
-    copy = tmp_path / "monitoring/prometheus"
-    copy.mkdir(parents=True)
-    for file in FOLDER.iterdir():
-        if file.is_file():
-            (copy / file.name).write_bytes(file.read_bytes())
-    (copy / "generate").chmod(0o755)
-    with open(copy / name, "a") as file:
-        file.write("\n")
-    mib_dirs = [FOLDER.parents[1] / "mibs", FOLDER.parents[1] / "build/npm/node_modules/net-snmp/lib/mibs"]
-    command = [str(copy / "generate"), *(f"--mib-dir={place}" for place in mib_dirs)]
-    done = subprocess.run([*command, "--check"], capture_output=True, text=True, timeout=120)
-    assert done.returncode == 1 and name in done.stderr and len(done.stderr.splitlines()) == 1, done.stderr
-    assert subprocess.run(command, capture_output=True, timeout=120).returncode == 0
-    assert (copy / name).read_bytes() == (FOLDER / name).read_bytes()
 
 
 # The exporter's modules

@@ -59,7 +59,7 @@ def expected_series(walk: list[Variable]) -> Series:
     info: dict[str, str] = {}
     for variable in walk:
         item, (instance,) = mib().resolve(variable.oid)
-        table = item.oid.rpartition(".")[0] if item.kind == "column" else ""
+        table = item.table
         row = rows.setdefault((table, instance), {"index": str(instance)} if table else {})
         if item.name in INFO_TEXTS:
             info[INFO_TEXTS[item.name]] = variable.text

@@ -1,0 +1,66 @@
+"""What the generators of monitoring/ make is what is tracked, and --check finds each file that is stale."""
+from __future__ import annotations
+
+import shutil
+import subprocess
+from pathlib import Path
+
+import pytest
+
+CHECKOUT = Path(__file__).resolve().parents[2]
+MADE = {
+    "checks": ["kvsnmp-services.cfg"],
+    "prometheus": ["kvsnmp-dashboard.json", "metrics.md", "snmp-before-0.23.yml", "snmp-from-0.23.yml"],
+    "zabbix": ["kvsnmp-template.yaml"],
+}
+UNTRACKED = "recordings"  # the device tests read what it makes
+
+
+@pytest.fixture(scope="module")
+def copy(tmp_path_factory) -> Path:
+    """The folder monitoring/ with nothing in it but the generators, and what they read beside it."""
+    tree = tmp_path_factory.mktemp("tree")
+    for scripts in ("*.py", "*/*.py", "*/generate"):
+        for script in (CHECKOUT / "monitoring").glob(scripts):
+            place = tree / script.relative_to(CHECKOUT)
+            place.parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy(script, place)
+    for beside in ("build", "mibs", "tests"):
+        (tree / beside).symlink_to(CHECKOUT / beside)
+    return tree / "monitoring"
+
+
+def generate(folder: Path, *options: str) -> tuple[int, list[str]]:
+    done = subprocess.run([folder / "generate", *options], capture_output=True, text=True, timeout=120, check=False)
+    assert not done.stderr, done.stderr
+    return done.returncode, done.stdout.splitlines()
+
+
+def texts(folder: Path) -> dict[str, str]:
+    return {file.name: file.read_text() for file in sorted(folder.iterdir()) if file.suffix != ".py" and file.name != "generate"}
+
+
+@pytest.mark.parametrize("name", MADE)
+def test_makes_what_is_tracked_and_finds_what_is_stale(copy, name):
+    tracked = {file: (CHECKOUT / "monitoring" / name / file).read_text() for file in MADE[name]}
+    stale = [f"monitoring/{name}/{file} is stale; run monitoring/{name}/generate" for file in MADE[name]]
+    status, said = generate(copy / name, "--check")
+    assert (status, sorted(said), texts(copy / name)) == (1, stale, {}), "there is no file yet"
+    assert generate(copy / name)[0] == 0
+    assert texts(copy / name) == tracked, f"run monitoring/{name}/generate"
+    assert generate(copy / name, "--check") == (0, [])
+    for file, text in tracked.items():
+        (copy / name / file).write_text(text + "\n")
+    status, said = generate(copy / name, "--check")
+    assert (status, sorted(said)) == (1, stale), "a line was added to each"
+
+
+@pytest.mark.parametrize("file", [f"monitoring/{name}/{file}" for name, files in MADE.items() for file in files])
+def test_the_first_line_says_what_made_it(file):
+    lines = (CHECKOUT / file).read_text().splitlines()
+    first = lines[1 if file.endswith(".json") else 0]  # JSON has no comments: the first key
+    assert f"Made by {Path(file).parent}/generate; changes are lost" in first
+
+
+def test_every_generator_is_looked_at():
+    assert {script.parent.name for script in (CHECKOUT / "monitoring").glob("*/generate")} == {*MADE, UNTRACKED}
