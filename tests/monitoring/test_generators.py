@@ -11,6 +11,7 @@ CHECKOUT = Path(__file__).resolve().parents[2]
 MADE = {
     "checks": ["kvsnmp-services.cfg"],
     "prometheus": ["kvsnmp-dashboard.json", "metrics.md", "snmp-before-0.23.yml", "snmp-from-0.23.yml"],
+    "snmptrapd": ["snmptt.conf.kvsnmp"],
     "zabbix": ["kvsnmp-template.yaml"],
 }
 UNTRACKED = "recordings"  # the device tests read what it makes
