@@ -99,7 +99,8 @@ WAYS: dict[str, dict[str, Typed | ByHand]] = {
         "install -m 644 kvsnmp.rules.yml /etc/prometheus/": ByHand("promtool check rules: SUCCESS: 46 rules found"),
     },
     "monitoring/recordings/README.md": {
-        "snmpsimd --data-dir=monitoring/recordings --agent-udpv4-endpoint=127.0.0.1:1161":
+        "monitoring/recordings/generate": Typed("tests/device/test_recordings.py", "[GENERATE, folder]"),
+        "snmpsimd --data-dir=build/recordings --agent-udpv4-endpoint=127.0.0.1:1161":
             ByHand("the walk below; by a user other than root"),
         "snmpwalk -v2c -c 6420 127.0.0.1:1161 .1.3.6.1.4.1.52717.3": ByHand("297 objects, and the end of the view"),
     },

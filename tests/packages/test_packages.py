@@ -95,6 +95,11 @@ def test_the_paths_of_packages_that_documents_name_are_there(root: DebianRoot, d
     assert sorted((document, path) for document, path in named if not root.path(path).exists()) == []
 
 
+def test_each_model_has_its_recording(debs: Path) -> None:
+    recordings = {Path(file).stem for file in files_of("kvsnmp-monitoring", debs) if file.endswith(".snmprec")}
+    assert recordings == {walk.stem for walk in (CHECKOUT / "tests/device/golden").glob("*.walk")}
+
+
 def test_each_program_has_a_manual_page(root: DebianRoot, debs: Path) -> None:
     files = set().union(*(files_of(package, debs) for package in PACKAGES))
     programs = {Path(file).name for file in files if re.fullmatch(r"/usr/s?bin/[^/]+", file)}
