@@ -8,7 +8,6 @@
 #include <QFile>
 #include <QTextStream>
 
-#include <charconv>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -17,8 +16,8 @@ namespace {
 
 constexpr char modelNumberFile[] = "/etc/xr-modelnumber";
 
-/// What is read of a first line; a file without a line end may be of any size. No field takes more than 127 bytes of
-/// it.
+/// What is read of a first line; a file without a line end may be of any size. No field takes more than 127 characters
+/// of it.
 constexpr qint64 maxLine = 4096;
 
 /// One text of a type file with its code, shared with the agent, and the label that is served.
@@ -91,13 +90,12 @@ void store(InfoText &field, std::string_view text)
     field.length = copyBounded(field.text, text.substr(0, text.find('\0')));
 }
 
-/// White space around the digits, the line end included, is ignored; anything else is not a number.
+/// A sign in front of the digits, and white space around both, the line end included, are allowed; nothing else is.
 std::optional<int> decimalNumber(const QByteArray &line)
 {
-    const QByteArray digits = line.trimmed();
-    int number = 0;
-    const auto [end, error] = std::from_chars(digits.cbegin(), digits.cend(), number);
-    if (error != std::errc{} || end != digits.cend())
+    bool isNumber = false;
+    const int number = line.toInt(&isNumber);
+    if (!isNumber || line.contains('\0')) // toInt() stops at a NUL
         return std::nullopt;
     return number;
 }
@@ -110,12 +108,11 @@ const AmpType &typeOf(const AmpTypeFile &file, std::string_view text)
     return file.otherwise;
 }
 
-/// The first line without its line end. Latin-1 in and out, so that every byte stays what it is in the file.
+/// The first line without its line end. The stream takes the file for text in the locale's codec, or in the one that a
+/// byte order mark names; the mark is not part of the line. A character outside Latin-1 becomes "?".
 QByteArray firstLine(QFile &file)
 {
     QTextStream stream(&file);
-    stream.setCodec("ISO 8859-1");
-    stream.setAutoDetectUnicode(false);
     return stream.readLine(maxLine).toLatin1();
 }
 
@@ -165,10 +162,11 @@ bool Identity::readModelNumber()
         return false;
     }
     const QByteArray line = file.readLine(maxLine);
-    const std::optional<int> number = decimalNumber(line);
+    const bool isWhole = line.endsWith('\n') || file.atEnd();
+    const std::optional<int> number = isWhole ? decimalNumber(line) : std::nullopt;
     if (!number) {
         qDebug().noquote() << "readModelNumber"
-                           << "Invalid numeric modelNumber:" << line.trimmed() << "Cannot continue";
+                           << "Invalid numeric modelNumber:" << line << "Cannot continue";
         return false;
     }
     if (!isKnownModel(static_cast<std::uint32_t>(*number))) {

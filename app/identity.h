@@ -23,7 +23,7 @@ public:
     void readKernelVersion();
     void readDeviceTreeVersion();
 
-    /// The first line without its line end, byte for byte; empty when there is none.
+    /// The first line without its line end, in Latin-1; empty when there is none.
     QByteArray readFile(const char *path) const;
 
     quint16 modelNumber() const { return m_modelNumber; } ///< 0 until read

@@ -17,6 +17,12 @@ constexpr const char *files[] = {
     "etc/xr-pkgver",      "etc/xr-kernelver", "etc/xr-oftreever",
 };
 
+/// Nothing but a number stands in the first line.
+bool holdsANumber(std::string_view content)
+{
+    return takeUpTo(content, '\n').find_first_not_of(" \t\v\f\r+0123456789") == std::string_view::npos;
+}
+
 void checkText(const InfoText &field)
 {
     require(field.length < sizeof field.text, "a text leaves room for its terminator");
@@ -32,6 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     static_cast<void>(quiet);
 
     std::string_view rest = viewOf(data, size);
+    const std::string_view numberFile = rest.substr(0, rest.find('\a'));
     for (const char *name : files) {
         const std::string_view content = takeUpTo(rest, '\a');
         if (content == "-")
@@ -45,6 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const bool known = identity.readModelNumber();
     require(known == (identity.modelNumber() != 0), "a refused model number is not kept");
     require(!known || isKnownModel(identity.modelNumber()), "an accepted model number is a known one");
+    require(!known || holdsANumber(numberFile), "an accepted model number stands alone");
     for (const quint16 model : {identity.modelNumber(), quint16{6764}, quint16{6420}}) {
         identity.readAmpType(model);
         require(identity.ampTypeCode() >= 1 && identity.ampTypeCode() <= 8, "the amplifier type has a code");

@@ -296,7 +296,7 @@ def test_text_file_that_cannot_be_read_is_unknown(clean_device, kind):
     assert "readFile /etc/xr-amptype" not in said  # a file that cannot be opened is passed over in silence
 
 
-def test_binary_and_huge_text_files_are_served_as_their_first_127_bytes(start_device):
+def test_binary_and_huge_text_files_are_served_as_their_first_127_characters(start_device):
     device = start_device(6420, "--no-dbus", "--no-traps", "--no-kvsnmp")
     replace_by("binary", device.path("/etc/xr-pkgver"))
     replace_by("huge, without a line end", device.path("/etc/xr-model"))
@@ -307,7 +307,8 @@ def test_binary_and_huge_text_files_are_served_as_their_first_127_bytes(start_de
     device.wait_answering()
     texts = [f"{TABLES}.1.{number}.0" for number in (1, 2, 4, 5, 6)]
     package, model, amplifier, kernel, tree = device.snmp.get(*texts, access=["-v2c", "-c", "public", "-Ox"])
-    assert package[0] == "Hex-STRING" and bytes.fromhex(package[1]) == BINARY
+    assert package[0] == "Hex-STRING" and b"?" in bytes.fromhex(package[1])
+    assert bytes.fromhex(package[1]).replace(b"?", b"") == BINARY.decode(errors="ignore").replace("?", "").encode("latin-1")
     assert model == tree == ("STRING", "")  # a C string ends at its first NUL
     assert bytes.fromhex(amplifier[1]) == b"Unknown"
     assert bytes.fromhex(kernel[1]) == b"6" * 127

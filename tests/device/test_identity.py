@@ -1,6 +1,7 @@
 """From the identity files to the information scalars."""
 from __future__ import annotations
 
+import pytest
 from support.snmp import TABLES
 
 INFO = [f"{TABLES}.1.{number}.0" for number in range(1, 8)]
@@ -59,6 +60,22 @@ def test_long_texts_are_cut_to_their_fields(start_device):
     assert info(device)[:2] == ["p" * 127, "m" * 127]
 
 
-def test_model_number_may_stand_between_blanks(start_device):
-    device, = start_all(start_device, (6214, "--etc", "xr-modelnumber= 6214 "))
+@pytest.mark.parametrize("wrapper", [["env", "-u", "LANG"], ["env", "LC_ALL=C.UTF-8"]], ids=["no locale", "UTF-8"])
+def test_texts_in_utf8_are_served_in_latin1(start_device, wrapper):
+    device = start_device(6211, "--no-kvsnmp", "--no-dbus", "--no-traps")
+    for name, content in (("xr-pkgver", "Straße\n".encode()), ("xr-kernelver", "5 €\n".encode()),
+                          ("xr-oftreever", b"Stra\xdfe\n"),  # not UTF-8
+                          ("xr-model", b"\xef\xbb\xbfOrvane Brisel Compact - IP-QRM-B\n")):
+        device.path(f"/etc/{name}").write_bytes(content)
+    device.start_kvsnmp("-d", wrapper=wrapper)
+    device.wait_answering()
+    texts = [f"{TABLES}.1.{number}.0" for number in (1, 2, 5, 6)]
+    served = [bytes.fromhex(text) for _, text in device.snmp.get(*texts, access=["-v2c", "-c", "public", "-Ox"])]
+    assert served == ["Straße".encode("latin-1"), b"Orvane Brisel Compact - IP-QRM-B", b"5 ?", b"Stra?e"]
+    assert len(device.snmp.walk(f"{TABLES}.10.2.1.1")) == 6
+    assert len(device.snmp.walk(f"{TABLES}.9.2.1.1")) == 14  # those of the station's expander, too
+
+
+def test_model_number_may_have_a_sign_and_stand_between_blanks(start_device):
+    device, = start_all(start_device, (6214, "--etc", "xr-modelnumber= +6214 "))
     assert info(device)[2] == "6214"

@@ -158,9 +158,12 @@ def test_option_without_a_handler_aborts(clean_device, option):
 @pytest.mark.parametrize("text, said", [
     (None, "readModelNumber /etc/xr-modelnumber EMPTY !   Cannot continue"),
     ("", "readModelNumber /etc/xr-modelnumber EMPTY !   Cannot continue"),
-    ("6214x\n", "readModelNumber Invalid numeric modelNumber: 6214x"),
+    ("6214x\n", "readModelNumber Invalid numeric modelNumber: 6214x\n Cannot continue"),
+    (" 6214\t6214\n", "readModelNumber Invalid numeric modelNumber:  6214\t6214\n Cannot continue"),
     ("9999\n", "readModelNumber Unknown modelNumber: 9999 Cannot continue"),
-], ids=["missing", "empty", "not a number", "unknown"])
+    ("-6214\n", "readModelNumber Unknown modelNumber: -6214 Cannot continue"),
+    ("+6214" + 5000 * " " + "x\n", "readModelNumber Invalid numeric modelNumber: +6214  "),
+], ids=["missing", "empty", "not a number", "two numbers", "unknown", "negative", "a letter far behind"])
 def test_bad_model_number_ends_with_255(clean_device, text, said):
     file = clean_device.path("/etc/xr-modelnumber")
     kept = file.read_text()

@@ -1,8 +1,10 @@
 // The identity files: every reader with the contents that it may find.
 #include "app/identity.h"
+#include "device/models.h"
 
 #include <QDir>
 #include <QTemporaryDir>
+#include <QTextCodec>
 #include <QtTest>
 
 #include <cstring>
@@ -47,6 +49,8 @@ private Q_SLOTS:
     void modelNumber();
     void modelNumberFileMissing();
     void modelNumberStoresNumberAndLength();
+    void modelNumberBehindTheBound_data();
+    void modelNumberBehindTheBound();
     void fileWithoutALineEndIsNotReadToItsEnd();
     void ampType_data();
     void ampType();
@@ -56,6 +60,7 @@ private Q_SLOTS:
     void ampTypeLog();
     void readFile_data();
     void readFile();
+    void readFileWhereTheLocaleIsLatin1();
     void readFileMissingIsSilent();
     void readFileEmptyIsLogged();
     void versionFileMissing_data();
@@ -64,13 +69,15 @@ private Q_SLOTS:
     void versionFileFirstLine();
     void versionContents_data();
     void versionContents();
-    void versionIsLoggedAsLatin1();
+    void versionIsLoggedAsText();
+    void byteOrderMarkDoesNotHideAStationDescription();
     void modelTypeOfVQ9BIsReplaced_data();
     void modelTypeOfVQ9BIsReplaced();
     void nothingIsStoredBeforeReading();
 
 private:
     void write(const char *path, const QByteArray &content) const;
+    static void useCodec(const char *name) { QTextCodec::setCodecForLocale(QTextCodec::codecForName(name)); }
     Identity identity() const { return Identity(m_root->path()); }
 
     QScopedPointer<QTemporaryDir> m_root;
@@ -83,11 +90,13 @@ void TestIdentity::init()
     QVERIFY(QDir(m_root->path()).mkdir(QStringLiteral("etc")));
     logLines.clear();
     qInstallMessageHandler(keepLine);
+    useCodec("UTF-8");
 }
 
 void TestIdentity::cleanup()
 {
     qInstallMessageHandler(nullptr);
+    QTextCodec::setCodecForLocale(nullptr);
     m_root.reset();
 }
 
@@ -123,17 +132,23 @@ void TestIdentity::modelNumber_data()
     QTest::newRow("tabs and carriage return") << QByteArray("\t6214\t\r\n") << 6214 << accepted;
     QTest::newRow("leading zero") << QByteArray("06214\n") << 6214 << accepted;
     QTest::newRow("second line is not read") << QByteArray("6214\nx\n") << 6214 << accepted;
-    QTest::newRow("letter behind it") << QByteArray("6214x\n") << 0 << invalid("6214x");
-    QTest::newRow("letter before it") << QByteArray("x6214\n") << 0 << invalid("x6214");
-    QTest::newRow("blank inside") << QByteArray("62 14\n") << 0 << invalid("62 14");
-    QTest::newRow("hexadecimal") << QByteArray("0x1846\n") << 0 << invalid("0x1846");
-    QTest::newRow("fraction") << QByteArray("6214.0\n") << 0 << invalid("6214.0");
-    QTest::newRow("NUL behind it") << QByteArray("6214\0\n", 6) << 0 << invalid("6214");
-    QTest::newRow("empty first line") << QByteArray("\n6214\n") << 0 << invalid("");
-    QTest::newRow("more than 32 bits") << QByteArray("99999999999\n") << 0 << invalid("99999999999");
+    QTest::newRow("letter behind it") << QByteArray("6214x\n") << 0 << invalid("6214x\n");
+    QTest::newRow("letter before it") << QByteArray("x6214\n") << 0 << invalid("x6214\n");
+    QTest::newRow("blank inside") << QByteArray("62 14\n") << 0 << invalid("62 14\n");
+    QTest::newRow("blanks around an invalid one") << QByteArray("\t 6x \r\n") << 0 << invalid("\t 6x \r\n");
+    QTest::newRow("hexadecimal") << QByteArray("0x1846\n") << 0 << invalid("0x1846\n");
+    QTest::newRow("fraction") << QByteArray("6214.0\n") << 0 << invalid("6214.0\n");
+    QTest::newRow("NUL behind it") << QByteArray("6214\0\n", 6) << 0 << invalid("6214\n");
+    QTest::newRow("byte order mark") << QByteArray("\xef\xbb\xbf\x36\x32\x31\x34\n") << 0 << invalid("6214\n");
+    QTest::newRow("empty first line") << QByteArray("\n6214\n") << 0 << invalid("\n");
+    QTest::newRow("more than 32 bits") << QByteArray("99999999999\n") << 0 << invalid("99999999999\n");
     QTest::newRow("unknown number") << QByteArray("9999\n") << 0 << unknown("9999");
     QTest::newRow("0") << QByteArray("0\n") << 0 << unknown("0");
-    QTest::newRow("negative") << QByteArray("-6214\n") << 0 << unknown("-6214");
+    QTest::newRow("plus sign") << QByteArray("+6214\n") << 6214 << accepted;
+    QTest::newRow("minus sign") << QByteArray("-6214\n") << 0 << unknown("-6214");
+    QTest::newRow("two signs") << QByteArray("+-6214\n") << 0 << invalid("+-6214\n");
+    QTest::newRow("blank behind the sign") << QByteArray("+ 6214\n") << 0 << invalid("+ 6214\n");
+    QTest::newRow("sign alone") << QByteArray("+\n") << 0 << invalid("+\n");
     QTest::newRow("known in its low 16 bits only") << QByteArray("71750\n") << 0 << unknown("71750");
     QTest::newRow("empty file") << QByteArray() << 0 << empty;
 }
@@ -166,6 +181,31 @@ void TestIdentity::modelNumberStoresNumberAndLength()
     QVERIFY(device.readModelNumber());
     QCOMPARE(device.infoData().modelNumber.value, 6425);
     QCOMPARE(device.infoData().modelNumber.length, 4U);
+}
+
+void TestIdentity::modelNumberBehindTheBound_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<bool>("accepted");
+
+    const QByteArray upToTheBound = QByteArray("6214").leftJustified(4095);
+    QTest::newRow("blanks up to the bound") << upToTheBound << true;
+    QTest::newRow("line end at the bound") << upToTheBound.left(4094) + "\nx" << true;
+    QTest::newRow("letter behind the bound") << upToTheBound + "x\n" << false;
+    QTest::newRow("blanks behind the bound") << upToTheBound + "  \n" << false;
+    QTest::newRow("digits in front of the bound and behind it") << QByteArray(4094, '0') + "6214\n" << false;
+}
+
+void TestIdentity::modelNumberBehindTheBound()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(bool, accepted);
+
+    write("/etc/xr-modelnumber", content);
+    QCOMPARE(identity().readModelNumber(), accepted);
+    QVERIFY(logLines.first().startsWith(
+        latin1(accepted ? "readModelNumber modelNumber: 6214" : "readModelNumber Invalid numeric modelNumber: ")));
+    QVERIFY(logLines.first().size() < 5000);
 }
 
 void TestIdentity::fileWithoutALineEndIsNotReadToItsEnd()
@@ -269,18 +309,17 @@ void TestIdentity::readFile_data()
     QTest::newRow("two lines") << QByteArray("first\nsecond\n") << QByteArray("first");
     QTest::newRow("blanks stay") << QByteArray(" a b \n") << QByteArray(" a b ");
     QTest::newRow("empty line") << QByteArray("\nsecond\n") << QByteArray();
-    QTest::newRow("Latin-1 bytes") << QByteArray("K\xfc"
-                                                 "che\n")
-                                   << QByteArray("K\xfc"
-                                                 "che");
-    QTest::newRow("UTF-8 bytes stay bytes") << QByteArray("K\xc3\xbc"
-                                                          "che\n")
-                                            << QByteArray("K\xc3\xbc"
-                                                          "che");
-    QTest::newRow("no byte order mark is obeyed") << QByteArray("\xff\xfe"
-                                                                "ab\n")
-                                                  << QByteArray("\xff\xfe"
-                                                                "ab");
+    // clang-format off
+    QTest::newRow("UTF-8 becomes Latin-1") << QByteArray("Stra\xc3\x9f" "e\n") << QByteArray("Stra\xdf" "e");
+    QTest::newRow("outside Latin-1") << QByteArray("5 \xe2\x82\xac\n") << QByteArray("5 ?");
+    QTest::newRow("not UTF-8") << QByteArray("Stra\xdf" "e\n") << QByteArray("Stra?e");
+    QTest::newRow("ends within a character") << QByteArray("Stra\xc3\n") << QByteArray("Stra?");
+    QTest::newRow("UTF-8 byte order mark") << QByteArray("\xef\xbb\xbf" "ab\n") << QByteArray("ab");
+    QTest::newRow("byte order mark alone") << QByteArray("\xef\xbb\xbf") << QByteArray();
+    QTest::newRow("UTF-16, little endian") << QByteArray("\xff\xfe" "\xfc\0b\0\n\0", 8) << QByteArray("\xfc" "b");
+    QTest::newRow("UTF-16, big endian") << QByteArray("\xfe\xff" "\0\xfc\0b\0\n", 8) << QByteArray("\xfc" "b");
+    QTest::newRow("UTF-32, little endian") << QByteArray("\xff\xfe\0\0" "a\0\0\0\n\0\0\0", 12) << QByteArray("a");
+    // clang-format on
 }
 
 void TestIdentity::readFile()
@@ -291,6 +330,15 @@ void TestIdentity::readFile()
     write("/etc/xr-amptype", content);
     QCOMPARE(identity().readFile("/etc/xr-amptype"), line);
     QCOMPARE(logLines, QStringList());
+}
+
+void TestIdentity::readFileWhereTheLocaleIsLatin1()
+{
+    useCodec("ISO 8859-1");
+    write("/etc/xr-amptype", "Stra\xdf\x65\n");
+    QCOMPARE(identity().readFile("/etc/xr-amptype"), QByteArray("Stra\xdf\x65"));
+    write("/etc/xr-amptype", "\xef\xbb\xbfStra\xc3\x9f\x65\n"); // the mark names its codec
+    QCOMPARE(identity().readFile("/etc/xr-amptype"), QByteArray("Stra\xdf\x65"));
 }
 
 void TestIdentity::readFileMissingIsSilent()
@@ -382,9 +430,11 @@ void TestIdentity::versionContents_data()
     QTest::addColumn<QByteArray>("stored");
 
     QTest::newRow("empty first line is an empty text") << QByteArray("\n1.2\n") << QByteArray();
-    QTest::newRow("Latin-1") << QByteArray("1.2 \xe4\n") << QByteArray("1.2 \xe4");
+    QTest::newRow("UTF-8 becomes Latin-1") << QByteArray("1.2 \xc3\xa4\n") << QByteArray("1.2 \xe4");
     QTest::newRow("127 characters fit") << QByteArray(127, 'v') + '\n' << QByteArray(127, 'v');
     QTest::newRow("128 characters are cut to 127") << QByteArray(128, 'v') + '\n' << QByteArray(127, 'v');
+    QTest::newRow("127 characters of two bytes fit") << QByteArray("\xc3\xa4").repeated(127) + '\n'
+                                                     << QByteArray(127, '\xe4');
     QTest::newRow("one endless line") << QByteArray(1 << 20, 'v') << QByteArray(127, 'v');
     QTest::newRow("ends at a NUL") << QByteArray("1.2\0.3\n", 7) << QByteArray("1.2");
 }
@@ -400,13 +450,21 @@ void TestIdentity::versionContents()
     QCOMPARE(textOf(device.infoData().packageVersion), stored);
 }
 
-void TestIdentity::versionIsLoggedAsLatin1()
+void TestIdentity::versionIsLoggedAsText()
 {
-    write("/etc/xr-pkgver", "1.2 \xe4\n");
+    write("/etc/xr-pkgver", "1.2 \xc3\xa4\n");
     Identity device = identity();
     device.readPackageVersion();
     QCOMPARE(logLines, (QStringList{latin1("readPackageVersion pvStr: 1.2 \xe4"),
                                     latin1("readPackageVersion packageVersion: 1.2 \xe4 len: 5")}));
+}
+
+void TestIdentity::byteOrderMarkDoesNotHideAStationDescription()
+{
+    write("/etc/xr-model", "\xef\xbb\xbfOrvane Brisel Compact - IP-QRM-B\n");
+    Identity device = identity();
+    device.readModelType();
+    QVERIFY(hasExpanders(device.infoData().modelType.text));
 }
 
 void TestIdentity::modelTypeOfVQ9BIsReplaced_data()
