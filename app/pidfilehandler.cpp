@@ -1,6 +1,8 @@
 // The pid file: reading, checking, writing under a lock, removing.
 #include "app/pidfilehandler.h"
 
+#include <QScopedValueRollback>
+
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -12,8 +14,14 @@
 
 namespace {
 
+// Callers report errno: each rollback below keeps a message, or the closing of the file, from changing it.
+
 struct StreamCloser {
-    void operator()(std::FILE *stream) const { std::fclose(stream); }
+    void operator()(std::FILE *stream) const
+    {
+        const QScopedValueRollback<int> cause(errno);
+        std::fclose(stream);
+    }
 };
 using Stream = std::unique_ptr<std::FILE, StreamCloser>;
 
@@ -32,8 +40,10 @@ Stream openForWriting(const char *path)
     if (descriptor < 0)
         return nullptr;
     Stream stream(fdopen(descriptor, "r+"));
-    if (!stream)
+    if (!stream) {
+        const QScopedValueRollback<int> cause(errno);
         close(descriptor);
+    }
     return stream;
 }
 
@@ -57,6 +67,7 @@ pid_t PidFileHandler::checkPid() const
     const pid_t pid = readPid();
     if (pid == 0 || pid == getpid())
         return 0;
+    errno = 0;
     if (kill(pid, 0) != 0 && errno == ESRCH)
         return 0;
     return pid; // it runs, or it is another user's and runs
@@ -66,20 +77,24 @@ pid_t PidFileHandler::writePid() const
 {
     const Stream stream = openForWriting(m_path);
     if (!stream) {
+        const QScopedValueRollback<int> cause(errno);
         std::fprintf(stderr, "Can't open or create %s.\n", m_path);
         return 0;
     }
     if (flock(fileno(stream.get()), LOCK_EX | LOCK_NB) != 0) {
+        const QScopedValueRollback<int> cause(errno);
         std::printf("Can't lock, lock is held by pid %d.\n", firstNumber(stream.get()));
         return 0;
     }
     // Not truncated: what a longer number leaves behind stands after the line end, where no reader looks.
     const pid_t pid = getpid();
     if (std::fprintf(stream.get(), "%d\n", pid) <= 0 || std::fflush(stream.get()) != 0) {
+        const QScopedValueRollback<int> cause(errno);
         std::printf("Can't write pid , %s.\n", std::strerror(errno));
         return 0;
     }
     if (flock(fileno(stream.get()), LOCK_UN) != 0) {
+        const QScopedValueRollback<int> cause(errno);
         std::printf("Can't unlock pidfile %s, %s.\n", m_path, std::strerror(errno));
         return 0;
     }

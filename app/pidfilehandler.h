@@ -14,9 +14,9 @@ public:
 
     /// The number in the file; 0 when there is none.
     pid_t readPid() const;
-    /// The pid of another running instance, or 0.
+    /// The pid of another running instance, or 0. errno is then that of the check: 0, or EPERM for another user's.
     pid_t checkPid() const;
-    /// Writes the own pid and returns it; 0 when the file cannot be written.
+    /// Writes the own pid and returns it; 0, with errno set, when the file cannot be written.
     pid_t writePid() const;
     /// Removes the file, whoever wrote it.
     void removePid() const;

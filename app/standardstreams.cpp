@@ -1,6 +1,9 @@
 // Standard output and standard error: buffering, SIGPIPE, and writing without waiting.
 #include "app/standardstreams.h"
 
+#include <QScopedValueRollback>
+
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
@@ -48,6 +51,7 @@ void makeNonBlocking(int descriptor)
 
 void prepareStandardStreams()
 {
+    const QScopedValueRollback<int> caller(errno);
     std::signal(SIGPIPE, SIG_IGN);
     fillMissingStreams();
     makeNonBlocking(STDOUT_FILENO);

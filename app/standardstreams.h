@@ -2,5 +2,5 @@
 #pragma once
 
 /// Makes standard output line-buffered, ignores SIGPIPE, and keeps a reader that does not read from blocking the
-/// process: a line that finds no room is dropped. To be called before anything is printed.
+/// process: a line that finds no room is dropped. To be called before anything is printed. Leaves errno as it was.
 void prepareStandardStreams();

@@ -15,6 +15,7 @@ USAGE = ("\nUsage: kvsnmp options\n"
          "  -t  --testmode     Run in Audio testmode, Not implemented!\n"
          "  -d  --daemon       Dont run as an daemon\n"
          "\n")
+ALREADY_RUNNING = "kvsnmp: Already running.\n: Success\n"  # the process could be signalled
 PID_FILE = "/var/run/kvsnmp.pid"
 WATCHDOG_FILE = "/tmp/kvsnmp.watchdogtest"
 
@@ -62,7 +63,7 @@ def test_daemon_answers_and_holds_a_pid_file(start_device):
     second = device.run_kvsnmp()
     assert second.returncode == 1
     assert second.stdout == "kvsnmp main()\n"
-    assert second.stderr.startswith("kvsnmp: Already running.\n: ")
+    assert second.stderr == ALREADY_RUNNING
     assert device.pids("kvsnmp") == [pid]
     assert device.read(PID_FILE) == f"{pid}\n"
 
@@ -100,9 +101,9 @@ def test_pid_file_that_does_not_block_a_daemon(clean_device, text):
 
 def test_pid_file_of_a_live_process_blocks_a_daemon(clean_device):
     clean_device.path(PID_FILE).write_text("1\n")
-    second = clean_device.run_kvsnmp()
-    assert second.returncode == 1
-    assert second.stderr.startswith("kvsnmp: Already running.\n: ")
+    for stream in ("", ">&-", ">/var/log/kvsnmp.out", ">/dev/full"):
+        second = clean_device.run(["sh", "-c", f"kvsnmp {stream}"], check=False)
+        assert (second.returncode, second.stderr) == (1, ALREADY_RUNNING), stream
     assert clean_device.read(PID_FILE) == "1\n"
 
 

@@ -56,6 +56,7 @@ private Q_SLOTS:
     void liveProcessBlocks();
     void numberBelowZeroIsAskedAboutAsItStands();
     void processOfAnotherUserBlocks();
+    void errnoOfTheCheckIsThatOfKill();
     void writesTheOwnPid();
     void writesOverALongerNumberWithoutTruncating();
     void lockIsNotKept();
@@ -63,6 +64,8 @@ private Q_SLOTS:
     void twoWritersAtOnce();
     void folderThatIsNotThere();
     void fullDisk();
+    void errnoIsThatOfTheFailure_data();
+    void errnoIsThatOfTheFailure();
     void destructorRemovesTheFile();
     void removesALinkAndNotItsTarget();
 
@@ -210,6 +213,24 @@ void TestPidFileHandler::processOfAnotherUserBlocks()
     QVERIFY(child.exitedWith(0));
 }
 
+void TestPidFileHandler::errnoOfTheCheckIsThatOfKill()
+{
+    write("1\n");
+    const ChildResult otherUser = asOrdinaryUser([this] {
+        const PidFileHandler handler(m_path.constData());
+        return handler.checkPid() == 1 && errno == EPERM ? 0 : 1;
+    });
+    QVERIFY(otherUser.exitedWith(0));
+
+    write(QByteArray::number(getppid()) + '\n');
+    const PidFileHandler handler(m_path.constData());
+    errno = EAGAIN; // of something before
+    const pid_t pid = handler.checkPid();
+    const int error = errno;
+    QCOMPARE(pid, getppid());
+    QCOMPARE(error, 0);
+}
+
 void TestPidFileHandler::writesTheOwnPid()
 {
     const PidFileHandler handler(m_path.constData());
@@ -308,6 +329,39 @@ void TestPidFileHandler::fullDisk()
     });
     QVERIFY(child.exitedWith(0));
     QCOMPARE(child.out, QByteArray("Can't write pid , No space left on device.\n"));
+}
+
+void TestPidFileHandler::errnoIsThatOfTheFailure_data()
+{
+    QTest::addColumn<QByteArray>("target"); // of a link at the path; empty: a file whose lock is held
+    QTest::addColumn<int>("error");
+
+    QTest::newRow("no folder") << QByteArray("/nonexistent/kvsnmp.pid") << ENOENT;
+    QTest::newRow("held lock") << QByteArray() << EWOULDBLOCK;
+    QTest::newRow("full disk") << QByteArray("/dev/full") << ENOSPC;
+}
+
+void TestPidFileHandler::errnoIsThatOfTheFailure()
+{
+    QFETCH(QByteArray, target);
+    QFETCH(int, error);
+
+    int locked = -1;
+    if (target.isEmpty()) {
+        locked = open(m_path.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        QCOMPARE(flock(locked, LOCK_EX | LOCK_NB), 0);
+    } else {
+        QCOMPARE(symlink(target.constData(), m_path.constData()), 0);
+    }
+    const ChildResult child = inChild([this, error] {
+        std::setvbuf(stdout, nullptr, _IONBF, 0);
+        close(STDOUT_FILENO);
+        close(STDERR_FILENO); // so that the message fails, too
+        const PidFileHandler handler(m_path.constData());
+        return handler.writePid() == 0 && errno == error ? 0 : 1;
+    });
+    QVERIFY(child.exitedWith(0));
+    close(locked);
 }
 
 void TestPidFileHandler::destructorRemovesTheFile()

@@ -9,6 +9,7 @@
 #include <QtTest>
 
 #include <array>
+#include <cerrno>
 #include <fcntl.h>
 #include <functional>
 #include <optional>
@@ -19,6 +20,8 @@
 namespace {
 
 constexpr char longLine[] = "a line of the length that a progress message usually has, and then a little more of it";
+
+constexpr int errnoBefore = EXDEV; // no call here fails with it
 
 /// Prints far more on both streams than any pipe, socket or terminal holds.
 void printTooMuch()
@@ -45,6 +48,7 @@ std::optional<int> runOn(int descriptor, const std::function<void()> &function)
         }
         if (descriptor >= 0)
             stdout = fdopen(STDOUT_FILENO, "w"); // unused so far, as when a program begins
+        errno = errnoBefore;
         prepareStandardStreams();
         function();
         std::fflush(stdout);
@@ -103,6 +107,8 @@ private Q_SLOTS:
     void closedStreamsAreNotReused();
     void fileKeepsItsPlaceAndEveryLine();
     void brokenPipeIsIgnored();
+    void errnoStaysAsItWas_data();
+    void errnoStaysAsItWas();
 };
 
 void TestStandardStreams::unreadPipe()
@@ -233,6 +239,27 @@ void TestStandardStreams::brokenPipeIsIgnored()
         return std::raise(SIGPIPE) == 0 ? 7 : 1;
     });
     QVERIFY(child.exitedWith(7));
+}
+
+void TestStandardStreams::errnoStaysAsItWas_data()
+{
+    QTest::addColumn<bool>("areClosed");
+
+    QTest::newRow("files") << false;
+    QTest::newRow("closed streams") << true;
+}
+
+void TestStandardStreams::errnoStaysAsItWas()
+{
+    QFETCH(bool, areClosed);
+
+    QTemporaryFile file;
+    QVERIFY(file.open());
+    const std::optional<int> status = runOn(areClosed ? -1 : file.handle(), [] {
+        if (errno != errnoBefore)
+            _exit(1);
+    });
+    QVERIFY(endedItself(status));
 }
 
 QTEST_GUILESS_MAIN(TestStandardStreams)
