@@ -1,7 +1,6 @@
 // Asks the data service for what the daemon asks it for, with the daemon's own subscriptions and parsers.
 #include "check/dataservice.h"
 
-#include "device/models.h"
 #include "tal/talhandler.h"
 
 #include <xrcommon/TalInterface.h>
@@ -20,7 +19,7 @@ namespace {
 
 class Reader : public QObject {
 public:
-    explicit Reader(quint32 model) : m_model(model), m_handler(nullptr, model != 0 ? model : knownModels[0], "")
+    explicit Reader(quint32 model) : m_model(model), m_handler(nullptr, model, "")
     {
         connect(&m_service, &TalInterface::talLocalUnixSocketConnectedSignal, this, [this] {
             m_answer.connected = true;

@@ -49,7 +49,6 @@ private:
 };
 
 // clang-format off
-inline constexpr ModelSet allModels          {6211, 6214, 6259, 6410, 6420, 6425, 6601, 6602, 6720, 6764, 6891, 6913, 6914};
 inline constexpr ModelSet ampTypeModels      {6420, 6425, 6720, 6764};       ///< an amplifier or power type file is read
 inline constexpr ModelSet gpioModels         {6211, 6214, 6259, 6891};       ///< GPIO lines and relays are verified
 inline constexpr ModelSet twoChannelModels   {6420, 6425, 6720, 6764};       ///< two amplifier channels

@@ -147,6 +147,7 @@ def test_model_number_missing(start_device):
     assert_cause(check, "model-number", "/etc/xr-modelnumber is not there")
     assert check.checks["kvsnmp-process"]["because"] == "model-number"
     assert check.report["model"] is None
+    assert {"data-service", "snmp-settings"} <= set(check.ids("ok"))  # the settings are asked for on any model
 
 
 def test_model_unknown(start_device):

@@ -41,7 +41,8 @@ void TestModels::setHoldsItsModelsAndNoOther_data()
     QTest::addColumn<const ModelSet *>("set");
     QTest::addColumn<Models>("models");
 
-    QTest::newRow("all") << &allModels << everyModel;
+    static constexpr ModelSet all{6211, 6214, 6259, 6410, 6420, 6425, 6601, 6602, 6720, 6764, 6891, 6913, 6914};
+    QTest::newRow("all") << &all << everyModel;
     QTest::newRow("amplifier type") << &ampTypeModels << Models{6420, 6425, 6720, 6764};
     QTest::newRow("GPIO") << &gpioModels << Models{6211, 6214, 6259, 6891};
     QTest::newRow("two channels") << &twoChannelModels << Models{6420, 6425, 6720, 6764};
@@ -68,8 +69,9 @@ void TestModels::setHoldsItsModelsAndNoOther()
 
 void TestModels::unknownNumberIsInNoSet()
 {
+    constexpr ModelSet all{6211, 6214, 6259, 6410, 6420, 6425, 6601, 6602, 6720, 6764, 6891, 6913, 6914};
     for (const uint number : {0U, 1U, 12U, 13U, 6210U, 6915U, 9999U, 4294967295U}) {
-        QVERIFY(!allModels.contains(number));
+        QVERIFY(!all.contains(number));
         QVERIFY(!isKnownModel(number));
     }
 }

@@ -129,6 +129,7 @@ private Q_SLOTS:
     void dataBlockOf();
     void numberOfSubscriptions_data();
     void numberOfSubscriptions();
+    void unknownModelSubscribesToWhatHasNoModelTest();
     void lineInStatusOf6214();
     void dataBlockOf6410();
     void fanOf6425IsNotSubscribedTo();
@@ -231,6 +232,18 @@ void TestSubscriptions::numberOfSubscriptions()
     connectToPeer(model);
     m_handler->slotStartSubscribe();
     QCOMPARE(sent().size(), count);
+}
+
+void TestSubscriptions::unknownModelSubscribesToWhatHasNoModelTest()
+{
+    for (const uint model : {0U, 9999U}) {
+        connectToPeer(model);
+        m_handler->slotTalReady();
+        m_handler->slotStartSubscribe();
+        QCOMPARE(sent(), requestsOf(every.first(), settingsBlock) << requestOf(*std::rbegin(dataBlock)));
+        m_handler.reset();
+        m_interface.reset();
+    }
 }
 
 void TestSubscriptions::lineInStatusOf6214()
