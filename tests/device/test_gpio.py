@@ -147,8 +147,8 @@ def accesses_in(events: list[Event]) -> list[tuple[str, str, str]]:
     return [(event.what, event.folder, event.name) for event in events]
 
 
-def one_read(folder: str) -> list[tuple[str, str, str]]:
-    return [(what, folder, "value") for what in ("open", "read", "close unwritten")]
+def one_read(folder: str, name: str = "value") -> list[tuple[str, str, str]]:
+    return [(what, folder, name) for what in ("open", "read", "close unwritten")]
 
 
 def hasten(devices: list[Device], done: Callable[[], bool], what: str, wake: Callable[[], None] = lambda: None,
@@ -236,16 +236,27 @@ def test_nothing_is_touched_before_the_checks_start(stations, observed, key):
     assert observed[key].events[0].at - stations[key].started > 3.8
 
 
+def one_check(folder: str, chips: list[tuple[int, str]]) -> list[tuple[str, str, str]]:
+    """All that a line of the controller, or of one of the chips, opens while it is there."""
+    number = int(folder.removeprefix("gpio"))
+    chip = [access for base, name in chips if base <= number < base + 16
+            for file in ("label", "base") for access in one_read(name, file)]
+    return chip + one_read(folder)
+
+
 @each_station
-def test_a_check_opens_one_file_and_reads_it_once(stations, observed, key):
+def test_a_check_opens_one_line_and_reads_it_once(stations, observed, key):
     station, events = stations[key], observed[key].events
     checks = len(station.lines)
-    second_cycle = events.index(reads_in(events)[checks])
+    ends = [place for place, event in enumerate(events) if (event.what, event.name) == ("close unwritten", "value")]
+    second_cycle = ends[checks - 1] + 1
     folders = [event.folder for event in reads_in(events[second_cycle:])]
-    accesses = [access for folder in folders for access in one_read(folder)]
-    assert accesses_in(events[second_cycle:])[:len(accesses) - 2] == accesses[:-2]  # the last one may still go on
+    chips = [(expander_base(station.root, end), f"gpiochip{expander_base(station.root, end)}")
+             for end in ("-0021", "-0022") if station.description]
+    accesses = [access for folder in folders[:-1] for access in one_check(folder, chips)]  # the last may still go on
+    assert accesses_in(events[second_cycle:])[:len(accesses)] == accesses
 
-    # A line of an expander is looked for once, before its first read.
+    # A line of an expander is looked for among all chips before its first read.
     first_cycle = accesses_in(events[:second_cycle])
     expected = [access for folder in station.folders for access in one_read(folder)]
     assert [access for access in first_cycle if access in expected] == expected
@@ -445,6 +456,34 @@ def test_lines_wait_for_the_data_service_and_are_exported_each_time_they_go(own_
     tree.remove(170, 173)
     cycles(3)
     assert tree.take_exports() == [170, 173]
+    service.close()
+    events.close()
+
+
+def test_expanders_that_swap_their_numbers_are_followed(own_tree):
+    device, tree = own_tree(6211, "--model-text", COMPACT)
+    tree.add(*range(168, 175), *range(300, 308), *range(400, 408))
+    service = DataService(device.path("/run/tal.sock"))
+    events = watched(tree.root)
+    device.start_kvsnmp("-d", clock_shift=True)
+    wait_until(lambda: reads_in(events.events), 15, what="first line read")
+
+    def next_cycle() -> list[str]:
+        """The folders of the expanders' lines, in the order of the inputs and the relays."""
+        def folders() -> list[str]:
+            return [event.folder for event in reads_in(list(events.events))]
+
+        begin = len(folders())
+        hasten([device], lambda: "gpio168" in folders()[begin:-22], "another cycle", lambda: wake(service))
+        cycle = folders()[folders().index("gpio168", begin):]
+        return cycle[6:14] + cycle[15:23]
+
+    first, second = [f"gpio{300 + i}" for i in range(8)], [f"gpio{400 + i}" for i in range(8)]
+    assert next_cycle() == first + second
+    for chip, label in (("gpiochip300", "pins 3-0021\n"), ("gpiochip400", "3-0022\n")):
+        (tree.root / chip / "label").write_text(label)
+    assert next_cycle() == second + first
+    assert tree.take_exports() == []
     service.close()
     events.close()
 

@@ -128,11 +128,14 @@ private Q_SLOTS:
     void directionAndEdge();
     void directionAndEdgeAgainWhenTheLineComesBack();
     void oneReadAndNothingElse();
-    void oneReadAndNothingElseOnAnExpander();
+    void onAnExpanderTheChipIsReadToo();
     void expanders_data();
     void expanders();
     void expanderMissing();
     void expanderWithANewBase();
+    void expandersWithSwappedBases();
+    void newBaseOfALineThatNeverCame();
+    void chipThatGoesTakesItsLinesAlong();
     void expanderLineExportedByItsOwnNumber();
 };
 
@@ -341,7 +344,7 @@ void TestGpioLine::oneReadAndNothingElse()
     QCOMPARE(log.take(), QStringList({u("gpio168/value: open"), u("gpio168/value: read")}));
 }
 
-void TestGpioLine::oneReadAndNothingElseOnAnExpander()
+void TestGpioLine::onAnExpanderTheChipIsReadToo()
 {
     const GpioTree tree;
     tree.addChip(u("gpiochip400"), "1-0021\n", "400\n");
@@ -351,7 +354,9 @@ void TestGpioLine::oneReadAndNothingElseOnAnExpander()
     QCOMPARE(gpio.getGpioInOutValue(), 1U);
     AccessLog log({tree.root(), tree.path(u("gpiochip400")), tree.path(u("gpio404"))});
     QCOMPARE(gpio.getGpioInOutValue(), 1U);
-    QCOMPARE(log.take(), QStringList({u("gpio404/value: open"), u("gpio404/value: read")}));
+    const QStringList accesses{u("gpiochip400/label: open"), u("gpiochip400/label: read"), u("gpiochip400/base: open"),
+                               u("gpiochip400/base: read"),  u("gpio404/value: open"),     u("gpio404/value: read")};
+    QCOMPARE(log.take(), accesses);
 }
 
 void TestGpioLine::expanders_data()
@@ -418,6 +423,66 @@ void TestGpioLine::expanderWithANewBase()
     tree.addChip(u("gpiochip300"), "1-0021\n", "300\n");
     tree.addLine(301, "0\n");
     QCOMPARE(gpio.getGpioInOutValue(), 0U);
+}
+
+void TestGpioLine::expandersWithSwappedBases()
+{
+    const GpioTree tree;
+    tree.addChip(u("gpiochip400"), "1-0021\n", "400\n");
+    tree.addChip(u("gpiochip500"), "1-0022\n", "500\n");
+    tree.addLine(404, "0\n");
+    tree.addLine(504, "1\n");
+    Gpio relay(nullptr, line(180), GPIO_DIRECTION_AS_IS, GPIO_EDGE_NONE);
+    relay.setI2c0021();
+    Gpio input(nullptr, line(196), GPIO_DIRECTION_AS_IS, GPIO_EDGE_NONE);
+    input.setI2c0022();
+    QCOMPARE(relay.getGpioInOutValue(), 0U);
+    QCOMPARE(input.getGpioInOutValue(), 1U);
+
+    // Both went and came back between two reads, in the other order; the first to be read exports its line.
+    for (const char *name : {"gpiochip400", "gpiochip500", "gpio404", "gpio504"})
+        tree.remove(u(name));
+    tree.addChip(u("gpiochip400"), "1-0022\n", "400\n");
+    tree.addChip(u("gpiochip500"), "1-0021\n", "500\n");
+    QCOMPARE(input.getGpioInOutValue(), 255U);
+    QCOMPARE(tree.takeExported(), QByteArray("404"));
+    tree.addLine(404, "1\n");
+    QCOMPARE(relay.getGpioInOutValue(), 255U); // its former number is the other one's now
+    QCOMPARE(tree.takeExported(), QByteArray("504"));
+    tree.addLine(504, "0\n");
+    QCOMPARE(relay.getGpioInOutValue(), 0U);
+    QCOMPARE(input.getGpioInOutValue(), 1U);
+    QCOMPARE(tree.takeExported(), QByteArray());
+}
+
+void TestGpioLine::newBaseOfALineThatNeverCame()
+{
+    const GpioTree tree;
+    tree.addChip(u("gpiochip400"), "1-0021\n", "400\n");
+    Gpio gpio(nullptr, line(180), GPIO_DIRECTION_AS_IS, GPIO_EDGE_NONE);
+    gpio.setI2c0021();
+    QCOMPARE(gpio.getGpioInOutValue(), 255U);
+    QCOMPARE(tree.takeExported(), QByteArray("404"));
+    tree.write(u("gpiochip400/base"), "500\n");
+    QCOMPARE(gpio.getGpioInOutValue(), 255U);
+    QCOMPARE(tree.takeExported(), QByteArray("504")); // another line to the kernel
+    QCOMPARE(gpio.getGpioInOutValue(), 255U);
+    QCOMPARE(tree.takeExported(), QByteArray());
+}
+
+void TestGpioLine::chipThatGoesTakesItsLinesAlong()
+{
+    const GpioTree tree;
+    tree.addChip(u("gpiochip400"), "1-0021\n", "400\n");
+    tree.addLine(404, "1\n");
+    Gpio gpio(nullptr, line(180), GPIO_DIRECTION_AS_IS, GPIO_EDGE_NONE);
+    gpio.setI2c0021();
+    QCOMPARE(gpio.getGpioInOutValue(), 1U);
+    tree.remove(u("gpiochip400"));
+    QCOMPARE(gpio.getGpioInOutValue(), 255U);
+    tree.addChip(u("gpiochip400"), "1-0021\n", "400\n");
+    QCOMPARE(gpio.getGpioInOutValue(), 1U);
+    QCOMPARE(tree.takeExported(), QByteArray());
 }
 
 void TestGpioLine::expanderLineExportedByItsOwnNumber()

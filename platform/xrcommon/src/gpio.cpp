@@ -80,6 +80,8 @@ public:
 
     uint value()
     {
+        if (m_expander && m_isThere && numberOn(m_chip) != m_number)
+            m_isThere = false; // the chip went or has another base: the number is somebody else's line by now
         if (!m_isThere && !find())
             return unreadable;
         std::optional<QByteArray> text = fileText(file("value"));
@@ -101,13 +103,13 @@ private:
         if (!m_number)
             return false;
         if (!exists(folder())) {
-            if (!m_exported)
-                m_exported = writeFile(m_root + "/export", QByteArray::number(*m_number));
+            if (m_exported != m_number && writeFile(m_root + "/export", QByteArray::number(*m_number)))
+                m_exported = m_number;
             if (!exists(folder()))
                 return false;
         }
         m_isThere = true;
-        m_exported = false; // the next time it goes missing, it is exported again
+        m_exported.reset(); // the next time it goes missing, it is exported again
         setUp();
         return true;
     }
@@ -123,24 +125,32 @@ private:
     }
 
     /// The number that the kernel knows the line by; nothing while its expander is not there.
-    std::optional<int> number() const
+    std::optional<int> number()
     {
         if (!m_expander)
             return m_id < 0 ? std::nullopt : std::optional<int>(m_id);
         const QDir root(QFile::decodeName(m_root));
         for (const QString &chip :
              root.entryList({QStringLiteral("gpiochip*")}, QDir::Dirs | QDir::System, QDir::Name)) {
-            const QByteArray chipFolder = m_root + '/' + QFile::encodeName(chip);
-            const std::optional<QByteArray> label = fileText(chipFolder + "/label");
-            if (!label || !label->endsWith(m_expander->labelEnd))
-                continue;
-            bool isNumber = false;
-            const qlonglong base = fileText(chipFolder + "/base").value_or(QByteArray()).toLongLong(&isNumber);
-            const qlonglong line = base + m_id - m_expander->firstLine;
-            if (isNumber && base >= 0 && line >= 0 && line <= INT_MAX)
-                return static_cast<int>(line);
+            m_chip = m_root + '/' + QFile::encodeName(chip);
+            if (const std::optional<int> found = numberOn(m_chip))
+                return found;
         }
         return std::nullopt;
+    }
+
+    /// The line's number when the chip in this folder is its expander.
+    std::optional<int> numberOn(const QByteArray &chipFolder) const
+    {
+        const std::optional<QByteArray> label = fileText(chipFolder + "/label");
+        if (!label || !label->endsWith(m_expander->labelEnd))
+            return std::nullopt;
+        bool isNumber = false;
+        const qlonglong base = fileText(chipFolder + "/base").value_or(QByteArray()).toLongLong(&isNumber);
+        const qlonglong line = base + m_id - m_expander->firstLine;
+        if (!isNumber || base < 0 || line < 0 || line > INT_MAX)
+            return std::nullopt;
+        return static_cast<int>(line);
     }
 
     QByteArray folder() const { return m_root + "/gpio" + QByteArray::number(*m_number); }
@@ -151,9 +161,10 @@ private:
     const GpioDirections m_direction;
     const GpioEdges m_edge;
     const Expander *m_expander = nullptr;
+    QByteArray m_chip;           // folder of the expander
     std::optional<int> m_number; // kept while the line is there
     bool m_isThere = false;
-    bool m_exported = false; // and not seen since
+    std::optional<int> m_exported; // and not seen since
 };
 
 Gpio::Gpio(QObject *parent, Gpios id, GpioDirections direction, GpioEdges edge)

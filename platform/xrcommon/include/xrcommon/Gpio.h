@@ -23,8 +23,9 @@ public:
     void setI2c0021(); ///< the line sits on the expander at I2C address 0x21
     void setI2c0022(); ///< the line sits on the expander at I2C address 0x22
 
-    /// 0 or 1, or 255 when the line cannot be read. Reads the line's value file once, and no other file while the line
-    /// is there; a line that is missing is exported, once each time it goes.
+    /// 0 or 1, or 255 when the line cannot be read. Reads the line's value file once; while the line is there, the only
+    /// other files are label and base of its expander, which may have come back with another base. A line that is
+    /// missing is exported, once each time it goes.
     uint getGpioInOutValue();
 
 private:
