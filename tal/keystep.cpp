@@ -95,13 +95,18 @@ std::uint32_t scaledInteger(QStringView text, std::uint32_t scale)
 {
     std::uint32_t value = 0;
     bool inFraction = false;
-    for (const QChar character : text) {
-        if (character == QLatin1Char('.')) {
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        uint character = text[i].unicode();
+        if (text[i].isHighSurrogate() && i + 1 < text.size() && text[i + 1].isLowSurrogate()) {
+            character = QChar::surrogateToUcs4(text[i], text[i + 1]);
+            ++i;
+        }
+        if (character == '.') {
             inFraction = true;
-        } else if (character.isDigit()) { // decimal digits of any script
+        } else if (QChar::isDigit(character)) { // decimal digits of any script
             if (inFraction)
                 scale /= 10;
-            value = value * 10 + static_cast<std::uint32_t>(character.digitValue());
+            value = value * 10 + static_cast<std::uint32_t>(QChar::digitValue(character));
         }
     }
     return scale * value;

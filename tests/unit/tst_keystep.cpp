@@ -94,6 +94,8 @@ void TestKeyStep::scaledIntegerReads_data()
     row("leading zeros", "007", 1, 7);
     row("Arabic-Indic digits", "\xd9\xa1\xd9\xa2.\xd9\xa3", 1000, 12300);
     row("full-width digits", "\xef\xbc\x94\xef\xbc\x98", 10, 480);
+    row("digits beyond the first plane", "\xf0\x9d\x9f\x8f.\xf0\x9e\xa5\x92", 1000, 1200); // bold 1, Adlam 2
+    row("letter beyond the first plane", "1\xf0\x9f\x94\x8a\x35", 1, 15);
     row("superscript two is no decimal digit", "5\xc2\xb2", 1, 5);
     row("vulgar half is no decimal digit", "5\xc2\xbd", 1, 5);
     row("Roman numeral is no decimal digit", "\xe2\x85\xa4", 1, 0);
@@ -101,6 +103,8 @@ void TestKeyStep::scaledIntegerReads_data()
         "1\xef\xbc\x8e"
         "5",
         10, 150);
+    QTest::newRow("halves of a pair") << QString(QChar(0xd835)) + QLatin1Char('3') + QChar(0xdfcf) + QChar(0xd835) << 1U
+                                      << 3U;
     row("largest", "4294967295", 1, 4294967295U);
     row("32 bits wrap", "4294967296", 1, 0);
     row("32 bits wrap on scaling", "4294968", 1000, 704);
