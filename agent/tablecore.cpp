@@ -1,6 +1,8 @@
 // What every table does alike.
 #include "agent/tablecore.h"
 
+#include "agent/requestgate.h"
+
 #include <cstdio>
 
 namespace {
@@ -60,6 +62,7 @@ void registerTable(const char *name, std::span<const oid> object, std::size_t co
     netsnmp_cache *cache =
         netsnmp_cache_create(cacheSeconds, hooks.load, hooks.free, object.data(), static_cast<int>(object.size()));
     netsnmp_inject_handler_before(registration, netsnmp_cache_handler_get(cache), TABLE_ITERATOR_NAME);
+    netsnmp_inject_handler_before(registration, makeRequestGate(), TABLE_HANDLER_NAME);
 }
 
 int serveTable(const char *name, std::span<const Column> columns, netsnmp_agent_request_info *reqinfo,

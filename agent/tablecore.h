@@ -135,8 +135,8 @@ struct TableHooks {
     NetsnmpCacheFree *free;
 };
 
-/// Registers a read-only table with one INTEGER index: the iterator in front of the handler, and in front of the
-/// iterator a cache, so that a request first loads when 60 s have passed since the last load.
+/// Registers a read-only table with one INTEGER index: the iterator in front of the handler, in front of the iterator a
+/// cache, so that a request first loads when 60 s have passed since the last load, and the request gate before all.
 void registerTable(const char *name, std::span<const oid> object, std::size_t columns, const TableHooks &hooks);
 
 /// Answers the requests of one call from the rows that the iterator found. `name` begins the error messages.

@@ -30,6 +30,7 @@ private Q_SLOTS:
     void getNextStepsOverTheGaps();
     void getNextEndsItsSearchAtTheFirstRowThatFits();
     void getNextOfTwoObjectsAnswersEachAsAlone();
+    void aStartThatCountsAsAMatchIsOneBesideAnyOther();
     void everyStepOfTheIteratorPrints();
     void theCountIsAScalar();
     void theCountRefusesOtherModes();
@@ -173,12 +174,25 @@ void TestVoltageTable::getNextEndsItsSearchAtTheFirstRowThatFits()
 
 void TestVoltageTable::getNextOfTwoObjectsAnswersEachAsAlone()
 {
-    QStringList objects{QStringLiteral("3.4.2"), QStringLiteral("3.4.2.1.3.13")};
+    QStringList objects = lines({"3", "3.4.1", "3.4.1.0", "3.4.2", "3.4.2.0", "3.4.2.1", "3.4.2.1.0", "3.4.2.1.3",
+                                 "3.4.2.1.3.13", "3.4.2.1.3.14.1", "3.4.2.1.4", "3.4.2.1.9.1", "3.4.2.2", "3.4.3"});
     for (const QString &answer : snmpWalk(QStringLiteral("3.4.2")))
         objects.append(answer.section(QLatin1Char(' '), 0, 0));
     for (const QString &one : objects) {
         for (const QString &other : objects)
             QCOMPARE(snmpGetNext({one, other}), snmpGetNext({one}) + snmpGetNext({other}));
+    }
+}
+
+void TestVoltageTable::aStartThatCountsAsAMatchIsOneBesideAnyOther()
+{
+    const QString cell = QStringLiteral("3.4.2.1.1.3");
+    const QStringList answer = lines({"3.4.2.1.1.3 INTEGER 3"});
+    QCOMPARE(snmpGetNextFrom({cell}), answer);
+    for (const QString &other : lines({"3.4.2.2", "3.4.2.1.9", "3.4.2.1.1.2", "3.4.1.0"})) {
+        const QStringList alone = snmpGetNextFrom({other});
+        QCOMPARE(snmpGetNextFrom({other, cell}), alone + answer);
+        QCOMPARE(snmpGetNextFrom({cell, other}), answer + alone);
     }
 }
 

@@ -82,7 +82,9 @@ int takeReply(int operation, netsnmp_session *, int, netsnmp_pdu *pdu, void *mag
     return 1;
 }
 
-QStringList ask(int command, const QStringList &objects, int repetitions = 0)
+constexpr oid farEnd[] = {2, 1};
+
+QStringList ask(int command, const QStringList &objects, int repetitions = 0, bool startCounts = false)
 {
     static netsnmp_session *manager = netsnmp_callback_open(callback_master_num, takeReply, nullptr, nullptr);
     netsnmp_pdu *pdu = snmp_pdu_create(command);
@@ -97,6 +99,8 @@ QStringList ask(int command, const QStringList &objects, int repetitions = 0)
         const std::vector<oid> name = fullOid(object);
         if (command == SNMP_MSG_SET)
             snmp_pdu_add_variable(pdu, name.data(), name.size(), ASN_INTEGER, &one, sizeof(one));
+        else if (startCounts)
+            snmp_pdu_add_variable(pdu, name.data(), name.size(), ASN_PRIV_INCL_RANGE, farEnd, sizeof(farEnd));
         else
             snmp_add_null_var(pdu, name.data(), name.size());
     }
@@ -199,6 +203,11 @@ QStringList snmpGet(const QStringList &objects)
 QStringList snmpGetNext(const QStringList &objects)
 {
     return ask(SNMP_MSG_GETNEXT, objects);
+}
+
+QStringList snmpGetNextFrom(const QStringList &objects)
+{
+    return ask(SNMP_MSG_GETNEXT, objects, 0, true);
 }
 
 QStringList snmpGetBulk(const QString &object, int repetitions)

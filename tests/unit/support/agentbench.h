@@ -53,6 +53,8 @@ QStringList printedInOwnProcess(const std::function<void()> &body);
 /// A failed PDU is one line "error NUMBER at INDEX".
 QStringList snmpGet(const QStringList &objects);
 QStringList snmpGetNext(const QStringList &objects);
+/// The same as a master asks when it allows an object itself as the answer.
+QStringList snmpGetNextFrom(const QStringList &objects);
 QStringList snmpGetBulk(const QString &object, int repetitions);
 /// A SET of INTEGER 1.
 QStringList snmpSet(const QString &object);

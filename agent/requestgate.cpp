@@ -1,0 +1,32 @@
+// What stands in front of the agent library's table helpers.
+#include "agent/requestgate.h"
+
+#include <utility>
+
+namespace {
+/// Not by the mode: the library begins a search whose start counts as a match with a pass of its own in mode GET.
+bool isSearch(const netsnmp_agent_request_info &info)
+{
+    return info.asp->pdu->command != SNMP_MSG_GET;
+}
+
+int handOn(netsnmp_mib_handler *gate, netsnmp_handler_registration *registration, netsnmp_agent_request_info *info,
+           netsnmp_request_info *requests)
+{
+    if (!isSearch(*info))
+        return netsnmp_call_next_handler(gate, registration, info, requests);
+    int status = SNMP_ERR_NOERROR;
+    for (netsnmp_request_info *request = requests; request != nullptr && status == SNMP_ERR_NOERROR;
+         request = request->next) {
+        netsnmp_request_info *const others = std::exchange(request->next, nullptr);
+        status = netsnmp_call_next_handler(gate, registration, info, request);
+        request->next = others;
+    }
+    return status;
+}
+} // namespace
+
+netsnmp_mib_handler *makeRequestGate()
+{
+    return netsnmp_create_handler("request_gate", handOn);
+}

@@ -1,0 +1,101 @@
+"""One request with many names: each name of a GETNEXT or GETBULK gets the answer that it gets when asked alone."""
+from __future__ import annotations
+
+from typing import NamedTuple
+
+import pytest
+from support import ber
+from support.ber import GETBULK, GETNEXT, V1, V2C
+from support.rawmanager import RawManager
+from support.snmp import PRIVATE_MIB
+from support.target import MODEL, Target, options, target_of, unharmed  # noqa: F401
+from support.walks import Walk
+
+
+class Question(NamedTuple):
+    """A way to ask: GETNEXT or, with repetitions, GETBULK."""
+    version: int = V2C
+    repetitions: int = 0
+
+    def __str__(self) -> str:
+        return f"GETBULK {self.repetitions}" if self.repetitions else f"GETNEXT {'v1' if self.version == V1 else 'v2c'}"
+
+
+QUESTIONS = [Question(V1), Question(V2C), Question(repetitions=1), Question(repetitions=5)]
+
+# By what the names did to the daemon together: model and names below the enterprise arc.
+CASES = {
+    "crash: a cell beside a name behind the entry": (6420, ["3.4.2.1.3.1", "3.4.2.2"]),
+    "crash: a name behind the entry beside a cell": (6420, ["3.4.2.2", "3.4.2.1.3.1"]),
+    "crash: an empty table beside a name behind its entry": (6720, ["3.12.1", "3.12.1.2"]),
+    "endless: a column of an empty table beside one beyond its last": (6720, ["3.12.1.1.1", "3.12.1.1.9"]),
+    "endless: the empty voltage table of a station": (6211, ["3.4.2.1.1", "3.4.2.1.9"]),
+    "backwards: a count beside the last cell of its table": (6420, ["3.4.1.0", "3.4.2.1.3.13"]),
+    "backwards: a count beside the columns of its table": (6720, ["3.3.1", "3.3.2.1.1", "3.3.2.1.2", "3.3.2.1.3"]),
+    "backwards: a cell beside a column beyond the last": (6420, ["3.4.2.1.3.1", "3.4.2.1.4"]),
+    "backwards: a relay beside a column beyond the last": (6211, ["3.12.1.1.1.1", "3.12.1.1.6"]),
+    "backwards: the last relay cell beside a column beyond the last": (6211, ["3.12.1.1.5.4", "3.12.1.1.6"]),
+    "one name many times": (6420, ["3.4.2.1.3.13"] * 20),
+}
+
+
+def below_enterprise(arcs: str) -> ber.Oid:
+    return ber.numbers(f"{PRIVATE_MIB}.{arcs}")
+
+
+def answers_alone(target: Target, name: ber.Oid, question: Question) -> list[ber.Binding]:
+    found, last = [], name
+    for _ in range(max(1, question.repetitions)):
+        binding, = target.manager.ask(GETNEXT, [last], version=question.version).bindings
+        found.append(binding)
+        last = binding.oid
+    return found
+
+
+@pytest.mark.parametrize("question", QUESTIONS, ids=str)
+@pytest.mark.parametrize("unharmed, names", [
+    pytest.param(Walk(model), [below_enterprise(name) for name in names], id=case)
+    for case, (model, names) in CASES.items()], indirect=["unharmed"])
+def test_each_name_gets_the_answer_that_it_gets_alone(unharmed, names, question):
+    alone = [answers_alone(unharmed, name, question) for name in names]
+    together = unharmed.manager.ask(GETBULK if question.repetitions else GETNEXT, names, version=question.version,
+                                    second=question.repetitions)
+    assert together.error == 0
+    assert together.bindings == [answers[turn] for turn in range(len(alone[0])) for answers in alone]
+    assert all(following.oid > name for name, (following, *_) in zip(names, alone))
+
+
+@pytest.mark.parametrize("unharmed", [Walk(6420), Walk(6211), Walk(6720)], indirect=True, ids=lambda walk: walk.name)
+def test_all_names_at_once(unharmed):
+    names = unharmed.oids()
+    answer = unharmed.manager.ask(GETNEXT, names)
+    assert (answer.error, answer.bindings[:-1]) == (0, unharmed.walk[1:])
+    assert answer.bindings[-1] == answers_alone(unharmed, names[-1], Question())[0]
+
+
+def test_a_manager_that_reads_a_count_and_columns_together_gets_past_the_table(unharmed):
+    """As snmpbulkwalk and graphing tools do: the answers to the last request are the names of the next."""
+    module = below_enterprise("3.4")
+    names = [below_enterprise(name) for name in ("3.4.1", "3.4.2.1.1", "3.4.2.1.2", "3.4.2.1.3")]
+    found: list[list[ber.Binding]] = [[] for _ in names]
+    while any(name[:len(module)] == module for name in names):
+        answer = unharmed.manager.ask(GETNEXT, names)
+        for name, column, binding in zip(names, found, answer.bindings):
+            assert binding.oid > name
+            column.append(binding)
+        names = [binding.oid for binding in answer.bindings]
+    for column in found:
+        first = unharmed.walk.index(column[0])
+        assert column == unharmed.walk[first:first + len(column)]
+
+
+@pytest.mark.parametrize("model, names", [
+    pytest.param(*case, id=name) for name, case in CASES.items() if name.startswith("endless")])
+def test_the_daemon_still_ends_when_it_is_told_to(start_device, model, names):
+    device = start_device(model, *options(Walk(model))).wait_answering()
+    manager = RawManager.of(device)
+    manager.begin(GETNEXT, [below_enterprise(name) for name in names])
+    assert manager.ask(ber.GET, [MODEL]).error == 0
+    manager.close()
+    device.end_kvsnmp()
+    assert device.kvsnmp_status() == 0
