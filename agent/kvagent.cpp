@@ -3,6 +3,7 @@
 
 #include "agent/modules.h"
 #include "agent/netsnmp.h"
+#include "agent/streamlimit.h"
 #include "device/boundedtext.h"
 #include "device/models.h"
 
@@ -54,7 +55,9 @@ int sessionStarted(int, int, void *argument, void *)
     auto *session = static_cast<netsnmp_session *>(argument);
     session->retries = 0; // a local stream needs no repeats, and a repeated notification is a doubled trap
     void *const listed = snmp_sess_pointer(session);
-    const netsnmp_transport *transport = listed != nullptr ? snmp_sess_transport(listed) : nullptr;
+    netsnmp_transport *transport = listed != nullptr ? snmp_sess_transport(listed) : nullptr;
+    if (transport != nullptr)
+        limitStream(*transport);
     sessionChanged(true, transport != nullptr ? transport->sock : -1);
     return 0;
 }

@@ -9,7 +9,6 @@ import time
 import pytest
 from support import ber
 from support.ber import GET, GETBULK, GETNEXT, V1, V2C
-from support.polling import wait_until
 from support.rawmanager import ROOT, RawManager, sockets
 from support.snmp import END_OF_VIEW, NO_SUCH_INSTANCE, NO_SUCH_OBJECT
 from support.target import (AMPLIFIER, GREATEST, MODEL, SEED, STATION, TABLES, entry_of, tables_of,
@@ -69,26 +68,6 @@ def test_get_of_many_names_has_all_the_values(unharmed):
     wanted = [unharmed.walk[place % len(unharmed.walk)] for place in range(MANY)]
     answer = unharmed.manager.ask(GET, [binding.oid for binding in wanted])
     assert (answer.error, answer.bindings) == (0, wanted)
-
-
-def test_get_that_is_too_long_for_the_agents_connection_fails_and_costs_it_that_connection(unharmed):
-    """snmpd takes no message above 64 KiB from a sub-agent, which it gives up after its six attempts. Other managers
-    are answered in these 6 s; the sub-agent is back a second later."""
-    device = unharmed.device
-    other = RawManager.of(device)
-    begin = time.monotonic()
-    number = unharmed.manager.begin(GET, [unharmed.walk[place % len(unharmed.walk)].oid for place in range(2000)])
-    served: list[tuple[str, str] | None] = []
-    while (answer := unharmed.manager.answer_to(number, 0.2)) is None:
-        served.append(other.try_get(MODEL))
-        assert time.monotonic() < begin + 20
-    failed = time.monotonic()
-    assert answer.error == ber.GENERAL_ERROR
-    assert len(served) > 10 and set(served[:-1]) == {("INTEGER", "6420")}
-    wait_until(lambda: other.try_get(MODEL) == ("INTEGER", "6420"), 10, what="sub-agent back")
-    print(f"refused after {failed - begin:.1f} s, sub-agent back {time.monotonic() - failed:.1f} s later, "
-          f"{len(served)} other GETs meanwhile")
-    other.close()
 
 
 @pytest.mark.parametrize("repeaters, first, repetitions", [

@@ -30,6 +30,9 @@ class Target(NamedTuple):
     def oids(self) -> list[ber.Oid]:
         return [binding.oid for binding in self.walk]
 
+    def value_of(self, oid: ber.Oid) -> tuple[str, str]:
+        return self.walk[self.oids().index(oid)].value
+
     def following(self, oid: ber.Oid) -> list[ber.Binding]:
         return self.walk[bisect.bisect_right(self.oids(), oid):]
 

@@ -1,0 +1,122 @@
+// The longest message that passes the connection to the master agent.
+#include "agent/streamlimit.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+namespace {
+// AgentX (RFC 2741): each message begins with version, type, flags, a reserved byte, and four numbers of 4 bytes:
+// session, transaction, packet, and the length of the rest.
+constexpr std::size_t headerSize = 20;
+constexpr std::size_t lengthAt = 16;
+constexpr u_char firstRequest = 5; // Get, GetNext, GetBulk, TestSet: all that carry names and expect an answer
+constexpr u_char lastRequest = 8;
+constexpr u_char response = 18;
+constexpr u_char networkByteOrder = 0x10;
+
+bool isBigEndian(const u_char *header)
+{
+    return (header[2] & networkByteOrder) != 0;
+}
+
+std::uint64_t messageSize(const u_char *header)
+{
+    std::uint32_t length = 0;
+    for (std::size_t place = 0; place < sizeof(length); ++place)
+        length = length << 8 | header[lengthAt + (isBigEndian(header) ? place : sizeof(length) - 1 - place)];
+    return headerSize + std::uint64_t{length};
+}
+
+/// The one connection: the library's own functions, and how far the message has come that is arriving.
+struct Connection {
+    decltype(netsnmp_transport::f_recv) receive;
+    decltype(netsnmp_transport::f_send) send;
+    u_char header[headerSize];
+    std::size_t held;   // bytes of a header that is not complete: the library has not seen them
+    std::uint64_t left; // bytes still to come
+    bool refused;       // the library gets none of them
+};
+Connection connection = {};
+
+/// The answer to the request that begins with this header, or in place of the answer that does.
+void sendRefusal(netsnmp_transport *transport, const u_char *header)
+{
+    const bool bigEndian = isBigEndian(header);
+    u_char refusal[headerSize + 8] = {}; // behind the header: the sender's uptime, the error, the number of a name
+    std::copy_n(header, lengthAt, refusal);
+    refusal[1] = response;
+    refusal[2] = bigEndian ? networkByteOrder : 0;
+    refusal[lengthAt + (bigEndian ? 3 : 0)] = sizeof(refusal) - headerSize;
+    refusal[headerSize + (bigEndian ? 5 : 4)] = SNMP_ERR_TOOBIG;
+    refusal[headerSize + (bigEndian ? 7 : 6)] = 1;
+    void *opaque = nullptr;
+    int opaqueLength = 0;
+    connection.send(transport, refusal, sizeof(refusal), &opaque, &opaqueLength);
+}
+
+/// Takes the refused messages out of the data and returns the size of the rest.
+std::size_t withoutRefused(netsnmp_transport *transport, u_char *data, std::size_t size)
+{
+    std::size_t kept = 0;
+    for (std::size_t at = 0; at < size;) {
+        if (connection.left == 0) {
+            if (size - at < headerSize) {
+                connection.held = size - at;
+                std::copy_n(data + at, connection.held, connection.header);
+                break;
+            }
+            std::copy_n(data + at, headerSize, connection.header);
+            connection.left = messageSize(connection.header);
+            // The library closes the connection over a length beyond 31 bits.
+            connection.refused = connection.left > longestMessage && connection.left <= INT32_MAX;
+        }
+        const std::size_t part = std::min<std::uint64_t>(connection.left, size - at);
+        if (!connection.refused) {
+            std::memmove(data + kept, data + at, part);
+            kept += part;
+        }
+        at += part;
+        connection.left -= part;
+        const u_char type = connection.header[1];
+        if (connection.left == 0 && connection.refused && type >= firstRequest && type <= lastRequest)
+            sendRefusal(transport, connection.header);
+    }
+    return kept;
+}
+
+int receive(netsnmp_transport *transport, void *buffer, int size, void **opaque, int *opaqueLength)
+{
+    auto *const data = static_cast<u_char *>(buffer);
+    const auto held = static_cast<int>(connection.held);
+    std::copy_n(connection.header, held, data);
+    const int received = connection.receive(transport, data + held, size - held, opaque, opaqueLength);
+    if (received <= 0)
+        return received;
+    connection.held = 0;
+    const std::size_t kept = withoutRefused(transport, data, static_cast<std::size_t>(held + received));
+    if (kept == 0) { // not the end of the stream
+        transport->flags |= NETSNMP_TRANSPORT_FLAG_EMPTY_PKT;
+        SNMP_FREE(*opaque); // the library frees it behind a message only
+        *opaqueLength = 0;
+    }
+    return static_cast<int>(kept);
+}
+
+int send(netsnmp_transport *transport, const void *message, int size, void **opaque, int *opaqueLength)
+{
+    const auto *const data = static_cast<const u_char *>(message);
+    if (size <= static_cast<int>(longestMessage) || data[1] != response)
+        return connection.send(transport, message, size, opaque, opaqueLength);
+    sendRefusal(transport, data);
+    return size;
+}
+} // namespace
+
+void limitStream(netsnmp_transport &transport)
+{
+    connection = {};
+    connection.receive = std::exchange(transport.f_recv, receive);
+    connection.send = std::exchange(transport.f_send, send);
+}

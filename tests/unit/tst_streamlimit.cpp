@@ -1,0 +1,242 @@
+// Messages from and to the master that are too long: taken off the stream, refused, replaced.
+#include "agent/streamlimit.h"
+
+#include <QtEndian>
+#include <QtTest>
+
+#include <array>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+// Types of AgentX messages.
+constexpr char get = 5, getNext = 6, getBulk = 7, testSet = 8, cleanupSet = 11, ping = 13, response = 18;
+
+/// A message of that many bytes in all. Its packet number is 0x01020304, the other numbers are 0x11... and 0x22...
+QByteArray message(char type, std::size_t size, bool bigEndian = false)
+{
+    const auto number = [bigEndian](quint32 value) {
+        char bytes[4];
+        bigEndian ? qToBigEndian(value, bytes) : qToLittleEndian(value, bytes);
+        return QByteArray(bytes, sizeof(bytes));
+    };
+    QByteArray bytes("\1\0\0\0", 4);
+    bytes[1] = type;
+    bytes[2] = bigEndian ? 0x10 : 0;
+    bytes += number(0x11121314) + number(0x21222324) + number(0x01020304) + number(static_cast<quint32>(size - 20));
+    while (bytes.size() < static_cast<int>(size))
+        bytes += static_cast<char>(bytes.size() % 251);
+    return bytes;
+}
+
+/// Error 1, tooBig, at the first name, with the numbers of message().
+QByteArray refusal(bool bigEndian = false)
+{
+    QByteArray bytes = message(response, 28, bigEndian);
+    bytes.replace(20, 8, bigEndian ? QByteArray("\0\0\0\0\0\1\0\1", 8) : QByteArray("\0\0\0\0\1\0\1\0", 8));
+    return bytes;
+}
+
+/// The connection, limited; what the library would read and what the master would get.
+class Stream {
+public:
+    Stream()
+    {
+        s_arriving.clear();
+        s_sent.clear();
+        m_transport.f_recv = receive;
+        m_transport.f_send = send;
+        limitStream(m_transport);
+    }
+
+    /// What the library gets of the bytes, which arrive in parts of that size.
+    QByteArray received(const QByteArray &bytes, int partSize)
+    {
+        QByteArray got;
+        for (int at = 0; at < bytes.size(); at += partSize) {
+            s_arriving = bytes.mid(at, partSize);
+            while (!s_arriving.isEmpty())
+                got += readOnce();
+        }
+        return got;
+    }
+
+    QByteArray readOnce()
+    {
+        m_transport.flags = 0;
+        void *opaque = nullptr;
+        int opaqueLength = 0;
+        const int size = m_transport.f_recv(&m_transport, m_buffer.data(), static_cast<int>(m_buffer.size()), &opaque,
+                                            &opaqueLength);
+        m_last = size;
+        const bool empty = size == 0 && (m_transport.flags & NETSNMP_TRANSPORT_FLAG_EMPTY_PKT) != 0;
+        if (empty && opaque != nullptr)
+            qFatal("the library does not free this when it got nothing");
+        std::free(opaque);
+        return QByteArray(m_buffer.data(), qMax(0, size));
+    }
+
+    /// What the master gets of a message.
+    QByteArray sentOf(const QByteArray &bytes)
+    {
+        s_sent.clear();
+        void *opaque = nullptr;
+        int opaqueLength = 0;
+        m_last = m_transport.f_send(&m_transport, bytes.constData(), bytes.size(), &opaque, &opaqueLength);
+        return s_sent;
+    }
+
+    static QByteArray sent() { return s_sent; }
+    int last() const { return m_last; } ///< result of the last call
+    unsigned int flags() const { return m_transport.flags; }
+
+    inline static int s_end = 0; ///< the result when nothing more comes
+
+private:
+    static int receive(netsnmp_transport *, void *buffer, int size, void **opaque, int *opaqueLength)
+    {
+        if (s_arriving.isEmpty())
+            return s_end;
+        const QByteArray part = s_arriving.left(size);
+        s_arriving.remove(0, part.size());
+        std::memcpy(buffer, part.constData(), static_cast<std::size_t>(part.size()));
+        *opaque = std::malloc(1);
+        *opaqueLength = 1;
+        return part.size();
+    }
+
+    static int send(netsnmp_transport *, const void *bytes, int size, void **, int *)
+    {
+        s_sent += QByteArray(static_cast<const char *>(bytes), size);
+        return size;
+    }
+
+    inline static QByteArray s_arriving;
+    inline static QByteArray s_sent;
+    netsnmp_transport m_transport = {};
+    std::array<char, 65536> m_buffer = {}; // of the library's size
+    int m_last = 0;
+};
+} // namespace
+
+class TestStreamLimit : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void requestsArriveUnlessTheyAreTooLong_data();
+    void requestsArriveUnlessTheyAreTooLong();
+    void theMessagesAroundArrive_data();
+    void theMessagesAroundArrive();
+    void aLengthThatTheLibraryCannotCountIsItsOwnAffair();
+    void theEndOfTheStreamIsPassedOn();
+    void aNewConnectionBeginsWithAMessage();
+    void answersPassUnlessTheyAreTooLong_data();
+    void answersPassUnlessTheyAreTooLong();
+};
+
+void TestStreamLimit::requestsArriveUnlessTheyAreTooLong_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<bool>("arrives");
+    QTest::addColumn<QByteArray>("answer");
+    const QByteArray none;
+    QTest::newRow("a ping") << message(ping, 20) << true << none;
+    QTest::newRow("a Get of one name") << message(get, 100) << true << none;
+    QTest::newRow("a Get at the limit") << message(get, longestMessage) << true << none;
+    QTest::newRow("a Get beyond it") << message(get, longestMessage + 4) << false << refusal();
+    QTest::newRow("a GetNext beyond it") << message(getNext, longestMessage + 1) << false << refusal();
+    QTest::newRow("a GetBulk far beyond it") << message(getBulk, 5 * longestMessage) << false << refusal();
+    QTest::newRow("a TestSet beyond it") << message(testSet, longestMessage + 4) << false << refusal();
+    QTest::newRow("a CleanupSet, which has no answer") << message(cleanupSet, longestMessage + 4) << false << none;
+    QTest::newRow("a response") << message(response, longestMessage + 4) << false << none;
+    QTest::newRow("at the limit, big endian") << message(get, longestMessage, true) << true << none;
+    QTest::newRow("beyond it, big endian") << message(get, longestMessage + 4, true) << false << refusal(true);
+}
+
+void TestStreamLimit::requestsArriveUnlessTheyAreTooLong()
+{
+    QFETCH(QByteArray, bytes);
+    QFETCH(bool, arrives);
+    QFETCH(QByteArray, answer);
+    for (const int partSize : {1, 7, 19, 20, 21, 4096, 65536, bytes.size()}) {
+        Stream stream;
+        QCOMPARE(stream.received(bytes, partSize), arrives ? bytes : QByteArray());
+        QCOMPARE(stream.sent(), answer);
+    }
+}
+
+void TestStreamLimit::theMessagesAroundArrive_data()
+{
+    QTest::addColumn<int>("partSize");
+    for (const int size : {1, 3, 20, 50, 1000, 4096, 65536, 1000000})
+        QTest::addRow("in parts of %d", size) << size;
+}
+
+void TestStreamLimit::theMessagesAroundArrive()
+{
+    QFETCH(int, partSize);
+    const QByteArray tooLong = message(getNext, longestMessage + 1000);
+    const QByteArray first = message(get, 60);
+    const QByteArray second = message(ping, 20, true);
+    const QByteArray third = message(getNext, longestMessage);
+    Stream stream;
+    QCOMPARE(stream.received(first + tooLong + second + tooLong + tooLong + third + first, partSize),
+             first + second + third + first);
+    QCOMPARE(stream.sent(), refusal() + refusal() + refusal());
+}
+
+void TestStreamLimit::aLengthThatTheLibraryCannotCountIsItsOwnAffair()
+{
+    QByteArray bytes = message(get, 30);
+    bytes.replace(16, 4, "\xff\xff\xff\xff");
+    Stream stream;
+    QCOMPARE(stream.received(bytes, bytes.size()), bytes);
+    QCOMPARE(stream.sent(), QByteArray());
+}
+
+void TestStreamLimit::theEndOfTheStreamIsPassedOn()
+{
+    Stream stream;
+    stream.received(message(get, 60).left(10), 10); // a part of a header is not the end
+    QCOMPARE(stream.last(), 0);
+    QVERIFY((stream.flags() & NETSNMP_TRANSPORT_FLAG_EMPTY_PKT) != 0);
+    for (const int end : {0, -1}) {
+        Stream::s_end = end;
+        stream.readOnce();
+        QCOMPARE(stream.last(), end);
+        QVERIFY((stream.flags() & NETSNMP_TRANSPORT_FLAG_EMPTY_PKT) == 0);
+    }
+}
+
+void TestStreamLimit::aNewConnectionBeginsWithAMessage()
+{
+    Stream former;
+    former.received(message(get, longestMessage + 4).left(30000), 4096);
+    Stream next;
+    QCOMPARE(next.received(message(get, 60), 4096), message(get, 60));
+}
+
+void TestStreamLimit::answersPassUnlessTheyAreTooLong_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<QByteArray>("passes");
+    const QByteArray longest = message(response, longestMessage);
+    const QByteArray trap = message(12, longestMessage + 4); // Notify: not an answer, so not to be refused
+    QTest::newRow("an answer of one name") << message(response, 100) << message(response, 100);
+    QTest::newRow("an answer at the limit") << longest << longest;
+    QTest::newRow("an answer beyond it") << message(response, longestMessage + 4) << refusal();
+    QTest::newRow("beyond it, big endian") << message(response, longestMessage + 4, true) << refusal(true);
+    QTest::newRow("a notification beyond it") << trap << trap;
+}
+
+void TestStreamLimit::answersPassUnlessTheyAreTooLong()
+{
+    QFETCH(QByteArray, bytes);
+    QFETCH(QByteArray, passes);
+    Stream stream;
+    QCOMPARE(stream.sentOf(bytes), passes);
+    QCOMPARE(stream.last(), bytes.size()); // for the library it is sent
+}
+
+QTEST_GUILESS_MAIN(TestStreamLimit)
+#include "tst_streamlimit.moc"
