@@ -20,6 +20,7 @@ namespace {
 
 constexpr int settingsQuietMs = 300; // a burst of notifications leads to one write
 constexpr int restartDelayMs = 500;
+constexpr int startDelayMs = 500; // leaves snmpd time to end and to remove its pid file
 constexpr int watchdogIntervalMs = 600000;
 
 /// False, with errno set, when not all of it could be written. QFile would take a part for the whole.
@@ -62,9 +63,16 @@ SnmpdConfHandler::SnmpdConfHandler(QObject *parent, TalHandler *talHandler, Snmp
     m_watchdogTimer.setInterval(watchdogIntervalMs);
     connect(&m_watchdogTimer, SIGNAL(timeout()), this, SLOT(watchdogSnmpd()));
 
+    // Precise, because a coarse timer may run out so late that it meets the other one.
     m_restartTimer.setSingleShot(true);
+    m_restartTimer.setTimerType(Qt::PreciseTimer);
     m_restartTimer.setInterval(restartDelayMs);
     connect(&m_restartTimer, SIGNAL(timeout()), this, SLOT(onRestartSnmpdTimeout()));
+
+    m_startTimer.setSingleShot(true);
+    m_startTimer.setTimerType(Qt::PreciseTimer);
+    m_startTimer.setInterval(startDelayMs);
+    connect(&m_startTimer, SIGNAL(timeout()), this, SLOT(doStartSnmpd()));
 
     watchConfigFolder();
     if (m_folderWatcher.directories().isEmpty())

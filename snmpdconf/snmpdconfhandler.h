@@ -5,6 +5,7 @@
 #include "snmpdconf/snmpdhost.h"
 #include "tal/snmpsettings.h"
 
+#include <QDeadlineTimer>
 #include <QFileSystemWatcher>
 #include <QObject>
 #include <QString>
@@ -50,12 +51,15 @@ private:
     void copySysNameToAgent() const;
     bool writeConfigFile(const QByteArray &text) const;
     void watchConfigFolder();
+    bool isSnmpdStarting() const;
     void killStaleSnmpd() const;
 
     TalHandler *m_talHandler;
     QTimer m_settingsTimer{this};
     QTimer m_watchdogTimer{this};
-    QTimer m_restartTimer{this};
+    QTimer m_restartTimer{this}; ///< to the stop
+    QTimer m_startTimer{this};   ///< from the last stop to the start
+    QDeadlineTimer m_startLimit; ///< for the pid file of the snmpd that was started last and not stopped since
     QFileSystemWatcher m_folderWatcher{this};
     SnmpdConfSettings m_settings; ///< access, names, receivers, versions
     bool m_useCustomConfigFile = false;

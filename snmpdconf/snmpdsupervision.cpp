@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr int startDelayMs = 500; // leaves snmpd time to end and to remove its pid file
+constexpr int startLimitMs = 2000; // a snmpd without a pid file after that has failed
 constexpr int probeTimeoutMs = 30000;
 constexpr int memoryLimitKb = 10240;
 constexpr qint64 maxPidLine = 256; // one of them for a terminator
@@ -46,13 +46,26 @@ void SnmpdConfHandler::onRestartSnmpdTimeout()
                            << "Cancel restart snmp, no config file";
         return;
     }
+    if (isSnmpdStarting()) {
+        m_restartTimer.start();
+        return;
+    }
     qDebug().noquote() << "SnmpdConfHandler"
                        << "onRestartSnmpdTimeout"
                        << "Restarting snmpd";
+    m_startLimit = {};
     m_host.run({QStringLiteral("killall"), {QStringLiteral("snmpd")}});
     setMasterEnding(true); // it still takes traps for a moment, but sends none of them on
-    QTimer::singleShot(startDelayMs, this, SLOT(doStartSnmpd()));
+    // Also cancels the start that an earlier stop has left pending.
+    m_startTimer.start();
     Q_EMIT signalSnmpdConfFinish(); // does not wait for the new snmpd
+}
+
+/// On its way to the background snmpd forks twice, and killall can miss it. It would then run on until the next start
+/// found its pid file and killed it.
+bool SnmpdConfHandler::isSnmpdStarting() const
+{
+    return !m_startLimit.hasExpired() && !QFileInfo::exists(m_host.pidFile);
 }
 
 void SnmpdConfHandler::doStartSnmpd()
@@ -62,6 +75,7 @@ void SnmpdConfHandler::doStartSnmpd()
     m_host.writeSystemLog(LOG_INFO, m_useCustomConfigFile ? "Starting snmpd (custom snmpd.conf)"
                                                           : "Starting snmpd (snmpd.conf from TAL)");
     m_host.startDetached({QStringLiteral("snmpd"), {QStringLiteral("-p"), m_host.pidFile}});
+    m_startLimit.setRemainingTime(startLimitMs);
     setMasterEnding(false);
 }
 

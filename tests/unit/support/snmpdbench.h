@@ -14,6 +14,8 @@
 #include <QTimer>
 #include <QtTest>
 
+#include <functional>
+
 #include <syslog.h>
 
 /// Nothing leaves the bench: what the handler would have run or logged becomes one event text each, in order.
@@ -99,6 +101,8 @@ public:
     QString pidFile;
     QStringList events; ///< "run: ...", "start: ...", "probe(ms): ...", "log(priority): ...", "finish"
     QByteArray probeOutput = "8192\n";
+    std::function<void(const Command &)> onRun = [](const Command &) {};   ///< what a command that is run does
+    std::function<void(const Command &)> onStart = [](const Command &) {}; ///< and one that is started detached
     KvAgent agent{};
     TalBench tal{6410};
     QScopedPointer<SnmpdConfHandler> handler;
@@ -116,8 +120,14 @@ private:
             configFile,
             folder + QLatin1Char('/'),
             pidFile,
-            [this](const Command &command) { events.append(qs("run: ") + words(command)); },
-            [this](const Command &command) { events.append(qs("start: ") + words(command)); },
+            [this](const Command &command) {
+                events.append(qs("run: ") + words(command));
+                onRun(command);
+            },
+            [this](const Command &command) {
+                events.append(qs("start: ") + words(command));
+                onStart(command);
+            },
             [this](const Command &command, int timeoutMs) {
                 events.append(qs("probe(%1): %2").arg(QString::number(timeoutMs), words(command)));
                 return probeOutput;
