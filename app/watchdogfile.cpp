@@ -1,32 +1,70 @@
-// The watchdog file: opened without following, looked at, and only then emptied and written.
+// The watchdog file: ours is written again, anything else at its path gives way to a new one.
 #include "app/watchdogfile.h"
 
+#include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
+#include <string>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
-bool isPlainFile(int descriptor)
+/// A file of another user may be open in a program of theirs; a second link is the name of some other file.
+bool isOurs(const struct stat &info)
+{
+    return S_ISREG(info.st_mode) && info.st_nlink == 1 && info.st_uid == geteuid();
+}
+
+/// -1 when something else, or nothing, is there.
+int openOurs(const char *path)
 {
     struct stat info {};
-    return fstat(descriptor, &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink == 1;
+    // Looked at before it is opened: to open a device or a pipe can have effects.
+    if (lstat(path, &info) != 0 || !isOurs(info))
+        return -1;
+    const int descriptor = open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (descriptor >= 0 && (fstat(descriptor, &info) != 0 || !isOurs(info))) {
+        close(descriptor);
+        return -1;
+    }
+    return descriptor;
+}
+
+void writeLine(int descriptor)
+{
+    constexpr std::string_view line = "update\n";
+    // A full disk leaves the file empty; the next tick writes it again.
+    [[maybe_unused]] const ssize_t written = write(descriptor, line.data(), line.size());
+}
+
+/// Made under a name that nobody can foresee, and moved into its place: between an unlink() and an open() somebody
+/// could put the next thing there, again and again.
+bool replace(const char *path)
+{
+    std::string made = std::string(path) + ".XXXXXX";
+    const int descriptor = mkostemp(made.data(), O_CLOEXEC);
+    if (descriptor < 0)
+        return false;
+    fchmod(descriptor, 0644);
+    writeLine(descriptor);
+    close(descriptor);
+    if (std::rename(made.c_str(), path) == 0)
+        return true;
+    unlink(made.c_str());
+    return false;
 }
 
 } // namespace
 
 bool updateWatchdogFile(const char *path)
 {
-    const int descriptor = open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644);
+    const int descriptor = openOurs(path);
     if (descriptor < 0)
-        return false;
-    const bool plain = isPlainFile(descriptor);
-    if (plain && ftruncate(descriptor, 0) == 0) {
-        constexpr std::string_view line = "update\n";
-        // A full disk leaves the file empty; the next tick writes it again.
-        [[maybe_unused]] const ssize_t written = write(descriptor, line.data(), line.size());
-    }
+        return replace(path);
+    if (ftruncate(descriptor, 0) == 0)
+        writeLine(descriptor);
     close(descriptor);
-    return plain;
+    return true;
 }

@@ -3,6 +3,6 @@
 
 inline constexpr char watchdogFilePath[] = "/tmp/kvsnmp.watchdogtest";
 
-/// Rewrites the file with its one line. False when it cannot be opened or is anything but a regular file of one name:
-/// its folder is open to all, so nothing is written through a link of either kind or into a pipe.
+/// Rewrites the file with its one line. Its folder is open to all, so only a regular file of this process's user, with
+/// one name, is written; anything else there but a folder is replaced by a new file. False when that fails.
 bool updateWatchdogFile(const char *path);

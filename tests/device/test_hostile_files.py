@@ -1,11 +1,11 @@
 """Disks full and read-only, identity files of every wrong kind, other things at the watchdog file's path, streams."""
 from __future__ import annotations
 
-import errno
 import os
 import random
 import signal
-import socket
+import stat
+import subprocess
 
 import pytest
 from support.dataservice import DataService
@@ -325,79 +325,97 @@ def serving(start_shared_device):
     return device.wait_answering()
 
 
-def make_fifo(path) -> None:
-    os.mkfifo(path)
-
-
-def make_socket(path) -> None:
-    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
-        listener.bind(str(path))
-
-
+# Shell commands that put something to $1, in its folder; "other" is a file beside it. Typed by another user, or by root.
 THINGS = {
-    "pipe": make_fifo,
-    "folder": lambda path: path.mkdir(),
-    "dangling link": lambda path: path.symlink_to("nothing"),
-    "link to itself": lambda path: path.symlink_to(path.name),
-    "link to the settings": lambda path: path.symlink_to("/etc/snmp/snmpd.conf"),
-    "hard link": lambda path: os.link(path.parent / "other", path),
-    "socket": make_socket,
-    "character device": lambda path: path.symlink_to("/dev/tty"),
+    "pipe": "mkfifo $1",
+    "dangling link": "ln -s nothing $1",
+    "link to itself": "ln -s $1 $1",
+    "link to a folder": "ln -s /etc/snmp $1",
+    "link to the settings": "ln -s /etc/snmp/snmpd.conf $1",
+    "link to a device": "ln -s /dev/tty $1",
+    "hard link": "ln other $1",
+    "socket": "python3 -c 'import socket, sys; socket.socket(socket.AF_UNIX).bind(sys.argv[1])' $1",
+    "file": "echo mine > $1 && chmod 666 $1",
 }
+ROOTS_OWN = {"device": "mknod $1 c 1 3", "hard link of root's": "echo precious > roots && ln roots $1"}
+# Outside a sandbox made by root there is one user only.
+ANOTHER_USER = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"] if os.geteuid() == 0 else []
+PLANTED = [pytest.param(ANOTHER_USER, script, id=name) for name, script in THINGS.items() if ANOTHER_USER or name != "file"]
+PLANTED += [pytest.param([], script, id=name) for name, script in ROOTS_OWN.items() if ANOTHER_USER or name != "device"]
 
 
-def put(make, path) -> None:
-    """The daemon may write its file anew at any moment."""
-    def made() -> bool:
-        try:
-            path.unlink(missing_ok=True)
-            make(path)
-            return True
-        except OSError as error:
-            assert error.errno in (errno.EEXIST, errno.EADDRINUSE)
-            return False
-
-    wait_until(made, what="something else in the file's place")
-
-
-@pytest.mark.parametrize("make", THINGS.values(), ids=THINGS)
-def test_anything_else_at_the_watchdog_files_path_is_left_alone_and_does_not_block(serving, make):
-    path = serving.path(WATCHDOG_FILE)
-    (path.parent / "other").write_text("precious\n")
-    conf = serving.read("/etc/snmp/snmpd.conf")
+@pytest.fixture
+def watched(serving):
+    """The device with its watchdog file, in a folder that is open to all as /tmp is, with another user's file in it."""
+    folder = serving.path("/tmp")
+    folder.chmod(0o1777)
+    serving.run([*ANOTHER_USER, "sh", "-c", "echo precious > /tmp/other"])
     serving.shift_clock(5)
     wait_until(lambda: serving.read(WATCHDOG_FILE) == "update\n", 8, what="watchdog file")
-    told = serving.kvsnmp_out().count(REFUSED)
-    put(make, path)
-    for _ in range(2):  # at every tick
-        serving.shift_clock(5)
-        told += 1
-        wait_until(lambda told=told: serving.kvsnmp_out().count(REFUSED) >= told, 8, what="refusal told")
-    assert serving.snmp.get(MODEL_NUMBER) == [ANSWER]
-    assert (path.parent / "other").read_text() == "precious\n"
-    assert not (path.parent / "nothing").exists()
-    assert serving.read("/etc/snmp/snmpd.conf") == conf
-    if path.is_dir() and not path.is_symlink():
-        path.rmdir()
-    else:
-        path.unlink()
-    serving.shift_clock(5)
-    wait_until(lambda: serving.read(WATCHDOG_FILE) == "update\n", 8, what="watchdog file again")
+    yield serving
+    for name in (WATCHDOG_FILE.rpartition("/")[2], "other", "roots"):
+        subprocess.run(["rm", "-rf", str(folder / name)], check=True)
 
 
-def test_pipe_that_somebody_reads_at_the_watchdog_files_path_gets_nothing(serving):
-    path = serving.path(WATCHDOG_FILE)
-    told = serving.kvsnmp_out().count(REFUSED)
-    put(make_fifo, path)
-    reader = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
+def plant(device: Device, user: list[str], script: str) -> tuple[int, int]:
+    """Puts something in the file's place, before the daemon does, and returns device and inode of it."""
+    path = device.path(WATCHDOG_FILE)
+
+    def planted() -> bool:
+        path.unlink(missing_ok=True)
+        done = device.run([*user, "sh", "-c", f"cd /tmp && {script}", "sh", WATCHDOG_FILE], check=False)
+        assert done.returncode == 0 or path.exists(), done.stderr
+        return done.returncode == 0
+
+    wait_until(planted, what="something else in the file's place")
+    return path.lstat().st_dev, path.lstat().st_ino
+
+
+@pytest.mark.parametrize("user, script", PLANTED)
+def test_anything_else_at_the_watchdog_files_path_is_replaced_at_the_next_tick(watched, user, script):
+    device, path = watched, watched.path(WATCHDOG_FILE)
+    conf = device.read("/etc/snmp/snmpd.conf")
+    refusals = device.kvsnmp_out().count(REFUSED)
+    planted = plant(device, user, script)
+    device.shift_clock(5)
+    wait_until(lambda: path.exists() and (path.lstat().st_dev, path.lstat().st_ino) != planted, 8, what="another file")
+    made = path.lstat()
+    assert stat.S_ISREG(made.st_mode) and stat.S_IMODE(made.st_mode) == 0o644
+    assert (made.st_nlink, made.st_uid) == (1, os.geteuid())
+    assert path.read_text() == "update\n"
+    assert device.kvsnmp_out().count(REFUSED) == refusals
+    assert device.snmp.get(MODEL_NUMBER) == [ANSWER]
+    beside = [device.path("/tmp/other"), device.path("/tmp/roots")]
+    assert {file.read_text() for file in beside if file.exists()} == {"precious\n"}
+    assert not device.path("/tmp/nothing").exists()
+    assert device.read("/etc/snmp/snmpd.conf") == conf
+    assert [file.name for file in path.parent.glob(f"{path.name}?*")] == []
+
+
+def test_folder_at_the_watchdog_files_path_is_told_at_every_tick_and_left_alone(watched):
+    path = watched.path(WATCHDOG_FILE)
+    refusals = watched.kvsnmp_out().count(REFUSED)
+    plant(watched, ANOTHER_USER, "mkdir $1")
+    for _ in range(2):
+        watched.shift_clock(5)
+        refusals += 1
+        wait_until(lambda told=refusals: watched.kvsnmp_out().count(REFUSED) >= told, 8, what="refusal told")
+    assert watched.snmp.get(MODEL_NUMBER) == [ANSWER]
+    assert [file.name for file in path.parent.glob(f"{path.name}*")] == [path.name]
+    path.rmdir()
+    watched.shift_clock(5)
+    wait_until(lambda: watched.read(WATCHDOG_FILE) == "update\n", 8, what="watchdog file again")
+
+
+def test_pipe_that_somebody_reads_at_the_watchdog_files_path_gets_nothing(watched):
+    plant(watched, ANOTHER_USER, "mkfifo -m 666 $1")
+    reader = os.open(watched.path(WATCHDOG_FILE), os.O_RDONLY | os.O_NONBLOCK)
     try:
-        serving.shift_clock(5)
-        wait_until(lambda: serving.kvsnmp_out().count(REFUSED) > told, 8, what="refusal told")
-        assert serving.snmp.get(MODEL_NUMBER) == [ANSWER]
+        watched.shift_clock(5)
+        wait_until(lambda: watched.path(WATCHDOG_FILE).is_file(), 8, what="a file in its place")
         assert os.read(reader, 100) == b""
     finally:
         os.close(reader)
-        path.unlink()
 
 
 # Standard output and standard error, besides what the tests of the start show

@@ -265,14 +265,3 @@ def test_watchdog_file_comes_back_within_five_seconds(clean_device):
     assert time.monotonic() - removed < 6.0
     clean_device.kill(clean_device.kvsnmp_pid(), signal.SIGTERM)
     assert kvsnmp.wait(10) == 0
-
-
-def test_symbolic_link_in_place_of_the_watchdog_file_is_not_followed(clean_device):
-    target = clean_device.path("/tmp/target")
-    target.write_text("precious\n")
-    clean_device.path(WATCHDOG_FILE).symlink_to("/tmp/target")
-    kvsnmp = clean_device.start_kvsnmp("-d")
-    wait_until(lambda: f"Couldn't open file: {WATCHDOG_FILE}\n" in clean_device.kvsnmp_out(), 7, what="refusal")
-    assert target.read_text() == "precious\n"
-    clean_device.kill(clean_device.kvsnmp_pid(), signal.SIGTERM)
-    assert kvsnmp.wait(10) == 0
