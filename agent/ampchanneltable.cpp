@@ -26,7 +26,7 @@ struct AmpChannelTableRow : TableRow {
 };
 
 // clang-format off
-constexpr Column columns[] = { // column n is columns[n - 1]
+constexpr Column columns[] = {
     {ASN_INTEGER,   cell<&AmpChannelTableRow::index>},
     {ASN_OCTET_STR, cell<&AmpChannelTableRow::description>},
     {ASN_INTEGER,   cell<&AmpChannelTableRow::channelStatus>},
@@ -34,11 +34,30 @@ constexpr Column columns[] = { // column n is columns[n - 1]
 };
 // clang-format on
 
+constexpr auto tableOid = enterpriseOid(3, 7, 3);
 constexpr auto countOid = enterpriseOid(3, 7, 1);
 constexpr auto ampTypeOid = enterpriseOid(3, 7, 2);
-constexpr auto tableOid = enterpriseOid(3, 7, 3);
+
+void copy(AmpChannelTableRow &row, const AmpChannelRecord &record)
+{
+    row.channelStatus = record.rows[row.source].status;
+    row.lineState = record.rows[row.source].lineState;
+}
 
 Rows<AmpChannelTableRow, highestIndex(rowSets)> rows;
+
+constexpr TableModule table = {
+    .name = "ampChannelTable",
+    .object = tableOid,
+    .columns = columns,
+    .rowSets = rowSets,
+    .rows = &rows,
+    .count = {"handle_ampChannelCount", countOid, handle_ampChannelCount},
+    .record = recordSource<&KvAgent::talAmpChannelTableData, copy>("talAmpChannelTableData"),
+    .refill = refillAmpChannelTableEntries,
+    .hooks = {ampChannelTable_handler, ampChannelTable_get_first_data_point, ampChannelTable_get_next_data_point,
+              ampChannelTable_load, ampChannelTable_free},
+};
 
 std::uint32_t ampType = 1; // set once, at start
 
@@ -53,89 +72,33 @@ std::uint32_t ampTypeOfModel(const KvAgent &agent)
 void init_ampChannelTable()
 {
     initialize_table_ampChannelTable();
-    registerScalar("ampChannelCount", countOid, handle_ampChannelCount);
+    registerScalar(table.count);
     ampType = ampTypeOfModel(*kvAgent);
-    registerScalar("ampType", ampTypeOid, handle_ampType);
+    registerScalar({"handle_ampType", ampTypeOid, handle_ampType});
 }
 
-void initialize_table_ampChannelTable()
+// clang-format off
+void initialize_table_ampChannelTable() { initializeTable(table); }
+Index *ampChannelTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(table, l, d, i); }
+Index *ampChannelTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(table, l, d, i); }
+int ampChannelTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(table, i, r); }
+int ampChannelTable_load(Cache *, void *)
 {
-    std::puts("ampChannelTable: initialize_table_ampChannelTable()");
-    registerTable("ampChannelTable", tableOid, std::size(columns),
-                  {ampChannelTable_handler, ampChannelTable_get_first_data_point, ampChannelTable_get_next_data_point,
-                   ampChannelTable_load, ampChannelTable_free});
-    if (const RowSet *rowSet = rowSetOf(rowSets)) {
-        rows.use(rowSet->lines);
-        if (rowSet->logLabel != nullptr)
-            std::printf("initAmpChannelTableModel() %s\n", rowSet->logLabel);
-    }
-}
-
-netsnmp_variable_list *ampChannelTable_get_first_data_point(void **loopContext, void **dataContext,
-                                                            netsnmp_variable_list *index, netsnmp_iterator_info *info)
-{
-    rows.rewind(loopContext);
-    return ampChannelTable_get_next_data_point(loopContext, dataContext, index, info);
-}
-
-netsnmp_variable_list *ampChannelTable_get_next_data_point(void **loopContext, void **dataContext,
-                                                           netsnmp_variable_list *index, netsnmp_iterator_info *)
-{
-    std::puts("ampChannelTable_get_next_data_point()");
-    return RowChain::next(loopContext, dataContext, index);
-}
-
-int ampChannelTable_handler(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                            netsnmp_request_info *requests)
-{
-    return serveTable("ampChannelTable", columns, reqinfo, requests);
-}
-
-int ampChannelTable_load(netsnmp_cache *, void *)
-{
-    std::puts("ampChannelTable_load()");
-    if (!canLoad("ampChannelTable", &KvAgent::talAmpChannelTableData, "talAmpChannelTableData"))
+    if (!beginLoad(table))
         return -1;
     if (twoChannelModels.contains(kvAgent->modelNumber))
         refillAmpChannelTableEntries();
     return 0;
 }
-
-void ampChannelTable_free(netsnmp_cache *, void *)
-{
-    std::puts("ampChannelTable_free()");
-}
-
-int handle_ampChannelCount(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                           netsnmp_request_info *requests)
-{
-    return serveInteger("handle_ampChannelCount", rows.count(), reqinfo, requests);
-}
-
-int handle_ampType(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                   netsnmp_request_info *requests)
-{
-    return serveInteger("handle_ampType", ampType, reqinfo, requests);
-}
-
+void ampChannelTable_free(Cache *, void *) { freeTable(table); }
+int handle_ampChannelCount(Handler *, Registration *, Info *i, Request *r) { return serveCount(table, i, r); }
+int handle_ampType(Handler *, Registration *, Info *i, Request *r) { return serveInteger("handle_ampType", ampType, i, r); }
 void refillAmpChannelTableEntries()
 {
-    std::puts("copyTalAmpChannelTableData()\nrefillAmpChannelTableEntries()");
-    if (kvAgent == nullptr || !twoChannelModels.contains(kvAgent->modelNumber))
-        return; // the single-output models have no channel data, their row stays as it started
-    rows.refill(talRecord(&KvAgent::talAmpChannelTableData),
-                [](AmpChannelTableRow &row, const AmpChannelRecord &record) {
-                    row.channelStatus = record.rows[row.source].status;
-                    row.lineState = record.rows[row.source].lineState;
-                });
+    beginRefill(table);
+    if (kvAgent != nullptr && twoChannelModels.contains(kvAgent->modelNumber))
+        copyRecord(table); // the single-output models have no channel data, their row stays as it started
 }
-
-void ampChannelTable_createEntry()
-{
-    std::puts("ampChannelTable_createEntry()");
-}
-
-void ampChannelTable_removeEntry()
-{
-    std::puts("ampChannelTable_removeEntry()");
-}
+void ampChannelTable_createEntry() { std::puts("ampChannelTable_createEntry()"); }
+void ampChannelTable_removeEntry() { std::puts("ampChannelTable_removeEntry()"); }
+// clang-format on

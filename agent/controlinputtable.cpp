@@ -24,8 +24,11 @@ constexpr Line expanderLines[] = { // on stations with expanders
     {13, "External Control Input 7", 12},
     {14, "External Control Input 8", 13},
 };
+constexpr RowSet rowSets[] = {
+    {noModelTest, ownLines, nullptr, expanderLines},
+};
 // clang-format on
-static_assert(goodLines(ownLines, controlInputRows) && goodLines(expanderLines, controlInputRows));
+static_assert(goodLines(rowSets, controlInputRows));
 
 struct ControlInputTableRow : TableRow {
     std::uint32_t state = 1;
@@ -33,7 +36,7 @@ struct ControlInputTableRow : TableRow {
 };
 
 // clang-format off
-constexpr Column columns[] = { // column n is columns[n - 1]
+constexpr Column columns[] = {
     {ASN_INTEGER,   cell<&ControlInputTableRow::index>},
     {ASN_OCTET_STR, cell<&ControlInputTableRow::description>},
     {ASN_INTEGER,   cell<&ControlInputTableRow::state>},
@@ -41,86 +44,47 @@ constexpr Column columns[] = { // column n is columns[n - 1]
 };
 // clang-format on
 
-constexpr auto countOid = enterpriseOid(3, 9, 1);
 constexpr auto tableOid = enterpriseOid(3, 9, 2);
+constexpr auto countOid = enterpriseOid(3, 9, 1);
 
-Rows<ControlInputTableRow, controlInputRows> rows;
+void copy(ControlInputTableRow &row, const ControlInputRecord &record)
+{
+    row.state = record.rows[row.source].status;
+    row.monitored = record.rows[row.source].monitored;
+}
+
+Rows<ControlInputTableRow, highestIndex(rowSets)> rows;
+
+constexpr TableModule table = {
+    .name = "controlInputTable",
+    .object = tableOid,
+    .columns = columns,
+    .rowSets = rowSets,
+    .rows = &rows,
+    .count = {"handle_controlInputCount", countOid, handle_controlInputCount},
+    .record = recordSource<&KvAgent::talControlInputTableData, copy>("talControlInputTableData"),
+    .refill = refillControlInputTableEntries,
+    .hooks = {controlInputTable_handler, controlInputTable_get_first_data_point, controlInputTable_get_next_data_point,
+              controlInputTable_load, controlInputTable_free},
+};
 } // namespace
 
 void init_controlInputTable()
 {
     initialize_table_controlInputTable();
     std::puts("controlInputCount Initializing");
-    registerScalar("controlInputCount", countOid, handle_controlInputCount);
+    registerScalar(table.count);
 }
 
-void initialize_table_controlInputTable()
-{
-    std::puts("controlInputTable: initialize_table_controlInputTable()");
-    registerTable("controlInputTable", tableOid, std::size(columns),
-                  {controlInputTable_handler, controlInputTable_get_first_data_point,
-                   controlInputTable_get_next_data_point, controlInputTable_load, controlInputTable_free});
-    rows.use(ownLines);
-    if (hasExpanders(kvAgent->modelText))
-        rows.use(expanderLines);
-}
-
-netsnmp_variable_list *controlInputTable_get_first_data_point(void **loopContext, void **dataContext,
-                                                              netsnmp_variable_list *index, netsnmp_iterator_info *info)
-{
-    rows.rewind(loopContext);
-    return controlInputTable_get_next_data_point(loopContext, dataContext, index, info);
-}
-
-netsnmp_variable_list *controlInputTable_get_next_data_point(void **loopContext, void **dataContext,
-                                                             netsnmp_variable_list *index, netsnmp_iterator_info *)
-{
-    std::puts("controlInputTable_get_next_data_point()");
-    return RowChain::next(loopContext, dataContext, index);
-}
-
-int controlInputTable_handler(netsnmp_mib_handler *, netsnmp_handler_registration *,
-                              netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests)
-{
-    return serveTable("controlInputTable", columns, reqinfo, requests);
-}
-
-int controlInputTable_load(netsnmp_cache *, void *)
-{
-    std::puts("controlInputTable_load()");
-    if (!canLoad("controlInputTable", &KvAgent::talControlInputTableData, "talControlInputTableData"))
-        return -1;
-    refillControlInputTableEntries();
-    return 0;
-}
-
-void controlInputTable_free(netsnmp_cache *, void *)
-{
-    std::puts("controlInputTable_free()");
-}
-
-int handle_controlInputCount(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                             netsnmp_request_info *requests)
-{
-    return serveInteger("handle_controlInputCount", rows.count(), reqinfo, requests);
-}
-
-void refillControlInputTableEntries()
-{
-    std::puts("copyTalControlInputTableData()\nrefillControlInputTableEntries()");
-    rows.refill(talRecord(&KvAgent::talControlInputTableData),
-                [](ControlInputTableRow &row, const ControlInputRecord &record) {
-                    row.state = record.rows[row.source].status;
-                    row.monitored = record.rows[row.source].monitored;
-                });
-}
-
-void controlInputTable_createEntry()
-{
-    std::puts("controlInputTable_createEntry()");
-}
-
-void controlInputTable_removeEntry()
-{
-    std::puts("controlInputTable_removeEntry()");
-}
+// clang-format off
+void initialize_table_controlInputTable() { initializeTable(table); }
+Index *controlInputTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(table, l, d, i); }
+Index *controlInputTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(table, l, d, i); }
+int controlInputTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(table, i, r); }
+int controlInputTable_load(Cache *, void *) { return loadTable(table); }
+void controlInputTable_free(Cache *, void *) { freeTable(table); }
+int handle_controlInputCount(Handler *, Registration *, Info *i, Request *r) { return serveCount(table, i, r); }
+void refillControlInputTableEntries() { refillTable(table); }
+void controlInputTable_createEntry() { std::puts("controlInputTable_createEntry()"); }
+void controlInputTable_removeEntry() { std::puts("controlInputTable_removeEntry()"); }
+// clang-format on

@@ -21,7 +21,7 @@ struct EthMonitoringTableRow : TableRow {
 };
 
 // clang-format off
-constexpr Column columns[] = { // column n is columns[n - 1]
+constexpr Column columns[] = {
     {ASN_INTEGER,   cell<&EthMonitoringTableRow::index>},
     {ASN_OCTET_STR, cell<&EthMonitoringTableRow::description>},
     {ASN_INTEGER,   cell<&EthMonitoringTableRow::monitored>},
@@ -30,75 +30,35 @@ constexpr Column columns[] = { // column n is columns[n - 1]
 
 constexpr auto tableOid = enterpriseOid(3, 11, 1);
 
+void copy(EthMonitoringTableRow &row, const EthMonitoringRecord &record)
+{
+    row.monitored = record.monitored[row.source];
+}
+
 Rows<EthMonitoringTableRow, highestIndex(rowSets)> rows;
+
+constexpr TableModule table = {
+    .name = "ethMonitoringTable",
+    .object = tableOid,
+    .columns = columns,
+    .rowSets = rowSets,
+    .rows = &rows,
+    .record = recordSource<&KvAgent::talEthMonitoringTableData, copy>("talEthMonitoringTableData"),
+    .refill = refillEthMonitoringTableEntries,
+    .hooks = {ethMonitoringTable_handler, ethMonitoringTable_get_first_data_point,
+              ethMonitoringTable_get_next_data_point, ethMonitoringTable_load, ethMonitoringTable_free},
+};
 } // namespace
 
-void init_ethMonitoringTable()
-{
-    initialize_table_ethMonitoringTable();
-}
-
-void initialize_table_ethMonitoringTable()
-{
-    std::puts("ethMonitoringTable: initialize_table_ethMonitoringTable()");
-    registerTable("ethMonitoringTable", tableOid, std::size(columns),
-                  {ethMonitoringTable_handler, ethMonitoringTable_get_first_data_point,
-                   ethMonitoringTable_get_next_data_point, ethMonitoringTable_load, ethMonitoringTable_free});
-    if (const RowSet *rowSet = rowSetOf(rowSets))
-        rows.use(rowSet->lines);
-}
-
-netsnmp_variable_list *ethMonitoringTable_get_first_data_point(void **loopContext, void **dataContext,
-                                                               netsnmp_variable_list *index,
-                                                               netsnmp_iterator_info *info)
-{
-    rows.rewind(loopContext);
-    return ethMonitoringTable_get_next_data_point(loopContext, dataContext, index, info);
-}
-
-netsnmp_variable_list *ethMonitoringTable_get_next_data_point(void **loopContext, void **dataContext,
-                                                              netsnmp_variable_list *index, netsnmp_iterator_info *)
-{
-    std::puts("ethMonitoringTable_get_next_data_point()");
-    return RowChain::next(loopContext, dataContext, index);
-}
-
-int ethMonitoringTable_handler(netsnmp_mib_handler *, netsnmp_handler_registration *,
-                               netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests)
-{
-    return serveTable("ethMonitoringTable", columns, reqinfo, requests);
-}
-
-int ethMonitoringTable_load(netsnmp_cache *, void *)
-{
-    std::puts("ethMonitoringTable_load()");
-    if (!canLoad("ethMonitoringTable", &KvAgent::talEthMonitoringTableData, "talEthMonitoringTableData"))
-        return -1;
-    if (rowSetOf(rowSets) != nullptr) // a model without a row set has nothing to copy, and prints nothing
-        refillEthMonitoringTableEntries();
-    return 0;
-}
-
-void ethMonitoringTable_free(netsnmp_cache *, void *)
-{
-    std::puts("ethMonitoringTable_free()");
-}
-
-void refillEthMonitoringTableEntries()
-{
-    std::puts("copyTalEthMonitoringTableData()\nrefillEthMonitoringTableEntries()");
-    rows.refill(talRecord(&KvAgent::talEthMonitoringTableData),
-                [](EthMonitoringTableRow &row, const EthMonitoringRecord &record) {
-                    row.monitored = record.monitored[row.source];
-                });
-}
-
-void ethMonitoringTable_createEntry()
-{
-    std::puts("ethMonitoringTable_createEntry()");
-}
-
-void ethMonitoringTable_removeEntry()
-{
-    std::puts("ethMonitoringTable_removeEntry()");
-}
+// clang-format off
+void init_ethMonitoringTable() { initialize_table_ethMonitoringTable(); }
+void initialize_table_ethMonitoringTable() { initializeTable(table); }
+Index *ethMonitoringTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(table, l, d, i); }
+Index *ethMonitoringTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(table, l, d, i); }
+int ethMonitoringTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(table, i, r); }
+int ethMonitoringTable_load(Cache *, void *) { return loadTable(table); }
+void ethMonitoringTable_free(Cache *, void *) { freeTable(table); }
+void refillEthMonitoringTableEntries() { refillTable(table); }
+void ethMonitoringTable_createEntry() { std::puts("ethMonitoringTable_createEntry()"); }
+void ethMonitoringTable_removeEntry() { std::puts("ethMonitoringTable_removeEntry()"); }
+// clang-format on

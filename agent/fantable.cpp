@@ -25,90 +25,53 @@ struct FanTableRow : TableRow {
 };
 
 // clang-format off
-constexpr Column columns[] = { // column n is columns[n - 1]
+constexpr Column columns[] = {
     {ASN_INTEGER,   cell<&FanTableRow::index>},
     {ASN_OCTET_STR, cell<&FanTableRow::description>},
     {ASN_GAUGE,     cell<&FanTableRow::rpm>},
 };
 // clang-format on
 
-constexpr auto countOid = enterpriseOid(3, 3, 1);
 constexpr auto tableOid = enterpriseOid(3, 3, 2);
+constexpr auto countOid = enterpriseOid(3, 3, 1);
+
+void copy(FanTableRow &row, const FanRecord &record)
+{
+    row.rpm = record.values[row.source];
+}
 
 Rows<FanTableRow, highestIndex(rowSets)> rows;
+
+constexpr TableModule table = {
+    .name = "fanTable",
+    .object = tableOid,
+    .columns = columns,
+    .rowSets = rowSets,
+    .rows = &rows,
+    .count = {"handle_fanTableCount", countOid, handle_fanTableCount},
+    .record = recordSource<&KvAgent::talFanTableData, copy>("talFanTableData"),
+    .refill = refillFanTableEntries,
+    .hooks = {fanTable_handler, fanTable_get_first_data_point, fanTable_get_next_data_point, fanTable_load,
+              fanTable_free},
+};
 } // namespace
 
 void init_fanTable()
 {
     std::puts("init_fanTable()");
     initialize_table_fanTable();
-    registerScalar("fanTableCount", countOid, handle_fanTableCount);
+    registerScalar(table.count);
 }
 
-void initialize_table_fanTable()
-{
-    std::puts("fanTable: initialize_table_fanTable()");
-    registerTable(
-        "fanTable", tableOid, std::size(columns),
-        {fanTable_handler, fanTable_get_first_data_point, fanTable_get_next_data_point, fanTable_load, fanTable_free});
-    if (const RowSet *rowSet = rowSetOf(rowSets))
-        rows.use(rowSet->lines);
-}
-
-netsnmp_variable_list *fanTable_get_first_data_point(void **loopContext, void **dataContext,
-                                                     netsnmp_variable_list *index, netsnmp_iterator_info *info)
-{
-    rows.rewind(loopContext);
-    return fanTable_get_next_data_point(loopContext, dataContext, index, info);
-}
-
-netsnmp_variable_list *fanTable_get_next_data_point(void **loopContext, void **dataContext,
-                                                    netsnmp_variable_list *index, netsnmp_iterator_info *)
-{
-    std::puts("fanTable_get_next_data_point()");
-    return RowChain::next(loopContext, dataContext, index);
-}
-
-int fanTable_handler(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                     netsnmp_request_info *requests)
-{
-    return serveTable("fanTable", columns, reqinfo, requests);
-}
-
-int fanTable_load(netsnmp_cache *, void *)
-{
-    std::puts("fanTable_load()");
-    if (!canLoad("fanTable", &KvAgent::talFanTableData, "talFanTableData"))
-        return -1;
-    if (rowSetOf(rowSets) != nullptr) // a model without a row set has nothing to copy, and prints nothing
-        refillFanTableEntries();
-    return 0;
-}
-
-void fanTable_free(netsnmp_cache *, void *)
-{
-    std::puts("fanTable_free()");
-}
-
-int handle_fanTableCount(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                         netsnmp_request_info *requests)
-{
-    return serveInteger("handle_fanTableCount", rows.count(), reqinfo, requests);
-}
-
-void refillFanTableEntries()
-{
-    std::puts("copyTalFanTableData()\nrefillFanTableEntries()");
-    rows.refill(talRecord(&KvAgent::talFanTableData),
-                [](FanTableRow &row, const FanRecord &record) { row.rpm = record.values[row.source]; });
-}
-
-void fanTable_createEntry()
-{
-    std::puts("fanTable_createEntry()");
-}
-
-void fanTable_removeEntry()
-{
-    std::puts("fanTable_removeEntry()");
-}
+// clang-format off
+void initialize_table_fanTable() { initializeTable(table); }
+Index *fanTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(table, l, d, i); }
+Index *fanTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(table, l, d, i); }
+int fanTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(table, i, r); }
+int fanTable_load(Cache *, void *) { return loadTable(table); }
+void fanTable_free(Cache *, void *) { freeTable(table); }
+int handle_fanTableCount(Handler *, Registration *, Info *i, Request *r) { return serveCount(table, i, r); }
+void refillFanTableEntries() { refillTable(table); }
+void fanTable_createEntry() { std::puts("fanTable_createEntry()"); }
+void fanTable_removeEntry() { std::puts("fanTable_removeEntry()"); }
+// clang-format on

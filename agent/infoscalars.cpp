@@ -8,88 +8,52 @@
 #include <cstdio>
 
 namespace {
+constexpr std::int32_t servedDisablement = 2;
+
+InfoData served = {};
+
+int serve(const char *handlerName, const InfoText &field, const Info *info, Request *requests)
+{
+    const std::size_t length = std::min<std::size_t>(field.length, sizeof(field.text));
+    return serveScalar(handlerName, ASN_OCTET_STR, {field.text, length}, info, requests);
+}
+
+int serve(const char *handlerName, const InfoNumber &field, const Info *info, Request *requests)
+{
+    return serveScalar(handlerName, ASN_INTEGER, {&field.value, sizeof(field.value)}, info, requests);
+}
+
 struct InfoScalar {
-    const char *name;
+    const char *handlerName;
     std::array<oid, 10> object;
     Netsnmp_Node_Handler *handler;
 };
 
 // clang-format off
 constexpr InfoScalar infoScalars[] = { // in the order of registration
-    {"infoPackageVersion",    enterpriseOid(3, 1, 1), handle_infoPackageVersion},
-    {"infoModelType",         enterpriseOid(3, 1, 2), handle_infoModelType},
-    {"infoModelNumber",       enterpriseOid(3, 1, 3), handle_infoModelNumber},
-    {"infoAmplifierType",     enterpriseOid(3, 1, 4), handle_infoAmplifierType},
-    {"infoKernelVersion",     enterpriseOid(3, 1, 5), handle_infoKernelVersion},
-    {"infoDeviceTreeVersion", enterpriseOid(3, 1, 6), handle_infoDeviceTreeVersion},
-    {"infoDisablement",       enterpriseOid(3, 1, 7), handle_infoDisablement},
+    {"handle_infoPackageVersion",    enterpriseOid(3, 1, 1), handle_infoPackageVersion},
+    {"handle_infoModelType",         enterpriseOid(3, 1, 2), handle_infoModelType},
+    {"handle_infoModelNumber",       enterpriseOid(3, 1, 3), handle_infoModelNumber},
+    {"handle_infoAmplifierType",     enterpriseOid(3, 1, 4), handle_infoAmplifierType},
+    {"handle_infoKernelVersion",     enterpriseOid(3, 1, 5), handle_infoKernelVersion},
+    {"handle_infoDeviceTreeVersion", enterpriseOid(3, 1, 6), handle_infoDeviceTreeVersion},
+    {"handle_infoDisablement",       enterpriseOid(3, 1, 7), handle_infoDisablement},
 };
-// clang-format on
-
-constexpr std::int32_t servedDisablement = 2;
-
-InfoData served = {};
-
-int serveText(const char *handlerName, const InfoText &field, const netsnmp_agent_request_info *reqinfo,
-              netsnmp_request_info *requests)
-{
-    const std::size_t length = std::min<std::size_t>(field.length, sizeof(field.text));
-    return serveScalar(handlerName, ASN_OCTET_STR, {field.text, length}, reqinfo, requests);
-}
-
-int serveNumber(const char *handlerName, const InfoNumber &field, const netsnmp_agent_request_info *reqinfo,
-                netsnmp_request_info *requests)
-{
-    return serveScalar(handlerName, ASN_INTEGER, {&field.value, sizeof(field.value)}, reqinfo, requests);
-}
 } // namespace
+
+int handle_infoPackageVersion(Handler *, Registration *, Info *i, Request *r)    { return serve("handle_infoPackageVersion",    served.packageVersion,    i, r); }
+int handle_infoModelType(Handler *, Registration *, Info *i, Request *r)         { return serve("handle_infoModelType",         served.modelType,         i, r); }
+int handle_infoModelNumber(Handler *, Registration *, Info *i, Request *r)       { return serve("handle_infoModelNumber",       served.modelNumber,       i, r); }
+int handle_infoAmplifierType(Handler *, Registration *, Info *i, Request *r)     { return serve("handle_infoAmplifierType",     served.amplifierType,     i, r); }
+int handle_infoKernelVersion(Handler *, Registration *, Info *i, Request *r)     { return serve("handle_infoKernelVersion",     served.kernelVersion,     i, r); }
+int handle_infoDeviceTreeVersion(Handler *, Registration *, Info *i, Request *r) { return serve("handle_infoDeviceTreeVersion", served.deviceTreeVersion, i, r); }
+int handle_infoDisablement(Handler *, Registration *, Info *i, Request *r)       { return serve("handle_infoDisablement",       served.disablement,       i, r); }
+// clang-format on
 
 void init_infoScalars()
 {
     for (const InfoScalar &scalar : infoScalars)
-        registerScalar(scalar.name, scalar.object, scalar.handler);
-}
-
-int handle_infoPackageVersion(netsnmp_mib_handler *, netsnmp_handler_registration *,
-                              netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests)
-{
-    return serveText("handle_infoPackageVersion", served.packageVersion, reqinfo, requests);
-}
-
-int handle_infoModelType(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                         netsnmp_request_info *requests)
-{
-    return serveText("handle_infoModelType", served.modelType, reqinfo, requests);
-}
-
-int handle_infoModelNumber(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                           netsnmp_request_info *requests)
-{
-    return serveNumber("handle_infoModelNumber", served.modelNumber, reqinfo, requests);
-}
-
-int handle_infoAmplifierType(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                             netsnmp_request_info *requests)
-{
-    return serveText("handle_infoAmplifierType", served.amplifierType, reqinfo, requests);
-}
-
-int handle_infoKernelVersion(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                             netsnmp_request_info *requests)
-{
-    return serveText("handle_infoKernelVersion", served.kernelVersion, reqinfo, requests);
-}
-
-int handle_infoDeviceTreeVersion(netsnmp_mib_handler *, netsnmp_handler_registration *,
-                                 netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests)
-{
-    return serveText("handle_infoDeviceTreeVersion", served.deviceTreeVersion, reqinfo, requests);
-}
-
-int handle_infoDisablement(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                           netsnmp_request_info *requests)
-{
-    return serveNumber("handle_infoDisablement", served.disablement, reqinfo, requests);
+        registerScalar({scalar.handlerName, scalar.object, scalar.handler});
 }
 
 void copyInfoData()

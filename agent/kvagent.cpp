@@ -69,11 +69,12 @@ int sessionStopped(int, int, void *, void *)
 }
 
 template <class Record>
-bool store(Record *KvAgent::*pointer, Record *data)
+void store(Record *KvAgent::*pointer, Record *data, void (*refill)())
 {
-    if (kvAgent != nullptr)
-        kvAgent->*pointer = data;
-    return kvAgent != nullptr;
+    if (kvAgent == nullptr)
+        return;
+    kvAgent->*pointer = data;
+    refill();
 }
 } // namespace
 
@@ -154,71 +155,23 @@ void setSystemName(std::string_view latin1)
         copyBounded(kvAgent->systemName, latin1);
 }
 
-void setTalVoltageTableData(const VoltageRecord *data)
-{
-    if (store(&KvAgent::talVoltageTableData, data))
-        refillVoltageTableEntries();
-}
-
-void setTalTempTableData(const TempRecord *data)
-{
-    if (store(&KvAgent::talTempTableData, data))
-        refillTempTableEntries();
-}
-
-void setTalFanTableData(const FanRecord *data)
-{
-    if (store(&KvAgent::talFanTableData, data))
-        refillFanTableEntries();
-}
-
-void setTalAmpChannelTableData(const AmpChannelRecord *data)
-{
-    if (store(&KvAgent::talAmpChannelTableData, data))
-        refillAmpChannelTableEntries();
-}
-
-void setTalControlOutputTableData(const ControlOutputRecord *data)
-{
-    if (store(&KvAgent::talControlOutputTableData, data))
-        refillControlOutputTableEntries();
-}
-
-void setTalControlInputTableData(const ControlInputRecord *data)
-{
-    if (store(&KvAgent::talControlInputTableData, data))
-        refillControlInputTableEntries();
-}
-
+// clang-format off
+void setTalVoltageTableData(const VoltageRecord *data) { store(&KvAgent::talVoltageTableData, data, refillVoltageTableEntries); }
+void setTalTempTableData(const TempRecord *data) { store(&KvAgent::talTempTableData, data, refillTempTableEntries); }
+void setTalFanTableData(const FanRecord *data) { store(&KvAgent::talFanTableData, data, refillFanTableEntries); }
+void setTalAmpChannelTableData(const AmpChannelRecord *data) { store(&KvAgent::talAmpChannelTableData, data, refillAmpChannelTableEntries); }
+void setTalControlOutputTableData(const ControlOutputRecord *data) { store(&KvAgent::talControlOutputTableData, data, refillControlOutputTableEntries); }
+void setTalControlInputTableData(const ControlInputRecord *data) { store(&KvAgent::talControlInputTableData, data, refillControlInputTableEntries); }
 void setTalLetChannelTableData(LetRecord *data)
 {
-    if (store(&KvAgent::talLetChannelTableData, data)) {
-        refillLetChannelTableEntries(1);
-        refillLetChannelTableEntries(2);
-    }
+    store(&KvAgent::talLetChannelTableData, data, [] { refillLetChannelTableEntries(1); refillLetChannelTableEntries(2); });
 }
-
-void setTalLineInTableData(const LineInRecord *data)
-{
-    if (store(&KvAgent::talLineInTableData, data))
-        refillLineInTableEntries();
-}
-
-void setTalEthMonitoringTableData(const EthMonitoringRecord *data)
-{
-    if (store(&KvAgent::talEthMonitoringTableData, data))
-        refillEthMonitoringTableEntries();
-}
-
-void setTalPowerTableData(const PowerRecord *data)
-{
-    store(&KvAgent::talPowerTableData, data); // no refill: the first load shows the values
-}
-
-void setTalRelayTableData(const RelayRecord *data)
-{
-    store(&KvAgent::talRelayTableData, data); // no refill: the first load shows the values
-}
+void setTalLineInTableData(const LineInRecord *data) { store(&KvAgent::talLineInTableData, data, refillLineInTableEntries); }
+void setTalEthMonitoringTableData(const EthMonitoringRecord *data) { store(&KvAgent::talEthMonitoringTableData, data, refillEthMonitoringTableEntries); }
+// No refill for the next two: their first load shows the values.
+void setTalPowerTableData(const PowerRecord *data) { store(&KvAgent::talPowerTableData, data, [] {}); }
+void setTalRelayTableData(const RelayRecord *data) { store(&KvAgent::talRelayTableData, data, [] {}); }
+// clang-format on
 
 void initInfoScalars()
 {

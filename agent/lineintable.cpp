@@ -28,7 +28,7 @@ struct LineInTableRow : TableRow {
 };
 
 // clang-format off
-constexpr Column columns[] = { // column n is columns[n - 1]
+constexpr Column columns[] = {
     {ASN_INTEGER,   cell<&LineInTableRow::index>},
     {ASN_INTEGER,   cell<&LineInTableRow::lineInStatus>},
     {ASN_INTEGER,   cell<&LineInTableRow::micStatus>},
@@ -39,76 +39,38 @@ constexpr Column columns[] = { // column n is columns[n - 1]
 
 constexpr auto tableOid = enterpriseOid(3, 6, 1);
 
+void copy(LineInTableRow &row, const LineInRecord &record)
+{
+    const LineInRow &source = record.rows[row.source];
+    row.lineInStatus = source.lineInStatus;
+    row.micStatus = source.micStatus;
+    row.monitoring = source.lineInMonitoring;
+}
+
 Rows<LineInTableRow, highestIndex(rowSets)> rows;
+
+constexpr TableModule table = {
+    .name = "lineInTable",
+    .object = tableOid,
+    .columns = columns,
+    .rowSets = rowSets,
+    .rows = &rows,
+    .record = recordSource<&KvAgent::talLineInTableData, copy>("talLineInTableData"),
+    .refill = refillLineInTableEntries,
+    .hooks = {lineInTable_handler, lineInTable_get_first_data_point, lineInTable_get_next_data_point, lineInTable_load,
+              lineInTable_free},
+};
 } // namespace
 
-void init_lineInTable()
-{
-    initialize_table_lineInTable();
-}
-
-void initialize_table_lineInTable()
-{
-    std::puts("lineInTable: initialize_table_lineInTable()");
-    registerTable("lineInTable", tableOid, std::size(columns),
-                  {lineInTable_handler, lineInTable_get_first_data_point, lineInTable_get_next_data_point,
-                   lineInTable_load, lineInTable_free});
-    if (const RowSet *rowSet = rowSetOf(rowSets))
-        rows.use(rowSet->lines);
-}
-
-netsnmp_variable_list *lineInTable_get_first_data_point(void **loopContext, void **dataContext,
-                                                        netsnmp_variable_list *index, netsnmp_iterator_info *info)
-{
-    rows.rewind(loopContext);
-    return lineInTable_get_next_data_point(loopContext, dataContext, index, info);
-}
-
-netsnmp_variable_list *lineInTable_get_next_data_point(void **loopContext, void **dataContext,
-                                                       netsnmp_variable_list *index, netsnmp_iterator_info *)
-{
-    std::puts("lineInTable_get_next_data_point()");
-    return RowChain::next(loopContext, dataContext, index);
-}
-
-int lineInTable_handler(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                        netsnmp_request_info *requests)
-{
-    return serveTable("lineInTable", columns, reqinfo, requests);
-}
-
-int lineInTable_load(netsnmp_cache *, void *)
-{
-    std::puts("lineInTable_load()");
-    if (!canLoad("lineInTable", &KvAgent::talLineInTableData, "talLineInTableData"))
-        return -1;
-    if (rowSetOf(rowSets) != nullptr) // a model without a row set has nothing to copy, and prints nothing
-        refillLineInTableEntries();
-    return 0;
-}
-
-void lineInTable_free(netsnmp_cache *, void *)
-{
-    std::puts("lineInTable_free()");
-}
-
-void refillLineInTableEntries()
-{
-    std::puts("copyTalLineInTableData()\nrefillLineInTableEntries()");
-    rows.refill(talRecord(&KvAgent::talLineInTableData), [](LineInTableRow &row, const LineInRecord &record) {
-        const LineInRow &source = record.rows[row.source];
-        row.lineInStatus = source.lineInStatus;
-        row.micStatus = source.micStatus;
-        row.monitoring = source.lineInMonitoring;
-    });
-}
-
-void lineInTable_createEntry()
-{
-    std::puts("lineInTable_createEntry()");
-}
-
-void lineInTable_removeEntry()
-{
-    std::puts("lineInTable_removeEntry()");
-}
+// clang-format off
+void init_lineInTable() { initialize_table_lineInTable(); }
+void initialize_table_lineInTable() { initializeTable(table); }
+Index *lineInTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(table, l, d, i); }
+Index *lineInTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(table, l, d, i); }
+int lineInTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(table, i, r); }
+int lineInTable_load(Cache *, void *) { return loadTable(table); }
+void lineInTable_free(Cache *, void *) { freeTable(table); }
+void refillLineInTableEntries() { refillTable(table); }
+void lineInTable_createEntry() { std::puts("lineInTable_createEntry()"); }
+void lineInTable_removeEntry() { std::puts("lineInTable_removeEntry()"); }
+// clang-format on

@@ -5,161 +5,89 @@
 
 #include <cstdint>
 
+// The library's types, short, for the one-line functions of the modules.
+using Handler = netsnmp_mib_handler;
+using Registration = netsnmp_handler_registration;
+using Info = netsnmp_agent_request_info;
+using Request = netsnmp_request_info;
+using Index = netsnmp_variable_list;
+using Iterator = netsnmp_iterator_info;
+using Cache = netsnmp_cache;
+
+// clang-format off
 // E.3.4
-void init_voltageTable();
-void initialize_table_voltageTable();
-Netsnmp_First_Data_Point voltageTable_get_first_data_point;
-Netsnmp_Next_Data_Point voltageTable_get_next_data_point;
-Netsnmp_Node_Handler voltageTable_handler;
+void init_voltageTable(), initialize_table_voltageTable(), refillVoltageTableEntries(), voltageTable_createEntry(), voltageTable_removeEntry();
+Netsnmp_First_Data_Point voltageTable_get_first_data_point, voltageTable_get_next_data_point;
+Netsnmp_Node_Handler voltageTable_handler, handle_voltageTableCount;
 NetsnmpCacheLoad voltageTable_load;
 NetsnmpCacheFree voltageTable_free;
-Netsnmp_Node_Handler handle_voltageTableCount;
-void refillVoltageTableEntries();
-void voltageTable_createEntry();
-void voltageTable_removeEntry();
-
 // E.3.2
-void init_tempTable();
-void initialize_table_tempTable();
-Netsnmp_First_Data_Point tempTable_get_first_data_point;
-Netsnmp_Next_Data_Point tempTable_get_next_data_point;
-Netsnmp_Node_Handler tempTable_handler;
+void init_tempTable(), initialize_table_tempTable(), refillTempTableEntries(), tempTable_createEntry(), tempTable_removeEntry();
+Netsnmp_First_Data_Point tempTable_get_first_data_point, tempTable_get_next_data_point;
+Netsnmp_Node_Handler tempTable_handler, handle_tempTableCount;
 NetsnmpCacheLoad tempTable_load;
 NetsnmpCacheFree tempTable_free;
-Netsnmp_Node_Handler handle_tempTableCount;
-void refillTempTableEntries();
-void tempTable_createEntry();
-void tempTable_removeEntry();
-
 // E.3.3
-void init_fanTable();
-void initialize_table_fanTable();
-Netsnmp_First_Data_Point fanTable_get_first_data_point;
-Netsnmp_Next_Data_Point fanTable_get_next_data_point;
-Netsnmp_Node_Handler fanTable_handler;
+void init_fanTable(), initialize_table_fanTable(), refillFanTableEntries(), fanTable_createEntry(), fanTable_removeEntry();
+Netsnmp_First_Data_Point fanTable_get_first_data_point, fanTable_get_next_data_point;
+Netsnmp_Node_Handler fanTable_handler, handle_fanTableCount;
 NetsnmpCacheLoad fanTable_load;
 NetsnmpCacheFree fanTable_free;
-Netsnmp_Node_Handler handle_fanTableCount;
-void refillFanTableEntries();
-void fanTable_createEntry();
-void fanTable_removeEntry();
-
 // E.3.7
-void init_ampChannelTable();
-void initialize_table_ampChannelTable();
-Netsnmp_First_Data_Point ampChannelTable_get_first_data_point;
-Netsnmp_Next_Data_Point ampChannelTable_get_next_data_point;
-Netsnmp_Node_Handler ampChannelTable_handler;
+void init_ampChannelTable(), initialize_table_ampChannelTable(), refillAmpChannelTableEntries(), ampChannelTable_createEntry(), ampChannelTable_removeEntry();
+Netsnmp_First_Data_Point ampChannelTable_get_first_data_point, ampChannelTable_get_next_data_point;
+Netsnmp_Node_Handler ampChannelTable_handler, handle_ampChannelCount, handle_ampType;
 NetsnmpCacheLoad ampChannelTable_load;
 NetsnmpCacheFree ampChannelTable_free;
-Netsnmp_Node_Handler handle_ampChannelCount;
-Netsnmp_Node_Handler handle_ampType;
-void refillAmpChannelTableEntries();
-void ampChannelTable_createEntry();
-void ampChannelTable_removeEntry();
-
 // E.3.10
-void init_controlOutputTable();
-void initialize_table_controlOutputTable();
-Netsnmp_First_Data_Point controlOutputTable_get_first_data_point;
-Netsnmp_Next_Data_Point controlOutputTable_get_next_data_point;
-Netsnmp_Node_Handler controlOutputTable_handler;
+void init_controlOutputTable(), initialize_table_controlOutputTable(), refillControlOutputTableEntries(), controlOutputTable_createEntry(), controlOutputTable_removeEntry();
+Netsnmp_First_Data_Point controlOutputTable_get_first_data_point, controlOutputTable_get_next_data_point;
+Netsnmp_Node_Handler controlOutputTable_handler, handle_controlOutputCount;
 NetsnmpCacheLoad controlOutputTable_load;
 NetsnmpCacheFree controlOutputTable_free;
-Netsnmp_Node_Handler handle_controlOutputCount;
-void refillControlOutputTableEntries();
-void controlOutputTable_createEntry();
-void controlOutputTable_removeEntry();
-
 // E.3.9
-void init_controlInputTable();
-void initialize_table_controlInputTable();
-Netsnmp_First_Data_Point controlInputTable_get_first_data_point;
-Netsnmp_Next_Data_Point controlInputTable_get_next_data_point;
-Netsnmp_Node_Handler controlInputTable_handler;
+void init_controlInputTable(), initialize_table_controlInputTable(), refillControlInputTableEntries(), controlInputTable_createEntry(), controlInputTable_removeEntry();
+Netsnmp_First_Data_Point controlInputTable_get_first_data_point, controlInputTable_get_next_data_point;
+Netsnmp_Node_Handler controlInputTable_handler, handle_controlInputCount;
 NetsnmpCacheLoad controlInputTable_load;
 NetsnmpCacheFree controlInputTable_free;
-Netsnmp_Node_Handler handle_controlInputCount;
-void refillControlInputTableEntries();
-void controlInputTable_createEntry();
-void controlInputTable_removeEntry();
-
 // E.3.1
-void init_infoScalars();
-Netsnmp_Node_Handler handle_infoPackageVersion;
-Netsnmp_Node_Handler handle_infoModelType;
-Netsnmp_Node_Handler handle_infoModelNumber;
-Netsnmp_Node_Handler handle_infoAmplifierType;
-Netsnmp_Node_Handler handle_infoKernelVersion;
-Netsnmp_Node_Handler handle_infoDeviceTreeVersion;
-Netsnmp_Node_Handler handle_infoDisablement;
-void copyInfoData();
-
+void init_infoScalars(), copyInfoData();
+Netsnmp_Node_Handler handle_infoPackageVersion, handle_infoModelType, handle_infoModelNumber, handle_infoAmplifierType,
+    handle_infoKernelVersion, handle_infoDeviceTreeVersion, handle_infoDisablement;
 // E.3.8: the letChannel is 1 or 2
-void init_letChannelTables();
-void initialize_table_letChannel1Table();
-void initialize_table_letChannel2Table();
-Netsnmp_First_Data_Point letChannel1Table_get_first_data_point;
-Netsnmp_Next_Data_Point letChannel1Table_get_next_data_point;
-Netsnmp_First_Data_Point letChannel2Table_get_first_data_point;
-Netsnmp_Next_Data_Point letChannel2Table_get_next_data_point;
-Netsnmp_Node_Handler letChannelTable_handler;
-NetsnmpCacheLoad letChannel1Table_load;
-NetsnmpCacheLoad letChannel2Table_load;
+void init_letChannelTables(), initialize_table_letChannel1Table(), initialize_table_letChannel2Table();
+void refillLetChannelTableEntries(std::uint32_t letChannel), letChannelTable_createEntry(), letChannelTable_removeEntry();
+Netsnmp_First_Data_Point letChannel1Table_get_first_data_point, letChannel1Table_get_next_data_point,
+    letChannel2Table_get_first_data_point, letChannel2Table_get_next_data_point;
+Netsnmp_Node_Handler letChannelTable_handler, handle_letChannel1Count, handle_letChannel2Count;
+NetsnmpCacheLoad letChannel1Table_load, letChannel2Table_load;
 NetsnmpCacheFree letChannelTable_free;
-Netsnmp_Node_Handler handle_letChannel1Count;
-Netsnmp_Node_Handler handle_letChannel2Count;
-void refillLetChannelTableEntries(std::uint32_t letChannel);
-void letChannelTable_createEntry();
-void letChannelTable_removeEntry();
-
 // E.3.6
-void init_lineInTable();
-void initialize_table_lineInTable();
-Netsnmp_First_Data_Point lineInTable_get_first_data_point;
-Netsnmp_Next_Data_Point lineInTable_get_next_data_point;
+void init_lineInTable(), initialize_table_lineInTable(), refillLineInTableEntries(), lineInTable_createEntry(), lineInTable_removeEntry();
+Netsnmp_First_Data_Point lineInTable_get_first_data_point, lineInTable_get_next_data_point;
 Netsnmp_Node_Handler lineInTable_handler;
 NetsnmpCacheLoad lineInTable_load;
 NetsnmpCacheFree lineInTable_free;
-void refillLineInTableEntries();
-void lineInTable_createEntry();
-void lineInTable_removeEntry();
-
 // E.3.11
-void init_ethMonitoringTable();
-void initialize_table_ethMonitoringTable();
-Netsnmp_First_Data_Point ethMonitoringTable_get_first_data_point;
-Netsnmp_Next_Data_Point ethMonitoringTable_get_next_data_point;
+void init_ethMonitoringTable(), initialize_table_ethMonitoringTable(), refillEthMonitoringTableEntries(), ethMonitoringTable_createEntry(), ethMonitoringTable_removeEntry();
+Netsnmp_First_Data_Point ethMonitoringTable_get_first_data_point, ethMonitoringTable_get_next_data_point;
 Netsnmp_Node_Handler ethMonitoringTable_handler;
 NetsnmpCacheLoad ethMonitoringTable_load;
 NetsnmpCacheFree ethMonitoringTable_free;
-void refillEthMonitoringTableEntries();
-void ethMonitoringTable_createEntry();
-void ethMonitoringTable_removeEntry();
-
 // E.3.5
-void init_powerTable();
-void initialize_table_powerTable();
-Netsnmp_First_Data_Point powerTable_get_first_data_point;
-Netsnmp_Next_Data_Point powerTable_get_next_data_point;
+void init_powerTable(), initialize_table_powerTable(), refillPowerTableEntries(), powerTable_createEntry(), powerTable_removeEntry();
+Netsnmp_First_Data_Point powerTable_get_first_data_point, powerTable_get_next_data_point;
 Netsnmp_Node_Handler powerTable_handler;
 NetsnmpCacheLoad powerTable_load;
 NetsnmpCacheFree powerTable_free;
-void refillPowerTableEntries();
-void powerTable_createEntry();
-void powerTable_removeEntry();
-
 // E.3.12
-void init_relayTable();
-void initialize_table_relayTable();
-Netsnmp_First_Data_Point relayTable_get_first_data_point;
-Netsnmp_Next_Data_Point relayTable_get_next_data_point;
+void init_relayTable(), initialize_table_relayTable(), refillRelayTableEntries(), relayTable_createEntry(), relayTable_removeEntry();
+Netsnmp_First_Data_Point relayTable_get_first_data_point, relayTable_get_next_data_point;
 Netsnmp_Node_Handler relayTable_handler;
 NetsnmpCacheLoad relayTable_load;
 NetsnmpCacheFree relayTable_free;
-void refillRelayTableEntries();
-void relayTable_createEntry();
-void relayTable_removeEntry();
+// clang-format on
 
 // E.2: the trap sender
 int sendTrap(std::uint32_t trapNumber, const char *description, std::int32_t level, const char *time);

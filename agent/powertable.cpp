@@ -30,7 +30,7 @@ struct PowerTableRow : TableRow {
 };
 
 // clang-format off
-constexpr Column columns[] = { // column n is columns[n - 1]
+constexpr Column columns[] = {
     {ASN_INTEGER,   cell<&PowerTableRow::index>},
     {ASN_INTEGER,   cell<&PowerTableRow::index>}, // the kind of source: 1 AC, 2 DC, numbered as the rows are
     {ASN_OCTET_STR, cell<&PowerTableRow::description>},
@@ -41,74 +41,36 @@ constexpr Column columns[] = { // column n is columns[n - 1]
 
 constexpr auto tableOid = enterpriseOid(3, 5, 1);
 
+void copy(PowerTableRow &row, const PowerRecord &record)
+{
+    row.liveStatus = record.rows[row.source].liveStatus;
+    row.monitored = record.rows[row.source].monitored;
+}
+
 Rows<PowerTableRow, highestIndex(rowSets)> rows;
+
+constexpr TableModule table = {
+    .name = "powerTable",
+    .object = tableOid,
+    .columns = columns,
+    .rowSets = rowSets,
+    .rows = &rows,
+    .record = recordSource<&KvAgent::talPowerTableData, copy>("talPowerTableData"),
+    .refill = refillPowerTableEntries,
+    .hooks = {powerTable_handler, powerTable_get_first_data_point, powerTable_get_next_data_point, powerTable_load,
+              powerTable_free},
+};
 } // namespace
 
-void init_powerTable()
-{
-    initialize_table_powerTable();
-}
-
-void initialize_table_powerTable()
-{
-    std::puts("powerTable: initialize_table_powerTable()");
-    registerTable("powerTable", tableOid, std::size(columns),
-                  {powerTable_handler, powerTable_get_first_data_point, powerTable_get_next_data_point, powerTable_load,
-                   powerTable_free});
-    if (const RowSet *rowSet = rowSetOf(rowSets))
-        rows.use(rowSet->lines);
-}
-
-netsnmp_variable_list *powerTable_get_first_data_point(void **loopContext, void **dataContext,
-                                                       netsnmp_variable_list *index, netsnmp_iterator_info *info)
-{
-    rows.rewind(loopContext);
-    return powerTable_get_next_data_point(loopContext, dataContext, index, info);
-}
-
-netsnmp_variable_list *powerTable_get_next_data_point(void **loopContext, void **dataContext,
-                                                      netsnmp_variable_list *index, netsnmp_iterator_info *)
-{
-    std::puts("powerTable_get_next_data_point()");
-    return RowChain::next(loopContext, dataContext, index);
-}
-
-int powerTable_handler(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                       netsnmp_request_info *requests)
-{
-    return serveTable("powerTable", columns, reqinfo, requests);
-}
-
-int powerTable_load(netsnmp_cache *, void *)
-{
-    std::puts("powerTable_load()");
-    if (!canLoad("powerTable", &KvAgent::talPowerTableData, "talPowerTableData"))
-        return -1;
-    if (rowSetOf(rowSets) != nullptr) // a model without a row set has nothing to copy, and prints nothing
-        refillPowerTableEntries();
-    return 0;
-}
-
-void powerTable_free(netsnmp_cache *, void *)
-{
-    std::puts("powerTable_free()");
-}
-
-void refillPowerTableEntries()
-{
-    std::puts("copyTalPowerTableData()\nrefillPowerTableEntries()");
-    rows.refill(talRecord(&KvAgent::talPowerTableData), [](PowerTableRow &row, const PowerRecord &record) {
-        row.liveStatus = record.rows[row.source].liveStatus;
-        row.monitored = record.rows[row.source].monitored;
-    });
-}
-
-void powerTable_createEntry()
-{
-    std::puts("powerTable_createEntry()");
-}
-
-void powerTable_removeEntry()
-{
-    std::puts("powerTable_removeEntry()");
-}
+// clang-format off
+void init_powerTable() { initialize_table_powerTable(); }
+void initialize_table_powerTable() { initializeTable(table); }
+Index *powerTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(table, l, d, i); }
+Index *powerTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(table, l, d, i); }
+int powerTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(table, i, r); }
+int powerTable_load(Cache *, void *) { return loadTable(table); }
+void powerTable_free(Cache *, void *) { freeTable(table); }
+void refillPowerTableEntries() { refillTable(table); }
+void powerTable_createEntry() { std::puts("powerTable_createEntry()"); }
+void powerTable_removeEntry() { std::puts("powerTable_removeEntry()"); }
+// clang-format on

@@ -26,11 +26,11 @@ constexpr Line expanderLines[] = { // on stations with expanders, after the mode
     {12, "External Relay 8",  11},
 };
 constexpr RowSet rowSets[] = {
-    {{6211, 6891}, oneRelay},
-    {{6214, 6259}, fourRelays},
+    {{6211, 6891}, oneRelay,   nullptr, expanderLines},
+    {{6214, 6259}, fourRelays, nullptr, expanderLines},
 };
 // clang-format on
-static_assert(goodLines(rowSets, relayRows) && goodLines(expanderLines, relayRows));
+static_assert(goodLines(rowSets, relayRows));
 
 struct RelayTableRow : TableRow {
     std::uint32_t relayStatus = 1;
@@ -39,7 +39,7 @@ struct RelayTableRow : TableRow {
 };
 
 // clang-format off
-constexpr Column columns[] = { // column n is columns[n - 1]
+constexpr Column columns[] = {
     {ASN_INTEGER,   cell<&RelayTableRow::index>},
     {ASN_OCTET_STR, cell<&RelayTableRow::description>},
     {ASN_INTEGER,   cell<&RelayTableRow::relayStatus>},
@@ -50,80 +50,46 @@ constexpr Column columns[] = { // column n is columns[n - 1]
 
 constexpr auto tableOid = enterpriseOid(3, 12, 1);
 
-Rows<RelayTableRow, relayRows> rows;
+void copy(RelayTableRow &row, const RelayRecord &record)
+{
+    const RelayRow &source = record.rows[row.source];
+    row.relayStatus = source.status;
+    row.idleMode = source.idleMode;
+    row.delay = source.delay;
+}
+
+Rows<RelayTableRow, highestIndex(rowSets)> rows;
+
+constexpr TableModule table = {
+    .name = "relayTable",
+    .object = tableOid,
+    .columns = columns,
+    .rowSets = rowSets,
+    .rows = &rows,
+    .record = recordSource<&KvAgent::talRelayTableData, copy>("talRelayTableData"),
+    .refill = refillRelayTableEntries,
+    .hooks = {relayTable_handler, relayTable_get_first_data_point, relayTable_get_next_data_point, relayTable_load,
+              relayTable_free},
+};
 } // namespace
 
-void init_relayTable()
+// clang-format off
+void init_relayTable() { initialize_table_relayTable(); }
+void initialize_table_relayTable() { initializeTable(table); }
+Index *relayTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(table, l, d, i); }
+Index *relayTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(table, l, d, i); }
+int relayTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(table, i, r); }
+int relayTable_load(Cache *, void *)
 {
-    initialize_table_relayTable();
-}
-
-void initialize_table_relayTable()
-{
-    std::puts("relayTable: initialize_table_relayTable()");
-    registerTable("relayTable", tableOid, std::size(columns),
-                  {relayTable_handler, relayTable_get_first_data_point, relayTable_get_next_data_point, relayTable_load,
-                   relayTable_free});
-    if (const RowSet *rowSet = rowSetOf(rowSets)) {
-        rows.use(rowSet->lines);
-        if (hasExpanders(kvAgent->modelText))
-            rows.use(expanderLines);
-    }
-}
-
-netsnmp_variable_list *relayTable_get_first_data_point(void **loopContext, void **dataContext,
-                                                       netsnmp_variable_list *index, netsnmp_iterator_info *info)
-{
-    rows.rewind(loopContext);
-    return relayTable_get_next_data_point(loopContext, dataContext, index, info);
-}
-
-netsnmp_variable_list *relayTable_get_next_data_point(void **loopContext, void **dataContext,
-                                                      netsnmp_variable_list *index, netsnmp_iterator_info *)
-{
-    std::puts("relayTable_get_next_data_point()");
-    return RowChain::next(loopContext, dataContext, index);
-}
-
-int relayTable_handler(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                       netsnmp_request_info *requests)
-{
-    return serveTable("relayTable", columns, reqinfo, requests);
-}
-
-int relayTable_load(netsnmp_cache *, void *)
-{
-    std::puts("relayTable_load()");
-    if (!canLoad("relayTable", &KvAgent::talRelayTableData, "talRelayTableData"))
+    if (!beginLoad(table))
         return -1;
     if (rowSetOf(rowSets) == nullptr)
         return -1; // on models without relays the load fails, although there is a record: intended
     refillRelayTableEntries();
     return 0;
 }
-
-void relayTable_free(netsnmp_cache *, void *)
-{
-    std::puts("relayTable_free()");
-}
-
-void refillRelayTableEntries()
-{
-    std::puts("copyTalRelayTableData()\nrefillRelayTableEntries()");
-    rows.refill(talRecord(&KvAgent::talRelayTableData), [](RelayTableRow &row, const RelayRecord &record) {
-        const RelayRow &source = record.rows[row.source];
-        row.relayStatus = source.status;
-        row.idleMode = source.idleMode;
-        row.delay = source.delay;
-    });
-}
-
-void relayTable_createEntry()
-{
-    std::puts("relayTable_createEntry()");
-}
-
-void relayTable_removeEntry()
-{
-    std::puts("relayTable_removeEntry()");
-}
+void relayTable_free(Cache *, void *) { freeTable(table); }
+void refillRelayTableEntries() { refillTable(table); }
+void relayTable_createEntry() { std::puts("relayTable_createEntry()"); }
+void relayTable_removeEntry() { std::puts("relayTable_removeEntry()"); }
+// clang-format on

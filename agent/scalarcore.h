@@ -13,13 +13,19 @@ struct Cell {
     std::size_t length;
 };
 
-/// Registers a read-only scalar; `object` is its OID without the .0.
-void registerScalar(const char *name, std::span<const oid> object, Netsnmp_Node_Handler *handler);
+/// A read-only scalar. Its object's name is the handler's without "handle_".
+struct Scalar {
+    const char *handlerName;
+    std::span<const oid> object; ///< without the .0
+    Netsnmp_Node_Handler *handler;
+};
+
+void registerScalar(const Scalar &scalar);
 
 /// Answers a GET with the value; any other mode is logged under the handler's name and refused.
-int serveScalar(const char *handlerName, u_char type, Cell value, const netsnmp_agent_request_info *reqinfo,
+int serveScalar(const char *handlerName, u_char type, Cell value, const netsnmp_agent_request_info *info,
                 netsnmp_request_info *requests);
 
 /// The same for an INTEGER.
-int serveInteger(const char *handlerName, std::uint32_t value, const netsnmp_agent_request_info *reqinfo,
+int serveInteger(const char *handlerName, std::uint32_t value, const netsnmp_agent_request_info *info,
                  netsnmp_request_info *requests);

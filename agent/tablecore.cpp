@@ -3,6 +3,7 @@
 
 #include "agent/requestgate.h"
 
+#include <cctype>
 #include <cstdio>
 
 namespace {
@@ -11,15 +12,55 @@ constexpr int cacheSeconds = 60;
 constexpr int missingInfo = SNMP_ERR_BADVALUE;
 static_assert(missingInfo == 3);
 
+void registerTable(const TableModule &table)
+{
+    auto *registration = netsnmp_create_handler_registration(table.name, table.hooks.handler, table.object.data(),
+                                                             table.object.size(), HANDLER_CAN_RONLY);
+
+    auto *tableInfo = SNMP_MALLOC_TYPEDEF(netsnmp_table_registration_info);
+    netsnmp_table_helper_add_indexes(tableInfo, ASN_INTEGER, 0);
+    tableInfo->min_column = 1;
+    tableInfo->max_column = static_cast<unsigned int>(table.columns.size());
+
+    auto *iteratorInfo = SNMP_MALLOC_TYPEDEF(netsnmp_iterator_info);
+    iteratorInfo->get_first_data_point = table.hooks.getFirst;
+    iteratorInfo->get_next_data_point = table.hooks.getNext;
+    iteratorInfo->table_reginfo = tableInfo;
+    iteratorInfo->flags |= NETSNMP_HANDLER_OWNS_IINFO; // both are freed with the registration
+    // Rows ascend (goodLines), so a GETNEXT may stop at the first one that fits: it looks at half of them on average.
+    iteratorInfo->flags |= NETSNMP_ITERATOR_FLAG_SORTED;
+    if (netsnmp_register_table_iterator(registration, iteratorInfo) != MIB_REGISTERED_OK)
+        return; // the library has logged it and has freed the registration
+
+    netsnmp_cache *cache = netsnmp_cache_create(cacheSeconds, table.hooks.load, table.hooks.free, table.object.data(),
+                                                static_cast<int>(table.object.size()));
+    netsnmp_inject_handler_before(registration, netsnmp_cache_handler_get(cache), TABLE_ITERATOR_NAME);
+    netsnmp_inject_handler_before(registration, makeRequestGate(), TABLE_HANDLER_NAME);
+}
+
+void useLines(RowChain &rows, std::span<const Line> lines)
+{
+    for (const Line &line : lines)
+        rows.use(line.index, line.description, line.source);
+}
+
+/// The table's name as it stands inside other names: a capital letter and the rest.
+struct InnerName {
+    explicit InnerName(const TableModule &table) : capital(std::toupper(table.name[0])), rest(table.name + 1) {}
+
+    int capital;
+    const char *rest;
+};
+
 void serveCell(std::span<const Column> columns, const TableRow *row, std::size_t number,
-               netsnmp_agent_request_info *reqinfo, netsnmp_request_info *request)
+               netsnmp_agent_request_info *info, netsnmp_request_info *request)
 {
     if (number < 1 || number > columns.size()) {
-        netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHOBJECT);
+        netsnmp_set_request_error(info, request, SNMP_NOSUCHOBJECT);
         return;
     }
     if (row == nullptr) {
-        netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHINSTANCE);
+        netsnmp_set_request_error(info, request, SNMP_NOSUCHINSTANCE);
         return;
     }
     const Column &column = columns[number - 1];
@@ -32,93 +73,137 @@ const RowSet *rowSetOf(std::span<const RowSet> rowSets)
 {
     if (kvAgent == nullptr)
         return nullptr;
-    for (const RowSet &rowSet : rowSets) {
-        if (rowSet.models.contains(kvAgent->modelNumber))
-            return &rowSet;
-    }
-    return nullptr;
+    const auto found = std::ranges::find_if(
+        rowSets, [](const RowSet &rowSet) { return !rowSet.models || rowSet.models->contains(kvAgent->modelNumber); });
+    return found != rowSets.end() ? &*found : nullptr;
 }
 
-void registerTable(const char *name, std::span<const oid> object, std::size_t columns, const TableHooks &hooks)
+void RowChain::use(std::uint32_t index, std::string_view description, std::size_t source)
 {
-    auto *registration =
-        netsnmp_create_handler_registration(name, hooks.handler, object.data(), object.size(), HANDLER_CAN_RONLY);
-
-    auto *tableInfo = SNMP_MALLOC_TYPEDEF(netsnmp_table_registration_info);
-    netsnmp_table_helper_add_indexes(tableInfo, ASN_INTEGER, 0);
-    tableInfo->min_column = 1;
-    tableInfo->max_column = static_cast<unsigned int>(columns);
-
-    auto *iteratorInfo = SNMP_MALLOC_TYPEDEF(netsnmp_iterator_info);
-    iteratorInfo->get_first_data_point = hooks.getFirst;
-    iteratorInfo->get_next_data_point = hooks.getNext;
-    iteratorInfo->table_reginfo = tableInfo;
-    iteratorInfo->flags |= NETSNMP_HANDLER_OWNS_IINFO; // both are freed with the registration
-    // Rows ascend (goodLines), so a GETNEXT may stop at the first one that fits: it looks at half of them on average.
-    iteratorInfo->flags |= NETSNMP_ITERATOR_FLAG_SORTED;
-    if (netsnmp_register_table_iterator(registration, iteratorInfo) != MIB_REGISTERED_OK)
-        return; // the library has said so and has freed the registration
-
-    netsnmp_cache *cache =
-        netsnmp_cache_create(cacheSeconds, hooks.load, hooks.free, object.data(), static_cast<int>(object.size()));
-    netsnmp_inject_handler_before(registration, netsnmp_cache_handler_get(cache), TABLE_ITERATOR_NAME);
-    netsnmp_inject_handler_before(registration, makeRequestGate(), TABLE_HANDLER_NAME);
-}
-
-int serveTable(const char *name, std::span<const Column> columns, netsnmp_agent_request_info *reqinfo,
-               netsnmp_request_info *requests)
-{
-    if (reqinfo == nullptr) {
-        std::printf("%s_handler() ERROR reqinfo was NULL \n", name);
-        return missingInfo;
-    }
-    if (reqinfo->mode != MODE_GET) // the iterator turns GETNEXT into GET, the registration refuses SET
-        return SNMP_ERR_NOERROR;
-
-    for (netsnmp_request_info *request = requests; request != nullptr; request = request->next) {
-        const auto *row = static_cast<const TableRow *>(netsnmp_extract_iterator_context(request));
-        const netsnmp_table_request_info *info = netsnmp_extract_table_info(request);
-        if (info == nullptr) {
-            // The rest of the PDU goes unanswered, so it fails as a whole: intended.
-            std::printf("%s_handler() ERROR extracting table_info. table_info was NULL \n", name);
-            netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHOBJECT);
-            return missingInfo;
-        }
-        serveCell(columns, row, info->colnum, reqinfo, request);
-    }
-    return SNMP_ERR_NOERROR;
-}
-
-netsnmp_variable_list *RowChain::next(void **loopContext, void **dataContext, netsnmp_variable_list *index)
-{
-    auto *row = static_cast<TableRow *>(*loopContext);
-    if (row == nullptr)
-        return nullptr;
-    snmp_set_var_typed_value(index, ASN_INTEGER, &row->index, sizeof(row->index));
-    *dataContext = row;
-    *loopContext = row->next;
-    return index;
-}
-
-void RowChain::append(TableRow &row, std::uint32_t index, std::string_view description, std::size_t source)
-{
+    TableRow &row = m_rowAt(*this, index - 1);
     row.index = index;
     setText(row.description, description);
     row.status = 1;
     row.source = source;
     row.next = nullptr;
-    (m_last != nullptr ? m_last->next : m_head) = &row;
+    (m_last != nullptr ? m_last->next : m_first) = &row;
     m_last = &row;
     ++m_count;
 }
 
-bool canLoad(const char *tableName, bool hasRecord, const char *pointerName)
+void initializeTable(const TableModule &table)
 {
+    std::printf("%s: initialize_table_%s()\n", table.name, table.name);
+    registerTable(table);
+    const RowSet *rowSet = rowSetOf(table.rowSets);
+    if (rowSet == nullptr)
+        return;
+    useLines(*table.rows, rowSet->lines);
+    if (hasExpanders(kvAgent->modelText))
+        useLines(*table.rows, rowSet->expanderLines);
+    if (rowSet->logLabel != nullptr) {
+        const InnerName name(table);
+        std::printf("init%c%sModel() %s\n", name.capital, name.rest, rowSet->logLabel);
+    }
+}
+
+netsnmp_variable_list *firstRow(const TableModule &table, void **loop, void **data, netsnmp_variable_list *index)
+{
+    *loop = table.rows->first();
+    return table.hooks.getNext(loop, data, index, nullptr);
+}
+
+netsnmp_variable_list *nextRow(const TableModule &table, void **loop, void **data, netsnmp_variable_list *index)
+{
+    std::fputs(table.name, stdout); // once a row looked at: cheaper than a format
+    std::puts("_get_next_data_point()");
+    auto *row = static_cast<TableRow *>(*loop);
+    if (row == nullptr)
+        return nullptr;
+    snmp_set_var_typed_value(index, ASN_INTEGER, &row->index, sizeof(row->index));
+    *data = row;
+    *loop = row->next;
+    return index;
+}
+
+int serveTable(const char *name, std::span<const Column> columns, netsnmp_agent_request_info *info,
+               netsnmp_request_info *requests)
+{
+    if (info == nullptr) {
+        std::printf("%s_handler() ERROR reqinfo was NULL \n", name);
+        return missingInfo;
+    }
+    if (info->mode != MODE_GET) // the iterator turns GETNEXT into GET, the registration refuses SET
+        return SNMP_ERR_NOERROR;
+
+    for (netsnmp_request_info *request = requests; request != nullptr; request = request->next) {
+        const auto *row = static_cast<const TableRow *>(netsnmp_extract_iterator_context(request));
+        const netsnmp_table_request_info *tableInfo = netsnmp_extract_table_info(request);
+        if (tableInfo == nullptr) {
+            // The rest of the PDU goes unanswered, so it fails as a whole: intended.
+            std::printf("%s_handler() ERROR extracting table_info. table_info was NULL \n", name);
+            netsnmp_set_request_error(info, request, SNMP_NOSUCHOBJECT);
+            return missingInfo;
+        }
+        serveCell(columns, row, tableInfo->colnum, info, request);
+    }
+    return SNMP_ERR_NOERROR;
+}
+
+int serveTable(const TableModule &table, netsnmp_agent_request_info *info, netsnmp_request_info *requests)
+{
+    return serveTable(table.name, table.columns, info, requests);
+}
+
+int serveCount(const TableModule &table, const netsnmp_agent_request_info *info, netsnmp_request_info *requests)
+{
+    return serveInteger(table.count.handlerName, table.rows->count(), info, requests);
+}
+
+bool beginLoad(const TableModule &table)
+{
+    std::printf("%s_load()\n", table.name);
     if (kvAgent == nullptr) {
-        std::printf("%s_load() kvAgent == NULL\n", tableName);
+        std::printf("%s_load() kvAgent == NULL\n", table.name);
         return false;
     }
-    if (!hasRecord)
-        std::printf("%s_load() kvAgent->%s == NULL\n", tableName, pointerName);
-    return hasRecord;
+    if (!table.record.present()) {
+        std::printf("%s_load() kvAgent->%s == NULL\n", table.name, table.record.pointer);
+        return false;
+    }
+    return true;
+}
+
+int loadTable(const TableModule &table)
+{
+    if (!beginLoad(table))
+        return -1;
+    if (rowSetOf(table.rowSets) != nullptr) // a model without a row set has nothing to copy, and prints nothing
+        table.refill();
+    return 0;
+}
+
+void freeTable(const TableModule &table)
+{
+    std::printf("%s_free()\n", table.name);
+}
+
+void refillTable(const TableModule &table)
+{
+    beginRefill(table);
+    copyRecord(table);
+}
+
+void beginRefill(const TableModule &table)
+{
+    const InnerName name(table);
+    std::printf("copyTal%c%sData()\nrefill%c%sEntries()\n", name.capital, name.rest, name.capital, name.rest);
+}
+
+void copyRecord(const TableModule &table)
+{
+    if (kvAgent == nullptr || !table.record.present())
+        return;
+    for (TableRow *row = table.rows->first(); row != nullptr; row = row->next)
+        table.record.copyRow(*row);
 }

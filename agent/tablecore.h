@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string_view>
 
@@ -35,7 +36,7 @@ constexpr RowText<size> rowText(std::string_view text)
     return field;
 }
 
-/// What a row of any table begins with. Rows are static; the ones in use are chained at start, for good.
+/// What a row of any table begins with. Rows are static; the ones in use are chained once, at start.
 struct TableRow {
     std::uint32_t index; ///< from 1, also the row's place among the table's static rows
     RowText<128> description;
@@ -57,6 +58,8 @@ constexpr Cell cellOf(const RowText<size> &field)
 
 template <class Row, class Value>
 Row rowTypeOf(Value Row::*);
+template <class Row, class Record>
+Row rowTypeOf(void (*)(Row &row, Record &record));
 
 /// One column: its syntax and where its value stands in a row.
 struct Column {
@@ -86,17 +89,18 @@ struct Line {
     std::size_t source;
 };
 
-/// The rows of a table on some models, and what the start prints for them (null: nothing).
+/// The rows of a table on some models (noModelTest: on all), the further ones of stations with expanders, and the label
+/// that the start prints for them (null: nothing).
 struct RowSet {
-    ModelSet models;
+    std::optional<ModelSet> models;
     std::span<const Line> lines;
     const char *logLabel = nullptr;
+    std::span<const Line> expanderLines = {};
 };
 
-/// True when the indices ascend from 1 and every source is one of the `slots` elements of its record.
-constexpr bool goodLines(std::span<const Line> lines, std::size_t slots)
+/// True when the indices ascend from above `last` and every source is one of the `slots` elements of its record.
+constexpr bool goodLines(std::span<const Line> lines, std::size_t slots, std::uint32_t last = 0)
 {
-    std::uint32_t last = 0;
     for (const Line &line : lines) {
         if (line.index <= last || line.source >= slots)
             return false;
@@ -107,11 +111,9 @@ constexpr bool goodLines(std::span<const Line> lines, std::size_t slots)
 
 constexpr bool goodLines(std::span<const RowSet> rowSets, std::size_t slots)
 {
-    for (const RowSet &rowSet : rowSets) {
-        if (!goodLines(rowSet.lines, slots))
-            return false;
-    }
-    return true;
+    return std::ranges::all_of(rowSets, [slots](const RowSet &rowSet) {
+        return goodLines(rowSet.lines, slots) && goodLines(rowSet.expanderLines, slots, rowSet.lines.back().index);
+    });
 }
 
 /// The highest index, that is how many static rows a table needs.
@@ -119,47 +121,29 @@ constexpr std::uint32_t highestIndex(std::span<const RowSet> rowSets)
 {
     std::uint32_t highest = 0;
     for (const RowSet &rowSet : rowSets)
-        highest = std::max(highest, rowSet.lines.back().index);
+        highest = std::max(highest, (rowSet.expanderLines.empty() ? rowSet.lines : rowSet.expanderLines).back().index);
     return highest;
 }
 
 /// The row set of the device's model, null when it has none.
 const RowSet *rowSetOf(std::span<const RowSet> rowSets);
 
-/// The functions of a table that the library calls.
-struct TableHooks {
-    Netsnmp_Node_Handler *handler;
-    Netsnmp_First_Data_Point *getFirst;
-    Netsnmp_Next_Data_Point *getNext;
-    NetsnmpCacheLoad *load;
-    NetsnmpCacheFree *free;
-};
-
-/// Registers a read-only table with one INTEGER index: the iterator in front of the handler, in front of the iterator a
-/// cache, so that a request first loads when 60 s have passed since the last load, and the request gate before all.
-void registerTable(const char *name, std::span<const oid> object, std::size_t columns, const TableHooks &hooks);
-
-/// Answers the requests of one call from the rows that the iterator found. `name` begins the error messages.
-int serveTable(const char *name, std::span<const Column> columns, netsnmp_agent_request_info *reqinfo,
-               netsnmp_request_info *requests);
-
-/// The chain of the rows in use.
+/// The chain of a table's rows in use.
 class RowChain {
 public:
     std::uint32_t count() const { return m_count; }
+    TableRow *first() const { return m_first; }
 
-    /// Sets the loop context to the first row.
-    void rewind(void **loopContext) const { *loopContext = m_head; }
-
-    /// Hands out the row of the loop context and moves the context on. Null at the end.
-    static netsnmp_variable_list *next(void **loopContext, void **dataContext, netsnmp_variable_list *index);
+    /// Puts one more row to use. To be called with ascending indices, at start only.
+    void use(std::uint32_t index, std::string_view description, std::size_t source);
 
 protected:
-    void append(TableRow &row, std::uint32_t index, std::string_view description, std::size_t source);
-
-    TableRow *m_head = nullptr;
+    using RowAt = TableRow &(*)(RowChain &chain, std::size_t place);
+    explicit constexpr RowChain(RowAt rowAt) : m_rowAt(rowAt) {}
 
 private:
+    RowAt m_rowAt;
+    TableRow *m_first = nullptr;
     TableRow *m_last = nullptr;
     std::uint32_t m_count = 0;
 };
@@ -168,45 +152,73 @@ private:
 template <class Row, std::size_t rowCount>
 class Rows : public RowChain {
 public:
-    /// Puts one more row to use. To be called with ascending indices, at start only.
-    void use(std::uint32_t index, std::string_view description, std::size_t source)
-    {
-        append(m_rows[index - 1], index, description, source);
-    }
-
-    void use(std::span<const Line> lines)
-    {
-        for (const Line &line : lines)
-            use(line.index, line.description, line.source);
-    }
-
-    /// Calls copy(row, record) for every row in use; without a record the rows keep their values.
-    template <class Record, class Copy>
-    void refill(Record *record, Copy copy)
-    {
-        if (record == nullptr)
-            return;
-        for (TableRow *row = m_head; row != nullptr; row = row->next)
-            copy(static_cast<Row &>(*row), *record);
-    }
+    constexpr Rows() : RowChain(rowAt) {}
 
 private:
+    static TableRow &rowAt(RowChain &chain, std::size_t place) { return static_cast<Rows &>(chain).m_rows[place]; }
+
     Row m_rows[rowCount] = {};
 };
 
-/// The data-service record that the agent record points at; null when there is none.
-template <class Record>
-Record *talRecord(Record *KvAgent::*pointer)
+/// The data-service record behind a table: made by recordSource().
+struct RecordSource {
+    const char *pointer; ///< the name of its pointer in the agent record
+    bool (*present)();   ///< the agent has it; asked only while there is an agent
+    void (*copyRow)(TableRow &row);
+};
+
+/// The record that `pointer`, called `name`, points at; copy(row, record) takes a row's values from it.
+template <auto pointer, auto copy>
+constexpr RecordSource recordSource(const char *name)
 {
-    return kvAgent != nullptr ? kvAgent->*pointer : nullptr;
+    using Row = decltype(rowTypeOf(copy));
+    return {name, [] { return kvAgent->*pointer != nullptr; },
+            [](TableRow &row) { copy(static_cast<Row &>(row), *(kvAgent->*pointer)); }};
 }
 
-/// Says which of the two is missing, when one is.
-bool canLoad(const char *tableName, bool hasRecord, const char *pointerName);
+/// A table's functions that the library calls.
+struct TableHooks {
+    Netsnmp_Node_Handler *handler;
+    Netsnmp_First_Data_Point *getFirst;
+    Netsnmp_Next_Data_Point *getNext;
+    NetsnmpCacheLoad *load;
+    NetsnmpCacheFree *free;
+};
 
-/// True when a load has something to copy from. Otherwise says what is missing.
-template <class Record>
-bool canLoad(const char *tableName, Record *KvAgent::*pointer, const char *pointerName)
-{
-    return canLoad(tableName, talRecord(pointer) != nullptr, pointerName);
-}
+/// One table: read-only, with one INTEGER index. Everything that the core needs to serve it.
+struct TableModule {
+    const char *name; ///< "fanTable"; also begins what the table's functions print
+    std::span<const oid> object;
+    std::span<const Column> columns; ///< column n is columns[n - 1]
+    std::span<const RowSet> rowSets;
+    RowChain *rows;
+    Scalar count = {}; ///< the number of rows; some tables have none
+    RecordSource record;
+    void (*refill)(); ///< copies the record into the rows
+    TableHooks hooks;
+};
+
+/// Registers the table and puts the model's rows to use. The iterator stands in front of the handler, in front of the
+/// iterator a cache, so that a request first loads when 60 s have passed since the last load, and the request gate
+/// before all.
+void initializeTable(const TableModule &table);
+
+// What a table's functions do. Each prints its name, which begins with the table's.
+netsnmp_variable_list *firstRow(const TableModule &table, void **loop, void **data, netsnmp_variable_list *index);
+netsnmp_variable_list *nextRow(const TableModule &table, void **loop, void **data, netsnmp_variable_list *index);
+int loadTable(const TableModule &table);
+void freeTable(const TableModule &table);
+void refillTable(const TableModule &table);
+
+/// Answers the requests of one call from the rows that the iterator found. `name` begins the error messages.
+int serveTable(const char *name, std::span<const Column> columns, netsnmp_agent_request_info *info,
+               netsnmp_request_info *requests);
+int serveTable(const TableModule &table, netsnmp_agent_request_info *info, netsnmp_request_info *requests);
+int serveCount(const TableModule &table, const netsnmp_agent_request_info *info, netsnmp_request_info *requests);
+
+// The steps of loadTable() and refillTable(), for the tables that differ.
+/// False when there is no agent or no record to copy from.
+bool beginLoad(const TableModule &table);
+void beginRefill(const TableModule &table);
+/// Copies the record into every row in use; without a record the rows keep their values.
+void copyRecord(const TableModule &table);

@@ -56,7 +56,7 @@ constexpr RowText<32> peakLabel = rowText<32>("Peak Temperature");
 constexpr RowText<32> averageLabel = rowText<32>("Average Temperature");
 
 // clang-format off
-constexpr Column columns[] = { // column n is columns[n - 1]
+constexpr Column columns[] = {
     {ASN_INTEGER,   cell<&TempTableRow::index>},
     {ASN_OCTET_STR, cell<&TempTableRow::description>},
     {ASN_OCTET_STR, constantCell<currentLabel>},
@@ -68,87 +68,49 @@ constexpr Column columns[] = { // column n is columns[n - 1]
 };
 // clang-format on
 
-constexpr auto countOid = enterpriseOid(3, 2, 1);
 constexpr auto tableOid = enterpriseOid(3, 2, 2);
+constexpr auto countOid = enterpriseOid(3, 2, 1);
+
+void copy(TempTableRow &row, const TempRecord &record)
+{
+    const TempRow &source = record.rows[row.source];
+    row.current = source.current;
+    row.peak = source.peak;
+    row.average = source.average;
+}
 
 Rows<TempTableRow, highestIndex(rowSets)> rows;
+
+constexpr TableModule table = {
+    .name = "tempTable",
+    .object = tableOid,
+    .columns = columns,
+    .rowSets = rowSets,
+    .rows = &rows,
+    .count = {"handle_tempTableCount", countOid, handle_tempTableCount},
+    .record = recordSource<&KvAgent::talTempTableData, copy>("talTempTableData"),
+    .refill = refillTempTableEntries,
+    .hooks = {tempTable_handler, tempTable_get_first_data_point, tempTable_get_next_data_point, tempTable_load,
+              tempTable_free},
+};
 } // namespace
 
 void init_tempTable()
 {
     std::puts("init_tempTable()");
     initialize_table_tempTable();
-    registerScalar("tempTableCount", countOid, handle_tempTableCount);
+    registerScalar(table.count);
 }
 
-void initialize_table_tempTable()
-{
-    std::puts("tempTable: initialize_table_tempTable()");
-    registerTable("tempTable", tableOid, std::size(columns),
-                  {tempTable_handler, tempTable_get_first_data_point, tempTable_get_next_data_point, tempTable_load,
-                   tempTable_free});
-    if (const RowSet *rowSet = rowSetOf(rowSets))
-        rows.use(rowSet->lines);
-}
-
-netsnmp_variable_list *tempTable_get_first_data_point(void **loopContext, void **dataContext,
-                                                      netsnmp_variable_list *index, netsnmp_iterator_info *info)
-{
-    rows.rewind(loopContext);
-    return tempTable_get_next_data_point(loopContext, dataContext, index, info);
-}
-
-netsnmp_variable_list *tempTable_get_next_data_point(void **loopContext, void **dataContext,
-                                                     netsnmp_variable_list *index, netsnmp_iterator_info *)
-{
-    std::puts("tempTable_get_next_data_point()");
-    return RowChain::next(loopContext, dataContext, index);
-}
-
-int tempTable_handler(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                      netsnmp_request_info *requests)
-{
-    return serveTable("tempTable", columns, reqinfo, requests);
-}
-
-int tempTable_load(netsnmp_cache *, void *)
-{
-    std::puts("tempTable_load()");
-    if (!canLoad("tempTable", &KvAgent::talTempTableData, "talTempTableData"))
-        return -1;
-    if (rowSetOf(rowSets) != nullptr) // a model without a row set has nothing to copy, and prints nothing
-        refillTempTableEntries();
-    return 0;
-}
-
-void tempTable_free(netsnmp_cache *, void *)
-{
-    std::puts("tempTable_free()");
-}
-
-int handle_tempTableCount(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                          netsnmp_request_info *requests)
-{
-    return serveInteger("handle_tempTableCount", rows.count(), reqinfo, requests);
-}
-
-void refillTempTableEntries()
-{
-    std::puts("copyTalTempTableData()\nrefillTempTableEntries()");
-    rows.refill(talRecord(&KvAgent::talTempTableData), [](TempTableRow &row, const TempRecord &record) {
-        const TempRow &source = record.rows[row.source];
-        row.current = source.current;
-        row.peak = source.peak;
-        row.average = source.average;
-    });
-}
-
-void tempTable_createEntry()
-{
-    std::puts("tempTable_createEntry()");
-}
-
-void tempTable_removeEntry()
-{
-    std::puts("tempTable_removeEntry()");
-}
+// clang-format off
+void initialize_table_tempTable() { initializeTable(table); }
+Index *tempTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(table, l, d, i); }
+Index *tempTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(table, l, d, i); }
+int tempTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(table, i, r); }
+int tempTable_load(Cache *, void *) { return loadTable(table); }
+void tempTable_free(Cache *, void *) { freeTable(table); }
+int handle_tempTableCount(Handler *, Registration *, Info *i, Request *r) { return serveCount(table, i, r); }
+void refillTempTableEntries() { refillTable(table); }
+void tempTable_createEntry() { std::puts("tempTable_createEntry()"); }
+void tempTable_removeEntry() { std::puts("tempTable_removeEntry()"); }
+// clang-format on

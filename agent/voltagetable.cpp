@@ -67,93 +67,53 @@ struct VoltageTableRow : TableRow {
 };
 
 // clang-format off
-constexpr Column columns[] = { // column n is columns[n - 1]
+constexpr Column columns[] = {
     {ASN_INTEGER,   cell<&VoltageTableRow::index>},
     {ASN_OCTET_STR, cell<&VoltageTableRow::description>},
     {ASN_GAUGE,     cell<&VoltageTableRow::value>},
 };
 // clang-format on
 
-constexpr auto countOid = enterpriseOid(3, 4, 1);
 constexpr auto tableOid = enterpriseOid(3, 4, 2);
+constexpr auto countOid = enterpriseOid(3, 4, 1);
+
+void copy(VoltageTableRow &row, const VoltageRecord &record)
+{
+    row.value = record.values[row.source];
+}
 
 Rows<VoltageTableRow, highestIndex(rowSets)> rows;
+
+constexpr TableModule table = {
+    .name = "voltageTable",
+    .object = tableOid,
+    .columns = columns,
+    .rowSets = rowSets,
+    .rows = &rows,
+    .count = {"handle_voltageTableCount", countOid, handle_voltageTableCount},
+    .record = recordSource<&KvAgent::talVoltageTableData, copy>("talVoltageTableData"),
+    .refill = refillVoltageTableEntries,
+    .hooks = {voltageTable_handler, voltageTable_get_first_data_point, voltageTable_get_next_data_point,
+              voltageTable_load, voltageTable_free},
+};
 } // namespace
 
 void init_voltageTable()
 {
     std::printf("init_voltageTable() %u \n", kvAgent->modelNumber);
     initialize_table_voltageTable();
-    registerScalar("voltageTableCount", countOid, handle_voltageTableCount);
+    registerScalar(table.count);
 }
 
-void initialize_table_voltageTable()
-{
-    std::puts("voltageTable: initialize_table_voltageTable()");
-    registerTable("voltageTable", tableOid, std::size(columns),
-                  {voltageTable_handler, voltageTable_get_first_data_point, voltageTable_get_next_data_point,
-                   voltageTable_load, voltageTable_free});
-    if (const RowSet *rowSet = rowSetOf(rowSets)) {
-        rows.use(rowSet->lines);
-        if (rowSet->logLabel != nullptr)
-            std::printf("initVoltageTableModel() %s\n", rowSet->logLabel);
-    }
-}
-
-netsnmp_variable_list *voltageTable_get_first_data_point(void **loopContext, void **dataContext,
-                                                         netsnmp_variable_list *index, netsnmp_iterator_info *info)
-{
-    rows.rewind(loopContext);
-    return voltageTable_get_next_data_point(loopContext, dataContext, index, info);
-}
-
-netsnmp_variable_list *voltageTable_get_next_data_point(void **loopContext, void **dataContext,
-                                                        netsnmp_variable_list *index, netsnmp_iterator_info *)
-{
-    std::puts("voltageTable_get_next_data_point()");
-    return RowChain::next(loopContext, dataContext, index);
-}
-
-int voltageTable_handler(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                         netsnmp_request_info *requests)
-{
-    return serveTable("voltageTable", columns, reqinfo, requests);
-}
-
-int voltageTable_load(netsnmp_cache *, void *)
-{
-    std::puts("voltageTable_load()");
-    if (!canLoad("voltageTable", &KvAgent::talVoltageTableData, "talVoltageTableData"))
-        return -1;
-    if (rowSetOf(rowSets) != nullptr) // a model without a row set has nothing to copy, and prints nothing
-        refillVoltageTableEntries();
-    return 0;
-}
-
-void voltageTable_free(netsnmp_cache *, void *)
-{
-    std::puts("voltageTable_free()");
-}
-
-int handle_voltageTableCount(netsnmp_mib_handler *, netsnmp_handler_registration *, netsnmp_agent_request_info *reqinfo,
-                             netsnmp_request_info *requests)
-{
-    return serveInteger("handle_voltageTableCount", rows.count(), reqinfo, requests);
-}
-
-void refillVoltageTableEntries()
-{
-    std::puts("copyTalVoltageTableData()\nrefillVoltageTableEntries()");
-    rows.refill(talRecord(&KvAgent::talVoltageTableData),
-                [](VoltageTableRow &row, const VoltageRecord &record) { row.value = record.values[row.source]; });
-}
-
-void voltageTable_createEntry()
-{
-    std::puts("voltageTable_createEntry()");
-}
-
-void voltageTable_removeEntry()
-{
-    std::puts("voltageTable_removeEntry()");
-}
+// clang-format off
+void initialize_table_voltageTable() { initializeTable(table); }
+Index *voltageTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(table, l, d, i); }
+Index *voltageTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(table, l, d, i); }
+int voltageTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(table, i, r); }
+int voltageTable_load(Cache *, void *) { return loadTable(table); }
+void voltageTable_free(Cache *, void *) { freeTable(table); }
+int handle_voltageTableCount(Handler *, Registration *, Info *i, Request *r) { return serveCount(table, i, r); }
+void refillVoltageTableEntries() { refillTable(table); }
+void voltageTable_createEntry() { std::puts("voltageTable_createEntry()"); }
+void voltageTable_removeEntry() { std::puts("voltageTable_removeEntry()"); }
+// clang-format on

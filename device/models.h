@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <iterator>
+#include <optional>
 #include <string_view>
 
 /// Every model number that the program accepts, ascending.
@@ -47,6 +48,9 @@ public:
 private:
     std::uint32_t m_bits = 0;
 };
+
+/// In place of a ModelSet: every number, an unknown one too.
+inline constexpr auto noModelTest = std::nullopt;
 
 // clang-format off
 inline constexpr ModelSet ampTypeModels      {6420, 6425, 6720, 6764};       ///< an amplifier or power type file is read

@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr auto noModelTest = std::nullopt;
-
 struct Subscription {
     const char *request; ///< its debug line; null: a further path of the request above, or one that says nothing
     std::string_view reference;

@@ -37,14 +37,44 @@ constexpr Column columns[] = {
     {ASN_OCTET_STR, constantCell<fixedText>},
 };
 
-struct BenchRecord {
-    std::uint32_t values[3];
-};
-
 class BenchRows : public Rows<BenchRow, 4> {
 public:
-    BenchRow *first() { return static_cast<BenchRow *>(m_head); }
+    void use(std::span<const Line> lines)
+    {
+        for (const Line &line : lines)
+            RowChain::use(line.index, line.description, line.source);
+    }
+    BenchRow *first() const { return static_cast<BenchRow *>(RowChain::first()); }
 };
+
+void copy(BenchRow &row, const ControlOutputRecord &record)
+{
+    row.number = record.status[row.source];
+}
+
+Netsnmp_Next_Data_Point benchNext;
+BenchRows benchRows;
+BenchRows noRows;
+
+constexpr TableModule moduleOf(RowChain &rows)
+{
+    return {.name = "benchTable",
+            .object = {},
+            .columns = columns,
+            .rowSets = rowSets,
+            .rows = &rows,
+            .record = recordSource<&KvAgent::talControlOutputTableData, copy>("talControlOutputTableData"),
+            .refill = nullptr,
+            .hooks = {.handler = nullptr, .getFirst = nullptr, .getNext = benchNext, .load = nullptr, .free = nullptr}};
+}
+
+constexpr TableModule bench = moduleOf(benchRows);
+constexpr TableModule empty = moduleOf(noRows);
+
+netsnmp_variable_list *benchNext(void **loop, void **data, netsnmp_variable_list *index, netsnmp_iterator_info *)
+{
+    return nextRow(bench, loop, data, index);
+}
 
 /// A request as the library hands it to a table's handler.
 class Request {
@@ -94,7 +124,7 @@ class TestTableCore : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase() { m_rows.use(goodSet); }
+    void initTestCase() { benchRows.use(goodSet); }
     void rowSetsGoByModel();
     void rowsAreChainedInOrder();
     void theWalkHandsOutEachRowOnce();
@@ -113,9 +143,6 @@ private Q_SLOTS:
     void aLoadNeedsTheAgentAndTheRecord();
     void aScalarAnswersAGet();
     void aScalarRefusesOtherModes();
-
-private:
-    BenchRows m_rows;
 };
 
 void TestTableCore::rowSetsGoByModel()
@@ -136,10 +163,10 @@ void TestTableCore::rowSetsGoByModel()
 
 void TestTableCore::rowsAreChainedInOrder()
 {
-    QCOMPARE(m_rows.count(), 3U);
+    QCOMPARE(benchRows.count(), 3U);
     QList<uint> indices;
     QList<std::size_t> sources;
-    for (const TableRow *row = m_rows.first(); row != nullptr; row = row->next) {
+    for (const TableRow *row = benchRows.first(); row != nullptr; row = row->next) {
         indices.append(row->index);
         sources.append(row->source);
         QCOMPARE(row->status, 1U);
@@ -154,8 +181,8 @@ void TestTableCore::theWalkHandsOutEachRowOnce()
     void *data = nullptr;
     netsnmp_variable_list index = {};
     QList<long> indices;
-    m_rows.rewind(&loop);
-    while (RowChain::next(&loop, &data, &index) != nullptr) {
+    for (auto *point = firstRow(bench, &loop, &data, &index); point != nullptr;
+         point = nextRow(bench, &loop, &data, &index)) {
         QCOMPARE(index.type, u_char{ASN_INTEGER});
         QCOMPARE(static_cast<TableRow *>(data)->index, static_cast<std::uint32_t>(*index.val.integer));
         indices.append(*index.val.integer);
@@ -165,42 +192,45 @@ void TestTableCore::theWalkHandsOutEachRowOnce()
 
 void TestTableCore::anEmptyChainEndsAtOnce()
 {
-    const BenchRows empty;
     void *loop = &loop;
     void *data = nullptr;
     netsnmp_variable_list index = {};
-    empty.rewind(&loop);
-    QVERIFY(RowChain::next(&loop, &data, &index) == nullptr);
-    QCOMPARE(empty.count(), 0U);
+    QVERIFY(firstRow(empty, &loop, &data, &index) == nullptr);
+    QCOMPARE(empty.rows->count(), 0U);
 }
 
 void TestTableCore::refillTakesEachRowsSource()
 {
-    const BenchRecord record = {{10, 11, 12}};
-    m_rows.refill(&record, [](BenchRow &row, const BenchRecord &from) { row.number = from.values[row.source]; });
-    const BenchRow *row = m_rows.first();
-    QCOMPARE(row->number, 12U);
-    row = static_cast<const BenchRow *>(row->next);
-    QCOMPARE(row->number, 10U);
-    row = static_cast<const BenchRow *>(row->next);
-    QCOMPARE(row->number, 11U);
+    const ControlOutputRecord record = {{10, 11, 12}};
+    KvAgent agent = {};
+    agent.talControlOutputTableData = &record;
+    kvAgent = &agent;
+    copyRecord(bench);
+    kvAgent = nullptr;
+    QList<uint> numbers;
+    for (const TableRow *row = benchRows.first(); row != nullptr; row = row->next)
+        numbers.append(static_cast<const BenchRow *>(row)->number);
+    QCOMPARE(numbers, (QList<uint>{12, 10, 11}));
 }
 
 void TestTableCore::refillWithoutARecordChangesNothing()
 {
-    const std::uint32_t before = m_rows.first()->number;
-    const BenchRecord *none = nullptr;
-    m_rows.refill(none, [](BenchRow &row, const BenchRecord &from) { row.number = from.values[0]; });
-    QCOMPARE(m_rows.first()->number, before);
+    const std::uint32_t before = benchRows.first()->number;
+    copyRecord(bench); // no agent
+    KvAgent agent = {};
+    kvAgent = &agent;
+    copyRecord(bench);
+    kvAgent = nullptr;
+    QCOMPARE(benchRows.first()->number, before);
 }
 
 void TestTableCore::cellsHaveTheirTypes()
 {
-    m_rows.first()->number = 4000000000U; // a Gauge32 has no sign
-    Request index(m_rows.first(), 1);
-    Request description(m_rows.first(), 2);
-    Request number(m_rows.first(), 3);
-    Request fixed(m_rows.first(), 4);
+    benchRows.first()->number = 4000000000U; // a Gauge32 has no sign
+    Request index(benchRows.first(), 1);
+    Request description(benchRows.first(), 2);
+    Request number(benchRows.first(), 3);
+    Request fixed(benchRows.first(), 4);
     description.follow(index);
     number.follow(description);
     fixed.follow(number);
@@ -218,7 +248,7 @@ void TestTableCore::cellsHaveTheirTypes()
 void TestTableCore::textsAreNeverPadded()
 {
     BenchRows rows;
-    rows.use(1, "", 0);
+    rows.RowChain::use(1, "", 0);
     Request request(rows.first(), 2);
     QCOMPARE(serve(request), int{SNMP_ERR_NOERROR});
     QCOMPARE(request.type(), u_char{ASN_OCTET_STR});
@@ -245,7 +275,7 @@ void TestTableCore::aMissingRowIsNoSuchInstance()
 void TestTableCore::aColumnOutsideIsNoSuchObject()
 {
     for (const unsigned int column : {0U, 5U, 4000000000U}) {
-        Request request(m_rows.first(), column);
+        Request request(benchRows.first(), column);
         QCOMPARE(serve(request), int{SNMP_ERR_NOERROR});
         QCOMPARE(request.type(), u_char{SNMP_NOSUCHOBJECT});
     }
@@ -264,7 +294,7 @@ void TestTableCore::otherModesTouchNothing_data()
 void TestTableCore::otherModesTouchNothing()
 {
     QFETCH(int, mode);
-    Request request(m_rows.first(), 1);
+    Request request(benchRows.first(), 1);
     Request bad(nullptr, 9, false);
     bad.follow(request);
     QCOMPARE(serve(request, mode), 0);
@@ -274,7 +304,7 @@ void TestTableCore::otherModesTouchNothing()
 
 void TestTableCore::missingRequestInformationIsAnError()
 {
-    Request request(m_rows.first(), 1);
+    Request request(benchRows.first(), 1);
     int result = 0;
     const QStringList lines = printed([&] { result = serveTable("benchTable", columns, nullptr, request.raw()); });
     QCOMPARE(result, 3);
@@ -284,9 +314,9 @@ void TestTableCore::missingRequestInformationIsAnError()
 
 void TestTableCore::missingTableInformationEndsThePdu()
 {
-    Request before(m_rows.first(), 1);
-    Request bad(m_rows.first(), 1, false);
-    Request behind(m_rows.first(), 1);
+    Request before(benchRows.first(), 1);
+    Request bad(benchRows.first(), 1, false);
+    Request behind(benchRows.first(), 1);
     bad.follow(before);
     behind.follow(bad);
     int result = 0;
@@ -301,20 +331,20 @@ void TestTableCore::missingTableInformationEndsThePdu()
 
 void TestTableCore::aLoadNeedsTheAgentAndTheRecord()
 {
-    const auto load = [] { return canLoad("benchTable", &KvAgent::talFanTableData, "talFanTableData"); };
     bool can = true;
-    QCOMPARE(printed([&] { can = load(); }), QStringList{QStringLiteral("benchTable_load() kvAgent == NULL")});
+    QCOMPARE(printed([&] { can = beginLoad(bench); }),
+             lines({"benchTable_load()", "benchTable_load() kvAgent == NULL"}));
     QVERIFY(!can);
 
     KvAgent agent = {};
     kvAgent = &agent;
-    QCOMPARE(printed([&] { can = load(); }),
-             QStringList{QStringLiteral("benchTable_load() kvAgent->talFanTableData == NULL")});
+    QCOMPARE(printed([&] { can = beginLoad(bench); }),
+             lines({"benchTable_load()", "benchTable_load() kvAgent->talControlOutputTableData == NULL"}));
     QVERIFY(!can);
 
-    const FanRecord record = {};
-    agent.talFanTableData = &record;
-    QCOMPARE(printed([&] { can = load(); }), QStringList());
+    const ControlOutputRecord record = {};
+    agent.talControlOutputTableData = &record;
+    QCOMPARE(printed([&] { can = beginLoad(bench); }), lines({"benchTable_load()"}));
     QVERIFY(can);
     kvAgent = nullptr;
 }
