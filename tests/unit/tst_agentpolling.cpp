@@ -1,6 +1,7 @@
 // The application object with the agent started: polling, waking on traffic, waiting traps.
 #include "support/agentbench.h"
 #include "support/kvsnmpbench.h"
+#include "support/testprogram.h"
 
 #include "app/descriptorwatch.h"
 
@@ -17,8 +18,6 @@ extern int callback_master_num; // the agent's end of the library's internal tra
 }
 
 namespace {
-
-const AgentSurroundings agentSurroundings;
 
 /// Sends a GET to the agent in this process; the answer comes in a later pass of the library.
 class PendingGet {
@@ -211,5 +210,5 @@ void TestAgentPolling::trapsBeyondOnePassGoOutWithTheNext()
     closeSession();
 }
 
-QTEST_GUILESS_MAIN(TestAgentPolling)
+const TestEntry entry("tst_agentpolling", runTest<TestAgentPolling>);
 #include "tst_agentpolling.moc"

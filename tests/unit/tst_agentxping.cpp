@@ -1,4 +1,6 @@
 // The question to the AgentX socket, and the exchange under it, with peers that answer, keep silent or are gone.
+#include "support/testprogram.h"
+
 #include "check/agentxping.h"
 #include "check/localexchange.h"
 
@@ -157,5 +159,5 @@ void TestAgentxPing::connectionsOfASocket()
     QCOMPARE(agentxConnections({}, "/var/agentx/master"), 0);
 }
 
-QTEST_GUILESS_MAIN(TestAgentxPing)
+const TestEntry entry("tst_agentxping", runTest<TestAgentxPing>);
 #include "tst_agentxping.moc"

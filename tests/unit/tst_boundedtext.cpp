@@ -1,4 +1,6 @@
 // Copies into fixed buffers: bounded, terminated, nothing written behind them.
+#include "support/testprogram.h"
+
 #include "device/boundedtext.h"
 
 #include <QtTest>
@@ -78,5 +80,5 @@ void TestBoundedText::worksAtCompileTime()
     QCOMPARE(length, 3U);
 }
 
-QTEST_GUILESS_MAIN(TestBoundedText)
+const TestEntry entry("tst_boundedtext", runTest<TestBoundedText>);
 #include "tst_boundedtext.moc"

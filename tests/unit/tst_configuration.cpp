@@ -1,5 +1,6 @@
 // Relays, GPIO types, control inputs and outputs, monitored power sources.
 #include "support/talbench.h"
+#include "support/testprogram.h"
 
 #include "device/models.h"
 
@@ -918,5 +919,5 @@ void TestConfiguration::powerMonitoredUnexpectedOperation()
                             " sPath: /state/config/power_sources/power_source/monitored kid: ac_power")});
 }
 
-QTEST_GUILESS_MAIN(TestConfiguration)
+const TestEntry entry("tst_configuration", runTest<TestConfiguration>);
 #include "tst_configuration.moc"

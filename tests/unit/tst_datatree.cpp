@@ -1,4 +1,6 @@
 // The simulator's data tree: paths, XML, edits, what an edit tells a subscription, and the tree files.
+#include "support/testprogram.h"
+
 #include "device/models.h"
 #include "faults/trapcatalogue.h"
 #include "simulator/datapath.h"
@@ -764,5 +766,5 @@ void TestDataTree::wrongTreeFiles()
     QVERIFY(isRefused(loadModel(folder.path() + QStringLiteral("/x"), QStringLiteral("1"), tree), "no tree files in"));
 }
 
-QTEST_GUILESS_MAIN(TestDataTree)
+const TestEntry entry("tst_datatree", runTest<TestDataTree>);
 #include "tst_datatree.moc"

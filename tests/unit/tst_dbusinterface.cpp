@@ -1,5 +1,6 @@
 // The link to the amplifier monitor, on a bus of the test's own with a monitor of the test's own.
 #include "support/talbench.h"
+#include "support/testprogram.h"
 
 #include "dbus/dbusinterface.h"
 
@@ -454,5 +455,5 @@ void TestDbusInterface::signalsAndSlotsInOrder()
                           qs("dbusDoLetPrecenseUpdateSlot(uint,uint,uint)")}));
 }
 
-QTEST_GUILESS_MAIN(TestDbusInterface)
+const TestEntry entry("tst_dbusinterface", runTest<TestDbusInterface>);
 #include "tst_dbusinterface.moc"

@@ -1,4 +1,6 @@
 // The watch over the agent library's descriptors: they come, go and come back under the same number.
+#include "support/testprogram.h"
+
 #include "app/descriptorwatch.h"
 
 #include <QSignalSpy>
@@ -201,5 +203,5 @@ void TestDescriptorWatch::manyChangesLeaveNothingBehind()
     QCOMPARE(warnings, QStringList());
 }
 
-QTEST_GUILESS_MAIN(TestDescriptorWatch)
+const TestEntry entry("tst_descriptorwatch", runTest<TestDescriptorWatch>);
 #include "tst_descriptorwatch.moc"

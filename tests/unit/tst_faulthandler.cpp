@@ -1,5 +1,6 @@
 // Which messages become traps, when, in which order and how often. The trap sender is the test's own.
 #include "support/messagelog.h"
+#include "support/testprogram.h"
 
 #include "agent/kvagent.h"
 #include "faults/faulthandler.h"
@@ -566,6 +567,6 @@ void TestFaultHandler::tenThousandRecordsStayQuick()
     QVERIFY2(timer.elapsed() < 20000, qPrintable(QString::number(timer.elapsed())));
 }
 
-QTEST_GUILESS_MAIN(TestFaultHandler)
+const TestEntry entry("tst_faulthandler", runTest<TestFaultHandler>);
 
 #include "tst_faulthandler.moc"

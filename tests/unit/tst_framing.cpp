@@ -1,4 +1,6 @@
 // Messages out of bytes in any chunking.
+#include "support/testprogram.h"
+
 #include "platform/xrcommon/framing/framing.h"
 
 #include <QByteArray>
@@ -191,5 +193,5 @@ void TestFraming::randomChunking()
     }
 }
 
-QTEST_GUILESS_MAIN(TestFraming)
+const TestEntry entry("tst_framing", runTest<TestFraming>);
 #include "tst_framing.moc"

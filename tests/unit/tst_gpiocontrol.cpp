@@ -1,5 +1,6 @@
 // The check cycle over a made-up GPIO tree, and what reaches the data-service client's records.
 #include "support/talbench.h"
+#include "support/testprogram.h"
 
 #include "gpio/gpiocontrol.h"
 
@@ -446,6 +447,6 @@ void TestGpioControl::readingNeverTouchesDirectionOrEdge()
     QCOMPARE(tree->read(qs("export")), QByteArray());
 }
 
-QTEST_GUILESS_MAIN(TestGpioControl)
+const TestEntry entry("tst_gpiocontrol", runTest<TestGpioControl>);
 
 #include "tst_gpiocontrol.moc"

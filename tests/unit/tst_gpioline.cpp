@@ -1,4 +1,6 @@
 // A GPIO line read from the kernel's sysfs layout.
+#include "support/testprogram.h"
+
 #include <xrcommon/Gpio.h>
 
 #include <QtTest>
@@ -498,5 +500,5 @@ void TestGpioLine::expanderLineExportedByItsOwnNumber()
     QCOMPARE(tree.takeExported(), QByteArray());
 }
 
-QTEST_GUILESS_MAIN(TestGpioLine)
+const TestEntry entry("tst_gpioline", runTest<TestGpioLine>);
 #include "tst_gpioline.moc"

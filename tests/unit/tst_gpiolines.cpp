@@ -1,4 +1,6 @@
 // The GPIO lines of each model, the step table, and what a value of a line stands for.
+#include "support/testprogram.h"
+
 #include "gpio/gpiolines.h"
 
 #include <QObject>
@@ -211,6 +213,6 @@ void TestGpioLines::relayStatusByValue()
     QTEST(orNothing(statusOf(value)), "status");
 }
 
-QTEST_GUILESS_MAIN(TestGpioLines)
+const TestEntry entry("tst_gpiolines", runTest<TestGpioLines>);
 
 #include "tst_gpiolines.moc"

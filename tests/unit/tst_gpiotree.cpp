@@ -1,4 +1,6 @@
 // The GPIO lines as the self-check looks at them: it reads, and exports nothing.
+#include "support/testprogram.h"
+
 #include "check/gpiotree.h"
 
 #include <QDir>
@@ -99,5 +101,5 @@ void TestGpioTree::noTree()
     QVERIFY(!lookAtGpioTree(m_folder->filePath(QStringLiteral("none")), 6211, false).exists);
 }
 
-QTEST_GUILESS_MAIN(TestGpioTree)
+const TestEntry entry("tst_gpiotree", runTest<TestGpioTree>);
 #include "tst_gpiotree.moc"

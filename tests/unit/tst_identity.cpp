@@ -1,4 +1,6 @@
 // The identity files: every reader with the contents that it may find.
+#include "support/testprogram.h"
+
 #include "app/identity.h"
 #include "device/models.h"
 
@@ -507,5 +509,5 @@ void TestIdentity::nothingIsStoredBeforeReading()
     QCOMPARE(textOf(device.infoData().modelType), QByteArray());
 }
 
-QTEST_GUILESS_MAIN(TestIdentity)
+const TestEntry entry("tst_identity", runTest<TestIdentity>);
 #include "tst_identity.moc"

@@ -1,5 +1,6 @@
 // The information scalars: served from a copy that is made once. Model 6410.
 #include "support/agentbench.h"
+#include "support/testprogram.h"
 
 #include "agent/modules.h"
 #include "device/boundedtext.h"
@@ -7,8 +8,6 @@
 #include <QtTest>
 
 namespace {
-const AgentSurroundings surroundings;
-
 void fill(InfoText &field, const char *value)
 {
     field.length = copyBounded(field.text, value);
@@ -123,5 +122,5 @@ void TestInfoScalars::setIsRefused()
     QCOMPARE(snmpSet(QStringLiteral("3.1.7.0")), lines({"error 17 at 1"}));
 }
 
-QTEST_GUILESS_MAIN(TestInfoScalars)
+const TestEntry entry("tst_infoscalars", runTest<TestInfoScalars>);
 #include "tst_infoscalars.moc"

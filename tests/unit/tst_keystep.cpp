@@ -1,5 +1,6 @@
 // The per-key discipline and what it is made of: decimal texts, words to codes, operations, paths with holes.
 #include "support/messagelog.h"
+#include "support/testprogram.h"
 
 #include "tal/keystep.h"
 
@@ -300,5 +301,5 @@ void TestKeyStep::rowsAreCheckedAgainstTheirRecord()
     QVERIFY(!doesNotFit);
 }
 
-QTEST_GUILESS_MAIN(TestKeyStep)
+const TestEntry entry("tst_keystep", runTest<TestKeyStep>);
 #include "tst_keystep.moc"

@@ -1,5 +1,6 @@
 // The start of the agent, its record and setters, its session to the master and its descriptors.
 #include "support/agentbench.h"
+#include "support/testprogram.h"
 
 #include "agent/modules.h"
 
@@ -11,8 +12,6 @@
 #include <fcntl.h>
 
 namespace {
-const AgentSurroundings surroundings;
-
 struct SessionLog {
     QList<bool> changes;
     static void note(void *context, bool open) { static_cast<SessionLog *>(context)->changes.append(open); }
@@ -565,5 +564,5 @@ void TestKvAgent::theDescriptorsAreTheLibrarysPipes()
     QCOMPARE(more, descriptors);
 }
 
-QTEST_GUILESS_MAIN(TestKvAgent)
+const TestEntry entry("tst_kvagent", runTest<TestKvAgent>);
 #include "tst_kvagent.moc"

@@ -4,6 +4,7 @@
 #include "support/agentbench.h"
 #include "support/childprocess.h"
 #include "support/kvsnmpbench.h"
+#include "support/testprogram.h"
 
 #include "device/boundedtext.h"
 #include "device/models.h"
@@ -22,8 +23,6 @@
 #include <sys/resource.h>
 
 namespace {
-
-const AgentSurroundings agentSurroundings;
 
 void addModels()
 {
@@ -429,5 +428,5 @@ void TestKvSnmp::finishTwiceStartsPollingOnce()
     QVERIFY(!bench.processTimer()->isActive());
 }
 
-QTEST_GUILESS_MAIN(TestKvSnmp)
+const TestEntry entry("tst_kvsnmp", runTest<TestKvSnmp>);
 #include "tst_kvsnmp.moc"

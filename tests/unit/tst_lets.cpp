@@ -1,5 +1,6 @@
 // The line end transponders (LETs): enable, presence and the status derived from them, texts, voltage.
 #include "support/talbench.h"
+#include "support/testprogram.h"
 
 #include <QVector>
 
@@ -639,5 +640,5 @@ void TestLets::letsAreWalkedInOrder()
                                              qs("stateLetVoltageUpdate Channel: 2 LET: 1 Voltage: 4000")}));
 }
 
-QTEST_GUILESS_MAIN(TestLets)
+const TestEntry entry("tst_lets", runTest<TestLets>);
 #include "tst_lets.moc"

@@ -1,5 +1,6 @@
 // The LET tables: two tables, one handler, and a refill that takes only what has changed. Model 6420.
 #include "support/agentbench.h"
+#include "support/testprogram.h"
 
 #include "agent/modules.h"
 #include "device/boundedtext.h"
@@ -7,8 +8,6 @@
 #include <QtTest>
 
 namespace {
-const AgentSurroundings surroundings;
-
 LetRecord record = {};
 } // namespace
 
@@ -182,5 +181,5 @@ void TestLetTables::theOtherFunctionsOnlyPrint()
     QCOMPARE(printed(letChannelTable_removeEntry), lines({"letChannelTable_removeEntry()"}));
 }
 
-QTEST_GUILESS_MAIN(TestLetTables)
+const TestEntry entry("tst_lettables", runTest<TestLetTables>);
 #include "tst_lettables.moc"

@@ -1,5 +1,6 @@
 // Lines, line inputs, microphones and Ethernet ports.
 #include "support/talbench.h"
+#include "support/testprogram.h"
 
 #include "device/models.h"
 
@@ -755,5 +756,5 @@ void TestLines::ethModels()
     }
 }
 
-QTEST_GUILESS_MAIN(TestLines)
+const TestEntry entry("tst_lines", runTest<TestLines>);
 #include "tst_lines.moc"

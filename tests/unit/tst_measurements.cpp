@@ -1,5 +1,6 @@
 // Voltages, temperatures, fans, class-D status with the channel status derived from it, live power sources.
 #include "support/talbench.h"
+#include "support/testprogram.h"
 
 #include "device/models.h"
 
@@ -889,5 +890,5 @@ void TestMeasurements::powerLiveIsIgnoredOnOtherModels()
     QCOMPARE(bench.log.lines(), QStringList());
 }
 
-QTEST_GUILESS_MAIN(TestMeasurements)
+const TestEntry entry("tst_measurements", runTest<TestMeasurements>);
 #include "tst_measurements.moc"

@@ -1,4 +1,6 @@
 // Known models, sets of them, and the station description check.
+#include "support/testprogram.h"
+
 #include "device/models.h"
 
 #include <QtTest>
@@ -101,5 +103,5 @@ void TestModels::stationDescriptionCheck()
     QCOMPARE(hasExpanders(text.isNull() ? nullptr : text.constData()), isStation);
 }
 
-QTEST_GUILESS_MAIN(TestModels)
+const TestEntry entry("tst_models", runTest<TestModels>);
 #include "tst_models.moc"

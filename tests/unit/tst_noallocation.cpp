@@ -6,6 +6,7 @@
 // functions make to it. It keeps a value of up to 40 bytes in the variable itself and allocates for a longer one.
 #include "support/agentbench.h"
 #include "support/allocationcount.h"
+#include "support/testprogram.h"
 
 #include "device/models.h"
 
@@ -77,8 +78,6 @@ int __wrap_netsnmp_call_next_handler(netsnmp_mib_handler *handler, netsnmp_handl
 // NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
-const AgentSurroundings surroundings;
-
 /// Runs one of our functions under the count.
 template <typename Function, typename... Arguments>
 auto counted(Function function, Arguments... arguments)
@@ -336,5 +335,5 @@ void TestNoAllocation::servingAllocatesNothing()
           numberOf("library", lines));
 }
 
-QTEST_GUILESS_MAIN(TestNoAllocation)
+const TestEntry entry("tst_noallocation", runTest<TestNoAllocation>);
 #include "tst_noallocation.moc"

@@ -2,6 +2,7 @@
 #include "app/options.h"
 
 #include "support/childprocess.h"
+#include "support/testprogram.h"
 
 #include <QtTest>
 
@@ -137,5 +138,5 @@ void TestOptions::acceptedButNotImplementedAborts()
     QCOMPARE(child.err, QByteArray());
 }
 
-QTEST_GUILESS_MAIN(TestOptions)
+const TestEntry entry("tst_options", runTest<TestOptions>);
 #include "tst_options.moc"

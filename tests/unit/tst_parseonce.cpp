@@ -2,6 +2,7 @@
 // front of the two functions that read a notification's XML: see "parse once" in CMakeLists.txt.
 #include "support/messagelog.h"
 #include "support/talpeer.h"
+#include "support/testprogram.h"
 
 #include "tal/talhandler.h"
 
@@ -130,5 +131,5 @@ void TestParseOnce::aMalformedNotificationIsNotParsed()
     QCOMPARE(textsChecked, 1); // once, although 13 keys were looked for
 }
 
-QTEST_GUILESS_MAIN(TestParseOnce)
+const TestEntry entry("tst_parseonce", runTest<TestParseOnce>);
 #include "tst_parseonce.moc"

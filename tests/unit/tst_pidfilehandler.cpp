@@ -2,6 +2,7 @@
 #include "app/pidfilehandler.h"
 
 #include "support/childprocess.h"
+#include "support/testprogram.h"
 
 #include <QFile>
 #include <QTemporaryDir>
@@ -386,5 +387,5 @@ void TestPidFileHandler::removesALinkAndNotItsTarget()
     QVERIFY(QFile::exists(target));
 }
 
-QTEST_GUILESS_MAIN(TestPidFileHandler)
+const TestEntry entry("tst_pidfilehandler", runTest<TestPidFileHandler>);
 #include "tst_pidfilehandler.moc"

@@ -1,4 +1,6 @@
 // Processes and pid files, from a folder in the shape of /proc.
+#include "support/testprogram.h"
+
 #include "check/processes.h"
 
 #include <QDir>
@@ -97,7 +99,7 @@ void TestProcesses::thisProcessIsFound()
 {
     const std::optional<Process> self = processOf(getpid());
     QVERIFY(self);
-    QCOMPARE(self->name, QByteArray("tst_processes"));
+    QCOMPARE(self->name, QCoreApplication::applicationName().toLocal8Bit());
     QVERIFY(qAbs(self->started.secsTo(QDateTime::currentDateTime())) < 100);
 }
 
@@ -129,5 +131,5 @@ void TestProcesses::pidFile()
     QVERIFY(!pidInFile(file("no-such-file")));
 }
 
-QTEST_GUILESS_MAIN(TestProcesses)
+const TestEntry entry("tst_processes", runTest<TestProcesses>);
 #include "tst_processes.moc"

@@ -1,4 +1,6 @@
 // The report of the self-check: causes, consequences, what is not looked at, and its two forms.
+#include "support/testprogram.h"
+
 #include "check/checks.h"
 #include "check/report.h"
 #include "check/subject.h"
@@ -159,5 +161,5 @@ void TestReport::idsAreUnique()
     QCOMPARE(static_cast<std::size_t>(ids.size()), checkList().size());
 }
 
-QTEST_GUILESS_MAIN(TestReport)
+const TestEntry entry("tst_report", runTest<TestReport>);
 #include "tst_report.moc"

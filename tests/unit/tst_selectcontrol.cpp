@@ -5,6 +5,7 @@
 #include "app/trace/trace.h"
 
 #include "support/agentbench.h"
+#include "support/testprogram.h"
 
 #include <QSignalSpy>
 #include <QtTest>
@@ -70,5 +71,5 @@ void TestSelectControl::runServesForEver()
              qPrintable(line));
 }
 
-QTEST_GUILESS_MAIN(TestSelectControl)
+const TestEntry entry("tst_selectcontrol", runTest<TestSelectControl>);
 #include "tst_selectcontrol.moc"

@@ -1,4 +1,6 @@
 // What the self-check says of the settings that a data service delivers, and of one that delivers nothing.
+#include "support/testprogram.h"
+
 #include "check/checks.h"
 #include "check/subject.h"
 
@@ -141,5 +143,5 @@ void TestServiceChecks::traps()
     QCOMPARE(checkTrapReceivers(subject).text, QStringLiteral("informsink 127.0.0.1"));
 }
 
-QTEST_GUILESS_MAIN(TestServiceChecks)
+const TestEntry entry("tst_servicechecks", runTest<TestServiceChecks>);
 #include "tst_servicechecks.moc"

@@ -1,4 +1,6 @@
 // snmpd.conf as the self-check reads it.
+#include "support/testprogram.h"
+
 #include "check/snmpdconffile.h"
 
 #include <QtTest>
@@ -202,5 +204,5 @@ void TestSnmpdConfFile::sectionsOfOtherPrograms()
     QCOMPARE(conf.accessRules()[1].community, QByteArray("block"));
 }
 
-QTEST_GUILESS_MAIN(TestSnmpdConfFile)
+const TestEntry entry("tst_snmpdconffile", runTest<TestSnmpdConfFile>);
 #include "tst_snmpdconffile.moc"

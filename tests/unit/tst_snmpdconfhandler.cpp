@@ -1,5 +1,6 @@
 // From the settings to the file: what is compared, when it is written, how the file comes to be.
 #include "support/snmpdbench.h"
+#include "support/testprogram.h"
 
 #include <QElapsedTimer>
 #include <QTest>
@@ -439,6 +440,6 @@ void TestSnmpdConfHandler::eachCutSettingIsLoggedOncePerWrite()
     QCOMPARE(bench.events, expected + expected);
 }
 
-QTEST_GUILESS_MAIN(TestSnmpdConfHandler)
+const TestEntry entry("tst_snmpdconfhandler", runTest<TestSnmpdConfHandler>);
 
 #include "tst_snmpdconfhandler.moc"

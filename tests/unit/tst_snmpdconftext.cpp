@@ -1,4 +1,6 @@
 // The text of snmpd.conf for each kind of settings.
+#include "support/testprogram.h"
+
 #include "snmpdconf/snmpdconftext.h"
 
 #include <QTest>
@@ -367,6 +369,6 @@ void TestSnmpdConfText::tenThousandRandomSettingsGiveExactlyTheirLines()
     QVERIFY(whole > 8000);
 }
 
-QTEST_GUILESS_MAIN(TestSnmpdConfText)
+const TestEntry entry("tst_snmpdconftext", runTest<TestSnmpdConfText>);
 
 #include "tst_snmpdconftext.moc"

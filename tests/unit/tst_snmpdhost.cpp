@@ -1,4 +1,6 @@
 // How commands are run for the snmpd supervision, with harmless ones.
+#include "support/testprogram.h"
+
 #include "snmpdconf/snmpdhost.h"
 
 #include <QElapsedTimer>
@@ -104,6 +106,6 @@ void TestSnmpdHost::outputOfACommandThatCannotStartIsEmpty()
     QCOMPARE(deviceHost().outputOf(missingCommand, 30000), QByteArray());
 }
 
-QTEST_GUILESS_MAIN(TestSnmpdHost)
+const TestEntry entry("tst_snmpdhost", runTest<TestSnmpdHost>);
 
 #include "tst_snmpdhost.moc"

@@ -1,6 +1,7 @@
 // Restarts of snmpd after changes of any spacing. The clock moves in steps, so each trial is the same on every machine,
 // and snmpd is a model of one: it takes a while to start and to end, and killall misses it while it starts.
 #include "support/snmpdbench.h"
+#include "support/testprogram.h"
 
 #include <QCoreApplication>
 #include <QtTest>
@@ -293,6 +294,6 @@ void TestSnmpdRestarts::snmpdWithoutPidFileIsWaitedForTwoSeconds()
     QCOMPARE(snmpd.stops(), 3);
 }
 
-QTEST_GUILESS_MAIN(TestSnmpdRestarts)
+const TestEntry entry("tst_snmpdrestarts", runTest<TestSnmpdRestarts>);
 
 #include "tst_snmpdrestarts.moc"

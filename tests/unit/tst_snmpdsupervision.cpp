@@ -1,5 +1,6 @@
 // Restarting snmpd, starting it cleanly, and the health probe. No command is run here: the bench writes them down.
 #include "support/snmpdbench.h"
+#include "support/testprogram.h"
 
 #include <QElapsedTimer>
 #include <QTest>
@@ -352,6 +353,6 @@ void TestSnmpdSupervision::probeRestartsThroughTheNormalPath()
     QCOMPARE(bench.events, expected);
 }
 
-QTEST_GUILESS_MAIN(TestSnmpdSupervision)
+const TestEntry entry("tst_snmpdsupervision", runTest<TestSnmpdSupervision>);
 
 #include "tst_snmpdsupervision.moc"

@@ -1,5 +1,6 @@
 // The SNMP settings: texts, version flags, custom configuration, addresses and the map of enabled traps.
 #include "support/talbench.h"
+#include "support/testprogram.h"
 
 #include <QMap>
 #include <QSignalSpy>
@@ -642,5 +643,5 @@ void TestSnmpSettings::namesOutsideTheMapAreIgnored()
     }
 }
 
-QTEST_GUILESS_MAIN(TestSnmpSettings)
+const TestEntry entry("tst_snmpsettings", runTest<TestSnmpSettings>);
 #include "tst_snmpsettings.moc"

@@ -2,6 +2,7 @@
 #include "app/standardstreams.h"
 
 #include "support/childprocess.h"
+#include "support/testprogram.h"
 
 #include <QDebug>
 #include <QFile>
@@ -262,5 +263,5 @@ void TestStandardStreams::errnoStaysAsItWas()
     QVERIFY(endedItself(status));
 }
 
-QTEST_GUILESS_MAIN(TestStandardStreams)
+const TestEntry entry("tst_standardstreams", runTest<TestStandardStreams>);
 #include "tst_standardstreams.moc"

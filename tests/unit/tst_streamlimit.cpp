@@ -1,4 +1,6 @@
 // Messages from and to the master that are too long: taken off the stream, refused, replaced.
+#include "support/testprogram.h"
+
 #include "agent/streamlimit.h"
 
 #include <QtEndian>
@@ -238,5 +240,5 @@ void TestStreamLimit::answersPassUnlessTheyAreTooLong()
     QCOMPARE(stream.last(), bytes.size()); // for the library it is sent
 }
 
-QTEST_GUILESS_MAIN(TestStreamLimit)
+const TestEntry entry("tst_streamlimit", runTest<TestStreamLimit>);
 #include "tst_streamlimit.moc"

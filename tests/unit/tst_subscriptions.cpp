@@ -2,6 +2,7 @@
 // tell.
 #include "support/messagelog.h"
 #include "support/talpeer.h"
+#include "support/testprogram.h"
 
 #include "device/models.h"
 #include "tal/talhandler.h"
@@ -347,5 +348,5 @@ void TestSubscriptions::subscribingDoesNotPublishTheVersion()
         QVERIFY2(request.contains("<subscribe>"), request.constData());
 }
 
-QTEST_GUILESS_MAIN(TestSubscriptions)
+const TestEntry entry("tst_subscriptions", runTest<TestSubscriptions>);
 #include "tst_subscriptions.moc"

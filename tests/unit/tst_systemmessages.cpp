@@ -1,5 +1,6 @@
 // System messages become fault reports.
 #include "support/talbench.h"
+#include "support/testprogram.h"
 
 #include <QSignalSpy>
 
@@ -245,5 +246,5 @@ void TestSystemMessages::otherOperationsAreIgnored()
     QCOMPARE(bench.log.lines(), QStringList());
 }
 
-QTEST_GUILESS_MAIN(TestSystemMessages)
+const TestEntry entry("tst_systemmessages", runTest<TestSystemMessages>);
 #include "tst_systemmessages.moc"

@@ -1,5 +1,6 @@
 // What every table and every scalar does alike, on a small table of its own.
 #include "support/agentbench.h"
+#include "support/testprogram.h"
 
 #include "agent/scalarcore.h"
 #include "agent/tablecore.h"
@@ -7,8 +8,6 @@
 #include <QtTest>
 
 namespace {
-const AgentSurroundings surroundings;
-
 constexpr Line goodSet[] = {{1, "one", 2}, {3, "three", 0}, {4, "four", 1}};
 constexpr Line fallingSet[] = {{2, "two", 0}, {1, "one", 1}};
 constexpr Line doubledSet[] = {{1, "one", 0}, {1, "again", 1}};
@@ -373,5 +372,5 @@ void TestTableCore::aScalarRefusesOtherModes()
     QCOMPARE(log.lines, QStringList{QStringLiteral("%1 unknown mode (0) in handle_bench").arg(LOG_ERR)});
 }
 
-QTEST_GUILESS_MAIN(TestTableCore)
+const TestEntry entry("tst_tablecore", runTest<TestTableCore>);
 #include "tst_tablecore.moc"

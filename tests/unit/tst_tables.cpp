@@ -1,5 +1,6 @@
 // Every table on every model: rows, columns, types, values, and the numbers of rows.
 #include "support/agentbench.h"
+#include "support/testprogram.h"
 
 #include "device/boundedtext.h"
 #include "device/tablerecords.h"
@@ -7,8 +8,6 @@
 #include <QtTest>
 
 namespace {
-const AgentSurroundings surroundings;
-
 const char *const compact = "Orvane Brisel Compact - IP-QRM-B";
 const char *const extended = "Orvane Brisel Extended - IP-QRM-B";
 const char *const ordinary = "Orvane Brisel Extended";
@@ -374,5 +373,5 @@ void TestTables::lettersOfADescriptionMatter()
              QStringList{QStringLiteral("3.9.1.0 INTEGER 6")});
 }
 
-QTEST_GUILESS_MAIN(TestTables)
+const TestEntry entry("tst_tables", runTest<TestTables>);
 #include "tst_tables.moc"

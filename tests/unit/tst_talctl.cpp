@@ -1,4 +1,6 @@
 // talctl and talservice as programs: words, replays, batches, help, exit codes.
+#include "support/testprogram.h"
+
 #include "simulator/commands.h"
 #include "simulator/replay.h"
 #include "simulator/words.h"
@@ -590,5 +592,5 @@ void TestTalctl::serviceTakesOverAfterAKill()
     QCOMPARE(service.talctl({"get", fanPath}).out, QString("1450\n"));
 }
 
-QTEST_GUILESS_MAIN(TestTalctl)
+const TestEntry entry("tst_talctl", runTest<TestTalctl>);
 #include "tst_talctl.moc"

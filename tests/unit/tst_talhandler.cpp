@@ -1,5 +1,6 @@
 // The class frame of the data-service client: construction, routing, the order of its signals and slots.
 #include "support/talbench.h"
+#include "support/testprogram.h"
 
 #include "app/trace/trace.h"
 #include "device/models.h"
@@ -372,5 +373,5 @@ void TestTalHandler::slotsInOrder()
                           qs("slotLetPrecenseUpdate(uint,uint,uint)"), qs("slotSetRelayStatus(uint,uint)")}));
 }
 
-QTEST_GUILESS_MAIN(TestTalHandler)
+const TestEntry entry("tst_talhandler", runTest<TestTalHandler>);
 #include "tst_talhandler.moc"

@@ -2,6 +2,7 @@
 #include <xrcommon/TalInterface.h>
 
 #include "support/talpeer.h"
+#include "support/testprogram.h"
 
 #include <QtTest>
 
@@ -817,5 +818,5 @@ void TestTalInterface::debugPrint()
     QCOMPARE(logged(QtDebugMsg).filter(u("<data><b>ä</b></data>")).size(), 1);
 }
 
-QTEST_GUILESS_MAIN(TestTalInterface)
+const TestEntry entry("tst_talinterface", runTest<TestTalInterface>);
 #include "tst_talinterface.moc"

@@ -1,4 +1,6 @@
 // The simulator's service: clients of the data service, the control socket, the amplifier monitor, the GPIO tree.
+#include "support/testprogram.h"
+
 #include "simulator/controlserver.h"
 #include "simulator/gpiotree.h"
 #include "simulator/monitor.h"
@@ -912,5 +914,5 @@ void TestTalService::platformLibraryIsServed()
     QCOMPARE(notified[1], "a delete " + rPath + " err");
 }
 
-QTEST_GUILESS_MAIN(TestTalService)
+const TestEntry entry("tst_talservice", runTest<TestTalService>);
 #include "tst_talservice.moc"

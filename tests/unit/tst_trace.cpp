@@ -2,6 +2,7 @@
 #include "app/trace/trace.h"
 
 #include "support/childprocess.h"
+#include "support/testprogram.h"
 
 #include <QRegularExpression>
 #include <QSignalSpy>
@@ -336,5 +337,5 @@ void TestTrace::inertSwitches()
     QVERIFY(!Trace::blockOnFullQueue);
 }
 
-QTEST_GUILESS_MAIN(TestTrace)
+const TestEntry entry("tst_trace", runTest<TestTrace>);
 #include "tst_trace.moc"

@@ -1,4 +1,6 @@
 // The twenty traps, line by line: number, arc, name and message identifiers.
+#include "support/testprogram.h"
+
 #include "faults/trapcatalogue.h"
 
 #include <QSet>
@@ -104,5 +106,5 @@ void TestTrapCatalogue::thirtyEightIdentifiersEachOfOneTrap()
     QCOMPARE(all.removeDuplicates(), 0);
 }
 
-QTEST_GUILESS_MAIN(TestTrapCatalogue)
+const TestEntry entry("tst_trapcatalogue", runTest<TestTrapCatalogue>);
 #include "tst_trapcatalogue.moc"

@@ -1,5 +1,6 @@
 // The trap sender: what it hands to the library, and when it refuses. The library's sending end is replaced here.
 #include "support/agentbench.h"
+#include "support/testprogram.h"
 
 #include "agent/modules.h"
 #include "faults/trapcatalogue.h"
@@ -18,8 +19,6 @@
 #include <unistd.h>
 
 namespace {
-const AgentSurroundings surroundings;
-
 QList<QStringList> sent; // the notifications, each as its variables
 bool hostNameFails = false;
 std::string hostName = "bench-host";
@@ -338,5 +337,5 @@ void TestTrapSender::aMasterThatDidNotEndIsToldOnceMore()
     setSessionCallback(nullptr, nullptr);
 }
 
-QTEST_GUILESS_MAIN(TestTrapSender)
+const TestEntry entry("tst_trapsender", runTest<TestTrapSender>);
 #include "tst_trapsender.moc"

@@ -1,14 +1,13 @@
 // The voltage table through the whole library: registration, requests, cache, refill. Model 6720, whose indices have
 // gaps.
 #include "support/agentbench.h"
+#include "support/testprogram.h"
 
 #include "agent/modules.h"
 
 #include <QtTest>
 
 namespace {
-const AgentSurroundings surroundings;
-
 const QString table = QStringLiteral("3.4.2");
 } // namespace
 
@@ -232,5 +231,5 @@ void TestVoltageTable::createAndRemoveOnlyPrint()
     QCOMPARE(snmpGet({QStringLiteral("3.4.1.0")}), lines({"3.4.1.0 INTEGER 8"}));
 }
 
-QTEST_GUILESS_MAIN(TestVoltageTable)
+const TestEntry entry("tst_voltagetable", runTest<TestVoltageTable>);
 #include "tst_voltagetable.moc"

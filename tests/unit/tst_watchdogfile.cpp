@@ -1,4 +1,6 @@
 // The watchdog file: written again and again, and made anew when something else stands at its path.
+#include "support/testprogram.h"
+
 #include "app/watchdogfile.h"
 
 #include <QFile>
@@ -183,5 +185,5 @@ void TestWatchdogFile::directoryIsLeftAlone()
     QCOMPARE(entries(), QStringList{QStringLiteral("kvsnmp.watchdogtest")});
 }
 
-QTEST_GUILESS_MAIN(TestWatchdogFile)
+const TestEntry entry("tst_watchdogfile", runTest<TestWatchdogFile>);
 #include "tst_watchdogfile.moc"

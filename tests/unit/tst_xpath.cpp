@@ -1,4 +1,6 @@
 // Texts found in a notification by XPath.
+#include "support/testprogram.h"
+
 #include <xrcommon/TalInterface.h>
 
 #include <QtTest>
@@ -412,5 +414,5 @@ void TestXPath::randomXml()
     QVERIFY(some > 100);
 }
 
-QTEST_GUILESS_MAIN(TestXPath)
+const TestEntry entry("tst_xpath", runTest<TestXPath>);
 #include "tst_xpath.moc"

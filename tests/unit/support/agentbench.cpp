@@ -2,6 +2,7 @@
 #include "support/agentbench.h"
 
 #include <QFile>
+#include <QTemporaryDir>
 
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +19,25 @@ __attribute__((weak)) void __gcov_dump(); // there in a coverage build only
 }
 
 namespace {
+/// A private folder in place of every path that the agent library reads or writes, before the library is first used.
+class AgentSurroundings {
+public:
+    AgentSurroundings()
+    {
+        QFile configuration(m_folder.filePath(QStringLiteral("kvagent.conf")));
+        if (configuration.open(QIODevice::WriteOnly))
+            configuration.write("agentXSocket unix:" + m_folder.filePath(QStringLiteral("master")).toLocal8Bit() +
+                                "\n");
+        qputenv("MIBS", "");
+        qputenv("SNMPCONFPATH", m_folder.path().toLocal8Bit());
+        qputenv("SNMP_PERSISTENT_DIR", m_folder.path().toLocal8Bit());
+    }
+
+private:
+    QTemporaryDir m_folder;
+};
+const AgentSurroundings surroundings;
+
 constexpr long agentXVersion1 = 0xC1; // in no public header
 constexpr oid enterprise[] = {1, 3, 6, 1, 4, 1, 52717};
 
@@ -114,16 +134,6 @@ QStringList ask(int command, const QStringList &objects, int repetitions = 0, bo
     return reply.arrived ? reply.lines : QStringList{QStringLiteral("no answer")};
 }
 } // namespace
-
-AgentSurroundings::AgentSurroundings()
-{
-    QFile configuration(m_folder.filePath(QStringLiteral("kvagent.conf")));
-    if (configuration.open(QIODevice::WriteOnly))
-        configuration.write("agentXSocket unix:" + m_folder.filePath(QStringLiteral("master")).toLocal8Bit() + "\n");
-    qputenv("MIBS", "");
-    qputenv("SNMPCONFPATH", m_folder.path().toLocal8Bit());
-    qputenv("SNMP_PERSISTENT_DIR", m_folder.path().toLocal8Bit());
-}
 
 StandardOutput::StandardOutput() : m_file(memfd_create("stdout", 0))
 {

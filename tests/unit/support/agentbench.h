@@ -1,5 +1,5 @@
 // The agent on the bench: started in this process or in one of its own, asked over the library's internal transport. No
-// master, no socket outside, no file outside a temporary folder.
+// master; a temporary folder stands for every path that the library reads or writes, its master's socket included.
 #pragma once
 
 #include "agent/kvagent.h"
@@ -8,20 +8,9 @@
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
-#include <QTemporaryDir>
 
 #include <functional>
 #include <initializer_list>
-
-/// A private folder in place of every path that the agent library reads or writes, its master's socket included. To
-/// live as long as the test program; stands before the first use of the library.
-class AgentSurroundings {
-public:
-    AgentSurroundings();
-
-private:
-    QTemporaryDir m_folder;
-};
 
 /// Takes standard output while it lives.
 class StandardOutput {
