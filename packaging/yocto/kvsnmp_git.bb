@@ -19,7 +19,7 @@ EXTERNALSRC_BUILD = "${WORKDIR}/build"
 # lib/libxrcommon.so below /usr:
 #   DEPENDS += "xrcommon"
 #   EXTRA_OECMAKE += "-DKVSNMP_XRCOMMON_ROOT=${STAGING_DIR_HOST}${prefix}"
-EXTRA_OECMAKE = "-DKVSNMP_TESTS=OFF"
+EXTRA_OECMAKE = "-DBUILD_TESTING=OFF"
 
 do_install:append() {
     install -D -m 0644 ${S}/packaging/systemd/kvsnmp.service ${D}${systemd_system_unitdir}/kvsnmp.service

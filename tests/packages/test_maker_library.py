@@ -21,7 +21,7 @@ def cmake(*arguments: object, check: bool = True) -> subprocess.CompletedProcess
 
 def configure(folder: Path, *options: str, check: bool = True) -> subprocess.CompletedProcess[str]:
     """Without optimization: the programs are linked, not run."""
-    return cmake("-G", "Ninja", "-S", CHECKOUT, "-B", folder, "-DCMAKE_BUILD_TYPE=", "-DKVSNMP_TESTS=OFF", *options, check=check)
+    return cmake("-G", "Ninja", "-S", CHECKOUT, "-B", folder, "-DCMAKE_BUILD_TYPE=", "-DBUILD_TESTING=OFF", *options, check=check)
 
 
 @pytest.fixture(scope="module")

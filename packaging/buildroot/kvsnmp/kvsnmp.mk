@@ -21,7 +21,7 @@ KVSNMP_DEPENDENCIES = host-pkgconf dbus netsnmp pugixml qt5base
 # The maker's library instead of the stand-in, from a package of its own:
 #   KVSNMP_DEPENDENCIES += xrcommon
 #   KVSNMP_CONF_OPTS += -DKVSNMP_XRCOMMON_ROOT=$(STAGING_DIR)/usr
-KVSNMP_CONF_OPTS = -DKVSNMP_TESTS=OFF
+KVSNMP_CONF_OPTS = -DBUILD_TESTING=OFF
 
 # The simulator and what monitoring systems load are not for a device.
 define KVSNMP_REMOVE_OTHERS
