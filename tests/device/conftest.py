@@ -1,6 +1,7 @@
 """Fixtures of the device tests, and the devices' logs in the report of a test that failed."""
 from __future__ import annotations
 
+import os
 import sys
 from collections.abc import Callable, Iterator
 from pathlib import Path
@@ -28,6 +29,10 @@ def _factory() -> Iterator[StartDevice]:
 
     yield start
     complaints = []
+    if os.environ.get("KVSNMP_KEEP") and mine:
+        print("\nkept until scripts/device stop:", *(f"{device.name} ({device.root})" for device in mine))
+        for device in mine:
+            device.wait_stopped()
     for device in mine:
         try:
             complaints += device.stop()

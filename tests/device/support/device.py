@@ -236,6 +236,10 @@ class Device:
 
     # The end
 
+    def wait_stopped(self) -> None:
+        """Until somebody else has ended the device."""
+        self._script.wait()
+
     def end_kvsnmp(self) -> None:
         """SIGTERM to every kvsnmp, and its end."""
         for pid in self.pids("kvsnmp") + self.pids("memcheck-amd64-"):
