@@ -4,6 +4,7 @@
 #include "agent/modules.h"
 #include "agent/netsnmp.h"
 #include "agent/streamlimit.h"
+#include "agent/trapgate.h"
 #include "device/boundedtext.h"
 #include "device/models.h"
 
@@ -40,15 +41,6 @@ constexpr LibrarySetting librarySettings[] = {
 // clang-format on
 
 KvAgent record = {};
-SessionCallback sessionCallback = nullptr;
-void *sessionCallbackContext = nullptr;
-
-void sessionChanged(bool open, int socket)
-{
-    setTrapSession(open, socket);
-    if (sessionCallback != nullptr)
-        sessionCallback(sessionCallbackContext, open);
-}
 
 int sessionStarted(int, int, void *argument, void *)
 {
@@ -58,13 +50,13 @@ int sessionStarted(int, int, void *argument, void *)
     netsnmp_transport *transport = listed != nullptr ? snmp_sess_transport(listed) : nullptr;
     if (transport != nullptr)
         limitStream(*transport);
-    sessionChanged(true, transport != nullptr ? transport->sock : -1);
+    trapGate().openSession(transport != nullptr ? transport->sock : -1);
     return 0;
 }
 
 int sessionStopped(int, int, void *, void *)
 {
-    sessionChanged(false, -1);
+    trapGate().closeSession();
     return 0;
 }
 
@@ -111,8 +103,9 @@ void kaAgentStart(std::uint32_t modelNumber, std::uint8_t ampType, const char *m
 
 int kaCheckAndProcess()
 {
-    startTrapPass();
-    return agent_check_and_process(0);
+    const int result = agent_check_and_process(0);
+    trapGate().endPass();
+    return result;
 }
 
 void kaDescriptors(std::vector<int> &descriptors)
@@ -136,17 +129,9 @@ void kaDescriptors(std::vector<int> &descriptors)
     }
 }
 
-void setSessionCallback(SessionCallback callback, void *context)
-{
-    sessionCallback = callback;
-    sessionCallbackContext = context;
-}
-
 void setMasterEnding(bool ending)
 {
-    const bool wasHeld = holdTraps(ending);
-    if (wasHeld && trapGate() != TrapGate::noSession && sessionCallback != nullptr)
-        sessionCallback(sessionCallbackContext, true);
+    trapGate().setMasterEnding(ending);
 }
 
 void setSystemName(std::string_view latin1)

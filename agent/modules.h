@@ -91,9 +91,3 @@ NetsnmpCacheFree relayTable_free;
 
 // E.2: the trap sender
 int sendTrap(std::uint32_t trapNumber, const char *description, std::int32_t level, const char *time);
-/// A session to the master opened, over this socket (-1: unknown), or closed.
-void setTrapSession(bool open, int socket);
-/// True: the gate is closed as without a session, until the session changes. Returns what it was.
-bool holdTraps(bool hold);
-/// The library runs a pass: traps may be handed over again.
-void startTrapPass();

@@ -2,6 +2,7 @@
 #include "agent/enterprise.h"
 #include "agent/kvagent.h"
 #include "agent/modules.h"
+#include "agent/trapgate.h"
 #include "device/boundedtext.h"
 #include "faults/trapcatalogue.h"
 
@@ -11,9 +12,7 @@
 #include <ctime>
 #include <span>
 #include <string_view>
-#include <utility>
 
-#include <poll.h>
 #include <unistd.h>
 
 namespace {
@@ -26,20 +25,6 @@ constexpr auto descriptionOid = enterpriseOid(2, 4, 5, 0);
 
 constexpr std::string_view productText = "Orvane IPKiosk";
 constexpr std::string_view unknownHost = "not configured";
-
-bool sessionOpen = false;
-int sessionSocket = -1;
-bool held = false;
-std::size_t sentSincePass = 0; // trapsPerPass: no more before the next pass
-
-/// False while the master has not taken most of what was sent to it. Writing on would block us, and the master too as
-/// soon as its answers, which only a pass reads, have filled the other direction. False also when it has closed the
-/// connection, which the library notices in its next pass: until then it would write into the void.
-bool masterKeepsUp()
-{
-    pollfd socket = {sessionSocket, POLLOUT, 0};
-    return sessionSocket < 0 || (poll(&socket, 1, 0) != 0 && (socket.revents & (POLLHUP | POLLERR)) == 0);
-}
 
 /// The variables of one notification.
 class VarList {
@@ -83,9 +68,7 @@ int sendTrap(std::uint32_t trapNumber, const char *description, std::int32_t lev
 {
     if (time == nullptr || description == nullptr || trapNumber < 1 || trapNumber > std::size(trapCatalogue))
         return -1;
-    if (trapGate() == TrapGate::open && !masterKeepsUp())
-        sentSincePass = trapsPerPass;
-    if (trapGate() != TrapGate::open)
+    if (!trapGate().admit())
         return -1;
 
     const auto notification = enterpriseOid(2, 8, trapCatalogue[trapNumber - 1].arc);
@@ -108,30 +91,5 @@ int sendTrap(std::uint32_t trapNumber, const char *description, std::int32_t lev
     variables.add(timeOid, timeText);
     variables.add(descriptionOid, description);
     send_v2trap(variables.first());
-    ++sentSincePass;
     return 0;
-}
-
-TrapGate trapGate()
-{
-    if (!sessionOpen || held)
-        return TrapGate::noSession;
-    return sentSincePass < trapsPerPass ? TrapGate::open : TrapGate::passFull;
-}
-
-void setTrapSession(bool open, int socket)
-{
-    sessionOpen = open;
-    sessionSocket = socket;
-    held = false;
-}
-
-bool holdTraps(bool hold)
-{
-    return std::exchange(held, hold);
-}
-
-void startTrapPass()
-{
-    sentSincePass = 0;
 }

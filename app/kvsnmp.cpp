@@ -53,7 +53,6 @@ KvSnmp::KvSnmp(QCoreApplication *app, const Surroundings &surroundings)
 
 KvSnmp::~KvSnmp()
 {
-    setSessionCallback(nullptr, nullptr);
     delete m_talHandler;
     delete m_talInterface;
     delete m_snmpdConfHandler;
@@ -172,7 +171,6 @@ void KvSnmp::dbgTimeout()
 void KvSnmp::slotSnmpdConfFinish()
 {
     if (kvAgent == nullptr) {
-        setSessionCallback(agentSessionChanged, this);
         kaAgentStart(m_identity.modelNumber(), static_cast<std::uint8_t>(m_identity.ampTypeCode()),
                      m_identity.infoData().modelType.text);
     }
@@ -213,21 +211,8 @@ void KvSnmp::handSystemNameToAgent() const
     setSystemName({name.constData(), static_cast<std::size_t>(name.size())});
 }
 
-void KvSnmp::agentSessionChanged(void *kvSnmp, bool open)
-{
-    if (open)
-        static_cast<KvSnmp *>(kvSnmp)->queueWaitingTraps();
-}
-
-void KvSnmp::queueWaitingTraps()
-{
-    // Queued: this may be called from inside the agent library, or before the agent has all its data.
-    QMetaObject::invokeMethod(m_faultHandler, "reportTraps", Qt::QueuedConnection);
-}
-
 void KvSnmp::processSnmpTimeout()
 {
-    const bool trapsWaitForThisPass = trapGate() == TrapGate::passFull;
     if (kaCheckAndProcess() > 0) {
         idlePasses = 0;
         m_processTimer.setInterval(busyPollMs);
@@ -238,8 +223,6 @@ void KvSnmp::processSnmpTimeout()
             m_processTimer.setInterval(idlePollMs);
     }
     watchAgent();
-    if (trapsWaitForThisPass)
-        queueWaitingTraps();
 }
 
 void KvSnmp::serveReadable()

@@ -65,8 +65,6 @@ private:
     void startWatchdog();
     void handRecordsToAgent();
     void handSystemNameToAgent() const;
-    static void agentSessionChanged(void *kvSnmp, bool open);
-    void queueWaitingTraps();
     void serveReadable();
     void watchAgent();
 

@@ -2,6 +2,7 @@
 #include "faults/faulthandler.h"
 
 #include "agent/kvagent.h"
+#include "agent/trapgate.h"
 #include "faults/trapcatalogue.h"
 
 #include <QDebug>
@@ -50,47 +51,62 @@ std::int32_t severityOf(const QString &level)
     return otherSeverity;
 }
 
-FaultHandler::FaultHandler(QObject *parent) : FaultHandler(parent, trapGate) {}
+FaultHandler::FaultHandler(QObject *parent) : FaultHandler(parent, trapGate()) {}
 
-FaultHandler::FaultHandler(QObject *parent, std::function<TrapGate()> gate) : QObject(parent), m_gate(std::move(gate))
-{}
+FaultHandler::FaultHandler(QObject *parent, TrapGate &gate) : QObject(parent), m_gate(gate)
+{
+    // Queued: the gate may open inside the agent library, or before the agent has all its data.
+    m_gate.setOpened([this] { QMetaObject::invokeMethod(this, "reportTraps", Qt::QueuedConnection); });
+}
 
-FaultHandler::~FaultHandler() = default;
+FaultHandler::~FaultHandler()
+{
+    m_gate.setOpened(nullptr);
+}
 
 void FaultHandler::onReportFault(QString reporter, QString repRef, QString msgData, QString infoText, QString timeStamp,
                                  QString level, bool active)
 {
-    const FaultKey key{reporter, repRef};
-    const auto known = m_arrivals.find(key);
     if (active) {
-        qDebug().noquote() << "FaultHandler"
-                           << "onReportFault" << QStringLiteral("New Fault: [%1] [%2] ").arg(reporter, repRef);
-        if (known == m_arrivals.end()) {
-            const Arrival arrival = m_nextArrival++;
-            const Trap *const trap = trapOf(msgData);
-            const auto added = m_faults.emplace_hint(m_faults.end(), arrival,
-                                                     FaultRecord{std::move(reporter), std::move(repRef),
-                                                                 std::move(msgData), std::move(infoText),
-                                                                 std::move(timeStamp), std::move(level), false, trap});
-            m_arrivals.insert(key, arrival);
-            if (isDue(added->second))
-                m_due.insert(arrival);
-        }
+        const Trap *const trap = trapOf(msgData);
+        add({std::move(reporter), std::move(repRef), std::move(msgData), std::move(infoText), std::move(timeStamp),
+             std::move(level), trap});
     } else {
-        qDebug().noquote() << "FaultHandler"
-                           << "onReportFault" << QStringLiteral("Remove Fault: [%1] [%2]").arg(reporter, repRef);
-        if (known != m_arrivals.end()) {
-            const Arrival arrival = *known;
-            m_arrivals.erase(known);
-            FaultRecord &fault = m_faults.at(arrival);
-            // A sender that takes a moment, as in a burst, is no reason to keep a short fault from the operator.
-            if (isDue(fault) && m_runCut && m_gate() != TrapGate::noSession)
-                fault.ended = true;
-            else
-                remove(arrival);
-        }
+        end({reporter, repRef});
     }
     reportTraps();
+}
+
+void FaultHandler::add(FaultRecord fault)
+{
+    qDebug().noquote() << "FaultHandler"
+                       << "onReportFault" << QStringLiteral("New Fault: [%1] [%2] ").arg(fault.reporter, fault.repRef);
+    const FaultKey key{fault.reporter, fault.repRef};
+    if (m_arrivals.contains(key))
+        return;
+    const Arrival arrival = m_nextArrival++;
+    m_arrivals.insert(key, arrival);
+    if (isDue(fault))
+        m_due.insert(arrival);
+    m_faults.emplace_hint(m_faults.end(), arrival, std::move(fault));
+}
+
+void FaultHandler::end(const FaultKey &key)
+{
+    qDebug().noquote() << "FaultHandler"
+                       << "onReportFault" << QStringLiteral("Remove Fault: [%1] [%2]").arg(key.first, key.second);
+    const auto known = m_arrivals.find(key);
+    if (known == m_arrivals.end())
+        return;
+    const Arrival arrival = *known;
+    m_arrivals.erase(known);
+    forgetEndedAfterLoss();
+    FaultRecord &fault = m_faults.at(arrival);
+    // Without the limits of the sender it would have been sent when it was raised.
+    if (isDue(fault) && m_senderBusy)
+        fault.ended = true;
+    else
+        remove(arrival);
 }
 
 void FaultHandler::onUpdateEnabledSnmpTraps(QMap<QString, bool> &enabledSnmpTraps)
@@ -124,11 +140,28 @@ void FaultHandler::remove(Arrival arrival)
     m_faults.erase(arrival);
 }
 
+/// An ended fault waits for a busy sender only: when the way is lost, how long it would wait is not known, and a
+/// manager must not learn minutes later of a fault that is over.
+void FaultHandler::forgetEndedAfterLoss()
+{
+    const std::uint64_t losses = m_gate.losses();
+    if (losses == m_losses)
+        return;
+    m_losses = losses;
+    m_senderBusy = false;
+    for (auto due = m_due.begin(); due != m_due.end();) {
+        const Arrival arrival = *due++;
+        if (m_faults.at(arrival).ended)
+            remove(arrival);
+    }
+}
+
 void FaultHandler::reportTraps()
 {
+    forgetEndedAfterLoss();
     if (kvAgent == nullptr || kvAgent->sendTrap == nullptr)
         return;
-    m_runCut = false;
+    m_senderBusy = false;
     for (auto due = m_due.begin(); due != m_due.end();) {
         const Arrival arrival = *due;
         FaultRecord &fault = m_faults.at(arrival);
@@ -140,9 +173,10 @@ void FaultHandler::reportTraps()
                            << (fault.sent ? QStringLiteral("Trap fault ID: %1 description: %2 ->Send SUCCESS")
                                           : QStringLiteral("Trap fault ID: %1 description: %2 ->Send FAILED"))
                                   .arg(QString::number(fault.trap->number), fault.infoText);
-        m_runCut = !fault.sent && m_gate() != TrapGate::open;
-        if (m_runCut)
-            return; // the rest waits for the sender, without a line for each
+        if (!fault.sent && m_gate.state() != TrapGate::State::Open) {
+            m_senderBusy = isBusy(m_gate.state());
+            return; // the rest waits for the gate, without a line for each
+        }
         ++due;
         if (fault.ended)
             remove(arrival);

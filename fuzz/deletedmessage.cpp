@@ -4,6 +4,7 @@
 #include "support.h"
 
 #include "agent/kvagent.h"
+#include "agent/trapgate.h"
 #include "faults/faulthandler.h"
 #include "faults/trapcatalogue.h"
 #include "tal/talhandler.h"
@@ -30,8 +31,9 @@ int takeTrap(std::uint32_t, const char *, std::int32_t, const char *)
 /// A fault handler with all traps enabled behind a data-service handler, and what was reported last.
 class Bench {
 public:
-    Bench() : m_handler(nullptr, 6420, "Orvane Brisel Extended"), m_faults(nullptr, [] { return TrapGate::open; })
+    Bench() : m_handler(nullptr, 6420, "Orvane Brisel Extended"), m_faults(nullptr, m_gate)
     {
+        m_gate.openSession(-1);
         QMap<QString, bool> enabled;
         for (const Trap &trap : trapCatalogue)
             enabled.insert(textOf(trap.name), true);
@@ -56,6 +58,7 @@ public:
 
 private:
     TalHandler m_handler;
+    TrapGate m_gate;
     FaultHandler m_faults;
     Report m_report;
     bool m_reported = false;

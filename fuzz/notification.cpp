@@ -5,6 +5,7 @@
 #include "support.h"
 
 #include "agent/kvagent.h"
+#include "agent/trapgate.h"
 #include "device/models.h"
 #include "faults/faulthandler.h"
 #include "tal/talhandler.h"
@@ -116,9 +117,9 @@ int takeTrap(std::uint32_t number, const char *description, std::int32_t level, 
 /// The roads behind the handler, as the application connects them.
 class Roads {
 public:
-    Roads(uint model, const char *description)
-        : handler(nullptr, model, description), m_faults(nullptr, [] { return TrapGate::open; })
+    Roads(uint model, const char *description) : handler(nullptr, model, description), m_faults(nullptr, m_gate)
     {
+        m_gate.openSession(-1);
         QObject::connect(&handler, &TalHandler::signalReportFault, &m_faults, &FaultHandler::onReportFault);
         QObject::connect(&handler, &TalHandler::signalUpdateEnabledSnmpTraps, &m_faults,
                          &FaultHandler::onUpdateEnabledSnmpTraps);
@@ -147,6 +148,7 @@ private:
         checkConf(m_settings);
     }
 
+    TrapGate m_gate;
     FaultHandler m_faults;
     SnmpdConfSettings m_settings;
 };

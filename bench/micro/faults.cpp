@@ -1,6 +1,7 @@
 // The fault list: what one message costs beside 1, 100 and 10,000 others, and how fast waiting faults are handed over.
 // The trap sender is one that takes or refuses at once.
 #include "agent/kvagent.h"
+#include "agent/trapgate.h"
 #include "faults/faulthandler.h"
 #include "faults/trapcatalogue.h"
 
@@ -20,11 +21,17 @@ int refuseTrap(std::uint32_t, const char *, std::int32_t, const char *)
     return -1;
 }
 
+TrapGate gate;
+
 void setSender(SendTrap sender)
 {
     static KvAgent agent{};
     agent.sendTrap = sender;
     kvAgent = &agent;
+    if (sender == refuseTrap)
+        gate.closeSession();
+    else
+        gate.openSession(-1);
 }
 
 QMap<QString, bool> allTraps()
@@ -45,8 +52,7 @@ void report(FaultHandler &faults, int number, bool active)
 /// A list of `count` faults; with the sender refusing they wait.
 std::unique_ptr<FaultHandler> listOf(benchmark::IterationCount count)
 {
-    auto faults = std::make_unique<FaultHandler>(
-        nullptr, [] { return kvAgent->sendTrap == refuseTrap ? TrapGate::noSession : TrapGate::open; });
+    auto faults = std::make_unique<FaultHandler>(nullptr, gate);
     QMap<QString, bool> enabled = allTraps();
     faults->onUpdateEnabledSnmpTraps(enabled);
     for (int number = 0; number < count; ++number)

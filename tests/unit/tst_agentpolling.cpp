@@ -3,6 +3,7 @@
 #include "support/kvsnmpbench.h"
 #include "support/testprogram.h"
 
+#include "agent/trapgate.h"
 #include "app/descriptorwatch.h"
 
 #include <QRegularExpression>

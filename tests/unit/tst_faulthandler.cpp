@@ -3,6 +3,7 @@
 #include "support/testprogram.h"
 
 #include "agent/kvagent.h"
+#include "agent/trapgate.h"
 #include "faults/faulthandler.h"
 #include "faults/trapcatalogue.h"
 
@@ -99,10 +100,20 @@ private:
     {
         handler->onReportFault(qs(reporter), qs(ref), {}, {}, {}, {}, false);
     }
+    /// The sender as the agent has it.
+    std::function<int(const QString &)> throughTheGate() const
+    {
+        return [this](const QString &) { return gate->admit() ? 0 : -1; };
+    }
+    void fillThePass()
+    {
+        while (gate->admit()) {
+        }
+    }
     void enable(QMap<QString, bool> map) { handler->onUpdateEnabledSnmpTraps(map); }
 
     KvAgent agent{};
-    TrapGate gate = TrapGate::open;
+    QScopedPointer<TrapGate> gate;
     QScopedPointer<MessageLog> log;
     QScopedPointer<FaultHandler> handler;
 };
@@ -111,12 +122,13 @@ void TestFaultHandler::init()
 {
     sent.clear();
     answer = nullptr;
-    gate = TrapGate::open;
+    gate.reset(new TrapGate);
+    gate->openSession(-1);
     agent = {};
     agent.sendTrap = fakeSendTrap;
     kvAgent = &agent;
     log.reset(new MessageLog);
-    handler.reset(new FaultHandler(nullptr, [this] { return gate; }));
+    handler.reset(new FaultHandler(nullptr, *gate));
 }
 
 void TestFaultHandler::cleanup()
@@ -365,7 +377,7 @@ void TestFaultHandler::runEndsAtTheFirstRefusalWhileTheSenderIsBlocked()
     for (const char *ref : {"1", "2", "3"})
         raise("amp", ref, "let_fail", ref);
     log->takeLines();
-    gate = TrapGate::noSession;
+    gate->closeSession();
     answer = [](const QString &) { return -1; };
     enable(traps({"LET Fault"}));
     QCOMPARE(sent, QStringList{qs("5|1|2|0")});
@@ -382,19 +394,15 @@ void TestFaultHandler::blockedSenderGetsTheRestAtTheNextRun()
 {
     for (int i = 0; i < 450; ++i)
         raise("amp", QByteArray::number(i).constData(), "let_fail", QByteArray::number(i).constData());
-    int budget = 200; // as the agent has it for one pass
-    answer = [&](const QString &) {
-        gate = budget == 0 ? TrapGate::passFull : TrapGate::open;
-        return gate == TrapGate::open ? (--budget, 0) : -1;
-    };
+    answer = throughTheGate();
     enable(traps({"LET Fault"}));
     QCOMPARE(sent.size(), 201);
     for (int pass = 0; pass < 2; ++pass) {
-        budget = 200;
+        gate->endPass();
         handler->reportTraps();
     }
     QCOMPARE(sent.size(), 201 + 201 + 50);
-    budget = 200;
+    gate->endPass();
     handler->reportTraps();
     QCOMPARE(sent.size(), 452);
     sent.removeDuplicates(); // the two refused ones came again
@@ -405,15 +413,15 @@ void TestFaultHandler::blockedSenderGetsTheRestAtTheNextRun()
 void TestFaultHandler::aFaultThatEndsWhileTheSenderIsBusyIsStillSent()
 {
     enable(traps({"LET Fault", "Fuse Broken"}));
-    gate = TrapGate::passFull;
-    answer = [this](const QString &) { return gate == TrapGate::open ? 0 : -1; };
+    fillThePass();
+    answer = throughTheGate();
     raise("amp", "1", "let_fail", "short");
     raise("amp", "2", "let_fail", "long");
     clear("amp", "1");
     raise("amp", "1", "fuse_broken", "a fault of its own");
     clear("amp", "1");
     sent.clear();
-    gate = TrapGate::open; // a pass was made; the run that follows it comes after the next message
+    gate->endPass(); // the run that follows it comes after the next message
     clear("amp", "2");
     const QStringList expected = {qs("5|short|2|0"), qs("5|long|2|0"), qs("9|a fault of its own|2|0")};
     QCOMPARE(sent, expected);
@@ -424,13 +432,13 @@ void TestFaultHandler::aFaultThatEndsWhileTheSenderIsBusyIsStillSent()
 void TestFaultHandler::anEndedFaultThatStillWaitsOutlivesAChangeOfOtherTraps()
 {
     enable(traps({"LET Fault"}));
-    gate = TrapGate::passFull;
-    answer = [this](const QString &) { return gate == TrapGate::open ? 0 : -1; };
+    fillThePass();
+    answer = throughTheGate();
     raise("amp", "1", "let_fail", "short");
     clear("amp", "1");
     enable(traps({"LET Fault", "Fuse Broken"}));
     sent.clear();
-    gate = TrapGate::open;
+    gate->endPass();
     handler->reportTraps();
     handler->reportTraps();
     QCOMPARE(sent, QStringList{qs("5|short|2|0")});
@@ -439,14 +447,13 @@ void TestFaultHandler::anEndedFaultThatStillWaitsOutlivesAChangeOfOtherTraps()
 void TestFaultHandler::aFaultThatEndsWithoutASessionIsNeverSent()
 {
     enable(traps({"LET Fault"}));
-    gate = TrapGate::noSession;
-    answer = [](const QString &) { return -1; };
+    gate->closeSession();
+    answer = throughTheGate();
     raise("amp", "1", "let_fail", "1");
     raise("amp", "2", "let_fail", "2");
     clear("amp", "1");
     sent.clear();
-    answer = nullptr;
-    gate = TrapGate::open;
+    gate->openSession(-1);
     handler->reportTraps();
     QCOMPARE(sent, QStringList{qs("5|2|2|0")});
 }
@@ -465,14 +472,13 @@ void TestFaultHandler::aFaultThatEndsAfterAnOrdinaryRefusalIsNeverSent()
 void TestFaultHandler::anEndedFaultIsForgottenWhenItsTrapIsDisabled()
 {
     enable(traps({"LET Fault"}));
-    gate = TrapGate::passFull;
-    answer = [](const QString &) { return -1; };
+    fillThePass();
+    answer = throughTheGate();
     raise("amp", "1");
     clear("amp", "1");
     enable(traps({}, {"LET Fault"}));
     sent.clear();
-    gate = TrapGate::open;
-    answer = nullptr;
+    gate->endPass();
     enable(traps({"LET Fault"}));
     QCOMPARE(sent, QStringList());
 }

@@ -3,6 +3,7 @@
 #include "support/testprogram.h"
 
 #include "agent/modules.h"
+#include "agent/trapgate.h"
 
 #include <QtTest>
 
@@ -12,11 +13,6 @@
 #include <fcntl.h>
 
 namespace {
-struct SessionLog {
-    QList<bool> changes;
-    static void note(void *context, bool open) { static_cast<SessionLog *>(context)->changes.append(open); }
-};
-
 // What stands between the two library calls of the start, on model 6420.
 const QStringList moduleLines = lines({
     "init_voltageTable() 6420 ",
@@ -64,7 +60,7 @@ private Q_SLOTS:
     void theSystemNameIsCutAndTerminated();
     void descriptorsBeyondTheSelectLimitAreNamed();
     // Up to here this process itself has started no agent; from here it has.
-    void sessionChangesAreTold();
+    void sessionsOpenAndCloseTheGate();
     void theDescriptorsAreTheLibrarysPipes();
 };
 
@@ -82,7 +78,7 @@ void TestKvAgent::beforeTheStartNothingHappens()
     std::vector<int> descriptors{1, 2, 3};
     kaDescriptors(descriptors);
     QVERIFY(descriptors.empty());
-    QCOMPARE(trapGate(), TrapGate::noSession);
+    QCOMPARE(trapGate().state(), TrapGate::State::NoSession);
     QCOMPARE(printed(initInfoScalars), lines({"copyInfoData()  kvAgent->infoData == NULL, cannot continue !"}));
 }
 
@@ -162,7 +158,7 @@ void TestKvAgent::anUnknownModelSendsTrapsAllTheSame()
             StandardOutput progress;
             kaAgentStart(6412, 1, "");
         }
-        setTrapSession(true, -1);
+        trapGate().openSession(-1);
         std::printf("%d\n", kvAgent->sendTrap(1, "fan stands", 1, "0"));
     });
     QCOMPARE(output, lines({"0"}));
@@ -512,30 +508,32 @@ void TestKvAgent::descriptorsBeyondTheSelectLimitAreNamed()
     QCOMPARE(output, QStringList());
 }
 
-void TestKvAgent::sessionChangesAreTold()
+void TestKvAgent::sessionsOpenAndCloseTheGate()
 {
-    SessionLog log;
-    setSessionCallback(SessionLog::note, &log);
+    int opened = 0;
+    trapGate().setOpened([&opened] { ++opened; });
     printed([] { kaAgentStart(6410, 1, ""); }); // there is no master, so no session opens by itself
-    QCOMPARE(log.changes, QList<bool>());
-    QCOMPARE(trapGate(), TrapGate::noSession);
+    QCOMPARE(trapGate().state(), TrapGate::State::NoSession);
 
     netsnmp_session session = {};
     session.retries = 5;
     snmp_call_callbacks(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_START, &session);
-    QCOMPARE(log.changes, (QList<bool>{true}));
+    QCOMPARE(opened, 1);
     QCOMPARE(session.retries, 0); // a notification that is repeated is a doubled trap
-    QCOMPARE(trapGate(), TrapGate::open);
+    QCOMPARE(trapGate().state(), TrapGate::State::Open);
+    setMasterEnding(true);
+    QCOMPARE(trapGate().state(), TrapGate::State::MasterEnding);
+    setMasterEnding(false);
+    QCOMPARE(opened, 2);
 
     snmp_call_callbacks(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_STOP, &session);
-    QCOMPARE(log.changes, (QList<bool>{true, false}));
-    QCOMPARE(trapGate(), TrapGate::noSession);
+    QCOMPARE(trapGate().state(), TrapGate::State::NoSession);
 
-    setSessionCallback(nullptr, nullptr);
+    trapGate().setOpened(nullptr);
     snmp_call_callbacks(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_START, &session);
-    QCOMPARE(log.changes.size(), 2);
-    QCOMPARE(trapGate(), TrapGate::open);
+    QCOMPARE(trapGate().state(), TrapGate::State::Open);
     snmp_call_callbacks(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_STOP, &session);
+    QCOMPARE(opened, 2);
 }
 
 void TestKvAgent::theDescriptorsAreTheLibrarysPipes()

@@ -2,13 +2,13 @@
 #include "support/snmpdbench.h"
 #include "support/testprogram.h"
 
+#include "agent/trapgate.h"
+
 #include <QElapsedTimer>
 #include <QTest>
 
 #include <sys/stat.h>
 #include <unistd.h>
-
-void setTrapSession(bool open, int socket); // the agent's own; its header is the agent library's, too
 
 namespace {
 
@@ -134,18 +134,18 @@ void TestSnmpdSupervision::noTrapGoesToASnmpdThatWasToldToEnd()
     SnmpdBench::write(bench.configFile, "# by hand\n");
     Q_EMIT bench.tal.handler.signalSnmpdConfUseCustomConfFile(true);
     bench.restartTimer()->stop();
-    int told = 0;
-    setSessionCallback([](void *count, bool) { ++*static_cast<int *>(count); }, &told);
-    setTrapSession(true, -1);
-    QCOMPARE(trapGate(), TrapGate::open);
+    TrapGate &gate = trapGate();
+    gate.openSession(-1);
+    int opened = 0;
+    gate.setOpened([&opened] { ++opened; });
 
     bench.handler->onRestartSnmpdTimeout();
-    QCOMPARE(trapGate(), TrapGate::noSession);
+    QCOMPARE(gate.state(), TrapGate::State::MasterEnding);
     QTRY_COMPARE(bench.count(startEvent(bench)), 1);
-    QCOMPARE(trapGate(), TrapGate::open); // here nothing has ended it
-    QCOMPARE(told, 1);
-    setTrapSession(false, -1);
-    setSessionCallback(nullptr, nullptr);
+    QCOMPARE(gate.state(), TrapGate::State::Open); // here nothing has ended it
+    QCOMPARE(opened, 1);
+    gate.setOpened(nullptr);
+    gate.closeSession();
 }
 
 void TestSnmpdSupervision::writtenFileLeadsToOneRestart()
