@@ -74,7 +74,7 @@ const RowSet *rowSetOf(std::span<const RowSet> rowSets)
     if (kvAgent == nullptr)
         return nullptr;
     const auto found = std::ranges::find_if(
-        rowSets, [](const RowSet &rowSet) { return !rowSet.models || rowSet.models->contains(kvAgent->modelNumber); });
+        rowSets, [](const RowSet &rowSet) { return rowSet.models.contains(kvAgent->modelNumber); });
     return found != rowSets.end() ? &*found : nullptr;
 }
 

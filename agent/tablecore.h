@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <string_view>
 
@@ -92,7 +91,7 @@ struct Line {
 /// The rows of a table on some models (noModelTest: on all), the further ones of stations with expanders, and the label
 /// that the start prints for them (null: nothing).
 struct RowSet {
-    std::optional<ModelSet> models;
+    ModelSet models;
     std::span<const Line> lines;
     const char *logLabel = nullptr;
     std::span<const Line> expanderLines = {};

@@ -4,7 +4,7 @@
 #include "agent/modules.h"
 #include "agent/trapgate.h"
 #include "device/boundedtext.h"
-#include "faults/trapcatalogue.h"
+#include "device/trapcatalogue.h"
 
 #include <algorithm>
 #include <cstdlib>

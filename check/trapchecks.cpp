@@ -3,7 +3,7 @@
 #include "check/snmpdconffile.h"
 #include "check/subject.h"
 
-#include "faults/trapcatalogue.h"
+#include "device/trapcatalogue.h"
 
 #include <QHostAddress>
 

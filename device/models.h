@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <initializer_list>
 #include <iterator>
-#include <optional>
 #include <string_view>
 
 /// Every model number that the program accepts, ascending.
@@ -39,18 +38,26 @@ public:
         }
     }
 
-    /// False for every number that is not a known model.
+    /// In place of a test: contains every number, an unknown one too.
+    static consteval ModelSet any()
+    {
+        ModelSet set{};
+        set.m_any = true;
+        return set;
+    }
+
+    /// False for every number that is not a known model, any() excepted.
     constexpr bool contains(std::uint32_t model) const
     {
-        return isKnownModel(model) && ((m_bits >> placeOfModel(model)) & 1U) != 0;
+        return m_any || (isKnownModel(model) && ((m_bits >> placeOfModel(model)) & 1U) != 0);
     }
 
 private:
     std::uint32_t m_bits = 0;
+    bool m_any = false;
 };
 
-/// In place of a ModelSet: every number, an unknown one too.
-inline constexpr auto noModelTest = std::nullopt;
+inline constexpr ModelSet noModelTest = ModelSet::any();
 
 // clang-format off
 inline constexpr ModelSet ampTypeModels      {6420, 6425, 6720, 6764};       ///< an amplifier or power type file is read

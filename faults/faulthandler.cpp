@@ -3,7 +3,7 @@
 
 #include "agent/kvagent.h"
 #include "agent/trapgate.h"
-#include "faults/trapcatalogue.h"
+#include "device/trapcatalogue.h"
 
 #include <QDebug>
 

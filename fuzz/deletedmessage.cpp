@@ -5,8 +5,8 @@
 
 #include "agent/kvagent.h"
 #include "agent/trapgate.h"
+#include "device/trapcatalogue.h"
 #include "faults/faulthandler.h"
-#include "faults/trapcatalogue.h"
 #include "tal/talhandler.h"
 
 #include <algorithm>

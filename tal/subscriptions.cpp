@@ -7,7 +7,6 @@
 #include <QDebug>
 
 #include <algorithm>
-#include <optional>
 
 namespace {
 
@@ -15,7 +14,7 @@ struct Subscription {
     const char *request; ///< its debug line; null: a further path of the request above, or one that says nothing
     std::string_view reference;
     std::string_view path;
-    std::optional<ModelSet> models; ///< noModelTest: every number, an unknown one too
+    ModelSet models; ///< noModelTest: every number, an unknown one too
 };
 
 // clang-format off
@@ -30,8 +29,8 @@ constexpr Subscription settingsSubscriptions[] = {
 constexpr Subscription dataSubscriptions[] = {
     {"requestStateDataSubscribeVoltageTable",           "kvsnmp_voltage",                 "/state/power_lines/power_line/voltage",                voltageModels},
     {"requestStateDataSubscribeTempTable",              "kvsnmp_temp",                    "/state/temp_sensors",                                  voltageModels},
-    {"requestStateDataSubscribeFanTable",               "kvsnmp_fan",                     "/state/fans",                                          ModelSet{6410, 6420, 6720, 6764}},
-    {"requestConfigDataSubscribeControlInputMonitored", "kvsnmp_control_input_monitored", "/state/config/gpis/gpi/monitored",                     ModelSet{6410, 6420, 6425, 6720, 6764}},
+    {"requestStateDataSubscribeFanTable",               "kvsnmp_fan",                     "/state/fans",                                          {6410, 6420, 6720, 6764}},
+    {"requestConfigDataSubscribeControlInputMonitored", "kvsnmp_control_input_monitored", "/state/config/gpis/gpi/monitored",                     {6410, 6420, 6425, 6720, 6764}},
     {"requestConfigDataSubscribeAmpEnableStatus",       "kvsnmp_amp_enable",              "/state/config/lines/line/enable",                      twoChannelModels},
     {"requestStateDataSubscribeClassDStatus",           "kvsnmp_class_d_status",          "/state/class_d_amp_status",                            twoChannelModels},
     {"requestConfigDataSubscribeGpioType",              "kvsnmp_gpio_type",               "/state/config/gpios/gpio/gpio_type",                   gpioModels},
@@ -47,8 +46,8 @@ constexpr Subscription dataSubscriptions[] = {
     {nullptr,                                           "kvsnmp_lineIn_status",           "/state/lines/mic_status_intern",                       microphoneModels},
     {"requestStateDataSubscribeLineChannelState",       "kvsnmp_line_channel_state",      "/state/lines/line/characteristics/line_state",         twoChannelModels},
     {"requestConfigDataSubscribeEthMonitoring",         "kvsnmp_eth_monitoring",          "/state/config/os_ip/eth_switch/port/monitored",        ethMonitoringModels},
-    {"requestConfigDataSubscribePowerMonitoring",       "kvsnmp_power_monitoring",        "/state/config/power_sources/power_source/monitored",   ModelSet{6410, 6420, 6425, 6720, 6764}},
-    {"requestStateDataSubscribePowerStatus",            "kvsnmp_power_status",            "/state/power_sources/power_source/live",               ModelSet{6410, 6420}},
+    {"requestConfigDataSubscribePowerMonitoring",       "kvsnmp_power_monitoring",        "/state/config/power_sources/power_source/monitored",   {6410, 6420, 6425, 6720, 6764}},
+    {"requestStateDataSubscribePowerStatus",            "kvsnmp_power_status",            "/state/power_sources/power_source/live",               {6410, 6420}},
     {"requestConfigDataSubscribeRelayDelay",            "kvsnmp_relay_delay",             "/state/config/gpos/gpo/delay",                         gpioModels},
     {"requestConfigDataSubscribeRelayIdleMode",         "kvsnmp_relay_idle_mode",         "/state/config/gpos/gpo/idle_mode",                     gpioModels},
     {"requestStateDataSubscribeSysMessages",            "kvsnmp_sys_messages",            "/state/sys_messages/sys_message",                      noModelTest},
@@ -60,7 +59,7 @@ void subscribe(std::span<const Subscription> subscriptions, uint model)
     for (const Subscription &subscription : subscriptions) {
         if (subscription.request != nullptr)
             qDebug().noquote() << subscription.request;
-        if (!subscription.models || subscription.models->contains(model))
+        if (subscription.models.contains(model))
             TalInterface::requestDataSubscribeSingleLevel(latin1(subscription.reference), latin1(subscription.path),
                                                           QStringLiteral("change"), QStringLiteral("true"),
                                                           TALTARGET_DEFAULT);

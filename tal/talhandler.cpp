@@ -4,7 +4,7 @@
 #include "app/trace/trace.h"
 #include "dbus/dbusinterface.h"
 #include "device/models.h"
-#include "faults/trapcatalogue.h"
+#include "device/trapcatalogue.h"
 #include "tal/keystep.h"
 
 #include <xrcommon/TalInterface.h>

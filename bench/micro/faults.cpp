@@ -2,8 +2,8 @@
 // The trap sender is one that takes or refuses at once.
 #include "agent/kvagent.h"
 #include "agent/trapgate.h"
+#include "device/trapcatalogue.h"
 #include "faults/faulthandler.h"
-#include "faults/trapcatalogue.h"
 
 #include <benchmark/benchmark.h>
 

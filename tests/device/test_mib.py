@@ -194,7 +194,7 @@ def test_everything_is_described_and_in_one_group():
 
 def trap_table() -> dict[int, tuple[str, list[str]]]:
     """Arc to name and message identifiers, from the daemon's own table."""
-    header = (CHECKOUT / "faults/trapcatalogue.h").read_text()
+    header = (CHECKOUT / "device/trapcatalogue.h").read_text()
     messages = {name: re.findall(r'"([^"]+)"', texts) for name, texts in
                 re.findall(r"constexpr std::string_view (\w+)\[\]\s*= \{([^}]*)\}", header)}
     rows = re.findall(r'^\s*\{\s*\d+,\s*(\d+),\s*"([^"]+)",\s*trapmessages::(\w+)\},', header, re.MULTILINE)

@@ -2,7 +2,7 @@
 #include "support/testprogram.h"
 
 #include "device/models.h"
-#include "faults/trapcatalogue.h"
+#include "device/trapcatalogue.h"
 #include "simulator/datapath.h"
 #include "simulator/datatree.h"
 #include "simulator/faults.h"

@@ -1,7 +1,7 @@
 // The twenty traps, line by line: number, arc, name and message identifiers.
 #include "support/testprogram.h"
 
-#include "faults/trapcatalogue.h"
+#include "device/trapcatalogue.h"
 
 #include <QSet>
 #include <QStringList>

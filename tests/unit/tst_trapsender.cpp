@@ -4,7 +4,7 @@
 
 #include "agent/modules.h"
 #include "agent/trapgate.h"
-#include "faults/trapcatalogue.h"
+#include "device/trapcatalogue.h"
 
 #include <QtTest>
 
