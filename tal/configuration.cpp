@@ -39,15 +39,15 @@ constexpr std::size_t firstInputOnlyGpio = 6; // by place: gpio7 and up are inpu
 constexpr std::uint32_t gpioTypeInput = 1;
 
 // name, key label of the complaint, path, codes, "delete", other text
-constexpr KeyRule relayDelayRule{"getRelayDelay", kid, "/state/config/gpos/gpo[kid='%1']/delay",
+constexpr KeyRule relayDelayRule{{"getRelayDelay", kid, "/state/config/gpos/gpo[kid='%1']/delay"},
                                  {{}, store(0), wholeNumber}};
-constexpr KeyRule relayIdleModeRule{"getRelayIdleMode", kid, "/state/config/gpos/gpo[kid='%1']/idle_mode",
+constexpr KeyRule relayIdleModeRule{{"getRelayIdleMode", kid, "/state/config/gpos/gpo[kid='%1']/idle_mode"},
                                     {idleModes, store(1), keepScratch}}; // intended: see keepScratch
-constexpr KeyRule gpioTypeRule{"getGpioType", "gpio:", "/state/config/gpios/gpio[kid='gpio%1']/gpio_type",
+constexpr KeyRule gpioTypeRule{{"getGpioType", "gpio:", "/state/config/gpios/gpio[kid='gpio%1']/gpio_type"},
                                {gpioTypes, store(3), store(3)}};
-constexpr KeyRule inputMonitoredRule{"getControlInputMonitored", kid, "/state/config/gpis/gpi[kid='%1']/monitored",
+constexpr KeyRule inputMonitoredRule{{"getControlInputMonitored", kid, "/state/config/gpis/gpi[kid='%1']/monitored"},
                                      {inputMonitored, store(1), store(1)}};
-constexpr KeyRule powerMonitoredRule{"getPowerMonitoring", kid, "/state/config/power_sources/power_source[kid='%1']/monitored",
+constexpr KeyRule powerMonitoredRule{{"getPowerMonitoring", kid, "/state/config/power_sources/power_source[kid='%1']/monitored"},
                                      {powerMonitored, store(1), keepScratch}}; // intended: see keepScratch
 // clang-format on
 

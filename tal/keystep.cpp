@@ -8,43 +8,77 @@
 
 namespace {
 
-void complain(const Notification &n, const KeyRule &rule, const Keys &keys)
+enum class Found {
+    Nothing, ///< or an operation that is refused
+    Deleted,
+    Text,
+};
+
+void complain(const Notification &n, const KeyPlace &place, const Keys &keys)
 {
     QDebug line = qDebug().noquote();
-    line << rule.name << "op:" << n.op << "rPath:" << n.rPath << "sPath:" << n.sPath;
-    if (rule.keyLabel == noKey)
+    line << place.name << "op:" << n.op << "rPath:" << n.rPath << "sPath:" << n.sPath;
+    if (place.keyLabel == noKey)
         return;
-    line << rule.keyLabel << latin1(keys.first);
+    line << place.keyLabel << latin1(keys.first);
     if (!keys.second.empty())
         line << latin1(keys.second);
 }
 
-Outcome outcomeOfText(const CodeMap &map, const QString &text)
+Found lookUp(const Notification &n, const KeyPlace &place, const Keys &keys, QString &text)
 {
-    for (const TextCode &entry : map.codes)
-        if (text == latin1(entry.text))
-            return store(entry.code);
-    if (map.onOther.kind == Outcome::Kind::Scaled)
-        return store(scaledInteger(text, map.onOther.value));
-    if (map.onOther.kind == Outcome::Kind::WholeNumber)
-        return store(text.toUInt());
-    return map.onOther;
-}
-
-Outcome outcomeOfKey(const Notification &n, const KeyRule &rule, const Keys &keys, QString &text)
-{
-    if (!TalInterface::xpathGetTextNode(text, rule.path.with(keys), n.sPath, n.rPath, n.data))
-        return notHandled;
+    if (!TalInterface::xpathGetTextNode(text, place.path.with(keys), n.sPath, n.rPath, n.data))
+        return Found::Nothing;
     switch (operationOf(n)) {
-    case Operation::Delete:
-        return rule.map.onDelete;
-    case Operation::Unexpected:
-        complain(n, rule, keys);
-        return notHandled;
     case Operation::Change:
+        return Found::Text;
+    case Operation::Delete:
+        return Found::Deleted;
+    case Operation::Unexpected:
+        complain(n, place, keys);
         break;
     }
-    return outcomeOfText(rule.map, text);
+    return Found::Nothing;
+}
+
+Step deletedStep(const OnDelete &onDelete, std::uint32_t &scratch)
+{
+    switch (onDelete.kind) {
+    case OnDelete::Kind::Store:
+        scratch = onDelete.code;
+        return Step::Handled;
+    case OnDelete::Kind::LeaveRow:
+        return Step::RowLeft;
+    case OnDelete::Kind::NotHandled:
+        break;
+    }
+    return Step::NotHandled;
+}
+
+Step changedStep(const CodeMap &map, const QString &text, std::uint32_t &scratch)
+{
+    for (const TextCode &entry : map.codes) {
+        if (text == latin1(entry.text)) {
+            scratch = entry.code;
+            return Step::Handled;
+        }
+    }
+    switch (map.onOther.kind) {
+    case OnOther::Kind::Store:
+        scratch = map.onOther.number;
+        break;
+    case OnOther::Kind::Scaled:
+        scratch = scaledInteger(text, map.onOther.number);
+        break;
+    case OnOther::Kind::WholeNumber:
+        scratch = text.toUInt();
+        break;
+    case OnOther::Kind::KeepScratch:
+        break;
+    case OnOther::Kind::NotHandled:
+        return Step::NotHandled;
+    }
+    return Step::Handled;
 }
 
 } // namespace
@@ -57,23 +91,20 @@ QString KeyPath::with(const Keys &keys) const
 Step keyStep(const Notification &n, const KeyRule &rule, const Keys &keys, std::uint32_t &scratch)
 {
     QString text;
-    const Outcome outcome = outcomeOfKey(n, rule, keys, text);
-    switch (outcome.kind) {
-    case Outcome::Kind::NotHandled:
-        return Step::NotHandled;
-    case Outcome::Kind::LeaveRow:
-        return Step::RowLeft;
-    case Outcome::Kind::Store:
-        scratch = outcome.value;
-        return Step::Handled;
-    default:
-        return Step::Handled; // the scratch value as it is
+    switch (lookUp(n, rule.place, keys, text)) {
+    case Found::Text:
+        return changedStep(rule.map, text, scratch);
+    case Found::Deleted:
+        return deletedStep(rule.map.onDelete, scratch);
+    case Found::Nothing:
+        break;
     }
+    return Step::NotHandled;
 }
 
-bool textStep(const Notification &n, const KeyRule &rule, const Keys &keys, QString &text)
+bool textStep(const Notification &n, const TextRule &rule, const Keys &keys, QString &text)
 {
-    return outcomeOfKey(n, rule, keys, text).kind == Outcome::Kind::AsText;
+    return lookUp(n, rule.place, keys, text) == Found::Text;
 }
 
 Operation operationOf(const Notification &n)

@@ -48,35 +48,51 @@ private:
     std::string_view m_tail;
 };
 
-/// What becomes of a key: made by the names below.
-struct Outcome {
-    enum class Kind : std::uint8_t { Store, KeepScratch, LeaveRow, NotHandled, Scaled, WholeNumber, AsText };
+/// What "delete" does with a key: store(), leaveRow or notHandled.
+struct OnDelete {
+    enum class Kind : std::uint8_t { Store, LeaveRow, NotHandled };
     Kind kind;
-    std::uint32_t value;
+    std::uint32_t code;
+};
+
+/// What a text without a code of its own does: store(), scaled(), wholeNumber, keepScratch or notHandled.
+struct OnOther {
+    enum class Kind : std::uint8_t { Store, Scaled, WholeNumber, KeepScratch, NotHandled };
+    Kind kind;
+    std::uint32_t number; ///< the code or the scale
+};
+
+struct Store {
+    std::uint32_t code;
+    constexpr operator OnDelete() const { return {OnDelete::Kind::Store, code}; }
+    constexpr operator OnOther() const { return {OnOther::Kind::Store, code}; }
+};
+
+struct NotHandled {
+    constexpr operator OnDelete() const { return {OnDelete::Kind::NotHandled, 0}; }
+    constexpr operator OnOther() const { return {OnOther::Kind::NotHandled, 0}; }
 };
 
 /// The scratch value and with it the row become `code`.
-constexpr Outcome store(std::uint32_t code)
+constexpr Store store(std::uint32_t code)
 {
-    return {Outcome::Kind::Store, code};
+    return {code};
 }
 
 /// The scratch value and with it the row become the decimal text times `scale`.
-constexpr Outcome scaled(std::uint32_t scale)
+constexpr OnOther scaled(std::uint32_t scale)
 {
-    return {Outcome::Kind::Scaled, scale};
+    return {OnOther::Kind::Scaled, scale};
 }
 
 /// The scratch value and with it the row become the text read as an unsigned integer, 0 when it is none.
-inline constexpr Outcome wholeNumber{Outcome::Kind::WholeNumber, 0};
-/// The row takes the text as it is: for textStep() only.
-inline constexpr Outcome asText{Outcome::Kind::AsText, 0};
+inline constexpr OnOther wholeNumber{OnOther::Kind::WholeNumber, 0};
 /// The row gets what its parser produced last, for whichever key.
-inline constexpr Outcome keepScratch{Outcome::Kind::KeepScratch, 0};
+inline constexpr OnOther keepScratch{OnOther::Kind::KeepScratch, 0};
 /// The key counts as handled, the row stays as it is.
-inline constexpr Outcome leaveRow{Outcome::Kind::LeaveRow, 0};
+inline constexpr OnDelete leaveRow{OnDelete::Kind::LeaveRow, 0};
 /// As if the key were not there.
-inline constexpr Outcome notHandled{Outcome::Kind::NotHandled, 0};
+inline constexpr NotHandled notHandled{};
 
 struct TextCode {
     std::string_view text;
@@ -86,16 +102,26 @@ struct TextCode {
 /// Words to codes, with what "delete" and any other text do.
 struct CodeMap {
     std::span<const TextCode> codes;
-    Outcome onDelete;
-    Outcome onOther;
+    OnDelete onDelete;
+    OnOther onOther;
 };
 
-/// One kind of value: where it stands in the tree, how it is converted, who complains about an unexpected operation.
-struct KeyRule {
+/// Where one kind of value stands in the tree, and who complains about an unexpected operation.
+struct KeyPlace {
     const char *name;     ///< first word of the complaint
-    const char *keyLabel; ///< stands before the key in the complaint; null: the key is not told
+    const char *keyLabel; ///< stands before the key in the complaint; null: the complaint has no key
     KeyPath path;
+};
+
+/// A value that is kept as a number.
+struct KeyRule {
+    KeyPlace place;
     CodeMap map;
+};
+
+/// A value that is kept as a text; "delete" leaves it as it is.
+struct TextRule {
+    KeyPlace place;
 };
 
 inline constexpr const char *noKey = nullptr;
@@ -107,11 +133,12 @@ enum class Step {
     Handled,    ///< the scratch value goes into the row
 };
 
-/// The one discipline: looks the key up in the notification and brings its value into `scratch`.
+/// The one discipline: looks the key up in the notification and brings its value into `scratch`, which changes only
+/// when the answer is Handled. So it may be the record's own field, unless the rule has keepScratch.
 Step keyStep(const Notification &n, const KeyRule &rule, const Keys &keys, std::uint32_t &scratch);
 
 /// The same for a value that is kept as text. True when `text` is to be stored.
-bool textStep(const Notification &n, const KeyRule &rule, const Keys &keys, QString &text);
+bool textStep(const Notification &n, const TextRule &rule, const Keys &keys, QString &text);
 
 enum class Operation { Change, Delete, Unexpected };
 

@@ -49,29 +49,26 @@ constexpr KeySet micStatusKeys[]     = {{microphoneModels, micStatusRows}};
 constexpr KeySet ethPortKeys[]       = {{ethMonitoringModels, ethPortRows}};
 
 // name, key label of the complaint, path, codes, "delete", other text; for keepScratch see there: intended
-constexpr KeyRule lineStateRule{"getLineChannelState", kid, "/state/lines/line[kid='%1']/characteristics/line_state",
+constexpr KeyRule lineStateRule{{"getLineChannelState", kid, "/state/lines/line[kid='%1']/characteristics/line_state"},
                                 {lineStates, leaveRow, store(1)}};
-constexpr KeyRule ampEnableRule{"getAmpEnable", kid, "/state/config/lines/line[kid='%1']/enable",
+constexpr KeyRule ampEnableRule{{"getAmpEnable", kid, "/state/config/lines/line[kid='%1']/enable"},
                                 {ampEnabled, notHandled, notHandled}};
-constexpr KeyRule letEnableRule{"getLetEnable", kid, "/state/config/lines/line[kid='%1']/lets/let[kid=%2]/enabled",
+constexpr KeyRule letEnableRule{{"getLetEnable", kid, "/state/config/lines/line[kid='%1']/lets/let[kid=%2]/enabled"},
                                 {letEnabled, notHandled, notHandled}};
-constexpr KeyRule letDescriptionRule{"getLetDescription", kid, "/state/config/lines/line[kid='%1']/lets/let[kid=%2]/let_description",
-                                     {{}, notHandled, asText}};
-constexpr KeyRule letHwVersionRule{"getLetHWVersion", kid, "/state/lines/line[kid='%1']/lets/let[kid=%2]/hw_version",
-                                   {{}, notHandled, asText}};
-constexpr KeyRule letSwVersionRule{"getLetSWVersion", kid, "/state/lines/line[kid='%1']/lets/let[kid=%2]/sw_version",
-                                   {{}, notHandled, asText}};
-constexpr KeyRule letVoltageRule{"getLetVoltage", kid, "/state/lines/line[kid='%1']/lets/let[kid=%2]/let_vcc",
+constexpr TextRule letDescriptionRule{{"getLetDescription", kid, "/state/config/lines/line[kid='%1']/lets/let[kid=%2]/let_description"}};
+constexpr TextRule letHwVersionRule{{"getLetHWVersion", kid, "/state/lines/line[kid='%1']/lets/let[kid=%2]/hw_version"}};
+constexpr TextRule letSwVersionRule{{"getLetSWVersion", kid, "/state/lines/line[kid='%1']/lets/let[kid=%2]/sw_version"}};
+constexpr KeyRule letVoltageRule{{"getLetVoltage", kid, "/state/lines/line[kid='%1']/lets/let[kid=%2]/let_vcc"},
                                  {{}, store(0), scaled(1000)}};
-constexpr KeyRule toneMonitoringRule{"getLineInMonitoring", kid, "/state/config/lines/line[kid='%1']/pilot_tone_sensing_enable",
+constexpr KeyRule toneMonitoringRule{{"getLineInMonitoring", kid, "/state/config/lines/line[kid='%1']/pilot_tone_sensing_enable"},
                                      {monitored, store(2), keepScratch}};
-constexpr KeyRule micMonitoringRule{"getLineInMonitoring", kid, "/state/config/lines/line[kid='%1']/mic_monitor_enable",
+constexpr KeyRule micMonitoringRule{{"getLineInMonitoring", kid, "/state/config/lines/line[kid='%1']/mic_monitor_enable"},
                                     {monitored, store(2), keepScratch}};
-constexpr KeyRule pilotToneRule{"getPilotToneState", kid, "/state/lines/line[kid='%1']/pilot_tone_state",
+constexpr KeyRule pilotToneRule{{"getPilotToneState", kid, "/state/lines/line[kid='%1']/pilot_tone_state"},
                                 {pilotTone, store(1), keepScratch}};
-constexpr KeyRule micStatusRule{"getMicStatus", kid, "/state/lines/%1",
+constexpr KeyRule micStatusRule{{"getMicStatus", kid, "/state/lines/%1"},
                                 {micStatus, store(4), keepScratch}};
-constexpr KeyRule ethMonitoringRule{"getEthMonitoring", kid, "/state/config/os_ip/eth_switch/port[port_id='%1']/monitored",
+constexpr KeyRule ethMonitoringRule{{"getEthMonitoring", kid, "/state/config/os_ip/eth_switch/port[port_id='%1']/monitored"},
                                     {monitored, store(2), keepScratch}};
 // clang-format on
 
@@ -90,7 +87,7 @@ void forEachLet(Visit visit)
 }
 
 template <std::size_t size>
-void parseLetText(const Notification &n, const KeyRule &rule, LetRecord &record, char (LetEntry::*buffer)[size],
+void parseLetText(const Notification &n, const TextRule &rule, LetRecord &record, char (LetEntry::*buffer)[size],
                   std::uint8_t LetChanges::*changed)
 {
     forEachLet([&](std::size_t channel, std::size_t let, const Keys &keys) {
@@ -123,6 +120,7 @@ void TalHandler::parseAmpEnable(const Notification &n)
 {
     for (std::size_t channel = 0; channel < ampChannels; ++channel) {
         AmpChannelRow &row = m_records.ampChannel.rows[channel];
+        // The record's own field is the scratch value: only a handled key changes it.
         if (keyStep(n, ampEnableRule, {channelKeys[channel], {}}, row.ampEnable) == Step::Handled)
             deriveAmpChannelStatus(channel);
     }
@@ -131,6 +129,7 @@ void TalHandler::parseAmpEnable(const Notification &n)
 void TalHandler::parseLetEnable(const Notification &n)
 {
     forEachLet([&](std::size_t channel, std::size_t let, const Keys &keys) {
+        // As in parseAmpEnable(), the record's own field is the scratch value.
         if (keyStep(n, letEnableRule, keys, m_records.let.lets[channel][let].letEnabled) == Step::Handled)
             deriveLetStatus(channel, let);
     });

@@ -129,15 +129,15 @@ constexpr TextCode classDCodes[]   = {{"ok", 2}};
 constexpr TextCode powerLiveCodes[] = {{"false", 2}, {"true", 3}};
 
 // name, key label of the complaint, path, codes, "delete", other text
-constexpr KeyRule voltageRule{"getVoltage", noKey, "/state/power_lines/power_line[kid='%1']/voltage",
+constexpr KeyRule voltageRule{{"getVoltage", noKey, "/state/power_lines/power_line[kid='%1']/voltage"},
                               {{}, store(0), scaled(1000)}};
-constexpr KeyRule tempRule   {"getTemp", noKey, "/state/temp_sensors/temp_sensor[kid='%1']/%2",
+constexpr KeyRule tempRule   {{"getTemp", noKey, "/state/temp_sensors/temp_sensor[kid='%1']/%2"},
                               {{}, store(0), scaled(10)}};
-constexpr KeyRule fanRule    {"getFan", noKey, "/state/fans/fan[kid='%1']/speed_sensor_rpm",
+constexpr KeyRule fanRule    {{"getFan", noKey, "/state/fans/fan[kid='%1']/speed_sensor_rpm"},
                               {{}, store(0), scaled(1)}};
-constexpr KeyRule classDRule {"stateClassDStatusUpdate", noKey, "/state/class_d_amp_status/status",
+constexpr KeyRule classDRule {{"stateClassDStatusUpdate", noKey, "/state/class_d_amp_status/status"},
                               {classDCodes, leaveRow, store(1)}};
-constexpr KeyRule powerLiveRule{"getPowerStatus", kid, "/state/power_sources/power_source[kid='%1']/live",
+constexpr KeyRule powerLiveRule{{"getPowerStatus", kid, "/state/power_sources/power_source[kid='%1']/live"},
                                 {powerLiveCodes, store(1), keepScratch}}; // intended: see keepScratch
 // clang-format on
 
@@ -179,7 +179,7 @@ void TalHandler::parseFan(const Notification &n)
 
 void TalHandler::parseClassDStatus(const Notification &n)
 {
-    keyStep(n, classDRule, {}, m_classDStatus);
+    keyStep(n, classDRule, {}, m_classDStatus); // its own scratch value: only a handled key changes it
     for (std::size_t channel = 0; channel < ampChannels; ++channel)
         deriveAmpChannelStatus(channel);
 }

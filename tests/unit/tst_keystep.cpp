@@ -8,6 +8,7 @@
 #include <QtTest>
 
 #include <algorithm>
+#include <type_traits>
 
 namespace {
 
@@ -33,7 +34,20 @@ QString complaint(const char *tail)
 } // namespace
 
 Q_DECLARE_METATYPE(Step)
-Q_DECLARE_METATYPE(Outcome)
+Q_DECLARE_METATYPE(OnDelete)
+Q_DECLARE_METATYPE(OnOther)
+
+// What is wrong for "delete", for another text or for the step does not compile.
+static_assert(std::is_constructible_v<OnDelete, decltype(leaveRow)>);
+static_assert(std::is_constructible_v<OnOther, decltype(keepScratch)>);
+static_assert(!std::is_constructible_v<OnDelete, decltype(keepScratch)>);
+static_assert(!std::is_constructible_v<OnDelete, decltype(wholeNumber)>);
+static_assert(!std::is_constructible_v<OnDelete, decltype(scaled(10))>);
+static_assert(!std::is_constructible_v<OnOther, decltype(leaveRow)>);
+static_assert(std::is_invocable_v<decltype(keyStep), Notification, KeyRule, Keys, std::uint32_t &>);
+static_assert(std::is_invocable_v<decltype(textStep), Notification, TextRule, Keys, QString &>);
+static_assert(!std::is_invocable_v<decltype(keyStep), Notification, TextRule, Keys, std::uint32_t &>);
+static_assert(!std::is_invocable_v<decltype(textStep), Notification, KeyRule, Keys, QString &>);
 
 class TestKeyStep : public QObject {
     Q_OBJECT
@@ -178,13 +192,13 @@ void TestKeyStep::pathsWithHoles()
 
 void TestKeyStep::stepConvertsAsItsMapSays_data()
 {
-    QTest::addColumn<Outcome>("onDelete");
-    QTest::addColumn<Outcome>("onOther");
+    QTest::addColumn<OnDelete>("onDelete");
+    QTest::addColumn<OnOther>("onOther");
     QTest::addColumn<QByteArray>("op");
     QTest::addColumn<QByteArray>("text");
     QTest::addColumn<Step>("step");
     QTest::addColumn<uint>("scratch");
-    const auto row = [](const char *name, Outcome onDelete, Outcome onOther, const char *op, const char *text,
+    const auto row = [](const char *name, OnDelete onDelete, OnOther onOther, const char *op, const char *text,
                         Step step, uint scratch) {
         QTest::newRow(name) << onDelete << onOther << QByteArray(op) << QByteArray(text) << step << scratch;
     };
@@ -205,15 +219,15 @@ void TestKeyStep::stepConvertsAsItsMapSays_data()
 
 void TestKeyStep::stepConvertsAsItsMapSays()
 {
-    QFETCH(Outcome, onDelete);
-    QFETCH(Outcome, onOther);
+    QFETCH(OnDelete, onDelete);
+    QFETCH(OnOther, onOther);
     QFETCH(QByteArray, op);
     QFETCH(QByteArray, text);
     QFETCH(Step, step);
     QFETCH(uint, scratch);
 
     MessageLog log;
-    const KeyRule rule{"getColour", kid, lightPath, {colours, onDelete, onOther}};
+    const KeyRule rule{{"getColour", kid, lightPath}, {colours, onDelete, onOther}};
     std::uint32_t value = before;
     QCOMPARE(int(keyStep(light(op, text), rule, {"left", {}}, value)), int(step));
     QCOMPARE(value, scratch);
@@ -223,7 +237,7 @@ void TestKeyStep::stepConvertsAsItsMapSays()
 void TestKeyStep::stepOfAnAbsentKeyIsNotHandled()
 {
     MessageLog log;
-    const KeyRule rule{"getColour", kid, lightPath, {colours, store(1), store(2)}};
+    const KeyRule rule{{"getColour", kid, lightPath}, {colours, store(1), store(2)}};
     for (const char *op : {"create", "replace", "delete", "patch"}) {
         std::uint32_t value = before;
         QCOMPARE(int(keyStep(light(op, "red"), rule, {"right", {}}, value)), int(Step::NotHandled));
@@ -247,19 +261,19 @@ void TestKeyStep::stepRefusesUnexpectedOperations()
     QFETCH(QString, line);
 
     MessageLog log;
-    const KeyRule rule{
-        "getColour", label.isNull() ? noKey : label.constData(), lightPath, {colours, store(1), store(2)}};
+    const KeyPlace place{"getColour", label.isNull() ? noKey : label.constData(), lightPath};
+    const KeyRule rule{place, {colours, store(1), store(2)}};
     std::uint32_t value = before;
     QCOMPARE(int(keyStep(light("patch", "red"), rule, {"left", {}}, value)), int(Step::NotHandled));
     QCOMPARE(value, before);
     QString text;
-    QVERIFY(!textStep(light("patch", "red"), rule, {"left", {}}, text));
+    QVERIFY(!textStep(light("patch", "red"), TextRule{place}, {"left", {}}, text));
     QCOMPARE(log.lines(), QStringList({line, line}));
 }
 
 void TestKeyStep::textStepGivesTheTextAsItIs()
 {
-    const KeyRule rule{"getColour", kid, lightPath, {{}, notHandled, asText}};
+    const TextRule rule{{"getColour", kid, lightPath}};
     for (const char *op : {"create", "replace"})
         for (const char *sent : {"red", "", " two  words ", "Gr\xc3\xbcn"}) {
             QString text = QStringLiteral("before");
