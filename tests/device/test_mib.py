@@ -66,6 +66,13 @@ def test_net_snmp_reads_it_without_a_word():
     assert f"FROM\t{MODULE}" in done.stdout
 
 
+def test_the_newest_revision_is_the_last_update():
+    module = mib().nodes["kvsnmpMIB"]
+    revisions = [revision["revision"] for revision in module["revisions"]]
+    assert revisions == sorted(revisions, reverse=True)
+    assert module["lastupdated"].startswith(re.sub(r"\D", "", revisions[0])[:8])
+
+
 def test_it_imports_from_three_modules_only():
     imports = re.search(r"\bIMPORTS\b(.*?);", MIB_FILE.read_text(), re.DOTALL)[1]
     assert re.findall(r"\bFROM\s+(\S+)", imports) == ["SNMPv2-SMI", "SNMPv2-TC", "SNMPv2-CONF"]
@@ -162,6 +169,35 @@ def test_every_index_and_integer_has_a_range():
         name: [(min(used), max(used))] for name, used in indices.items()}
 
 
+def test_indices_whose_meaning_differs_among_models_are_named():
+    def others(rows: dict[int, list[tuple[int, str, str]]], model: int) -> set[int]:
+        """Indices that stand for something else on another model."""
+        return {index for index, text, _ in rows[model] for other in rows if other != model
+                for place, name, _ in rows[other] if place == index and name != text}
+
+    amplifiers = {model: rows for model, rows in catalogue.VOLTAGES.items() if model != 6410}
+    assert not any(others(amplifiers, model) for model in amplifiers)
+    named = re.search(r"On 6410 the indices ([\d, and]+) are other lines", text_of("voltageIndex"))[1]
+    assert set(map(int, re.findall(r"\d+", named))) == others(catalogue.VOLTAGES, 6410)
+    assert others(catalogue.TEMPERATURES, 6410) == {1, 2, 3, 4}
+    assert "6410 numbers other sensors" in text_of("tempIndex")
+    assert "DC converter on 6764" in text_of("tempIndex")
+    assert "keeps its meaning" not in text_of("kvsnmpMIB")
+
+
+def test_stations_with_expanders_are_named():
+    assert catalogue.COMPACT in text_of("infoModelType") and catalogue.EXTENDED in text_of("infoModelType")
+    for name, node in mib().nodes.items():
+        if "expanders" in (text := " ".join(node.get("description", "").split())):
+            assert "infoModelType" in text or name == "infoModelType", name
+
+
+def test_zero_is_explained_wherever_it_is_no_measurement():
+    for name in ("KvMillivolts", "KvTenthsOfDegree", "fanSpeed"):
+        text = text_of(name)
+        assert all(word in text for word in ("measured", "deleted", "unreadable")), name
+
+
 def test_conventions_of_measured_values():
     hints = {"KvMillivolts": ("d-3", "volts"), "KvTenthsOfDegree": ("d-1", "degrees Celsius")}
     measured = {name: node for name, node in mib().nodes.items() if node.get("syntax", {}).get("type") in hints}
@@ -225,6 +261,33 @@ def test_notification_says_what_raises_it_and_what_shows_its_end(arc, name, iden
     for state, code in re.findall(r"\b([a-z]\w*)\((\d+)\)", text):
         assert any(column.enumeration.get(int(code)) == state for column in columns), f"{state}({code})"
     assert "sysName (1.3.6.1.2.1.1.5, without an instance) stands between trapHostName and trapLevel" in text
+
+
+ENDS_SHOWN_ON = {
+    "missingAmplifierModule": catalogue.TWO_CHANNELS,
+    "amplifierShutdown": catalogue.TWO_CHANNELS,
+    "amplifierDisabled": catalogue.TWO_CHANNELS,
+    "lineInFault": list(catalogue.LINE_INPUTS),
+    "dcPowerFault": [6410, 6420],
+    "acPowerFault": [6410, 6420],
+    "microphoneError": list(catalogue.MICROPHONES),
+    "missingEmbdrModule": catalogue.STATIONS,  # those with expanders
+}
+
+
+@pytest.mark.parametrize("name", ENDS_SHOWN_ON)
+def test_notification_says_on_which_models_its_end_shows(name):
+    text = text_of(name)
+    assert [int(number) for number in re.findall(r"\b\d{4}\b", text)] == ENDS_SHOWN_ON[name]
+    assert re.search(r"no object of this module shows (it|its end) on other (models|devices)", text)
+
+
+def test_an_end_shows_where_the_column_is_reported():
+    """The models of the two columns that have rows on others as well, from what is served there."""
+    for name, column, unknown in (("lineInFault", "lineInStatus", "0"), ("microphoneError", "lineInMicStatus", "0")):
+        reported = {int(file.stem.partition("-")[0]) for file in GOLDEN for variable in parse(file.read_text())
+                    if mib().resolve(variable.oid)[0].name == column and variable.text != unknown}
+        assert sorted(reported) == ENDS_SHOWN_ON[name]
 
 
 def test_objects_of_notifications_cannot_be_read():
