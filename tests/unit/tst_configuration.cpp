@@ -534,7 +534,13 @@ void TestConfiguration::relayDelayTexts_data()
     row("empty", "replace", "", 0);
     row("word", "replace", "soon", 0);
     row("number and unit", "replace", "250ms", 0);
+    row("blanks around it", "replace", " \t250\n", 250);
+    row("blank inside", "replace", "2 50", 0);
+    row("plus sign", "replace", "+250", 250);
+    row("blank behind the sign", "replace", "+ 250", 0);
     row("negative", "replace", "-1", 0);
+    row("negative zero", "replace", "-0", 0);
+    row("digits of another script", "replace", "\xd9\xa2\xd9\xa5\xd9\xa0", 0);
     row("fraction", "replace", "1.5", 0);
     row("hexadecimal", "replace", "0x10", 0);
     row("delete", "delete", "250", 0);

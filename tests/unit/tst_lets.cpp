@@ -502,6 +502,8 @@ void TestLets::letTextIsLatin1()
     QString beyond(100, QChar(0x00e9)); // two bytes each in UTF-8, one in Latin-1: all of them fit
     letText(bench, letTexts[0], 0, 2, beyond);
     QCOMPARE(QByteArray(entry(bench, 0, 2).description), QByteArray(100, '\xe9'));
+    letText(bench, letTexts[0], 0, 3, QString::fromUtf8("5 \xe2\x82\xac \xf0\x9f\x94\x8a")); // outside Latin-1
+    QCOMPARE(QByteArray(entry(bench, 0, 3).description), QByteArray("5 ? ??"));
 }
 
 void TestLets::letTextMayBeEmptyOrShorter()

@@ -221,6 +221,7 @@ private Q_SLOTS:
     void fanOf6410IsNotLogged();
     void fanWithAFractionIsZero();
     void fanDeleteStoresZero();
+    void deletedContainerClearsWhatItsDataHolds();
     void fanUnexpectedOperation();
 
     void channelStatus_data();
@@ -536,6 +537,20 @@ void TestMeasurements::fanWithAFractionIsZero()
     fan(bench, "amp_class_d", "1200");
     fan(bench, "amp_class_d", "1200.5");
     QCOMPARE(fans(bench), Numbers({0, 0}));
+}
+
+void TestMeasurements::deletedContainerClearsWhatItsDataHolds()
+{
+    TalBench bench(6420);
+    fan(bench, "amp_power", "1450");
+    fan(bench, "amp_class_d", "1600");
+    bench.notify("kvsnmp_fan", "delete", qs("/state/fans"), QString());
+    QCOMPARE(bench.records().fan.values[0], 1450U);
+    QCOMPARE(bench.records().fan.values[1], 1600U);
+    bench.notify("kvsnmp_fan", "delete", qs("/state/fans"),
+                 qs("<fans><fan><kid>amp_class_d</kid><speed_sensor_rpm>1600</speed_sensor_rpm></fan></fans>"));
+    QCOMPARE(bench.records().fan.values[0], 1450U);
+    QCOMPARE(bench.records().fan.values[1], 0U);
 }
 
 void TestMeasurements::fanDeleteStoresZero()

@@ -264,6 +264,8 @@ void TestSnmpSettings::wholeGroups()
     bench.notify("access_control", "delete", settings + qs("access_control"),
                  qs("<access_control><community>public</community><access>Read</access></access_control>"));
     QCOMPARE(bench.texts, QStringList({QString(), QString(), qs("192.0.2.9"), qs("2001:db8::9"), qs("161")}));
+    bench.notify("access_control", "delete", settings + qs("access_control"), QString());
+    QCOMPARE(bench.texts, QStringList({QString(), QString(), qs("192.0.2.9"), qs("2001:db8::9"), qs("161")}));
     QCOMPARE(bench.log.lines(), QStringList());
 }
 
