@@ -74,11 +74,11 @@ SnmpdConfHandler::SnmpdConfHandler(QObject *parent, TalHandler *talHandler, Snmp
     m_startTimer.setInterval(startDelayMs);
     connect(&m_startTimer, SIGNAL(timeout()), this, SLOT(doStartSnmpd()));
 
-    watchConfigFolder();
-    if (m_folderWatcher.directories().isEmpty())
+    if (!watchConfigFolder())
         qDebug().noquote() << "SnmpdConfHandler"
                            << "Cannot watch" << m_host.configFolder;
     connect(&m_folderWatcher, SIGNAL(directoryChanged(QString)), &m_restartTimer, SLOT(start()));
+    connect(&m_parentWatcher, SIGNAL(directoryChanged(QString)), this, SLOT(followConfigFolder()));
 
     m_restartTimer.start();
     m_watchdogTimer.start();
@@ -171,7 +171,7 @@ void SnmpdConfHandler::slotSnmpdConfSysSettingUpdate()
 
     if (!m_customFlagKnown)
         return;
-    watchConfigFolder(); // it may have come, or come back, since the last time
+    followConfigFolder();
     if (m_useCustomConfigFile && QFile::exists(m_host.configFile)) {
         Q_EMIT signalSnmpdConfFinish();
         return;

@@ -11,6 +11,11 @@
 #include <QString>
 #include <QTimer>
 
+#include <optional>
+#include <utility>
+
+#include <sys/types.h>
+
 class TalHandler;
 
 class SnmpdConfHandler : public QObject {
@@ -46,11 +51,13 @@ public Q_SLOTS:
     void doStartSnmpd();
     /// Restarts snmpd when it is gone or too big.
     void watchdogSnmpd();
+    /// Restarts snmpd when another folder has taken the place of the one with snmpd.conf, and watches that one.
+    void followConfigFolder();
 
 private:
     void copySysNameToAgent() const;
     bool writeConfigFile(const QByteArray &text) const;
-    void watchConfigFolder();
+    bool watchConfigFolder();
     bool isSnmpdStarting() const;
     void killStaleSnmpd() const;
 
@@ -61,7 +68,9 @@ private:
     QTimer m_startTimer{this};   ///< from the last stop to the start
     QDeadlineTimer m_startLimit; ///< for the pid file of the snmpd that was started last and not stopped since
     QFileSystemWatcher m_folderWatcher{this};
-    SnmpdConfSettings m_settings; ///< access, names, receivers, versions
+    QFileSystemWatcher m_parentWatcher{this}; ///< a folder that is moved away is an event of its parent alone
+    std::optional<std::pair<dev_t, ino_t>> m_watchedFolder; ///< device and inode
+    SnmpdConfSettings m_settings;                           ///< access, names, receivers, versions
     bool m_useCustomConfigFile = false;
     bool m_configSettled = false;   ///< the settings have been applied once
     bool m_customFlagKnown = false; ///< the data service has told whether there is a custom file

@@ -4,9 +4,11 @@
 #include "agent/kvagent.h"
 
 #include <QDebug>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 
+#include <sys/stat.h>
 #include <syslog.h>
 
 namespace {
@@ -25,13 +27,44 @@ QString probeText(QByteArray output)
     return QString::fromLatin1(nul < 0 ? output : output.left(nul));
 }
 
+/// Device and inode of the folder that stands at a path.
+std::optional<std::pair<dev_t, ino_t>> folderAt(const QString &path)
+{
+    struct stat status {};
+    if (stat(QFile::encodeName(path).constData(), &status) != 0)
+        return {};
+    return std::pair{status.st_dev, status.st_ino};
+}
+
 } // namespace
 
-/// Does nothing while the folder is watched already or is not there.
-void SnmpdConfHandler::watchConfigFolder()
+/// A watch follows the folder, not its name. True when the folder at the name is not the one that was watched before
+/// and is watched now. The parent reports when the folder is replaced; only a mount, or a change behind a symbolic
+/// link, waits for the next call.
+bool SnmpdConfHandler::watchConfigFolder()
 {
-    if (m_folderWatcher.directories().isEmpty() && QFileInfo::exists(m_host.configFolder))
-        m_folderWatcher.addPath(m_host.configFolder);
+    const QString parent = QFileInfo(QDir::cleanPath(m_host.configFolder)).path();
+    if (m_parentWatcher.directories().isEmpty() && QFileInfo::exists(parent))
+        m_parentWatcher.addPath(parent);
+
+    // Looked up before it is watched: replaced in between it is taken for another once more, and not missed.
+    const auto folder = folderAt(m_host.configFolder);
+    if (m_folderWatcher.directories().isEmpty())
+        m_watchedFolder.reset(); // it was deleted
+    if (folder == m_watchedFolder)
+        return false;
+    if (m_watchedFolder)
+        m_folderWatcher.removePath(m_host.configFolder);
+    m_watchedFolder.reset();
+    if (folder && m_folderWatcher.addPath(m_host.configFolder))
+        m_watchedFolder = folder;
+    return m_watchedFolder.has_value();
+}
+
+void SnmpdConfHandler::followConfigFolder()
+{
+    if (watchConfigFolder())
+        m_restartTimer.start();
 }
 
 void SnmpdConfHandler::onRestartSnmpdTimeout()
@@ -40,6 +73,7 @@ void SnmpdConfHandler::onRestartSnmpdTimeout()
         m_restartTimer.start();
         return;
     }
+    watchConfigFolder();
     if (!QFile::exists(m_host.configFile)) {
         qDebug().noquote() << "SnmpdConfHandler"
                            << "onRestartSnmpdTimeout"
@@ -96,6 +130,7 @@ void SnmpdConfHandler::killStaleSnmpd() const
 
 void SnmpdConfHandler::watchdogSnmpd()
 {
+    followConfigFolder();
     // The options are single words with a blank in them, as the device's ps takes them.
     const QString text = probeText(m_host.outputOf(
         {QStringLiteral("ps"), {QStringLiteral("--noheaders"), QStringLiteral("-C snmpd"), QStringLiteral("-o rss")}},

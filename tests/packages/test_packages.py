@@ -371,6 +371,27 @@ def test_further_directives_stand_in_snmpd_local_conf(booted: Booted) -> None:
     assert status_field(booted, snmpd_pids(booted)[0], "Uid").split()[1] == "0"
 
 
+def test_another_folder_in_place_of_etc_snmp_is_followed_and_writable_after_a_restart(booted: Booted) -> None:
+    config = booted.root.path("/etc/snmp/snmpd.conf")
+    before = snmpd_pids(booted)
+    type_in(booted, "mv /etc/snmp /etc/snmp.old")
+    type_in(booted, "cp -a /etc/snmp.old /etc/snmp")
+    wait_until(lambda: snmpd_pids(booted) not in ([], before), 20, "a snmpd with the new folder")
+    wait_answering(booted)
+    before = snmpd_pids(booted)
+    booted.run("sed", "-i", "s/^sysName.*/sysName by hand/", "/etc/snmp/snmpd.conf")
+    wait_until(lambda: snmpd_pids(booted) not in ([], before), 20, "a snmpd after a change in the new folder")
+    wait_answering(booted)
+
+    settled = booted.output("journalctl", "-t", "kv-snmp").count("settled")
+    booted.run("talctl", "set", "/state/config/snmp_settings/mib_2_settings/sys_contact", "replaced")
+    wait_until(lambda: booted.output("journalctl", "-t", "kv-snmp").count("settled") > settled, 10, "settings taken")
+    assert "replaced" not in config.read_text(), "the unit has it read-only"
+    type_in(booted, "systemctl restart kvsnmp.service")
+    wait_until(lambda: "sysContact replaced\n" in config.read_text(), 20, "the settings in the new folder")
+    wait_answering(booted)
+
+
 def test_the_self_check_runs(booted: Booted) -> None:
     assert booted.run("kvsnmp-check", check=False).returncode in (0, 1)
     typed.add("kvsnmp-check")

@@ -4,7 +4,9 @@
 
 #include "agent/trapgate.h"
 
+#include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QFileSystemWatcher>
 #include <QTest>
 
 #include <sys/stat.h>
@@ -42,12 +44,28 @@ private:
     uid_t m_user;
 };
 
+/// Waits until every change so far has been reported, by one that is reported after them.
+void takeChanges(const SnmpdBench &bench)
+{
+    QFileSystemWatcher watcher({bench.dir.path()});
+    const QSignalSpy changed(&watcher, &QFileSystemWatcher::directoryChanged);
+    const QString last = bench.dir.filePath(qs("last change"));
+    SnmpdBench::write(last, {});
+    QVERIFY(QFile::remove(last));
+    QTRY_VERIFY(!changed.isEmpty());
+    QCoreApplication::processEvents();
+}
+
 QString logEvent(int priority, const char *text)
 {
     return qs("log(%1): %2").arg(QString::number(priority), qs(text));
 }
 
+using Notice = void (SnmpdConfHandler::*)();
+
 } // namespace
+
+Q_DECLARE_METATYPE(Notice)
 
 class TestSnmpdSupervision : public QObject {
     Q_OBJECT
@@ -62,6 +80,11 @@ private Q_SLOTS:
     void customFileThatChangesRestartsSnmpd();
     void folderThatIsMissingAtStartIsWatchedLater();
     void folderThatWentAndCameBackIsWatchedAgain();
+    void folderReplacedByAnotherIsWatched_data();
+    void folderReplacedByAnotherIsWatched();
+    void folderReplacedWithoutAnEventIsNoticedLater_data();
+    void folderReplacedWithoutAnEventIsNoticedLater();
+    void changeBesideTheFolderIsIgnored();
     void pidFileLeftOver_data();
     void pidFileLeftOver();
     void pidFileThatCannotBeReadIsRemovedOnly();
@@ -220,6 +243,85 @@ void TestSnmpdSupervision::folderThatWentAndCameBackIsWatchedAgain()
     QVERIFY(QDir().mkpath(bench.folder));
     bench.settle();
     QTRY_COMPARE(bench.count(startEvent(bench)), 2);
+}
+
+void TestSnmpdSupervision::folderReplacedByAnotherIsWatched_data()
+{
+    QTest::addColumn<bool>("finished");
+    QTest::newRow("empty, filled later") << false;
+    QTest::newRow("with its file") << true;
+}
+
+void TestSnmpdSupervision::folderReplacedByAnotherIsWatched()
+{
+    QFETCH(bool, finished);
+    SnmpdBench bench;
+    bench.deliverSettings();
+    QTRY_COMPARE_WITH_TIMEOUT(bench.count(startEvent(bench)), 1, 5000);
+    const QString old = bench.dir.filePath(qs("old"));
+    const QString made = finished ? bench.dir.filePath(qs("new")) : bench.folder;
+    if (finished) {
+        QVERIFY(QDir().mkpath(made));
+        SnmpdBench::write(made + qs("/snmpd.conf"), "# another\n");
+    }
+    QVERIFY(QDir().rename(bench.folder, old));
+    if (finished) {
+        QVERIFY(QDir().rename(made, bench.folder));
+    } else {
+        takeChanges(bench);
+        QVERIFY(QDir().mkpath(bench.folder));
+        takeChanges(bench);
+        SnmpdBench::write(bench.configFile, "# another\n");
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(bench.count(startEvent(bench)), 2, 10000);
+
+    SnmpdBench::write(old + qs("/local.conf"), "x\n");
+    takeChanges(bench);
+    QVERIFY2(!bench.restartTimer()->isActive(), "the old folder is still watched");
+    SnmpdBench::write(bench.folder + qs("/local.conf"), "x\n");
+    QTRY_VERIFY(bench.restartTimer()->isActive());
+}
+
+void TestSnmpdSupervision::folderReplacedWithoutAnEventIsNoticedLater_data()
+{
+    QTest::addColumn<Notice>("notice");
+    QTest::newRow("settings") << Notice(&SnmpdConfHandler::slotSnmpdConfSysSettingUpdate);
+    QTest::newRow("health probe") << Notice(&SnmpdConfHandler::watchdogSnmpd);
+    QTest::newRow("restart") << Notice(&SnmpdConfHandler::onRestartSnmpdTimeout);
+}
+
+/// As by a mount, or behind a link.
+void TestSnmpdSupervision::folderReplacedWithoutAnEventIsNoticedLater()
+{
+    QFETCH(Notice, notice);
+    SnmpdBench bench(qs("link"));
+    const QTemporaryDir elsewhere;
+    const QString folder = elsewhere.filePath(qs("snmp"));
+    QVERIFY(QDir().mkpath(folder));
+    SnmpdBench::write(folder + qs("/snmpd.conf"), "# by hand\n");
+    QVERIFY(QFile::link(folder, bench.folder));
+    Q_EMIT bench.tal.handler.signalSnmpdConfUseCustomConfFile(true);
+    QTRY_COMPARE_WITH_TIMEOUT(bench.count(startEvent(bench)), 1, 5000);
+    takeChanges(bench);
+
+    QVERIFY(QDir().rename(folder, elsewhere.filePath(qs("old"))));
+    QVERIFY(QDir().mkpath(folder));
+    SnmpdBench::write(folder + qs("/snmpd.conf"), "# by hand, too\n");
+    QCoreApplication::processEvents();
+    QVERIFY(!bench.restartTimer()->isActive());
+    (*bench.handler.*notice)();
+    QTRY_COMPARE_WITH_TIMEOUT(bench.count(startEvent(bench)), 2, 5000);
+    SnmpdBench::write(bench.folder + qs("/local.conf"), "x\n");
+    QTRY_VERIFY(bench.restartTimer()->isActive());
+}
+
+void TestSnmpdSupervision::changeBesideTheFolderIsIgnored()
+{
+    SnmpdBench bench;
+    bench.restartTimer()->stop();
+    SnmpdBench::write(bench.dir.filePath(qs("another file")), "x\n");
+    takeChanges(bench);
+    QVERIFY(!bench.restartTimer()->isActive());
 }
 
 void TestSnmpdSupervision::pidFileLeftOver_data()

@@ -101,8 +101,16 @@ public:
     QString pidFile;
     QStringList events; ///< "run: ...", "start: ...", "probe(ms): ...", "log(priority): ...", "finish"
     QByteArray probeOutput = "8192\n";
-    std::function<void(const Command &)> onRun = [](const Command &) {};   ///< what a command that is run does
-    std::function<void(const Command &)> onStart = [](const Command &) {}; ///< and one that is started detached
+    /// What a command that is run, or started detached, does: snmpd writes its pid file, and removes it at its end.
+    std::function<void(const Command &)> onRun = [this](const Command &command) {
+        if (command.program == QLatin1String("killall"))
+            QFile::remove(pidFile);
+    };
+    std::function<void(const Command &)> onStart = [this](const Command &) {
+        QFile file(pidFile);
+        if (file.open(QIODevice::WriteOnly))
+            file.write("1\n");
+    };
     KvAgent agent{};
     TalBench tal{6410};
     QScopedPointer<SnmpdConfHandler> handler;
