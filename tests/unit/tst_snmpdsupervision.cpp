@@ -1,4 +1,5 @@
 // Restarting snmpd, starting it cleanly, and the health probe. No command is run here: the bench writes them down.
+#include "support/ordinaryuser.h"
 #include "support/snmpdbench.h"
 #include "support/testprogram.h"
 
@@ -10,7 +11,6 @@
 #include <QTest>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -23,26 +23,6 @@ QString startEvent(const SnmpdBench &bench)
 {
     return qs("start: snmpd|-p|") + bench.pidFile;
 }
-
-/// Root may read every file; what is not root may not.
-class AsOrdinaryUser {
-public:
-    AsOrdinaryUser() : m_user(geteuid())
-    {
-        if (m_user == 0 && seteuid(65534) != 0)
-            qFatal("root that may not become another user");
-    }
-    ~AsOrdinaryUser()
-    {
-        if (seteuid(m_user) != 0)
-            qFatal("the way back is closed");
-    }
-    AsOrdinaryUser(const AsOrdinaryUser &) = delete;
-    AsOrdinaryUser &operator=(const AsOrdinaryUser &) = delete;
-
-private:
-    uid_t m_user;
-};
 
 /// Waits until every change so far has been reported, by one that is reported after them.
 void takeChanges(const SnmpdBench &bench)
