@@ -163,7 +163,8 @@ Outcome checkSnmpdConfSettings(Subject &subject)
         QStringLiteral("differs from the settings in: %1")
             .arg(directives.empty() ? QStringLiteral("the order of its lines") : joined(directives)),
         QStringLiteral("changed by hand? Remove the change by changing any SNMP setting, or restarting kvsnmp: "
-                       "it writes the file anew; for a file of your own set custom_config to true"));
+                       "it writes the file anew; when it differs still, look for a read-only disk and at journalctl -t "
+                       "kv-snmp; for a file of your own set custom_config to true"));
 }
 
 Outcome checkSnmpdConfAccepted(Subject &subject)

@@ -3,18 +3,15 @@
 
 #include "agent/kvagent.h"
 #include "app/trace/trace.h"
+#include "snmpdconf/configfile.h"
 #include "tal/talhandler.h"
 
 #include <QDebug>
 #include <QFile>
 
-#include <cerrno>
-#include <cstring>
 #include <utility>
 
-#include <fcntl.h>
 #include <syslog.h>
-#include <unistd.h>
 
 namespace {
 
@@ -22,19 +19,6 @@ constexpr int settingsQuietMs = 300; // a burst of notifications leads to one wr
 constexpr int restartDelayMs = 500;
 constexpr int startDelayMs = 500; // leaves snmpd time to end and to remove its pid file
 constexpr int watchdogIntervalMs = 600000;
-
-/// False, with errno set, when not all of it could be written. QFile would take a part for the whole.
-bool writeAll(int descriptor, const QByteArray &text)
-{
-    for (int at = 0; at < text.size();) {
-        const ssize_t count = write(descriptor, text.constData() + at, static_cast<std::size_t>(text.size() - at));
-        if (count > 0)
-            at += static_cast<int>(count);
-        else if (count == 0 || errno != EINTR)
-            return false;
-    }
-    return true;
-}
 
 } // namespace
 
@@ -178,7 +162,7 @@ void SnmpdConfHandler::slotSnmpdConfSysSettingUpdate()
     }
 
     const SnmpdConfText conf = snmpdConfText(m_settings);
-    if (!writeConfigFile(conf.text))
+    if (!replaceConfigFile(conf.text))
         return;
     for (const QString &setting : conf.cutSettings)
         m_host.writeSystemLog(LOG_WARNING, "Setting " + setting.toLatin1() + " cut at its first line end or NUL");
@@ -191,24 +175,18 @@ void SnmpdConfHandler::copySysNameToAgent() const
     setSystemName({name.constData(), static_cast<std::size_t>(name.size())});
 }
 
-/// Deletes the file and creates it anew, readable by its owner alone from the first moment: it holds the community.
-/// A link that somebody has put there in the meantime is not followed. False when the file cannot be created, or not be
-/// written to its end: then there is none, because snmpd would take what there is of it for the whole.
-bool SnmpdConfHandler::writeConfigFile(const QByteArray &text) const
+bool SnmpdConfHandler::replaceConfigFile(const QByteArray &text)
 {
-    QFile::remove(m_host.configFile);
-    const int descriptor = open(QFile::encodeName(m_host.configFile).constData(),
-                                O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (descriptor < 0)
-        return false;
-    qDebug().noquote() << "SnmpdConfHandler"
-                       << "slotSnmpdConfSysSettingUpdate"
-                       << "Generating new snmpd.conf based on TAL values";
-    const bool whole = writeAll(descriptor, text);
-    if (!whole) {
-        m_host.writeSystemLog(LOG_ERR, QByteArray("snmpd.conf could not be written: ").append(std::strerror(errno)));
-        QFile::remove(m_host.configFile);
-    }
-    close(descriptor);
-    return whole;
+    using Outcome = ConfigFileResult::Outcome;
+    const auto [outcome, complaint] = writeConfigFile(m_host.configFile, text);
+    const bool isWritten = outcome == Outcome::Anew || outcome == Outcome::InPlace;
+    if (isWritten || outcome == Outcome::Failed)
+        qDebug().noquote() << "SnmpdConfHandler"
+                           << "slotSnmpdConfSysSettingUpdate"
+                           << "Generating new snmpd.conf based on TAL values";
+    if (!complaint.isEmpty())
+        m_host.writeSystemLog(isWritten ? LOG_WARNING : LOG_ERR, complaint);
+    if (outcome == Outcome::InPlace)
+        m_restartTimer.start(); // the folder does not change
+    return isWritten;
 }

@@ -56,7 +56,7 @@ public Q_SLOTS:
 
 private:
     void copySysNameToAgent() const;
-    bool writeConfigFile(const QByteArray &text) const;
+    bool replaceConfigFile(const QByteArray &text);
     bool watchConfigFolder();
     bool isSnmpdStarting() const;
     void killStaleSnmpd() const;

@@ -1,5 +1,7 @@
-"""The folder of snmpd.conf replaced by another one."""
+"""The folder of snmpd.conf replaced by another one, and a snmpd.conf that cannot be deleted."""
 from __future__ import annotations
+
+from pathlib import Path
 
 import pytest
 from support.dataservice import DataService
@@ -14,6 +16,9 @@ FOLDER = "/etc/snmp"
 CONF = "/etc/snmp/snmpd.conf"
 CONTACT = ".1.3.6.1.2.1.1.4.0"
 WHOLE = HEAD + NAMES + READ
+LONG = "c" * 6000  # a file with it needs two pages
+IN_PLACE = "warning: snmpd.conf is written in place, it cannot be deleted: "
+FAILED = "err: snmpd.conf could not be written in place and is empty now: "
 
 
 class Configured:
@@ -43,6 +48,13 @@ class Configured:
         snmpd = self.device.wait_snmpd()
         self.change_contact(contact)
         self.wait_contact(contact, [snmpd])
+
+    def count(self, text: str) -> int:
+        return sum(line.startswith(text) for line in self.device.syslog_texts())
+
+    def seen(self, path: str) -> Path:
+        """The host's name of what the device alone has mounted."""
+        return Path(f"/proc/{self.device.first_process}/root{path}")
 
 
 @pytest.fixture
@@ -103,3 +115,59 @@ def test_folder_that_was_mounted_over_is_found_by_the_probe(configured):
     let_the_probe_come(device)
     configured.wait_contact("mounted", [snmpd])
     configured.assert_change_is_served("by settings")
+
+
+# A file that cannot be deleted
+
+
+def mount_file(configured: Configured, source: str) -> None:
+    """The file of a place that keeps its content, over snmpd.conf."""
+    configured.device.path(CONF).write_text("# below the mount\n")
+    configured.device.run(["mount", "--bind", source, CONF])
+
+
+def test_file_that_is_a_mount_is_written_in_place(configured):
+    device, kept = configured.device, configured.device.path("/etc/kept.conf")
+    kept.write_text("# older and longer\n" * 100)
+    kept.chmod(0o644)
+    inode = kept.stat().st_ino
+    mount_file(configured, "/etc/kept.conf")
+    configured.start()
+    assert configured.count(IN_PLACE + "Device or resource busy") == 1
+    assert kept.read_text() == WHOLE
+    assert kept.stat().st_ino == inode and kept.stat().st_mode & 0o777 == 0o600
+
+    configured.assert_change_is_served("in place")
+    assert kept.read_text() == WHOLE.replace("sysContact ops", "sysContact in place")
+    assert configured.count(IN_PLACE) == 2
+    assert device.read(CONF) == "# below the mount\n"
+
+
+def test_writable_file_on_a_read_only_disk_is_written_in_place(configured):
+    disk = SmallDisk(configured.device, FOLDER)
+    (disk.folder / "snmpd.conf").write_text("")
+    configured.device.path("/etc/kept.conf").write_text("")
+    configured.device.run(["mount", "--bind", "/etc/kept.conf", CONF])
+    disk.protect()
+    configured.start()
+    assert configured.count(IN_PLACE + "Read-only file system") == 1
+    configured.assert_change_is_served("in place")
+
+
+def test_file_that_cannot_be_written_to_its_end_in_place_is_emptied(configured):
+    """There is nothing else to be done with it; snmpd goes on with what it has read."""
+    device = configured.device
+    device.path("/etc/kept").mkdir()
+    disk = SmallDisk(device, "/etc/kept")
+    (disk.folder / "snmpd.conf").write_text("")
+    mount_file(configured, "/etc/kept/snmpd.conf")
+    configured.start()
+    snmpd = device.wait_snmpd()
+    disk.fill()
+    configured.change_contact(LONG)
+    wait_until(lambda: configured.count(FAILED + "No space left on device") == 1, 5, what="error in the system log")
+    assert configured.seen(CONF).read_text() == ""
+    stays(lambda: device.pids("snmpd") == [snmpd], 1.5, what="the same snmpd")
+    assert configured.count(IN_PLACE) == 1  # the first write
+    disk.free()
+    configured.assert_change_is_served("after")

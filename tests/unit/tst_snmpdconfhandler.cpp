@@ -1,6 +1,7 @@
 // From the settings to the file: what is compared, when it is written, how the file comes to be.
 #include "support/snmpdbench.h"
 #include "support/testprogram.h"
+#include "support/undeletable.h"
 
 #include <QElapsedTimer>
 #include <QTest>
@@ -40,6 +41,25 @@ struct {
     int facility = 0;
     int closed = 0;
 } systemLog;
+
+/// While one lives, the last byte of the usual file finds no room.
+class NoRoomForTheEnd {
+public:
+    NoRoomForTheEnd()
+    {
+        getrlimit(RLIMIT_FSIZE, &m_before);
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit small = m_before;
+        small.rlim_cur = static_cast<rlim_t>(usualFile.size()) - 1;
+        setrlimit(RLIMIT_FSIZE, &small);
+    }
+    ~NoRoomForTheEnd() { setrlimit(RLIMIT_FSIZE, &m_before); }
+    NoRoomForTheEnd(const NoRoomForTheEnd &) = delete;
+    NoRoomForTheEnd &operator=(const NoRoomForTheEnd &) = delete;
+
+private:
+    rlimit m_before{};
+};
 
 } // namespace
 
@@ -82,6 +102,8 @@ private Q_SLOTS:
     void fileThatCannotBeCreatedIsPassedOverInSilence_data();
     void fileThatCannotBeCreatedIsPassedOverInSilence();
     void fileThatCannotBeWrittenToItsEndIsRemoved();
+    void fileThatCannotBeDeletedIsWrittenInPlace();
+    void fileThatCannotBeWrittenToItsEndInPlaceIsEmptied();
     void eachCutSettingIsLoggedOncePerWrite();
 };
 
@@ -401,14 +423,10 @@ void TestSnmpdConfHandler::fileThatCannotBeWrittenToItsEndIsRemoved()
 {
     SnmpdBench bench;
     bench.deliverSettings();
-    rlimit before{};
-    QCOMPARE(getrlimit(RLIMIT_FSIZE, &before), 0);
-    std::signal(SIGXFSZ, SIG_IGN);
-    rlimit small = before;
-    small.rlim_cur = static_cast<rlim_t>(usualFile.size()) - 1;
-    QCOMPARE(setrlimit(RLIMIT_FSIZE, &small), 0);
-    bench.settle();
-    QCOMPARE(setrlimit(RLIMIT_FSIZE, &before), 0);
+    {
+        const NoRoomForTheEnd noRoom;
+        bench.settle();
+    }
     QVERIFY(!QFileInfo::exists(bench.configFile));
     QCOMPARE(
         bench.events,
@@ -417,6 +435,48 @@ void TestSnmpdConfHandler::fileThatCannotBeWrittenToItsEndIsRemoved()
 
     bench.settle();
     QCOMPARE(bench.configText(), usualFile);
+}
+
+/// The folder does not change then, so the restart has to come from here.
+void TestSnmpdConfHandler::fileThatCannotBeDeletedIsWrittenInPlace()
+{
+    SnmpdBench bench;
+    SnmpdBench::write(bench.configFile, "# older\n");
+    const Undeletable file(bench.configFile);
+    bench.deliverSettings();
+    bench.restartTimer()->stop();
+    bench.tal.log.takeLines();
+    {
+        const AsOrdinaryUser user;
+        bench.settle();
+    }
+    QCOMPARE(bench.configText(), usualFile);
+    QCOMPARE(bench.events,
+             (QStringList{settledEvent,
+                          qs("log(%1): snmpd.conf is written in place, it cannot be deleted: Permission denied")
+                              .arg(QString::number(LOG_WARNING))}));
+    QCOMPARE(bench.tal.log.lines(), QStringList{generatingLine});
+    QVERIFY(bench.restartTimer()->isActive());
+}
+
+void TestSnmpdConfHandler::fileThatCannotBeWrittenToItsEndInPlaceIsEmptied()
+{
+    SnmpdBench bench;
+    SnmpdBench::write(bench.configFile, "# older\n");
+    const Undeletable file(bench.configFile);
+    bench.deliverSettings();
+    bench.restartTimer()->stop();
+    {
+        const AsOrdinaryUser user;
+        const NoRoomForTheEnd noRoom;
+        bench.settle();
+    }
+    QCOMPARE(bench.configText(), QByteArray());
+    QCOMPARE(bench.events,
+             (QStringList{settledEvent,
+                          qs("log(%1): snmpd.conf could not be written in place and is empty now: File too large")
+                              .arg(QString::number(LOG_ERR))}));
+    QVERIFY2(!bench.restartTimer()->isActive(), "snmpd goes on with what it has read");
 }
 
 void TestSnmpdConfHandler::eachCutSettingIsLoggedOncePerWrite()
