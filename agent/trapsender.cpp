@@ -26,6 +26,10 @@ constexpr auto descriptionOid = enterpriseOid(2, 4, 5, 0);
 constexpr std::string_view productText = "Orvane IPKiosk";
 constexpr std::string_view unknownHost = "not configured";
 
+/// The longest description in bytes. snmpd refuses an AgentX message of more than 65,536 bytes, and cannot send more
+/// than 65,487 by UDP over IPv6. With the longest names all else takes less than 1,000 of either, SNMPv3 included.
+constexpr std::size_t maxDescription = 64000;
+
 /// The variables of one notification.
 class VarList {
 public:
@@ -62,6 +66,14 @@ void writeTimeText(char (&text)[128], const char *time)
     copyBounded(text, calendar != nullptr ? calendar : formatted(0));
     std::replace(text, text + std::strlen(text), ':', '.');
 }
+
+std::string_view cutDescription(std::string_view whole)
+{
+    const std::string_view cut = utf8Prefix(whole, maxDescription);
+    if (cut.size() < whole.size())
+        snmp_log(LOG_WARNING, "sendTrap: description cut from %zu to %zu bytes\n", whole.size(), cut.size());
+    return cut;
+}
 } // namespace
 
 int sendTrap(std::uint32_t trapNumber, const char *description, std::int32_t level, const char *time)
@@ -89,7 +101,7 @@ int sendTrap(std::uint32_t trapNumber, const char *description, std::int32_t lev
         variables.add(sysNameOid, kvAgent->systemName);
     variables.add(levelOid, ASN_INTEGER, &level, sizeof(level));
     variables.add(timeOid, timeText);
-    variables.add(descriptionOid, description);
+    variables.add(descriptionOid, cutDescription(description));
     send_v2trap(variables.first());
     return 0;
 }

@@ -1,4 +1,4 @@
-// The one way to copy a text into a fixed buffer.
+// Texts that must not be longer than something: copied into a fixed buffer, or cut.
 #pragma once
 
 #include <algorithm>
@@ -16,4 +16,16 @@ constexpr std::uint32_t copyBounded(char (&buffer)[size], std::string_view text)
     std::copy_n(text.data(), length, buffer);
     buffer[length] = '\0';
     return static_cast<std::uint32_t>(length);
+}
+
+/// The longest beginning of a UTF-8 text that has at most `size` bytes and ends where a character ends.
+constexpr std::string_view utf8Prefix(std::string_view text, std::size_t size)
+{
+    if (text.size() <= size)
+        return text;
+    constexpr int mask = 0xC0; // of a byte inside a character, 10xxxxxx
+    constexpr int inside = 0x80;
+    while (size > 0 && (static_cast<unsigned char>(text[size]) & mask) == inside)
+        --size;
+    return text.substr(0, size);
 }

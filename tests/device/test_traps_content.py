@@ -6,13 +6,14 @@ import time
 
 import pytest
 from support.polling import wait_until
-from support.traps import (CATALOGUE, DESCRIPTION, E, LEVEL, ROW_OF, SETTINGS, SYS_UP_TIME, TIME, Faults,
+from support.traps import (CATALOGUE, DESCRIPTION, E, LEVEL, ROW_OF, SETTINGS, SYS_NAME, SYS_UP_TIME, TIME, Faults,
                            TrapReceiver, Variable, expected_variables, switch, time_text)
 
 TRAP_PORT, INFORM_PORT = 1162, 1163
 ZONE = datetime.timezone(datetime.timedelta(hours=3, minutes=30))  # no machine that runs the tests has it by chance
 RAISED_AT = 1717228923
 SYSTEM_NAME = "Gebäude 7"
+LONGEST = 64000  # bytes of a description
 
 
 class Bench:
@@ -135,10 +136,48 @@ def test_an_empty_time_text_is_now(bench):
     "100 %1 %s %2",
     " blanks around ",
     "first line\nsecond line",
-    "x" * 60000,
-], ids=["UTF-8", "quotes", "percent signs", "blanks", "line feed", "60,000 characters"])
+    "x" * (LONGEST - 1),
+    "x" * LONGEST,
+    "ü" * (LONGEST // 2),
+], ids=["UTF-8", "quotes", "percent signs", "blanks", "line feed", "one less than the longest", "the longest",
+        "the longest of two bytes a character"])
 def test_description_is_received_as_it_was_raised(bench, text):
     assert bench.trap_of("custom_msg", text).value(DESCRIPTION) == text.encode()
+
+
+@pytest.mark.parametrize("kept, rest", [
+    (LONGEST, "x"),
+    (LONGEST - 1, "ü"),
+    (LONGEST - 1, "✓"),
+    (LONGEST - 2, "✓"),
+    (LONGEST - 3, "𝄞"),
+    (LONGEST - 1, "€" * 12000),
+    (LONGEST, "x" * 36000),
+    (LONGEST, "x" * 936000),
+], ids=["one byte too long", "in two bytes", "after one of three bytes", "after two of three bytes",
+        "after three of four bytes", "many of three bytes", "100 kB", "1 MB"])
+def test_a_description_that_is_too_long_is_cut_after_a_character(bench, kept, rest):
+    """Received as a trap here, as an inform in the last test; one line in the log for each."""
+    begin = bench.faults.new_texts("cut", 1)[0].ljust(kept, "x")
+    bench.faults.raise_one("custom_msg", begin + rest)
+    trap, = bench.traps.wait_for(begin)
+    assert trap.value(DESCRIPTION) == begin.encode()
+    line = f"sendTrap: description cut from {kept + len(rest.encode())} to {kept} bytes\n"
+    assert bench.device.kvsnmp_err().count(line) == 1
+
+
+def test_the_longest_texts_fit_together(bench):
+    name = f"{SETTINGS}/mib_2_settings/sys_name"
+    restarts = bench.device.pids("snmpd")
+    bench.device.talctl("set", name, "n" * 300)
+    bench.device.wait_snmpd(other_than=restarts)
+    bench.device.wait_answering()
+    trap = bench.trap_of("custom_msg", "y" * LONGEST)
+    assert trap.value(SYS_NAME) == b"n" * 256
+    restarts = bench.device.pids("snmpd")
+    bench.device.talctl("set", name, SYSTEM_NAME)
+    bench.device.wait_snmpd(other_than=restarts)
+    bench.device.wait_answering()
 
 
 def test_empty_description(bench):

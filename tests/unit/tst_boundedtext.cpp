@@ -1,6 +1,7 @@
 // Copies into fixed buffers: bounded, terminated, nothing written behind them.
 #include "support/testprogram.h"
 
+// Copies into fixed buffers: bounded, terminated, nothing written behind them. Cuts: never inside a character.
 #include "device/boundedtext.h"
 
 #include <QtTest>
@@ -25,6 +26,8 @@ private Q_SLOTS:
     void zeroInsideTheTextIsCopied();
     void bufferOfOneHoldsTheTerminatorOnly();
     void worksAtCompileTime();
+    void prefixEndsWhereACharacterEnds_data();
+    void prefixEndsWhereACharacterEnds();
 };
 
 void TestBoundedText::copiesWhatFits_data()
@@ -78,6 +81,32 @@ void TestBoundedText::worksAtCompileTime()
     }();
     static_assert(length == 3);
     QCOMPARE(length, 3U);
+}
+
+const TestEntry entry("tst_boundedtext", runTest<TestBoundedText>);
+void TestBoundedText::prefixEndsWhereACharacterEnds_data()
+{
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<int>("size");
+    QTest::addColumn<QByteArray>("kept");
+
+    const QByteArray mixed("a\xc3\xbc\xe2\x9c\x93\xf0\x9d\x84\x9e"); // 1, 2, 3 and 4 bytes
+    const int kept[] = {0, 1, 1, 3, 3, 3, 6, 6, 6, 6, 10, 10};
+    for (int size = 0; size < static_cast<int>(std::size(kept)); ++size)
+        QTest::addRow("%d of 10 bytes", size) << mixed << size << mixed.left(kept[size]);
+    QTest::newRow("empty") << QByteArray() << 4 << QByteArray();
+    QTest::newRow("empty, nothing fits") << QByteArray() << 0 << QByteArray();
+    QTest::newRow("no beginning of a character") << QByteArray("\x80\x80\x80\x80") << 2 << QByteArray();
+}
+
+void TestBoundedText::prefixEndsWhereACharacterEnds()
+{
+    QFETCH(QByteArray, text);
+    QFETCH(int, size);
+    QFETCH(QByteArray, kept);
+    const std::string_view prefix =
+        utf8Prefix({text.constData(), static_cast<std::size_t>(text.size())}, static_cast<std::size_t>(size));
+    QCOMPARE(QByteArray(prefix.data(), static_cast<int>(prefix.size())), kept);
 }
 
 const TestEntry entry("tst_boundedtext", runTest<TestBoundedText>);

@@ -78,7 +78,9 @@ private Q_SLOTS:
     void anEmptyTimeIsNow();
     void aFailedHostNameIsReplaced();
     void aHostNameThatFillsTheBufferIsTerminated();
-    void longAndForeignDescriptionsAreSentWhole();
+    void descriptions_data();
+    void descriptions();
+    void aRefusedTrapSaysNothingOfItsLength();
     void atMostTwoHundredBetweenTwoPasses();
 };
 
@@ -230,13 +232,39 @@ void TestTrapSender::aHostNameThatFillsTheBufferIsTerminated()
     QCOMPARE(sent.first()[2], QLatin1String("E.2.4.2.0 STRING ") + QString(255, QLatin1Char('h')));
 }
 
-void TestTrapSender::longAndForeignDescriptionsAreSentWhole()
+void TestTrapSender::descriptions_data()
 {
-    const QString longText(5000, QChar(0x00FC));
-    QCOMPARE(sendTrap(1, longText.toUtf8().constData(), 1, "0"), 0);
-    QCOMPARE(sent.last()[5], QLatin1String("E.2.4.5.0 STRING ") + longText);
-    QCOMPARE(sendTrap(1, "", 1, "0"), 0);
-    QCOMPARE(sent.last()[5], QStringLiteral("E.2.4.5.0 STRING "));
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<int>("kept"); // of its bytes
+    const QByteArray longest(64000, 'x');
+    QTest::newRow("empty") << QByteArray("") << 0;
+    QTest::newRow("longest") << longest << 64000;
+    QTest::newRow("longest, two bytes a character") << QString(32000, QChar(0x00FC)).toUtf8() << 64000;
+    QTest::newRow("one byte too long") << longest + "x" << 64000;
+    QTest::newRow("a character over the edge") << longest.left(63998) + "\xe2\x9c\x93" << 63998;
+    QTest::newRow("1 MB") << QByteArray(1000000, 'x') << 64000;
+}
+
+void TestTrapSender::descriptions()
+{
+    QFETCH(QByteArray, text);
+    QFETCH(int, kept);
+    const QByteArray expected = text.left(kept);
+    const AgentLog log;
+    QCOMPARE(sendTrap(1, text.constData(), 1, "0"), 0);
+    QCOMPARE(sent.last()[5], QLatin1String("E.2.4.5.0 STRING ") + QString::fromUtf8(expected));
+    QStringList said;
+    if (kept < text.size())
+        said.append(QStringLiteral("4 sendTrap: description cut from %1 to %2 bytes").arg(text.size()).arg(kept));
+    QCOMPARE(log.lines, said);
+}
+
+void TestTrapSender::aRefusedTrapSaysNothingOfItsLength()
+{
+    trapGate().closeSession();
+    const AgentLog log;
+    QCOMPARE(sendTrap(1, QByteArray(100000, 'x').constData(), 1, "0"), -1);
+    QCOMPARE(log.lines, QStringList());
 }
 
 void TestTrapSender::atMostTwoHundredBetweenTwoPasses()
