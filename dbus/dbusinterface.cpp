@@ -8,12 +8,64 @@
 #include <QDBusConnection>
 #include <QDebug>
 
+#include <cerrno>
+#include <string>
 #include <utility>
+
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr timeval answerLimit = {.tv_sec = 25, .tv_usec = 0}; // the D-Bus library's own, once it is let in
+
+/// The socket of the system bus; empty when its address is of another kind.
+std::string busSocket()
+{
+    const std::string address =
+        qEnvironmentVariable("DBUS_SYSTEM_BUS_ADDRESS", QStringLiteral("unix:path=/var/run/dbus/system_bus_socket"))
+            .toStdString();
+    const std::string kind = "unix:path=";
+    return address.starts_with(kind) ? address.substr(kind.size(), address.find_first_of(",;") - kind.size()) : "";
+}
+
+/// Whether the bus accepts connections but answers none: the D-Bus library would wait for its handshake without end.
+bool isBusSilent()
+{
+    const std::string path = busSocket();
+    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+    if (path.empty() || path.size() >= sizeof address.sun_path)
+        return false;
+    path.copy(address.sun_path, path.size());
+
+    const int bus = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    setsockopt(bus, SOL_SOCKET, SO_SNDTIMEO, &answerLimit, sizeof answerLimit);
+    setsockopt(bus, SOL_SOCKET, SO_RCVTIMEO, &answerLimit, sizeof answerLimit);
+    constexpr char question[] = "\0AUTH\r\n"; // which mechanisms it knows
+    char answer[256] = {};
+    errno = 0;
+    const bool answered = connect(bus, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
+                          send(bus, question, sizeof question - 1, MSG_NOSIGNAL) > 0 &&
+                          recv(bus, answer, sizeof answer, 0) > 0;
+    const bool silent = !answered && errno == EAGAIN;
+    close(bus);
+    return silent;
+}
+
+/// Not connected when the bus does not let anybody in.
+QDBusConnection systemBus()
+{
+    return isBusSilent() ? QDBusConnection(QString()) : QDBusConnection::systemBus();
+}
+
+} // namespace
 
 DbusInterface::DbusInterface(TalHandler *parent)
     : QObject(parent),
-      m_proxy(new ComOrvanePamonInterface(QStringLiteral("com.orvane.pamon"), QStringLiteral("/monitor"),
-                                          QDBusConnection::systemBus(), this))
+      m_proxy(new ComOrvanePamonInterface(QStringLiteral("com.orvane.pamon"), QStringLiteral("/monitor"), systemBus(),
+                                          this))
 {
     connect(m_proxy, SIGNAL(onGpoUpdate(uint, QString, QString)), this,
             SLOT(dbusDoGpoUpdateSlot(uint, QString, QString)));

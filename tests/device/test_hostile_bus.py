@@ -1,8 +1,11 @@
 """The system bus absent, killed and restarted, and what other senders, or the monitor itself, may put on it."""
 from __future__ import annotations
 
+import contextlib
 import signal
+import socket
 import subprocess
+import threading
 import time
 
 import pytest
@@ -253,6 +256,39 @@ def test_bus_absent_at_the_start(start_device):
     device.start_kvsnmp("-d", clock_shift=True)
     device.wait_answering()
     assert hears(device, monitor)
+
+
+HANDSHAKE = [(b"AUTH EXTERNAL ", b"OK 0123456789abcdef0123456789abcdef\r\n"), (b"AUTH", b"REJECTED EXTERNAL\r\n"),
+             (b"NEGOTIATE_UNIX_FD", b"AGREE_UNIX_FD\r\n")]
+
+
+def converse(server: socket.socket, answers: list[tuple[bytes, bytes]]) -> None:
+    """Lets everybody in, one after the other, and answers the lines that begin as told."""
+    with contextlib.suppress(OSError):
+        for connection in iter(lambda: server.accept()[0], None):
+            while said := connection.recv(4096):
+                said = said.lstrip(b"\0")
+                connection.sendall(next((answer for begin, answer in answers if said.startswith(begin)), b""))
+
+
+@pytest.mark.parametrize("answers", [[], HANDSHAKE], ids=["at all", "after the handshake"])
+def test_bus_that_does_not_answer_at_the_start(start_device, answers):
+    """It is given up after 25 s; then the daemon works as without a bus."""
+    device = start_device(6420, "--no-dbus", "--no-traps", "--no-kvsnmp")
+    path = device.path(BUS_SOCKET)
+    path.parent.mkdir(parents=True, exist_ok=True)
+    with socket.socket(socket.AF_UNIX) as server:
+        server.bind(str(path))
+        server.listen()
+        threading.Thread(target=converse, args=(server, answers), daemon=True).start()
+        begin = time.monotonic()
+        device.start_kvsnmp("-d", clock_shift=True)
+        device.wait_answering(45)
+        print(f"first answer after {time.monotonic() - begin:.1f} s")
+        device.wait_subscribed()
+        assert_serves(device)
+        assert_idle(device)
+        server.shutdown(socket.SHUT_RDWR)
 
 
 @pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGTERM], ids=lambda number: number.name)
