@@ -15,6 +15,7 @@
 #include <QSocketNotifier>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <sys/socket.h>
@@ -68,6 +69,14 @@ KvSnmp::~KvSnmp()
     }
 }
 
+void KvSnmp::nameApplication()
+{
+    QCoreApplication::setOrganizationName(QStringLiteral("Orvane"));
+    QCoreApplication::setOrganizationDomain(QStringLiteral("orvane.com"));
+    QCoreApplication::setApplicationName(QStringLiteral("kvsnmp"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(KVSNMP_VERSION));
+}
+
 void KvSnmp::createSignalSockets()
 {
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, signalSockets) != 0)
@@ -82,6 +91,19 @@ void KvSnmp::handOverSignal(int)
     // Never waits: one byte that was not taken yet ends the event loop as well as a second one.
     send(signalSockets[writtenByHandler], &byte, sizeof byte, MSG_DONTWAIT | MSG_NOSIGNAL);
     errno = savedErrno;
+}
+
+void KvSnmp::installSignalHandlers()
+{
+    struct sigaction action {};
+    action.sa_handler = handOverSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    for (const int signalNumber : {SIGINT, SIGTERM, SIGHUP}) {
+        // A failure, which is -1, is passed over on purpose.
+        if (sigaction(signalNumber, &action, nullptr) > 0)
+            std::perror("kvsnmp: Error setting up Linux Signal handlers.\n");
+    }
 }
 
 void KvSnmp::readIdentity()

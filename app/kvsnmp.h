@@ -36,8 +36,13 @@ public:
     explicit KvSnmp(QCoreApplication *app, const Surroundings &surroundings = {});
     ~KvSnmp() override;
 
+    /// Names the program and its maker, before the object is created.
+    static void nameApplication();
+
     /// Hands a Unix signal to the event loop, which then ends. To be installed as signal handler while a KvSnmp exists.
     static void handOverSignal(int signalNumber);
+    /// Installs it for the signals that end the daemon.
+    static void installSignalHandlers();
 
 Q_SIGNALS:
     void appExit();

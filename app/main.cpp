@@ -9,7 +9,6 @@
 #include <QCoreApplication>
 #include <QDebug>
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <unistd.h>
@@ -33,27 +32,6 @@ void becomeDaemon(const PidFileHandler &pidFile)
     }
 }
 
-void installSignalHandlers()
-{
-    struct sigaction action {};
-    action.sa_handler = KvSnmp::handOverSignal;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_RESTART;
-    for (const int signalNumber : {SIGINT, SIGTERM, SIGHUP}) {
-        // A failure, which is -1, is passed over on purpose.
-        if (sigaction(signalNumber, &action, nullptr) > 0)
-            std::perror("kvsnmp: Error setting up Linux Signal handlers.\n");
-    }
-}
-
-void nameApplication()
-{
-    QCoreApplication::setOrganizationName(QStringLiteral("Orvane"));
-    QCoreApplication::setOrganizationDomain(QStringLiteral("orvane.com"));
-    QCoreApplication::setApplicationName(QStringLiteral("kvsnmp"));
-    QCoreApplication::setApplicationVersion(QStringLiteral(KVSNMP_VERSION));
-}
-
 } // namespace
 
 int main(int argc, char *argv[])
@@ -69,9 +47,9 @@ int main(int argc, char *argv[])
         std::puts("kvsnmp: forking as application..");
 
     const QCoreApplication app(argc, argv);
-    nameApplication();
+    KvSnmp::nameApplication();
     auto kvSnmp = std::make_unique<KvSnmp>(QCoreApplication::instance());
-    installSignalHandlers();
+    KvSnmp::installSignalHandlers();
     if (options.talDebug)
         TalInterface::debugPrintEnable();
     const int status = QCoreApplication::exec();

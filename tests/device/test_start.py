@@ -218,6 +218,15 @@ def test_signal_ends_before_the_agent_is_started(clean_device, number):
     assert "QApplication main  Removing PidFile\n" in err
 
 
+def test_its_name_is_not_that_of_the_command(clean_device):
+    kvsnmp = clean_device.start_kvsnmp("-d", wrapper=["bash", "-c", 'exec -a other "$@"', "-"],
+                                       env={"QT_MESSAGE_PATTERN": "%{appname}: %{message}"})
+    clean_device.kill(clean_device.wait_running(), signal.SIGTERM)
+    assert kvsnmp.wait(10) == 0
+    lines = clean_device.kvsnmp_err().splitlines()
+    assert lines and all(line.startswith("kvsnmp: ") for line in lines)
+
+
 def test_signals_end_a_serving_daemon(start_device):
     """One device, its daemon started three times."""
     device = start_device(6420, "--no-kvsnmp")

@@ -59,6 +59,9 @@ private Q_SLOTS:
     void notificationsReachTheTalHandler();
     void faultsReachTheFaultHandler();
 
+    void theProgramAndItsMakerAreNamed();
+    void theSignalsAreHandledAlike_data() { signalEndsTheEventLoop_data(); }
+    void theSignalsAreHandledAlike();
     void signalEndsTheEventLoop_data();
     void signalEndsTheEventLoop();
     void manySignalsNeitherBlockNorFail();
@@ -290,6 +293,35 @@ void TestKvSnmp::faultsReachTheFaultHandler()
     QCOMPARE(sentTraps.size(), 2);
     QVERIFY(sentTraps[0].startsWith(qs("1 ")) && sentTraps[0].endsWith(qs("before it is enabled")));
     QVERIFY(sentTraps[1].endsWith(qs("after")));
+}
+
+void TestKvSnmp::theProgramAndItsMakerAreNamed()
+{
+    const ChildResult child = inChild([] {
+        KvSnmp::nameApplication();
+        for (const QString &name : {QCoreApplication::organizationName(), QCoreApplication::organizationDomain(),
+                                    QCoreApplication::applicationName(), QCoreApplication::applicationVersion()})
+            std::puts(qPrintable(name));
+        return 0;
+    });
+    QCOMPARE(child.out, QByteArray("Orvane\norvane.com\nkvsnmp\n" KVSNMP_VERSION "\n"));
+}
+
+void TestKvSnmp::theSignalsAreHandledAlike()
+{
+    QFETCH(int, signalNumber);
+
+    const ChildResult child = inChild([signalNumber] {
+        KvSnmp::installSignalHandlers();
+        struct sigaction action {};
+        sigaction(signalNumber, nullptr, &action);
+        const int unwanted = SA_SIGINFO | SA_NODEFER | SA_RESETHAND | SA_ONSTACK;
+        const bool asTold = action.sa_handler == KvSnmp::handOverSignal && sigisemptyset(&action.sa_mask) == 1 &&
+                            (action.sa_flags & (SA_RESTART | unwanted)) == SA_RESTART;
+        return asTold ? 0 : 1;
+    });
+    QVERIFY(child.exitedWith(0));
+    QCOMPARE(child.err, QByteArray());
 }
 
 void TestKvSnmp::signalEndsTheEventLoop_data()
