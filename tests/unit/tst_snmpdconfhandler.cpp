@@ -85,6 +85,8 @@ private Q_SLOTS:
     void burstOfSettingsGivesOneWriteAfter300Ms();
     void changeStartsTheSettingsTimer_data();
     void changeStartsTheSettingsTimer();
+    void changeRestartsARunningCountdown_data() { changeStartsTheSettingsTimer_data(); }
+    void changeRestartsARunningCountdown();
     void versionAndAddressThatAreNotComparedComeWithTheNextChange();
     void nothingIsWrittenBeforeTheCustomFlagIsKnown();
     void sysNameAloneIsCopiedToTheAgent();
@@ -95,6 +97,7 @@ private Q_SLOTS:
     void customFileThatHasVanishedIsReplaced();
     void customFlagTrueAppliesAtOnce();
     void customFlagFalseAgainWritesTheFile();
+    void customFlagWhileTheCountdownRuns();
     void customFlagThatDoesNotChangeOnlyBecomesKnown();
     void otherAccessTextLeavesAnEmptyFile();
     void fileIsReadableByItsOwnerAlone();
@@ -208,6 +211,18 @@ void TestSnmpdConfHandler::changeStartsTheSettingsTimer()
     QCOMPARE(bench.settingsTimer()->isActive(), actedOn);
     bench.settle();
     QCOMPARE(bench.configText() != usualFile, actedOn);
+}
+
+void TestSnmpdConfHandler::changeRestartsARunningCountdown()
+{
+    QFETCH(Change, change);
+    QFETCH(bool, actedOn);
+    SnmpdBench bench;
+    bench.deliverSettings();
+    SnmpdBench::prolong(bench.settingsTimer());
+    change(bench.tal.handler);
+    QVERIFY(bench.settingsTimer()->isActive());
+    QCOMPARE(SnmpdBench::isProlonged(bench.settingsTimer()), !actedOn);
 }
 
 void TestSnmpdConfHandler::versionAndAddressThatAreNotComparedComeWithTheNextChange()
@@ -341,6 +356,25 @@ void TestSnmpdConfHandler::customFlagFalseAgainWritesTheFile()
              QStringList{qs("SnmpdConfHandler slotSnmpdConfUseCustomConfFile Device uses our generated snmpd.conf")});
     QVERIFY(bench.settingsTimer()->isActive());
     QTRY_COMPARE(bench.configText(), usualFile);
+}
+
+void TestSnmpdConfHandler::customFlagWhileTheCountdownRuns()
+{
+    SnmpdBench bench(qs("not watched, so that nothing restarts"));
+    QVERIFY(QDir().mkpath(bench.folder));
+    bench.restartTimer()->stop();
+    SnmpdBench::write(bench.configFile, "# by hand\n");
+    bench.deliverSettings();
+    SnmpdBench::prolong(bench.settingsTimer());
+    Q_EMIT bench.tal.handler.signalSnmpdConfUseCustomConfFile(true);
+    QVERIFY2(SnmpdBench::isProlonged(bench.settingsTimer()), "it runs on");
+    Q_EMIT bench.tal.handler.signalSnmpdConfUseCustomConfFile(false);
+    QVERIFY2(!SnmpdBench::isProlonged(bench.settingsTimer()), "it begins anew");
+    Q_EMIT bench.tal.handler.signalSnmpdConfUseCustomConfFile(true);
+    QTRY_VERIFY(!bench.settingsTimer()->isActive());
+    const QStringList expected = {settledEvent, qs("finish")};
+    QCOMPARE(bench.events, expected);
+    QCOMPARE(bench.configText(), QByteArray("# by hand\n"));
 }
 
 void TestSnmpdConfHandler::customFlagThatDoesNotChangeOnlyBecomesKnown()

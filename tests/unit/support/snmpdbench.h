@@ -7,6 +7,7 @@
 #include "device/boundedtext.h"
 #include "snmpdconf/snmpdconfhandler.h"
 
+#include <QAbstractEventDispatcher>
 #include <QDir>
 #include <QFile>
 #include <QSignalSpy>
@@ -67,6 +68,15 @@ public:
     QTimer *settingsTimer() const { return timer(300); }
     QTimer *restartTimer() const { return timer(500); }
     QTimer *watchdogTimer() const { return timer(600000); }
+
+    /// Lets the running countdown of a timer last a minute, so that a start anew is seen without waiting.
+    static void prolong(QTimer *timer)
+    {
+        auto *dispatcher = QAbstractEventDispatcher::instance();
+        dispatcher->unregisterTimer(timer->timerId());
+        dispatcher->registerTimer(timer->timerId(), 60000, timer->timerType(), timer);
+    }
+    static bool isProlonged(const QTimer *timer) { return timer->remainingTime() > 30000; }
 
     /// Runs the settings timer out at once.
     void settle() { handler->slotSnmpdConfSysSettingUpdate(); }
