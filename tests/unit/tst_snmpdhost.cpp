@@ -31,6 +31,7 @@ private Q_SLOTS:
     void runIgnoresFailures();
     void startDetachedDoesNotWait();
     void outputOfReadsAllOutput();
+    void outputCountsWhateverTheExitStatus();
     void outputOfACommandThatIsTooSlowIsEmpty();
     void outputOfACommandThatCannotStartIsEmpty();
 };
@@ -79,6 +80,12 @@ void TestSnmpdHost::outputOfReadsAllOutput()
         shell(QStringLiteral("head -c 300000 /dev/zero; printf '8192\\n'; echo 'not this' >&2")), 30000);
     QCOMPARE(output.size(), 300005);
     QVERIFY(output.endsWith("8192\n"));
+}
+
+void TestSnmpdHost::outputCountsWhateverTheExitStatus()
+{
+    QCOMPARE(deviceHost().outputOf(shell(QStringLiteral("echo 8192; exit 1")), 30000), QByteArray("8192\n"));
+    QCOMPARE(deviceHost().outputOf(shell(QStringLiteral("echo 8192; kill -9 $$")), 30000), QByteArray("8192\n"));
 }
 
 void TestSnmpdHost::outputOfACommandThatIsTooSlowIsEmpty()
