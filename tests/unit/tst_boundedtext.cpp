@@ -1,7 +1,6 @@
-// Copies into fixed buffers: bounded, terminated, nothing written behind them.
+// Copies into fixed buffers: bounded, terminated, nothing written behind them. Cuts: never inside a character.
 #include "support/testprogram.h"
 
-// Copies into fixed buffers: bounded, terminated, nothing written behind them. Cuts: never inside a character.
 #include "device/boundedtext.h"
 
 #include <QtTest>

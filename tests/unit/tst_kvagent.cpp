@@ -13,6 +13,8 @@
 #include <fcntl.h>
 
 namespace {
+bool settingsArePrinted = false; // each integer that the agent sets in its library
+
 // What stands between the two library calls of the start, on model 6420.
 const QStringList moduleLines = lines({
     "init_voltageTable() 6420 ",
@@ -36,6 +38,16 @@ const QStringList moduleLines = lines({
     "relayTable: initialize_table_relayTable()",
 });
 } // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the names are the linker's
+extern "C" int __real_netsnmp_ds_set_int(int store, int which, int value);
+extern "C" int __wrap_netsnmp_ds_set_int(int store, int which, int value)
+{
+    if (settingsArePrinted)
+        std::printf("%d: %d = %d\n", store, which, value);
+    return __real_netsnmp_ds_set_int(store, which, value);
+}
+// NOLINTEND(bugprone-reserved-identifier)
 
 class TestKvAgent : public QObject {
     Q_OBJECT
@@ -132,12 +144,16 @@ void TestKvAgent::theStartFillsTheRecord()
 void TestKvAgent::theLibraryIsSetUpAsASubAgent()
 {
     const QStringList facts = printedInOwnProcess([] {
+        settingsArePrinted = true;
         kaAgentStart(6720, 1, "");
         std::printf("facts %d %d %d\n", netsnmp_ds_get_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE),
                     netsnmp_ds_get_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_MAX_GETBULKREPEATS),
                     netsnmp_ds_get_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_MAX_GETBULKRESPONSES));
     });
     QCOMPARE(facts.last(), QStringLiteral("facts 1 1 1"));
+    // Time limit and retries, the two limits of GETBULK; init_agent() sets the first two back.
+    QCOMPARE(facts.mid(0, 6), lines({"Starting kvAgent", "1: 4 = 1", "1: 5 = 1", "1: 13 = 1", "1: 14 = 1",
+                                     "return from init_agent() ret:0"}));
 }
 
 void TestKvAgent::theLibraryLogsToStandardError()
