@@ -724,7 +724,15 @@ void TestConfiguration::gpioTypeResetsInputAndOutputRows()
             row = {sentinel, sentinel};
         for (std::uint32_t &row : bench.records().controlOutput.status)
             row = sentinel;
+        Numbers atTheSignal; // its receiver may set a status, which the reset then takes back
+        QObject::connect(&bench.handler, &TalHandler::signalSetGpioType, &bench.handler, [&](uint gpio) {
+            const ControlInputRow &input = bench.records().controlInput.rows[gpio];
+            atTheSignal << input.status << input.monitored;
+            if (gpio < controlOutputRows)
+                atTheSignal << bench.records().controlOutput.status[gpio];
+        });
         gpioType(bench, number, "gpo", op);
+        QCOMPARE(atTheSignal, Numbers(3 + 8 * 2, sentinel));
 
         Numbers inputs(14, 1); // 7 to 14 are handled with every such notification
         for (uint row = 0; row < 6; ++row)

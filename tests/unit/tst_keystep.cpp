@@ -65,6 +65,7 @@ private Q_SLOTS:
     void stepConvertsAsItsMapSays_data();
     void stepConvertsAsItsMapSays();
     void stepOfAnAbsentKeyIsNotHandled();
+    void stepTakesTheFirstOfAKeyThatComesTwice();
     void stepRefusesUnexpectedOperations_data();
     void stepRefusesUnexpectedOperations();
     void textStepGivesTheTextAsItIs();
@@ -244,6 +245,23 @@ void TestKeyStep::stepOfAnAbsentKeyIsNotHandled()
         QCOMPARE(value, before);
     }
     QCOMPARE(log.lines(), QStringList());
+}
+
+void TestKeyStep::stepTakesTheFirstOfAKeyThatComesTwice()
+{
+    const QString left = QStringLiteral("<light><kid>left</kid>%1</light>");
+    const QString xml = left.arg(QStringLiteral("<name/>")) + // without the leaf, so it does not count
+                        left.arg(QStringLiteral("<colour>red</colour>")) +
+                        left.arg(QStringLiteral("<colour>green</colour>"));
+    const Notification n{QStringLiteral("create"), QStringLiteral("/lights"), QStringLiteral("/lights/light/colour"),
+                         QStringLiteral("<lights>%1</lights>").arg(xml)};
+    std::uint32_t value = before;
+    QString text;
+    QCOMPARE(int(keyStep(n, {"getColour", kid, lightPath, {colours, store(1), store(2)}}, {"left", {}}, value)),
+             int(Step::Handled));
+    QCOMPARE(value, 4U);
+    QVERIFY(textStep(n, {"getColour", kid, lightPath, {{}, notHandled, asText}}, {"left", {}}, text));
+    QCOMPARE(text, QStringLiteral("red"));
 }
 
 void TestKeyStep::stepRefusesUnexpectedOperations_data()

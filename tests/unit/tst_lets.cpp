@@ -141,6 +141,8 @@ private Q_SLOTS:
     void letPresenceSlotOutOfRangeIsIgnored();
     void letsOutsideTheTableAreNeverAddressed_data();
     void letsOutsideTheTableAreNeverAddressed();
+    void kidsAreComparedAsNumbers_data();
+    void kidsAreComparedAsNumbers();
     void letTextOfEachLet_data();
     void letTextOfEachLet();
     void letTextIsBounded_data();
@@ -427,6 +429,33 @@ void TestLets::letsOutsideTheTableAreNeverAddressed()
     }
     QCOMPARE(touchedLets(bench), QStringList());
     QCOMPARE(bench.log.lines(), QStringList());
+}
+
+void TestLets::kidsAreComparedAsNumbers_data()
+{
+    QTest::addColumn<QString>("kid");
+    QTest::addColumn<bool>("isLet3");
+    for (const char *kid : {"3", "03", "003", "3.0", "3.", " 3 ", "\n3\n"})
+        QTest::addRow("'%s'", kid) << qs(kid) << true;
+    for (const char *kid : {"", "3.5", "+3", "-3", "3e0", "0x3", "3x", "3 3", "three", "\xd9\xa3"})
+        QTest::addRow("'%s'", kid) << qs(kid) << false;
+}
+
+void TestLets::kidsAreComparedAsNumbers()
+{
+    QFETCH(QString, kid);
+    QFETCH(bool, isLet3);
+
+    TalBench bench(6420);
+    const QString lets = qs("<lets><let><kid>%1</kid><enabled>true</enabled><let_description>d</let_description>"
+                            "<hw_version>h</hw_version><sw_version>s</sw_version><let_vcc>24</let_vcc></let></lets>")
+                             .arg(kid);
+    for (const char *ref : {"kvsnmp_let_enable", "kvsnmp_let_description"})
+        bench.notify(ref, "create", qs("/state/config/lines/line[kid='ch1']/lets"), lets);
+    for (const char *ref : {"kvsnmp_let_hw_version", "kvsnmp_let_sw_version", "kvsnmp_let_voltage"})
+        bench.notify(ref, "create", qs("/state/lines/line[kid='ch1']/lets"), lets);
+    QCOMPARE(content(entry(bench, 0, 3)), isLet3 ? qs("1 0 1 'd' 's' 'h' 24000 flags 11111") : untouched);
+    QCOMPARE(touchedLets(bench).size(), isLet3 ? 1 : 0);
 }
 
 void TestLets::letTextOfEachLet_data()

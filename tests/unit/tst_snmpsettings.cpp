@@ -154,8 +154,8 @@ private Q_SLOTS:
 
     void mapHasTwentyKeysAllFalseAtFirst();
     void trapSignalsInOrderAndTheMapItself();
-    void trapReplace_data();
-    void trapReplace();
+    void trapFlag_data();
+    void trapFlag();
     void trapReplaceOfOneFlagLeavesTheOthers();
     void trapDeleteOfOneFlag();
     void trapDeleteOfTheWholeGroup();
@@ -430,21 +430,26 @@ void TestSnmpSettings::trapSignalsInOrderAndTheMapItself()
     QCOMPARE(bench.log.lines(), QStringList());
 }
 
-void TestSnmpSettings::trapReplace_data()
+void TestSnmpSettings::trapFlag_data()
 {
+    QTest::addColumn<QByteArray>("op");
     QTest::addColumn<QString>("text");
     QTest::addColumn<bool>("enabled");
-    QTest::newRow("true") << qs("true") << true;
-    QTest::newRow("false") << qs("false") << false;
-    QTest::newRow("True") << qs("True") << false;
-    QTest::newRow("leading blank") << qs(" true") << false;
-    QTest::newRow("trailing blank") << qs("true ") << false;
-    QTest::newRow("blanks") << qs("  ") << false;
-    QTest::newRow("empty") << QString() << false;
+    QTest::newRow("true") << QByteArray("replace") << qs("true") << true;
+    QTest::newRow("false") << QByteArray("replace") << qs("false") << false;
+    QTest::newRow("True") << QByteArray("replace") << qs("True") << false;
+    QTest::newRow("leading blank") << QByteArray("replace") << qs(" true") << false;
+    QTest::newRow("trailing blank") << QByteArray("replace") << qs("true ") << false;
+    QTest::newRow("blanks") << QByteArray("replace") << qs("  ") << false;
+    QTest::newRow("empty") << QByteArray("replace") << QString() << false;
+    QTest::newRow("any other operation") << QByteArray("patch") << qs("true") << false;
+    QTest::newRow("operation in other case") << QByteArray("Replace") << qs("true") << false;
+    QTest::newRow("no operation") << QByteArray("") << qs("true") << false;
 }
 
-void TestSnmpSettings::trapReplace()
+void TestSnmpSettings::trapFlag()
 {
+    QFETCH(QByteArray, op);
     QFETCH(QString, text);
     QFETCH(bool, enabled);
 
@@ -454,7 +459,7 @@ void TestSnmpSettings::trapReplace()
             const QString path = trapPath(name.toLatin1()) + qs("/enabled");
             if (before)
                 bench.settingsLeaf("trap_settings", "replace", path, qs("true"));
-            bench.settingsLeaf("trap_settings", "replace", path, text);
+            bench.settingsLeaf("trap_settings", op, path, text);
             QCOMPARE(enabledNames(bench.traps), enabled ? QStringList{name} : QStringList());
             QCOMPARE(bench.traps.size(), 20);
         }
@@ -628,6 +633,7 @@ void TestSnmpSettings::trapListOfAReplaceIsReadWithoutTheStream()
     SettingsBench bench;
     bench.notify("trap_settings", "replace", trapSettings,
                  listXml(qs("<trap><text/><name>LET Fault</name><enabled>true</enabled></trap>") +
+                         trapXml("LET Fault", "false") + // the first one of a name holds
                          qs("<trap><name_en>RCO Fault</name_en><enabled>true</enabled></trap>")));
     QCOMPARE(enabledNames(bench.traps), QStringList{qs("LET Fault")});
 }

@@ -275,11 +275,13 @@ void TestTalHandler::ownsTheMonitorLink()
     MessageLog log;
     auto handler = std::make_unique<TalHandler>(&parent, 6420, ordinaryDescription);
     QCOMPARE(handler->parent(), &parent);
-    int links = 0;
+    QStringList gone;
+    connect(handler.get(), &QObject::destroyed, [&gone] { gone.append(qs("TalHandler")); });
     for (const QObject *child : handler->children())
-        links += child->inherits("DbusInterface") ? 1 : 0;
-    QCOMPARE(links, 1);
+        if (child->inherits("DbusInterface"))
+            connect(child, &QObject::destroyed, [&gone] { gone.append(qs("DbusInterface")); });
     handler.reset();
+    QCOMPARE(gone, QStringList({qs("TalHandler"), qs("DbusInterface")})); // its own part first, then its children
     QCOMPARE(log.lines(), QStringList());
 }
 
