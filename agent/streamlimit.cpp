@@ -89,13 +89,14 @@ std::size_t withoutRefused(netsnmp_transport *transport, u_char *data, std::size
 int receive(netsnmp_transport *transport, void *buffer, int size, void **opaque, int *opaqueLength)
 {
     auto *const data = static_cast<u_char *>(buffer);
-    const auto held = static_cast<int>(connection.held);
+    const std::size_t held = connection.held;
     std::copy_n(connection.header, held, data);
-    const int received = connection.receive(transport, data + held, size - held, opaque, opaqueLength);
+    const int received =
+        connection.receive(transport, data + held, size - static_cast<int>(held), opaque, opaqueLength);
     if (received <= 0)
         return received;
     connection.held = 0;
-    const std::size_t kept = withoutRefused(transport, data, static_cast<std::size_t>(held + received));
+    const std::size_t kept = withoutRefused(transport, data, held + static_cast<std::size_t>(received));
     if (kept == 0) { // not the end of the stream
         transport->flags |= NETSNMP_TRANSPORT_FLAG_EMPTY_PKT;
         SNMP_FREE(*opaque); // the library frees it behind a message only

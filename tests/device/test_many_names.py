@@ -122,7 +122,7 @@ def test_too_many_names_are_refused_at_once_and_cost_nothing(unharmed, kind, nam
     # snmpd has another word for the failure of any GET of version 1, and names the last variable.
     failed = (ber.NO_SUCH_NAME, count) if kind == GET and fields else (ber.TOO_BIG, 1)
     assert (answer.error, answer.index, len(answer.bindings)) == (*failed, count)
-    assert refused - begin < 3 and served - refused < 1
+    assert refused - begin < 5 and served - refused < 1
     assert unharmed.device.kvsnmp_err().count("AgentX subagent connected") == 1
 
 
