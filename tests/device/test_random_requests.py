@@ -1,0 +1,239 @@
+"""Random requests of many names, on every model: each name gets what a plain walk says.
+
+KVSNMP_PDUS is the number of requests to each device, KVSNMP_SEED chooses other ones. A failure names the request.
+"""
+from __future__ import annotations
+
+import bisect
+import os
+import random
+from collections import Counter
+from collections.abc import Iterator, Sequence
+from concurrent.futures import ThreadPoolExecutor
+from typing import NamedTuple
+
+import pytest
+from support import ber, steps
+from support.ber import GET, GETBULK, GETNEXT, V1, V2C
+from support.catalogue import OBJECTS, Table
+from support.device import Device
+from support.rawmanager import ROOT, RawManager
+from support.snmp import END_OF_VIEW, NO_SUCH_INSTANCE, NO_SUCH_OBJECT
+from support.target import GREATEST, SEED, TABLES, entry_of, options
+from support.walks import WALKS, Walk, wait_for_lines
+
+PDUS = int(os.environ.get("KVSNMP_PDUS", 500))
+FIRST_SEED = int(os.environ.get("KVSNMP_SEED", SEED))
+AT_A_TIME = 7  # devices that run side by side
+NAMES_AT_MOST = 64
+NAMES_OF_A_POOL, PDUS_OF_A_POOL = 300, 500
+LONGEST_NAME = 128
+VARIABLES_OF_A_GETBULK = 100  # that snmpd gives at most, in whole rows
+
+ODD_ARCS = (0, 1, 2, 3, 9, 98, 127, 128, 255, 65536, 2 ** 31 - 1, 2 ** 31, 2 ** 32 - 1)
+ENTRIES = {entry_of(table): len(table.columns) for table in TABLES.values()}
+SCALARS = [ber.numbers(item.oid)[:-1] for item in OBJECTS if not isinstance(item, Table)]
+REGISTERED = [*SCALARS, *(entry[:-1] for entry in ENTRIES)]
+
+
+def is_below(name: ber.Oid, roots: Sequence[ber.Oid]) -> bool:
+    return any(name[:len(root)] == root for root in roots)
+
+
+def random_name(chance: random.Random, served: Sequence[ber.Oid]) -> ber.Oid:
+    entry, columns = chance.choice(list(ENTRIES.items()))
+    instance = chance.choice(served)
+    arc = chance.choice(ODD_ARCS)
+    return chance.choice((
+        lambda: instance,
+        lambda: instance[:-1],
+        lambda: instance[:-1] + (instance[-1] + chance.choice((-1, 1)),) if instance[-1] else instance,
+        lambda: instance + (arc,),
+        lambda: instance[:chance.randrange(len(ROOT), len(instance))] + (arc,),
+        lambda: instance + tuple(chance.choices(ODD_ARCS, k=LONGEST_NAME - len(instance))),
+        lambda: entry + (chance.randint(1, columns),),
+        lambda: entry + (chance.randint(1, columns), arc),
+        lambda: entry + (chance.randint(1, columns), 1, arc),
+        lambda: entry + (chance.choice((0, columns + 1, arc)),),
+        lambda: entry + (chance.choice((0, columns + 1, arc)), 1),
+        lambda: entry,
+        lambda: entry[:-1],
+        lambda: entry[:-1] + (arc,),
+        lambda: entry[:-2] + (entry[-2] + chance.choice((-1, 1)),),
+        lambda: chance.choice(SCALARS),
+        lambda: chance.choice(SCALARS) + (arc,),
+        lambda: chance.choice(SCALARS) + (0, arc),
+        lambda: ROOT + chance.choice(((), (0,), (2,), (2, 4, 1, 0), (3,), (3, 0), (3, 13), (4,), (arc,))),
+        lambda: ROOT[:-1] + (ROOT[-1] + chance.choice((-1, 1)), *chance.choices(ODD_ARCS, k=chance.randrange(3))),
+    ))()
+
+
+class Question(NamedTuple):
+    kind: int
+    version: int
+    first: int
+    second: int
+    names: list[ber.Oid]
+
+    def __str__(self) -> str:
+        word = {GET: "GET", GETNEXT: "GETNEXT", GETBULK: f"GETBULK {self.first} {self.second}"}[self.kind]
+        return f"{word}{' v1' if self.version == V1 else ''} of {' '.join(map(ber.dotted, self.names))}"
+
+
+def random_question(chance: random.Random, pool: Sequence[ber.Oid]) -> Question:
+    count = chance.choice((1, 2, 2, 3, chance.randint(1, 10), chance.randint(1, NAMES_AT_MOST)))
+    names = chance.choices(pool, k=count)
+    kind = chance.choice((GETNEXT, GETNEXT, GETBULK, GETBULK, GET))
+    if kind != GETBULK:
+        return Question(kind, chance.choice((V1, V2C)), 0, 0, names)
+    non_repeaters = chance.choice((0, 0, 1, chance.randint(0, count), count, count + 5, -1, GREATEST))
+    repetitions = chance.choice((0, 1, 2, 3, 10, 100, chance.randint(0, 60), -1, -GREATEST - 1, GREATEST))
+    return Question(GETBULK, V2C, non_repeaters, repetitions, names)
+
+
+class Failure(Exception):
+    pass
+
+
+class Subject:
+    """A device, and what it should answer."""
+
+    def __init__(self, manager: RawManager, chance: random.Random) -> None:
+        self.manager, self.chance = manager, chance
+        self.walk: list[ber.Binding] = []  # from the enterprise arc to the end of all that snmpd has
+        last = ROOT
+        while (binding := manager.ask(GETNEXT, [last]).bindings[0]).value != END_OF_VIEW:
+            assert binding.oid > last
+            self.walk.append(binding)
+            last = binding.oid
+        self.oids = [binding.oid for binding in self.walk]
+        self.values = {oid: value for oid, value in self.walk if is_below(oid, [ROOT])}
+        self.alone: dict[ber.Oid, tuple[str, str]] = {}  # a GET of nothing else
+
+    def new_pool(self) -> list[ber.Oid]:
+        pool = [random_name(self.chance, list(self.values)) for _ in range(NAMES_OF_A_POOL)]
+        self.alone = {}
+        for name in pool:
+            (oid, value), = self.manager.ask(GET, [name]).bindings
+            absent = NO_SUCH_INSTANCE if is_well_formed(name) else value if value == NO_SUCH_INSTANCE else NO_SUCH_OBJECT
+            if (oid, value) != (name, self.values.get(name, absent)):
+                raise Failure(f"GET of {ber.dotted(name)}: {value}")
+            self.alone[name] = value
+        return pool
+
+    def following(self, name: ber.Oid, count: int) -> list[ber.Binding]:
+        start = bisect.bisect_right(self.oids, name)
+        found = self.walk[start:start + count]
+        return found + [ber.Binding((found or [(name,)])[-1][0], END_OF_VIEW)] * (count - len(found))
+
+    def check(self, question: Question) -> None:
+        answer = self.manager.ask(question.kind, question.names, version=question.version, first=question.first,
+                                  second=question.second, timeout=20, tries=1)  # a repeated one could hide a failure
+        if question.kind == GET:
+            expected = self.expected_get(question)
+            got = (answer.error, answer.index, [] if answer.error else answer.bindings)
+        else:
+            rows = self.expected_rows(question)
+            expected = (0, 0, [comparable(binding) for row in rows for binding in row])
+            got = (answer.error, answer.index, [comparable(binding) for binding in answer.bindings])
+            # Where a name has reached the end of everything, snmpd may leave out the rows behind.
+            ended = any(binding.value == END_OF_VIEW for binding in answer.bindings[-len(question.names):])
+            if ended and len(got[2]) < len(expected[2]):
+                expected[2][len(got[2]):] = []
+        if got != expected:
+            raise Failure(f"{question}\nexpected {expected}\ngot {got}")
+
+    def expected_rows(self, question: Question) -> Iterator[list[ber.Binding]]:
+        first = len(question.names)
+        repetitions = 0
+        if question.kind == GETBULK:
+            first = min(max(question.first, 0), len(question.names))
+            repeaters = len(question.names) - first
+            repetitions = min(max(question.second, 0), VARIABLES_OF_A_GETBULK // max(repeaters, 1))
+        yield [self.following(name, 1)[0] for name in question.names[:first]]
+        columns = [self.following(name, repetitions) for name in question.names[first:]]
+        yield from (list(row) for row in zip(*columns))
+
+    def expected_get(self, question: Question) -> tuple[int, int, list[ber.Binding]]:
+        """A malformed name fails the request, when a well-formed one of its table stands in it."""
+        count = len(question.names)
+        if any(len({is_well_formed(name) for name in question.names if is_below(name, [entry[:-1]])}) == 2
+               for entry in ENTRIES):
+            ours = next(place for place, name in enumerate(question.names, 1) if is_below(name, REGISTERED))
+            return (ber.NO_SUCH_NAME, count, []) if question.version == V1 else (ber.GENERAL_ERROR, ours, [])
+        bindings = [ber.Binding(name, self.alone[name]) for name in question.names]
+        absent = [place for place, binding in enumerate(bindings, 1)
+                  if binding.value in (NO_SUCH_INSTANCE, NO_SUCH_OBJECT)]
+        if question.version == V1 and absent:  # snmpd names the last
+            return ber.NO_SUCH_NAME, absent[-1], []
+        return 0, 0, bindings
+
+
+def is_well_formed(name: ber.Oid) -> bool:
+    """A column that there is, and an index of one arc."""
+    entry, rest = name[:-2], name[-2:]
+    return entry in ENTRIES and 1 <= rest[0] <= ENTRIES[entry]
+
+
+def comparable(binding: ber.Binding) -> tuple[ber.Oid, tuple[str, str] | None]:
+    """Behind the private MIB are values of snmpd that change."""
+    known = is_below(binding.oid, [ROOT]) or binding.value == END_OF_VIEW
+    return binding.oid, binding.value if known else None
+
+
+class Result(NamedTuple):
+    asked: Counter
+    failure: str
+    complaints: list[str]
+
+
+def put_to_the_test(walk: Walk) -> Result:
+    """Asks until a failure. The end of the device counts, too: a daemon that hangs does not end."""
+    device = Device(walk.model, *options(walk))
+    asked: Counter = Counter()
+    failure = ""
+    complaints: list[str] = []
+    try:
+        device.wait_ready().wait_answering(60).wait_subscribed(60)
+        steps.apply(device, dbus=False)
+        wait_for_lines(device, walk)
+        device.shift_clock(steps.CACHE_SECONDS)
+        manager = RawManager.of(device)
+        pid = device.kvsnmp_pid()
+        subject = Subject(manager, random.Random(f"{FIRST_SEED} {walk.name}"))
+        for number in range(PDUS):
+            if number % PDUS_OF_A_POOL == 0:
+                pool = subject.new_pool()
+                os.truncate(device.path("/var/log/kvsnmp.out"), 0)  # a line for each step along a table
+            question = random_question(subject.chance, pool)
+            subject.check(question)
+            asked[question.kind, question.version] += 1
+        assert device.kvsnmp_pid() == pid
+        manager.close()
+    except Exception as error:
+        failure = f"device {walk.name}, request {sum(asked.values())}: {error!r:.5000}\n{device.logs()}"
+    try:
+        complaints = device.stop()
+    except Exception as error:
+        complaints = [repr(error)]
+    return Result(asked, failure, complaints)
+
+
+@pytest.fixture(scope="module")
+def results(request) -> Iterator[dict[Walk, Result]]:
+    """Of the walks that were selected."""
+    walks = [item.callspec.params["walk"] for item in request.session.items if item.module is request.module]
+    with ThreadPoolExecutor(AT_A_TIME) as pool:
+        yield dict(zip(walks, pool.map(put_to_the_test, walks)))
+
+
+@pytest.mark.parametrize("walk", WALKS, ids=lambda walk: walk.name)
+def test_each_name_gets_what_a_plain_walk_says(results, walk):
+    asked, failure, complaints = results[walk]
+    print(f"{walk.name}: {asked.total()} requests, " + ", ".join(
+        f"{asked[kind, version]} {word}" for word, kind, version in [
+            ("GETNEXT v1", GETNEXT, V1), ("GETNEXT v2c", GETNEXT, V2C), ("GETBULK", GETBULK, V2C),
+            ("GET v1", GET, V1), ("GET v2c", GET, V2C)]))
+    assert failure == ""
+    assert complaints == []
+    assert asked.total() == PDUS
