@@ -1,0 +1,52 @@
+// The answers that the sub-agent has to give: those of a walk from end to end, and to each name of a PDU the answer to
+// that name alone.
+#pragma once
+
+#include "agentx/master.h"
+#include "agentx/pdu.h"
+#include "agentx/subagent.h"
+
+#include <map>
+#include <set>
+#include <vector>
+
+class Oracle {
+public:
+    /// Walks the whole sub-agent.
+    Oracle(SubAgent &agent, Master &master);
+
+    /// The names that the walk has found, ascending.
+    const std::vector<Name> &served() const { return m_served; }
+
+    /// Checks what the master has on its account, and takes it off.
+    void check();
+
+    /// Values may have changed: names are asked anew.
+    void forget() { m_alone.clear(); }
+
+private:
+    struct Question {
+        PduType type;
+        bool include;
+        Name name;
+
+        auto operator<=>(const Question &) const = default;
+    };
+
+    void askAlone(const std::vector<Asked> &asked);
+    const Pdu &alone(PduType type, const Name &name, bool include = false) const;
+    Varbind next(const Name &name, bool include) const;
+
+    void check(const Asked &asked) const;
+    bool mayFail(const Pdu &get) const;
+    void checkGet(const Asked &asked) const;
+    void checkGetNext(const Asked &asked) const;
+    void checkGetBulk(const Asked &asked) const;
+    void checkTestSet(const Asked &asked) const;
+
+    SubAgent &m_agent;
+    Master &m_master;
+    std::vector<Name> m_served;
+    std::map<Question, Pdu> m_alone;
+    std::uint32_t m_packet = 0x70000000;
+};
