@@ -82,7 +82,6 @@ void TestBoundedText::worksAtCompileTime()
     QCOMPARE(length, 3U);
 }
 
-const TestEntry entry("tst_boundedtext", runTest<TestBoundedText>);
 void TestBoundedText::prefixEndsWhereACharacterEnds_data()
 {
     QTest::addColumn<QByteArray>("text");

@@ -257,10 +257,10 @@ void TestKeyStep::stepTakesTheFirstOfAKeyThatComesTwice()
                          QStringLiteral("<lights>%1</lights>").arg(xml)};
     std::uint32_t value = before;
     QString text;
-    QCOMPARE(int(keyStep(n, {"getColour", kid, lightPath, {colours, store(1), store(2)}}, {"left", {}}, value)),
+    QCOMPARE(int(keyStep(n, {{"getColour", kid, lightPath}, {colours, store(1), store(2)}}, {"left", {}}, value)),
              int(Step::Handled));
     QCOMPARE(value, 4U);
-    QVERIFY(textStep(n, {"getColour", kid, lightPath, {{}, notHandled, asText}}, {"left", {}}, text));
+    QVERIFY(textStep(n, TextRule{{"getColour", kid, lightPath}}, {"left", {}}, text));
     QCOMPARE(text, QStringLiteral("red"));
 }
 
