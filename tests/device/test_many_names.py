@@ -35,7 +35,7 @@ CASES = {
     "backwards: a count beside the columns of its table": (6720, ["3.3.1", "3.3.2.1.1", "3.3.2.1.2", "3.3.2.1.3"]),
     "backwards: a cell beside a column beyond the last": (6420, ["3.4.2.1.3.1", "3.4.2.1.4"]),
     "backwards: a relay beside a column beyond the last": (6211, ["3.12.1.1.1.1", "3.12.1.1.6"]),
-    "backwards: the last relay cell beside a column beyond the last": (6211, ["3.12.1.1.5.4", "3.12.1.1.6"]),
+    "backwards: the last relay cell beside a column beyond the last": (6211, ["3.12.1.1.5.1", "3.12.1.1.6"]),
     "one name many times": (6420, ["3.4.2.1.3.13"] * 20),
 }
 
@@ -124,6 +124,18 @@ def test_too_many_names_are_refused_at_once_and_cost_nothing(unharmed, kind, nam
     assert (answer.error, answer.index, len(answer.bindings)) == (*failed, count)
     assert refused - begin < 5 and served - refused < 1
     assert unharmed.device.kvsnmp_err().count("AgentX subagent connected") == 1
+
+
+def test_too_many_names_are_refused_after_a_restart_of_snmpd(start_device):
+    device = start_device(6420, *options(Walk(6420))).wait_answering()
+    former = device.wait_snmpd()
+    device.stir_snmpd_folder()
+    device.wait_snmpd(other_than=[former])
+    device.wait_answering()
+    manager = RawManager.of(device)
+    assert manager.ask(GETNEXT, [CELL] * (GETNEXT_LIMIT + 1), timeout=5, tries=1).error == ber.TOO_BIG
+    assert manager.ask(GET, [CELL], timeout=1, tries=1).error == 0
+    manager.close()
 
 
 @pytest.mark.parametrize("kind, count", [(GET, GET_LIMIT), (GETNEXT, GETNEXT_LIMIT)], ids=["GET", "GETNEXT"])
