@@ -2,6 +2,7 @@
 #include "app/kvsnmp.h"
 
 #include "agent/kvagent.h"
+#include "app/servicenotify.h"
 #include "device/models.h"
 #include "faults/faulthandler.h"
 #include "gpio/gpiocontrol.h"
@@ -266,6 +267,7 @@ void KvSnmp::watchAgent()
 
 void KvSnmp::watchdogTimerSlot()
 {
+    notifyService("WATCHDOG=1");
     if (!updateWatchdogFile(m_watchdogFile))
         std::printf("Couldn't open file: %s\n", m_watchdogFile);
 }

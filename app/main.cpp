@@ -2,12 +2,14 @@
 #include "app/kvsnmp.h"
 #include "app/options.h"
 #include "app/pidfilehandler.h"
+#include "app/servicenotify.h"
 #include "app/standardstreams.h"
 
 #include <xrcommon/TalInterface.h>
 
 #include <QCoreApplication>
 #include <QDebug>
+#include <QTimer>
 
 #include <cstdio>
 #include <cstdlib>
@@ -52,7 +54,9 @@ int main(int argc, char *argv[])
     KvSnmp::installSignalHandlers();
     if (options.talDebug)
         TalInterface::debugPrintEnable();
+    QTimer::singleShot(0, [] { notifyService("READY=1"); }); // once the event loop turns
     const int status = QCoreApplication::exec();
+    notifyService("STOPPING=1");
 
     qDebug().noquote() << "QApplication*:"
                        << "main "

@@ -2,6 +2,7 @@
 #include "snmpdconf/snmpdhost.h"
 
 #include <QProcess>
+#include <QProcessEnvironment>
 
 #include <memory>
 
@@ -9,11 +10,21 @@
 
 namespace {
 
+/// snmpd reports its start and its end to the service manager that it finds here, which would take them for ours.
+QProcessEnvironment environmentWithoutServiceManager()
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const char *name : {"NOTIFY_SOCKET", "WATCHDOG_PID", "WATCHDOG_USEC"})
+        environment.remove(QLatin1String(name));
+    return environment;
+}
+
 /// Nobody reads what these commands print; on our own output a reader that has stopped could block them, and us.
 void prepare(QProcess &process, const Command &command)
 {
     process.setProgram(command.program);
     process.setArguments(command.arguments);
+    process.setProcessEnvironment(environmentWithoutServiceManager());
     process.setStandardInputFile(QProcess::nullDevice());
     process.setStandardErrorFile(QProcess::nullDevice());
 }

@@ -21,6 +21,10 @@ EXTERNALSRC_BUILD = "${WORKDIR}/build"
 #   EXTRA_OECMAKE += "-DKVSNMP_XRCOMMON_ROOT=${STAGING_DIR_HOST}${prefix}"
 EXTRA_OECMAKE = "-DBUILD_TESTING=OFF"
 
+# The unit waits for the daemon's reports; without systemd nobody reads them.
+PACKAGECONFIG ??= "${@bb.utils.filter('DISTRO_FEATURES', 'systemd', d)}"
+PACKAGECONFIG[systemd] = "-DKVSNMP_SYSTEMD=ON,-DKVSNMP_SYSTEMD=OFF,systemd"
+
 do_install:append() {
     install -D -m 0644 ${S}/packaging/systemd/kvsnmp.service ${D}${systemd_system_unitdir}/kvsnmp.service
     # net-snmp keeps its engine identity in another folder here than Debian's.

@@ -37,7 +37,7 @@ def test_has_the_projects_version(recipe: str, version: str) -> None:
 @pytest.mark.parametrize("recipe", [YOCTO, BUILDROOT], ids=["yocto", "buildroot"])
 def test_sets_options_of_the_build(recipe: str) -> None:
     options = re.findall(r"-D(KVSNMP_\w+)=", recipe)
-    assert sorted(options) == ["BUILD_TESTING", "KVSNMP_XRCOMMON_ROOT"]
+    assert sorted(options) == ["KVSNMP_SYSTEMD", "KVSNMP_SYSTEMD", "KVSNMP_XRCOMMON_ROOT"]
     cmake = (TREE / "CMakeLists.txt").read_text()
     assert [name for name in options if not re.search(rf"^(option|set)\({name} ", cmake, re.MULTILINE)] == []
 

@@ -3,6 +3,7 @@ from __future__ import annotations
 
 import os
 import signal
+import socket
 import time
 
 import pytest
@@ -239,6 +240,57 @@ def test_signals_end_a_serving_daemon(start_device):
         assert kvsnmp.wait(10) == 0, number
         assert device.pids("snmpd") == [snmpd]  # the daemon leaves snmpd running
         wait_until(lambda: device.snmp.get(MODEL_NUMBER) != [("INTEGER", "6420")], 5, what="sub-agent gone")
+
+
+# The service manager
+
+
+class ServiceManager:
+    """Its socket, as systemd makes one."""
+
+    def __init__(self, device: Device) -> None:
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.socket.settimeout(10)
+        self.socket.bind(str(device.path("/run/notify")))
+
+    def message(self, other_than: str = "") -> str:
+        while (text := self.socket.recv(1000).decode()) == other_than:
+            pass
+        return text
+
+
+def test_service_manager_receives_ready_then_the_pulse_then_the_end(start_device):
+    device = start_device(6420, "--no-dbus", "--no-traps", "--no-kvsnmp")
+    manager = ServiceManager(device)
+    kvsnmp = device.start_kvsnmp("-d", clock_shift=True, env={"NOTIFY_SOCKET": "/run/notify"})
+    assert manager.message() == "READY=1"
+    pid = device.kvsnmp_pid()
+    assert device.handles_sigterm(pid)
+    device.path(WATCHDOG_FILE).unlink(missing_ok=True)
+    device.shift_clock(5)
+    assert manager.message() == "WATCHDOG=1"
+    wait_until(lambda: device.read(WATCHDOG_FILE) == "update\n", 1, what="watchdog file of the same tick")
+    device.wait_answering()
+    environment = device.run(["cat", f"/proc/{device.wait_snmpd()}/environ"]).stdout
+    assert "MIBS=" in environment and "NOTIFY_SOCKET" not in environment
+    device.kill(pid, signal.SIGTERM)
+    assert manager.message(other_than="WATCHDOG=1") == "STOPPING=1"
+    assert kvsnmp.wait(10) == 0
+
+
+def test_service_manager_receives_nothing_of_a_daemon_that_cannot_start(clean_device):
+    manager = ServiceManager(clean_device)
+    model = clean_device.path("/etc/xr-modelnumber")
+    kept = model.read_text()
+    model.write_text("9999\n")
+    try:
+        kvsnmp = clean_device.start_kvsnmp("-d", env={"NOTIFY_SOCKET": "/run/notify"})
+        assert kvsnmp.wait(10) == 255
+    finally:
+        model.write_text(kept)
+    manager.socket.setblocking(False)
+    with pytest.raises(BlockingIOError):
+        manager.message()
 
 
 # Standard output

@@ -1,7 +1,9 @@
-"""A build with the platform's library installed somewhere, as docs/integration.md tells it; here that is the stand-in."""
+"""A build for another image, as docs/integration.md tells it: with the platform's library installed somewhere (here that
+is the stand-in), without systemd."""
 from __future__ import annotations
 
 import os
+import re
 import shutil
 import subprocess
 from pathlib import Path
@@ -34,12 +36,24 @@ def library() -> Path:
     return WORK / "library"
 
 
-def test_the_daemon_links_to_the_library_of_the_root(library: Path) -> None:
-    configure(WORK / "build", f"-DKVSNMP_XRCOMMON_ROOT={library}")
+@pytest.fixture(scope="module")
+def daemon(library: Path) -> Path:
+    configure(WORK / "build", f"-DKVSNMP_XRCOMMON_ROOT={library}", "-DKVSNMP_SYSTEMD=OFF")
     cmake("--build", WORK / "build", "--target", "kvsnmp")
-    loaded = subprocess.run(["ldd", str(WORK / "build/bin/kvsnmp")], capture_output=True, text=True, check=True).stdout
+    return WORK / "build/bin/kvsnmp"
+
+
+def test_the_daemon_links_to_the_library_of_the_root(library: Path, daemon: Path) -> None:
+    loaded = subprocess.run(["ldd", str(daemon)], capture_output=True, text=True, check=True).stdout
     assert f"libxrcommon.so => {library}/lib/libxrcommon.so " in loaded, loaded
     assert not list((WORK / "build").rglob("talinterface.cpp.o")), "the stand-in was built, too"
+
+
+def test_without_systemd_the_daemon_does_not_need_its_library(daemon: Path) -> None:
+    """Of itself: the D-Bus library may."""
+    needed = subprocess.run(["objdump", "-p", str(daemon)], capture_output=True, text=True, check=True).stdout
+    assert re.search(r"NEEDED +libxrcommon\.so", needed)
+    assert not re.search(r"NEEDED +libsystemd", needed)
 
 
 @pytest.mark.parametrize("missing", ["include/xrcommon/TalInterface.h", "lib/libxrcommon.so"])

@@ -30,6 +30,7 @@ private Q_SLOTS:
     void runWaitsForTheEnd();
     void runIgnoresFailures();
     void startDetachedDoesNotWait();
+    void startDetachedHandsOnNoServiceManager();
     void outputOfReadsAllOutput();
     void outputCountsWhateverTheExitStatus();
     void outputOfACommandThatIsTooSlowIsEmpty();
@@ -71,6 +72,26 @@ void TestSnmpdHost::startDetachedDoesNotWait()
     deviceHost().startDetached(missingCommand);
     QVERIFY2(timer.elapsed() < 900, "it did not wait");
     QTRY_VERIFY(QFile::exists(file));
+}
+
+void TestSnmpdHost::startDetachedHandsOnNoServiceManager()
+{
+    const QTemporaryDir dir;
+    const QString file = dir.filePath(QStringLiteral("environment"));
+    qputenv("NOTIFY_SOCKET", "/run/systemd/notify");
+    qputenv("WATCHDOG_USEC", "120000000");
+    qputenv("WATCHDOG_PID", "1");
+    qputenv("KVSNMP_TEST_ENVIRONMENT", "handed on");
+    deviceHost().startDetached(shell(QStringLiteral("env > '%1.new'; mv '%1.new' '%1'").arg(file)));
+    for (const char *name : {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID", "KVSNMP_TEST_ENVIRONMENT"})
+        qunsetenv(name);
+    QTRY_VERIFY(QFile::exists(file));
+    QFile written(file);
+    QVERIFY(written.open(QIODevice::ReadOnly));
+    const QByteArray environment = written.readAll();
+    QVERIFY(environment.contains("KVSNMP_TEST_ENVIRONMENT=handed on\n"));
+    QVERIFY(!environment.contains("NOTIFY_SOCKET"));
+    QVERIFY(!environment.contains("WATCHDOG_"));
 }
 
 void TestSnmpdHost::outputOfReadsAllOutput()

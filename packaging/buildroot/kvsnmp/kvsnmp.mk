@@ -23,6 +23,14 @@ KVSNMP_DEPENDENCIES = host-pkgconf dbus netsnmp pugixml qt5base
 #   KVSNMP_CONF_OPTS += -DKVSNMP_XRCOMMON_ROOT=$(STAGING_DIR)/usr
 KVSNMP_CONF_OPTS = -DBUILD_TESTING=OFF
 
+# The unit waits for the daemon's reports; without systemd nobody reads them.
+ifeq ($(BR2_PACKAGE_SYSTEMD),y)
+KVSNMP_DEPENDENCIES += systemd
+KVSNMP_CONF_OPTS += -DKVSNMP_SYSTEMD=ON
+else
+KVSNMP_CONF_OPTS += -DKVSNMP_SYSTEMD=OFF
+endif
+
 # The simulator and what monitoring systems load are not for a device.
 define KVSNMP_REMOVE_OTHERS
 	rm -rf $(addprefix $(TARGET_DIR)/usr/,bin/talservice bin/talctl \

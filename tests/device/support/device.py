@@ -179,13 +179,12 @@ class Device:
     def wait_running(self) -> int:
         """Until the daemon has its signal handlers, the last thing before its event loop; its process number."""
         pid = self.kvsnmp_pid()
-
-        def handles_sigterm() -> bool:
-            caught = self.run(["sed", "-n", "s/^SigCgt://p", f"/proc/{pid}/status"], check=False).stdout
-            return bool(int(caught or "0", 16) >> (signal.SIGTERM - 1) & 1)
-
-        wait_until(handles_sigterm, what="signal handlers installed")
+        wait_until(lambda: self.handles_sigterm(pid), what="signal handlers installed")
         return pid
+
+    def handles_sigterm(self, pid: int) -> bool:
+        caught = self.run(["sed", "-n", "s/^SigCgt://p", f"/proc/{pid}/status"], check=False).stdout
+        return bool(int(caught or "0", 16) >> (signal.SIGTERM - 1) & 1)
 
     def kill(self, pid: int, number: signal.Signals) -> None:
         self.run(["sh", "-c", f"kill -{number.value} {pid}"])
