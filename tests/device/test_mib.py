@@ -32,6 +32,11 @@ def net_snmp(*command: str) -> str:
                           env=os.environ | MIB_ENVIRONMENT).stdout
 
 
+def text_of(name: str) -> str:
+    """A DESCRIPTION as one line."""
+    return " ".join(mib().nodes[name]["description"].split())
+
+
 def readable() -> dict[str, str]:
     """Name to OID of everything that can be read."""
     return {item.name: f".{item.oid}" for item in mib().readable}

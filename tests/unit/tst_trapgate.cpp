@@ -33,90 +33,90 @@ enum class Event {
 };
 
 /// When a fault's trap goes out: at the event or before it, only when the way is open again, or not at all.
-enum class Told { Now, Later, Never };
+enum class Fate { Now, Later, Never };
 
 struct Row {
     State state;
     Event event;
     State next;
     int runs;     // how often the gate calls that it is open
-    Told present; // a fault raised in the state; the event Clear ends it
-    Told ended;   // a fault raised and ended in the state
+    Fate present; // a fault raised in the state; the event Clear ends it
+    Fate ended;   // a fault raised and ended in the state
 };
 
 // clang-format off
 constexpr Row table[] = {
-    {State::NoSession,    Event::Raise,        State::NoSession,    0, Told::Later, Told::Never},
-    {State::NoSession,    Event::Clear,        State::NoSession,    0, Told::Never, Told::Never},
-    {State::NoSession,    Event::Disable,      State::NoSession,    0, Told::Later, Told::Never},
-    {State::NoSession,    Event::EnableOther,  State::NoSession,    0, Told::Later, Told::Never},
-    {State::NoSession,    Event::Pass,         State::NoSession,    0, Told::Later, Told::Never},
-    {State::NoSession,    Event::ReadAndPass,  State::NoSession,    0, Told::Later, Told::Never},
-    {State::NoSession,    Event::OpenSession,  State::Open,         1, Told::Now,   Told::Never},
-    {State::NoSession,    Event::CloseSession, State::NoSession,    0, Told::Later, Told::Never},
-    {State::NoSession,    Event::HangUp,       State::NoSession,    0, Told::Later, Told::Never},
-    {State::NoSession,    Event::OrderEnd,     State::NoSession,    0, Told::Later, Told::Never},
-    {State::NoSession,    Event::Start,        State::NoSession,    0, Told::Later, Told::Never},
+    {State::NoSession,    Event::Raise,        State::NoSession,    0, Fate::Later, Fate::Never},
+    {State::NoSession,    Event::Clear,        State::NoSession,    0, Fate::Never, Fate::Never},
+    {State::NoSession,    Event::Disable,      State::NoSession,    0, Fate::Later, Fate::Never},
+    {State::NoSession,    Event::EnableOther,  State::NoSession,    0, Fate::Later, Fate::Never},
+    {State::NoSession,    Event::Pass,         State::NoSession,    0, Fate::Later, Fate::Never},
+    {State::NoSession,    Event::ReadAndPass,  State::NoSession,    0, Fate::Later, Fate::Never},
+    {State::NoSession,    Event::OpenSession,  State::Open,         1, Fate::Now,   Fate::Never},
+    {State::NoSession,    Event::CloseSession, State::NoSession,    0, Fate::Later, Fate::Never},
+    {State::NoSession,    Event::HangUp,       State::NoSession,    0, Fate::Later, Fate::Never},
+    {State::NoSession,    Event::OrderEnd,     State::NoSession,    0, Fate::Later, Fate::Never},
+    {State::NoSession,    Event::Start,        State::NoSession,    0, Fate::Later, Fate::Never},
 
-    {State::MasterEnding, Event::Raise,        State::MasterEnding, 0, Told::Later, Told::Never},
-    {State::MasterEnding, Event::Clear,        State::MasterEnding, 0, Told::Never, Told::Never},
-    {State::MasterEnding, Event::Disable,      State::MasterEnding, 0, Told::Later, Told::Never},
-    {State::MasterEnding, Event::EnableOther,  State::MasterEnding, 0, Told::Later, Told::Never},
-    {State::MasterEnding, Event::Pass,         State::MasterEnding, 0, Told::Later, Told::Never},
-    {State::MasterEnding, Event::ReadAndPass,  State::MasterEnding, 0, Told::Later, Told::Never},
-    {State::MasterEnding, Event::OpenSession,  State::MasterEnding, 0, Told::Later, Told::Never},
-    {State::MasterEnding, Event::CloseSession, State::NoSession,    0, Told::Later, Told::Never},
-    {State::MasterEnding, Event::HangUp,       State::MasterEnding, 0, Told::Later, Told::Never},
-    {State::MasterEnding, Event::OrderEnd,     State::MasterEnding, 0, Told::Later, Told::Never},
-    {State::MasterEnding, Event::Start,        State::Open,         1, Told::Now,   Told::Never},
+    {State::MasterEnding, Event::Raise,        State::MasterEnding, 0, Fate::Later, Fate::Never},
+    {State::MasterEnding, Event::Clear,        State::MasterEnding, 0, Fate::Never, Fate::Never},
+    {State::MasterEnding, Event::Disable,      State::MasterEnding, 0, Fate::Later, Fate::Never},
+    {State::MasterEnding, Event::EnableOther,  State::MasterEnding, 0, Fate::Later, Fate::Never},
+    {State::MasterEnding, Event::Pass,         State::MasterEnding, 0, Fate::Later, Fate::Never},
+    {State::MasterEnding, Event::ReadAndPass,  State::MasterEnding, 0, Fate::Later, Fate::Never},
+    {State::MasterEnding, Event::OpenSession,  State::MasterEnding, 0, Fate::Later, Fate::Never},
+    {State::MasterEnding, Event::CloseSession, State::NoSession,    0, Fate::Later, Fate::Never},
+    {State::MasterEnding, Event::HangUp,       State::MasterEnding, 0, Fate::Later, Fate::Never},
+    {State::MasterEnding, Event::OrderEnd,     State::MasterEnding, 0, Fate::Later, Fate::Never},
+    {State::MasterEnding, Event::Start,        State::Open,         1, Fate::Now,   Fate::Never},
 
-    {State::MasterGone,   Event::Raise,        State::MasterGone,   0, Told::Later, Told::Never},
-    {State::MasterGone,   Event::Clear,        State::MasterGone,   0, Told::Never, Told::Never},
-    {State::MasterGone,   Event::Disable,      State::MasterGone,   0, Told::Later, Told::Never},
-    {State::MasterGone,   Event::EnableOther,  State::MasterGone,   0, Told::Later, Told::Never},
-    {State::MasterGone,   Event::Pass,         State::MasterGone,   0, Told::Later, Told::Never},
-    {State::MasterGone,   Event::ReadAndPass,  State::MasterGone,   0, Told::Later, Told::Never},
-    {State::MasterGone,   Event::OpenSession,  State::Open,         1, Told::Now,   Told::Never},
-    {State::MasterGone,   Event::CloseSession, State::NoSession,    0, Told::Later, Told::Never},
-    {State::MasterGone,   Event::HangUp,       State::MasterGone,   0, Told::Later, Told::Never},
-    {State::MasterGone,   Event::OrderEnd,     State::MasterEnding, 0, Told::Later, Told::Never},
-    {State::MasterGone,   Event::Start,        State::MasterGone,   0, Told::Later, Told::Never},
+    {State::MasterGone,   Event::Raise,        State::MasterGone,   0, Fate::Later, Fate::Never},
+    {State::MasterGone,   Event::Clear,        State::MasterGone,   0, Fate::Never, Fate::Never},
+    {State::MasterGone,   Event::Disable,      State::MasterGone,   0, Fate::Later, Fate::Never},
+    {State::MasterGone,   Event::EnableOther,  State::MasterGone,   0, Fate::Later, Fate::Never},
+    {State::MasterGone,   Event::Pass,         State::MasterGone,   0, Fate::Later, Fate::Never},
+    {State::MasterGone,   Event::ReadAndPass,  State::MasterGone,   0, Fate::Later, Fate::Never},
+    {State::MasterGone,   Event::OpenSession,  State::Open,         1, Fate::Now,   Fate::Never},
+    {State::MasterGone,   Event::CloseSession, State::NoSession,    0, Fate::Later, Fate::Never},
+    {State::MasterGone,   Event::HangUp,       State::MasterGone,   0, Fate::Later, Fate::Never},
+    {State::MasterGone,   Event::OrderEnd,     State::MasterEnding, 0, Fate::Later, Fate::Never},
+    {State::MasterGone,   Event::Start,        State::MasterGone,   0, Fate::Later, Fate::Never},
 
-    {State::MasterSlow,   Event::Raise,        State::MasterSlow,   0, Told::Later, Told::Later},
-    {State::MasterSlow,   Event::Clear,        State::MasterSlow,   0, Told::Later, Told::Later},
-    {State::MasterSlow,   Event::Disable,      State::MasterSlow,   0, Told::Later, Told::Never},
-    {State::MasterSlow,   Event::EnableOther,  State::MasterSlow,   0, Told::Later, Told::Later},
-    {State::MasterSlow,   Event::Pass,         State::MasterSlow,   0, Told::Later, Told::Later},
-    {State::MasterSlow,   Event::ReadAndPass,  State::Open,         1, Told::Now,   Told::Now},
-    {State::MasterSlow,   Event::OpenSession,  State::Open,         1, Told::Now,   Told::Never},
-    {State::MasterSlow,   Event::CloseSession, State::NoSession,    0, Told::Later, Told::Never},
-    {State::MasterSlow,   Event::HangUp,       State::MasterGone,   0, Told::Later, Told::Never},
-    {State::MasterSlow,   Event::OrderEnd,     State::MasterEnding, 0, Told::Later, Told::Never},
-    {State::MasterSlow,   Event::Start,        State::MasterSlow,   0, Told::Later, Told::Later},
+    {State::MasterSlow,   Event::Raise,        State::MasterSlow,   0, Fate::Later, Fate::Later},
+    {State::MasterSlow,   Event::Clear,        State::MasterSlow,   0, Fate::Later, Fate::Later},
+    {State::MasterSlow,   Event::Disable,      State::MasterSlow,   0, Fate::Later, Fate::Never},
+    {State::MasterSlow,   Event::EnableOther,  State::MasterSlow,   0, Fate::Later, Fate::Later},
+    {State::MasterSlow,   Event::Pass,         State::MasterSlow,   0, Fate::Later, Fate::Later},
+    {State::MasterSlow,   Event::ReadAndPass,  State::Open,         1, Fate::Now,   Fate::Now},
+    {State::MasterSlow,   Event::OpenSession,  State::Open,         1, Fate::Now,   Fate::Never},
+    {State::MasterSlow,   Event::CloseSession, State::NoSession,    0, Fate::Later, Fate::Never},
+    {State::MasterSlow,   Event::HangUp,       State::MasterGone,   0, Fate::Later, Fate::Never},
+    {State::MasterSlow,   Event::OrderEnd,     State::MasterEnding, 0, Fate::Later, Fate::Never},
+    {State::MasterSlow,   Event::Start,        State::MasterSlow,   0, Fate::Later, Fate::Later},
 
-    {State::PassFull,     Event::Raise,        State::PassFull,     0, Told::Later, Told::Later},
-    {State::PassFull,     Event::Clear,        State::PassFull,     0, Told::Later, Told::Later},
-    {State::PassFull,     Event::Disable,      State::PassFull,     0, Told::Later, Told::Never},
-    {State::PassFull,     Event::EnableOther,  State::PassFull,     0, Told::Later, Told::Later},
-    {State::PassFull,     Event::Pass,         State::Open,         1, Told::Now,   Told::Now},
-    {State::PassFull,     Event::ReadAndPass,  State::Open,         1, Told::Now,   Told::Now},
-    {State::PassFull,     Event::OpenSession,  State::Open,         1, Told::Now,   Told::Never},
-    {State::PassFull,     Event::CloseSession, State::NoSession,    0, Told::Later, Told::Never},
-    {State::PassFull,     Event::HangUp,       State::MasterGone,   0, Told::Later, Told::Never},
-    {State::PassFull,     Event::OrderEnd,     State::MasterEnding, 0, Told::Later, Told::Never},
-    {State::PassFull,     Event::Start,        State::PassFull,     0, Told::Later, Told::Later},
+    {State::PassFull,     Event::Raise,        State::PassFull,     0, Fate::Later, Fate::Later},
+    {State::PassFull,     Event::Clear,        State::PassFull,     0, Fate::Later, Fate::Later},
+    {State::PassFull,     Event::Disable,      State::PassFull,     0, Fate::Later, Fate::Never},
+    {State::PassFull,     Event::EnableOther,  State::PassFull,     0, Fate::Later, Fate::Later},
+    {State::PassFull,     Event::Pass,         State::Open,         1, Fate::Now,   Fate::Now},
+    {State::PassFull,     Event::ReadAndPass,  State::Open,         1, Fate::Now,   Fate::Now},
+    {State::PassFull,     Event::OpenSession,  State::Open,         1, Fate::Now,   Fate::Never},
+    {State::PassFull,     Event::CloseSession, State::NoSession,    0, Fate::Later, Fate::Never},
+    {State::PassFull,     Event::HangUp,       State::MasterGone,   0, Fate::Later, Fate::Never},
+    {State::PassFull,     Event::OrderEnd,     State::MasterEnding, 0, Fate::Later, Fate::Never},
+    {State::PassFull,     Event::Start,        State::PassFull,     0, Fate::Later, Fate::Later},
 
-    {State::Open,         Event::Raise,        State::Open,         0, Told::Now,   Told::Now},
-    {State::Open,         Event::Clear,        State::Open,         0, Told::Now,   Told::Now},
-    {State::Open,         Event::Disable,      State::Open,         0, Told::Now,   Told::Now},
-    {State::Open,         Event::EnableOther,  State::Open,         0, Told::Now,   Told::Now},
-    {State::Open,         Event::Pass,         State::Open,         0, Told::Now,   Told::Now},
-    {State::Open,         Event::ReadAndPass,  State::Open,         0, Told::Now,   Told::Now},
-    {State::Open,         Event::OpenSession,  State::Open,         1, Told::Now,   Told::Now},
-    {State::Open,         Event::CloseSession, State::NoSession,    0, Told::Now,   Told::Now},
-    {State::Open,         Event::HangUp,       State::MasterGone,   0, Told::Now,   Told::Now},
-    {State::Open,         Event::OrderEnd,     State::MasterEnding, 0, Told::Now,   Told::Now},
-    {State::Open,         Event::Start,        State::Open,         0, Told::Now,   Told::Now},
+    {State::Open,         Event::Raise,        State::Open,         0, Fate::Now,   Fate::Now},
+    {State::Open,         Event::Clear,        State::Open,         0, Fate::Now,   Fate::Now},
+    {State::Open,         Event::Disable,      State::Open,         0, Fate::Now,   Fate::Now},
+    {State::Open,         Event::EnableOther,  State::Open,         0, Fate::Now,   Fate::Now},
+    {State::Open,         Event::Pass,         State::Open,         0, Fate::Now,   Fate::Now},
+    {State::Open,         Event::ReadAndPass,  State::Open,         0, Fate::Now,   Fate::Now},
+    {State::Open,         Event::OpenSession,  State::Open,         1, Fate::Now,   Fate::Now},
+    {State::Open,         Event::CloseSession, State::NoSession,    0, Fate::Now,   Fate::Now},
+    {State::Open,         Event::HangUp,       State::MasterGone,   0, Fate::Now,   Fate::Now},
+    {State::Open,         Event::OrderEnd,     State::MasterEnding, 0, Fate::Now,   Fate::Now},
+    {State::Open,         Event::Start,        State::Open,         0, Fate::Now,   Fate::Now},
 };
 
 constexpr const char *stateNames[] = {"no session", "master ending", "master gone", "master slow", "pass full", "open"};
@@ -361,14 +361,14 @@ void TestTrapGate::eachStateMeetsEachEvent()
     const QStringList now = sent;
     reopen();
 
-    const auto told = [&now](const char *text) {
+    const auto fateOf = [&now](const char *text) {
         const QString description = QString::fromLatin1(text);
-        return now.contains(description) ? Told::Now : sent.contains(description) ? Told::Later : Told::Never;
+        return now.contains(description) ? Fate::Now : sent.contains(description) ? Fate::Later : Fate::Never;
     };
-    QCOMPARE(told("present"), row.present);
-    QCOMPARE(told("ended"), row.ended);
+    QCOMPARE(fateOf("present"), row.present);
+    QCOMPARE(fateOf("ended"), row.ended);
     if (row.event == Event::Raise)
-        QCOMPARE(told("new"), row.present);
+        QCOMPARE(fateOf("new"), row.present);
     QCOMPARE(sent.removeDuplicates(), 0);
 }
 
