@@ -64,4 +64,5 @@ def test_a_root_in_which_something_is_missing_is_refused(library: Path, missing:
     os.unlink(broken / missing)
     done = configure(WORK / "refused", f"-DKVSNMP_XRCOMMON_ROOT={broken}", check=False)
     assert done.returncode != 0
-    assert f"KVSNMP_XRCOMMON_ROOT: {broken} has no" in done.stderr, done.stderr
+    said = " ".join(done.stderr.split())  # cmake breaks its lines where the path's length has them end
+    assert f"KVSNMP_XRCOMMON_ROOT: {broken} has no" in said, said
