@@ -1,5 +1,5 @@
-"""Settings that change a moment after each other: in the end one snmpd runs, with the newest of them, and none that ran well
-was killed with signal 9.
+"""Settings that change a moment after each other: in the end one snmpd runs, with the newest of them,
+and none that ran well was killed with signal 9.
 
 KVSNMP_RESTART_TRIALS in the environment is how many spacings are tried (some 3 s each), KVSNMP_RESTART_SEED which.
 """
@@ -47,7 +47,7 @@ class Outcome(NamedTuple):
         return sum(entry.what == what for entry in self.entries)
 
     def healthy_killed(self) -> int:
-        """Of the snmpd processes that were killed with signal 9 the ones that no stop had met before."""
+        """snmpd processes that were killed with signal 9 although no stop had met them before."""
         stopped = {entry.pid for entry in self.entries if entry.what == "stop"}
         return sum(entry.what == "kill" and entry.pid not in stopped for entry in self.entries)
 

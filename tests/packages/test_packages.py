@@ -390,6 +390,7 @@ def test_another_folder_in_place_of_etc_snmp_is_followed_and_writable_after_a_re
     type_in(booted, "systemctl restart kvsnmp.service")
     wait_until(lambda: "sysContact replaced\n" in config.read_text(), 20, "the settings in the new folder")
     wait_answering(booted)
+    booted.run("rm", "-r", "/etc/snmp.old")
 
 
 def test_the_self_check_runs(booted: Booted) -> None:
