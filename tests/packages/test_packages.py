@@ -1,11 +1,14 @@
 """The packages in a Debian of their own: installed, tried, started by systemd, upgraded, removed, purged."""
 from __future__ import annotations
 
+import errno
+import os
 import re
 import shutil
 import stat
 import subprocess
 import tempfile
+import time
 from pathlib import Path
 
 import guide
@@ -19,7 +22,11 @@ MODEL_NUMBER = f"{ENTERPRISE}.3.1.3.0"
 # chown, dac_override, kill, setgid, setuid, net_bind_service
 CAPABILITIES = f"{1 << 0 | 1 << 1 | 1 << 5 | 1 << 6 | 1 << 7 | 1 << 10:016x}"
 LOCAL_LINE = "# changed on this device\n"
-IDENTITY = {"xr-modelnumber": "6420\n", "xr-amptype": "VQ9D\n", "xr-model": "Orvane Mervio Amplifier VQ9D\n"}
+IDENTITY = {"xr-modelnumber": "6420\n", "xr-amptype": "VQ9D\n", "xr-model": "Orvane Mervio Amplifier VQ9D\n",
+            "xr-pkgver": "4.12.3\n", "xr-kernelver": "5.15.71\n", "xr-oftreever": "6420-2.1\n"}
+GOLDEN_WALK = (CHECKOUT / "tests/device/golden/6420.walk").read_text()
+# The one value in which the walk differs from the simulator's data.
+FAILED_TONE = ("/state/lines/line[kid='ln1']/pilot_tone_state", "failed")
 TALSERVICE = """\
 [Service]
 Type=exec
@@ -143,8 +150,7 @@ def test_a_device_of_the_installed_simulator_answers_by_name(root: DebianRoot) -
     walk, _, end = rest.partition("== end\n")
     assert before.startswith("6420\tmodel 6420\town network\trunning\t")
     cells = [line for line in walk.splitlines() if line.startswith("KVSNMP-MIB::")]
-    golden = (CHECKOUT / "tests/device/golden/6420.walk").read_text().splitlines()
-    assert len(cells) == len(golden)
+    assert len(cells) == len(GOLDEN_WALK.splitlines())
     assert any(re.match(r"KVSNMP-MIB::infoModelNumber\.0 = .*6420", cell) for cell in cells), cells[:8]
     assert "change it: kvsnmp-device exec" in end and "6420\tmodel" not in end, end
 
@@ -165,7 +171,7 @@ def test_the_unit_is_sound_and_hardened(root: DebianRoot) -> None:
 
 def test_on_a_machine_that_is_no_device_the_unit_is_passed_over(booted: Booted) -> None:
     booted.run("systemctl", "start", "kvsnmp.service")
-    assert booted.output("systemctl", "show", "-P", "ConditionResult", "kvsnmp.service") == "no"
+    assert shown(booted, "ConditionResult") == "no"
     assert booted.output("pgrep", "-x", "kvsnmp") == ""
 
 
@@ -186,8 +192,12 @@ def write_shown_file(booted: Booted, path: str, mode: int = 0o644) -> None:
     file.chmod(mode)
 
 
+def shown(booted: Booted, name: str) -> str:
+    return booted.output("systemctl", "show", "-P", name, "kvsnmp.service")
+
+
 def main_pid(booted: Booted) -> int:
-    return int(booted.output("systemctl", "show", "-P", "MainPID", "kvsnmp.service") or 0)
+    return int(shown(booted, "MainPID") or 0)
 
 
 def snmpd_pids(booted: Booted) -> list[str]:
@@ -206,6 +216,24 @@ def wait_answering(booted: Booted) -> None:
         print(booted.output("systemctl", "status", "--no-pager", "-l", "kvsnmp.service"))
         print(booted.output("journalctl", "--no-pager", "-n", "60"))
         raise
+
+
+def add_drop_in(booted: Booted, name: str, setting: str) -> Path:
+    file = booted.root.path(f"/etc/systemd/system/kvsnmp.service.d/{name}.conf")
+    file.parent.mkdir(parents=True, exist_ok=True)
+    file.write_text(f"[Service]\n{setting}\n")
+    booted.run("systemctl", "daemon-reload")
+    return file
+
+
+def walk(booted: Booted) -> str:
+    return booted.output("snmpwalk", "-v2c", "-c", "public", "-On", "-Oe", "-OU", "127.0.0.1", f"{ENTERPRISE}.3") + "\n"
+
+
+def wait_golden_walk(booted: Booted) -> None:
+    """A walk before the data have come shows the starting values, and keeps those of the tables for 60 s."""
+    wait_until(lambda: "kvsnmp_sys_messages" in booted.output("talctl", "subscriptions"), 20, "subscriptions")
+    wait_until(lambda: walk(booted) == GOLDEN_WALK, 75, "the golden walk")
 
 
 def status_field(booted: Booted, pid: object, name: str) -> str:
@@ -247,12 +275,15 @@ def test_the_file_system_is_read_only_but_for_what_is_written(booted: Booted) ->
     def touch(path: str) -> bool:
         return booted.run("nsenter", "-t", str(main_pid(booted)), "-m", "touch", path, check=False).returncode == 0
 
+    snmpd = snmpd_pids(booted)
     for path in ("/etc/snmp/x", "/run/x", "/tmp/x", "/var/agentx/x", "/var/lib/snmp/x"):
         assert touch(path), path
         booted.run("rm", path)
     for path in ("/etc/x", "/usr/x", "/var/x", "/var/log/x", "/root/x"):
         assert not touch(path), path
     assert mount_options(booted.output("cat", f"/proc/{main_pid(booted)}/mountinfo"), "/sys") == "ro"
+    wait_until(lambda: snmpd_pids(booted) not in ([], snmpd), 20, "a snmpd after the change of /etc/snmp")
+    wait_answering(booted)
 
 
 def test_gpio_export_can_be_written_where_the_rest_of_sys_cannot(booted: Booted) -> None:
@@ -266,7 +297,10 @@ def test_gpio_export_can_be_written_where_the_rest_of_sys_cannot(booted: Booted)
 
 def test_snmpd_outlives_a_stop_and_is_taken_over(booted: Booted) -> None:
     before = snmpd_pids(booted)
+    drop_in = add_drop_in(booted, "end", """ExecStopPost=/bin/sh -c 'echo $SERVICE_RESULT $EXIT_CODE $EXIT_STATUS > /run/end'""")
     booted.run("systemctl", "stop", "kvsnmp.service")
+    assert booted.output("cat", "/run/end") == "success exited 0"
+    drop_in.unlink()
     assert booted.output("pgrep", "-x", "kvsnmp") == ""
     assert booted.run("test", "-e", "/run/kvsnmp.pid", check=False).returncode == 1
     assert snmpd_pids(booted) == before
@@ -274,6 +308,75 @@ def test_snmpd_outlives_a_stop_and_is_taken_over(booted: Booted) -> None:
     wait_until(lambda: snmpd_pids(booted) not in ([], before), 20, "a new snmpd")
     wait_answering(booted)
     assert len(snmpd_pids(booted)) == 1
+
+
+def test_it_is_active_once_its_event_loop_runs(booted: Booted) -> None:
+    """Held up by an identity file whose open() waits for a writer."""
+    booted.run("systemctl", "stop", "kvsnmp.service")
+    file = booted.root.path("/etc/xr-pkgver")
+    file.unlink()
+    booted.run("mkfifo", "/etc/xr-pkgver")
+    booted.run("systemctl", "start", "--no-block", "kvsnmp.service")
+    states: list[str] = []
+
+    def let_it_go_on() -> bool:
+        states.append(shown(booted, "ActiveState"))
+        try:
+            os.close(os.open(file, os.O_WRONLY | os.O_NONBLOCK))
+            return True
+        except OSError as error:
+            assert error.errno == errno.ENXIO  # nobody has opened it yet
+            return False
+
+    wait_until(let_it_go_on, 10, "the daemon at the file")
+    assert states[-1] == "activating" and "active" not in states
+    wait_until(lambda: shown(booted, "ActiveState") == "active", 10, "the unit's start")
+    file.unlink()
+    file.write_text(IDENTITY["xr-pkgver"])
+    booted.run("systemctl", "restart", "kvsnmp.service")
+    wait_answering(booted)
+
+
+def test_a_hung_daemon_is_noticed_and_started_anew(booted: Booted) -> None:
+    assert [shown(booted, name) for name in ("Type", "WatchdogUSec", "Restart")] == ["notify", "2min", "on-failure"]
+    drop_in = add_drop_in(booted, "watchdog", "WatchdogSec=15")
+    booted.run("systemctl", "restart", "kvsnmp.service")
+    booted.run("talctl", "set", *FAILED_TONE)
+    wait_golden_walk(booted)
+    hung, snmpd = main_pid(booted), snmpd_pids(booted)
+    booted.run("kill", "-STOP", str(hung))
+    begin = time.monotonic()
+    assert walk(booted) != GOLDEN_WALK
+    wait_until(lambda: shown(booted, "Result") == "watchdog", 30, "the watchdog's notice")
+    print(f"a stopped daemon was noticed after {time.monotonic() - begin:.1f} s")
+    wait_until(lambda: main_pid(booted) != hung, 10, "the end of the stopped kvsnmp")
+    assert snmpd_pids(booted) == snmpd
+    wait_until(lambda: main_pid(booted) not in (0, hung), 10, "a new kvsnmp")
+    wait_golden_walk(booted)
+    print(f"the golden walk answered again after {time.monotonic() - begin:.1f} s")
+    drop_in.unlink()
+
+
+def test_neither_an_idle_nor_a_polled_device_writes_to_the_journal(booted: Booted) -> None:
+    booted.run("systemctl", "daemon-reload")
+    booted.run("systemctl", "restart", "kvsnmp.service")
+    wait_golden_walk(booted)
+    lines = booted.output("journalctl", "-q", "-t", "kvsnmp", f"_PID={main_pid(booted)}").splitlines()
+    print(*lines, sep="\n")
+    assert "AgentX subagent connected" in lines[-1]
+    assert all("Failed to connect to the agentx master" in line for line in lines[:-1])  # until snmpd is there
+    cursor = booted.output("journalctl", "-n", "0", "--show-cursor").removeprefix("-- cursor: ")
+
+    def written() -> str:
+        return booted.output("stat", "-c", "%y", "/tmp/kvsnmp.watchdogtest")
+
+    def next_tick(poll: bool) -> None:
+        before = written()
+        wait_until(lambda: (not poll or walk(booted)) and written() != before, 10, "a tick of 5 s")
+
+    for poll in (True, True, False, False):
+        next_tick(poll)
+    assert booted.output("journalctl", "-q", f"--after-cursor={cursor}", "-u", "kvsnmp.service") == ""
 
 
 def test_a_killed_daemon_comes_back(booted: Booted) -> None:
@@ -308,14 +411,14 @@ def test_options_come_from_etc_default(booted: Booted) -> None:
     options.write_text("TAL_SOCKET=/run/tal.sock\nKVSNMP_OPTIONS=-z\n")
     booted.run("systemctl", "restart", "kvsnmp.service")
     wait_answering(booted)
-    assert booted.output("cat", f"/proc/{main_pid(booted)}/cmdline") == "/usr/sbin/kvsnmp\0-z\0"
+    assert booted.output("cat", f"/proc/{main_pid(booted)}/cmdline") == "/usr/sbin/kvsnmp\0-d\0-z\0"
     assert "TAL_SOCKET=/run/tal.sock\0" in booted.output("cat", f"/proc/{main_pid(booted)}/environ")
     options.unlink()
 
 
 def test_the_drop_in_brings_debug_lines_into_the_journal(booted: Booted) -> None:
-    drop_in = "/etc/systemd/system/kvsnmp.service.d/foreground.conf"
-    assert "readModelNumber" not in booted.output("journalctl", "-u", "kvsnmp.service"), "daemon mode prints nothing"
+    drop_in = "/etc/systemd/system/kvsnmp.service.d/debug.conf"
+    assert "readModelNumber" not in booted.output("journalctl", "-u", "kvsnmp.service")
     write_shown_file(booted, drop_in)
     type_in(booted, "systemctl daemon-reload")
     type_in(booted, "systemctl restart kvsnmp.service")
@@ -336,8 +439,8 @@ def test_the_drop_in_for_the_library_is_accepted(booted: Booted) -> None:
     booted.run("systemctl", "daemon-reload")
     booted.run("systemctl", "restart", "kvsnmp.service")
     wait_answering(booted)
-    assert booted.output("systemctl", "show", "-P", "PrivateDevices", "kvsnmp.service") == "no"
-    assert "/sys" in booted.output("systemctl", "show", "-P", "ReadWritePaths", "kvsnmp.service").split()
+    assert shown(booted, "PrivateDevices") == "no"
+    assert "/sys" in shown(booted, "ReadWritePaths").split()
     booted.root.path(drop_in).unlink()
 
 
