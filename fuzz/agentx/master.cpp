@@ -3,6 +3,7 @@
 
 #include "support.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -44,12 +45,9 @@ void trace(const char *who, std::string_view frame)
                      describe(parsePdu(frame).value_or(Pdu{.header = parseHeader(frame)})).c_str());
 }
 
-/// PDUs on which the library itself misbehaves. Its master is trusted, and snmpd sends none of them.
-bool isUnbearable(std::string_view frame)
+bool isSet(const Header &header)
 {
-    const std::optional<std::string> context = contextOf(frame);
-    // A context name with a zero in it: the library copies the name up to the zero and later reads all of its length.
-    return context && context->find('\0') != std::string::npos;
+    return header.type >= PduType::testSet && header.type <= PduType::cleanupSet;
 }
 } // namespace
 
@@ -149,6 +147,21 @@ void Master::writeChunk()
         m_chunks.pop_front();
         m_isAccounted = false;
     }
+}
+
+/// PDUs on which the library itself misbehaves. Its master is trusted, and snmpd sends none of them.
+bool Master::isUnbearable(std::string_view frame) const
+{
+    // A context name with a zero in it: the library copies the name up to the zero and later reads all of its length.
+    const std::optional<std::string> context = contextOf(frame);
+    if (context && context->find('\0') != std::string::npos)
+        return true;
+    // A part of a set before the answer to the last one: when that ends the set, the library writes to freed memory.
+    const Header header = parseHeader(frame);
+    return isSet(header) && std::any_of(m_asked.begin(), m_asked.end(), [&header](const Asked &asked) {
+               return isSet(asked.request.header) && asked.request.header.transaction == header.transaction &&
+                      !asked.answer;
+           });
 }
 
 /// Cuts what goes out into PDUs as the library does, and enters those that are requests. False when one is among them

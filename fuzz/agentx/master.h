@@ -74,6 +74,7 @@ private:
     void acceptConnection();
     void writeChunk();
     bool account(std::string_view chunk);
+    bool isUnbearable(std::string_view frame) const;
     void readAgent();
     void handle(std::string_view frame);
     void take(const Pdu &response);

@@ -8,6 +8,7 @@
 #include "agent/netsnmp.h"
 #include "device/boundedtext.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <span>
@@ -26,6 +27,7 @@ SubAgent::SubAgent(std::string_view device, const std::string &folder, Master &m
     setenv("SNMPCONFPATH", folder.c_str(), 1);
     setenv("SNMP_PERSISTENT_DIR", folder.c_str(), 1);
     require(std::freopen("/dev/null", "w", stdout) != nullptr, "standard output can be dropped");
+    std::signal(SIGPIPE, SIG_IGN); // as the daemon does
     virtualtime::whileWaiting([&master] { master.serve(); }, [&master] { master.noteLapse(); });
     fill();
 
