@@ -1,6 +1,7 @@
 // The agent record, the start of the agent and the setters.
 #include "agent/kvagent.h"
 
+#include "agent/masterconnection.h"
 #include "agent/modules.h"
 #include "agent/netsnmp.h"
 #include "agent/streamlimit.h"
@@ -51,12 +52,14 @@ int sessionStarted(int, int, void *argument, void *)
     if (transport != nullptr)
         limitStream(*transport);
     trapGate().openSession(transport != nullptr ? transport->sock : -1);
+    cancelAttempts();
     return 0;
 }
 
 int sessionStopped(int, int, void *, void *)
 {
     trapGate().closeSession();
+    postponeAttempt();
     return 0;
 }
 
@@ -93,6 +96,7 @@ void kaAgentStart(std::uint32_t modelNumber, std::uint8_t ampType, const char *m
         for (const auto initModule : modules)
             initModule();
     }
+    boundAttempts();
     init_snmp(applicationName);
     std::puts("return from init_snmp()");
 
@@ -103,6 +107,7 @@ void kaAgentStart(std::uint32_t modelNumber, std::uint8_t ampType, const char *m
 
 int kaCheckAndProcess()
 {
+    allowAttempt();
     const int result = agent_check_and_process(0);
     trapGate().endPass();
     return result;

@@ -9,9 +9,13 @@
 
 #include <net-snmp/agent/agent_callbacks.h>
 #include <net-snmp/library/large_fd_set.h>
+#include <net-snmp/library/snmp_alarm.h>
+#include <net-snmp/library/snmp_service.h>
 
 extern "C" {
 /// snmpTrapOID.0, 11 sub-identifiers. Exported by the library, declared in none of its public headers.
 extern const oid snmptrap_oid[];
 extern const std::size_t snmptrap_oid_len;
+/// Null when there is no alarm of that number. Declared nowhere either.
+snmp_alarm *sa_find_specific(unsigned number);
 }

@@ -18,11 +18,19 @@ void storeText(InfoText &field, std::string_view text)
 {
     field.length = copyBounded(field.text, text);
 }
+
+int checkLog(int, int, void *message, void *)
+{
+    const std::string_view text = static_cast<const snmp_log_message *>(message)->msg;
+    require(text.find("attempted to be re-opened") == text.npos, "one attempt at a time to open a session");
+    return 0;
+}
 } // namespace
 
 SubAgent::SubAgent(std::string_view device, const std::string &folder, Master &master) : m_master(master)
 {
-    writeFile(folder + "/kvagent.conf", "agentXSocket unix:" + folder + "/master\nagentXPingInterval 1\n");
+    writeFile(folder + "/kvagent.conf", "agentXPingInterval 1\n");
+    writeFile(folder + "/snmp.conf", "defTarget agentx unix " + folder + "/master\n");
     setenv("MIBS", "", 1);
     setenv("SNMPCONFPATH", folder.c_str(), 1);
     setenv("SNMP_PERSISTENT_DIR", folder.c_str(), 1);
@@ -35,7 +43,8 @@ SubAgent::SubAgent(std::string_view device, const std::string &folder, Master &m
     const bool expanders = device.ends_with('+');
     kaAgentStart(model, 3, expanders ? "Orvane Brisel Compact - IP-QRM-B" : "Orvane Brisel Extended");
     snmp_disable_stderrlog();
-    snmp_enable_calllog(); // to nobody: without any way to log the library takes standard error again
+    snmp_enable_calllog();
+    snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_LOGGING, checkLog, nullptr);
     handOver();
     run();
     require(master.hasSession(), "the sub-agent opens a session");

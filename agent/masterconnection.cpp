@@ -1,0 +1,122 @@
+// How the agent library connects to the master agent.
+#include "agent/masterconnection.h"
+
+#include "agent/netsnmp.h"
+#include "device/boundedtext.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include <fcntl.h>
+#include <net-snmp/library/snmpUnixDomain.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+constexpr char application[] = "agentx";
+constexpr oid unixDomain[] = {TRANSPORT_DOMAIN_LOCAL};
+constexpr oid ownDomain[] = {TRANSPORT_DOMAIN_LOCAL, 1}; // any that the library does not know
+bool attemptAllowed = true;
+
+int receive(netsnmp_transport *transport, void *buffer, int size, void **, int *)
+{
+    ssize_t received = 0;
+    do
+        received = recv(transport->sock, buffer, static_cast<std::size_t>(size), MSG_DONTWAIT);
+    while (received < 0 && errno == EINTR);
+    return static_cast<int>(received);
+}
+
+int send(netsnmp_transport *transport, const void *message, int size, void **, int *)
+{
+    ssize_t sent = 0;
+    do
+        sent = ::send(transport->sock, message, static_cast<std::size_t>(size), MSG_NOSIGNAL);
+    while (sent < 0 && errno == EINTR);
+    return static_cast<int>(sent);
+}
+
+int close(netsnmp_transport *transport)
+{
+    const int socket = std::exchange(transport->sock, -1);
+    return socket < 0 ? -1 : ::close(socket);
+}
+
+/// A connection to the library's default socket. The library's own transport waits for a place in the queue of a master
+/// that has stopped, without limit. Null, with errno, on failure.
+netsnmp_transport *connectToMaster(netsnmp_tdomain_spec *)
+{
+    if (!std::exchange(attemptAllowed, false)) {
+        errno = EAGAIN;
+        return nullptr;
+    }
+    const char *const path = netsnmp_lookup_default_target(application, "unix");
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path == nullptr || copyBounded(address.sun_path, path) < std::strlen(path)) {
+        errno = ENAMETOOLONG;
+        return nullptr;
+    }
+    auto *const transport = SNMP_MALLOC_TYPEDEF(netsnmp_transport);
+    if (transport == nullptr)
+        return nullptr;
+    transport->domain = unixDomain;
+    transport->domain_length = OID_LENGTH(unixDomain);
+    transport->flags = NETSNMP_TRANSPORT_FLAG_STREAM;
+    transport->msgMaxSize = SNMP_MAX_PACKET_LEN;
+    transport->f_recv = receive;
+    transport->f_send = send;
+    transport->f_close = close;
+    transport->sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (transport->sock < 0 ||
+        connect(transport->sock, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
+        const int failure = errno;
+        close(transport);
+        netsnmp_transport_free(transport);
+        errno = failure;
+        return nullptr;
+    }
+    fcntl(transport->sock, F_SETFL, 0); // the library sends whole messages
+    return transport;
+}
+
+void neverCalled(unsigned, void *) {}
+} // namespace
+
+void boundAttempts()
+{
+    static netsnmp_tdomain domain = {};
+    domain.name = ownDomain;
+    domain.name_length = OID_LENGTH(ownDomain);
+    domain.prefix = static_cast<const char **>(std::calloc(2, sizeof(const char *))); // the library frees it
+    domain.prefix[0] = "kvmaster";
+    domain.f_create_from_tspec = connectToMaster;
+    netsnmp_tdomain_register(&domain);
+    netsnmp_register_default_domain(application, "kvmaster tcp"); // the library's own default is "unix tcp"
+    attemptAllowed = true;
+}
+
+void allowAttempt()
+{
+    attemptAllowed = true;
+}
+
+void postponeAttempt()
+{
+    attemptAllowed = false;
+}
+
+void cancelAttempts()
+{
+    static unsigned next = 1; // the first alarm that was not looked at
+    const unsigned newest = snmp_alarm_register(1, SA_REPEAT, neverCalled, nullptr);
+    for (; next <= newest; ++next) {
+        const snmp_alarm *const alarm = sa_find_specific(next);
+        // The library repeats nothing else without an argument.
+        if (alarm != nullptr && (alarm->flags & SA_REPEAT) != 0 && alarm->clientarg == nullptr)
+            snmp_alarm_unregister(next);
+    }
+}
