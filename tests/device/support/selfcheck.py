@@ -40,7 +40,7 @@ class SelfCheck:
 
 def assert_healthy(check: SelfCheck) -> None:
     assert check.ids("warning", "failed", "skipped") == [], str(check)
-    assert check.status == 0 and check.causes == []
+    assert check.status == 0 and check.causes == [], str(check)
 
 
 def assert_cause(check: SelfCheck, cause: str, *texts: str) -> None:
@@ -58,5 +58,5 @@ def assert_cause(check: SelfCheck, cause: str, *texts: str) -> None:
 
 def assert_only_warnings(check: SelfCheck, *warned: str) -> None:
     assert check.ids("warning") == list(warned), str(check)
-    assert check.status == 0 and check.causes == []
+    assert check.status == 0 and check.causes == [], str(check)
     assert all(check.checks[name]["hint"] for name in warned)
