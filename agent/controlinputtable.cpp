@@ -1,6 +1,5 @@
 // E.3.9: control inputs.
 #include "agent/modules.h"
-#include "agent/tablecore.h"
 
 #include <cstdio>
 
@@ -27,64 +26,47 @@ constexpr Line expanderLines[] = { // on stations with expanders
 constexpr RowSet rowSets[] = {
     {noModelTest, ownLines, nullptr, expanderLines},
 };
-// clang-format on
-static_assert(goodLines(rowSets, controlInputRows));
-
-struct ControlInputTableRow : TableRow {
-    std::uint32_t state = 1;
-    std::uint32_t monitored = 1;
+constexpr Column columns[] = {
+    {ASN_INTEGER,   cell<&TableRow::index>},
+    {ASN_OCTET_STR, cell<&TableRow::description>},
+    {ASN_INTEGER,   cell<&ControlInputRow::status>},
+    {ASN_INTEGER,   cell<&ControlInputRow::monitored>},
 };
+// clang-format on
+
+Rows<ControlInputRow, rowSets, controlInputRows> rows({.status = 1, .monitored = 1});
 
 // clang-format off
-constexpr Column columns[] = {
-    {ASN_INTEGER,   cell<&ControlInputTableRow::index>},
-    {ASN_OCTET_STR, cell<&ControlInputTableRow::description>},
-    {ASN_INTEGER,   cell<&ControlInputTableRow::state>},
-    {ASN_INTEGER,   cell<&ControlInputTableRow::monitored>},
-};
+void initialize_table_controlInputTable() { initializeTable(controlInputTable); }
+Index *controlInputTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(controlInputTable, l, d, i); }
+Index *controlInputTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(controlInputTable, l, d, i); }
+int controlInputTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable("controlInputTable", columns, i, r); }
+void refillControlInputTableEntries() { refillTable(controlInputTable); }
+int controlInputTable_load(Cache *, void *) { return loadTable(controlInputTable); }
+void controlInputTable_free(Cache *, void *) { freeTable(controlInputTable); }
+int handle_controlInputCount(Handler *, Registration *, Info *i, Request *r) { return serveCount(controlInputTable, i, r); }
+void controlInputTable_createEntry() { std::puts("controlInputTable_createEntry()"); }
+void controlInputTable_removeEntry() { std::puts("controlInputTable_removeEntry()"); }
 // clang-format on
+} // namespace
 
-constexpr auto tableOid = enterpriseOid(3, 9, 2);
-constexpr auto countOid = enterpriseOid(3, 9, 1);
-
-void copy(ControlInputTableRow &row, const ControlInputRecord &record)
-{
-    row.state = record.rows[row.source].status;
-    row.monitored = record.rows[row.source].monitored;
-}
-
-Rows<ControlInputTableRow, highestIndex(rowSets)> rows;
-
-constexpr TableModule table = {
+constexpr TableModule controlInputTable = {
     .name = "controlInputTable",
-    .object = tableOid,
+    .object = enterpriseOid(3, 9, 2),
     .columns = columns,
     .rowSets = rowSets,
     .rows = &rows,
-    .count = {"handle_controlInputCount", countOid, handle_controlInputCount},
-    .record = recordSource<&KvAgent::talControlInputTableData, copy>("talControlInputTableData"),
+    .count = {"handle_controlInputCount", enterpriseOid(3, 9, 1), handle_controlInputCount},
+    .record = recordSource<&KvAgent::talControlInputTableData, &ControlInputRecord::rows>("talControlInputTableData"),
     .refill = refillControlInputTableEntries,
     .hooks = {controlInputTable_handler, controlInputTable_get_first_data_point, controlInputTable_get_next_data_point,
-              controlInputTable_load, controlInputTable_free},
+              controlInputTable_load, controlInputTable_free, controlInputTable_createEntry,
+              controlInputTable_removeEntry},
 };
-} // namespace
 
 void init_controlInputTable()
 {
     initialize_table_controlInputTable();
     std::puts("controlInputCount Initializing");
-    registerScalar(table.count);
+    registerScalar(controlInputTable.count);
 }
-
-// clang-format off
-void initialize_table_controlInputTable() { initializeTable(table); }
-Index *controlInputTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(table, l, d, i); }
-Index *controlInputTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(table, l, d, i); }
-int controlInputTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(table, i, r); }
-int controlInputTable_load(Cache *, void *) { return loadTable(table); }
-void controlInputTable_free(Cache *, void *) { freeTable(table); }
-int handle_controlInputCount(Handler *, Registration *, Info *i, Request *r) { return serveCount(table, i, r); }
-void refillControlInputTableEntries() { refillTable(table); }
-void controlInputTable_createEntry() { std::puts("controlInputTable_createEntry()"); }
-void controlInputTable_removeEntry() { std::puts("controlInputTable_removeEntry()"); }
-// clang-format on

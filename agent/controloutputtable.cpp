@@ -1,6 +1,5 @@
 // E.3.10: control outputs.
 #include "agent/modules.h"
-#include "agent/tablecore.h"
 
 #include <cstdio>
 
@@ -17,61 +16,47 @@ constexpr Line lines[] = { // on every model
 constexpr RowSet rowSets[] = {
     {noModelTest, lines},
 };
-// clang-format on
-static_assert(goodLines(rowSets, controlOutputRows));
-
-struct ControlOutputTableRow : TableRow {
-    std::uint32_t state = 1;
+constexpr Column columns[] = {
+    {ASN_INTEGER,   cell<&TableRow::index>},
+    {ASN_OCTET_STR, cell<&TableRow::description>},
+    {ASN_INTEGER,   numberCell},
 };
+// clang-format on
+
+Rows<std::uint32_t, rowSets, controlOutputRows> rows(1);
 
 // clang-format off
-constexpr Column columns[] = {
-    {ASN_INTEGER,   cell<&ControlOutputTableRow::index>},
-    {ASN_OCTET_STR, cell<&ControlOutputTableRow::description>},
-    {ASN_INTEGER,   cell<&ControlOutputTableRow::state>},
-};
+void initialize_table_controlOutputTable() { initializeTable(controlOutputTable); }
+Index *controlOutputTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(controlOutputTable, l, d, i); }
+Index *controlOutputTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(controlOutputTable, l, d, i); }
+int controlOutputTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable("controlOutputTable", columns, i, r); }
+void refillControlOutputTableEntries() { refillTable(controlOutputTable); }
+int controlOutputTable_load(Cache *, void *) { return loadTable(controlOutputTable); }
+void controlOutputTable_free(Cache *, void *) { freeTable(controlOutputTable); }
+int handle_controlOutputCount(Handler *, Registration *, Info *i, Request *r) { return serveCount(controlOutputTable, i, r); }
+void controlOutputTable_createEntry() { std::puts("controlOutputTable_createEntry()"); }
+void controlOutputTable_removeEntry() { std::puts("controlOutputTable_removeEntry()"); }
 // clang-format on
+} // namespace
 
-constexpr auto tableOid = enterpriseOid(3, 10, 2);
-constexpr auto countOid = enterpriseOid(3, 10, 1);
-
-void copy(ControlOutputTableRow &row, const ControlOutputRecord &record)
-{
-    row.state = record.status[row.source];
-}
-
-Rows<ControlOutputTableRow, highestIndex(rowSets)> rows;
-
-constexpr TableModule table = {
+constexpr TableModule controlOutputTable = {
     .name = "controlOutputTable",
-    .object = tableOid,
+    .object = enterpriseOid(3, 10, 2),
     .columns = columns,
     .rowSets = rowSets,
     .rows = &rows,
-    .count = {"handle_controlOutputCount", countOid, handle_controlOutputCount},
-    .record = recordSource<&KvAgent::talControlOutputTableData, copy>("talControlOutputTableData"),
+    .count = {"handle_controlOutputCount", enterpriseOid(3, 10, 1), handle_controlOutputCount},
+    .record =
+        recordSource<&KvAgent::talControlOutputTableData, &ControlOutputRecord::status>("talControlOutputTableData"),
     .refill = refillControlOutputTableEntries,
     .hooks = {controlOutputTable_handler, controlOutputTable_get_first_data_point,
-              controlOutputTable_get_next_data_point, controlOutputTable_load, controlOutputTable_free},
+              controlOutputTable_get_next_data_point, controlOutputTable_load, controlOutputTable_free,
+              controlOutputTable_createEntry, controlOutputTable_removeEntry},
 };
-} // namespace
 
 void init_controlOutputTable()
 {
     initialize_table_controlOutputTable();
     std::puts("controlOutputCount Initializing");
-    registerScalar(table.count);
+    registerScalar(controlOutputTable.count);
 }
-
-// clang-format off
-void initialize_table_controlOutputTable() { initializeTable(table); }
-Index *controlOutputTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(table, l, d, i); }
-Index *controlOutputTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(table, l, d, i); }
-int controlOutputTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(table, i, r); }
-int controlOutputTable_load(Cache *, void *) { return loadTable(table); }
-void controlOutputTable_free(Cache *, void *) { freeTable(table); }
-int handle_controlOutputCount(Handler *, Registration *, Info *i, Request *r) { return serveCount(table, i, r); }
-void refillControlOutputTableEntries() { refillTable(table); }
-void controlOutputTable_createEntry() { std::puts("controlOutputTable_createEntry()"); }
-void controlOutputTable_removeEntry() { std::puts("controlOutputTable_removeEntry()"); }
-// clang-format on

@@ -3,12 +3,19 @@
 
 #include "agent/netsnmp.h"
 
-#include <array>
 #include <cstddef>
+#include <span>
+
+struct Oid {
+    oid arcs[11]; ///< as many as the longest object here has
+    std::size_t length;
+
+    constexpr operator std::span<const oid>() const { return {arcs, length}; }
+};
 
 /// E followed by the arcs: enterpriseOid(3, 4, 2) is E.3.4.2.
 template <class... Arcs>
-constexpr std::array<oid, 7 + sizeof...(Arcs)> enterpriseOid(Arcs... arcs)
+constexpr Oid enterpriseOid(Arcs... arcs)
 {
-    return {1, 3, 6, 1, 4, 1, 52717, static_cast<oid>(arcs)...};
+    return {{1, 3, 6, 1, 4, 1, 52717, static_cast<oid>(arcs)...}, 7 + sizeof...(Arcs)};
 }

@@ -1,6 +1,5 @@
 // E.3.3: fans.
 #include "agent/modules.h"
-#include "agent/tablecore.h"
 
 #include <cstdio>
 
@@ -17,61 +16,45 @@ constexpr RowSet rowSets[] = {
     {{6420, 6764}, twoFans},
     {{6410, 6720}, oneFan},
 };
-// clang-format on
-static_assert(goodLines(rowSets, fanRows));
-
-struct FanTableRow : TableRow {
-    std::uint32_t rpm = 0;
+constexpr Column columns[] = {
+    {ASN_INTEGER,   cell<&TableRow::index>},
+    {ASN_OCTET_STR, cell<&TableRow::description>},
+    {ASN_GAUGE,     numberCell},
 };
+// clang-format on
+
+Rows<std::uint32_t, rowSets, fanRows> rows(0);
 
 // clang-format off
-constexpr Column columns[] = {
-    {ASN_INTEGER,   cell<&FanTableRow::index>},
-    {ASN_OCTET_STR, cell<&FanTableRow::description>},
-    {ASN_GAUGE,     cell<&FanTableRow::rpm>},
-};
+void initialize_table_fanTable() { initializeTable(fanTable); }
+Index *fanTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(fanTable, l, d, i); }
+Index *fanTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(fanTable, l, d, i); }
+int fanTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable("fanTable", columns, i, r); }
+void refillFanTableEntries() { refillTable(fanTable); }
+int fanTable_load(Cache *, void *) { return loadTable(fanTable); }
+void fanTable_free(Cache *, void *) { freeTable(fanTable); }
+int handle_fanTableCount(Handler *, Registration *, Info *i, Request *r) { return serveCount(fanTable, i, r); }
+void fanTable_createEntry() { std::puts("fanTable_createEntry()"); }
+void fanTable_removeEntry() { std::puts("fanTable_removeEntry()"); }
 // clang-format on
+} // namespace
 
-constexpr auto tableOid = enterpriseOid(3, 3, 2);
-constexpr auto countOid = enterpriseOid(3, 3, 1);
-
-void copy(FanTableRow &row, const FanRecord &record)
-{
-    row.rpm = record.values[row.source];
-}
-
-Rows<FanTableRow, highestIndex(rowSets)> rows;
-
-constexpr TableModule table = {
+constexpr TableModule fanTable = {
     .name = "fanTable",
-    .object = tableOid,
+    .object = enterpriseOid(3, 3, 2),
     .columns = columns,
     .rowSets = rowSets,
     .rows = &rows,
-    .count = {"handle_fanTableCount", countOid, handle_fanTableCount},
-    .record = recordSource<&KvAgent::talFanTableData, copy>("talFanTableData"),
+    .count = {"handle_fanTableCount", enterpriseOid(3, 3, 1), handle_fanTableCount},
+    .record = recordSource<&KvAgent::talFanTableData, &FanRecord::values>("talFanTableData"),
     .refill = refillFanTableEntries,
     .hooks = {fanTable_handler, fanTable_get_first_data_point, fanTable_get_next_data_point, fanTable_load,
-              fanTable_free},
+              fanTable_free, fanTable_createEntry, fanTable_removeEntry},
 };
-} // namespace
 
 void init_fanTable()
 {
     std::puts("init_fanTable()");
     initialize_table_fanTable();
-    registerScalar(table.count);
+    registerScalar(fanTable.count);
 }
-
-// clang-format off
-void initialize_table_fanTable() { initializeTable(table); }
-Index *fanTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(table, l, d, i); }
-Index *fanTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(table, l, d, i); }
-int fanTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(table, i, r); }
-int fanTable_load(Cache *, void *) { return loadTable(table); }
-void fanTable_free(Cache *, void *) { freeTable(table); }
-int handle_fanTableCount(Handler *, Registration *, Info *i, Request *r) { return serveCount(table, i, r); }
-void refillFanTableEntries() { refillTable(table); }
-void fanTable_createEntry() { std::puts("fanTable_createEntry()"); }
-void fanTable_removeEntry() { std::puts("fanTable_removeEntry()"); }
-// clang-format on

@@ -1,8 +1,5 @@
 // E.3.1: what the device is. Served from a copy of the application's record that is made once.
-#include "agent/enterprise.h"
-#include "agent/kvagent.h"
 #include "agent/modules.h"
-#include "agent/scalarcore.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -23,14 +20,8 @@ int serve(const char *handlerName, const InfoNumber &field, const Info *info, Re
     return serveScalar(handlerName, ASN_INTEGER, {&field.value, sizeof(field.value)}, info, requests);
 }
 
-struct InfoScalar {
-    const char *handlerName;
-    std::array<oid, 10> object;
-    Netsnmp_Node_Handler *handler;
-};
-
 // clang-format off
-constexpr InfoScalar infoScalars[] = { // in the order of registration
+constexpr Scalar infoScalars[] = { // in the order of registration
     {"handle_infoPackageVersion",    enterpriseOid(3, 1, 1), handle_infoPackageVersion},
     {"handle_infoModelType",         enterpriseOid(3, 1, 2), handle_infoModelType},
     {"handle_infoModelNumber",       enterpriseOid(3, 1, 3), handle_infoModelNumber},
@@ -52,8 +43,8 @@ int handle_infoDisablement(Handler *, Registration *, Info *i, Request *r)      
 
 void init_infoScalars()
 {
-    for (const InfoScalar &scalar : infoScalars)
-        registerScalar({scalar.handlerName, scalar.object, scalar.handler});
+    for (const Scalar &scalar : infoScalars)
+        registerScalar(scalar);
 }
 
 void copyInfoData()

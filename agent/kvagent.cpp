@@ -10,6 +10,7 @@
 #include "device/models.h"
 
 #include <cstdio>
+#include <initializer_list>
 
 KvAgent *kvAgent = nullptr;
 
@@ -64,12 +65,13 @@ int sessionStopped(int, int, void *, void *)
 }
 
 template <class Record>
-void store(Record *KvAgent::*pointer, Record *data, void (*refill)())
+void store(Record *KvAgent::*pointer, Record *data, std::initializer_list<const TableModule *> refilled)
 {
     if (kvAgent == nullptr)
         return;
     kvAgent->*pointer = data;
-    refill();
+    for (const TableModule *table : refilled)
+        table->refill();
 }
 } // namespace
 
@@ -146,21 +148,18 @@ void setSystemName(std::string_view latin1)
 }
 
 // clang-format off
-void setTalVoltageTableData(const VoltageRecord *data) { store(&KvAgent::talVoltageTableData, data, refillVoltageTableEntries); }
-void setTalTempTableData(const TempRecord *data) { store(&KvAgent::talTempTableData, data, refillTempTableEntries); }
-void setTalFanTableData(const FanRecord *data) { store(&KvAgent::talFanTableData, data, refillFanTableEntries); }
-void setTalAmpChannelTableData(const AmpChannelRecord *data) { store(&KvAgent::talAmpChannelTableData, data, refillAmpChannelTableEntries); }
-void setTalControlOutputTableData(const ControlOutputRecord *data) { store(&KvAgent::talControlOutputTableData, data, refillControlOutputTableEntries); }
-void setTalControlInputTableData(const ControlInputRecord *data) { store(&KvAgent::talControlInputTableData, data, refillControlInputTableEntries); }
-void setTalLetChannelTableData(LetRecord *data)
-{
-    store(&KvAgent::talLetChannelTableData, data, [] { refillLetChannelTableEntries(1); refillLetChannelTableEntries(2); });
-}
-void setTalLineInTableData(const LineInRecord *data) { store(&KvAgent::talLineInTableData, data, refillLineInTableEntries); }
-void setTalEthMonitoringTableData(const EthMonitoringRecord *data) { store(&KvAgent::talEthMonitoringTableData, data, refillEthMonitoringTableEntries); }
+void setTalVoltageTableData(const VoltageRecord *data) { store(&KvAgent::talVoltageTableData, data, {&voltageTable}); }
+void setTalTempTableData(const TempRecord *data) { store(&KvAgent::talTempTableData, data, {&tempTable}); }
+void setTalFanTableData(const FanRecord *data) { store(&KvAgent::talFanTableData, data, {&fanTable}); }
+void setTalAmpChannelTableData(const AmpChannelRecord *data) { store(&KvAgent::talAmpChannelTableData, data, {&ampChannelTable}); }
+void setTalControlOutputTableData(const ControlOutputRecord *data) { store(&KvAgent::talControlOutputTableData, data, {&controlOutputTable}); }
+void setTalControlInputTableData(const ControlInputRecord *data) { store(&KvAgent::talControlInputTableData, data, {&controlInputTable}); }
+void setTalLetChannelTableData(LetRecord *data) { store(&KvAgent::talLetChannelTableData, data, {&letChannel1Table, &letChannel2Table}); }
+void setTalLineInTableData(const LineInRecord *data) { store(&KvAgent::talLineInTableData, data, {&lineInTable}); }
+void setTalEthMonitoringTableData(const EthMonitoringRecord *data) { store(&KvAgent::talEthMonitoringTableData, data, {&ethMonitoringTable}); }
 // No refill for the next two: their first load shows the values.
-void setTalPowerTableData(const PowerRecord *data) { store(&KvAgent::talPowerTableData, data, [] {}); }
-void setTalRelayTableData(const RelayRecord *data) { store(&KvAgent::talRelayTableData, data, [] {}); }
+void setTalPowerTableData(const PowerRecord *data) { store(&KvAgent::talPowerTableData, data, {}); }
+void setTalRelayTableData(const RelayRecord *data) { store(&KvAgent::talRelayTableData, data, {}); }
 // clang-format on
 
 void initInfoScalars()

@@ -1,6 +1,5 @@
 // E.3.5: power sources.
 #include "agent/modules.h"
-#include "agent/tablecore.h"
 
 #include <cstdio>
 
@@ -21,56 +20,43 @@ constexpr RowSet rowSets[] = {
     {{6720, 6764}, acOnly},
     {{6425},       dcOnly},
 };
-// clang-format on
-static_assert(goodLines(rowSets, powerSources));
-
-struct PowerTableRow : TableRow {
-    std::uint32_t liveStatus = 1;
-    std::uint32_t monitored = 1;
-};
-
-// clang-format off
 constexpr Column columns[] = {
-    {ASN_INTEGER,   cell<&PowerTableRow::index>},
-    {ASN_INTEGER,   cell<&PowerTableRow::index>}, // the kind of source: 1 AC, 2 DC, numbered as the rows are
-    {ASN_OCTET_STR, cell<&PowerTableRow::description>},
-    {ASN_INTEGER,   cell<&PowerTableRow::liveStatus>},
-    {ASN_INTEGER,   cell<&PowerTableRow::monitored>},
+    {ASN_INTEGER,   cell<&TableRow::index>},
+    {ASN_INTEGER,   cell<&TableRow::index>}, // the kind of source: 1 AC, 2 DC, numbered as the rows are
+    {ASN_OCTET_STR, cell<&TableRow::description>},
+    {ASN_INTEGER,   cell<&PowerRow::liveStatus>},
+    {ASN_INTEGER,   cell<&PowerRow::monitored>},
 };
 // clang-format on
 
-constexpr auto tableOid = enterpriseOid(3, 5, 1);
-
-void copy(PowerTableRow &row, const PowerRecord &record)
-{
-    row.liveStatus = record.rows[row.source].liveStatus;
-    row.monitored = record.rows[row.source].monitored;
-}
-
-Rows<PowerTableRow, highestIndex(rowSets)> rows;
-
-constexpr TableModule table = {
-    .name = "powerTable",
-    .object = tableOid,
-    .columns = columns,
-    .rowSets = rowSets,
-    .rows = &rows,
-    .record = recordSource<&KvAgent::talPowerTableData, copy>("talPowerTableData"),
-    .refill = refillPowerTableEntries,
-    .hooks = {powerTable_handler, powerTable_get_first_data_point, powerTable_get_next_data_point, powerTable_load,
-              powerTable_free},
-};
-} // namespace
+Rows<PowerRow, rowSets, powerSources> rows({.liveStatus = 1, .monitored = 1});
 
 // clang-format off
-void init_powerTable() { initialize_table_powerTable(); }
-void initialize_table_powerTable() { initializeTable(table); }
-Index *powerTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(table, l, d, i); }
-Index *powerTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(table, l, d, i); }
-int powerTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(table, i, r); }
-int powerTable_load(Cache *, void *) { return loadTable(table); }
-void powerTable_free(Cache *, void *) { freeTable(table); }
-void refillPowerTableEntries() { refillTable(table); }
+void initialize_table_powerTable() { initializeTable(powerTable); }
+Index *powerTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(powerTable, l, d, i); }
+Index *powerTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(powerTable, l, d, i); }
+int powerTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable("powerTable", columns, i, r); }
+void refillPowerTableEntries() { refillTable(powerTable); }
+int powerTable_load(Cache *, void *) { return loadTable(powerTable); }
+void powerTable_free(Cache *, void *) { freeTable(powerTable); }
 void powerTable_createEntry() { std::puts("powerTable_createEntry()"); }
 void powerTable_removeEntry() { std::puts("powerTable_removeEntry()"); }
 // clang-format on
+} // namespace
+
+constexpr TableModule powerTable = {
+    .name = "powerTable",
+    .object = enterpriseOid(3, 5, 1),
+    .columns = columns,
+    .rowSets = rowSets,
+    .rows = &rows,
+    .record = recordSource<&KvAgent::talPowerTableData, &PowerRecord::rows>("talPowerTableData"),
+    .refill = refillPowerTableEntries,
+    .hooks = {powerTable_handler, powerTable_get_first_data_point, powerTable_get_next_data_point, powerTable_load,
+              powerTable_free, powerTable_createEntry, powerTable_removeEntry},
+};
+
+void init_powerTable()
+{
+    initialize_table_powerTable();
+}

@@ -1,6 +1,5 @@
 // E.3.12: relays.
 #include "agent/modules.h"
-#include "agent/tablecore.h"
 
 #include <cstdio>
 
@@ -29,67 +28,47 @@ constexpr RowSet rowSets[] = {
     {{6211, 6891}, oneRelay,   nullptr, expanderLines},
     {{6214, 6259}, fourRelays, nullptr, expanderLines},
 };
-// clang-format on
-static_assert(goodLines(rowSets, relayRows));
-
-struct RelayTableRow : TableRow {
-    std::uint32_t relayStatus = 1;
-    std::uint32_t idleMode = 1;
-    std::uint32_t delay = 0;
-};
-
-// clang-format off
 constexpr Column columns[] = {
-    {ASN_INTEGER,   cell<&RelayTableRow::index>},
-    {ASN_OCTET_STR, cell<&RelayTableRow::description>},
-    {ASN_INTEGER,   cell<&RelayTableRow::relayStatus>},
-    {ASN_INTEGER,   cell<&RelayTableRow::idleMode>},
-    {ASN_INTEGER,   cell<&RelayTableRow::delay>},
+    {ASN_INTEGER,   cell<&TableRow::index>},
+    {ASN_OCTET_STR, cell<&TableRow::description>},
+    {ASN_INTEGER,   cell<&RelayRow::status>},
+    {ASN_INTEGER,   cell<&RelayRow::idleMode>},
+    {ASN_INTEGER,   cell<&RelayRow::delay>},
 };
 // clang-format on
 
-constexpr auto tableOid = enterpriseOid(3, 12, 1);
-
-void copy(RelayTableRow &row, const RelayRecord &record)
-{
-    const RelayRow &source = record.rows[row.source];
-    row.relayStatus = source.status;
-    row.idleMode = source.idleMode;
-    row.delay = source.delay;
-}
-
-Rows<RelayTableRow, highestIndex(rowSets)> rows;
-
-constexpr TableModule table = {
-    .name = "relayTable",
-    .object = tableOid,
-    .columns = columns,
-    .rowSets = rowSets,
-    .rows = &rows,
-    .record = recordSource<&KvAgent::talRelayTableData, copy>("talRelayTableData"),
-    .refill = refillRelayTableEntries,
-    .hooks = {relayTable_handler, relayTable_get_first_data_point, relayTable_get_next_data_point, relayTable_load,
-              relayTable_free},
-};
-} // namespace
+Rows<RelayRow, rowSets, relayRows> rows({.status = 1, .idleMode = 1, .delay = 0});
 
 // clang-format off
-void init_relayTable() { initialize_table_relayTable(); }
-void initialize_table_relayTable() { initializeTable(table); }
-Index *relayTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(table, l, d, i); }
-Index *relayTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(table, l, d, i); }
-int relayTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(table, i, r); }
+void initialize_table_relayTable() { initializeTable(relayTable); }
+Index *relayTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(relayTable, l, d, i); }
+Index *relayTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(relayTable, l, d, i); }
+int relayTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable("relayTable", columns, i, r); }
+void refillRelayTableEntries() { refillTable(relayTable); }
 int relayTable_load(Cache *, void *)
 {
-    if (!beginLoad(table))
-        return -1;
-    if (rowSetOf(rowSets) == nullptr)
-        return -1; // on models without relays the load fails, although there is a record: intended
-    refillRelayTableEntries();
-    return 0;
+    const int result = loadTable(relayTable);
+    return rowSetOf(rowSets) != nullptr ? result : -1; // on models without relays a load always fails: intended
 }
-void relayTable_free(Cache *, void *) { freeTable(table); }
-void refillRelayTableEntries() { refillTable(table); }
+void relayTable_free(Cache *, void *) { freeTable(relayTable); }
 void relayTable_createEntry() { std::puts("relayTable_createEntry()"); }
 void relayTable_removeEntry() { std::puts("relayTable_removeEntry()"); }
 // clang-format on
+} // namespace
+
+constexpr TableModule relayTable = {
+    .name = "relayTable",
+    .object = enterpriseOid(3, 12, 1),
+    .columns = columns,
+    .rowSets = rowSets,
+    .rows = &rows,
+    .record = recordSource<&KvAgent::talRelayTableData, &RelayRecord::rows>("talRelayTableData"),
+    .refill = refillRelayTableEntries,
+    .hooks = {relayTable_handler, relayTable_get_first_data_point, relayTable_get_next_data_point, relayTable_load,
+              relayTable_free, relayTable_createEntry, relayTable_removeEntry},
+};
+
+void init_relayTable()
+{
+    initialize_table_relayTable();
+}

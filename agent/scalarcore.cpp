@@ -7,7 +7,7 @@ void registerScalar(const Scalar &scalar)
 {
     constexpr std::string_view prefix = "handle_";
     netsnmp_register_scalar(netsnmp_create_handler_registration(scalar.handlerName + prefix.size(), scalar.handler,
-                                                                scalar.object.data(), scalar.object.size(),
+                                                                scalar.object.arcs, scalar.object.length,
                                                                 HANDLER_CAN_RONLY));
 }
 

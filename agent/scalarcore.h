@@ -1,11 +1,11 @@
 // What every scalar does alike: registration, the answer to a GET, the refusal of anything else.
 #pragma once
 
+#include "agent/enterprise.h"
 #include "agent/netsnmp.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
 
 /// A value as the library takes it: its bytes and their number.
 struct Cell {
@@ -16,7 +16,7 @@ struct Cell {
 /// A read-only scalar. Its object's name is the handler's without "handle_".
 struct Scalar {
     const char *handlerName;
-    std::span<const oid> object; ///< without the .0
+    Oid object; ///< without the .0
     Netsnmp_Node_Handler *handler;
 };
 

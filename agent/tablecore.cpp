@@ -14,8 +14,8 @@ static_assert(missingInfo == 3);
 
 void registerTable(const TableModule &table)
 {
-    auto *registration = netsnmp_create_handler_registration(table.name, table.hooks.handler, table.object.data(),
-                                                             table.object.size(), HANDLER_CAN_RONLY);
+    auto *registration = netsnmp_create_handler_registration(table.name, table.hooks.handler, table.object.arcs,
+                                                             table.object.length, HANDLER_CAN_RONLY);
 
     auto *tableInfo = SNMP_MALLOC_TYPEDEF(netsnmp_table_registration_info);
     netsnmp_table_helper_add_indexes(tableInfo, ASN_INTEGER, 0);
@@ -32,16 +32,10 @@ void registerTable(const TableModule &table)
     if (netsnmp_register_table_iterator(registration, iteratorInfo) != MIB_REGISTERED_OK)
         return; // the library has logged it and has freed the registration
 
-    netsnmp_cache *cache = netsnmp_cache_create(cacheSeconds, table.hooks.load, table.hooks.free, table.object.data(),
-                                                static_cast<int>(table.object.size()));
+    netsnmp_cache *cache = netsnmp_cache_create(cacheSeconds, table.hooks.load, table.hooks.free, table.object.arcs,
+                                                static_cast<int>(table.object.length));
     netsnmp_inject_handler_before(registration, netsnmp_cache_handler_get(cache), TABLE_ITERATOR_NAME);
     netsnmp_inject_handler_before(registration, makeRequestGate(), TABLE_HANDLER_NAME);
-}
-
-void useLines(RowChain &rows, std::span<const Line> lines)
-{
-    for (const Line &line : lines)
-        rows.use(line.index, line.description, line.source);
 }
 
 /// The table's name as it stands inside other names: a capital letter and the rest.
@@ -78,17 +72,19 @@ const RowSet *rowSetOf(std::span<const RowSet> rowSets)
     return found != rowSets.end() ? &*found : nullptr;
 }
 
-void RowChain::use(std::uint32_t index, std::string_view description, std::size_t source)
+void RowChain::use(std::span<const Line> lines)
 {
-    TableRow &row = m_rowAt(*this, index - 1);
-    row.index = index;
-    setText(row.description, description);
-    row.status = 1;
-    row.source = source;
-    row.next = nullptr;
-    (m_last != nullptr ? m_last->next : m_first) = &row;
-    m_last = &row;
-    ++m_count;
+    for (const Line &line : lines) {
+        TableRow &row = m_rowAt(*this, line.index - 1);
+        row.index = line.index;
+        setText(row.description, line.description);
+        row.status = 1;
+        row.source = line.source;
+        row.next = nullptr;
+        (m_last != nullptr ? m_last->next : m_first) = &row;
+        m_last = &row;
+        ++m_count;
+    }
 }
 
 void initializeTable(const TableModule &table)
@@ -98,9 +94,9 @@ void initializeTable(const TableModule &table)
     const RowSet *rowSet = rowSetOf(table.rowSets);
     if (rowSet == nullptr)
         return;
-    useLines(*table.rows, rowSet->lines);
+    table.rows->use(rowSet->lines);
     if (hasExpanders(kvAgent->modelText))
-        useLines(*table.rows, rowSet->expanderLines);
+        table.rows->use(rowSet->expanderLines);
     if (rowSet->logLabel != nullptr) {
         const InnerName name(table);
         std::printf("init%c%sModel() %s\n", name.capital, name.rest, rowSet->logLabel);
@@ -148,11 +144,6 @@ int serveTable(const char *name, std::span<const Column> columns, netsnmp_agent_
         serveCell(columns, row, tableInfo->colnum, info, request);
     }
     return SNMP_ERR_NOERROR;
-}
-
-int serveTable(const TableModule &table, netsnmp_agent_request_info *info, netsnmp_request_info *requests)
-{
-    return serveTable(table.name, table.columns, info, requests);
 }
 
 int serveCount(const TableModule &table, const netsnmp_agent_request_info *info, netsnmp_request_info *requests)

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <span>
 #include <string_view>
+#include <type_traits>
 
 /// A text of a row, served with its stored length and never padded.
 template <std::size_t size>
@@ -55,10 +56,11 @@ constexpr Cell cellOf(const RowText<size> &field)
     return {field.text, field.length};
 }
 
-template <class Row, class Value>
-Row rowTypeOf(Value Row::*);
-template <class Row, class Record>
-Row rowTypeOf(void (*)(Row &row, Record &record));
+/// A row with its values: mostly the element of the data-service record, as it was at the last copy.
+template <class Values>
+struct ValueRow : TableRow {
+    Values values;
+};
 
 /// One column: its syntax and where its value stands in a row.
 struct Column {
@@ -66,12 +68,24 @@ struct Column {
     Cell (*cell)(const TableRow &row);
 };
 
-/// The cell function of a row's member.
+template <class Class, class Member>
+Class classOf(Member Class::*);
+
+/// The cell function of a member: of TableRow, or of the row's values.
 template <auto member>
 constexpr Cell cell(const TableRow &row)
 {
-    using Row = decltype(rowTypeOf(member));
-    return cellOf(static_cast<const Row &>(row).*member);
+    using Values = decltype(classOf(member));
+    if constexpr (std::is_same_v<Values, TableRow>)
+        return cellOf(row.*member);
+    else
+        return cellOf(static_cast<const ValueRow<Values> &>(row).values.*member);
+}
+
+/// The cell function of a row whose value is one number.
+constexpr Cell numberCell(const TableRow &row)
+{
+    return cellOf(static_cast<const ValueRow<std::uint32_t> &>(row).values);
 }
 
 /// The cell function of a text that is the same in every row.
@@ -133,8 +147,8 @@ public:
     std::uint32_t count() const { return m_count; }
     TableRow *first() const { return m_first; }
 
-    /// Puts one more row to use. To be called with ascending indices, at start only.
-    void use(std::uint32_t index, std::string_view description, std::size_t source);
+    /// Puts more rows to use. To be called with ascending indices, at start only.
+    void use(std::span<const Line> lines);
 
 protected:
     using RowAt = TableRow &(*)(RowChain &chain, std::size_t place);
@@ -147,47 +161,58 @@ private:
     std::uint32_t m_count = 0;
 };
 
-/// The static rows of one table. Their starting values are the member initialisers of `Row`.
-template <class Row, std::size_t rowCount>
+/// The static rows of one table, with the values that they serve until the first copy. `slots`: the elements of the
+/// table's record.
+template <class Values, const auto &rowSets, std::size_t slots>
 class Rows : public RowChain {
+    static_assert(goodLines(rowSets, slots));
+
 public:
-    constexpr Rows() : RowChain(rowAt) {}
+    explicit constexpr Rows(const Values &startValues) : RowChain(rowAt)
+    {
+        for (ValueRow<Values> &row : m_rows)
+            row.values = startValues;
+    }
 
 private:
     static TableRow &rowAt(RowChain &chain, std::size_t place) { return static_cast<Rows &>(chain).m_rows[place]; }
 
-    Row m_rows[rowCount] = {};
+    ValueRow<Values> m_rows[highestIndex(rowSets)] = {};
 };
 
-/// The data-service record behind a table: made by recordSource().
+/// The data-service record behind a table: mostly made by recordSource().
 struct RecordSource {
     const char *pointer; ///< the name of its pointer in the agent record
     bool (*present)();   ///< the agent has it; asked only while there is an agent
     void (*copyRow)(TableRow &row);
 };
 
-/// The record that `pointer`, called `name`, points at; copy(row, record) takes a row's values from it.
-template <auto pointer, auto copy>
+/// The record that `pointer`, called `name`, points at; a row's values are an element of its array `elements`.
+template <auto pointer, auto elements>
 constexpr RecordSource recordSource(const char *name)
 {
-    using Row = decltype(rowTypeOf(copy));
+    using Values = std::remove_cvref_t<decltype(((kvAgent->*pointer)->*elements)[0])>;
     return {name, [] { return kvAgent->*pointer != nullptr; },
-            [](TableRow &row) { copy(static_cast<Row &>(row), *(kvAgent->*pointer)); }};
+            [](TableRow &row) {
+                static_cast<ValueRow<Values> &>(row).values = ((kvAgent->*pointer)->*elements)[row.source];
+            }};
 }
 
-/// A table's functions that the library calls.
+/// A table's functions: those that the library calls, and two that only print, because rows are made at start only.
 struct TableHooks {
     Netsnmp_Node_Handler *handler;
     Netsnmp_First_Data_Point *getFirst;
     Netsnmp_Next_Data_Point *getNext;
     NetsnmpCacheLoad *load;
     NetsnmpCacheFree *free;
+    void (*createEntry)();
+    void (*removeEntry)();
 };
 
 /// One table: read-only, with one INTEGER index. Everything that the core needs to serve it.
 struct TableModule {
     const char *name; ///< "fanTable"; also begins what the table's functions print
-    std::span<const oid> object;
+    Oid object;
     std::span<const Column> columns; ///< column n is columns[n - 1]
     std::span<const RowSet> rowSets;
     RowChain *rows;
@@ -212,7 +237,6 @@ void refillTable(const TableModule &table);
 /// Answers the requests of one call from the rows that the iterator found. `name` begins the error messages.
 int serveTable(const char *name, std::span<const Column> columns, netsnmp_agent_request_info *info,
                netsnmp_request_info *requests);
-int serveTable(const TableModule &table, netsnmp_agent_request_info *info, netsnmp_request_info *requests);
 int serveCount(const TableModule &table, const netsnmp_agent_request_info *info, netsnmp_request_info *requests);
 
 // The steps of loadTable() and refillTable(), for the tables that differ.

@@ -1,10 +1,14 @@
 // E.3.2: temperatures.
 #include "agent/modules.h"
-#include "agent/tablecore.h"
 
 #include <cstdio>
 
 namespace {
+// The labels are the same three texts in every row.
+constexpr RowText<32> currentLabel = rowText<32>("Current Temperature");
+constexpr RowText<32> peakLabel = rowText<32>("Peak Temperature");
+constexpr RowText<32> averageLabel = rowText<32>("Average Temperature");
+
 // clang-format off
 constexpr Line lines6410[] = {
     {1, "Temperature Sensor: Main Board 1", 3},
@@ -41,76 +45,50 @@ constexpr RowSet rowSets[] = {
     {{6720}, lines6720},
     {{6764}, lines6764},
 };
-// clang-format on
-static_assert(goodLines(rowSets, tempRows));
-
-struct TempTableRow : TableRow {
-    std::uint32_t current = 0;
-    std::uint32_t peak = 0;
-    std::uint32_t average = 0;
+constexpr Column columns[] = {
+    {ASN_INTEGER,   cell<&TableRow::index>},
+    {ASN_OCTET_STR, cell<&TableRow::description>},
+    {ASN_OCTET_STR, constantCell<currentLabel>},
+    {ASN_GAUGE,     cell<&TempRow::current>},
+    {ASN_OCTET_STR, constantCell<peakLabel>},
+    {ASN_GAUGE,     cell<&TempRow::peak>},
+    {ASN_OCTET_STR, constantCell<averageLabel>},
+    {ASN_GAUGE,     cell<&TempRow::average>},
 };
+// clang-format on
 
-// The labels are the same three texts in every row.
-constexpr RowText<32> currentLabel = rowText<32>("Current Temperature");
-constexpr RowText<32> peakLabel = rowText<32>("Peak Temperature");
-constexpr RowText<32> averageLabel = rowText<32>("Average Temperature");
+Rows<TempRow, rowSets, tempRows> rows({});
 
 // clang-format off
-constexpr Column columns[] = {
-    {ASN_INTEGER,   cell<&TempTableRow::index>},
-    {ASN_OCTET_STR, cell<&TempTableRow::description>},
-    {ASN_OCTET_STR, constantCell<currentLabel>},
-    {ASN_GAUGE,     cell<&TempTableRow::current>},
-    {ASN_OCTET_STR, constantCell<peakLabel>},
-    {ASN_GAUGE,     cell<&TempTableRow::peak>},
-    {ASN_OCTET_STR, constantCell<averageLabel>},
-    {ASN_GAUGE,     cell<&TempTableRow::average>},
-};
+void initialize_table_tempTable() { initializeTable(tempTable); }
+Index *tempTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(tempTable, l, d, i); }
+Index *tempTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(tempTable, l, d, i); }
+int tempTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable("tempTable", columns, i, r); }
+void refillTempTableEntries() { refillTable(tempTable); }
+int tempTable_load(Cache *, void *) { return loadTable(tempTable); }
+void tempTable_free(Cache *, void *) { freeTable(tempTable); }
+int handle_tempTableCount(Handler *, Registration *, Info *i, Request *r) { return serveCount(tempTable, i, r); }
+void tempTable_createEntry() { std::puts("tempTable_createEntry()"); }
+void tempTable_removeEntry() { std::puts("tempTable_removeEntry()"); }
 // clang-format on
+} // namespace
 
-constexpr auto tableOid = enterpriseOid(3, 2, 2);
-constexpr auto countOid = enterpriseOid(3, 2, 1);
-
-void copy(TempTableRow &row, const TempRecord &record)
-{
-    const TempRow &source = record.rows[row.source];
-    row.current = source.current;
-    row.peak = source.peak;
-    row.average = source.average;
-}
-
-Rows<TempTableRow, highestIndex(rowSets)> rows;
-
-constexpr TableModule table = {
+constexpr TableModule tempTable = {
     .name = "tempTable",
-    .object = tableOid,
+    .object = enterpriseOid(3, 2, 2),
     .columns = columns,
     .rowSets = rowSets,
     .rows = &rows,
-    .count = {"handle_tempTableCount", countOid, handle_tempTableCount},
-    .record = recordSource<&KvAgent::talTempTableData, copy>("talTempTableData"),
+    .count = {"handle_tempTableCount", enterpriseOid(3, 2, 1), handle_tempTableCount},
+    .record = recordSource<&KvAgent::talTempTableData, &TempRecord::rows>("talTempTableData"),
     .refill = refillTempTableEntries,
     .hooks = {tempTable_handler, tempTable_get_first_data_point, tempTable_get_next_data_point, tempTable_load,
-              tempTable_free},
+              tempTable_free, tempTable_createEntry, tempTable_removeEntry},
 };
-} // namespace
 
 void init_tempTable()
 {
     std::puts("init_tempTable()");
     initialize_table_tempTable();
-    registerScalar(table.count);
+    registerScalar(tempTable.count);
 }
-
-// clang-format off
-void initialize_table_tempTable() { initializeTable(table); }
-Index *tempTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(table, l, d, i); }
-Index *tempTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(table, l, d, i); }
-int tempTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(table, i, r); }
-int tempTable_load(Cache *, void *) { return loadTable(table); }
-void tempTable_free(Cache *, void *) { freeTable(table); }
-int handle_tempTableCount(Handler *, Registration *, Info *i, Request *r) { return serveCount(table, i, r); }
-void refillTempTableEntries() { refillTable(table); }
-void tempTable_createEntry() { std::puts("tempTable_createEntry()"); }
-void tempTable_removeEntry() { std::puts("tempTable_removeEntry()"); }
-// clang-format on

@@ -1,6 +1,4 @@
 // Sends one fault as one SNMPv2 notification through the master agent.
-#include "agent/enterprise.h"
-#include "agent/kvagent.h"
 #include "agent/modules.h"
 #include "agent/trapgate.h"
 #include "device/boundedtext.h"
@@ -16,12 +14,12 @@
 #include <unistd.h>
 
 namespace {
-constexpr auto productOid = enterpriseOid(2, 4, 1, 0);
-constexpr auto hostNameOid = enterpriseOid(2, 4, 2, 0);
+constexpr Oid productOid = enterpriseOid(2, 4, 1, 0);
+constexpr Oid hostNameOid = enterpriseOid(2, 4, 2, 0);
 constexpr oid sysNameOid[] = {1, 3, 6, 1, 2, 1, 1, 5}; // the object, without an instance: intended
-constexpr auto levelOid = enterpriseOid(2, 4, 3, 0);
-constexpr auto timeOid = enterpriseOid(2, 4, 4, 0);
-constexpr auto descriptionOid = enterpriseOid(2, 4, 5, 0);
+constexpr Oid levelOid = enterpriseOid(2, 4, 3, 0);
+constexpr Oid timeOid = enterpriseOid(2, 4, 4, 0);
+constexpr Oid descriptionOid = enterpriseOid(2, 4, 5, 0);
 
 constexpr std::string_view productText = "Orvane IPKiosk";
 constexpr std::string_view unknownHost = "not configured";
@@ -83,9 +81,7 @@ int sendTrap(std::uint32_t trapNumber, const char *description, std::int32_t lev
     if (!trapGate().admit())
         return -1;
 
-    const auto notification = enterpriseOid(2, 8, trapCatalogue[trapNumber - 1].arc);
-    char product[256] = {};
-    copyBounded(product, productText);
+    const Oid notification = enterpriseOid(2, 8, trapCatalogue[trapNumber - 1].arc);
     char hostName[256] = {};
     if (gethostname(hostName, sizeof(hostName)) != 0)
         copyBounded(hostName, unknownHost);
@@ -94,8 +90,9 @@ int sendTrap(std::uint32_t trapNumber, const char *description, std::int32_t lev
     writeTimeText(timeText, time);
 
     VarList variables;
-    variables.add({snmptrap_oid, snmptrap_oid_len}, ASN_OBJECT_ID, notification.data(), sizeof(notification));
-    variables.add(productOid, product);
+    variables.add({snmptrap_oid, snmptrap_oid_len}, ASN_OBJECT_ID, notification.arcs,
+                  notification.length * sizeof(oid));
+    variables.add(productOid, productText);
     variables.add(hostNameOid, hostName);
     if (kvAgent != nullptr && kvAgent->systemName[0] != '\0')
         variables.add(sysNameOid, kvAgent->systemName);

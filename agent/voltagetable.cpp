@@ -1,6 +1,5 @@
 // E.3.4: supply voltages.
 #include "agent/modules.h"
-#include "agent/tablecore.h"
 
 #include <cstdio>
 
@@ -59,61 +58,45 @@ constexpr RowSet rowSets[] = {
     {{6720, 6764}, lines6720, "VQ9BAC"},
     {{6425},       lines6425, "VQ9-RX"},
 };
-// clang-format on
-static_assert(goodLines(rowSets, voltageSlots));
-
-struct VoltageTableRow : TableRow {
-    std::uint32_t value = 0;
+constexpr Column columns[] = {
+    {ASN_INTEGER,   cell<&TableRow::index>},
+    {ASN_OCTET_STR, cell<&TableRow::description>},
+    {ASN_GAUGE,     numberCell},
 };
+// clang-format on
+
+Rows<std::uint32_t, rowSets, voltageSlots> rows(0);
 
 // clang-format off
-constexpr Column columns[] = {
-    {ASN_INTEGER,   cell<&VoltageTableRow::index>},
-    {ASN_OCTET_STR, cell<&VoltageTableRow::description>},
-    {ASN_GAUGE,     cell<&VoltageTableRow::value>},
-};
+void initialize_table_voltageTable() { initializeTable(voltageTable); }
+Index *voltageTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(voltageTable, l, d, i); }
+Index *voltageTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(voltageTable, l, d, i); }
+int voltageTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable("voltageTable", columns, i, r); }
+void refillVoltageTableEntries() { refillTable(voltageTable); }
+int voltageTable_load(Cache *, void *) { return loadTable(voltageTable); }
+void voltageTable_free(Cache *, void *) { freeTable(voltageTable); }
+int handle_voltageTableCount(Handler *, Registration *, Info *i, Request *r) { return serveCount(voltageTable, i, r); }
+void voltageTable_createEntry() { std::puts("voltageTable_createEntry()"); }
+void voltageTable_removeEntry() { std::puts("voltageTable_removeEntry()"); }
 // clang-format on
+} // namespace
 
-constexpr auto tableOid = enterpriseOid(3, 4, 2);
-constexpr auto countOid = enterpriseOid(3, 4, 1);
-
-void copy(VoltageTableRow &row, const VoltageRecord &record)
-{
-    row.value = record.values[row.source];
-}
-
-Rows<VoltageTableRow, highestIndex(rowSets)> rows;
-
-constexpr TableModule table = {
+constexpr TableModule voltageTable = {
     .name = "voltageTable",
-    .object = tableOid,
+    .object = enterpriseOid(3, 4, 2),
     .columns = columns,
     .rowSets = rowSets,
     .rows = &rows,
-    .count = {"handle_voltageTableCount", countOid, handle_voltageTableCount},
-    .record = recordSource<&KvAgent::talVoltageTableData, copy>("talVoltageTableData"),
+    .count = {"handle_voltageTableCount", enterpriseOid(3, 4, 1), handle_voltageTableCount},
+    .record = recordSource<&KvAgent::talVoltageTableData, &VoltageRecord::values>("talVoltageTableData"),
     .refill = refillVoltageTableEntries,
     .hooks = {voltageTable_handler, voltageTable_get_first_data_point, voltageTable_get_next_data_point,
-              voltageTable_load, voltageTable_free},
+              voltageTable_load, voltageTable_free, voltageTable_createEntry, voltageTable_removeEntry},
 };
-} // namespace
 
 void init_voltageTable()
 {
     std::printf("init_voltageTable() %u \n", kvAgent->modelNumber);
     initialize_table_voltageTable();
-    registerScalar(table.count);
+    registerScalar(voltageTable.count);
 }
-
-// clang-format off
-void initialize_table_voltageTable() { initializeTable(table); }
-Index *voltageTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(table, l, d, i); }
-Index *voltageTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(table, l, d, i); }
-int voltageTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(table, i, r); }
-int voltageTable_load(Cache *, void *) { return loadTable(table); }
-void voltageTable_free(Cache *, void *) { freeTable(table); }
-int handle_voltageTableCount(Handler *, Registration *, Info *i, Request *r) { return serveCount(table, i, r); }
-void refillVoltageTableEntries() { refillTable(table); }
-void voltageTable_createEntry() { std::puts("voltageTable_createEntry()"); }
-void voltageTable_removeEntry() { std::puts("voltageTable_removeEntry()"); }
-// clang-format on

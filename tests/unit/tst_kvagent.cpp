@@ -12,6 +12,8 @@
 
 #include <fcntl.h>
 
+Q_DECLARE_METATYPE(const TableModule *)
+
 namespace {
 bool settingsArePrinted = false; // each integer that the agent sets in its library
 
@@ -198,27 +200,27 @@ void TestKvAgent::everyObjectIsRegisteredUnderItsNameWithItsOwnFunctions()
         {{3, 1, 5}, "infoKernelVersion", handle_infoKernelVersion},
         {{3, 1, 6}, "infoDeviceTreeVersion", handle_infoDeviceTreeVersion},
         {{3, 1, 7}, "infoDisablement", handle_infoDisablement},
-        {{3, 2, 1}, "tempTableCount", handle_tempTableCount},
-        {{3, 2, 2}, "tempTable", tempTable_handler, tempTable_load, tempTable_free},
-        {{3, 3, 1}, "fanTableCount", handle_fanTableCount},
-        {{3, 3, 2}, "fanTable", fanTable_handler, fanTable_load, fanTable_free},
-        {{3, 4, 1}, "voltageTableCount", handle_voltageTableCount},
-        {{3, 4, 2}, "voltageTable", voltageTable_handler, voltageTable_load, voltageTable_free},
-        {{3, 5, 1}, "powerTable", powerTable_handler, powerTable_load, powerTable_free},
-        {{3, 6, 1}, "lineInTable", lineInTable_handler, lineInTable_load, lineInTable_free},
-        {{3, 7, 1}, "ampChannelCount", handle_ampChannelCount},
+        {{3, 2, 1}, "tempTableCount", tempTable.count.handler},
+        {{3, 2, 2}, "tempTable", tempTable.hooks.handler, tempTable.hooks.load, tempTable.hooks.free},
+        {{3, 3, 1}, "fanTableCount", fanTable.count.handler},
+        {{3, 3, 2}, "fanTable", fanTable.hooks.handler, fanTable.hooks.load, fanTable.hooks.free},
+        {{3, 4, 1}, "voltageTableCount", voltageTable.count.handler},
+        {{3, 4, 2}, "voltageTable", voltageTable.hooks.handler, voltageTable.hooks.load, voltageTable.hooks.free},
+        {{3, 5, 1}, "powerTable", powerTable.hooks.handler, powerTable.hooks.load, powerTable.hooks.free},
+        {{3, 6, 1}, "lineInTable", lineInTable.hooks.handler, lineInTable.hooks.load, lineInTable.hooks.free},
+        {{3, 7, 1}, "ampChannelCount", ampChannelTable.count.handler},
         {{3, 7, 2}, "ampType", handle_ampType},
-        {{3, 7, 3}, "ampChannelTable", ampChannelTable_handler, ampChannelTable_load, ampChannelTable_free},
-        {{3, 8, 1, 1}, "letChannel1Count", handle_letChannel1Count},
-        {{3, 8, 1, 2}, "letChannel1Table", letChannelTable_handler, letChannel1Table_load, letChannelTable_free},
-        {{3, 8, 2, 1}, "letChannel2Count", handle_letChannel2Count},
-        {{3, 8, 2, 2}, "letChannel2Table", letChannelTable_handler, letChannel2Table_load, letChannelTable_free},
-        {{3, 9, 1}, "controlInputCount", handle_controlInputCount},
-        {{3, 9, 2}, "controlInputTable", controlInputTable_handler, controlInputTable_load, controlInputTable_free},
-        {{3, 10, 1}, "controlOutputCount", handle_controlOutputCount},
-        {{3, 10, 2}, "controlOutputTable", controlOutputTable_handler, controlOutputTable_load, controlOutputTable_free},
-        {{3, 11, 1}, "ethMonitoringTable", ethMonitoringTable_handler, ethMonitoringTable_load, ethMonitoringTable_free},
-        {{3, 12, 1}, "relayTable", relayTable_handler, relayTable_load, relayTable_free},
+        {{3, 7, 3}, "ampChannelTable", ampChannelTable.hooks.handler, ampChannelTable.hooks.load, ampChannelTable.hooks.free},
+        {{3, 8, 1, 1}, "letChannel1Count", letChannel1Table.count.handler},
+        {{3, 8, 1, 2}, "letChannel1Table", letChannel1Table.hooks.handler, letChannel1Table.hooks.load, letChannel1Table.hooks.free},
+        {{3, 8, 2, 1}, "letChannel2Count", letChannel2Table.count.handler},
+        {{3, 8, 2, 2}, "letChannel2Table", letChannel1Table.hooks.handler, letChannel2Table.hooks.load, letChannel2Table.hooks.free},
+        {{3, 9, 1}, "controlInputCount", controlInputTable.count.handler},
+        {{3, 9, 2}, "controlInputTable", controlInputTable.hooks.handler, controlInputTable.hooks.load, controlInputTable.hooks.free},
+        {{3, 10, 1}, "controlOutputCount", controlOutputTable.count.handler},
+        {{3, 10, 2}, "controlOutputTable", controlOutputTable.hooks.handler, controlOutputTable.hooks.load, controlOutputTable.hooks.free},
+        {{3, 11, 1}, "ethMonitoringTable", ethMonitoringTable.hooks.handler, ethMonitoringTable.hooks.load, ethMonitoringTable.hooks.free},
+        {{3, 12, 1}, "relayTable", relayTable.hooks.handler, relayTable.hooks.load, relayTable.hooks.free},
     };
     // clang-format on
     const QStringList output = printedInOwnProcess([&objects] {
@@ -316,7 +318,7 @@ void TestKvAgent::modelsWithoutARowSetAreLeftAlone()
         handOver(records);
         // No voltage row there, but the record is set, and the load is a good one that prints nothing more.
         progress.takeText();
-        const int result = voltageTable_load(nullptr, nullptr);
+        const int result = voltageTable.hooks.load(nullptr, nullptr);
         const QStringList said = progress.takeLines();
         std::_Exit(result == 0 && said == lines({"voltageTable_load()"}) ? 0 : 1);
     });
@@ -333,9 +335,10 @@ void TestKvAgent::loadsOfModelsWithoutARowSetSucceed()
             handOver(records);
         }
         for (NetsnmpCacheLoad *load :
-             {voltageTable_load, tempTable_load, fanTable_load, ampChannelTable_load, controlOutputTable_load,
-              controlInputTable_load, letChannel1Table_load, letChannel2Table_load, lineInTable_load,
-              ethMonitoringTable_load, powerTable_load, relayTable_load})
+             {voltageTable.hooks.load, tempTable.hooks.load, fanTable.hooks.load, ampChannelTable.hooks.load,
+              controlOutputTable.hooks.load, controlInputTable.hooks.load, letChannel1Table.hooks.load,
+              letChannel2Table.hooks.load, lineInTable.hooks.load, ethMonitoringTable.hooks.load, powerTable.hooks.load,
+              relayTable.hooks.load})
             std::printf("%d\n", load(nullptr, nullptr));
     });
     QCOMPARE(output, lines({"voltageTable_load()",
@@ -378,9 +381,9 @@ void TestKvAgent::theRelayLoadFailsOnOtherModels()
             StandardOutput progress;
             kaAgentStart(6410, 1, "");
         }
-        std::printf("%d\n", relayTable_load(nullptr, nullptr)); // the messages come first
+        std::printf("%d\n", relayTable.hooks.load(nullptr, nullptr)); // the messages come first
         setTalRelayTableData(&relay);
-        std::printf("%d\n", relayTable_load(nullptr, nullptr));
+        std::printf("%d\n", relayTable.hooks.load(nullptr, nullptr));
     });
     QCOMPARE(output, lines({"relayTable_load()", "relayTable_load() kvAgent->talRelayTableData == NULL", "-1",
                             "relayTable_load()", "-1"}));
@@ -404,57 +407,32 @@ void TestKvAgent::ampChannelRowsOfSingleOutputModelsStayAtOne()
 
 void TestKvAgent::everyModuleSaysWhatIsMissing_data()
 {
-    QTest::addColumn<int>("place");
-    int place = 0;
-    for (const char *name : {"voltageTable", "tempTable", "fanTable", "ampChannelTable", "controlOutputTable",
-                             "controlInputTable", "lineInTable", "ethMonitoringTable", "powerTable", "relayTable"})
-        QTest::newRow(name) << place++;
+    QTest::addColumn<const TableModule *>("table");
+    QTest::addColumn<QString>("countName"); // empty: the table has none
+    // clang-format off
+    QTest::newRow("voltageTable")       << &voltageTable       << "handle_voltageTableCount";
+    QTest::newRow("tempTable")          << &tempTable          << "handle_tempTableCount";
+    QTest::newRow("fanTable")           << &fanTable           << "handle_fanTableCount";
+    QTest::newRow("ampChannelTable")    << &ampChannelTable    << "handle_ampChannelCount";
+    QTest::newRow("controlOutputTable") << &controlOutputTable << "handle_controlOutputCount";
+    QTest::newRow("controlInputTable")  << &controlInputTable  << "handle_controlInputCount";
+    QTest::newRow("lineInTable")        << &lineInTable        << "";
+    QTest::newRow("ethMonitoringTable") << &ethMonitoringTable << "";
+    QTest::newRow("powerTable")         << &powerTable         << "";
+    QTest::newRow("relayTable")         << &relayTable         << "";
+    // clang-format on
 }
 
 void TestKvAgent::everyModuleSaysWhatIsMissing()
 {
-    struct Module {
-        NetsnmpCacheLoad *load;
-        NetsnmpCacheFree *free;
-        Netsnmp_Node_Handler *handler;
-        Netsnmp_Next_Data_Point *next;
-        Netsnmp_Node_Handler *count; // null: the table has none
-        const char *countName;
-        void (*create)();
-        void (*remove)();
-    };
-    static const Module modules[] = {
-        {voltageTable_load, voltageTable_free, voltageTable_handler, voltageTable_get_next_data_point,
-         handle_voltageTableCount, "handle_voltageTableCount", voltageTable_createEntry, voltageTable_removeEntry},
-        {tempTable_load, tempTable_free, tempTable_handler, tempTable_get_next_data_point, handle_tempTableCount,
-         "handle_tempTableCount", tempTable_createEntry, tempTable_removeEntry},
-        {fanTable_load, fanTable_free, fanTable_handler, fanTable_get_next_data_point, handle_fanTableCount,
-         "handle_fanTableCount", fanTable_createEntry, fanTable_removeEntry},
-        {ampChannelTable_load, ampChannelTable_free, ampChannelTable_handler, ampChannelTable_get_next_data_point,
-         handle_ampChannelCount, "handle_ampChannelCount", ampChannelTable_createEntry, ampChannelTable_removeEntry},
-        {controlOutputTable_load, controlOutputTable_free, controlOutputTable_handler,
-         controlOutputTable_get_next_data_point, handle_controlOutputCount, "handle_controlOutputCount",
-         controlOutputTable_createEntry, controlOutputTable_removeEntry},
-        {controlInputTable_load, controlInputTable_free, controlInputTable_handler,
-         controlInputTable_get_next_data_point, handle_controlInputCount, "handle_controlInputCount",
-         controlInputTable_createEntry, controlInputTable_removeEntry},
-        {lineInTable_load, lineInTable_free, lineInTable_handler, lineInTable_get_next_data_point, nullptr, "",
-         lineInTable_createEntry, lineInTable_removeEntry},
-        {ethMonitoringTable_load, ethMonitoringTable_free, ethMonitoringTable_handler,
-         ethMonitoringTable_get_next_data_point, nullptr, "", ethMonitoringTable_createEntry,
-         ethMonitoringTable_removeEntry},
-        {powerTable_load, powerTable_free, powerTable_handler, powerTable_get_next_data_point, nullptr, "",
-         powerTable_createEntry, powerTable_removeEntry},
-        {relayTable_load, relayTable_free, relayTable_handler, relayTable_get_next_data_point, nullptr, "",
-         relayTable_createEntry, relayTable_removeEntry},
-    };
-    QFETCH(int, place);
-    const Module &module = modules[place];
+    QFETCH(const TableModule *, table);
+    QFETCH(QString, countName);
+    const TableHooks &hooks = table->hooks;
     const QString name = QString::fromLatin1(QTest::currentDataTag());
     const QString pointer = QLatin1String("tal") + name[0].toUpper() + name.mid(1) + QLatin1String("Data");
 
     int result = 0;
-    const auto load = [&] { result = module.load(nullptr, nullptr); };
+    const auto load = [&] { result = hooks.load(nullptr, nullptr); };
     QCOMPARE(printed(load),
              (QStringList{name + QLatin1String("_load()"), name + QLatin1String("_load() kvAgent == NULL")}));
     QCOMPARE(result, -1);
@@ -467,28 +445,28 @@ void TestKvAgent::everyModuleSaysWhatIsMissing()
                                 name + QLatin1String("_load() kvAgent->") + pointer + QLatin1String(" == NULL")}));
     QCOMPARE(result, -1);
 
-    QCOMPARE(printed([&] { result = module.handler(nullptr, nullptr, nullptr, nullptr); }),
+    QCOMPARE(printed([&] { result = hooks.handler(nullptr, nullptr, nullptr, nullptr); }),
              QStringList{name + QLatin1String("_handler() ERROR reqinfo was NULL ")});
     QCOMPARE(result, 3);
-    QCOMPARE(printed([&] { module.free(nullptr, nullptr); }), QStringList{name + QLatin1String("_free()")});
+    QCOMPARE(printed([&] { hooks.free(nullptr, nullptr); }), QStringList{name + QLatin1String("_free()")});
     void *loop = nullptr;
     void *row = nullptr;
     netsnmp_variable_list index = {};
     const void *next = &index;
-    QCOMPARE(printed([&] { next = module.next(&loop, &row, &index, nullptr); }),
+    QCOMPARE(printed([&] { next = hooks.getNext(&loop, &row, &index, nullptr); }),
              QStringList{name + QLatin1String("_get_next_data_point()")});
     QVERIFY(next == nullptr);
-    QCOMPARE(printed(module.create), QStringList{name + QLatin1String("_createEntry()")});
-    QCOMPARE(printed(module.remove), QStringList{name + QLatin1String("_removeEntry()")});
-    if (module.count != nullptr) {
+    QCOMPARE(printed(hooks.createEntry), QStringList{name + QLatin1String("_createEntry()")});
+    QCOMPARE(printed(hooks.removeEntry), QStringList{name + QLatin1String("_removeEntry()")});
+    QCOMPARE(table->count.handler == nullptr, countName.isEmpty());
+    if (table->count.handler != nullptr) {
         AgentLog log;
         netsnmp_agent_request_info info = {};
         info.mode = MODE_SET_RESERVE2;
-        QCOMPARE(module.count(nullptr, nullptr, &info, nullptr), 5);
-        QCOMPARE(log.lines, QStringList{QStringLiteral("%1 unknown mode (%2) in %3")
-                                            .arg(LOG_ERR)
-                                            .arg(MODE_SET_RESERVE2)
-                                            .arg(QLatin1String(module.countName))});
+        QCOMPARE(table->count.handler(nullptr, nullptr, &info, nullptr), 5);
+        QCOMPARE(log.lines,
+                 QStringList{
+                     QStringLiteral("%1 unknown mode (%2) in %3").arg(LOG_ERR).arg(MODE_SET_RESERVE2).arg(countName)});
     }
 }
 

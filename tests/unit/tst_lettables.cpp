@@ -128,39 +128,39 @@ void TestLetTables::theHandlerPrintsItsModeOnEveryCall()
 {
     netsnmp_agent_request_info info = {};
     info.mode = MODE_GET;
-    const auto call = [&] { letChannelTable_handler(nullptr, nullptr, &info, nullptr); };
+    const auto call = [&] { letChannel1Table.hooks.handler(nullptr, nullptr, &info, nullptr); };
     QCOMPARE(printed(call),
              QStringList{QStringLiteral("letChannelTable_handler()   Processing request (%1)").arg(MODE_GET)});
     info.mode = MODE_GETNEXT;
     QCOMPARE(printed(call),
              QStringList{QStringLiteral("letChannelTable_handler()   Processing request (%1)").arg(MODE_GETNEXT)});
     int result = 0;
-    QCOMPARE(printed([&] { result = letChannelTable_handler(nullptr, nullptr, nullptr, nullptr); }),
+    QCOMPARE(printed([&] { result = letChannel1Table.hooks.handler(nullptr, nullptr, nullptr, nullptr); }),
              lines({"letChannelTable_handler() ERROR reqinfo was NULL "}));
     QCOMPARE(result, 3);
 }
 
 void TestLetTables::eachTableHasItsOwnLoad()
 {
-    QCOMPARE(printed([] { letChannel1Table_load(nullptr, nullptr); }),
+    QCOMPARE(printed([] { letChannel1Table.hooks.load(nullptr, nullptr); }),
              lines({"letChannel1Table_load()", "copyTalLetChannelTableData() for letChannel: 1"}));
-    QCOMPARE(printed([] { letChannel2Table_load(nullptr, nullptr); }),
+    QCOMPARE(printed([] { letChannel2Table.hooks.load(nullptr, nullptr); }),
              lines({"letChannel2Table_load()", "copyTalLetChannelTableData() for letChannel: 2"}));
 }
 
 void TestLetTables::loadsSayWhatIsMissing()
 {
     kvAgent->talLetChannelTableData = nullptr;
-    QCOMPARE(printed([] { letChannel1Table_load(nullptr, nullptr); }),
+    QCOMPARE(printed([] { letChannel1Table.hooks.load(nullptr, nullptr); }),
              lines({"letChannel1Table_load()", "letChannel1Table_load() kvAgent->talLetChannelTableData == NULL"}));
     KvAgent *agent = kvAgent;
     kvAgent = nullptr;
-    QCOMPARE(printed([] { letChannel2Table_load(nullptr, nullptr); }),
+    QCOMPARE(printed([] { letChannel2Table.hooks.load(nullptr, nullptr); }),
              lines({"letChannel2Table_load()", "letChannel2Table_load() kvAgent == NULL"}));
-    QCOMPARE(letChannel2Table_load(nullptr, nullptr), -1);
+    QCOMPARE(letChannel2Table.hooks.load(nullptr, nullptr), -1);
     kvAgent = agent;
     kvAgent->talLetChannelTableData = &record;
-    QCOMPARE(letChannel2Table_load(nullptr, nullptr), 0);
+    QCOMPARE(letChannel2Table.hooks.load(nullptr, nullptr), 0);
 }
 
 void TestLetTables::bothCountsLogTheFirstChannelsName()
@@ -168,17 +168,17 @@ void TestLetTables::bothCountsLogTheFirstChannelsName()
     AgentLog log;
     netsnmp_agent_request_info info = {};
     info.mode = MODE_SET_RESERVE1;
-    QCOMPARE(handle_letChannel1Count(nullptr, nullptr, &info, nullptr), 5);
-    QCOMPARE(handle_letChannel2Count(nullptr, nullptr, &info, nullptr), 5);
+    QCOMPARE(letChannel1Table.count.handler(nullptr, nullptr, &info, nullptr), 5);
+    QCOMPARE(letChannel2Table.count.handler(nullptr, nullptr, &info, nullptr), 5);
     const QString line = QStringLiteral("%1 unknown mode (0) in handle_letChannel1Count").arg(LOG_ERR);
     QCOMPARE(log.lines, (QStringList{line, line}));
 }
 
 void TestLetTables::theOtherFunctionsOnlyPrint()
 {
-    QCOMPARE(printed([] { letChannelTable_free(nullptr, nullptr); }), lines({"letChannelTable_free()"}));
-    QCOMPARE(printed(letChannelTable_createEntry), lines({"letChannelTable_createEntry()"}));
-    QCOMPARE(printed(letChannelTable_removeEntry), lines({"letChannelTable_removeEntry()"}));
+    QCOMPARE(printed([] { letChannel1Table.hooks.free(nullptr, nullptr); }), lines({"letChannelTable_free()"}));
+    QCOMPARE(printed(letChannel1Table.hooks.createEntry), lines({"letChannelTable_createEntry()"}));
+    QCOMPARE(printed(letChannel1Table.hooks.removeEntry), lines({"letChannelTable_removeEntry()"}));
 }
 
 const TestEntry entry("tst_lettables", runTest<TestLetTables>);

@@ -77,7 +77,7 @@ void TestVoltageTable::beforeARecordIsSetTheRowsAnswerZero()
     QCOMPARE(answer, lines({"3.4.2.1.3.4 Gauge32 0"}));
     QCOMPARE(output.mid(0, 2),
              lines({"voltageTable_load()", "voltageTable_load() kvAgent->talVoltageTableData == NULL"}));
-    QCOMPARE(voltageTable_load(nullptr, nullptr), -1);
+    QCOMPARE(voltageTable.hooks.load(nullptr, nullptr), -1);
 }
 
 void TestVoltageTable::theSetterCopiesAtOnce()
@@ -86,7 +86,7 @@ void TestVoltageTable::theSetterCopiesAtOnce()
     QCOMPARE(printed([&] { setTalVoltageTableData(&m_record); }),
              lines({"copyTalVoltageTableData()", "refillVoltageTableEntries()"}));
     m_record.values[4] = 0;
-    QCOMPARE(voltageTable_load(nullptr, nullptr), 0);
+    QCOMPARE(voltageTable.hooks.load(nullptr, nullptr), 0);
     m_record.values[4] = 5012;
     setTalVoltageTableData(&m_record);
     m_record.values[4] = 0;
@@ -117,7 +117,7 @@ void TestVoltageTable::theFreeHookOnlyPrints()
 {
     m_record.values[4] = 5300;
     setTalVoltageTableData(&m_record);
-    QCOMPARE(printed([] { voltageTable_free(nullptr, nullptr); }), lines({"voltageTable_free()"}));
+    QCOMPARE(printed([] { voltageTable.hooks.free(nullptr, nullptr); }), lines({"voltageTable_free()"}));
     QCOMPARE(snmpGet({QStringLiteral("3.4.2.1.3.4")}), lines({"3.4.2.1.3.4 Gauge32 5300"}));
 }
 
@@ -200,8 +200,8 @@ void TestVoltageTable::everyStepOfTheIteratorPrints()
     void *loop = nullptr;
     void *row = nullptr;
     netsnmp_variable_list index = {};
-    const auto first = [&] { voltageTable_get_first_data_point(&loop, &row, &index, nullptr); };
-    const auto next = [&] { voltageTable_get_next_data_point(&loop, &row, &index, nullptr); };
+    const auto first = [&] { voltageTable.hooks.getFirst(&loop, &row, &index, nullptr); };
+    const auto next = [&] { voltageTable.hooks.getNext(&loop, &row, &index, nullptr); };
     QCOMPARE(printed(first), lines({"voltageTable_get_next_data_point()"}));
     QCOMPARE(*index.val.integer, 1L);
     QCOMPARE(printed(next), lines({"voltageTable_get_next_data_point()"}));
@@ -218,7 +218,7 @@ void TestVoltageTable::theCountRefusesOtherModes()
     AgentLog log;
     netsnmp_agent_request_info info = {};
     info.mode = MODE_SET_COMMIT;
-    QCOMPARE(handle_voltageTableCount(nullptr, nullptr, &info, nullptr), 5);
+    QCOMPARE(voltageTable.count.handler(nullptr, nullptr, &info, nullptr), 5);
     QCOMPARE(log.lines,
              QStringList{
                  QStringLiteral("%1 unknown mode (%2) in handle_voltageTableCount").arg(LOG_ERR).arg(MODE_SET_COMMIT)});
@@ -226,8 +226,8 @@ void TestVoltageTable::theCountRefusesOtherModes()
 
 void TestVoltageTable::createAndRemoveOnlyPrint()
 {
-    QCOMPARE(printed(voltageTable_createEntry), lines({"voltageTable_createEntry()"}));
-    QCOMPARE(printed(voltageTable_removeEntry), lines({"voltageTable_removeEntry()"}));
+    QCOMPARE(printed(voltageTable.hooks.createEntry), lines({"voltageTable_createEntry()"}));
+    QCOMPARE(printed(voltageTable.hooks.removeEntry), lines({"voltageTable_removeEntry()"}));
     QCOMPARE(snmpGet({QStringLiteral("3.4.1.0")}), lines({"3.4.1.0 INTEGER 8"}));
 }
 
