@@ -16,9 +16,9 @@ constexpr Line dcOnly[] = {
     {2, "dc_power", 1},
 };
 constexpr RowSet rowSets[] = {
-    {{6410, 6420}, bothSources},
-    {{6720, 6764}, acOnly},
-    {{6425},       dcOnly},
+    {bothPowerModels,   bothSources},
+    {acPowerOnlyModels, acOnly},
+    {dcPowerOnlyModels, dcOnly},
 };
 constexpr Column columns[] = {
     {ASN_INTEGER,   cell<&TableRow::index>},

@@ -25,8 +25,8 @@ constexpr Line expanderLines[] = { // on stations with expanders, after the mode
     {12, "External Relay 8",  11},
 };
 constexpr RowSet rowSets[] = {
-    {{6211, 6891}, oneRelay,   nullptr, expanderLines},
-    {{6214, 6259}, fourRelays, nullptr, expanderLines},
+    {{6211, 6891},    oneRelay,   nullptr, expanderLines},
+    {fourRelayModels, fourRelays, nullptr, expanderLines},
 };
 constexpr Column columns[] = {
     {ASN_INTEGER,   cell<&TableRow::index>},

@@ -14,8 +14,6 @@
 
 namespace {
 
-constexpr char modelNumberFile[] = "/etc/xr-modelnumber";
-
 /// What is read of a first line; a file without a line end may be of any size. No field takes more than 127 characters
 /// of it.
 constexpr qint64 maxLine = 4096;
@@ -54,15 +52,14 @@ constexpr AmpType powerTypes[] = {
     {"200",  7, "VQ9C-P2"},
     {"400",  8, "VQ9D-P2"},
 };
-constexpr AmpTypeFile ampTypeFile  {"/etc/xr-amptype",   ampTypes,   {"", 1, "Unknown"}};
-constexpr AmpTypeFile powerTypeFile{"/etc/xr-powertype", powerTypes, {"", 1, "VQ9-P2"}};
-constexpr ModelSet powerTypeModels{6764};
+constexpr AmpTypeFile ampTypeFile  {identityfiles::ampType,   ampTypes,   {"", 1, "Unknown"}};
+constexpr AmpTypeFile powerTypeFile{identityfiles::powerType, powerTypes, {"", 1, "VQ9-P2"}};
 
 constexpr VersionFile versionFiles[] = {
-    {"readPackageVersion",    "/etc/xr-pkgver",    "pvStr:", "packageVersion:",    &InfoData::packageVersion},
-    {"readModelType",         "/etc/xr-model",     nullptr,  "modelType:",         &InfoData::modelType},
-    {"readKernelVersion",     "/etc/xr-kernelver", "kvStr:", "kernelVersion:",     &InfoData::kernelVersion},
-    {"readDeviceTreeVersion", "/etc/xr-oftreever", nullptr,  "deviceTreeVersion:", &InfoData::deviceTreeVersion},
+    {"readPackageVersion",    identityfiles::packageVersion,    "pvStr:", "packageVersion:",    &InfoData::packageVersion},
+    {"readModelType",         identityfiles::modelType,         nullptr,  "modelType:",         &InfoData::modelType},
+    {"readKernelVersion",     identityfiles::kernelVersion,     "kvStr:", "kernelVersion:",     &InfoData::kernelVersion},
+    {"readDeviceTreeVersion", identityfiles::deviceTreeVersion, nullptr,  "deviceTreeVersion:", &InfoData::deviceTreeVersion},
 };
 // clang-format on
 constexpr const VersionFile &packageVersionFile = versionFiles[0];
@@ -155,10 +152,10 @@ QString Identity::rooted(const char *path) const
 
 bool Identity::readModelNumber()
 {
-    QFile file(rooted(modelNumberFile));
+    QFile file(rooted(identityfiles::modelNumber));
     if (!file.open(QIODevice::ReadOnly) || file.atEnd()) {
         qDebug().noquote() << "readModelNumber"
-                           << "/etc/xr-modelnumber EMPTY !   Cannot continue";
+                           << QLatin1String(identityfiles::modelNumber) + QLatin1String(" EMPTY !   Cannot continue");
         return false;
     }
     const QByteArray line = file.readLine(maxLine);

@@ -6,6 +6,16 @@
 #include <QByteArray>
 #include <QString>
 
+namespace identityfiles {
+inline constexpr char modelNumber[] = "/etc/xr-modelnumber";
+inline constexpr char modelType[] = "/etc/xr-model";
+inline constexpr char ampType[] = "/etc/xr-amptype";
+inline constexpr char powerType[] = "/etc/xr-powertype"; ///< in place of the above on powerTypeModels
+inline constexpr char packageVersion[] = "/etc/xr-pkgver";
+inline constexpr char kernelVersion[] = "/etc/xr-kernelver";
+inline constexpr char deviceTreeVersion[] = "/etc/xr-oftreever";
+} // namespace identityfiles
+
 /// The model number, the amplifier type and the information record. A missing or unknown model number is an error;
 /// every other file falls back to "Unknown".
 class Identity {

@@ -17,8 +17,6 @@
 
 namespace {
 
-constexpr char pidFilePath[] = "/var/run/kvsnmp.pid";
-
 /// Goes into the background and writes the pid file there; ends the process when another instance runs.
 void becomeDaemon(const PidFileHandler &pidFile)
 {

@@ -3,6 +3,8 @@
 
 #include <sys/types.h>
 
+inline constexpr char pidFilePath[] = "/var/run/kvsnmp.pid";
+
 /// The file is locked only while it is written; what keeps a second instance out is `checkPid()`.
 class PidFileHandler {
 public:

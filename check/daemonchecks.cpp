@@ -4,6 +4,9 @@
 #include "check/localexchange.h"
 #include "check/subject.h"
 
+#include "app/pidfilehandler.h"
+#include "dbus/dbusinterface.h"
+
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QFile>
@@ -13,15 +16,11 @@
 
 namespace {
 
-constexpr ModelSet monitorModels{6410, 6420, 6425, 6720,
-                                 6764}; // inputs and outputs, channels or LETs come over the bus
-constexpr char monitorName[] = "com.orvane.pamon";
-constexpr char busFallback[] = "unix:path=/var/run/dbus/system_bus_socket";
 constexpr const char *supervisionCommands[] = {"killall", "kill", "rm", "ps"};
 
 QString busAddress(const Subject &subject)
 {
-    return subject.variable("DBUS_SYSTEM_BUS_ADDRESS", QLatin1String(busFallback));
+    return subject.variable(systemBusVariable, QLatin1String(defaultSystemBus));
 }
 
 /// The path of a "unix:path=..." address; empty for another kind.
@@ -69,12 +68,12 @@ Outcome checkKvsnmpProcess(Subject &subject)
     if (running.empty()) {
         const QString start = QStringLiteral("start it (systemctl start kvsnmp, or kvsnmp); in the foreground, "
                                              "kvsnmp -d, it tells why it ends");
-        const std::optional<pid_t> pid = pidInFile(QLatin1String(kvsnmpPidPath));
+        const std::optional<pid_t> pid = pidInFile(QLatin1String(pidFilePath));
         const std::optional<Process> other = pid.value_or(0) > 0 ? processOf(*pid) : std::nullopt;
         if (other)
             return failed(
                 QStringLiteral("does not run, and its pid file %1 names process %2, which is %3")
-                    .arg(QLatin1String(kvsnmpPidPath))
+                    .arg(QLatin1String(pidFilePath))
                     .arg(*pid)
                     .arg(QString::fromLocal8Bit(other->name)),
                 QStringLiteral("remove the pid file: it makes every start end with \"Already running\"; then ") +
@@ -93,19 +92,19 @@ Outcome checkKvsnmpProcess(Subject &subject)
 Outcome checkKvsnmpPidFile(Subject &subject)
 {
     const pid_t running = subject.kvsnmp.front().pid;
-    const std::optional<pid_t> pid = pidInFile(QLatin1String(kvsnmpPidPath));
+    const std::optional<pid_t> pid = pidInFile(QLatin1String(pidFilePath));
     if (!pid)
         return ok(QStringLiteral("none, as in the foreground"));
     if (*pid != running)
         return warning(
-            QStringLiteral("%1 names process %2, not %3").arg(QLatin1String(kvsnmpPidPath)).arg(*pid).arg(running),
+            QStringLiteral("%1 names process %2, not %3").arg(QLatin1String(pidFilePath)).arg(*pid).arg(running),
             QStringLiteral("what stops kvsnmp by its pid file misses it; restart kvsnmp"));
     return ok(QStringLiteral("names process %1").arg(running));
 }
 
 Outcome checkSystemBus(Subject &subject)
 {
-    if (!monitorModels.contains(subject.model))
+    if (!amplifierModels.contains(subject.model))
         return notApplicable(QStringLiteral("a %1 has no amplifier monitor").arg(subject.model));
     const QString address = busAddress(subject);
     const QByteArray path = busSocket(address);
@@ -128,7 +127,7 @@ Outcome checkSystemBus(Subject &subject)
 
 Outcome checkAmplifierMonitor(Subject &subject)
 {
-    if (!monitorModels.contains(subject.model))
+    if (!amplifierModels.contains(subject.model))
         return notApplicable(QStringLiteral("a %1 has no amplifier monitor").arg(subject.model));
     const std::optional<bool> owned = hasOwner(busAddress(subject), monitorName, subject.timeoutMs);
     const QString name = QLatin1String(monitorName);

@@ -10,8 +10,7 @@
 
 namespace {
 
-constexpr char modelNumberFile[] = "/etc/xr-modelnumber";
-constexpr int maxTextLength = 127; // what the information record holds
+constexpr int maxTextLength = sizeof(InfoText::text) - 1;
 const QString firmwareHint = QStringLiteral(
     "the firmware image writes this file; put it back, then restart kvsnmp, which reads it at its start");
 
@@ -65,11 +64,12 @@ Outcome checkModelNumber(Subject &subject)
         return ok(QString::number(subject.model));
     }
     const QString consequence = QStringLiteral("; without a known number kvsnmp ends at its start with status 255");
-    const QString missing = whatIsMissing(modelNumberFile);
+    const QString missing = whatIsMissing(identityfiles::modelNumber);
     if (!missing.isEmpty())
-        return failed(withPath(modelNumberFile, missing), firmwareHint + consequence);
-    return failed(withPath(modelNumberFile, QStringLiteral("holds \"%1\", which is no known model number")
-                                                .arg(QString::fromLatin1(identity.readFile(modelNumberFile)))),
+        return failed(withPath(identityfiles::modelNumber, missing), firmwareHint + consequence);
+    return failed(withPath(identityfiles::modelNumber,
+                           QStringLiteral("holds \"%1\", which is no known model number")
+                               .arg(QString::fromLatin1(identity.readFile(identityfiles::modelNumber)))),
                   QStringLiteral("known are ") + knownModelNumbers() + consequence);
 }
 
@@ -78,14 +78,14 @@ Outcome checkModelText(Subject &subject)
     Identity identity;
     identity.readModelType();
     subject.modelText = identity.infoData().modelType.text;
-    return checkText("/etc/xr-model");
+    return checkText(identityfiles::modelType);
 }
 
 Outcome checkAmplifierType(Subject &subject)
 {
     if (!ampTypeModels.contains(subject.model))
         return notApplicable(QStringLiteral("a %1 has no amplifier type").arg(subject.model));
-    const char *path = subject.model == 6764 ? "/etc/xr-powertype" : "/etc/xr-amptype";
+    const char *path = powerTypeModels.contains(subject.model) ? identityfiles::powerType : identityfiles::ampType;
     const QString missing = whatIsMissing(path);
     if (!missing.isEmpty())
         return warning(withPath(path, missing), firmwareHint);
@@ -102,15 +102,15 @@ Outcome checkAmplifierType(Subject &subject)
 
 Outcome checkPackageVersion(Subject &)
 {
-    return checkText("/etc/xr-pkgver");
+    return checkText(identityfiles::packageVersion);
 }
 
 Outcome checkKernelVersion(Subject &)
 {
-    return checkText("/etc/xr-kernelver");
+    return checkText(identityfiles::kernelVersion);
 }
 
 Outcome checkDeviceTreeVersion(Subject &)
 {
-    return checkText("/etc/xr-oftreever");
+    return checkText(identityfiles::deviceTreeVersion);
 }

@@ -1,6 +1,8 @@
 // Runs the checks in their order, tells causes from consequences, and writes the result.
 #include "check/report.h"
 
+#include "device/latin1.h"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -13,11 +15,6 @@ namespace {
 constexpr int jsonFormat = 1; // to be raised when a key changes its meaning or goes
 
 constexpr Status allStatuses[] = {Status::Ok, Status::Warning, Status::Failed, Status::Skipped, Status::NotApplicable};
-
-QString latin1(std::string_view text)
-{
-    return QString::fromLatin1(text.data(), static_cast<int>(text.size()));
-}
 
 QJsonObject objectOf(const Finding &finding)
 {

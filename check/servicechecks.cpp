@@ -3,6 +3,8 @@
 #include "check/localexchange.h"
 #include "check/subject.h"
 
+#include "tal/snmpsettings.h"
+
 #include <QFile>
 #include <QFileInfo>
 
@@ -10,11 +12,9 @@
 
 namespace {
 
-const QString settingsFolder = QStringLiteral("/state/config/snmp_settings/");
-
 QString settingPath(const char *path)
 {
-    return settingsFolder + QLatin1String(path);
+    return QLatin1String(snmpSettingsFolder) + QLatin1String(path);
 }
 
 bool isPort(const QString &text)
@@ -55,9 +55,10 @@ Outcome checkSnmpSettings(Subject &subject)
                           .arg(subject.timeoutMs / 1000.0),
                       QStringLiteral("it hangs, or its tree has no %1; look at the data service's own log and "
                                      "restart it")
-                          .arg(settingsFolder));
+                          .arg(QLatin1String(snmpSettingsFolder)));
     const QString text = QStringLiteral("not delivered: ") + missing.join(QStringLiteral(", "));
-    const QString hint = QStringLiteral("set what is missing below %1 in the data service").arg(settingsFolder);
+    const QString hint =
+        QStringLiteral("set what is missing below %1 in the data service").arg(QLatin1String(snmpSettingsFolder));
     if (!service.customConfig)
         return failed(text, hint + QStringLiteral("; without custom_config kvsnmp writes no snmpd.conf and starts no "
                                                   "snmpd"));

@@ -3,6 +3,8 @@
 #include "check/command.h"
 #include "check/subject.h"
 
+#include "snmpdconf/snmpdhost.h"
+
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
@@ -14,7 +16,6 @@
 namespace {
 
 const QString confPath = QLatin1String(snmpdConfPath);
-constexpr int memoryLimitKb = 10240;
 constexpr int restartMs = 3000; // from a written file to the snmpd that has read it takes about one second
 
 struct Complaint {
@@ -258,10 +259,10 @@ Outcome checkHealthProbe(Subject &subject)
                        QStringLiteral("the device's ps has to take \"-C snmpd\" and \"-o rss\" as single words; other "
                                       "ones refuse them, and a wrapper in kvsnmp's PATH helps"));
     const int memoryKb = text.toInt();
-    if (memoryKb >= memoryLimitKb)
+    if (memoryKb >= snmpdMemoryLimitKb)
         return warning(QStringLiteral("snmpd uses %1 kB: kvsnmp restarts it every ten minutes").arg(memoryKb),
                        QStringLiteral("%1 kB are too many; start kvsnmp with an empty MIBS in its environment, so that "
                                       "snmpd loads no MIB modules")
-                           .arg(memoryLimitKb));
+                           .arg(snmpdMemoryLimitKb));
     return ok(QStringLiteral("%1 kB").arg(memoryKb));
 }

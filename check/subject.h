@@ -15,10 +15,6 @@
 #include <optional>
 #include <vector>
 
-inline constexpr char snmpdConfPath[] = "/etc/snmp/snmpd.conf";
-inline constexpr char snmpdPidPath[] = "/var/run/snmpd.pid";
-inline constexpr char kvsnmpPidPath[] = "/var/run/kvsnmp.pid";
-
 struct Subject {
     /// Looks for the daemon, and takes over the part of its environment that decides where things are.
     explicit Subject(int timeoutMs);

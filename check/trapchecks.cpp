@@ -4,6 +4,7 @@
 #include "check/subject.h"
 
 #include "device/trapcatalogue.h"
+#include "tal/snmpsettings.h"
 
 #include <QHostAddress>
 
@@ -18,7 +19,7 @@
 
 namespace {
 
-const QString trapSettings = QStringLiteral("/state/config/snmp_settings/trap_settings/");
+const QString trapSettings = QLatin1String(snmpSettingsFolder) + QLatin1String("trap_settings/");
 
 struct AddressListDeleter {
     void operator()(addrinfo *list) const { freeaddrinfo(list); }

@@ -24,9 +24,7 @@ constexpr timeval answerLimit = {.tv_sec = 25, .tv_usec = 0}; // the D-Bus libra
 /// The socket of the system bus; empty when its address is of another kind.
 std::string busSocket()
 {
-    const std::string address =
-        qEnvironmentVariable("DBUS_SYSTEM_BUS_ADDRESS", QStringLiteral("unix:path=/var/run/dbus/system_bus_socket"))
-            .toStdString();
+    const std::string address = qEnvironmentVariable(systemBusVariable, QLatin1String(defaultSystemBus)).toStdString();
     const std::string kind = "unix:path=";
     return address.starts_with(kind) ? address.substr(kind.size(), address.find_first_of(",;") - kind.size()) : "";
 }
@@ -64,8 +62,7 @@ QDBusConnection systemBus()
 
 DbusInterface::DbusInterface(TalHandler *parent)
     : QObject(parent),
-      m_proxy(new ComOrvanePamonInterface(QStringLiteral("com.orvane.pamon"), QStringLiteral("/monitor"), systemBus(),
-                                          this))
+      m_proxy(new ComOrvanePamonInterface(QLatin1String(monitorName), QStringLiteral("/monitor"), systemBus(), this))
 {
     connect(m_proxy, SIGNAL(onGpoUpdate(uint, QString, QString)), this,
             SLOT(dbusDoGpoUpdateSlot(uint, QString, QString)));

@@ -7,6 +7,12 @@
 class ComOrvanePamonInterface;
 class TalHandler;
 
+/// The environment variable with the address of the system bus, and the address without it.
+inline constexpr char systemBusVariable[] = "DBUS_SYSTEM_BUS_ADDRESS";
+inline constexpr char defaultSystemBus[] = "unix:path=/var/run/dbus/system_bus_socket";
+
+inline constexpr char monitorName[] = "com.orvane.pamon"; ///< the amplifier monitor, on that bus
+
 class DbusInterface : public QObject {
     Q_OBJECT
 

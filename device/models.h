@@ -62,13 +62,18 @@ inline constexpr ModelSet noModelTest = ModelSet::any();
 // clang-format off
 inline constexpr ModelSet ampTypeModels      {6420, 6425, 6720, 6764};       ///< an amplifier or power type file is read
 inline constexpr ModelSet gpioModels         {6211, 6214, 6259, 6891};       ///< GPIO lines and relays are verified
+inline constexpr ModelSet fourRelayModels    {6214, 6259};                   ///< four relays without the expanders, the other ones one
 inline constexpr ModelSet twoChannelModels   {6420, 6425, 6720, 6764};       ///< two amplifier channels
 inline constexpr ModelSet singleOutputModels {6211, 6214, 6259, 6601, 6602, 6891}; ///< one amplifier output, no channel data
-inline constexpr ModelSet voltageModels      {6410, 6420, 6425, 6720, 6764}; ///< measured voltages and temperatures
+inline constexpr ModelSet amplifierModels    {6410, 6420, 6425, 6720, 6764}; ///< measured values, an amplifier monitor on the bus
 inline constexpr ModelSet letModels          {6420, 6720, 6764};             ///< line end transponders
 inline constexpr ModelSet ethMonitoringModels{6214, 6259, 6410, 6420, 6425, 6601, 6602, 6720, 6764, 6913, 6914};
 inline constexpr ModelSet pilotToneModels    {6410, 6420, 6425};             ///< line inputs watched by a pilot tone
 inline constexpr ModelSet microphoneModels   {6214, 6259, 6601, 6602};       ///< microphones instead of line inputs
+inline constexpr ModelSet bothPowerModels    {6410, 6420};                   ///< an AC and a DC power source
+inline constexpr ModelSet acPowerOnlyModels  {6720, 6764};                   ///< only the AC one
+inline constexpr ModelSet dcPowerOnlyModels  {6425};                         ///< only the DC one
+inline constexpr ModelSet powerTypeModels    {6764};                         ///< the type is that of the power supply
 // clang-format on
 
 /// True when the model text is exactly one of the two station descriptions that have the external relay and input

@@ -3,6 +3,7 @@
 
 #include "agent/kvagent.h"
 #include "agent/trapgate.h"
+#include "device/latin1.h"
 #include "device/trapcatalogue.h"
 
 #include <QDebug>
@@ -26,11 +27,6 @@ constexpr Severity severities[] = {
 };
 // clang-format on
 constexpr std::int32_t otherSeverity = 3;
-
-QLatin1String latin1(std::string_view text)
-{
-    return QLatin1String(text.data(), static_cast<int>(text.size()));
-}
 
 const Trap *trapOf(const QString &msgData)
 {

@@ -2,13 +2,14 @@
 #pragma once
 
 #include "device/models.h"
+#include "device/tablerecords.h"
 
 #include <cstdint>
 #include <optional>
 #include <span>
 
-inline constexpr std::uint32_t maxGpios = 14;  ///< GPIO ids 0 to 13; 0 to 5 without the expanders
-inline constexpr std::uint32_t maxRelays = 12; ///< relay ids 0 to 3 on single lines, 4 to 11 on the expander
+inline constexpr std::uint32_t maxGpios = controlInputRows; ///< GPIO ids 0 to 13; 0 to 5 without the expanders
+inline constexpr std::uint32_t maxRelays = relayRows; ///< relay ids 0 to 3 on single lines, 4 to 11 on the expander
 
 /// The I2C expander that a line sits on.
 enum class Expander : std::uint8_t { None, At0x21, At0x22 };
@@ -32,8 +33,6 @@ inline constexpr int oneRelay6891[]   = {510};
 inline constexpr int fourRelays[]     = {175, 174, 84, 85};
 // clang-format on
 } // namespace linenumbers
-
-inline constexpr ModelSet fourRelayModels{6214, 6259};
 
 /// Lines are created in the order of the two tables.
 // clang-format off

@@ -80,9 +80,9 @@ void writeSystemLog(int priority, const QByteArray &text)
 SnmpdHost deviceHost()
 {
     return {
-        QStringLiteral("/etc/snmp/snmpd.conf"),
+        QLatin1String(snmpdConfPath),
         QStringLiteral("/etc/snmp/"),
-        QStringLiteral("/var/run/snmpd.pid"),
+        QLatin1String(snmpdPidPath),
         run,
         startDetached,
         outputOf,

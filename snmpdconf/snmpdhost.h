@@ -7,6 +7,10 @@
 
 #include <functional>
 
+inline constexpr char snmpdConfPath[] = "/etc/snmp/snmpd.conf";
+inline constexpr char snmpdPidPath[] = "/var/run/snmpd.pid";
+inline constexpr int snmpdMemoryLimitKb = 10240; ///< snmpd is restarted when it uses as much
+
 /// A command line.
 struct Command {
     QString program;

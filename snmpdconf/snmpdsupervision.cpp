@@ -15,7 +15,6 @@ namespace {
 
 constexpr int startLimitMs = 2000; // a snmpd without a pid file after that has failed
 constexpr int probeTimeoutMs = 30000;
-constexpr int memoryLimitKb = 10240;
 constexpr qint64 maxPidLine = 256; // one of them for a terminator
 
 /// What `ps` tells about snmpd: its resident memory in kB as text, empty when there is none. White space is
@@ -145,7 +144,7 @@ void SnmpdConfHandler::watchdogSnmpd()
         return;
     }
     const int memoryKb = text.toInt(); // 0 for a text that is not one number, as when two snmpd answer
-    if (memoryKb >= memoryLimitKb) {
+    if (memoryKb >= snmpdMemoryLimitKb) {
         qDebug().noquote() << "SnmpdConfHandler"
                            << "watchdogSnmpd"
                            << QLatin1String("watchdog restarting snmpd, memory usage too high: ") + text;

@@ -1,4 +1,4 @@
-// Relays, control inputs and outputs, GPIO directions, monitored power sources.
+// Relays, control inputs and outputs, GPIO directions.
 #include "tal/keystep.h"
 #include "tal/talhandler.h"
 
@@ -12,15 +12,14 @@ constexpr TextCode controlInputStates[]  = {{"ok_open", 2}, {"ok_closed", 3}, {"
 constexpr TextCode idleModes[]           = {{"normal_closed", 2}, {"normal_open", 3}};
 constexpr TextCode gpioTypes[]           = {{"gpi", 1}, {"gpo", 2}};
 constexpr TextCode inputMonitored[]      = {{"true", 2}};
-constexpr TextCode powerMonitored[]      = {{"true", 3}, {"false", 2}};
 
-constexpr KeyRow relay1[]       = {{"relay1", 0}};
-constexpr KeyRow fourRelays[]   = {{"relay2", 1}, {"e_relay1", 2}, {"e_relay2", 3}};
-constexpr KeyRow expanderRows[] = {{"e_relay1", 4}, {"e_relay2", 5}, {"e_relay3",  6}, {"e_relay4",  7},
-                                   {"e_relay5", 8}, {"e_relay6", 9}, {"e_relay7", 10}, {"e_relay8", 11}};
+constexpr KeyRow relay1[]        = {{"relay1", 0}};
+constexpr KeyRow furtherRelays[] = {{"relay2", 1}, {"e_relay1", 2}, {"e_relay2", 3}};
+constexpr KeyRow expanderRows[]  = {{"e_relay1", 4}, {"e_relay2", 5}, {"e_relay3",  6}, {"e_relay4",  7},
+                                    {"e_relay5", 8}, {"e_relay6", 9}, {"e_relay7", 10}, {"e_relay8", 11}};
 constexpr KeySet relayKeys[] = {
-    {gpioModels,   relay1},
-    {{6214, 6259}, fourRelays},
+    {gpioModels,      relay1},
+    {fourRelayModels, furtherRelays},
 };
 constexpr KeySet expanderRelayKeys[] = {{gpioModels, expanderRows}}; // after relayKeys, on stations with expanders
 
@@ -30,9 +29,6 @@ constexpr KeySet controlInputKeys[] = {
     {{6410, 6420},       sixInputs},
     {{6425, 6720, 6764}, twoInputs},
 };
-
-constexpr KeyRow monitoredSources[] = {{"ac_power", 0}, {"dc_power", 1}};
-constexpr KeySet powerMonitoredKeys[] = {{{6410, 6420}, monitoredSources}}; // fewer models than subscribe, intended
 
 constexpr std::string_view gpioNumbers[] = {"1", "2", "3", "4", "5", "6", "7", "8", "9", "10", "11", "12", "13", "14"};
 constexpr std::size_t firstInputOnlyGpio = 6; // by place: gpio7 and up are inputs whatever the configuration says
@@ -47,13 +43,10 @@ constexpr KeyRule gpioTypeRule{{"getGpioType", "gpio:", "/state/config/gpios/gpi
                                {gpioTypes, store(3), store(3)}};
 constexpr KeyRule inputMonitoredRule{{"getControlInputMonitored", kid, "/state/config/gpis/gpi[kid='%1']/monitored"},
                                      {inputMonitored, store(1), store(1)}};
-constexpr KeyRule powerMonitoredRule{{"getPowerMonitoring", kid, "/state/config/power_sources/power_source[kid='%1']/monitored"},
-                                     {powerMonitored, store(1), keepScratch}}; // intended: see keepScratch
 // clang-format on
 
 static_assert(rowsBelow(relayKeys, relayRows) && rowsBelow(expanderRelayKeys, relayRows));
 static_assert(rowsBelow(controlInputKeys, controlInputRows));
-static_assert(rowsBelow(powerMonitoredKeys, powerSources));
 static_assert(std::size(gpioNumbers) == controlInputRows);
 
 // With the expanders, "e_relay1" and "e_relay2" feed two rows each on the models that have four relays: intended.
@@ -106,14 +99,6 @@ void TalHandler::parseControlInputMonitored(const Notification &n)
     forEachKey(controlInputKeys, m_modelNumber, [&](const KeyRow &input) {
         if (keyStep(n, inputMonitoredRule, {input.key, {}}, m_scratch.controlInputMonitored) == Step::Handled)
             m_records.controlInput.rows[input.row].monitored = m_scratch.controlInputMonitored;
-    });
-}
-
-void TalHandler::parsePowerMonitored(const Notification &n)
-{
-    forEachKey(powerMonitoredKeys, m_modelNumber, [&](const KeyRow &source) {
-        if (keyStep(n, powerMonitoredRule, {source.key, {}}, m_scratch.powerMonitored) == Step::Handled)
-            m_records.power.rows[source.row].monitored = m_scratch.powerMonitored;
     });
 }
 

@@ -6,6 +6,8 @@
 #include <QDebug>
 #include <QStringBuilder>
 
+#include <algorithm>
+
 namespace {
 
 enum class Found {
@@ -55,13 +57,18 @@ Step deletedStep(const OnDelete &onDelete, std::uint32_t &scratch)
     return Step::NotHandled;
 }
 
+/// Null for a text without a code of its own.
+const TextCode *entryOf(std::span<const TextCode> codes, const QString &text)
+{
+    const auto found = std::ranges::find_if(codes, [&](const TextCode &entry) { return text == latin1(entry.text); });
+    return found != codes.end() ? &*found : nullptr;
+}
+
 Step changedStep(const CodeMap &map, const QString &text, std::uint32_t &scratch)
 {
-    for (const TextCode &entry : map.codes) {
-        if (text == latin1(entry.text)) {
-            scratch = entry.code;
-            return Step::Handled;
-        }
+    if (const TextCode *entry = entryOf(map.codes, text)) {
+        scratch = entry->code;
+        return Step::Handled;
     }
     switch (map.onOther.kind) {
     case OnOther::Kind::Store:
@@ -116,10 +123,8 @@ Operation operationOf(const Notification &n)
 
 std::uint32_t codeOf(std::span<const TextCode> codes, const QString &text, std::uint32_t other)
 {
-    for (const TextCode &entry : codes)
-        if (text == latin1(entry.text))
-            return entry.code;
-    return other;
+    const TextCode *entry = entryOf(codes, text);
+    return entry != nullptr ? entry->code : other;
 }
 
 std::uint32_t scaledInteger(QStringView text, std::uint32_t scale)

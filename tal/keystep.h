@@ -1,6 +1,7 @@
 // What every parser does with one key of a notification: look it up, refuse unexpected operations, convert, store.
 #pragma once
 
+#include "device/latin1.h"
 #include "device/models.h"
 #include "tal/notification.h"
 
@@ -11,12 +12,6 @@
 #include <cstdint>
 #include <span>
 #include <string_view>
-
-/// A constant of the tables as Qt takes it.
-inline QLatin1String latin1(std::string_view text)
-{
-    return QLatin1String(text.data(), static_cast<int>(text.size()));
-}
 
 /// What fills the holes of a key path: the key, and for some a second one or a leaf.
 struct Keys {

@@ -1,6 +1,5 @@
 // Loudspeaker lines, their LETs, line inputs and microphones, Ethernet ports.
 #include "device/boundedtext.h"
-#include "tal/derivedstatus.h"
 #include "tal/keystep.h"
 #include "tal/talhandler.h"
 
@@ -33,10 +32,9 @@ constexpr TextCode pilotTone[]  = {{"ok", 2}, {"failed", 3}};
 constexpr TextCode micStatus[]  = {{"connected", 5}, {"disconnected", 6}, {"shorted", 7}};
 constexpr TextCode monitored[]  = {{"true", 3}, {"false", 2}};
 
-constexpr std::string_view channelKeys[ampChannels] = {"ch1", "ch2"};
 constexpr std::string_view letKeys[letsPerChannel]  = {"1", "2", "3", "4", "5", "6", "7", "8", "9", "10"};
 
-constexpr KeyRow lineRows[]          = {{"ch1", 0}, {"ch2", 1}};
+constexpr KeyRow lineRows[]          = {{"ch1", 0}, {"ch2", 1}}; // a channel's place is its row
 constexpr KeyRow lineInputRows[]     = {{"ln1", 0}, {"ln2", 1}};
 constexpr KeyRow micMonitoringRows[] = {{"mic", 0}, {"ln_in", 1}};
 constexpr KeyRow micStatusRows[]     = {{"mic_status_extern", 0}, {"mic_status_intern", 1}};
@@ -72,6 +70,7 @@ constexpr KeyRule ethMonitoringRule{{"getEthMonitoring", kid, "/state/config/os_
                                     {monitored, store(2), keepScratch}};
 // clang-format on
 
+static_assert(std::size(lineRows) == ampChannels && lineRows[0].row == 0 && lineRows[1].row == 1);
 static_assert(rowsBelow(lineKeys, ampChannels) && rowsBelow(lineKeys, lineInRows));
 static_assert(rowsBelow(pilotToneKeys, lineInRows) && rowsBelow(micStatusKeys, lineInRows));
 static_assert(rowsBelow(micMonitoringKeys, lineInRows));
@@ -83,7 +82,7 @@ void forEachLet(Visit visit)
 {
     for (std::size_t channel = 0; channel < ampChannels; ++channel)
         for (std::size_t let = 0; let < letsPerChannel; ++let)
-            visit(channel, let, Keys{channelKeys[channel], letKeys[let]});
+            visit(channel, let, Keys{lineRows[channel].key, letKeys[let]});
 }
 
 template <std::size_t size>
@@ -99,6 +98,19 @@ void parseLetText(const Notification &n, const TextRule &rule, LetRecord &record
         copyBounded(entry.*buffer, {latin1Text.constData(), static_cast<std::size_t>(latin1Text.size())});
         entry.changed.*changed = 1;
     });
+}
+
+/// Status of a LET: 1 unknown, as its channel is not ok, 2 not enabled, 3 not reported missing, 4 missing; `current`
+/// when the channel status says nothing.
+constexpr std::uint32_t letStatus(std::uint32_t ampChannelStatus, std::uint32_t enabled, std::uint32_t presence,
+                                  std::uint32_t current)
+{
+    if (ampChannelStatus == 3) {
+        if (enabled != 1)
+            return 2;
+        return presence == 1 ? 4 : 3;
+    }
+    return ampChannelStatus >= 1 && ampChannelStatus <= 6 ? 1 : current;
 }
 
 } // namespace
@@ -121,7 +133,7 @@ void TalHandler::parseAmpEnable(const Notification &n)
     for (std::size_t channel = 0; channel < ampChannels; ++channel) {
         AmpChannelRow &row = m_records.ampChannel.rows[channel];
         // The record's own field is the scratch value: only a handled key changes it.
-        if (keyStep(n, ampEnableRule, {channelKeys[channel], {}}, row.ampEnable) == Step::Handled)
+        if (keyStep(n, ampEnableRule, {lineRows[channel].key, {}}, row.ampEnable) == Step::Handled)
             deriveAmpChannelStatus(channel);
     }
 }

@@ -1,5 +1,4 @@
 // What the device measures: voltages, temperatures, fans, class-D amplifiers, live power sources.
-#include "tal/derivedstatus.h"
 #include "tal/keystep.h"
 #include "tal/talhandler.h"
 
@@ -122,11 +121,7 @@ constexpr KeySet fanKeys[] = {
     {{6764}, fans6764},
 };
 
-constexpr KeyRow liveSources[] = {{"ac_power", 0}, {"dc_power", 1}};
-constexpr KeySet powerLiveKeys[] = {{{6410, 6420}, liveSources}};
-
-constexpr TextCode classDCodes[]   = {{"ok", 2}};
-constexpr TextCode powerLiveCodes[] = {{"false", 2}, {"true", 3}};
+constexpr TextCode classDCodes[] = {{"ok", 2}};
 
 // name, key label of the complaint, path, codes, "delete", other text
 constexpr KeyRule voltageRule{{"getVoltage", noKey, "/state/power_lines/power_line[kid='%1']/voltage"},
@@ -137,14 +132,28 @@ constexpr KeyRule fanRule    {{"getFan", noKey, "/state/fans/fan[kid='%1']/speed
                               {{}, store(0), scaled(1)}};
 constexpr KeyRule classDRule {{"stateClassDStatusUpdate", noKey, "/state/class_d_amp_status/status"},
                               {classDCodes, leaveRow, store(1)}};
-constexpr KeyRule powerLiveRule{{"getPowerStatus", kid, "/state/power_sources/power_source[kid='%1']/live"},
-                                {powerLiveCodes, store(1), keepScratch}}; // intended: see keepScratch
 // clang-format on
 
 static_assert(rowsBelow(voltageKeys, voltageSlots));
 static_assert(rowsBelow(tempKeys, tempRows));
 static_assert(rowsBelow(fanKeys, fanRows));
-static_assert(rowsBelow(powerLiveKeys, powerSources));
+
+/// Status of an amplifier channel: 1 unknown, 2 disabled, 3 ok, 4 class-D fault, 5 monitor fault.
+constexpr std::uint32_t channelStatus(std::uint32_t classDStatus, std::uint32_t ampEnable,
+                                      std::uint32_t ampMonitorStatus)
+{
+    if (classDStatus == 1)
+        return 4;
+    if (classDStatus != 2)
+        return 1;
+    if (ampEnable == 1)
+        return 2;
+    if (ampEnable != 2)
+        return 1;
+    if (ampMonitorStatus == 2)
+        return 3;
+    return ampMonitorStatus == 1 ? 5 : 1;
+}
 
 } // namespace
 
@@ -182,14 +191,6 @@ void TalHandler::parseClassDStatus(const Notification &n)
     keyStep(n, classDRule, {}, m_classDStatus); // its own scratch value: only a handled key changes it
     for (std::size_t channel = 0; channel < ampChannels; ++channel)
         deriveAmpChannelStatus(channel);
-}
-
-void TalHandler::parsePowerLive(const Notification &n)
-{
-    forEachKey(powerLiveKeys, m_modelNumber, [&](const KeyRow &source) {
-        if (keyStep(n, powerLiveRule, {source.key, {}}, m_scratch.powerLive) == Step::Handled)
-            m_records.power.rows[source.row].liveStatus = m_scratch.powerLive;
-    });
 }
 
 void TalHandler::slotAmpChannelStatusUpdate(uint channel, uint status)

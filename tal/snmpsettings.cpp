@@ -8,6 +8,8 @@
 
 #include <QXmlStreamReader>
 
+#include <algorithm>
+
 namespace {
 
 template <typename Record, typename Value>
@@ -40,6 +42,14 @@ constexpr Leaf<SnmpVersionSettings, bool> versionLeaves[] = {
 };
 constexpr std::string_view customConfigPath = "/state/config/snmp_settings/custom_config";
 // clang-format on
+
+template <std::size_t count, typename Record, typename Value>
+constexpr bool areSettings(const Leaf<Record, Value> (&leaves)[count])
+{
+    return std::ranges::all_of(leaves, [](const auto &leaf) { return leaf.path.starts_with(snmpSettingsFolder); });
+}
+static_assert(areSettings(mib2Leaves) && areSettings(accessLeaves) && areSettings(trapLeaves));
+static_assert(areSettings(versionLeaves) && customConfigPath.starts_with(snmpSettingsFolder));
 
 bool readLeaf(const Notification &n, const QString &path, QString &text)
 {

@@ -4,6 +4,9 @@
 #include <QMetaType>
 #include <QString>
 
+/// Where the data service holds them.
+inline constexpr char snmpSettingsFolder[] = "/state/config/snmp_settings/";
+
 struct SnmpMib2Settings {
     QString sysName;
     QString sysLocation;

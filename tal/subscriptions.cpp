@@ -27,10 +27,10 @@ constexpr Subscription settingsSubscriptions[] = {
 };
 
 constexpr Subscription dataSubscriptions[] = {
-    {"requestStateDataSubscribeVoltageTable",           "kvsnmp_voltage",                 "/state/power_lines/power_line/voltage",                voltageModels},
-    {"requestStateDataSubscribeTempTable",              "kvsnmp_temp",                    "/state/temp_sensors",                                  voltageModels},
+    {"requestStateDataSubscribeVoltageTable",           "kvsnmp_voltage",                 "/state/power_lines/power_line/voltage",                amplifierModels},
+    {"requestStateDataSubscribeTempTable",              "kvsnmp_temp",                    "/state/temp_sensors",                                  amplifierModels},
     {"requestStateDataSubscribeFanTable",               "kvsnmp_fan",                     "/state/fans",                                          {6410, 6420, 6720, 6764}},
-    {"requestConfigDataSubscribeControlInputMonitored", "kvsnmp_control_input_monitored", "/state/config/gpis/gpi/monitored",                     {6410, 6420, 6425, 6720, 6764}},
+    {"requestConfigDataSubscribeControlInputMonitored", "kvsnmp_control_input_monitored", "/state/config/gpis/gpi/monitored",                     amplifierModels},
     {"requestConfigDataSubscribeAmpEnableStatus",       "kvsnmp_amp_enable",              "/state/config/lines/line/enable",                      twoChannelModels},
     {"requestStateDataSubscribeClassDStatus",           "kvsnmp_class_d_status",          "/state/class_d_amp_status",                            twoChannelModels},
     {"requestConfigDataSubscribeGpioType",              "kvsnmp_gpio_type",               "/state/config/gpios/gpio/gpio_type",                   gpioModels},
@@ -46,8 +46,8 @@ constexpr Subscription dataSubscriptions[] = {
     {nullptr,                                           "kvsnmp_lineIn_status",           "/state/lines/mic_status_intern",                       microphoneModels},
     {"requestStateDataSubscribeLineChannelState",       "kvsnmp_line_channel_state",      "/state/lines/line/characteristics/line_state",         twoChannelModels},
     {"requestConfigDataSubscribeEthMonitoring",         "kvsnmp_eth_monitoring",          "/state/config/os_ip/eth_switch/port/monitored",        ethMonitoringModels},
-    {"requestConfigDataSubscribePowerMonitoring",       "kvsnmp_power_monitoring",        "/state/config/power_sources/power_source/monitored",   {6410, 6420, 6425, 6720, 6764}},
-    {"requestStateDataSubscribePowerStatus",            "kvsnmp_power_status",            "/state/power_sources/power_source/live",               {6410, 6420}},
+    {"requestConfigDataSubscribePowerMonitoring",       "kvsnmp_power_monitoring",        "/state/config/power_sources/power_source/monitored",   amplifierModels},
+    {"requestStateDataSubscribePowerStatus",            "kvsnmp_power_status",            "/state/power_sources/power_source/live",               bothPowerModels},
     {"requestConfigDataSubscribeRelayDelay",            "kvsnmp_relay_delay",             "/state/config/gpos/gpo/delay",                         gpioModels},
     {"requestConfigDataSubscribeRelayIdleMode",         "kvsnmp_relay_idle_mode",         "/state/config/gpos/gpo/idle_mode",                     gpioModels},
     {"requestStateDataSubscribeSysMessages",            "kvsnmp_sys_messages",            "/state/sys_messages/sys_message",                      noModelTest},

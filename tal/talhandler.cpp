@@ -13,11 +13,6 @@
 
 #include <algorithm>
 
-namespace {
-constexpr ModelSet acPowerModels{6410, 6420, 6720, 6764};
-constexpr ModelSet dcPowerModels{6410, 6420, 6425};
-} // namespace
-
 TalHandler::TalHandler(QObject *parent, uint modelNumber, const char *modelDescription)
     : QObject(parent), m_modelNumber(modelNumber), m_modelDescription(modelDescription)
 {
@@ -49,9 +44,10 @@ void TalHandler::setStartingValues()
 
     // Models with one power source only have the row of that source.
     auto &[acPower, dcPower] = m_records.power.rows;
-    if (acPowerModels.contains(m_modelNumber))
+    const bool hasBoth = bothPowerModels.contains(m_modelNumber);
+    if (hasBoth || acPowerOnlyModels.contains(m_modelNumber))
         acPower = {.liveStatus = 1, .monitored = 1};
-    if (dcPowerModels.contains(m_modelNumber))
+    if (hasBoth || dcPowerOnlyModels.contains(m_modelNumber))
         dcPower = {.liveStatus = 1, .monitored = 1};
 
     auto &[first, second] = m_records.lineIn.rows;

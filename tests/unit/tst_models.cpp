@@ -49,11 +49,16 @@ void TestModels::setHoldsItsModelsAndNoOther_data()
     QTest::newRow("GPIO") << &gpioModels << Models{6211, 6214, 6259, 6891};
     QTest::newRow("two channels") << &twoChannelModels << Models{6420, 6425, 6720, 6764};
     QTest::newRow("single output") << &singleOutputModels << Models{6211, 6214, 6259, 6601, 6602, 6891};
-    QTest::newRow("voltages") << &voltageModels << Models{6410, 6420, 6425, 6720, 6764};
+    QTest::newRow("amplifiers") << &amplifierModels << Models{6410, 6420, 6425, 6720, 6764};
     QTest::newRow("LETs") << &letModels << Models{6420, 6720, 6764};
     QTest::newRow("Ethernet monitoring") << &ethMonitoringModels
                                          << Models{6214, 6259, 6410, 6420, 6425, 6601, 6602, 6720, 6764, 6913, 6914};
     QTest::newRow("pilot tone") << &pilotToneModels << Models{6410, 6420, 6425};
+    QTest::newRow("four relays") << &fourRelayModels << Models{6214, 6259};
+    QTest::newRow("AC and DC power") << &bothPowerModels << Models{6410, 6420};
+    QTest::newRow("AC power only") << &acPowerOnlyModels << Models{6720, 6764};
+    QTest::newRow("DC power only") << &dcPowerOnlyModels << Models{6425};
+    QTest::newRow("power type") << &powerTypeModels << Models{6764};
     QTest::newRow("microphones") << &microphoneModels << Models{6214, 6259, 6601, 6602};
 }
 
