@@ -50,17 +50,17 @@ int sessionStarted(int, int, void *argument, void *)
     session->retries = 0; // a local stream needs no repeats, and a repeated notification is a doubled trap
     void *const listed = snmp_sess_pointer(session);
     netsnmp_transport *transport = listed != nullptr ? snmp_sess_transport(listed) : nullptr;
+    masterSessionOpened(transport);
     if (transport != nullptr)
-        limitStream(*transport);
+        limitStream(*transport, session);
     trapGate().openSession(transport != nullptr ? transport->sock : -1);
-    cancelAttempts();
     return 0;
 }
 
 int sessionStopped(int, int, void *, void *)
 {
     trapGate().closeSession();
-    postponeAttempt();
+    masterSessionLost();
     return 0;
 }
 
@@ -110,7 +110,10 @@ void kaAgentStart(std::uint32_t modelNumber, std::uint8_t ampType, const char *m
 int kaCheckAndProcess()
 {
     allowAttempt();
-    const int result = agent_check_and_process(0);
+    flushOutput();
+    int result = agent_check_and_process(0);
+    if (flushOutput() && result == 0)
+        result = 1;
     trapGate().endPass();
     return result;
 }

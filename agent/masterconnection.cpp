@@ -1,4 +1,4 @@
-// How the agent library connects to the master agent.
+// How the agent library connects to the master agent, and sends to it.
 #include "agent/masterconnection.h"
 
 #include "agent/netsnmp.h"
@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <utility>
 
-#include <fcntl.h>
 #include <net-snmp/library/snmpUnixDomain.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -20,6 +20,8 @@ constexpr char application[] = "agentx";
 constexpr oid unixDomain[] = {TRANSPORT_DOMAIN_LOCAL};
 constexpr oid ownDomain[] = {TRANSPORT_DOMAIN_LOCAL, 1}; // any that the library does not know
 bool attemptAllowed = true;
+std::string output; // what the master has not taken yet
+int outputSocket = -1;
 
 int receive(netsnmp_transport *transport, void *buffer, int size, void **, int *)
 {
@@ -30,36 +32,58 @@ int receive(netsnmp_transport *transport, void *buffer, int size, void **, int *
     return static_cast<int>(received);
 }
 
-int send(netsnmp_transport *transport, const void *message, int size, void **, int *)
+/// Sends as much as the connection takes now. Minus 1, with errno, when it takes nothing any more.
+ssize_t sendNow(int socket, const char *data, std::size_t size)
 {
     ssize_t sent = 0;
     do
-        sent = ::send(transport->sock, message, static_cast<std::size_t>(size), MSG_NOSIGNAL);
+        sent = ::send(socket, data, size, MSG_DONTWAIT | MSG_NOSIGNAL);
     while (sent < 0 && errno == EINTR);
-    return static_cast<int>(sent);
+    return sent < 0 && errno == EAGAIN ? 0 : sent;
+}
+
+int send(netsnmp_transport *transport, const void *message, int size, void **, int *)
+{
+    const auto *const data = static_cast<const char *>(message);
+    const auto length = static_cast<std::size_t>(size);
+    const ssize_t sent = output.empty() ? sendNow(transport->sock, data, length) : 0;
+    if (sent < 0)
+        return -1;
+    output.append(data + sent, length - static_cast<std::size_t>(sent));
+    return size;
+}
+
+void queueOutput(netsnmp_transport &transport)
+{
+    output.clear();
+    outputSocket = transport.sock;
+    transport.f_send = send;
+}
+
+void discardOutput()
+{
+    output.clear();
+    outputSocket = -1;
 }
 
 int close(netsnmp_transport *transport)
 {
+    discardOutput();
     const int socket = std::exchange(transport->sock, -1);
     return socket < 0 ? -1 : ::close(socket);
 }
 
-/// A connection to the library's default socket. The library's own transport waits for a place in the queue of a master
-/// that has stopped, without limit. Null, with errno, on failure.
+/// A connection to the library's default socket. The library's own transport waits without limit for a place in the
+/// queue of a master that has stopped. Null on failure.
 netsnmp_transport *connectToMaster(netsnmp_tdomain_spec *)
 {
-    if (!std::exchange(attemptAllowed, false)) {
-        errno = EAGAIN;
+    if (!std::exchange(attemptAllowed, false))
         return nullptr;
-    }
     const char *const path = netsnmp_lookup_default_target(application, "unix");
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    if (path == nullptr || copyBounded(address.sun_path, path) < std::strlen(path)) {
-        errno = ENAMETOOLONG;
+    if (path == nullptr || copyBounded(address.sun_path, path) < std::strlen(path))
         return nullptr;
-    }
     auto *const transport = SNMP_MALLOC_TYPEDEF(netsnmp_transport);
     if (transport == nullptr)
         return nullptr;
@@ -68,18 +92,16 @@ netsnmp_transport *connectToMaster(netsnmp_tdomain_spec *)
     transport->flags = NETSNMP_TRANSPORT_FLAG_STREAM;
     transport->msgMaxSize = SNMP_MAX_PACKET_LEN;
     transport->f_recv = receive;
-    transport->f_send = send;
     transport->f_close = close;
     transport->sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (transport->sock < 0 ||
         connect(transport->sock, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
-        const int failure = errno;
         close(transport);
         netsnmp_transport_free(transport);
-        errno = failure;
-        return nullptr;
+        // The library's default goes on with this one.
+        return netsnmp_tdomain_transport(netsnmp_lookup_default_target(application, "tcp"), 0, "tcp");
     }
-    fcntl(transport->sock, F_SETFL, 0); // the library sends whole messages
+    queueOutput(*transport);
     return transport;
 }
 
@@ -95,7 +117,7 @@ void boundAttempts()
     domain.prefix[0] = "kvmaster";
     domain.f_create_from_tspec = connectToMaster;
     netsnmp_tdomain_register(&domain);
-    netsnmp_register_default_domain(application, "kvmaster tcp"); // the library's own default is "unix tcp"
+    netsnmp_register_default_domain(application, "kvmaster");
     attemptAllowed = true;
 }
 
@@ -104,13 +126,10 @@ void allowAttempt()
     attemptAllowed = true;
 }
 
-void postponeAttempt()
+void masterSessionOpened(netsnmp_transport *transport)
 {
-    attemptAllowed = false;
-}
-
-void cancelAttempts()
-{
+    if (transport != nullptr)
+        queueOutput(*transport);
     static unsigned next = 1; // the first alarm that was not looked at
     const unsigned newest = snmp_alarm_register(1, SA_REPEAT, neverCalled, nullptr);
     for (; next <= newest; ++next) {
@@ -119,4 +138,27 @@ void cancelAttempts()
         if (alarm != nullptr && (alarm->flags & SA_REPEAT) != 0 && alarm->clientarg == nullptr)
             snmp_alarm_unregister(next);
     }
+}
+
+void masterSessionLost()
+{
+    discardOutput();
+    attemptAllowed = false;
+}
+
+std::size_t queuedOutput()
+{
+    return output.size();
+}
+
+bool flushOutput()
+{
+    if (output.empty())
+        return false;
+    const ssize_t sent = sendNow(outputSocket, output.data(), output.size());
+    if (sent < 0)
+        discardOutput(); // the library learns of the end when it reads
+    else
+        output.erase(0, static_cast<std::size_t>(sent));
+    return sent > 0;
 }

@@ -1,10 +1,14 @@
 // The longest message that passes the connection to the master agent.
 #include "agent/streamlimit.h"
 
+#include "agent/masterconnection.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <utility>
+
+#include <sys/socket.h>
 
 namespace {
 // AgentX (RFC 2741): each message begins with version, type, flags, a reserved byte, and four numbers of 4 bytes:
@@ -13,8 +17,14 @@ constexpr std::size_t headerSize = 20;
 constexpr std::size_t lengthAt = 16;
 constexpr u_char firstRequest = 5; // Get, GetNext, GetBulk, TestSet: all that carry names and expect an answer
 constexpr u_char lastRequest = 8;
+constexpr u_char notify = 12;
 constexpr u_char response = 18;
 constexpr u_char networkByteOrder = 0x10;
+
+constexpr bool isRequest(u_char type)
+{
+    return type >= firstRequest && type <= lastRequest;
+}
 
 bool isBigEndian(const u_char *header)
 {
@@ -37,6 +47,8 @@ struct Connection {
     std::size_t held;   // bytes of a header that is not complete: the library has not seen them
     std::uint64_t left; // bytes still to come
     bool refused;       // the library gets none of them
+    int unanswered;     // questions in a row
+    netsnmp_session *session;
 };
 Connection connection = {};
 
@@ -56,6 +68,14 @@ void sendRefusal(netsnmp_transport *transport, const u_char *header)
     connection.send(transport, refusal, sizeof(refusal), &opaque, &opaqueLength);
 }
 
+/// As the library does for each request that it sees: the master lives.
+void postponePing()
+{
+    // The library keeps the number of the alarm in this field.
+    if (connection.session != nullptr && connection.session->securityModel != SNMP_DEFAULT_SECMODEL)
+        snmp_alarm_reset(static_cast<unsigned>(connection.session->securityModel));
+}
+
 /// Takes the refused messages out of the data and returns the size of the rest.
 std::size_t withoutRefused(netsnmp_transport *transport, u_char *data, std::size_t size)
 {
@@ -69,8 +89,14 @@ std::size_t withoutRefused(netsnmp_transport *transport, u_char *data, std::size
             }
             std::copy_n(data + at, headerSize, connection.header);
             connection.left = messageSize(connection.header);
-            // The library closes the connection over a length beyond 31 bits.
-            connection.refused = connection.left > longestMessage && connection.left <= INT32_MAX;
+            if (connection.left > INT32_MAX) { // the library takes the length for a negative or a small one
+                shutdown(transport->sock, SHUT_RDWR);
+                return kept;
+            }
+            connection.refused =
+                connection.left > longestMessage || (isRequest(connection.header[1]) && queuedOutput() > mostQueued);
+            if (connection.header[1] == response)
+                connection.unanswered = 0;
         }
         const std::size_t part = std::min<std::uint64_t>(connection.left, size - at);
         if (!connection.refused) {
@@ -79,9 +105,10 @@ std::size_t withoutRefused(netsnmp_transport *transport, u_char *data, std::size
         }
         at += part;
         connection.left -= part;
-        const u_char type = connection.header[1];
-        if (connection.left == 0 && connection.refused && type >= firstRequest && type <= lastRequest)
+        if (connection.left == 0 && connection.refused && isRequest(connection.header[1])) {
             sendRefusal(transport, connection.header);
+            postponePing();
+        }
     }
     return kept;
 }
@@ -89,6 +116,7 @@ std::size_t withoutRefused(netsnmp_transport *transport, u_char *data, std::size
 int receive(netsnmp_transport *transport, void *buffer, int size, void **opaque, int *opaqueLength)
 {
     auto *const data = static_cast<u_char *>(buffer);
+    flushOutput(); // the library also reads while it waits for an answer
     const std::size_t held = connection.held;
     std::copy_n(connection.header, held, data);
     const int received =
@@ -108,16 +136,22 @@ int receive(netsnmp_transport *transport, void *buffer, int size, void **opaque,
 int send(netsnmp_transport *transport, const void *message, int size, void **opaque, int *opaqueLength)
 {
     const auto *const data = static_cast<const u_char *>(message);
-    if (size <= static_cast<int>(longestMessage) || data[1] != response)
+    const u_char type = data[1];
+    if (type != response && type != notify && ++connection.unanswered > mostUnanswered) {
+        shutdown(transport->sock, SHUT_RDWR);
+        return -1;
+    }
+    if (size <= static_cast<int>(longestMessage) || type != response)
         return connection.send(transport, message, size, opaque, opaqueLength);
     sendRefusal(transport, data);
     return size;
 }
 } // namespace
 
-void limitStream(netsnmp_transport &transport)
+void limitStream(netsnmp_transport &transport, netsnmp_session *session)
 {
     connection = {};
+    connection.session = session;
     connection.receive = std::exchange(transport.f_recv, receive);
     connection.send = std::exchange(transport.f_send, send);
 }

@@ -1,6 +1,7 @@
 // Messages from and to the master that are too long: taken off the stream, refused, replaced.
 #include "support/testprogram.h"
 
+#include "agent/masterconnection.h"
 #include "agent/streamlimit.h"
 
 #include <QtEndian>
@@ -9,10 +10,13 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <random>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace {
 // Types of AgentX messages.
-constexpr char get = 5, getNext = 6, getBulk = 7, testSet = 8, cleanupSet = 11, ping = 13, response = 18;
+constexpr char get = 5, getNext = 6, getBulk = 7, testSet = 8, cleanupSet = 11, notify = 12, ping = 13, response = 18;
 
 /// A message of that many bytes in all. Its packet number is 0x01020304, the other numbers are 0x11... and 0x22...
 QByteArray message(char type, std::size_t size, bool bigEndian = false)
@@ -46,9 +50,38 @@ public:
     {
         s_arriving.clear();
         s_sent.clear();
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, m_sockets.data()) != 0)
+            qFatal("no connection");
+        m_transport.sock = m_sockets[0];
         m_transport.f_recv = receive;
         m_transport.f_send = send;
-        limitStream(m_transport);
+        limitStream(m_transport, nullptr);
+    }
+    ~Stream()
+    {
+        masterSessionLost();
+        for (const int socket : m_sockets)
+            close(socket);
+    }
+    Stream(const Stream &) = delete;
+    Stream &operator=(const Stream &) = delete;
+
+    /// From here the master gets what it reads from its end of the connection.
+    void connectToMaster()
+    {
+        masterSessionOpened(&m_transport);
+        m_transport.f_recv = receive;
+        limitStream(m_transport, nullptr);
+    }
+    QByteArray readByMaster()
+    {
+        const ssize_t size = recv(m_sockets[1], m_buffer.data(), m_buffer.size(), MSG_DONTWAIT);
+        return QByteArray(m_buffer.data(), static_cast<int>(qMax<ssize_t>(0, size)));
+    }
+    bool isShutDown() const
+    {
+        char byte = 0;
+        return recv(m_sockets[1], &byte, 1, MSG_DONTWAIT) == 0;
     }
 
     /// What the library gets of the bytes, which arrive in parts of that size.
@@ -116,6 +149,7 @@ private:
     inline static QByteArray s_arriving;
     inline static QByteArray s_sent;
     netsnmp_transport m_transport = {};
+    std::array<int, 2> m_sockets = {};
     std::array<char, 65536> m_buffer = {}; // of the library's size
     int m_last = 0;
 };
@@ -129,7 +163,9 @@ private Q_SLOTS:
     void requestsArriveUnlessTheyAreTooLong();
     void theMessagesAroundArrive_data();
     void theMessagesAroundArrive();
-    void aLengthThatTheLibraryCannotCountIsItsOwnAffair();
+    void aLengthThatTheLibraryCannotCountEndsTheConnection();
+    void aMasterThatDoesNotAnswerIsLeft();
+    void whatTheMasterDoesNotReadIsQueued();
     void theEndOfTheStreamIsPassedOn();
     void aNewConnectionBeginsWithAMessage();
     void answersPassUnlessTheyAreTooLong_data();
@@ -187,13 +223,58 @@ void TestStreamLimit::theMessagesAroundArrive()
     QCOMPARE(stream.sent(), refusal() + refusal() + refusal());
 }
 
-void TestStreamLimit::aLengthThatTheLibraryCannotCountIsItsOwnAffair()
+void TestStreamLimit::aLengthThatTheLibraryCannotCountEndsTheConnection()
 {
     QByteArray bytes = message(get, 30);
     bytes.replace(16, 4, "\xff\xff\xff\xff");
     Stream stream;
-    QCOMPARE(stream.received(bytes, bytes.size()), bytes);
+    QCOMPARE(stream.received(message(get, 40) + bytes, 100), message(get, 40));
     QCOMPARE(stream.sent(), QByteArray());
+    QVERIFY(stream.isShutDown());
+}
+
+void TestStreamLimit::aMasterThatDoesNotAnswerIsLeft()
+{
+    Stream stream;
+    for (int answered = 0; answered < 2; ++answered) {
+        for (int asked = 0; asked < mostUnanswered; ++asked) {
+            QCOMPARE(stream.sentOf(message(ping, 20)), message(ping, 20));
+            QCOMPARE(stream.sentOf(message(notify, 60)), message(notify, 60)); // nobody waits for its answer
+            QCOMPARE(stream.sentOf(message(response, 60)), message(response, 60));
+        }
+        if (answered == 0)
+            stream.received(message(response, 28), 28);
+    }
+    QVERIFY(!stream.isShutDown());
+    QCOMPARE(stream.sentOf(message(ping, 20)), QByteArray());
+    QCOMPARE(stream.last(), -1);
+    QVERIFY(stream.isShutDown());
+}
+
+void TestStreamLimit::whatTheMasterDoesNotReadIsQueued()
+{
+    Stream stream;
+    stream.connectToMaster();
+    std::mt19937 random(20261122); // NOLINT(cert-msc51-cpp): the same in each run
+    QByteArray sent;
+    while (queuedOutput() <= mostQueued) {
+        const QByteArray bytes = message(response, 28 + 4 * (random() % 10000));
+        stream.sentOf(bytes);
+        QCOMPARE(stream.last(), bytes.size());
+        sent += bytes;
+    }
+    // Requests are refused as long as the queue is so long. The refusal is queued, too.
+    QCOMPARE(stream.received(message(get, 60) + message(ping, 20), 80), message(ping, 20));
+    sent += refusal();
+    QByteArray read;
+    while (read.size() < sent.size()) {
+        read += stream.readByMaster();
+        flushOutput();
+    }
+    QCOMPARE(read, sent);
+    QCOMPARE(queuedOutput(), std::size_t{0});
+    QVERIFY(!flushOutput());
+    QCOMPARE(stream.received(message(get, 60), 60), message(get, 60));
 }
 
 void TestStreamLimit::theEndOfTheStreamIsPassedOn()
