@@ -1,13 +1,14 @@
-"""The golden walks: what each model serves, as snmpwalk -On -Oe -OU printed it."""
+"""The golden walks: what each model serves, as snmpwalk -On -Oe -OU prints it, made of tests/device/golden.txt."""
 from __future__ import annotations
 
+import fnmatch
 import re
 from pathlib import Path
 from typing import NamedTuple
 
-FOLDER = Path(__file__).resolve().parents[1] / "tests/device/golden"
-NAMES = sorted(file.stem for file in FOLDER.glob("*.walk"))
-LINE = re.compile(r'\.([\d.]+) = (?:(INTEGER|Gauge32): (-?\d+)|(?:STRING: )?"((?:[^"\\]|\\["\\])*)")')
+FILE = Path(__file__).resolve().parents[1] / "tests/device/golden.txt"
+BASE = "1.3.6.1.4.1.52717.3"
+CELL = re.compile(r'"(?:[^"\\]|\\["\\])*"|-?\d+')
 
 
 class Variable(NamedTuple):
@@ -15,14 +16,52 @@ class Variable(NamedTuple):
     type: str  # INTEGER, Gauge32 or STRING
     value: str
 
+    @property
+    def cell(self) -> str:
+        return '"' + re.sub(r'(["\\])', r"\\\1", self.value) + '"' if self.type == "STRING" else self.value
+
+    def __str__(self) -> str:
+        """As snmpwalk prints it."""
+        return f".{self.oid} = " + (f"{self.type}: " if self.cell != '""' else "") + self.cell
+
+
+def read_all(text: str) -> dict[str, list[Variable]]:
+    """Name of the walk to its variables, in order. The text explains its form."""
+    found: dict[str, dict[tuple[int, ...], Variable]] = {}
+    arc, types = "", []
+    for line in text.splitlines():
+        words = line.split()
+        if not words or words[0] == "#":
+            continue
+        if words[0] == "walks":
+            found |= {name: {} for name in words[1:]}
+            continue
+        if words[0] == "==":
+            arc, types = words[2], words[3:]
+            continue
+        patterns, instance, cells = line.split(" | ", 2)
+        values = [match[0] for match in CELL.finditer(cells)]
+        if " ".join(values) != cells or [value[0] == '"' for value in values] != [type_ == "STRING" for type_ in types]:
+            raise ValueError(f"{FILE.name}: cannot read {line!r}")
+        for name in {name for pattern in patterns.split() for name in fnmatch.filter(found, pattern)}:
+            for column, (type_, value) in enumerate(zip(types, values), 1):
+                oid = f"{BASE}.{arc}.{column}.{instance}"
+                key = tuple(map(int, oid.split(".")))
+                if key in found[name]:
+                    raise ValueError(f"{FILE.name}: {oid} twice in {name}")
+                text = re.sub(r"\\(.)", r"\1", value[1:-1]) if type_ == "STRING" else value
+                found[name][key] = Variable(oid, type_, text)
+    return {name: [variables[key] for key in sorted(variables)] for name, variables in found.items()}
+
+
+WALKS = read_all(FILE.read_text()) if FILE.exists() else {}
+NAMES = sorted(WALKS)
+
 
 def read(name: str) -> list[Variable]:
-    variables = []
-    for line in (FOLDER / f"{name}.walk").read_text().splitlines():
-        match = LINE.fullmatch(line)
-        if not match:
-            raise ValueError(f"{name}.walk: cannot read {line!r}")
-        oid, type_, number, text = match.groups()
-        variables.append(Variable(oid, type_, number) if type_
-                         else Variable(oid, "STRING", re.sub(r"\\(.)", r"\1", text)))
-    return variables
+    return WALKS[name]
+
+
+def text_of(name: str) -> str:
+    """What snmpwalk prints."""
+    return "".join(f"{variable}\n" for variable in WALKS[name])

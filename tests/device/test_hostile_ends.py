@@ -11,7 +11,6 @@ from support.device import MODEL_NUMBER, Device
 from support.polling import wait_until
 from support.press import Press
 from support.rawmanager import RawManager
-from support.snmp import parse
 from support.traps import Faults, TrapReceiver
 from support.walks import FAILED_TONE, Walk
 
@@ -22,7 +21,7 @@ PROBE_SECONDS = 600
 MODEL = ber.numbers(MODEL_NUMBER)
 PID_FILE = "/run/kvsnmp.pid"
 WATCHDOG_FILE = "/tmp/kvsnmp.watchdogtest"
-GOLDEN = [(ber.numbers(variable.oid), variable.value) for variable in parse(Walk(6420).file.read_text())]
+GOLDEN = [(ber.numbers(variable.oid), variable.value) for variable in Walk(6420).golden]
 
 
 @pytest.fixture(scope="module")

@@ -1,13 +1,12 @@
-"""The private MIB of every model, whole: read with GETNEXT and GETBULK, equal to its golden file byte for byte, and the
-golden file equal to what the catalogue says for the simulator's data.
+"""The private MIB of every model, whole: read with GETNEXT and GETBULK, equal to its golden walk byte for byte, and the
+golden walk equal to what the catalogue says for the simulator's data.
 
-KVSNMP_WRITE_GOLDEN=1 in the environment writes the golden files anew; all other checks hold then, too.
+KVSNMP_WRITE_GOLDEN=1 in the environment writes the golden walks anew; all other checks hold then, too.
 """
 from __future__ import annotations
 
 import os
 import xml.etree.ElementTree as ElementTree
-from collections.abc import Iterator
 from concurrent.futures import ThreadPoolExecutor
 from typing import NamedTuple
 
@@ -16,7 +15,7 @@ from support import catalogue, steps
 from support.catalogue import COLUMN_OIDS
 from support.device import Device
 from support.snmp import COMMUNITY, NUMERIC, TABLES, parse
-from support.walks import FAILED_TONE, GOLDEN, WALKS, Expected, Walk, wait_for_lines
+from support.walks import FAILED_TONE, WALKS, Expected, Walk, golden, wait_for_lines, write_golden
 
 REPETITIONS = [10, 50]
 AT_A_TIME = 7  # devices that run side by side
@@ -24,7 +23,7 @@ AT_A_TIME = 7  # devices that run side by side
 
 class Answers(NamedTuple):
     getnext: str
-    getbulk: dict[int, str]
+    getbulk: list[str]
     tree: ElementTree.Element  # the data service's, as it was then
     complaints: list[str]
 
@@ -43,8 +42,8 @@ def read(walk: Walk) -> Answers:
         wait_for_lines(device, walk)
         device.shift_clock(steps.CACHE_SECONDS)
         getnext = device.run(["snmpwalk", *NUMERIC, *COMMUNITY, "127.0.0.1", TABLES]).stdout
-        getbulk = {repetitions: device.run(["snmpbulkwalk", *NUMERIC, *COMMUNITY, f"-Cr{repetitions}", "127.0.0.1",
-                                            TABLES]).stdout for repetitions in REPETITIONS}
+        getbulk = [device.run(["snmpbulkwalk", *NUMERIC, *COMMUNITY, f"-Cr{number}", "127.0.0.1", TABLES]).stdout
+                   for number in REPETITIONS]
         tree = ElementTree.fromstring(device.talctl("get", "/state"))
     except Exception as error:
         raise AssertionError(f"device {walk.name}: {error}\n{device.logs()}") from error
@@ -54,45 +53,32 @@ def read(walk: Walk) -> Answers:
 
 
 @pytest.fixture(scope="module")
-def answers() -> Iterator[dict[str, Answers]]:
+def answers() -> dict[str, Answers]:
     with ThreadPoolExecutor(AT_A_TIME) as pool:
-        yield dict(zip([walk.name for walk in WALKS], pool.map(read, WALKS)))
-
-
-each_walk = pytest.mark.parametrize("walk", WALKS, ids=[walk.name for walk in WALKS])
-
-
-@each_walk
-def test_walk_is_the_golden_file(answers, walk):
+        found = dict(zip([walk.name for walk in WALKS], pool.map(read, WALKS)))
     if os.environ.get("KVSNMP_WRITE_GOLDEN"):
-        walk.file.parent.mkdir(exist_ok=True)
-        walk.file.write_text(answers[walk.name].getnext)
-    assert answers[walk.name].getnext == walk.file.read_text()
-    assert answers[walk.name].complaints == []
+        write_golden({name: parse(answers.getnext) for name, answers in found.items()})
+    return found
 
 
-@each_walk
-@pytest.mark.parametrize("repetitions", REPETITIONS)
-def test_getbulk_gives_the_same_in_the_same_order(answers, walk, repetitions):
-    assert answers[walk.name].getbulk[repetitions] == walk.file.read_text()
+@pytest.mark.parametrize("walk", WALKS, ids=[walk.name for walk in WALKS])
+def test_walk_is_the_golden_one_and_that_what_the_catalogue_says(answers, walk):
+    found = answers[walk.name]
+    assert found.getnext == walk.golden_text
+    assert found.getbulk == [walk.golden_text] * len(REPETITIONS), "the same in the same order"
+    assert walk.golden == Expected(walk, found.tree).variables()
+    assert found.complaints == []
 
 
-@each_walk
-def test_golden_file_is_what_the_catalogue_says(answers, walk):
-    expected = Expected(walk, answers[walk.name].tree).variables()
-    assert parse(walk.file.read_text()) == expected
-
-
-def test_there_is_a_golden_file_for_each_walk_and_no_other():
-    assert sorted(file.name for file in GOLDEN.iterdir()) == sorted(walk.file.name for walk in WALKS)
+def test_there_is_a_golden_walk_of_each_device_and_no_other():
+    assert golden.NAMES == sorted(walk.name for walk in WALKS)
 
 
 def test_one_index_means_the_same_among_the_amplifiers():
-    meanings: dict[tuple[str, str], set[str]] = {}
+    meanings: dict[str, set[str]] = {}
     for model in (6420, 6425, 6720, 6764):
-        for variable in parse(Walk(model).file.read_text()):
-            for column in ("tempDescription", "voltageDescription"):
-                if variable.oid.startswith(COLUMN_OIDS[column] + "."):
-                    meanings.setdefault((column, variable.oid), set()).add(variable.text)
+        for variable in Walk(model).golden:
+            if variable.oid.startswith((COLUMN_OIDS["tempDescription"] + ".", COLUMN_OIDS["voltageDescription"] + ".")):
+                meanings.setdefault(variable.oid, set()).add(variable.text)
     assert len(meanings) == 5 + 16
     assert all(len(texts) == 1 for texts in meanings.values()), meanings

@@ -6,6 +6,7 @@ import json
 import os
 import re
 import shutil
+import sys
 from pathlib import Path
 from typing import Any
 
@@ -13,6 +14,10 @@ import yaml
 
 CHECKOUT = Path(__file__).resolve().parents[2]
 FOLDER = CHECKOUT / "monitoring/prometheus"
+sys.path.append(str(FOLDER.parent))
+
+import walks  # noqa: E402, F401  (the path has to be set first)
+
 BEFORE, SINCE = FOLDER / "snmp-before-0.23.yml", FOLDER / "snmp-from-0.23.yml"
 RULES = FOLDER / "kvsnmp.rules.yml"
 DASHBOARD = FOLDER / "kvsnmp-dashboard.json"

@@ -8,11 +8,10 @@ from pathlib import Path
 from typing import NamedTuple
 
 import pytest
-from prometheus_files import FOLDER, RULES, alerts, program, states
+from prometheus_files import FOLDER, RULES, alerts, program, states, walks
 
 DEVICE = {"job": "kvsnmp", "instance": "hall"}
-GOLDEN_WALKS = Path(__file__).parents[1] / "device/golden"
-VOLTAGE_DESCRIPTION = re.compile(r'^\.1\.3\.6\.1\.4\.1\.52717\.3\.4\.2\.1\.2\.\d+ = STRING: "(.*)"$', re.MULTILINE)
+VOLTAGE_DESCRIPTION = f"{walks.BASE}.4.2.1.2."
 FAULT, END, LAST = 10, 60, 70  # minutes at which a fault begins and ends, and the end of a test
 
 
@@ -224,7 +223,8 @@ def test_alert(tmp_path, alert):
 
 def test_nominal_voltages(tmp_path):
     """Each voltage line of every model has one."""
-    texts = sorted({text for walk in GOLDEN_WALKS.glob("*.walk") for text in VOLTAGE_DESCRIPTION.findall(walk.read_text())})
+    texts = sorted({served.value for walk in walks.WALKS.values() for served in walk
+                    if served.oid.startswith(VOLTAGE_DESCRIPTION)})
     assert len(texts) > 10
     input_series = [series("kvsnmp_voltage_value_volts", {"index": str(number), "description": text}, "1x5")
                     for number, text in enumerate(texts)]

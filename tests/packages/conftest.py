@@ -1,6 +1,7 @@
 """One Debian for the whole file: the tests are the stations of its life, in the order in which they stand."""
 from __future__ import annotations
 
+import sys
 from collections.abc import Iterator
 from pathlib import Path
 
@@ -9,6 +10,7 @@ import pytest
 from debianroot import Booted, DebianRoot
 
 CHECKOUT = Path(__file__).resolve().parents[2]
+sys.path.append(str(CHECKOUT / "monitoring"))
 
 
 @pytest.fixture(scope="session")

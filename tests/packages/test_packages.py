@@ -13,6 +13,7 @@ from pathlib import Path
 
 import guide
 import pytest
+import walks  # the path is set by conftest.py
 from debianroot import DEBS, Booted, DebianRoot, wait_until
 
 CHECKOUT = Path(__file__).resolve().parents[2]
@@ -24,7 +25,7 @@ CAPABILITIES = f"{1 << 0 | 1 << 1 | 1 << 5 | 1 << 6 | 1 << 7 | 1 << 10:016x}"
 LOCAL_LINE = "# changed on this device\n"
 IDENTITY = {"xr-modelnumber": "6420\n", "xr-amptype": "VQ9D\n", "xr-model": "Orvane Mervio Amplifier VQ9D\n",
             "xr-pkgver": "4.12.3\n", "xr-kernelver": "5.15.71\n", "xr-oftreever": "6420-2.1\n"}
-GOLDEN_WALK = (CHECKOUT / "tests/device/golden/6420.walk").read_text()
+GOLDEN_WALK = walks.text_of("6420")
 # The one value in which the walk differs from the simulator's data.
 FAILED_TONE = ("/state/lines/line[kid='ln1']/pilot_tone_state", "failed")
 TALSERVICE = """\
@@ -104,7 +105,7 @@ def test_the_paths_of_packages_that_documents_name_are_there(root: DebianRoot, d
 
 def test_each_model_has_its_recording(debs: Path) -> None:
     recordings = {Path(file).stem for file in files_of("kvsnmp-monitoring", debs) if file.endswith(".snmprec")}
-    assert recordings == {walk.stem for walk in (CHECKOUT / "tests/device/golden").glob("*.walk")}
+    assert recordings == set(walks.NAMES)
 
 
 def test_each_program_has_a_manual_page(root: DebianRoot, debs: Path) -> None:

@@ -9,7 +9,8 @@ from .snmp import Variable
 
 sys.path.append(str(CHECKOUT / "monitoring"))
 
-from mib import BASE_MODULES, MIB_FILE, MODULE, Mib, Object, compile_mib  # noqa: E402, F401  (the path has to be set first)
+import walks  # noqa: E402, F401  (the path has to be set first)
+from mib import BASE_MODULES, MIB_FILE, MODULE, Mib, Object, compile_mib  # noqa: E402, F401
 
 MIB_ENVIRONMENT = {"MIBDIRS": f"{MIB_FILE.parent}:{BASE_MODULES}", "MIBS": MODULE}  # for net-snmp's tools
 SERVED_TYPE = {"INTEGER": "INTEGER", "Integer32": "INTEGER", "Gauge32": "Gauge32", "OCTET STRING": "STRING"}

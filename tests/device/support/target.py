@@ -12,7 +12,6 @@ from .ber import GET
 from .catalogue import COLUMN_OIDS, COMPACT, OBJECTS, Table
 from .device import MODEL_NUMBER, Device
 from .rawmanager import RawManager
-from .snmp import parse
 from .walks import Walk, wait_for_lines
 
 MODEL = ber.numbers(MODEL_NUMBER)
@@ -118,6 +117,6 @@ def has_rows(table: Table, oids: Iterable[ber.Oid]) -> bool:
 
 
 def tables_of(model: Walk) -> list[str]:
-    """Those that have rows, as told by its golden file."""
-    oids = [ber.numbers(variable.oid) for variable in parse(model.file.read_text())]
+    """Those that have rows, by its golden walk."""
+    oids = [ber.numbers(variable.oid) for variable in model.golden]
     return [name for name, table in TABLES.items() if has_rows(table, oids)]

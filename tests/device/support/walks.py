@@ -1,18 +1,17 @@
-"""The walks of all models: which there are, their golden files, and what they hold by the catalogue."""
+"""The walks of all models: which there are, their golden record, and what they hold by the catalogue."""
 from __future__ import annotations
 
+import fnmatch
 import xml.etree.ElementTree as ElementTree
 from decimal import Decimal
-from pathlib import Path
 from typing import NamedTuple
 
 from . import catalogue, steps
 from .catalogue import COLUMN_OIDS, COMPACT, EXTENDED, OBJECTS, STATIONS, Table
 from .device import Device
+from .mib import walks as golden
 from .polling import wait_until
-from .snmp import Variable
-
-GOLDEN = Path(__file__).parent.parent / "golden"
+from .snmp import TABLES, Variable
 
 
 class Walk(NamedTuple):
@@ -28,8 +27,12 @@ class Walk(NamedTuple):
         return self.text is not None
 
     @property
-    def file(self) -> Path:
-        return GOLDEN / f"{self.name}.walk"
+    def golden(self) -> list[Variable]:
+        return [Variable(f".{oid}", kind, text) for oid, kind, text in golden.read(self.name)]
+
+    @property
+    def golden_text(self) -> str:
+        return golden.text_of(self.name)
 
 
 WALKS = [Walk(model) for model in catalogue.MODELS] + [Walk(model, text) for model in STATIONS
@@ -37,6 +40,50 @@ WALKS = [Walk(model) for model in catalogue.MODELS] + [Walk(model, text) for mod
 
 # One line input has no pilot tone, so that the walks show what the line states do to lineInStatus (expected_line_in).
 FAILED_TONE = "/state/lines/line[kid='ln1']/pilot_tone_state=failed"
+
+
+GOLDEN_HEAD = """\
+# What each model serves on a device with the simulator's data. Below "== NAME ARC TYPES" a line is one row of a table:
+# the walks that have it, its index, its cells. ARC is below the private MIB's .3, and cell n stands at ARC.n.index;
+# scalars have the index 0. KVSNMP_WRITE_GOLDEN=1 writes this file anew (test_walks.py): read every difference.
+"""
+
+
+def write_golden(served: dict[str, list[Variable]]) -> None:
+    sections: dict[str, dict[str, dict[tuple[Variable, ...], set[str]]]] = {}  # arc, index, cells, walks
+    names: dict[str, str] = {}
+    for walk, variables in served.items():
+        rows: dict[tuple[str, str], list[Variable]] = {}
+        for variable in variables:
+            arc, _, index = variable.oid.removeprefix(f"{TABLES}.").rpartition(".")
+            rows.setdefault((arc.rpartition(".")[0], index), []).append(variable)
+        for (arc, index), cells in rows.items():
+            sections.setdefault(arc, {}).setdefault(index, {}).setdefault(tuple(cells), set()).add(walk)
+    for item in OBJECTS:
+        arc = f"{item.arc}.1" if isinstance(item, Table) else item.arc.rpartition(".")[0]
+        names[arc] = item.name if arc not in names else names[arc]
+    lines = ["walks " + " ".join(served)]
+    for arc in sorted(sections, key=lambda text: [int(part) for part in text.split(".")]):
+        first = next(iter(next(iter(sections[arc].values()))))
+        lines.append(f"\n== {names[arc]} {arc} {' '.join(cell.type for cell in first)}")
+        for index, rows in sections[arc].items():
+            for cells, having in rows.items():
+                texts = " ".join(golden.Variable(*cell).cell for cell in cells)
+                lines.append(f"{patterns(having, list(served))} | {index} | {texts}")
+    text = GOLDEN_HEAD + "\n".join(lines) + "\n"
+    golden.FILE.write_text(text)
+    golden.WALKS.update(golden.read_all(text))
+
+
+def patterns(having: set[str], names: list[str]) -> str:
+    """As few words as name these walks and no other."""
+    words, left = [], set(having)
+    for pattern in ["*", *(f"{model}*" for model in STATIONS), "*-compact", "*-extended", *names]:
+        matched = set(fnmatch.filter(names, pattern))
+        if matched & left and matched <= having:
+            words.append(pattern)
+            left -= matched
+    return " ".join(words)
 
 
 def wait_for_lines(device: Device, walk: Walk) -> None:
