@@ -170,13 +170,15 @@ def setting(device: Device, path: str, value: str):
 
 
 @contextmanager
-def older_conf(device: Device):
-    started = float(os.stat(device.path("/run/snmpd.pid")).st_mtime)
+def newer_conf(device: Device):
+    """Mounted over the file, which the daemon does not notice."""
+    started = device.path("/run/snmpd.pid").stat().st_mtime
     wait_until(lambda: time.time() > started + 8, what="some seconds of life")
-    info = device.path(CONF).stat()
-    os.utime(device.path(CONF), (info.st_atime, started + 4.5))
+    device.path("/etc/newer.conf").write_text(device.read(CONF))
+    os.utime(device.path("/etc/newer.conf"), (started + 4.5, started + 4.5))
+    device.run(["mount", "--bind", "/etc/newer.conf", CONF])
     yield
-    os.utime(device.path(CONF), (info.st_atime, info.st_mtime))
+    device.run(["umount", CONF])
 
 
 @contextmanager
@@ -242,7 +244,7 @@ BROKEN = {
         lambda device: edited(device, CONF, lambda text: text.replace(" public\n", " other\n")), "snmpd-conf-settings",
         {"snmpd-conf-settings": "com2sec"}, because={"snmpd-answer"}),
     "configuration newer than the snmpd that should have read it": Broken(
-        older_conf, "SNMPD-PROCESS", {"snmpd-process": "is older than snmpd.conf"}),
+        newer_conf, "SNMPD-PROCESS", {"snmpd-process": "is older than snmpd.conf"}),
     "ps without the health probe's words": Broken(no_shim, "HEALTH-PROBE", {"health-probe": "does not tell snmpd's memory"}),
     "snmpd at its memory limit": Broken(lambda device: edited(device, "/run/device/snmpd-rss", lambda _: "10240\n"),
                                         "HEALTH-PROBE", {"health-probe": "10240 kB"}),

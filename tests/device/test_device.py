@@ -115,15 +115,19 @@ def test_devices_on_ports_of_the_host_answer_side_by_side_and_print_their_traps(
         assert f"Fan of {other_model}" not in said
 
 
-def test_exec_passes_arguments_input_and_status(typed):
-    device = typed("--no-kvsnmp", "--no-simulator", "--no-traps", "--no-dbus")
+def test_exec_list_and_stop(typed):
+    device = typed("--model", "6764", "--no-kvsnmp", "--no-simulator", "--no-traps", "--no-dbus")
     device.wait_said("end it:")
     inside = ["exec", "--name", device.name, "--"]
     assert script(*inside, "printf", "%s|", "a b", "", "$HOME").stdout == "a b||$HOME|"
     assert script(*inside, "cat", input="over the pipe").stdout == "over the pipe"
     assert script(*inside, "sh", "-c", "exit 7").returncode == 7
-    assert script(*inside, "hostname").stdout == "device\n"
-    assert script(*inside, "cat", "/etc/xr-modelnumber").stdout == "6420\n"
+    assert script(*inside, "sh", "-c", "hostname; cat /etc/xr-modelnumber").stdout == "device\n6764\n"
+    line = next(line for line in script("list").stdout.splitlines() if line.startswith(device.name + "\t"))
+    assert line.split("\t")[1:4] == ["model 6764", "own network", "running"]
+    assert script("stop", "--name", device.name).returncode == 0
+    assert device.process.wait(10) == 0
+    assert not device.folder.exists()
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP], ids=lambda number: number.name)
@@ -151,16 +155,6 @@ def test_killed_device_ends_all_it_started_and_is_swept_later(typed):
         return not device.folder.exists()
 
     wait_until(swept, 5, what="folder swept")  # another start on this machine may be sweeping it just now
-
-
-def test_list_and_stop(typed):
-    device = typed("--model", "6764", "--no-kvsnmp")
-    device.wait_said("end it:")
-    line = next(line for line in script("list").stdout.splitlines() if line.startswith(device.name + "\t"))
-    assert line.split("\t")[1:4] == ["model 6764", "own network", "running"]
-    assert script("stop", "--name", device.name).returncode == 0
-    assert device.process.wait(10) == 0
-    assert not device.folder.exists()
 
 
 def test_health_probe_answer_of_the_device(start_device):
@@ -191,23 +185,18 @@ def test_errors_are_told_in_a_line(arguments, said):
     assert said in done.stderr and "Traceback" not in done.stderr
 
 
-def test_port_in_use_is_told():
+def test_what_the_machine_does_not_give_is_told(tmp_path):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as taken:
         taken.bind(("127.0.0.1", 0))
-        port = taken.getsockname()[1]
-        done = script("--bin", str(bin_dir()), "--port", str(port))
+        done = script("--bin", str(bin_dir()), "--port", str(port := taken.getsockname()[1]))
     assert done.returncode == 1
     assert done.stderr.startswith(f"device: UDP port {port}: Address already in use; choose another")
 
-
-def test_missing_bubblewrap_is_told(tmp_path):
     done = subprocess.run([sys.executable, SCRIPT, "--bin", str(bin_dir())], env={"PATH": str(tmp_path), "HOME": "/"},
                           capture_output=True, text=True, timeout=30, check=False)
     assert done.returncode == 1
     assert "not installed: bwrap," in done.stderr and "scripts/install-deps" in done.stderr
 
-
-def test_forbidden_namespaces_are_told(tmp_path):
     refusing = tmp_path / "bwrap"
     refusing.write_text("#!/bin/sh\necho 'bwrap: No permissions to create new namespace' >&2\nexit 1\n")
     refusing.chmod(0o755)

@@ -1,63 +1,47 @@
-"""From the identity files to the information scalars."""
+"""From the identity files to the information scalars, and files of every wrong kind."""
 from __future__ import annotations
 
+import os
+import random
+import signal
+from pathlib import Path
+
 import pytest
+from support.process import lean_environment, memory_kb, run_measured
 from support.snmp import TABLES
 
 INFO = [f"{TABLES}.1.{number}.0" for number in range(1, 8)]
+TEXT_FILES = {"xr-pkgver": "readPackageVersion", "xr-model": "readModelType", "xr-kernelver": "readKernelVersion",
+              "xr-oftreever": "readDeviceTreeVersion"}
+BARE = ["--no-simulator", "--no-dbus", "--no-traps", "--no-kvsnmp"]
+VERSIONS = ["--etc", "xr-pkgver=7.1.0-rc 2", "--etc", "xr-kernelver=6.1.0-kv", "--etc", "xr-oftreever=dt 3"]
+NO_FILES = [part for name in [*TEXT_FILES, "xr-amptype"] for part in ("--no-etc", name)]
+EMPTY_FILES = [part for name in [*TEXT_FILES, "xr-amptype"] for part in ("--etc", f"{name}=")]
 
-
-def info(device) -> list[str]:
-    """Package, model text, model number, amplifier type, kernel, device tree, disablement."""
-    return [text for _, text in device.snmp.get(*INFO)]
-
-
-def start_all(start_device, *devices):
-    started = [start_device(model, "--no-dbus", "--no-traps", *options, wait=False) for model, *options in devices]
-    for device in started:
-        device.wait_ready().wait_answering()
-    return started
+# Model, options; package, model text, model number, amplifier type, kernel, device tree, disablement; None: not looked at.
+SERVED = [
+    (6420, ["--model-text", "A text of its own", *VERSIONS], ["7.1.0-rc 2", "A text of its own", "6420", "VQ9D", "6.1.0-kv", "dt 3", "2"]),
+    (6720, ["--model-text", "A text that is replaced", "--etc", "xr-amptype=VQ9B"],
+     [None, "Orvane Mervio Amplifier VQ9", "6720", "VQ9B", None, None, "2"]),
+    (6764, ["--etc", "xr-powertype=200"], [None, None, "6764", "VQ9C-P2", None, None, "2"]),
+    (6764, ["--no-etc", "xr-powertype"], [None, None, "6764", "VQ9-P2", None, None, "2"]),
+    (6410, ["--etc", "xr-amptype=VQ9A"], [None, None, "6410", "", None, None, "2"]),
+    (6420, NO_FILES, ["Unknown", "Unknown", "6420", "Unknown", "Unknown", "Unknown", "2"]),
+    (6425, EMPTY_FILES, ["Unknown", "Unknown", "6425", "Unknown", "Unknown", "Unknown", "2"]),
+    (6720, ["--etc", "xr-amptype=VQ9B "], [None, None, "6720", "Unknown", None, None, "2"]),
+    (6420, ["--model-text", "m" * 300, "--etc", f"xr-pkgver={'p' * 300}"], ["p" * 127, "m" * 127, "6420", "VQ9D", None, None, "2"]),
+    (6214, ["--etc", "xr-modelnumber= +6214 "], [None, None, "6214", "", None, None, "2"]),
+]
 
 
 def test_files_of_the_firmware_are_served(start_device):
-    identity = ["--etc", "xr-pkgver=7.1.0-rc 2", "--etc", "xr-kernelver=6.1.0-kv", "--etc", "xr-oftreever=dt 3"]
-    plain, vq9b, power, without_amplifier = start_all(
-        start_device,
-        (6420, "--model-text", "A text of its own", *identity),
-        (6720, "--model-text", "A text that is replaced", "--etc", "xr-amptype=VQ9B", *identity),
-        (6764, "--etc", "xr-powertype=200", *identity),
-        (6410, "--etc", "xr-amptype=VQ9A", *identity))
-    assert info(plain) == ["7.1.0-rc 2", "A text of its own", "6420", "VQ9D", "6.1.0-kv", "dt 3", "2"]
-    assert info(vq9b) == ["7.1.0-rc 2", "Orvane Mervio Amplifier VQ9", "6720", "VQ9B", "6.1.0-kv", "dt 3", "2"]
-    assert info(power)[3] == "VQ9C-P2"
-    assert info(without_amplifier)[3] == ""
-
-
-def test_types_are_text_but_for_model_number_and_disablement(start_device):
-    device, = start_all(start_device, (6425,))
-    kinds = [kind for kind, _ in device.snmp.get(*INFO)]
-    assert kinds == ["STRING", "STRING", "INTEGER", "STRING", "STRING", "STRING", "INTEGER"]
-
-
-def test_missing_and_empty_files_read_unknown(start_device):
-    absent = [part for name in ("xr-pkgver", "xr-model", "xr-kernelver", "xr-oftreever", "xr-amptype")
-              for part in ("--no-etc", name)]
-    empty = [part for name in ("xr-pkgver", "xr-model", "xr-kernelver", "xr-oftreever", "xr-amptype")
-             for part in ("--etc", f"{name}=")]
-    missing_files, empty_files, missing_power, blank_behind = start_all(
-        start_device, (6420, *absent), (6425, *empty), (6764, "--no-etc", "xr-powertype"),
-        (6720, "--etc", "xr-amptype=VQ9B "))
-    assert info(missing_files) == ["Unknown", "Unknown", "6420", "Unknown", "Unknown", "Unknown", "2"]
-    assert "readPackageVersion /etc/xr-pkgver EMPTY !\n" in missing_files.kvsnmp_err()
-    assert info(empty_files) == ["Unknown", "Unknown", "6425", "Unknown", "Unknown", "Unknown", "2"]
-    assert "readFile /etc/xr-amptype  EMPTY!\n" in empty_files.kvsnmp_err()
-    assert info(missing_power)[3] == "VQ9-P2"
-    assert info(blank_behind)[3] == "Unknown"
-
-
-def test_long_texts_are_cut_to_their_fields(start_device):
-    device, = start_all(start_device, (6420, "--model-text", "m" * 300, "--etc", f"xr-pkgver={'p' * 300}"))
-    assert info(device)[:2] == ["p" * 127, "m" * 127]
+    devices = [start_device(model, "--no-dbus", "--no-traps", *options, wait=False) for model, options, _ in SERVED]
+    for device, (_, options, expected) in zip(devices, SERVED):
+        answers = device.wait_ready().wait_answering().snmp.get(*INFO)
+        assert [kind for kind, _ in answers] == ["STRING", "STRING", "INTEGER", "STRING", "STRING", "STRING", "INTEGER"]
+        assert [text if wanted is not None else None for (_, text), wanted in zip(answers, expected)] == expected, options
+    assert "readPackageVersion /etc/xr-pkgver EMPTY !\n" in devices[5].kvsnmp_err()
+    assert "readFile /etc/xr-amptype  EMPTY!\n" in devices[6].kvsnmp_err()
 
 
 @pytest.mark.parametrize("wrapper", [["env", "-u", "LANG"], ["env", "LC_ALL=C.UTF-8"]], ids=["no locale", "UTF-8"])
@@ -69,13 +53,76 @@ def test_texts_in_utf8_are_served_in_latin1(start_device, wrapper):
         device.path(f"/etc/{name}").write_bytes(content)
     device.start_kvsnmp("-d", wrapper=wrapper)
     device.wait_answering()
-    texts = [f"{TABLES}.1.{number}.0" for number in (1, 2, 5, 6)]
-    served = [bytes.fromhex(text) for _, text in device.snmp.get(*texts, access=["-v2c", "-c", "public", "-Ox"])]
-    assert served == ["Straße".encode("latin-1"), b"Orvane Brisel Compact - IP-QRM-B", b"5 ?", b"Stra?e"]
+    served = device.snmp.get(*(INFO[place] for place in (0, 1, 4, 5)), access=["-v2c", "-c", "public", "-Ox"])
+    assert [bytes.fromhex(text) for _, text in served] == [
+        "Straße".encode("latin-1"), b"Orvane Brisel Compact - IP-QRM-B", b"5 ?", b"Stra?e"]
     assert len(device.snmp.walk(f"{TABLES}.10.2.1.1")) == 6
     assert len(device.snmp.walk(f"{TABLES}.9.2.1.1")) == 14  # those of the station's expander, too
 
 
-def test_model_number_may_have_a_sign_and_stand_between_blanks(start_device):
-    device, = start_all(start_device, (6214, "--etc", "xr-modelnumber= +6214 "))
-    assert info(device)[2] == "6214"
+# Files of wrong kinds
+
+NO_DAC = ["setpriv", "--bounding-set", "-dac_override,-dac_read_search"]  # so that root, too, is refused
+BINARY = bytes(byte for byte in random.Random(3).randbytes(1000) if byte not in b"\0\r\n")[:100]
+LITTLE_MEMORY_KB = 160 * 1024  # the sanitizer's own share included
+
+
+def unreadable(file: Path) -> None:
+    file.write_text("6420\n")
+    file.chmod(0)
+
+
+def huge(file: Path) -> None:
+    file.touch()
+    os.truncate(file, 1 << 30)
+
+
+NO_FILE = {"missing": lambda file: None, "folder": Path.mkdir, "link to itself": lambda file: file.symlink_to(file.name),
+           "unreadable": unreadable}
+NO_NUMBER = {"binary": lambda file: file.write_bytes(BINARY), "a number after NUL bytes": lambda file: file.write_bytes(b"\0\x006420\n"),
+             "huge, without a line end": huge, "huge, of digits": lambda file: file.write_bytes(b"6" * (64 << 20))}
+
+
+@pytest.mark.parametrize("kind", [*NO_FILE, *NO_NUMBER])
+def test_file_of_a_wrong_kind(start_device, kind):
+    """As the model number it ends the daemon; another file that cannot be read is unknown."""
+    device = start_device(6420, *BARE)
+    files = [device.path(f"/etc/{name}") for name in ("xr-modelnumber", *TEXT_FILES, "xr-amptype")]
+    for file in files if kind in NO_FILE else files[:1]:
+        file.unlink()
+        (NO_FILE | NO_NUMBER)[kind](file)
+    done = run_measured(device, [*NO_DAC, "kvsnmp", "-d"])
+    assert ("readModelNumber /etc/xr-modelnumber EMPTY !   Cannot continue\n" if kind in NO_FILE
+            else "readModelNumber Invalid numeric modelNumber: ") in done.err
+    assert "KvSnmp Failed to read modelNumber, cannot continue\n" in done.err
+    assert done.status == 255 and len(done.err) < 20000 and done.memory_kb < LITTLE_MEMORY_KB
+    if kind in NO_NUMBER:
+        return
+    files[0].rmdir() if files[0].is_dir() else files[0].unlink(missing_ok=True)
+    files[0].write_text("6420\n")
+    kvsnmp = device.start_kvsnmp("-d", wrapper=NO_DAC)
+    device.kill(device.wait_running(), signal.SIGTERM)
+    assert kvsnmp.wait(10) == 0
+    said = device.kvsnmp_err()
+    assert [name for name, function in TEXT_FILES.items() if f"{function} /etc/{name} EMPTY !\n" not in said] == []
+    assert "readAmpType amplfierTypeString: Unknown len: 7\n" in said
+    assert "readFile /etc/xr-amptype" not in said  # a file that cannot be opened is passed over in silence
+
+
+def test_binary_and_huge_text_files_are_served_as_their_first_127_characters(start_device):
+    device = start_device(6420, "--no-dbus", "--no-traps", "--no-kvsnmp")
+    device.path("/etc/xr-pkgver").write_bytes(BINARY)
+    huge(device.path("/etc/xr-model"))
+    for name in ("xr-kernelver", "xr-amptype"):
+        NO_NUMBER["huge, of digits"](device.path(f"/etc/{name}"))
+    device.start_kvsnmp("-d", env=lean_environment())
+    device.wait_answering()
+    package, model, amplifier, kernel = device.snmp.get(*(INFO[place] for place in (0, 1, 3, 4)),
+                                                        access=["-v2c", "-c", "public", "-Ox"])
+    assert package[0] == "Hex-STRING" and b"?" in bytes.fromhex(package[1])
+    assert bytes.fromhex(package[1]).replace(b"?", b"") == BINARY.decode(errors="ignore").replace("?", "").encode("latin-1")
+    assert model == ("STRING", "")  # a C string ends at its first NUL
+    assert bytes.fromhex(amplifier[1]) == b"Unknown"
+    assert bytes.fromhex(kernel[1]) == b"6" * 127
+    assert memory_kb(device, device.kvsnmp_pid()) < LITTLE_MEMORY_KB
+    assert len(device.kvsnmp_err()) < 100000

@@ -1,168 +1,255 @@
-"""From the settings of the data service to snmpd.conf, byte for byte, and to the restarted snmpd."""
+"""From the settings of the data service to snmpd.conf, byte for byte, and to the restarted snmpd; what becomes of them on
+a disk that does not take them, and in a folder that was replaced."""
 from __future__ import annotations
 
 import stat
 import time
+from pathlib import Path
 
 import pytest
 from support.dataservice import SETTINGS, DataService
+from support.device import Device
+from support.disk import SmallDisk
 from support.inotify import FolderEvents
+from support.outages import let_the_probe_come
 from support.polling import stays, wait_until
 from support.settingsfile import DISABLED, HEAD, NAMES, READ, SnmpSettings
 
-CONF = "/etc/snmp/snmpd.conf"
+BARE = ["--no-simulator", "--no-dbus", "--no-traps"]
+FOLDER, CONF = "/etc/snmp", "/etc/snmp/snmpd.conf"
+CONTACT = ".1.3.6.1.2.1.1.4.0"
+EXTEND_TABLE = ".1.3.6.1.4.1.8072.1.3.2"
+WHOLE = HEAD + NAMES + READ
+LONG = "c" * 6000  # a file with it needs two pages
+FULL = "err: snmpd.conf could not be written: No space left on device"
+FULL_IN_PLACE = "err: snmpd.conf could not be written in place and is empty now: No space left on device"
+IN_PLACE = "warning: snmpd.conf is written in place, it cannot be deleted: "
+CANCELLED = "SnmpdConfHandler onRestartSnmpdTimeout Cancel restart snmp, no config file\n"
+GENERATING = "Generating new snmpd.conf based on TAL values\n"
+SETTLED = "info: Tal System Config settled"
+
+
+def with_contact(contact: str) -> str:
+    return WHOLE.replace("sysContact ops", f"sysContact {contact}")
+
+
+class Configured:
+    """A device that gets its settings from the test."""
+
+    def __init__(self, device: Device) -> None:
+        self.device = device
+        self.service = DataService(device.path("/run/tal.sock"))
+        self.sent = SnmpSettings()
+
+    def send(self) -> None:
+        wait_until(lambda: self.service.has("custom_config"), 10, what="settings subscribed")
+        self.sent.send_all(self.service)
+
+    def start(self) -> None:
+        self.device.start_kvsnmp("-d", clock_shift=True)
+        self.send()
+
+    def change(self, settings: SnmpSettings) -> None:
+        settings.send_changes(self.service, self.sent)
+        self.sent = settings
+
+    def wait_contact(self, contact: str, other_than: list[int]) -> int:
+        snmpd = self.device.wait_snmpd(other_than=other_than)
+        wait_until(lambda: self.device.snmp.try_get(CONTACT) == ("STRING", contact), 10, what=f"{contact} answered")
+        return snmpd
+
+    def assert_change_is_served(self, contact: str) -> None:
+        running = self.device.pids("snmpd")
+        self.change(SnmpSettings(sys_contact=contact))
+        wait_until(lambda: self.conf() == with_contact(contact), 5, what="whole file")
+        self.wait_contact(contact, running)
+
+    def conf(self, path: str = CONF) -> str | None:
+        """As the device sees it, whatever is mounted there."""
+        file = Path(f"/proc/{self.device.first_process}/root{path}")
+        return file.read_text() if file.exists() else None
+
+    def count(self, text: str) -> int:
+        return sum(line.startswith(text) for line in self.device.syslog_texts())
+
+
+@pytest.fixture
+def configured(start_device):
+    made = Configured(start_device(6420, *BARE, "--no-kvsnmp", "--clock-shift"))
+    yield made
+    made.service.close()
+
 
 # Each case sends what differs from the one before it, so their order is part of the test.
 CASES = {
-    "read": (SnmpSettings(), HEAD + NAMES + READ),
-    "disabled": (SnmpSettings(access="Disabled"), HEAD + NAMES + DISABLED),
-    "other port, disabled": (SnmpSettings(access="Disabled", snmp_port="1611"),
-                             HEAD + NAMES + DISABLED.replace(":161", ":1611")),
+    "read": (SnmpSettings(), WHOLE),
+    "other port, disabled": (SnmpSettings(access="Disabled", snmp_port="1611"), HEAD + NAMES + DISABLED.replace(":161", ":1611")),
     "unknown access": (SnmpSettings(access="Write"), ""),
-    "empty access": (SnmpSettings(access="", sys_name="amp-2"), ""),
     "version 1 off": (SnmpSettings(version_1="false"), HEAD + NAMES + READ.replace("group MyROGroup v1 ", "#group MyROGroup v1 ")),
-    "version 2c off": (SnmpSettings(version_2c="TRUE"), HEAD + NAMES + READ.replace("group MyROGroup v2c", "#group MyROGroup v2c")),
     "only a contact": (SnmpSettings(sys_name="", sys_location=" "), HEAD + "sysContact ops\n" + READ),
-    "no names": (SnmpSettings(sys_name="", sys_location="", sys_contact=""), HEAD + READ),
     "receivers": (SnmpSettings(trap_address="127.0.0.1:1162", inform_address="127.0.0.1:1163"),
                   HEAD + NAMES + "informsink 127.0.0.1:1163\ntrap2sink 127.0.0.1:1162\n" + READ),
     "other manager": (SnmpSettings(nms_ip="192.0.2.0/24", nms_ipv6="2001:db8::/32", community="  secret word "),
                       HEAD + NAMES + READ.replace("127.0.0.1 public", "192.0.2.0/24   secret word ")
                       .replace("::1 public", "2001:db8::/32   secret word ")),
-    "no source": (SnmpSettings(nms_ip=""), HEAD + NAMES + READ.replace("127.0.0.1 public", " public")),
     "text beyond ASCII": (SnmpSettings(sys_location="Gebäude 3, Ü-Raum"),
                           HEAD + NAMES.replace("rack 7", "Gebäude 3, Ü-Raum") + READ),
-    "read again": (SnmpSettings(), HEAD + NAMES + READ),
+    "read again": (SnmpSettings(), WHOLE),
 }
 
 
-@pytest.fixture(scope="module")
-def scripted(start_shared_device):
-    """A device whose data service is the test, with the settings of the first case sent."""
-    device = start_shared_device(6420, "--no-simulator", "--no-dbus", "--no-traps")
-    service = DataService(device.path("/run/tal.sock"))
-    wait_until(lambda: service.has("custom_config"), 10, what="settings subscribed")
+def test_snmpd_conf_is_written_byte_for_byte_once_for_each_change(start_device):
+    made = Configured(device := start_device(6420, *BARE))
+    wait_until(lambda: made.service.has("custom_config"), 10, what="settings subscribed")
     assert not device.path(CONF).exists(), "nothing is written before the settings are known"
-    SnmpSettings().send_all(service)
-    yield device, service
-    service.close()
-
-
-def test_snmpd_conf_is_written_byte_for_byte_for_each_kind_of_settings(scripted):
-    device, service = scripted
-    before, written = SnmpSettings(), -1
+    for ref, (step, node) in SnmpSettings(sys_contact="earlier").nodes().items():
+        if ref != "custom_config":
+            made.service.notify(ref, "create", f"{SETTINGS}/{step}", node)
+    wait_until(lambda: SETTLED in device.syslog_texts(), 5, what="settings timer")
+    stays(lambda: not device.path(CONF).exists() and not device.pids("snmpd"), 1, what="nothing before the last of them")
+    made.send()
     for name, (settings, expected) in CASES.items():
-        settings.send_changes(service, before)
-        before = settings
-        try:
-            wait_until(lambda: expected == device.read(CONF) and device.path(CONF).stat().st_mtime_ns != written, 5)
-        except AssertionError:
-            assert device.read(CONF) == expected, name
-            raise
-        written = device.path(CONF).stat().st_mtime_ns
+        made.change(settings)
+        wait_until(lambda: made.conf() == expected, 5, what=name)
         assert stat.S_IMODE(device.path(CONF).stat().st_mode) == 0o600, name
 
-
-def test_a_change_that_is_not_compared_is_not_acted_on_but_goes_with_the_next_one(scripted):
-    """The IPv6 manager and version 3 alone are kept, not written: intended."""
-    device, service = scripted
-    wait_until(lambda: device.read(CONF) == HEAD + NAMES + READ, 5, what="state of the last case")
-    written = device.path(CONF).stat().st_mtime_ns
-    ipv6_only = SnmpSettings(nms_ipv6="2001:db8::7", version_3="true")
-    ipv6_only.send_changes(service, SnmpSettings())
-    stays(lambda: device.path(CONF).stat().st_mtime_ns == written, 1.0, what="file left alone")
-    # The IPv6 manager was not even stored: it comes with the next access notification that is acted on.
-    SnmpSettings(nms_ipv6="2001:db8::7", community="other").send_changes(service, ipv6_only)
-    expected = HEAD + NAMES + READ.replace("::1 public", "2001:db8::7 other").replace("public", "other")
-    wait_until(lambda: device.read(CONF) == expected, 5, what="community and IPv6 manager written")
-
-
-def test_one_file_for_a_burst_of_changes(scripted):
-    device, service = scripted
-    count = device.kvsnmp_err().count("Generating new snmpd.conf based on TAL values\n")
-    path = f"{SETTINGS}/mib_2_settings"
+    count = device.kvsnmp_err().count(GENERATING)
     for number in range(100):
-        service.notify("mib2_settings", "replace", path,
-                       f"<mib_2_settings><sys_location>rack {number}</sys_location></mib_2_settings>")
-    wait_until(lambda: "sysLocation rack 99\n" in device.read(CONF), 5, what="last location written")
-    assert device.kvsnmp_err().count("Generating new snmpd.conf based on TAL values\n") == count + 1
+        made.service.notify("mib2_settings", "replace", f"{SETTINGS}/mib_2_settings",
+                            f"<mib_2_settings><sys_location>rack {number}</sys_location></mib_2_settings>")
+    wait_until(lambda: "sysLocation rack 99\n" in made.conf(), 5, what="last location written")
+    assert device.kvsnmp_err().count(GENERATING) == count + 1, "one file for a burst of changes"
+    made.service.close()
 
 
-@pytest.mark.parametrize("sent, kept", [
-    ("ops&#10;extend evil /bin/sh", "ops"),
-    ("ops 2&#13;extend evil /bin/sh", "ops 2"),
-    ("ops 3&#13;&#10;rwcommunity evil", "ops 3"),
-], ids=["line feed", "carriage return", "both"])
-def test_a_setting_cannot_forge_a_line_of_the_file(scripted, sent, kept):
-    device, service = scripted
-    service.notify("mib2_settings", "replace", f"{SETTINGS}/mib_2_settings",
-                   f"<mib_2_settings><sys_contact>{sent}</sys_contact></mib_2_settings>")
-    wait_until(lambda: f"sysContact {kept}\n" in device.read(CONF), 5, what="contact cut and written")
-    assert "evil" not in device.read(CONF)
+ATTACK = "extend evil /usr/bin/touch /tmp/witness"
+
+
+def test_line_feed_in_the_contact_runs_no_command(configured):
+    """The line that it would add runs one indeed when it stands in a file made by hand."""
+    device = configured.device
+    configured.sent = SnmpSettings(sys_contact=f"ops 7\n{ATTACK}")
+    configured.start()
+    wait_until(lambda: device.snmp.try_get(CONTACT) == ("STRING", "ops 7"), 20, what="snmpd with what is left of it")
+    assert [variable.text for variable in device.snmp.walk(EXTEND_TABLE)] in ([], ["0"])
+    assert not device.path("/tmp/witness").exists()
+    assert configured.count("warning: Setting sysContact cut at its first line end or NUL") == 1
+
+    device.path(CONF).write_text(f"{device.read(CONF)}{ATTACK}\n")
+    device.stir_snmpd_folder()
+    wait_until(lambda: device.snmp.tool("snmpwalk", [EXTEND_TABLE], check=False).stdout.count("\n") > 1
+               and device.path("/tmp/witness").exists(), 20, 0.2, what="command run")
 
 
 def test_restart_sequence_and_its_times(start_device):
-    """300 ms of quiet, the file, 500 ms, the old snmpd ended, 500 ms, the new snmpd."""
+    """300 ms of quiet, the file, 500 ms, the old snmpd ended, 500 ms, the new snmpd. By kvagent.conf the sub-agent then
+    looks for it every second: 0.5 to 1.1 s are usual; without that file it looks more than 14 s later."""
     device = start_device(6420, "--no-traps").wait_answering()
     old = device.wait_snmpd()
-    events = FolderEvents(device.path("/etc/snmp"), device.path("/run"))
+    events = FolderEvents(device.path(FOLDER), device.path("/run"))
     syslog_before = len(device.syslog())
-    restarts = device.kvsnmp_err().count("SnmpdConfHandler onRestartSnmpdTimeout Restarting snmpd\n")
-    asked = time.monotonic()
-    device.talctl("set", f"{SETTINGS}/mib_2_settings/sys_contact", "somebody else")
-    device.wait_snmpd(other_than=[old])
-    events.close()
-
-    written = events.first("create", "snmpd.conf", asked)
-    ended = events.first("delete", "snmpd.pid", asked)
-    started = events.first("create", "snmpd.pid", asked)
-    assert written and ended and started, events.events
-    assert asked < written.at < ended.at < started.at
-    # Lower bounds are the daemon's own timers, upper ones leave room for a busy machine.
-    assert 0.28 <= written.at - asked < 2.0
-    assert 0.48 <= ended.at - written.at < 2.5
-    assert 0.40 <= started.at - ended.at < 2.5  # snmpd needs a little of the 500 ms to end
-
-    said = [text for _, text in device.syslog()[syslog_before:] if "kv-snmp[" in text]
-    assert [text.partition("]: ")[2] for text in said] == ["Tal System Config settled",
-                                                          "Starting snmpd (snmpd.conf from TAL)"]
-    assert device.kvsnmp_err().count("SnmpdConfHandler onRestartSnmpdTimeout Restarting snmpd\n") == restarts + 1
-    device.wait_answering()
-    assert device.snmp.get(".1.3.6.1.2.1.1.4.0") == [("STRING", "somebody else")]
-
-
-def test_private_mib_is_back_soon_after_the_start_of_the_new_snmpd(start_device):
-    """By kvagent.conf the sub-agent looks for snmpd every second: 0.5 to 1.1 s are usual. Without that file it looks
-    15 s after it has lost the old one, which is more than 14 s after the start: 4 s leave room for a busy machine."""
-    device = start_device(6420, "--no-traps").wait_answering()
-    old = device.wait_snmpd()
-    events = FolderEvents(device.path("/run"))
     asked = time.monotonic()
     device.talctl("set", f"{SETTINGS}/mib_2_settings/sys_contact", "somebody else")
     device.wait_snmpd(other_than=[old])
     device.wait_answering()
     answered = time.monotonic()
     events.close()
-    started = events.first("create", "snmpd.pid", asked)
-    assert started, events.events
+    written, ended, started = (events.first(what, name, asked) for what, name in [
+        ("create", "snmpd.conf"), ("delete", "snmpd.pid"), ("create", "snmpd.pid")])
+    assert written and ended and started, events.events
+    assert asked < written.at < ended.at < started.at
+    # Lower bounds are the daemon's own timers, upper ones leave room for a busy machine.
+    assert 0.28 <= written.at - asked < 2.0
+    assert 0.48 <= ended.at - written.at < 2.5
+    assert 0.40 <= started.at - ended.at < 2.5  # snmpd needs a little of the 500 ms to end
     print(f"private MIB back {answered - started.at:.2f} s after the start of snmpd")
     assert answered - started.at < 4.0
+    said = [text for _, text in device.syslog()[syslog_before:] if "kv-snmp[" in text]
+    assert [text.partition("]: ")[2] for text in said] == ["Tal System Config settled", "Starting snmpd (snmpd.conf from TAL)"]
+    assert device.snmp.get(CONTACT) == [("STRING", "somebody else")]
 
 
-def test_nothing_starts_before_the_data_service_has_said_whether_the_file_is_custom(start_device):
-    device = start_device(6420, "--no-simulator", "--no-dbus", "--no-traps")
-    service = DataService(device.path("/run/tal.sock"))
-    wait_until(lambda: service.has("custom_config"), 10, what="settings subscribed")
-    for ref, (step, node) in SnmpSettings().nodes().items():
-        if ref != "custom_config":
-            service.notify(ref, "create", f"{SETTINGS}/{step}", node)
-    wait_until(lambda: "info: Tal System Config settled" in device.syslog_texts(), 5, what="settings timer")
-    stays(lambda: not device.path(CONF).exists() and not device.pids("snmpd"), 1.5, what="nothing written or started")
-    step, node = SnmpSettings().nodes()["custom_config"]
-    service.notify("custom_config", "create", f"{SETTINGS}/{step}", node)
-    # The flag says what was assumed from the start, so it sets no timer: the next change of a setting writes.
-    changed = SnmpSettings(sys_contact="ops 2")
-    changed.send_changes(service, SnmpSettings())
-    wait_until(lambda: "sysContact ops 2\n" in device.read(CONF), 5, what="file written")
-    device.wait_snmpd()
-    service.close()
+# Disks
+
+
+def test_disk_full_from_the_start_leaves_no_settings_file(configured):
+    """Then snmpd is not started either, until a change of the settings can be written."""
+    disk = SmallDisk(configured.device, FOLDER)
+    disk.fill()
+    configured.start()
+    wait_until(lambda: configured.count(FULL) == 1, 5, what="error in the system log")
+    wait_until(lambda: CANCELLED in configured.device.kvsnmp_err(), 5, what="start of snmpd cancelled")
+    assert configured.conf() is None and not configured.device.pids("snmpd")
+    disk.free()
+    configured.assert_change_is_served("after")
+
+
+@pytest.mark.parametrize("mounted", [False, True], ids=["deleted", "in place, emptied"])
+def test_half_written_settings_file_is_not_kept(configured, mounted):
+    """The disk takes one page of two. snmpd goes on with what it has read before. A file that is a mount cannot be
+    deleted: it is written in place."""
+    device = configured.device
+    if mounted:
+        device.path("/etc/kept").mkdir()
+        disk = SmallDisk(device, "/etc/kept")
+        (disk.folder / "snmpd.conf").write_text("# older and longer\n" * 200)
+        device.path(CONF).write_text("# below the mount\n")
+        device.run(["mount", "--bind", "/etc/kept/snmpd.conf", CONF])
+    else:
+        disk = SmallDisk(device, FOLDER)
+    configured.start()
+    snmpd = configured.wait_contact("ops", [])
+    assert configured.conf() == WHOLE
+    assert configured.count(IN_PLACE + "Device or resource busy") == mounted
+    disk.fill()
+    configured.change(SnmpSettings(sys_contact=LONG))
+    wait_until(lambda: configured.count(FULL_IN_PLACE if mounted else FULL) == 1, 5, what="error in the system log")
+    assert configured.conf() == ("" if mounted else None)
+    stays(lambda: device.pids("snmpd") == [snmpd], 1.5, what="the same snmpd")
+    assert (CANCELLED in device.kvsnmp_err()) != mounted
+    disk.free()
+    configured.assert_change_is_served("after")
+    assert not mounted or device.read(CONF) == "# below the mount\n"
+
+
+def test_read_only_disk_keeps_the_settings_file_and_snmpd_as_they_are(configured):
+    device, disk = configured.device, SmallDisk(configured.device, FOLDER)
+    configured.start()
+    snmpd = configured.wait_contact("ops", [])
+    disk.protect()
+    settled = configured.count(SETTLED)
+    configured.change(SnmpSettings(sys_contact="cannot be written"))
+    wait_until(lambda: configured.count(SETTLED) > settled, 5, what="settings taken")
+    stays(lambda: configured.conf() == WHOLE and device.pids("snmpd") == [snmpd], 1.5, what="all as before")
+    assert device.kvsnmp_err().count(GENERATING) == 1  # silence about the second
+    disk.protect(False)
+    configured.assert_change_is_served("after")
+
+
+# Another folder
+
+
+def test_folder_that_was_moved_away_and_copied_back_is_watched(configured):
+    """As an operator does it: a copy to work on, the old one kept."""
+    configured.start()
+    device, snmpd = configured.device, configured.wait_contact("ops", [])
+    device.run(["sh", "-e", "-c", f"mv {FOLDER} {FOLDER}.old; cp -a {FOLDER}.old {FOLDER}"])
+    snmpd = device.wait_snmpd(other_than=[snmpd])
+    device.run(["sed", "-i", "s/^sysContact .*/sysContact by hand/", CONF])
+    snmpd = configured.wait_contact("by hand", [snmpd])
+    device.path(f"{FOLDER}.old/another").write_text("")
+    device.path("/etc/another").write_text("")
+    stays(lambda: device.pids("snmpd") == [snmpd], 1.5, what="neither the old folder nor what stands beside is watched")
+    configured.assert_change_is_served("by settings")
+
+
+def test_folder_that_was_mounted_over_is_found_by_the_probe(configured):
+    """A mount is no event; the probe comes every ten minutes."""
+    configured.start()
+    snmpd = configured.wait_contact("ops", [])
+    disk = SmallDisk(configured.device, FOLDER)
+    (disk.folder / "snmpd.conf").write_text(with_contact("mounted"))
+    stays(lambda: configured.device.pids("snmpd") == [snmpd], 1.0, what="not noticed")
+    let_the_probe_come(configured.device)
+    configured.wait_contact("mounted", [snmpd])
+    configured.assert_change_is_served("by settings")

@@ -1,14 +1,16 @@
-"""Start and end: foreground and daemon mode, pid file, exit statuses, signals, standard output, watchdog file."""
+"""Start and end: foreground and daemon mode, pid file, exit statuses, signals, standard streams."""
 from __future__ import annotations
 
 import os
 import signal
 import socket
 import time
+from contextlib import contextmanager
 
 import pytest
 from devicelib import settings
 from support.device import MODEL_NUMBER, Device
+from support.disk import SmallDisk
 from support.polling import wait_until
 
 USAGE = ("\nUsage: kvsnmp options\n"
@@ -18,6 +20,7 @@ USAGE = ("\nUsage: kvsnmp options\n"
          "  -d  --daemon       Dont run as an daemon\n"
          "\n")
 ALREADY_RUNNING = "kvsnmp: Already running.\n: Success\n"  # the process could be signalled
+STARTING = "info: Starting snmpd (snmpd.conf from TAL)"
 PID_FILE = "/var/run/kvsnmp.pid"
 WATCHDOG_FILE = "/tmp/kvsnmp.watchdogtest"
 
@@ -126,21 +129,9 @@ def test_pid_file_of_a_live_process_blocks_a_daemon(clean_device):
     assert clean_device.read(PID_FILE) == "1\n"
 
 
-@pytest.mark.parametrize("option", ["-h", "-x", "-t"])
-def test_option_that_ends_it_leaves_the_pid_file_alone(clean_device, option):
-    clean_device.path(PID_FILE).write_text("1\n")
-    clean_device.run_kvsnmp(option)
-    assert clean_device.read(PID_FILE) == "1\n"
-
-
 def test_daemon_with_a_bad_model_number_ends_before_its_pid_file_is_removed(clean_device):
-    file = clean_device.path("/etc/xr-modelnumber")
-    kept = file.read_text()
-    try:
-        file.write_text("9999\n")
+    with model_number(clean_device, "9999\n"):
         assert exit_statuses(clean_device) == [0, 255]
-    finally:
-        file.write_text(kept)
     assert clean_device.read(PID_FILE).strip().isdigit()
 
 
@@ -151,25 +142,30 @@ def test_daemon_ends_when_its_pid_file_cannot_be_written(clean_device):
 
 # Exit statuses
 
+ABORTED = {-signal.SIGABRT, 128 + signal.SIGABRT}
 
-@pytest.mark.parametrize("option", ["-h", "--help"])
-def test_help_goes_to_standard_output(clean_device, option):
+
+@pytest.mark.parametrize("option, statuses, usage", [
+    ("-h", {0}, "stdout"), ("--help", {0}, "stdout"), ("-x", {1}, "stderr"), ("--daemon=1", {1}, "stderr"),
+    ("-t", ABORTED, ""), ("-v", ABORTED, ""), ("--NULL", ABORTED, "")])  # without a handler
+def test_option_that_ends_it(clean_device, option, statuses, usage):
+    clean_device.path(PID_FILE).write_text("1\n")
     done = clean_device.run_kvsnmp(option)
-    assert (done.returncode, done.stdout, done.stderr) == (0, "kvsnmp main()\n" + USAGE, "")
+    assert done.returncode in statuses
+    assert done.stdout == "kvsnmp main()\n" + (USAGE if usage == "stdout" else "")
+    assert done.stderr.endswith(USAGE) if usage == "stderr" else USAGE not in done.stderr
+    assert usage != "stdout" or done.stderr == ""
+    assert clean_device.read(PID_FILE) == "1\n"
 
 
-@pytest.mark.parametrize("option", ["-x", "--unknown", "--daemon=1"])
-def test_unknown_option_prints_usage_on_standard_error(clean_device, option):
-    done = clean_device.run_kvsnmp(option)
-    assert (done.returncode, done.stdout) == (1, "kvsnmp main()\n")
-    assert done.stderr.endswith(USAGE)
-
-
-@pytest.mark.parametrize("option", ["-t", "-v", "--testmode", "--NULL"])
-def test_option_without_a_handler_aborts(clean_device, option):
-    done = clean_device.run_kvsnmp(option)
-    assert done.returncode in (-signal.SIGABRT, 128 + signal.SIGABRT)
-    assert done.stdout == "kvsnmp main()\n"
+@contextmanager
+def model_number(device: Device, text: str | None):
+    """None: there is no file."""
+    file = device.path("/etc/xr-modelnumber")
+    kept = file.read_text()
+    file.unlink() if text is None else file.write_text(text)
+    yield
+    file.write_text(kept)
 
 
 @pytest.mark.parametrize("text, said", [
@@ -182,28 +178,18 @@ def test_option_without_a_handler_aborts(clean_device, option):
     ("+6214" + 5000 * " " + "x\n", "readModelNumber Invalid numeric modelNumber: +6214  "),
 ], ids=["missing", "empty", "not a number", "two numbers", "unknown", "negative", "a letter far behind"])
 def test_bad_model_number_ends_with_255(clean_device, text, said):
-    file = clean_device.path("/etc/xr-modelnumber")
-    kept = file.read_text()
-    try:
-        if text is None:
-            file.unlink()
-        else:
-            file.write_text(text)
+    with model_number(clean_device, text):
         done = clean_device.run_kvsnmp("-d")
-    finally:
-        file.write_text(kept)
     assert done.returncode == 255
     assert said in done.stderr
     assert "Cannot continue\nKvSnmp" in done.stderr
     assert "KvSnmp Failed to read modelNumber, cannot continue\n" in done.stderr
 
 
-@pytest.mark.parametrize("option", ["-z", "--taldebug"])
-def test_taldebug_prints_what_the_data_service_library_does(start_device, option):
-    device = start_device(6410, f"--kvsnmp-arg={option}").wait_subscribed()
-    assert "<request><ref>mib2_settings</ref>" in device.kvsnmp_err()
-    quiet = start_device(6410).wait_subscribed()
-    assert "<request>" not in quiet.kvsnmp_err()
+@pytest.mark.parametrize("options", [["--kvsnmp-arg=-z"], ["--kvsnmp-arg=--taldebug"], []], ids=["-z", "--taldebug", "neither"])
+def test_taldebug_prints_what_the_data_service_library_does(start_device, options):
+    device = start_device(6410, *options).wait_subscribed()
+    assert ("<request><ref>mib2_settings</ref>" in device.kvsnmp_err()) == bool(options)
 
 
 # Signals
@@ -280,64 +266,101 @@ def test_service_manager_receives_ready_then_the_pulse_then_the_end(start_device
 
 def test_service_manager_receives_nothing_of_a_daemon_that_cannot_start(clean_device):
     manager = ServiceManager(clean_device)
-    model = clean_device.path("/etc/xr-modelnumber")
-    kept = model.read_text()
-    model.write_text("9999\n")
-    try:
-        kvsnmp = clean_device.start_kvsnmp("-d", env={"NOTIFY_SOCKET": "/run/notify"})
-        assert kvsnmp.wait(10) == 255
-    finally:
-        model.write_text(kept)
+    with model_number(clean_device, "9999\n"):
+        assert clean_device.start_kvsnmp("-d", env={"NOTIFY_SOCKET": "/run/notify"}).wait(10) == 255
     manager.socket.setblocking(False)
     with pytest.raises(BlockingIOError):
         manager.message()
 
 
-# Standard output
+# Standard streams
 
 
-def test_closed_standard_output_does_not_end_it(start_device):
-    device = start_device(6420, "--no-kvsnmp")
-    device.popen(["sh", "-c", "exec kvsnmp -d >&- 2>&-"])
-    device.wait_answering()
-    assert len(device.snmp.walk()) > 50
+@pytest.fixture
+def silent_device(start_device):
+    return start_device(6420, "--no-dbus", "--no-traps", "--no-kvsnmp")
 
 
-def test_reader_of_standard_output_that_went_away_does_not_end_it(start_device):
-    device = start_device(6420, "--no-kvsnmp")
+@pytest.mark.parametrize("command", ["exec kvsnmp -d >&- 2>&-", "exec kvsnmp -d > /dev/full 2>&1",
+                                     "kvsnmp -d 2>&1 | head -n 1 > /tmp/first", "exec kvsnmp <&- >&- 2>&-", "exec kvsnmp <&- 2>&-"],
+                         ids=["closed", "full disk", "reader that leaves", "daemon, all closed", "daemon, two closed"])
+def test_streams_that_take_nothing_do_not_end_it(silent_device, command):
+    shell = silent_device.popen(["sh", "-c", command])
+    silent_device.wait_answering()
+    assert len(silent_device.snmp.walk()) > 50
+    if "head" in command:
+        assert silent_device.read("/tmp/first") == "kvsnmp main()\n"
+    if "-d" not in command:
+        assert shell.wait(10) == 0
+        links = [f"/proc/{silent_device.kvsnmp_pid()}/fd/{number}" for number in range(3)]
+        assert silent_device.run(["readlink", *links]).stdout.split() == ["/dev/null"] * 3
+
+
+@pytest.mark.parametrize("full", [False, True], ids=["unread", "full before the start"])
+def test_unread_standard_output_does_not_block_it(silent_device, full):
     read, write = os.pipe()
-    device.popen(["kvsnmp", "-d"], stdout=write, stderr=write)
+    if full:
+        os.set_blocking(write, False)
+        with pytest.raises(BlockingIOError):
+            while True:
+                os.write(write, b"x" * 4096)
+        os.set_blocking(write, True)
+    silent_device.popen(["kvsnmp", "-d"], stdout=write, stderr=write)
     os.close(write)
-    assert os.read(read, 4096).startswith(b"kvsnmp main()\n")  # at once: lines are flushed
-    os.close(read)
-    device.wait_answering()
-    assert len(device.snmp.walk()) > 50
-
-
-def test_unread_standard_output_does_not_block_it(start_device):
-    device = start_device(6420, "--no-kvsnmp")
-    read, write = os.pipe()
-    device.popen(["kvsnmp", "-d"], stdout=write, stderr=write)
-    os.close(write)
-    device.wait_answering()
-    cells = device.snmp.walk()
+    silent_device.wait_answering()
+    assert full or os.read(read, 14) == b"kvsnmp main()\n"  # at once: lines are flushed
+    cells = silent_device.snmp.walk()
     printed = 0
     while printed < 4 * 65536:  # a pipe takes 65536 bytes, and each step of a walk prints a line
-        assert device.snmp.walk() == cells
+        assert silent_device.snmp.walk() == cells
         printed += len(cells) * len("voltageTable_get_next_data_point()\n")
     os.close(read)
 
 
-# Watchdog file
+# A /var/run that takes nothing
 
 
-def test_watchdog_file_comes_back_within_five_seconds(clean_device):
-    kvsnmp = clean_device.start_kvsnmp("-d")
-    path = clean_device.path(WATCHDOG_FILE)
-    wait_until(lambda: clean_device.read(WATCHDOG_FILE) == "update\n", 7, what="watchdog file")
-    path.unlink()
-    removed = time.monotonic()
-    wait_until(lambda: clean_device.read(WATCHDOG_FILE) == "update\n", 7, what="watchdog file again")
-    assert time.monotonic() - removed < 6.0
-    clean_device.kill(clean_device.kvsnmp_pid(), signal.SIGTERM)
+def run_disk(start_device) -> tuple[Device, SmallDisk]:
+    """/var/run on a small disk, apart from /run with the device's own sockets."""
+    device = start_device(6420, "--no-dbus", "--no-traps", "--no-kvsnmp")
+    link = device.root / "var/run"
+    link.unlink()
+    link.mkdir()
+    return device, SmallDisk(device, "/var/run")
+
+
+def test_full_var_run_ends_a_daemon_and_snmpd_without_pid_file_is_started_again(start_device):
+    device, disk = run_disk(start_device)
+    disk.fill()
+    assert device.run_kvsnmp().returncode == 0  # it finds out in the background
+    wait_until(lambda: not device.pids("kvsnmp"), what="daemon ended")
+    assert disk.read("kvsnmp.pid") == ""
+    device.start_kvsnmp("-d", clock_shift=True)
+    wait_until(lambda: STARTING in device.syslog_texts(), 10, what="start of snmpd")
+    device.wait_answering()
+    disk.free()
+    snmpd, = device.pids("snmpd")
+    device.kill(snmpd, signal.SIGKILL)
+    wait_until(lambda: not device.pids("snmpd"), what="snmpd gone")
+    device.shift_clock(601)  # the health probe
+    wait_until(lambda: device.pids("snmpd") not in ([], [snmpd]), 10, what="another snmpd")
+    device.wait_answering()
+    device.end_kvsnmp()
+    assert device.run_kvsnmp().returncode == 0
+    device.wait_answering()
+    assert disk.read("kvsnmp.pid") == f"{device.kvsnmp_pid()}\n"
+
+
+def test_read_only_var_run_ends_a_daemon_and_not_a_foreground_run(start_device):
+    device, disk = run_disk(start_device)
+    disk.protect()
+    assert device.run_kvsnmp().returncode == 0
+    wait_until(lambda: not device.pids("kvsnmp"), what="daemon ended")
+    kvsnmp = device.start_kvsnmp("-d", clock_shift=True)
+    wait_until(lambda: STARTING in device.syslog_texts(), 10, what="start of snmpd")
+    disk.protect(False)
+    if not device.pids("snmpd"):  # it ends when it cannot write its pid file; the health probe finds it missing
+        device.shift_clock(601)
+    device.wait_answering()
+    device.kill(device.kvsnmp_pid(), signal.SIGTERM)
     assert kvsnmp.wait(10) == 0

@@ -1,0 +1,132 @@
+"""The watchdog file: written every 5 s, whatever stands in its place and whatever the disk takes."""
+from __future__ import annotations
+
+import os
+import stat
+import subprocess
+import time
+
+import pytest
+from support.device import MODEL_NUMBER, Device
+from support.disk import SmallDisk
+from support.polling import wait_until
+
+ANSWER = ("INTEGER", "6420")
+NAME = "kvsnmp.watchdogtest"
+PATH = f"/tmp/{NAME}"
+REFUSED = f"Couldn't open file: {PATH}\n"
+
+# Shell commands that put something to $1, in its folder; "other" is a file beside it. Typed by another user, or by root.
+THINGS = {
+    "pipe": "mkfifo $1",
+    "dangling link": "ln -s nothing $1",
+    "link to a folder": "ln -s /etc/snmp $1",
+    "link to the settings": "ln -s /etc/snmp/snmpd.conf $1",
+    "hard link": "ln other $1",
+    "socket": "python3 -c 'import socket, sys; socket.socket(socket.AF_UNIX).bind(sys.argv[1])' $1",
+    "file": "echo mine > $1 && chmod 666 $1",
+}
+ROOTS_OWN = {"device": "mknod $1 c 1 3", "hard link of root's": "echo precious > roots && ln roots $1"}
+# Outside a sandbox made by root there is one user only.
+ANOTHER_USER = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"] if os.geteuid() == 0 else []
+PLANTED = [pytest.param(ANOTHER_USER, script, id=name) for name, script in THINGS.items() if ANOTHER_USER or name != "file"]
+PLANTED += [pytest.param([], script, id=name) for name, script in ROOTS_OWN.items() if ANOTHER_USER or name != "device"]
+
+
+@pytest.fixture(scope="module")
+def serving(start_shared_device):
+    return start_shared_device(6420, "--no-dbus", "--no-traps", "--clock-shift").wait_answering()
+
+
+@pytest.fixture
+def watched(serving):
+    """The device with its watchdog file, in a folder that is open to all as /tmp is, with another user's file in it."""
+    folder = serving.path("/tmp")
+    folder.chmod(0o1777)
+    serving.run([*ANOTHER_USER, "sh", "-c", "echo precious > /tmp/other"])
+    serving.shift_clock(5)
+    wait_until(lambda: serving.read(PATH) == "update\n", 8, what="watchdog file")
+    yield serving
+    for name in (NAME, "other", "roots"):
+        subprocess.run(["rm", "-rf", str(folder / name)], check=True)
+
+
+def plant(device: Device, user: list[str], script: str) -> tuple[int, int]:
+    """Puts something in the file's place, before the daemon does, and returns device and inode of it."""
+    path = device.path(PATH)
+
+    def planted() -> bool:
+        path.unlink(missing_ok=True)
+        done = device.run([*user, "sh", "-c", f"cd /tmp && {script}", "sh", PATH], check=False)
+        assert done.returncode == 0 or path.exists(), done.stderr
+        return done.returncode == 0
+
+    wait_until(planted, what="something else in the file's place")
+    return path.lstat().st_dev, path.lstat().st_ino
+
+
+@pytest.mark.parametrize("user, script", PLANTED)
+def test_anything_else_in_its_place_is_replaced_at_the_next_tick(watched, user, script):
+    device, path = watched, watched.path(PATH)
+    conf = device.read("/etc/snmp/snmpd.conf")
+    refusals = device.kvsnmp_out().count(REFUSED)
+    planted = plant(device, user, script)
+    reader = os.open(path, os.O_RDONLY | os.O_NONBLOCK) if script == THINGS["pipe"] else 0
+    device.shift_clock(5)
+    wait_until(lambda: path.exists() and (path.lstat().st_dev, path.lstat().st_ino) != planted, 8, what="another file")
+    made = path.lstat()
+    assert stat.S_ISREG(made.st_mode) and stat.S_IMODE(made.st_mode) == 0o644
+    assert (made.st_nlink, made.st_uid) == (1, os.geteuid())
+    assert path.read_text() == "update\n"
+    assert device.kvsnmp_out().count(REFUSED) == refusals
+    assert device.snmp.get(MODEL_NUMBER) == [ANSWER]
+    beside = [device.path("/tmp/other"), device.path("/tmp/roots")]
+    assert {file.read_text() for file in beside if file.exists()} == {"precious\n"}
+    assert not device.path("/tmp/nothing").exists()
+    assert device.read("/etc/snmp/snmpd.conf") == conf
+    assert [file.name for file in path.parent.glob(f"{NAME}?*")] == []
+    if reader:
+        assert os.read(reader, 100) == b"", "whoever reads the pipe gets nothing"
+        os.close(reader)
+
+
+def test_folder_in_its_place_is_told_at_every_tick_and_left_alone(watched):
+    path = watched.path(PATH)
+    refusals = watched.kvsnmp_out().count(REFUSED)
+    plant(watched, ANOTHER_USER, "mkdir $1")
+    for _ in range(2):
+        watched.shift_clock(5)
+        refusals += 1
+        wait_until(lambda told=refusals: watched.kvsnmp_out().count(REFUSED) >= told, 8, what="refusal told")
+    assert watched.snmp.get(MODEL_NUMBER) == [ANSWER]
+    assert [file.name for file in path.parent.glob(f"{NAME}*")] == [NAME]
+    path.rmdir()
+    watched.shift_clock(5)
+    wait_until(lambda: watched.read(PATH) == "update\n", 8, what="watchdog file again")
+
+
+def test_full_and_read_only_tmp_cost_this_file_only(start_device):
+    """At its own speed it comes back within 5 s."""
+    device = start_device(6420, "--no-dbus", "--no-traps", "--no-kvsnmp")
+    disk = SmallDisk(device, "/tmp")
+    disk.fill()
+    device.start_kvsnmp("-d", clock_shift=True)
+    device.wait_answering()
+
+    def next_tick(done, what: str) -> None:
+        device.shift_clock(5)
+        wait_until(done, 8, what=what)
+
+    next_tick(lambda: disk.read(NAME) == "", "file made, and empty")
+    assert device.snmp.get(MODEL_NUMBER) == [ANSWER]
+    disk.free()
+    next_tick(lambda: disk.read(NAME) == "update\n", "file written")
+    disk.protect()
+    assert device.kvsnmp_out().count(REFUSED) == 0
+    next_tick(lambda: REFUSED in device.kvsnmp_out(), "refusal told")
+    assert device.snmp.get(MODEL_NUMBER) == [ANSWER]
+    disk.protect(False)
+    (disk.folder / NAME).unlink()
+    removed = time.monotonic()
+    wait_until(lambda: disk.read(NAME) == "update\n", 8, what="file written again")
+    assert time.monotonic() - removed < 6
