@@ -2,14 +2,14 @@
 from __future__ import annotations
 
 import dataclasses
-import os
-import shutil
 import time
 from collections.abc import Callable
 from pathlib import Path
 from typing import NamedTuple
 
 import pytest
+from support import steps
+from support.catalogue import COMPACT, EXTENDED
 from support.dataservice import DataService
 from support.device import Device
 from support.inotify import Event, FolderEvents
@@ -17,8 +17,6 @@ from support.polling import wait_until
 from support.snmp import TABLES
 
 GPIO_ROOT = "/run/gpio"
-COMPACT = "Orvane Brisel Compact - IP-QRM-B"
-EXTENDED = "Orvane Brisel Extended - IP-QRM-B"
 WITHOUT_GPIO = [6410, 6420, 6425, 6601, 6602, 6720, 6764, 6913, 6914]
 LIGHT = ["--no-kvsnmp", "--no-dbus", "--no-traps", "--clock-shift"]
 
@@ -29,7 +27,7 @@ OWN_LINES = {
     6259: ([168, 169, 170, 171, 172, 173], [175, 174, 84, 85]),
     6891: ([504, 505, 506, 507, 508, 509], [510]),
 }
-CHECKS = {"ordinary": {6211: 7, 6214: 10, 6259: 10, 6891: 7}, "expanders": {6211: 23, 6214: 26, 6259: 26, 6891: 23}}
+CHECKS = [{6211: 7, 6214: 10, 6259: 10, 6891: 7}, {6211: 23, 6214: 26, 6259: 26, 6891: 23}]  # without, with expanders
 
 INPUT_STATUS, OUTPUT_STATUS = f"{TABLES}.9.2.1.3", f"{TABLES}.10.2.1.3"
 RELAY_STATUS = f"{TABLES}.12.1.1.3"
@@ -37,7 +35,6 @@ UNKNOWN = "1"
 STATUS = {"0": "2", "1": "3", "unreadable": UNKNOWN}  # by level
 LEVELS = list(STATUS)
 TYPES = ["gpi", "gpo", "none"]
-CACHE_SECONDS = 61
 
 
 class Line(NamedTuple):
@@ -126,7 +123,7 @@ class Station:
 
     def statuses_now(self) -> dict[str, str]:
         """Past the agent's cache; the step of the clock also lets one line be checked."""
-        self.device.shift_clock(CACHE_SECONDS)
+        self.device.shift_clock(steps.CACHE_SECONDS)
         return self.statuses()
 
 
@@ -151,8 +148,7 @@ def one_read(folder: str, name: str = "value") -> list[tuple[str, str, str]]:
     return [(what, folder, name) for what in ("open", "read", "close unwritten")]
 
 
-def hasten(devices: list[Device], done: Callable[[], bool], what: str, wake: Callable[[], None] = lambda: None,
-           timeout: float = 30.0) -> None:
+def hasten(devices: list[Device], done: Callable[[], bool], what: str) -> None:
     """Lets seconds pass quickly. When the daemon wakes, which it does ten times a second once its agent is polled, it
     makes one check, however late it is."""
     def look() -> bool:
@@ -160,10 +156,9 @@ def hasten(devices: list[Device], done: Callable[[], bool], what: str, wake: Cal
             return True
         for device in devices:
             device.shift_clock(1)
-        wake()
         return False
 
-    wait_until(look, timeout, 0.03, what)
+    wait_until(look, 30, 0.03, what)
 
 
 def hasten_cycle(stations: list[Station]) -> None:
@@ -173,14 +168,14 @@ def hasten_cycle(stations: list[Station]) -> None:
            lambda: all(len(station.reads()) >= goal for station, goal in for_all), "another cycle")
 
 
-# A cycle at its own speed, on twelve devices side by side
+# A cycle at its own speed, on eight devices side by side
 
 
 @pytest.fixture(scope="module")
 def stations(start_shared_device) -> dict[tuple[int, str], Station]:
     found = {}
     for model in OWN_LINES:
-        for kind, description in {"ordinary": "", "compact": COMPACT, "extended": EXTENDED}.items():
+        for kind, description in {"ordinary": "", "expanders": EXTENDED if model == 6214 else COMPACT}.items():
             text = ["--model-text", description] if description else []
             device = start_shared_device(model, *LIGHT, *text, wait=False)
             found[model, kind] = Station(device, model, description)
@@ -208,32 +203,24 @@ def observed(stations) -> dict[tuple[int, str], Observed]:
     return {key: Observed(list(station.events.events), at_own_speed[key]) for key, station in stations.items()}
 
 
-STATIONS = [(model, kind) for model in OWN_LINES for kind in ("ordinary", "compact", "extended")]
+STATIONS = [(model, kind) for model in OWN_LINES for kind in ("ordinary", "expanders")]
 each_station = pytest.mark.parametrize("key", STATIONS, ids=lambda key: f"{key[0]}-{key[1]}")
 
 
 @each_station
-def test_a_cycle_reads_each_line_once_and_in_order(stations, observed, key):
-    station, reads = stations[key], [event.folder for event in reads_in(observed[key].events)]
-    checks = CHECKS["expanders" if station.description else "ordinary"][station.model]
-    assert reads[:checks] == station.folders
-    assert reads == [station.folders[place % checks] for place in range(len(reads))]
+def test_a_cycle_reads_each_line_once_and_in_order_one_a_second(stations, observed, key):
+    station, (events, at_own_speed) = stations[key], observed[key]
+    reads = reads_in(events)
+    checks = CHECKS[station.description != ""][station.model]
+    assert [event.folder for event in reads[:checks]] == station.folders
+    assert [event.folder for event in reads] == [station.folders[place % checks] for place in range(len(reads))]
     assert len(reads) > 2 * checks
-
-
-@each_station
-def test_one_line_is_read_each_second(observed, key):
-    events, count = observed[key]
-    times = [event.at for event in reads_in(events)[:count]]
+    times = [event.at for event in reads[:at_own_speed]]
     gaps = [later - earlier for earlier, later in zip(times, times[1:])]
     assert all(0.2 < gap < 2.5 for gap in gaps), gaps  # a late check does not delay the next
     assert 0.97 * len(gaps) < times[-1] - times[0] < len(gaps) + 2.5, gaps
-
-
-@each_station
-def test_nothing_is_touched_before_the_checks_start(stations, observed, key):
     # 3 s after the data service was reached plus the first second of the checks, less the 5 % of coarse timers
-    assert observed[key].events[0].at - stations[key].started > 3.8
+    assert events[0].at - station.started > 3.8, "nothing is touched before the checks start"
 
 
 def one_check(folder: str, chips: list[tuple[int, str]]) -> list[tuple[str, str, str]]:
@@ -294,24 +281,15 @@ def rounds(stations, observed) -> dict[tuple[int, str], list[Round]]:
 
 
 @each_station
-def test_levels_show_in_the_tables(rounds, key):
+def test_levels_show_in_the_rows_and_outputs_stay_what_they_are(stations, rounds, key):
+    station = stations[key]
     for turn, (expected, statuses) in enumerate(rounds[key]):
         assert statuses == expected, f"round {turn}"
     assert {status for _, statuses in rounds[key] for status in statuses.values()} == {"1", "2", "3"}
-
-
-@each_station
-def test_tables_have_a_row_for_each_line(stations, rounds, key):
-    station = stations[key]
     walked = [variable.oid for column in (INPUT_STATUS, OUTPUT_STATUS, RELAY_STATUS)
               for variable in station.device.snmp.walk(column)]
     assert sorted(walked) == sorted(station.expected())
     assert len([oid for oid in walked if oid.startswith(f"{INPUT_STATUS}.")]) == (14 if station.description else 6)
-
-
-@each_station
-def test_lines_driven_as_outputs_stay_what_they_are(stations, rounds, key):
-    station = stations[key]
     outputs = {f"{line.folder}/direction" for line in station.lines if "relay" in line.name or line.row in (4, 5)}
     assert {name for name, (text, _) in station.settings.items() if text == "out\n"} == outputs
     assert station.settings_now() == station.settings
@@ -320,7 +298,7 @@ def test_lines_driven_as_outputs_stay_what_they_are(stations, rounds, key):
 # Lines and trees that go
 
 
-@pytest.mark.parametrize("key", [(6214, "extended"), (6891, "ordinary")], ids=["6214-extended", "6891-ordinary"])
+@pytest.mark.parametrize("key", [(6214, "expanders"), (6891, "ordinary")], ids=["6214-expanders", "6891-ordinary"])
 def test_tree_removed_and_put_back(stations, rounds, key):
     station, daemon = stations[key], stations[key].device.kvsnmp_pid()
     station.set_up({line.name: LEVELS[place % 3] for place, line in enumerate(station.lines)}, {1: "gpi", 2: "gpo"})
@@ -337,7 +315,7 @@ def test_tree_removed_and_put_back(stations, rounds, key):
 
 
 def test_unexported_lines_are_exported_again_and_stay_outputs(stations, rounds):
-    station = stations[6259, "compact"]
+    station = stations[6259, "expanders"]
     gone = {name: next(line for line in station.lines if line.name == name).folder
             for name in ("gpio4", "gpio9", "relay3", "e_relay8")}
     station.set_up({name: "1" for name in gone}, {4: "gpo"})
@@ -357,170 +335,33 @@ def test_unexported_lines_are_exported_again_and_stay_outputs(stations, rounds):
             "gpio4": "out\n", "gpio9": "in\n", "relay3": "out\n", "e_relay8": "out\n"}
 
 
-# A GPIO tree of the test's own, in which nothing happens by itself
+# Models without
 
 
-class OwnTree:
-    """As the kernel lays it out; what is exported goes into a pipe, and nobody makes the line."""
-    chips = {"gpiochip160": "controller", "gpiochip300": "3-0022", "gpiochip400": "pins 3-0021",
-             "gpiochip500": "3-0023"}
-
-    def __init__(self, root: Path) -> None:
-        self.root = root
-        for chip, label in self.chips.items():
-            (root / chip).mkdir(parents=True)
-            (root / chip / "label").write_text(f"{label}\n")
-            (root / chip / "base").write_text(chip.removeprefix("gpiochip") + "\n")
-        os.mkfifo(root / "export")
-        self._exports = os.open(root / "export", os.O_RDONLY | os.O_NONBLOCK)
-
-    def add(self, *numbers: int) -> None:
-        for number in numbers:
-            folder = self.root / f"gpio{number}"
-            folder.mkdir()
-            for name, text in {"direction": "out\n", "edge": "none\n", "active_low": "0\n", "value": "1\n"}.items():
-                (folder / name).write_text(text)
-
-    def remove(self, *numbers: int) -> None:
-        for number in numbers:
-            shutil.rmtree(self.root / f"gpio{number}")
-
-    def take_exports(self) -> list[int]:
-        """Since the last call; all numbers have three digits."""
-        try:
-            text = os.read(self._exports, 4096).decode()
-        except BlockingIOError:
-            text = ""
-        return [int(text[place:place + 3]) for place in range(0, len(text), 3)]
-
-    def close(self) -> None:
-        os.close(self._exports)
-
-
-@pytest.fixture
-def own_tree(start_device):
-    """A device whose data service and GPIO lines are the test's own."""
-    opened = []
-
-    def start(model: int, *options: str) -> tuple[Device, OwnTree]:
-        device = start_device(model, *LIGHT, "--no-simulator", *options, wait=False)
-        device.wait_ready()
-        opened.append(OwnTree(device.path(GPIO_ROOT)))
-        return device, opened[-1]
-
-    yield start
-    for tree in opened:
-        tree.close()
-
-
-def test_lines_wait_for_the_data_service_and_are_exported_each_time_they_go(own_tree):
-    device, tree = own_tree(6211, "--model-text", COMPACT)
-    tree.add(168, 169, 170, 171, 172, 174, *range(300, 308), *range(400, 408))  # 173 is not there
-    events = watched(tree.root)
-    device.start_kvsnmp("-d", clock_shift=True)
-    device.wait_running()
-    pass_half_a_minute(device)
-    assert accesses_in(events.events) == []
-
-    service = DataService(device.path("/run/tal.sock"))
-    wait_until(lambda: service.connections, 5, what="data service reached")
-    reached = time.monotonic()
-    wait_until(lambda: reads_in(events.events), 10, what="first line read")
-    assert 3.7 < reads_in(events.events)[0].at - reached < 7
-
-    def cycles(count: int) -> None:
-        """Until the last line of a cycle has been read so often."""
-        hasten([device], lambda: sum(event.folder == "gpio407" for event in reads_in(events.events)) >= count,
-               f"{count} cycles", lambda: wake(service))
-
-    cycles(1)
-    assert tree.take_exports() == [173]
-    cycles(2)
-    assert tree.take_exports() == []  # once, as long as it has not been there
-
-    tree.remove(170, 301, 174, 402)
-    cycles(3)
-    assert tree.take_exports() == [170, 301, 174, 402]
-    cycles(4)
-    assert tree.take_exports() == []
-
-    tree.add(170, 301, 173, 174, 402)
-    events.close()
-    events = watched(tree.root)
-    cycles(2)
-    events_of_lines = [access for access in accesses_in(events.events) if access[0] != "read"]
-    assert {(what, name) for what, folder, name in events_of_lines if not folder.startswith("gpiochip") and name} == {
-        ("open", "value"), ("close unwritten", "value")}  # an output found anew is not reconfigured either
-    assert tree.take_exports() == []
-
-    tree.remove(170, 173)
-    cycles(3)
-    assert tree.take_exports() == [170, 173]
-    service.close()
-    events.close()
-
-
-def test_expanders_that_swap_their_numbers_are_followed(own_tree):
-    device, tree = own_tree(6211, "--model-text", COMPACT)
-    tree.add(*range(168, 175), *range(300, 308), *range(400, 408))
-    service = DataService(device.path("/run/tal.sock"))
-    events = watched(tree.root)
-    device.start_kvsnmp("-d", clock_shift=True)
-    wait_until(lambda: reads_in(events.events), 15, what="first line read")
-
-    def next_cycle() -> list[str]:
-        """The folders of the expanders' lines, in the order of the inputs and the relays."""
-        def folders() -> list[str]:
-            return [event.folder for event in reads_in(list(events.events))]
-
-        begin = len(folders())
-        hasten([device], lambda: "gpio168" in folders()[begin:-22], "another cycle", lambda: wake(service))
-        cycle = folders()[folders().index("gpio168", begin):]
-        return cycle[6:14] + cycle[15:23]
-
-    first, second = [f"gpio{300 + i}" for i in range(8)], [f"gpio{400 + i}" for i in range(8)]
-    assert next_cycle() == first + second
-    for chip, label in (("gpiochip300", "pins 3-0021\n"), ("gpiochip400", "3-0022\n")):
-        (tree.root / chip / "label").write_text(label)
-    assert next_cycle() == second + first
-    assert tree.take_exports() == []
-    service.close()
-    events.close()
-
-
-def wake(service: DataService) -> None:
-    """Any message ends the daemon's sleep, and this one has no other effect."""
-    service.notify("nobody's", "create", "/state/nothing", "<nothing/>")
-
-
-def pass_half_a_minute(device: Device, service: DataService | None = None) -> None:
-    """Moves the clock, and each time waits for what the daemon does every 5 s: to write its watchdog file."""
-    watchdog = device.path("/tmp/kvsnmp.watchdogtest")
-
-    def written() -> int:
-        return watchdog.stat().st_mtime_ns if watchdog.exists() else 0
-
-    for _ in range(3):
-        before = written()
-        device.shift_clock(10)
-        if service:
-            wake(service)
-        wait_until(lambda: written() > before, 10, what="watchdog file written")
-
-
-def test_models_without_gpio_touch_no_line(own_tree):
+def test_models_without_gpio_touch_no_line(start_device):
+    """In a tree of the test's own, in which nothing happens by itself, with all the lines that any model reads."""
     devices = {}
     for model in WITHOUT_GPIO:
-        device, tree = own_tree(model, "--model-text", EXTENDED)
-        tree.add(84, 85, *range(168, 176), *range(300, 308), *range(400, 408), *range(504, 511))
-        devices[model] = device, tree, watched(tree.root), DataService(device.path("/run/tal.sock"))
+        device = start_device(model, *LIGHT, "--no-simulator", "--model-text", EXTENDED)
+        root = device.path(GPIO_ROOT)
+        for number in (84, 85, *range(168, 176), *range(300, 308), *range(400, 408), *range(504, 511)):
+            (root / f"gpio{number}").mkdir(parents=True)
+            (root / f"gpio{number}/value").write_text("1\n")
+        for base, label in ((300, "3-0022"), (400, "pins 3-0021")):
+            (root / f"gpiochip{base}").mkdir()
+            (root / f"gpiochip{base}/label").write_text(f"{label}\n")
+            (root / f"gpiochip{base}/base").write_text(f"{base}\n")
+        (root / "export").write_text("")
+        devices[model] = device, watched(root), DataService(device.path("/run/tal.sock"))
         device.start_kvsnmp("-d", clock_shift=True)
-    for device, _, _, service in devices.values():
+    for model, (device, events, service) in devices.items():
         wait_until(lambda service=service: service.has("kvsnmp_sys_messages"), 20, what="data subscribed")
-    for device, _, _, service in devices.values():
-        pass_half_a_minute(device, service)
-    for model, (_, tree, events, service) in devices.items():
+        for _ in range(3):  # half a minute; every 5 s the daemon writes its watchdog file
+            watchdog = device.path("/tmp/kvsnmp.watchdogtest")
+            watchdog.unlink(missing_ok=True)
+            device.shift_clock(10)
+            service.notify("nobody's", "create", "/state/nothing", "<nothing/>")  # ends the daemon's sleep
+            wait_until(watchdog.exists, 10, what="watchdog file written")
         assert accesses_in(events.events) == [], model
-        assert tree.take_exports() == [], model
         service.close()
         events.close()

@@ -73,7 +73,7 @@ def unreadable(file: Path) -> None:
 
 
 def huge(file: Path) -> None:
-    file.touch()
+    file.write_bytes(b"")
     os.truncate(file, 1 << 30)
 
 

@@ -46,6 +46,9 @@ def test_start_status_second_start_restart_stop(device):
     assert started.stdout == f"kvsnmp started (process {pid})\n"
     assert device.read(PID_FILE) == f"{pid}\n"
     device.wait_answering()
+    snmpd = device.wait_snmpd()
+    assert "MIBS=" in device.run(["cat", f"/proc/{snmpd}/environ"]).stdout.split("\0")
+    assert device.run(["readlink", f"/proc/{pid}/cwd"]).stdout == "/\n"
 
     second = init(device, "start")
     assert (second.returncode, second.stdout) == (0, f"kvsnmp runs already (process {pid})\n")
@@ -53,7 +56,6 @@ def test_start_status_second_start_restart_stop(device):
     status = init(device, "status")
     assert (status.returncode, status.stdout) == (0, f"kvsnmp runs (process {pid})\n")
 
-    snmpd = device.wait_snmpd()
     assert init(device, "restart").returncode == 0
     restarted = device.kvsnmp_pid()
     assert restarted != pid
@@ -66,18 +68,6 @@ def test_start_status_second_start_restart_stop(device):
     assert device.pids("kvsnmp") == [] and device.pids("snmpd") == [snmpd]
     assert not device.path(PID_FILE).exists()
     assert init(device, "status").returncode == 3
-
-
-def test_snmpd_is_started_without_mib_modules(device):
-    before = device.pids("snmpd")
-    init(device, "start")
-    snmpd = device.wait_snmpd(other_than=before)
-    variables = device.run(["cat", f"/proc/{snmpd}/environ"]).stdout.split("\0")
-    assert "MIBS=" in variables
-    assert device.run(["readlink", f"/proc/{device.kvsnmp_pid()}/cwd"]).stdout == "/\n"
-
-
-def test_try_restart_starts_nothing_that_does_not_run(device):
     assert init(device, "try-restart").returncode == 0
     assert device.pids("kvsnmp") == []
 
@@ -111,20 +101,14 @@ def test_an_odd_pid_file_does_not_stand_in_the_way(device, content):
     assert init(device, "start").returncode == 0
 
 
-def test_a_machine_without_model_number_is_no_device(device):
+def test_what_cannot_be_started_is_told(device):
     device.path(MODEL_FILE).unlink()
     started = init(device, "start")
     assert (started.returncode, started.stderr) == (6, f"kvsnmp: {MODEL_FILE} is missing: this is not a device\n")
-
-
-def test_a_daemon_that_ends_at_once_is_told(device):
     device.path(MODEL_FILE).write_text("9999\n")
     started = init(device, "start")
     assert started.returncode == 1
     assert started.stderr == 'kvsnmp has ended again; "/run/device/bin/kvsnmp -d" shows why\n'
-
-
-def test_a_missing_program_and_an_unknown_word(device):
     device.path("/etc/default/kvsnmp").write_text("DAEMON=/usr/sbin/no-such-program\n")
     assert init(device, "start").returncode == 5
     wrong = init(device, "begin")

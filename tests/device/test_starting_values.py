@@ -1,4 +1,4 @@
-"""What is served before the data service has sent anything, and operations that no parser knows.
+"""What is served before the data service has sent anything.
 
 The data service is played by the test; it sends the SNMP settings, which start snmpd, and then only what a test says.
 """
@@ -106,95 +106,16 @@ def test_channel_status_is_unknown_until_the_class_d_status_has_come(silent):
     assert after("kvsnmp_class_d_status", "/state/class_d_amp_status/status", "ok") == [1, 2]
 
 
-class Case(NamedTuple):
-    model: int
-    ref: str
-    path: str
-    known: str  # a text, sent as "create"
-    other: str  # another one, sent as "merge"
-    cell: str  # column and index
-    shown: int  # for the first of them
-    parser: str  # as its debug line names it
-    keys: str  # what the debug line ends in
-
-
-LINE, LINE_CONFIG = "/state/lines/line[kid='{}']", "/state/config/lines/line[kid='{}']"
-CASES = [
-    Case(6420, "kvsnmp_voltage", "/state/power_lines/power_line[kid='3v3']/voltage", "3.3", "4", "voltageValue.3", 3300,
-         "getVoltage", ""),
-    Case(6420, "kvsnmp_temp", "/state/temp_sensors/temp_sensor[kid='amp_main_board']/temp_peak", "41.2", "50",
-         "tempPeak.3", 412, "getTemp", ""),
-    Case(6420, "kvsnmp_fan", "/state/fans/fan[kid='amp_power']/speed_sensor_rpm", "900", "800", "fanSpeed.1", 900,
-         "getFan", ""),
-    Case(6420, "kvsnmp_class_d_status", "/state/class_d_amp_status/status", "hot", "ok", "ampChannelStatus.2", 4,
-         "stateClassDStatusUpdate", ""),
-    Case(6420, "kvsnmp_power_status", "/state/power_sources/power_source[kid='ac_power']/live", "true", "false",
-         "powerLive.1", 3, "getPowerStatus", " kid: ac_power"),
-    Case(6420, "kvsnmp_power_monitoring", "/state/config/power_sources/power_source[kid='dc_power']/monitored", "true",
-         "false", "powerMonitored.2", 3, "getPowerMonitoring", " kid: dc_power"),
-    Case(6420, "kvsnmp_control_input_monitored", "/state/config/gpis/gpi[kid='gpi6']/monitored", "true", "false",
-         "controlInputMonitored.6", 2, "getControlInputMonitored", " kid: "),
-    Case(6420, "kvsnmp_line_channel_state", LINE.format("ch2") + "/characteristics/line_state", "line_fault", "ok",
-         "ampChannelLineState.2", 15, "getLineChannelState", " kid: ch2"),
-    Case(6420, "kvsnmp_lineIn_status", LINE.format("ln2") + "/pilot_tone_state", "failed", "ok", "lineInStatus.2", 3,
-         "", " kid: ln2"),
-    Case(6420, "kvsnmp_lineIn_monitoring", LINE_CONFIG.format("ln1") + "/pilot_tone_sensing_enable", "true", "false",
-         "lineInMonitoring.1", 3, "", " kid: ln1"),
-    Case(6420, "kvsnmp_eth_monitoring", "/state/config/os_ip/eth_switch/port[port_id='Eth2']/monitored", "true",
-         "false", "ethMonitoringMonitored.2", 3, "", " kid: Eth2"),
-    Case(6420, "kvsnmp_let_voltage", LINE.format("ch2") + "/lets/let[kid='10']/let_vcc", "23.9", "1",
-         "letChannel2Voltage.10", 23900, "", " kid: ch2 10"),
-    Case(6425, "kvsnmp_amp_enable", LINE_CONFIG.format("ch1") + "/enable", "false", "true", "ampChannelStatus.1", 2,
-         "", " kid: ch1"),
-    Case(6214, "kvsnmp_lineIn_status", "/state/lines/mic_status_intern", "shorted", "connected", "lineInMicStatus.4", 7,
-         "", " kid: mic_status_intern"),
-    Case(6214, "kvsnmp_relay_delay", "/state/config/gpos/gpo[kid='e_relay8']/delay", "30", "40", "relayDelay.12", 30,
-         "getRelayDelay", " kid: e_relay8"),
-    Case(6214, "kvsnmp_relay_idle_mode", "/state/config/gpos/gpo[kid='relay2']/idle_mode", "normal_open",
-         "normal_closed", "relayIdleMode.2", 3, "getRelayIdleMode", " kid: relay2"),
-]
-
-
-@pytest.mark.parametrize("case", CASES, ids=[f"{case.model} {case.ref}" for case in CASES])
-def test_unexpected_operation_is_logged_and_changes_nothing(silent, case):
-    device, service, _ = silent[case.model]
-    column, _, index = case.cell.partition(".")
-    oid = f"{COLUMN_OIDS[column]}.{index}"
-    tell(device, service, case.ref, "create", case.path, case.known)
-    assert steps.integers(device, [oid]) == [case.shown]
-    complaint = tell(device, service, case.ref, "merge", case.path, case.other)
-    assert steps.integers(device, [oid]) == [case.shown]
-    assert len(complaint) == 1
-    assert complaint[0].startswith(f"{case.parser} " if case.parser else "get")
-    assert f"op: merge rPath: {case.path} sPath: {case.path}{case.keys}" in complaint[0]
-    tell(device, service, case.ref, "replace", case.path, case.other)
-    assert steps.integers(device, [oid]) != [case.shown]
-
-
-@pytest.mark.parametrize("ref, path, column", [
-    ("kvsnmp_let_sw_version", f"{LINE}/lets/let[kid='2']/sw_version", "letChannel1SoftwareVersion"),
-    ("kvsnmp_let_hw_version", f"{LINE}/lets/let[kid='2']/hw_version", "letChannel1HardwareVersion"),
-    ("kvsnmp_let_description", f"{LINE_CONFIG}/lets/let[kid='2']/let_description", None),
-    ("kvsnmp_let_enable", f"{LINE_CONFIG}/lets/let[kid='2']/enabled", None),
-])
-def test_unexpected_operation_on_a_let(silent, ref, path, column):
+def test_unexpected_operation_is_logged_and_changes_nothing(silent):
+    """The units of the parsers hold the others to it."""
     device, service, _ = silent[6420]
-    path = path.format("ch1")
-    tell(device, service, ref, "create", path, "1.0")
-    complaint = tell(device, service, ref, "merge", path, "2.0")
-    assert len(complaint) == 1
-    assert complaint[0].endswith(f" op: merge rPath: {path} sPath: {path} kid: ch1 2")
-    if column:
-        assert device.snmp.get(f"{COLUMN_OIDS[column]}.2") == [("STRING", "1.0")]
-
-
-def test_unexpected_operation_on_a_gpio_type_leaves_even_the_pins_of_the_expander(silent):
-    device, service, _ = silent[6214]
-    path = "/state/config/gpios/gpio[kid='gpio8']/gpio_type"
-    complaint = tell(device, service, "kvsnmp_gpio_type", "merge", path, "gpi")
-    assert complaint == [f"getGpioType op: merge rPath: {path} sPath: {path} gpio: 8"]
-    status = [f"{COLUMN_OIDS['controlInputStatus']}.{index}" for index in range(7, 15)]
-    assert steps.integers(device, status) == [1] * 8
+    oid, path = f"{COLUMN_OIDS['tempPeak']}.3", "/state/temp_sensors/temp_sensor[kid='amp_main_board']/temp_peak"
+    tell(device, service, "kvsnmp_temp", "create", path, "41.2")
+    complaint, = tell(device, service, "kvsnmp_temp", "merge", path, "50")
+    assert complaint.startswith("getTemp ") and f"op: merge rPath: {path} sPath: {path}" in complaint
+    assert steps.integers(device, [oid]) == [412]
+    tell(device, service, "kvsnmp_temp", "replace", path, "50")
+    assert steps.integers(device, [oid]) == [500]
 
 
 _told = iter(range(1, 1000000))

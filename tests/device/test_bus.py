@@ -97,22 +97,6 @@ FORGED = {
 }
 
 
-def assert_dropped(linked: Linked, said: int) -> None:
-    linked.wait_taken()
-    lines = [line for line in linked.device.kvsnmp_err()[said:].splitlines() if line.startswith("dbusDo")]
-    assert len(lines) == 1 and "GPI: 99 " in lines[0]
-    assert output_state(linked.device) == SET
-
-
-@pytest.mark.parametrize("announcement", FORGED.values(), ids=FORGED)
-def test_broadcast_of_another_sender_is_dropped(linked, announcement):
-    linked.set_output("ok_set")
-    said = len(linked.device.kvsnmp_err())
-    for _ in range(100):
-        linked.stranger.announce(*announcement)
-    assert_dropped(linked, said)
-
-
 def names_on_the_bus(linked: Linked) -> list[str]:
     """All that it has given so far, the daemon's among them; each connection gets the next number."""
     probe = BusClient(linked.device.path(BUS_SOCKET))
@@ -120,38 +104,49 @@ def names_on_the_bus(linked: Linked) -> list[str]:
     return [f":1.{number}" for number in range(int(probe.name.rpartition(".")[2]) + 1)]
 
 
-def test_announcement_sent_to_the_daemon_alone_is_dropped(linked):
+def broadcast(linked: Linked) -> None:
+    for announcement in FORGED.values():
+        for _ in range(100):
+            linked.stranger.announce(*announcement)
+
+
+def to_the_daemon_alone(linked: Linked) -> None:
     """No filter of the bus stands before it."""
-    linked.set_output("ok_set")
-    said = len(linked.device.kvsnmp_err())
     for name in names_on_the_bus(linked):
         for announcement in FORGED.values():
             linked.stranger.announce(*announcement, destination=name)
-    assert_dropped(linked, said)
 
 
-def test_forged_change_of_the_names_owner_is_dropped(linked):
-    """Somebody tells that the monitor's name is its own now, as only the bus itself may tell."""
-    linked.set_output("ok_set")
-    said = len(linked.device.kvsnmp_err())
+def as_the_new_owner(linked: Linked) -> None:
+    """Says that the monitor's name is its own now, as only the bus itself may."""
     for name in ["", *names_on_the_bus(linked)]:
         linked.stranger.announce("NameOwnerChanged", "sss", MONITOR, linked.monitor.name, linked.stranger.name,
                                  destination=name, path="/org/freedesktop/DBus", interface="org.freedesktop.DBus")
-    for announcement in FORGED.values():
-        linked.stranger.announce(*announcement)
-    assert_dropped(linked, said)
+    broadcast(linked)
 
 
-def test_call_of_a_method_of_the_daemon_finds_none(linked):
-    """It offers nothing on the bus: a call is answered with an error, and nothing happens."""
-    said = len(linked.device.kvsnmp_err())
+def calls_of_methods(linked: Linked) -> None:
+    """The daemon offers none: a call is answered with an error."""
     for name in names_on_the_bus(linked):
         linked.stranger.call("doPaUiDbusConnected", destination=name)
-    linked.wait_taken()
-    assert "dbusDo" not in linked.device.kvsnmp_err()[said:].replace("dbusDoGpiUpdateSlot GPI: 99", "")
 
 
-# The monitor itself
+def wrong_signatures(linked: Linked) -> None:
+    for member, signature, *values in GARBAGE:
+        linked.monitor.announce(member, signature, *values)
+
+
+def no_messages(linked: Linked) -> None:
+    """Invalid UTF-8 in a text, a message cut off, no message at all: the bus ends their sender."""
+    for raw in (None, b"l\4\0\1\xff\xff\xff\xff" + b"\0" * 64, b"\0" * 64):
+        offender = BusClient(linked.device.path(BUS_SOCKET))
+        if raw is None:
+            offender.announce("onGpiUpdate", "us", 2, b"\xff\xfe")
+        else:
+            offender.send_raw(raw)
+        assert not offender.is_connected()
+        offender.close()
+
 
 GARBAGE = [
     ("onGpoUpdate", ""), ("onGpoUpdate", "u", 2), ("onGpoUpdate", "us", 2, "ok_cleared"),
@@ -167,12 +162,16 @@ GARBAGE = [
 ]
 
 
-def test_wrong_signatures_of_the_monitor_are_dropped(linked):
+@pytest.mark.parametrize("send", [broadcast, to_the_daemon_alone, as_the_new_owner, calls_of_methods, wrong_signatures,
+                                  no_messages], ids=lambda send: send.__name__)
+def test_what_is_no_announcement_of_the_monitor_is_dropped(linked, send):
     linked.set_output("ok_set")
     said = len(linked.device.kvsnmp_err())
-    for member, signature, *values in GARBAGE:
-        linked.monitor.announce(member, signature, *values)
-    assert_dropped(linked, said)
+    send(linked)
+    linked.wait_taken()
+    lines = [line for line in linked.device.kvsnmp_err()[said:].splitlines() if line.startswith("dbusDo")]
+    assert len(lines) == 1 and "GPI: 99 " in lines[0]
+    assert output_state(linked.device) == SET
 
 
 HUGE = 0xFFFFFFFF
@@ -198,21 +197,6 @@ def test_senseless_values_of_the_monitor_stay_out_of_the_tables(linked):
     assert [variable.oid for variable in walked] == rows
     assert [complaint for variable in walked if (complaint := mib().complaint(variable))] == []
     linked.set_output("ok_cleared")
-
-
-def test_bytes_that_are_no_message_end_their_sender_only(linked):
-    """The bus sees to that: invalid UTF-8 in a text, a message cut off, no message at all."""
-    linked.set_output("ok_set")
-    for raw in (None, b"l\4\0\1\xff\xff\xff\xff" + b"\0" * 64, b"\0" * 64):
-        offender = BusClient(linked.device.path(BUS_SOCKET))
-        if raw is None:
-            offender.announce("onGpiUpdate", "us", 2, b"\xff\xfe")
-        else:
-            offender.send_raw(raw)
-        assert not offender.is_connected()
-        offender.close()
-    linked.wait_taken()
-    assert output_state(linked.device) == SET
 
 
 def test_monitor_that_goes_and_comes_back_is_heard_again(linked):

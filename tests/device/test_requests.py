@@ -1,0 +1,232 @@
+"""Requests of managers that ask for many names at once, for what is not there or for too much, or are simply many."""
+from __future__ import annotations
+
+import itertools
+import selectors
+import time
+
+import pytest
+from support import ber
+from support.ber import GET, GETBULK, GETNEXT, V1, V2C
+from support.rawmanager import RawManager, sockets
+from support.snmp import NO_SUCH_INSTANCE, NO_SUCH_OBJECT, PRIVATE_MIB
+from support.target import (AMPLIFIER, GREATEST, MODEL, STATION, TABLES, Target, entry_of, options, tables_of,
+                            target_of, unharmed)  # noqa: F401
+from support.walks import Walk
+
+NO_SUCH = (NO_SUCH_INSTANCE, NO_SUCH_OBJECT)
+
+
+def below_enterprise(arcs: str) -> ber.Oid:
+    return ber.numbers(f"{PRIVATE_MIB}.{arcs}")
+
+
+# Many names. test_random_requests.py asks at random; these once did something together: model, names
+
+CASES = {
+    "crash: a cell beside a name behind the entry": (6420, ["3.4.2.1.3.1", "3.4.2.2"]),
+    "crash: a name behind the entry beside a cell": (6420, ["3.4.2.2", "3.4.2.1.3.1"]),
+    "crash: an empty table beside a name behind its entry": (6720, ["3.12.1", "3.12.1.2"]),
+    "endless: a column of an empty table beside one beyond its last": (6720, ["3.12.1.1.1", "3.12.1.1.9"]),
+    "endless: the empty voltage table of a station": (6211, ["3.4.2.1.1", "3.4.2.1.9"]),
+    "backwards: a count beside the last cell of its table": (6420, ["3.4.1.0", "3.4.2.1.3.13"]),
+    "backwards: a count beside the columns of its table": (6720, ["3.3.1", "3.3.2.1.1", "3.3.2.1.2", "3.3.2.1.3"]),
+    "backwards: a cell beside a column beyond the last": (6420, ["3.4.2.1.3.1", "3.4.2.1.4"]),
+    "backwards: the last relay cell beside a column beyond the last": (6211, ["3.12.1.1.5.1", "3.12.1.1.6"]),
+}
+WAYS = {"GETNEXT v1": (V1, 0), "GETNEXT v2c": (V2C, 0), "GETBULK 1": (V2C, 1), "GETBULK 5": (V2C, 5)}
+
+
+def answers_alone(target: Target, name: ber.Oid, version: int, repetitions: int) -> list[ber.Binding]:
+    found, last = [], name
+    for _ in range(max(1, repetitions)):
+        binding, = target.manager.ask(GETNEXT, [last], version=version).bindings
+        found.append(binding)
+        last = binding.oid
+    return found
+
+
+@pytest.mark.parametrize("unharmed, names", [
+    pytest.param(Walk(model), [below_enterprise(name) for name in names], id=case)
+    for case, (model, names) in CASES.items()], indirect=["unharmed"])
+def test_each_name_gets_the_answer_that_it_gets_alone(unharmed, names):
+    for way, (version, repetitions) in WAYS.items():
+        alone = [answers_alone(unharmed, name, version, repetitions) for name in names]
+        together = unharmed.manager.ask(GETBULK if repetitions else GETNEXT, names, version=version, second=repetitions)
+        assert together.error == 0, way
+        assert together.bindings == [answers[turn] for turn in range(len(alone[0])) for answers in alone], way
+        assert all(following.oid > name for name, (following, *_) in zip(names, alone)), way
+
+
+@pytest.mark.parametrize("unharmed", [Walk(6420), Walk(6211), Walk(6720)], indirect=True, ids=lambda walk: walk.name)
+def test_all_names_at_once(unharmed):
+    names = unharmed.oids()
+    answer = unharmed.manager.ask(GETNEXT, names)
+    assert (answer.error, answer.bindings[:-1]) == (0, unharmed.walk[1:])
+    assert answer.bindings[-1:] == answers_alone(unharmed, names[-1], V2C, 0)
+    assert unharmed.manager.ask(GET, names).bindings == unharmed.walk
+
+
+def test_a_manager_that_reads_a_count_and_columns_together_gets_past_the_table(unharmed):
+    """As snmpbulkwalk and graphing tools do: the answers to the last request are the names of the next."""
+    module = below_enterprise("3.4")
+    names = [below_enterprise(name) for name in ("3.4.1", "3.4.2.1.1", "3.4.2.1.2", "3.4.2.1.3")]
+    while any(name[:len(module)] == module for name in names):
+        answer = unharmed.manager.ask(GETNEXT, names)
+        assert answer.bindings == [unharmed.following(name)[0] for name in names]
+        names = [binding.oid for binding in answer.bindings]
+
+
+@pytest.mark.parametrize("model, names", [pytest.param(*case, id=name) for name, case in CASES.items() if name.startswith("endless")])
+def test_the_daemon_still_ends_when_it_is_told_to(start_device, model, names):
+    device = start_device(model, *options(Walk(model))).wait_answering()
+    manager = RawManager.of(device)
+    manager.begin(GETNEXT, [below_enterprise(name) for name in names])
+    assert manager.ask(GET, [MODEL]).error == 0
+    manager.close()
+    device.end_kvsnmp()
+    assert device.kvsnmp_status() == 0
+
+
+# More names than one message between snmpd and the sub-agent holds, of 64 KiB. In AgentX a name of 13 arcs below the
+# enterprise arc takes 36 bytes, the end of the search behind it 24, a Gauge32's answer 44, its text's at least 40.
+
+CELL, TEXT = below_enterprise("3.4.2.1.3.1"), below_enterprise("3.4.2.1.2.1")
+GET_LIMIT = (65536 - 28) // 44
+GETNEXT_LIMIT = (65536 - 20) // 60
+TOO_MANY = {  # kind, name, number of names, fields of the message; what is too long
+    "GET, the answer": (GET, CELL, GET_LIMIT + 1, {}),
+    "GET v1, the answer": (GET, CELL, GET_LIMIT + 1, {"version": V1}),
+    "GET, the request": (GET, CELL, 1700, {}),
+    "GETNEXT, the request": (GETNEXT, CELL, GETNEXT_LIMIT + 1, {}),
+    "GETNEXT, the answer": (GETNEXT, TEXT, GETNEXT_LIMIT, {}),
+    "GETNEXT, as many short names as a datagram holds": (GETNEXT, ber.numbers(PRIVATE_MIB), 4600, {}),
+    "GETBULK, the request for its non-repeaters": (GETBULK, CELL, GETNEXT_LIMIT + 1, {"first": 5000, "second": 5}),
+}
+
+
+@pytest.mark.parametrize("kind, name, count, fields", TOO_MANY.values(), ids=TOO_MANY)
+def test_too_many_names_are_refused_at_once_and_cost_nothing(unharmed, kind, name, count, fields):
+    """The session to snmpd stays. A sub-agent that is silent loses it after 6 s."""
+    begin = time.monotonic()
+    answer = unharmed.manager.answer_to(unharmed.manager.begin(kind, [name] * count, **fields), 20)
+    refused = time.monotonic()
+    assert unharmed.manager.ask(GET, [CELL], timeout=10).bindings == [(CELL, unharmed.value_of(CELL))]
+    # snmpd has another word for the failure of any GET of version 1, and names the last variable.
+    failed = (ber.NO_SUCH_NAME, count) if kind == GET and fields else (ber.TOO_BIG, 1)
+    assert (answer.error, answer.index, len(answer.bindings)) == (*failed, count)
+    assert refused - begin < 5 and time.monotonic() - refused < 1
+    assert unharmed.device.kvsnmp_err().count("AgentX subagent connected") == 1
+
+
+def test_too_many_names_are_refused_after_a_restart_of_snmpd(start_device):
+    device = start_device(6420, *options(Walk(6420))).wait_answering()
+    former = device.wait_snmpd()
+    device.stir_snmpd_folder()
+    device.wait_snmpd(other_than=[former])
+    device.wait_answering()
+    manager = RawManager.of(device)
+    assert manager.ask(GETNEXT, [CELL] * (GETNEXT_LIMIT + 1), timeout=5, tries=1).error == ber.TOO_BIG
+    assert manager.ask(GET, [CELL], timeout=1, tries=1).error == 0
+    manager.close()
+
+
+def test_as_many_names_as_there_is_room_for(unharmed):
+    """As docs/mib.md says, eight hundred always fit, also those whose answers are longest."""
+    longest = max(unharmed.walk, key=lambda binding: len(binding.value[1]) if binding.value[0] == "STRING" else 0).oid
+    for kind, name, count in [(GET, CELL, GET_LIMIT), (GETNEXT, CELL, GETNEXT_LIMIT), (GET, longest, 800), (GETNEXT, longest, 800)]:
+        answer = unharmed.manager.ask(kind, [name] * count, timeout=10)
+        expected = [(name, unharmed.value_of(name))] if kind == GET else unharmed.following(name)[:1]
+        assert (answer.error, answer.bindings) == (0, expected * count)
+
+
+@pytest.mark.parametrize("repeaters, first, repetitions", [
+    (1, 0, GREATEST), (1, 0, 65536), (10, 0, GREATEST), (40, 0, 2000), (100, 0, GREATEST), (1000, 0, 1000), (2000, 0, GREATEST),
+    (10, 10, GREATEST), (100, 5, GREATEST), (10, GREATEST, GREATEST), (0, 0, GREATEST),
+    (1, -1, 10), (1, 0, -1), (1, -GREATEST - 1, -GREATEST - 1), (1, 0, 0),
+], ids=str)
+def test_getbulk_without_measure_is_answered_in_measure(unharmed, repeaters, first, repetitions):
+    """snmpd gives 100 variables at most, in whole rows; negative numbers count as 0."""
+    names = [unharmed.oids()[place % 40] for place in range(repeaters)]
+    begin = time.monotonic()
+    answer = unharmed.manager.ask(GETBULK, names, first=first, second=repetitions)
+    assert answer.error == 0
+    assert len(answer.bindings) <= 100 and time.monotonic() - begin < 1
+    first, repetitions = min(max(first, 0), repeaters), max(repetitions, 0)
+    assert (answer.bindings == []) == (repetitions == 0 and first == 0 or repeaters in (0, 1000, 2000))
+    for place, binding in enumerate(answer.bindings):
+        if place < first:
+            assert binding == unharmed.following(names[place])[0]
+        else:
+            row, column = divmod(place - first, repeaters - first)
+            assert binding == unharmed.following(names[first + column])[row]
+
+
+# A request that mixes what is absent in two ways
+
+
+@pytest.mark.parametrize("version", [V1, V2C], ids=["v1", "v2c"])
+@pytest.mark.parametrize("unharmed, name", [
+    (model, name) for model in (AMPLIFIER, STATION) for name in tables_of(model)
+], indirect=["unharmed"], ids=lambda value: value.name if isinstance(value, Walk) else value)
+def test_absent_index_beside_a_column_beyond_the_last_fails_the_whole_pdu(unharmed, name, version):
+    """In each order: no value, not even that of the cell which is there. Intended."""
+    table = TABLES[name]
+    entry = entry_of(table)
+    present = next(oid for oid in unharmed.oids() if oid[:len(entry)] == entry)
+    absent, another = entry + (1, 99), entry + (1, 98)
+    beyond = entry + (len(table.columns) + 1, present[-1])
+    for names in itertools.permutations((absent, beyond, present)):
+        answer = unharmed.manager.ask(GET, names, version=version)
+        # Version 1 has another word for it, and snmpd then names the last of the variables, whichever that is.
+        assert (answer.error, answer.index) == ((ber.NO_SUCH_NAME, 3) if version == V1 else (ber.GENERAL_ERROR, 1))
+        assert [binding.oid for binding in answer.bindings] == list(names)
+        assert not any(value[0] in ("INTEGER", "Gauge32", "STRING") for _, value in answer.bindings)
+    # Each of the two alone does no harm.
+    assert unharmed.manager.ask(GET, [absent]).bindings == [(absent, NO_SUCH_INSTANCE)]
+    assert unharmed.manager.ask(GET, [beyond]).bindings == [(beyond, NO_SUCH_OBJECT)]
+    values = [value for _, value in unharmed.manager.ask(GET, [absent, present, another]).bindings]
+    assert values[0] == values[2] == NO_SUCH_INSTANCE and values[1] not in NO_SUCH
+
+
+# Many kinds of walk, and many managers
+
+
+@pytest.mark.parametrize("version, repetitions", [(V1, 0), (V2C, 0), (V2C, 1), (V2C, 10), (V2C, 25), (V2C, GREATEST)],
+                         ids=["GETNEXT v1", "GETNEXT v2c", "GETBULK 1", "GETBULK 10", "GETBULK 25", "GETBULK 2^31 - 1"])
+def test_every_kind_of_walk_gives_the_same(unharmed, version, repetitions):
+    assert unharmed.manager.walk(repetitions=repetitions, version=version) == unharmed.walk
+
+
+def test_two_hundred_and_fifty_six_managers_each_get_their_own_answers(unharmed):
+    """Each asks for cells of its own, all at once, and the next when it has its answer, or the same after 2 s without."""
+    count, questions = 256, 20
+    managers = [RawManager(one) for one in sockets(unharmed.device, count)]
+    asked: dict[RawManager, tuple[int, ber.Binding, float]] = {}
+    left = {manager: [unharmed.walk[(place * 7 + turn * 13) % len(unharmed.walk)] for turn in range(questions)]
+            for place, manager in enumerate(managers)}
+
+    def ask(manager: RawManager) -> None:
+        asked[manager] = (manager.begin(GET, [left[manager][-1].oid]), left[manager][-1], time.monotonic())
+
+    begin = time.monotonic()
+    with selectors.DefaultSelector() as selector:
+        for manager in managers:
+            selector.register(manager.socket, selectors.EVENT_READ, manager)
+            ask(manager)
+        while asked:
+            for manager in [key.data for key, _ in selector.select(0.5)]:
+                data = manager.receive(0)
+                if data is None or manager not in asked or ber.answer(data).number != asked[manager][0]:
+                    continue
+                answer, (_, wanted, _) = ber.answer(data), asked.pop(manager)
+                assert (answer.error, answer.bindings) == (0, [wanted])
+                left[manager].pop()
+                if left[manager]:
+                    ask(manager)
+            for manager in [manager for manager, (_, _, since) in asked.items() if time.monotonic() > since + 2]:
+                ask(manager)
+            assert time.monotonic() < begin + 60, f"{len(asked)} managers wait"
+    print(f"{count} managers: {count * questions / (time.monotonic() - begin):.0f} GETs per second")
+    for manager in managers:
+        manager.close()
