@@ -5,8 +5,8 @@ import itertools
 import json
 import threading
 import time
-import xml.etree.ElementTree as ElementTree
 from collections import defaultdict
+from collections.abc import Iterator
 from contextlib import closing
 
 import pytest
@@ -15,45 +15,62 @@ from support.catalogue import COLUMN_OIDS
 from support.device import Device
 from support.rawmanager import RawManager
 from support.target import Target, intact
-from support.walks import Expected, Walk
+
+INTEGER = "INTEGER"
+Values = set[tuple[str, str]]
+
+
+def chosen(words: dict[str, int], turn: int) -> tuple[str, int]:
+    return sorted(words.items())[turn % len(words)]
+
+
+def cells(turn: int) -> Iterator[tuple[str, str, str, object]]:
+    """For every value of the data service on the model: path, new text, cell, what is served for it."""
+    for place, (index, _, key) in enumerate(catalogue.VOLTAGES[6420]):
+        yield f"power_lines/power_line[kid='{key}']/voltage", f"{20 + place + turn / 1000:.3f}", f"voltageValue.{index}", 1000 * (20 + place) + turn
+    for place, (index, _, key) in enumerate(catalogue.TEMPERATURES[6420]):
+        for kind in ("Current", "Peak", "Average"):
+            path = f"temp_sensors/temp_sensor[kid='{key}']/temp_{kind.lower()}"
+            yield path, f"{20 + place + turn / 10:.1f}", f"temp{kind}.{index}", 10 * (20 + place) + turn
+    for index, _, key in catalogue.FANS[6420]:
+        yield f"fans/fan[kid='{key}']/speed_sensor_rpm", str(1000 + turn), f"fanSpeed.{index}", 1000 + turn
+    truth = "true" if turn % 2 else "false"
+    for channel in (1, 2):
+        line = f"lines/line[kid='ch{channel}']"
+        yield f"{line}/characteristics/line_state", *alike(f"ampChannelLineState.{channel}", catalogue.LINE_STATES, turn)
+        for let in range(1, 11):
+            path, name = f"{line}/lets/let[kid='{let}']", f"letChannel{channel}"
+            yield f"{path}/let_vcc", f"{let + turn / 1000:.3f}", f"{name}Voltage.{let}", 1000 * let + turn
+            yield f"{path}/sw_version", f"1.{turn}", f"{name}SoftwareVersion.{let}", f"1.{turn}"
+            yield f"{path}/hw_version", "A" * (1 + turn % 20), f"{name}HardwareVersion.{let}", ("A" * (1 + turn % 20))[:19]
+        line = f"lines/line[kid='ln{channel}']"  # the two alike: a row may show the other's
+        yield f"{line}/pilot_tone_state", *alike(f"lineInStatus.{channel}", catalogue.PILOT_TONES, turn)
+        yield (f"config/{line}/pilot_tone_sensing_enable", truth, f"lineInMonitoring.{channel}",
+               catalogue.LINE_IN_MONITORING[truth])
+        source = f"power_sources/power_source[kid='{catalogue.POWER_KEYS[channel]}']"
+        yield f"{source}/live", truth, f"powerLive.{channel}", catalogue.POWER_LIVE[truth]
+        yield f"config/{source}/monitored", truth, f"powerMonitored.{channel}", catalogue.POWER_MONITORED[truth]
+        yield (f"config/os_ip/eth_switch/port[port_id='Eth{channel}']/monitored", truth, f"ethMonitoringMonitored.{channel}",
+               catalogue.ETH_MONITORED[truth])
+    for index in range(1, 7):
+        yield f"config/gpis/gpi[kid='gpi{index}']/monitored", truth, f"controlInputMonitored.{index}", catalogue.INPUT_MONITORED[truth]
+
+
+def alike(cell: str, words: dict[str, int], turn: int) -> tuple[str, str, int]:
+    word, code = chosen(words, turn)
+    return word, cell, code
 
 
 def changes(turn: int) -> list[steps.Command]:
-    """A new text for everything that has one on the model, as told by the catalogue."""
-    def word(words) -> str:
-        texts = sorted(words)
-        return texts[turn % len(texts)]
-
-    truth = "true" if turn % 2 else "false"
-    new = {f"power_lines/power_line[kid='{key}']/voltage": f"{20 + place + turn / 1000:.3f}"
-           for place, (_, _, key) in enumerate(catalogue.VOLTAGES[6420])}
-    new |= {f"temp_sensors/temp_sensor[kid='{key}']/temp_{kind}": f"{20 + place + turn / 10:.1f}"
-            for place, (_, _, key) in enumerate(catalogue.TEMPERATURES[6420])
-            for kind in ("current", "peak", "average")}
-    new |= {f"fans/fan[kid='{key}']/speed_sensor_rpm": str(1000 + turn) for _, _, key in catalogue.FANS[6420]}
-    for line in ("ch1", "ch2"):
-        new[f"lines/line[kid='{line}']/characteristics/line_state"] = word(catalogue.LINE_STATES)
-        for let in range(1, 11):
-            path = f"lines/line[kid='{line}']/lets/let[kid='{let}']"
-            new |= {f"{path}/let_vcc": f"{let + turn / 1000:.3f}", f"{path}/sw_version": f"1.{turn}",
-                    f"{path}/hw_version": "A" * (1 + turn % 20)}
-    for line in ("ln1", "ln2"):  # the two alike: a row may show the other's
-        new[f"lines/line[kid='{line}']/pilot_tone_state"] = word(catalogue.PILOT_TONES)
-        new[f"config/lines/line[kid='{line}']/pilot_tone_sensing_enable"] = truth
-    for source in ("ac_power", "dc_power"):
-        new[f"power_sources/power_source[kid='{source}']/live"] = truth
-        new[f"config/power_sources/power_source[kid='{source}']/monitored"] = truth
-    new |= {f"config/gpis/gpi[kid='gpi{index}']/monitored": truth for index in range(1, 7)}
-    new |= {f"config/os_ip/eth_switch/port[port_id='Eth{index}']/monitored": truth for index in (1, 2)}
+    """A new text for everything that has one on the model."""
     step = turn % 5  # of the channels: in operation, a fault, disabled, no class-D amplifier, in operation
-    new["class_d_amp_status/status"] = "failed" if step == 3 else "ok"
-    commands = []
-    for channel, line in enumerate(("ch1", "ch2")):
-        new[f"config/lines/line[kid='{line}']/enable"] = "false" if step == 2 else "true"
-        commands.append(["monitor", "amp", str(channel), "1" if step == 1 else "2"])
+    new = [(path, text) for path, text, _, _ in cells(turn)]
+    new.append(("class_d_amp_status/status", "failed" if step == 3 else "ok"))
+    new += [(f"config/lines/line[kid='{line}']/enable", "false" if step == 2 else "true") for line in ("ch1", "ch2")]
+    commands = [["monitor", "amp", channel, "1" if step == 1 else "2"] for channel in "01"]
     for words, kind in ((catalogue.INPUT_STATES, "gpi"), (catalogue.OUTPUT_STATES, "gpo")):
-        commands += [["monitor", kind, str(place), word(words)] for place in range(6)]
-    return [*(steps.put(f"/state/{path}", text) for path, text in new.items()), *commands, *let_changes(turn)]
+        commands += [["monitor", kind, str(place), chosen(words, turn)[0]] for place in range(6)]
+    return [*(steps.put(f"/state/{path}", text) for path, text in new), *commands, *let_changes(turn)]
 
 
 def let_changes(turn: int) -> list[steps.Command]:
@@ -61,19 +78,11 @@ def let_changes(turn: int) -> list[steps.Command]:
     return [["monitor", "let", channel, str(let), str(1 + turn // 5 % 2)] for channel in "01" for let in range(1, 11)]
 
 
-def codes(*values: int) -> set[tuple[str, str]]:
-    return {("INTEGER", str(value)) for value in values}
-
-
-# What comes of both the data service and the amplifier monitor, whichever is the faster: rows, and the states that
-# `changes` can lead to. The data service's tree alone does not tell them.
-ANNOUNCED = {
-    "ampChannelStatus": (2, codes(2, 3, 4, 5)),
-    "letChannel1Status": (10, codes(1, 3, 4)),
-    "letChannel2Status": (10, codes(1, 3, 4)),
-    "controlInputStatus": (6, codes(*catalogue.INPUT_STATES.values())),
-    "controlOutputState": (6, codes(*catalogue.OUTPUT_STATES.values())),
-}
+# What comes of both the data service and the amplifier monitor, whichever is the faster: rows, and the codes that
+# `changes` can lead to.
+ANNOUNCED = {"ampChannelStatus": (2, {2, 3, 4, 5}), "letChannel1Status": (10, {1, 3, 4}), "letChannel2Status": (10, {1, 3, 4}),
+             "controlInputStatus": (6, {*catalogue.INPUT_STATES.values()}),
+             "controlOutputState": (6, {*catalogue.OUTPUT_STATES.values()})}
 
 
 def begin_anew(device: Device) -> None:
@@ -96,26 +105,29 @@ def announced(start_device):
 def test_walks_while_every_value_changes(announced):
     """Each walk is whole and in order, and each value in it one that the device had (`ANNOUNCED`: can have had)."""
     device, manager = announced.device, announced.manager
-    model = Walk(device.model)
-    had: dict[ber.Oid, set[tuple[str, str]]] = defaultdict(set)
+    had: dict[ber.Oid, Values] = defaultdict(set)
+    for oid, value in announced.walk:
+        had[oid].add(value)
+    for column, (rows, codes) in ANNOUNCED.items():
+        for index in range(1, rows + 1):
+            had[ber.numbers(f"{COLUMN_OIDS[column]}.{index}")] |= {(INTEGER, str(code)) for code in codes}
     turns = itertools.count(1)
     failures: list[Exception] = []
     done = threading.Event()
 
-    def note(tree: str) -> None:
-        for variable in Expected(model, ElementTree.fromstring(tree)).variables():
-            had[ber.numbers(variable.oid)].add(variable.value)
-
     def change() -> None:
         try:
             while not done.is_set():
-                device.talctl_batch([json.dumps(command) for command in changes(next(turns))])
-                note(device.talctl("get", "/state"))
+                turn = next(turns)
+                for _, _, cell, value in cells(turn):
+                    column, _, index = cell.partition(".")
+                    oid = ber.numbers(f"{COLUMN_OIDS[column]}.{index}")
+                    had[oid].add((next(iter(had[oid]))[0], str(value)))
+                device.talctl_batch([json.dumps(command) for command in changes(turn)])
                 device.shift_clock(steps.CACHE_SECONDS)
         except Exception as failure:  # reported by the test itself
             failures.append(failure)
 
-    note(device.talctl("get", "/state"))
     changer = threading.Thread(target=change)
     changer.start()
     walks = []
@@ -128,15 +140,12 @@ def test_walks_while_every_value_changes(announced):
         changer.join()
         begin_anew(device)
     assert not failures
-    for column, (rows, states) in ANNOUNCED.items():
-        had |= {ber.numbers(f"{COLUMN_OIDS[column]}.{index}"): states for index in range(1, rows + 1)}
-    seen: dict[ber.Oid, set[tuple[str, str]]] = defaultdict(set)
+    seen: dict[ber.Oid, Values] = defaultdict(set)
     for walk in walks:
         assert [binding.oid for binding in walk] == announced.oids()
         for oid, value in walk:
             seen[oid].add(value)
-    strangers = {ber.dotted(oid): values - had[oid] for oid, values in seen.items() if values - had[oid]}
-    assert strangers == {}
+    assert {ber.dotted(oid): values - had[oid] for oid, values in seen.items() if values - had[oid]} == {}
     changing = [oid for oid, values in had.items() if len(values) > 1]
     unmoved = [ber.dotted(oid) for oid in changing if len(seen[oid]) == 1]
     print(f"{len(walks)} walks over {next(turns) - 1} changes of {len(changing)} values")

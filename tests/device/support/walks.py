@@ -2,8 +2,6 @@
 from __future__ import annotations
 
 import fnmatch
-import xml.etree.ElementTree as ElementTree
-from decimal import Decimal
 from typing import NamedTuple
 
 from . import catalogue, steps
@@ -38,7 +36,8 @@ class Walk(NamedTuple):
 WALKS = [Walk(model) for model in catalogue.MODELS] + [Walk(model, text) for model in STATIONS
                                                        for text in (COMPACT, EXTENDED)]
 
-# One line input has no pilot tone, so that the walks show what the line states do to lineInStatus (expected_line_in).
+# One line input has no pilot tone, so that the walks show what the line states do to lineInStatus: each copies
+# the pilot tone that was reported last.
 FAILED_TONE = "/state/lines/line[kid='ln1']/pilot_tone_state=failed"
 
 
@@ -102,159 +101,20 @@ def wait_for_lines(device: Device, walk: Walk) -> None:
     wait_until(all_read, 60, what="all GPIO lines read")
 
 
-class Expected:
-    """What is served, from the catalogue and the data service's tree.
-
-    Each table gives its rows as dictionaries, column to value; the index and the description go without saying."""
-
-    def __init__(self, walk: Walk, tree: ElementTree.Element) -> None:
-        self.model, self.expanders, self.text = walk.model, walk.expanders, walk.text
-        self.tree = tree
-
-    def variables(self) -> list[Variable]:
-        tables = {item.name: getattr(self, item.name)() for item in OBJECTS if isinstance(item, Table)}
-        scalars = self.scalars() | {
-            "tempTableCount": len(tables["tempTable"]), "fanTableCount": len(tables["fanTable"]),
-            "voltageTableCount": len(tables["voltageTable"]), "ampChannelCount": len(tables["ampChannelTable"]),
-            "letChannel1Count": len(tables["letChannel1Table"]), "letChannel2Count": len(tables["letChannel2Table"]),
-            "controlInputCount": len(tables["controlInputTable"]),
-            "controlOutputCount": len(tables["controlOutputTable"])}
-        variables = []
-        for item in OBJECTS:
-            if not isinstance(item, Table):
-                variables.append(Variable(item.oid, item.type, str(scalars[item.name])))
-                continue
-            for column, kind in item.columns:
-                for row in tables[item.name]:
-                    index = row[item.columns[0][0]]
-                    variables.append(Variable(f"{item.oid(column)}.{index}", kind, str(row[column])))
-        return variables
-
-    def word(self, path: str) -> str:
-        found = self.tree.findall(path)
-        assert len(found) == 1, f"{len(found)} nodes at {path}"
-        return found[0].text or ""
-
-    def scaled(self, path: str, scale: int) -> int:
-        return int(Decimal(self.word(path)) * scale)
-
-    def scalars(self) -> dict[str, object]:
-        texts = {6211: "Orvane Brisel Compact - IP-QRM", 6214: "Orvane Brisel Extended - IP-QRM",
-                 6259: "Orvane Brisel Station - IP-QRM-V", 6410: "Orvane Mervio Controller",
-                 6420: "Orvane Mervio Amplifier VQ9D", 6425: "Orvane Mervio Amplifier VQ9C-RX",
-                 6601: "Orvane Brisel Desk - IP-QDM", 6602: "Orvane Brisel Desk - IP-QDM-V",
-                 6720: "Orvane Mervio Amplifier VQ9",  # not what its file says: the type VQ9B has one name
-                 6764: "Orvane Mervio Amplifier VQ9D-P2", 6891: "Orvane Brisel Outdoor - IP-QRM-W",
-                 6913: "Orvane Mervio Switch 8", 6914: "Orvane Mervio Switch 16"}
-        labels = {6420: "VQ9D", 6425: "VQ9C", 6720: "VQ9B", 6764: "VQ9D-P2"}
-        return {"infoPackageVersion": "4.12.3", "infoModelType": self.text or texts[self.model],
-                "infoModelNumber": self.model, "infoAmplifierType": labels.get(self.model, ""),
-                "infoKernelVersion": "5.15.71", "infoDeviceTreeVersion": f"{self.model}-2.1", "infoDisablement": 2,
-                "ampType": catalogue.AMP_TYPES.get(self.model, 1)}
-
-    def tempTable(self) -> list[dict]:
-        sensor = "temp_sensors/temp_sensor[kid='{}']/temp_{}"
-        return [{"tempIndex": index, "tempDescription": f"Temperature Sensor: {text}",
-                 "tempCurrentLabel": "Current Temperature", "tempPeakLabel": "Peak Temperature",
-                 "tempAverageLabel": "Average Temperature",
-                 "tempCurrent": self.scaled(sensor.format(key, "current"), 10),
-                 "tempPeak": self.scaled(sensor.format(key, "peak"), 10),
-                 "tempAverage": self.scaled(sensor.format(key, "average"), 10)}
-                for index, text, key in catalogue.TEMPERATURES.get(self.model, [])]
-
-    def fanTable(self) -> list[dict]:
-        return [{"fanIndex": index, "fanDescription": text,
-                 "fanSpeed": self.scaled(f"fans/fan[kid='{key}']/speed_sensor_rpm", 1)}
-                for index, text, key in catalogue.FANS.get(self.model, [])]
-
-    def voltageTable(self) -> list[dict]:
-        return [{"voltageIndex": index, "voltageDescription": text,
-                 "voltageValue": self.scaled(f"power_lines/power_line[kid='{key}']/voltage", 1000)}
-                for index, text, key in catalogue.VOLTAGES.get(self.model, [])]
-
-    def powerTable(self) -> list[dict]:
-        rows = []
-        for index in catalogue.POWERS.get(self.model, []):
-            key, live, monitored = catalogue.POWER_KEYS[index], 1, 1
-            if self.model in (6410, 6420):  # the others take no notice of theirs
-                live = catalogue.POWER_LIVE[self.word(f"power_sources/power_source[kid='{key}']/live")]
-                monitored = catalogue.POWER_MONITORED[
-                    self.word(f"config/power_sources/power_source[kid='{key}']/monitored")]
-            rows.append({"powerIndex": index, "powerKind": index, "powerDescription": key, "powerLive": live,
-                         "powerMonitored": monitored})
-        return rows
-
-    def lineInTable(self) -> list[dict]:
-        rows = []
-        for index, text, key in catalogue.LINE_INPUTS.get(self.model, []):
-            # Where line states are reported, each copies the pilot tone reported last, that of ln2.
-            source = "ln2" if self.model in (6420, 6425) else key
-            tone = self.word(f"lines/line[kid='{source}']/pilot_tone_state")
-            monitored = self.word(f"config/lines/line[kid='{key}']/pilot_tone_sensing_enable")
-            rows.append({"lineInIndex": index, "lineInStatus": catalogue.PILOT_TONES[tone], "lineInMicStatus": 0,
-                         "lineInDescription": text, "lineInMonitoring": catalogue.LINE_IN_MONITORING[monitored]})
-        for index, text, key in catalogue.MICROPHONES.get(self.model, []):
-            state = self.word({3: "lines/mic_status_extern", 4: "lines/mic_status_intern"}[index])
-            monitored = self.word(f"config/lines/line[kid='{key}']/mic_monitor_enable")
-            rows.append({"lineInIndex": index, "lineInStatus": 0, "lineInMicStatus": catalogue.MIC_STATES[state],
-                         "lineInDescription": text, "lineInMonitoring": catalogue.LINE_IN_MONITORING[monitored]})
-        return rows
-
-    def ampChannelTable(self) -> list[dict]:
-        if self.model in catalogue.ONE_OUTPUT:
-            return [{"ampChannelIndex": 1, "ampChannelDescription": "Brisel output", "ampChannelStatus": 1,
-                     "ampChannelLineState": 1}]
-        # No amplifier monitor has announced anything: the status is unknown(1).
-        return [{"ampChannelIndex": channel, "ampChannelDescription": f"Channel {channel}", "ampChannelStatus": 1,
-                 "ampChannelLineState": catalogue.LINE_STATES[
-                     self.word(f"lines/line[kid='ch{channel}']/characteristics/line_state")]}
-                for channel in (1, 2) if self.model in catalogue.TWO_CHANNELS]
-
-    def _lets(self, channel: int) -> list[dict]:
-        if self.model not in catalogue.LETS:
-            return []
-        let = f"lines/line[kid='ch{channel}']/lets/let[kid='{{}}']/{{}}"
-        name = f"letChannel{channel}"
-        return [{f"{name}Index": index, f"{name}Description": f"LET {index} Channel {channel}", f"{name}Status": 1,
-                 f"{name}SoftwareVersion": self.word(let.format(index, "sw_version")),
-                 f"{name}HardwareVersion": self.word(let.format(index, "hw_version")),
-                 f"{name}Voltage": self.scaled(let.format(index, "let_vcc"), 1000)} for index in range(1, 11)]
-
-    def letChannel1Table(self) -> list[dict]:
-        return self._lets(1)
-
-    def letChannel2Table(self) -> list[dict]:
-        return self._lets(2)
-
-    def _gpio_type(self, index: int) -> str:
-        """The word for a general-purpose pin; "" on models without."""
-        return self.word(f"config/gpios/gpio[kid='gpio{index}']/gpio_type") if self.model in STATIONS else ""
-
-    def controlInputTable(self) -> list[dict]:
-        rows = []
-        monitored = 6 if self.model in (6410, 6420) else 2 if self.model in (6425, 6720, 6764) else 0
-        for index, text in catalogue.control_inputs(self.expanders):
-            word = self.word(f"config/gpis/gpi[kid='gpi{index}']/monitored") if index <= monitored else "false"
-            rows.append({"controlInputIndex": index, "controlInputDescription": text,
-                         "controlInputStatus": 2 if self._gpio_type(index) == "gpi" else 1,  # all lines read 0
-                         "controlInputMonitored": catalogue.INPUT_MONITORED[word]})
-        return rows
-
-    def controlOutputTable(self) -> list[dict]:
-        return [{"controlOutputIndex": index, "controlOutputDescription": text,
-                 "controlOutputState": 2 if self._gpio_type(index) == "gpo" else 1}
-                for index, text in catalogue.control_outputs()]
-
-    def ethMonitoringTable(self) -> list[dict]:
-        if self.model in catalogue.WITHOUT_PORTS:
-            return []
-        port = "config/os_ip/eth_switch/port[port_id='Eth{}']/monitored"
-        return [{"ethMonitoringIndex": index, "ethMonitoringDescription": f"Eth {index}",
-                 "ethMonitoringMonitored": catalogue.ETH_MONITORED[self.word(port.format(index))]} for index in (1, 2)]
-
-    def relayTable(self) -> list[dict]:
-        relay = "config/gpos/gpo[kid='{}']/{}"
-        return [{"relayIndex": index, "relayDescription": text, "relayStatus": 2,
-                 "relayIdleMode": catalogue.IDLE_MODES[self.word(relay.format(key, "idle_mode"))],
-                 "relayDelay": int(self.word(relay.format(key, "delay")))}
-                for index, text, key in catalogue.relays(self.model, self.expanders)]
+def catalogue_rows(walk: Walk) -> dict[str, list[tuple[int, str]]]:
+    """Index and description of each row that the catalogue has, by table."""
+    model = walk.model
+    ports = [] if model in catalogue.WITHOUT_PORTS else [(index, f"Eth {index}") for index in (1, 2)]
+    channels = [(channel, f"Channel {channel}") for channel in (1, 2) if model in catalogue.TWO_CHANNELS]
+    rows = {
+        "tempTable": [(index, f"Temperature Sensor: {text}") for index, text, _ in catalogue.TEMPERATURES.get(model, [])],
+        "fanTable": catalogue.FANS.get(model, []), "voltageTable": catalogue.VOLTAGES.get(model, []),
+        "powerTable": [(index, catalogue.POWER_KEYS[index]) for index in catalogue.POWERS.get(model, [])],
+        "lineInTable": [*catalogue.LINE_INPUTS.get(model, []), *catalogue.MICROPHONES.get(model, [])],
+        "ampChannelTable": [(1, "Brisel output")] if model in catalogue.ONE_OUTPUT else channels,
+        "controlInputTable": catalogue.control_inputs(walk.expanders), "controlOutputTable": catalogue.control_outputs(),
+        "ethMonitoringTable": ports, "relayTable": catalogue.relays(model, walk.expanders)}
+    for channel in (1, 2):
+        rows[f"letChannel{channel}Table"] = [(index, f"LET {index} Channel {channel}") for index in range(1, 11)
+                                             if model in catalogue.LETS]
+    return {name: [tuple(row[:2]) for row in found] for name, found in rows.items()}
