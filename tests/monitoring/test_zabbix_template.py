@@ -42,14 +42,11 @@ def nodes(value: Any) -> Iterator[dict]:
             yield from nodes(one)
 
 
-def test_uuids_are_valid_and_none_is_there_twice():
+def test_uuids_are_valid_each_there_once_and_stay_as_they_are():
     found = [node["uuid"] for node in nodes(EXPORT) if "uuid" in node]
     assert len(found) == len(set(found)) > 100
     assert all(re.fullmatch("[0-9a-f]{32}", text) and uuid.UUID(text).version == 4 for text in found)
-
-
-def test_uuids_stay_as_they_are_for_good():
-    """A server takes a thing with another uuid for another thing, and its history ends."""
+    # A server takes a thing with another uuid for another thing, and its history ends.
     assert TEMPLATE["uuid"] == "f6845fdba60e45a8872e5c8e77431ce7"
     assert {item["key"]: item["uuid"] for item in PROTOTYPES}["kvsnmp.voltageValue[{#SNMPINDEX}]"] == "99454cfaf687487a8e92c379cb52f99d"
 
@@ -98,19 +95,13 @@ def test_scales_give_volts_and_degrees():
     assert {item.get("units") for item in PROTOTYPES} == {None, "V", "°C", "rpm"}
 
 
-def test_macros_are_used_and_known():
+def test_macros_dependencies_and_triggers_fit_together():
     used = {f"{{$KV.{name}}}" for name in re.findall(r"\{\$KV\.([A-Z.]+)(?::[^}]*\}[^}]*)?\}", TEXT)}
     assert used == {macro["macro"] for macro in TEMPLATE["macros"]}
-
-
-def test_dependencies_name_triggers_that_are_there():
     there = {(trigger["name"], trigger["expression"], trigger.get("recovery_expression")) for trigger in TRIGGERS}
     wanted = [(one["name"], one["expression"], one.get("recovery_expression"))
               for trigger in TRIGGERS for one in trigger.get("dependencies", [])]
     assert wanted and all(one in there for one in wanted)
-
-
-def test_every_table_has_a_trigger():
     without = [rule["key"] for rule in RULES if not any(
         place.get("trigger_prototypes") for place in [rule, *rule["item_prototypes"]])]
     assert without == []
@@ -150,12 +141,9 @@ def test_a_trap_is_taken_by_its_item_alone(tmp_path, row, with_sys_name):
     assert items_that_take(line.replace("ZBXTRAP 192.0.2.7", "", 1)) == [row.name]
 
 
-def test_a_trap_that_is_written_out_by_variables_is_taken_by_its_item_alone():
+def test_there_is_an_item_for_each_notification_also_when_it_is_written_out_by_variables():
     assert items_that_take(f"2026-11-21T12:00:00+0000 \nVARBINDS:\n  .1.3.6.1.6.3.1.1.4.1.0  type=6  value=OID: {E}.2.8.2\n"
                            f"  {E}.2.4.5.0  type=4  value=STRING: \"text {E}.2.8.1\"\n") == ["missingAmplifierModule"]
-
-
-def test_there_is_an_item_for_each_notification():
     assert sorted(item["description"].partition(",")[0] for item in TRAP_KEYS.values()) == sorted(
         row.name for row in CATALOGUE)
     assert {item["name"] for item in TRAP_KEYS.values()} == {f"Trap: {row.switch}" for row in CATALOGUE}
