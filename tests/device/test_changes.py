@@ -26,8 +26,9 @@ def chosen(words: dict[str, int], turn: int) -> tuple[str, int]:
 
 def cells(turn: int) -> Iterator[tuple[str, str, str, object]]:
     """For every value of the data service on the model: path, new text, cell, what is served for it."""
-    for place, (index, _, key) in enumerate(catalogue.VOLTAGES[6420]):
-        yield f"power_lines/power_line[kid='{key}']/voltage", f"{20 + place + turn / 1000:.3f}", f"voltageValue.{index}", 1000 * (20 + place) + turn
+    for place, (index, _, key) in enumerate(catalogue.VOLTAGES[6420], 20):
+        path = f"power_lines/power_line[kid='{key}']/voltage"
+        yield path, f"{place + turn / 1000:.3f}", f"voltageValue.{index}", 1000 * place + turn
     for place, (index, _, key) in enumerate(catalogue.TEMPERATURES[6420]):
         for kind in ("Current", "Peak", "Average"):
             path = f"temp_sensors/temp_sensor[kid='{key}']/temp_{kind.lower()}"
@@ -53,7 +54,8 @@ def cells(turn: int) -> Iterator[tuple[str, str, str, object]]:
         yield (f"config/os_ip/eth_switch/port[port_id='Eth{channel}']/monitored", truth, f"ethMonitoringMonitored.{channel}",
                catalogue.ETH_MONITORED[truth])
     for index in range(1, 7):
-        yield f"config/gpis/gpi[kid='gpi{index}']/monitored", truth, f"controlInputMonitored.{index}", catalogue.INPUT_MONITORED[truth]
+        yield (f"config/gpis/gpi[kid='gpi{index}']/monitored", truth, f"controlInputMonitored.{index}",
+               catalogue.INPUT_MONITORED[truth])
 
 
 def alike(cell: str, words: dict[str, int], turn: int) -> tuple[str, str, int]:

@@ -215,7 +215,8 @@ class Broken(NamedTuple):
 BROKEN = {
     "data service hangs": Broken(
         lambda device: stopped(device, "talservice"), "snmp-settings",
-        {"snmp-settings": "takes the connection, but delivers nothing within 1 s"}, {"data-service", "model-number-served"}),
+        {"snmp-settings": "takes the connection, but delivers nothing within 1 s"},
+        {"data-service", "model-number-served"}),
     "socket left by a data service that ended": Broken(dead_socket, "data-service", {"data-service": "Connection refused"}),
     "SNMP disabled in the settings": Broken(
         lambda device: access(device, access="Disabled"), "snmp-access", {"snmp-access": 'SNMP access is "Disabled"'},

@@ -63,8 +63,6 @@ def clocked(start_shared_device):
 TIMES = {
     "back a year": time.time() - 365 * DAY,
     "back to 1970": 60.0,
-    "before 1970": -DAY,
-    "forward an hour": time.time() + 3600,
     "forward beyond 2038": datetime.datetime(2042, 5, 6, tzinfo=UTC).timestamp(),
     "forward to 2106": float((1 << 32) - 5),
     "right again": time.time(),

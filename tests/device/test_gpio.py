@@ -140,14 +140,6 @@ def reads_in(events: list[Event]) -> list[Event]:
     return [event for event in events if event.what == "open" and event.name == "value"]
 
 
-def accesses_in(events: list[Event]) -> list[tuple[str, str, str]]:
-    return [(event.what, event.folder, event.name) for event in events]
-
-
-def one_read(folder: str, name: str = "value") -> list[tuple[str, str, str]]:
-    return [(what, folder, name) for what in ("open", "read", "close unwritten")]
-
-
 def hasten(devices: list[Device], done: Callable[[], bool], what: str) -> None:
     """Lets seconds pass quickly. When the daemon wakes, which it does ten times a second once its agent is polled, it
     makes one check, however late it is."""
@@ -221,39 +213,6 @@ def test_a_cycle_reads_each_line_once_and_in_order_one_a_second(stations, observ
     assert 0.97 * len(gaps) < times[-1] - times[0] < len(gaps) + 2.5, gaps
     # 3 s after the data service was reached plus the first second of the checks, less the 5 % of coarse timers
     assert events[0].at - station.started > 3.8, "nothing is touched before the checks start"
-
-
-def one_check(folder: str, chips: list[tuple[int, str]]) -> list[tuple[str, str, str]]:
-    """All that a line of the controller, or of one of the chips, opens while it is there."""
-    number = int(folder.removeprefix("gpio"))
-    chip = [access for base, name in chips if base <= number < base + 16
-            for file in ("label", "base") for access in one_read(name, file)]
-    return chip + one_read(folder)
-
-
-@each_station
-def test_a_check_opens_one_line_and_reads_it_once(stations, observed, key):
-    station, events = stations[key], observed[key].events
-    checks = len(station.lines)
-    ends = [place for place, event in enumerate(events) if (event.what, event.name) == ("close unwritten", "value")]
-    second_cycle = ends[checks - 1] + 1
-    folders = [event.folder for event in reads_in(events[second_cycle:])]
-    chips = [(expander_base(station.root, end), f"gpiochip{expander_base(station.root, end)}")
-             for end in ("-0021", "-0022") if station.description]
-    accesses = [access for folder in folders[:-1] for access in one_check(folder, chips)]  # the last may still go on
-    assert accesses_in(events[second_cycle:])[:len(accesses)] == accesses
-
-    # A line of an expander is looked for among all chips before its first read.
-    first_cycle = accesses_in(events[:second_cycle])
-    expected = [access for folder in station.folders for access in one_read(folder)]
-    assert [access for access in first_cycle if access in expected] == expected
-    lookups = [access for access in first_cycle if access not in expected]
-    root = station.root.name
-    assert lookups.count(("open", root, "")) == (16 if station.description else 0)
-    for what, folder, name in lookups:
-        assert what in ("open", "read", "close unwritten")
-        assert (folder, name) == (root, "") or (folder.startswith("gpiochip") and name in ("label", "base"))
-    assert bool(lookups) == bool(station.description)
 
 
 # From a line to a manager
@@ -362,6 +321,6 @@ def test_models_without_gpio_touch_no_line(start_device):
             device.shift_clock(10)
             service.notify("nobody's", "create", "/state/nothing", "<nothing/>")  # ends the daemon's sleep
             wait_until(watchdog.exists, 10, what="watchdog file written")
-        assert accesses_in(events.events) == [], model
+        assert events.events == [], model
         service.close()
         events.close()

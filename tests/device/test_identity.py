@@ -20,7 +20,8 @@ EMPTY_FILES = [part for name in [*TEXT_FILES, "xr-amptype"] for part in ("--etc"
 
 # Model, options; package, model text, model number, amplifier type, kernel, device tree, disablement; None: not looked at.
 SERVED = [
-    (6420, ["--model-text", "A text of its own", *VERSIONS], ["7.1.0-rc 2", "A text of its own", "6420", "VQ9D", "6.1.0-kv", "dt 3", "2"]),
+    (6420, ["--model-text", "A text of its own", *VERSIONS],
+     ["7.1.0-rc 2", "A text of its own", "6420", "VQ9D", "6.1.0-kv", "dt 3", "2"]),
     (6720, ["--model-text", "A text that is replaced", "--etc", "xr-amptype=VQ9B"],
      [None, "Orvane Mervio Amplifier VQ9", "6720", "VQ9B", None, None, "2"]),
     (6764, ["--etc", "xr-powertype=200"], [None, None, "6764", "VQ9C-P2", None, None, "2"]),
@@ -29,7 +30,8 @@ SERVED = [
     (6420, NO_FILES, ["Unknown", "Unknown", "6420", "Unknown", "Unknown", "Unknown", "2"]),
     (6425, EMPTY_FILES, ["Unknown", "Unknown", "6425", "Unknown", "Unknown", "Unknown", "2"]),
     (6720, ["--etc", "xr-amptype=VQ9B "], [None, None, "6720", "Unknown", None, None, "2"]),
-    (6420, ["--model-text", "m" * 300, "--etc", f"xr-pkgver={'p' * 300}"], ["p" * 127, "m" * 127, "6420", "VQ9D", None, None, "2"]),
+    (6420, ["--model-text", "m" * 300, "--etc", f"xr-pkgver={'p' * 300}"],
+     ["p" * 127, "m" * 127, "6420", "VQ9D", None, None, "2"]),
     (6214, ["--etc", "xr-modelnumber= +6214 "], [None, None, "6214", "", None, None, "2"]),
 ]
 
@@ -79,7 +81,8 @@ def huge(file: Path) -> None:
 
 NO_FILE = {"missing": lambda file: None, "folder": Path.mkdir, "link to itself": lambda file: file.symlink_to(file.name),
            "unreadable": unreadable}
-NO_NUMBER = {"binary": lambda file: file.write_bytes(BINARY), "a number after NUL bytes": lambda file: file.write_bytes(b"\0\x006420\n"),
+NO_NUMBER = {"binary": lambda file: file.write_bytes(BINARY),
+             "a number after NUL bytes": lambda file: file.write_bytes(b"\0\x006420\n"),
              "huge, without a line end": huge, "huge, of digits": lambda file: file.write_bytes(b"6" * (64 << 20))}
 
 

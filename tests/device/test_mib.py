@@ -38,7 +38,8 @@ def readable() -> dict[str, str]:
 
 def test_smilint_says_nothing_but_what_the_served_layout_forces():
     classes: dict[str, set[str]] = {}
-    for line in run("smilint", "-l", "6", "-s", "-m", str(MIB_FILE), SMIPATH=f"{BASE_MODULES}:{MIB_FILE.parent}").splitlines():
+    said = run("smilint", "-l", "6", "-s", "-m", str(MIB_FILE), SMIPATH=f"{BASE_MODULES}:{MIB_FILE.parent}")
+    for line in said.splitlines():
         match = re.search(r"\{([\w-]+)\} \w+: (?:index element `\w+' of row|notification) `(\w+)'", line)
         assert match, line
         classes.setdefault(match[1], set()).add(match[2])

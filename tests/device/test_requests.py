@@ -77,7 +77,8 @@ def test_a_manager_that_reads_a_count_and_columns_together_gets_past_the_table(u
         names = [binding.oid for binding in answer.bindings]
 
 
-@pytest.mark.parametrize("model, names", [pytest.param(*case, id=name) for name, case in CASES.items() if name.startswith("endless")])
+@pytest.mark.parametrize("model, names", [
+    pytest.param(*case, id=name) for name, case in CASES.items() if name.startswith("endless")])
 def test_the_daemon_still_ends_when_it_is_told_to(start_device, model, names):
     device = start_device(model, *options(Walk(model))).wait_answering()
     manager = RawManager.of(device)
@@ -134,7 +135,8 @@ def test_too_many_names_are_refused_after_a_restart_of_snmpd(start_device):
 def test_as_many_names_as_there_is_room_for(unharmed):
     """As docs/mib.md says, eight hundred always fit, also those whose answers are longest."""
     longest = max(unharmed.walk, key=lambda binding: len(binding.value[1]) if binding.value[0] == "STRING" else 0).oid
-    for kind, name, count in [(GET, CELL, GET_LIMIT), (GETNEXT, CELL, GETNEXT_LIMIT), (GET, longest, 800), (GETNEXT, longest, 800)]:
+    for kind, name, count in [(GET, CELL, GET_LIMIT), (GETNEXT, CELL, GETNEXT_LIMIT), (GET, longest, 800),
+                              (GETNEXT, longest, 800)]:
         answer = unharmed.manager.ask(kind, [name] * count, timeout=10)
         expected = [(name, unharmed.value_of(name))] if kind == GET else unharmed.following(name)[:1]
         assert (answer.error, answer.bindings) == (0, expected * count)

@@ -21,7 +21,8 @@ def valgrind_errors(device) -> list[str]:
     errors = []
     for error in ElementTree.fromstring(device.read(VALGRIND_LOG)).iter("error"):
         stack = [f"{frame.findtext('fn', '?')} ({frame.findtext('obj', '')})" for frame in error.iter("frame")]
-        errors.append("\n  ".join([f"{error.findtext('kind')}: {error.findtext('what') or error.findtext('xwhat/text')}", *stack]))
+        text = error.findtext("what") or error.findtext("xwhat/text")
+        errors.append("\n  ".join([f"{error.findtext('kind')}: {text}", *stack]))
     return errors
 
 

@@ -83,9 +83,11 @@ def configured(start_device):
 # Each case sends what differs from the one before it, so their order is part of the test.
 CASES = {
     "read": (SnmpSettings(), WHOLE),
-    "other port, disabled": (SnmpSettings(access="Disabled", snmp_port="1611"), HEAD + NAMES + DISABLED.replace(":161", ":1611")),
+    "other port, disabled": (SnmpSettings(access="Disabled", snmp_port="1611"),
+                             HEAD + NAMES + DISABLED.replace(":161", ":1611")),
     "unknown access": (SnmpSettings(access="Write"), ""),
-    "version 1 off": (SnmpSettings(version_1="false"), HEAD + NAMES + READ.replace("group MyROGroup v1 ", "#group MyROGroup v1 ")),
+    "version 1 off": (SnmpSettings(version_1="false"),
+                      HEAD + NAMES + READ.replace("group MyROGroup v1 ", "#group MyROGroup v1 ")),
     "only a contact": (SnmpSettings(sys_name="", sys_location=" "), HEAD + "sysContact ops\n" + READ),
     "receivers": (SnmpSettings(trap_address="127.0.0.1:1162", inform_address="127.0.0.1:1163"),
                   HEAD + NAMES + "informsink 127.0.0.1:1163\ntrap2sink 127.0.0.1:1162\n" + READ),

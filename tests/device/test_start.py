@@ -107,8 +107,7 @@ def test_foreground_run_removes_a_daemons_pid_file_when_it_ends(clean_device):
     assert not clean_device.path(PID_FILE).exists()
 
 
-@pytest.mark.parametrize("text", ["99999\n", "", "no number\n", None],
-                         ids=["dead process", "empty", "no number", "missing"])
+@pytest.mark.parametrize("text", ["99999\n", "no number\n", None], ids=["dead process", "no number", "missing"])
 def test_pid_file_that_does_not_block_a_daemon(clean_device, text):
     if text is not None:
         clean_device.path(PID_FILE).write_text(text)
@@ -135,11 +134,6 @@ def test_daemon_with_a_bad_model_number_ends_before_its_pid_file_is_removed(clea
     assert clean_device.read(PID_FILE).strip().isdigit()
 
 
-def test_daemon_ends_when_its_pid_file_cannot_be_written(clean_device):
-    clean_device.path(PID_FILE).mkdir()
-    assert exit_statuses(clean_device) == [0, 1]  # it has gone into the background before it finds out
-
-
 # Exit statuses
 
 ABORTED = {-signal.SIGABRT, 128 + signal.SIGABRT}
@@ -159,31 +153,23 @@ def test_option_that_ends_it(clean_device, option, statuses, usage):
 
 
 @contextmanager
-def model_number(device: Device, text: str | None):
-    """None: there is no file."""
+def model_number(device: Device, text: str):
     file = device.path("/etc/xr-modelnumber")
     kept = file.read_text()
-    file.unlink() if text is None else file.write_text(text)
+    file.write_text(text)
     yield
     file.write_text(kept)
 
 
 @pytest.mark.parametrize("text, said", [
-    (None, "readModelNumber /etc/xr-modelnumber EMPTY !   Cannot continue"),
-    ("", "readModelNumber /etc/xr-modelnumber EMPTY !   Cannot continue"),
     ("6214x\n", "readModelNumber Invalid numeric modelNumber: 6214x\n Cannot continue"),
-    (" 6214\t6214\n", "readModelNumber Invalid numeric modelNumber:  6214\t6214\n Cannot continue"),
-    ("9999\n", "readModelNumber Unknown modelNumber: 9999 Cannot continue"),
-    ("-6214\n", "readModelNumber Unknown modelNumber: -6214 Cannot continue"),
-    ("+6214" + 5000 * " " + "x\n", "readModelNumber Invalid numeric modelNumber: +6214  "),
-], ids=["missing", "empty", "not a number", "two numbers", "unknown", "negative", "a letter far behind"])
+    ("-6214\n", "readModelNumber Unknown modelNumber: -6214 Cannot continue")], ids=["not a number", "unknown"])
 def test_bad_model_number_ends_with_255(clean_device, text, said):
     with model_number(clean_device, text):
         done = clean_device.run_kvsnmp("-d")
     assert done.returncode == 255
     assert said in done.stderr
-    assert "Cannot continue\nKvSnmp" in done.stderr
-    assert "KvSnmp Failed to read modelNumber, cannot continue\n" in done.stderr
+    assert "Cannot continue\nKvSnmp Failed to read modelNumber, cannot continue\n" in done.stderr
 
 
 @pytest.mark.parametrize("options", [["--kvsnmp-arg=-z"], ["--kvsnmp-arg=--taldebug"], []], ids=["-z", "--taldebug", "neither"])
@@ -195,23 +181,15 @@ def test_taldebug_prints_what_the_data_service_library_does(start_device, option
 # Signals
 
 
-@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP], ids=lambda number: number.name)
-def test_signal_ends_before_the_agent_is_started(clean_device, number):
-    kvsnmp = clean_device.start_kvsnmp("-d")
-    clean_device.kill(clean_device.wait_running(), number)
-    assert kvsnmp.wait(10) == 0
-    err = clean_device.kvsnmp_err()
-    assert "QApplication*: main  Qt Event loop returned with status: 0, application exit..\n" in err
-    assert "QApplication main  Removing PidFile\n" in err
-
-
-def test_its_name_is_not_that_of_the_command(clean_device):
+def test_signal_ends_before_the_agent_is_started_and_its_name_is_not_that_of_the_command(clean_device):
     kvsnmp = clean_device.start_kvsnmp("-d", wrapper=["bash", "-c", 'exec -a other "$@"', "-"],
                                        env={"QT_MESSAGE_PATTERN": "%{appname}: %{message}"})
     clean_device.kill(clean_device.wait_running(), signal.SIGTERM)
     assert kvsnmp.wait(10) == 0
     lines = clean_device.kvsnmp_err().splitlines()
-    assert lines and all(line.startswith("kvsnmp: ") for line in lines)
+    assert "kvsnmp: QApplication*: main  Qt Event loop returned with status: 0, application exit.." in lines
+    assert "kvsnmp: QApplication main  Removing PidFile" in lines
+    assert all(line.startswith("kvsnmp: ") for line in lines)
 
 
 def test_signals_end_a_serving_daemon(start_device):

@@ -40,7 +40,8 @@ class Manager:
     def raise_all(self, prefix: str, **arguments) -> dict[str, str]:
         """A fault of every kind; notification to text."""
         texts = {row.name: f"{prefix} {row.name}" for row in CATALOGUE}
-        self.device.talctl_batch([self.faults.raise_line(row.identifiers[0], texts[row.name], **arguments) for row in CATALOGUE])
+        self.device.talctl_batch([self.faults.raise_line(row.identifiers[0], texts[row.name], **arguments)
+                                  for row in CATALOGUE])
         return texts
 
     def forget_the_system_name(self) -> None:

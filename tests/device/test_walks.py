@@ -73,8 +73,9 @@ def test_golden_walk_has_the_objects_and_rows_of_the_catalogue(walk):
     for item in OBJECTS:
         if isinstance(item, Table):
             expected += [(f"{item.oid(column)}.{index}", kind) for column, kind in item.columns for index, _ in rows[item.name]]
-            description = next(column for column, _ in item.columns if column.endswith("Description"))
-            assert [(int(served[f"{item.oid(item.columns[0][0])}.{index}"].text), served[f"{item.oid(description)}.{index}"].text)
+            number, description = (item.oid(next(column for column, _ in item.columns if column.endswith(name)))
+                                   for name in ("Index", "Description"))
+            assert [(int(served[f"{number}.{index}"].text), served[f"{description}.{index}"].text)
                     for index, _ in rows[item.name]] == rows[item.name]
         else:
             expected.append((item.oid, item.type))

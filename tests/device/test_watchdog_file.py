@@ -60,7 +60,8 @@ def plant(device: Device, user: list[str], script: str) -> tuple[int, int]:
         done = device.run([*user, "sh", "-c", f"cd /tmp && {script}", "sh", PATH], check=False)
         assert done.returncode == 0 or path.exists(), done.stderr
         info = path.lstat()
-        return done.returncode == 0 and not (stat.S_ISREG(info.st_mode) and info.st_nlink == 1 and info.st_size == len("update\n"))
+        ours = stat.S_ISREG(info.st_mode) and info.st_nlink == 1 and info.st_size == len("update\n")
+        return done.returncode == 0 and not ours
 
     wait_until(planted, what="something else in the file's place")
     return path.lstat().st_dev, path.lstat().st_ino

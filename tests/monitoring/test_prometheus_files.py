@@ -5,7 +5,6 @@ from __future__ import annotations
 import json
 import re
 
-import pytest
 import yaml
 from prometheus_files import (BEFORE, DASHBOARD, FOLDER, FOREIGN, RULES, SINCE, alerts, groups, modules, names_in, panel_queries,
                               rules, scraped_names, states)
