@@ -74,15 +74,18 @@ def documents_of(package: str, debs: Path) -> list[str]:
 
 @pytest.mark.parametrize("package, documents", [("kvsnmp", {"gpio.md", "integration.md"}), ("kvsnmp-simulator", set()),
                                                 ("kvsnmp-monitoring", {"operators.md", "traps.md", "README.md"})])
-def test_the_links_of_a_package_s_documents_lead_to_its_own_files(root: DebianRoot, debs: Path, package: str,
+def test_the_links_and_paths_in_a_package_s_documents_lead_to_files(root: DebianRoot, debs: Path, package: str,
                                                                  documents: set[str]) -> None:
     """Whoever has the package alone can follow them."""
     own = {file.rstrip("/") for file in files_of(package, debs)}
     found = documents_of(package, debs)
     assert documents <= {Path(document).name for document in found}
     top, dead, followed = root.folder.resolve(), [], 0
-    for document in found:
-        for link in re.findall(r"\]\(([^)\s]+)\)", root.path(document).read_text()):
+    for document in [*found, "/lib/systemd/system/kvsnmp.service"]:
+        text = root.path(document).read_text()
+        dead += [f"{document}: {path}" for path in re.findall(r"/usr/share/(?:doc/)?kvsnmp[\w./-]*[\w/]", text)
+                 if not root.path(path).exists()]
+        for link in re.findall(r"\]\(([^)\s]+)\)", text):
             if re.match(r"#|[a-z]+:", link):
                 continue
             target = (root.path(document).parent / link.partition("#")[0]).resolve()
@@ -93,22 +96,9 @@ def test_the_links_of_a_package_s_documents_lead_to_its_own_files(root: DebianRo
     assert followed > 0 or package != "kvsnmp-monitoring"
 
 
-def test_the_paths_of_packages_that_documents_name_are_there(root: DebianRoot, debs: Path) -> None:
-    documents = [document for package in PACKAGES for document in documents_of(package, debs)]
-    texts = {document: root.path(document).read_text() for document in documents}
-    texts["unit"] = root.path("/lib/systemd/system/kvsnmp.service").read_text()
-    named = {(document, path) for document, text in texts.items()
-             for path in re.findall(r"/usr/share/(?:doc/)?kvsnmp[\w./-]*[\w/]", text)}
-    assert ("unit", "/usr/share/doc/kvsnmp/integration.md") in named
-    assert sorted((document, path) for document, path in named if not root.path(path).exists()) == []
-
-
-def test_each_model_has_its_recording(debs: Path) -> None:
+def test_each_model_has_its_recording_and_each_program_its_manual_page(debs: Path) -> None:
     recordings = {Path(file).stem for file in files_of("kvsnmp-monitoring", debs) if file.endswith(".snmprec")}
     assert recordings == set(walks.NAMES)
-
-
-def test_each_program_has_a_manual_page(root: DebianRoot, debs: Path) -> None:
     files = set().union(*(files_of(package, debs) for package in PACKAGES))
     programs = {Path(file).name for file in files if re.fullmatch(r"/usr/s?bin/[^/]+", file)}
     assert programs == {"kvsnmp", "kvsnmp-check", "kvsnmp-device", "talctl", "talservice"}
@@ -219,6 +209,17 @@ def wait_answering(booted: Booted) -> None:
         raise
 
 
+def restart(booted: Booted) -> None:
+    booted.run("systemctl", "daemon-reload")
+    booted.run("systemctl", "restart", "kvsnmp.service")
+    wait_answering(booted)
+
+
+def wait_new_snmpd(booted: Booted, before: list[str], what: str) -> None:
+    wait_until(lambda: snmpd_pids(booted) not in ([], before), 20, what)
+    wait_answering(booted)
+
+
 def add_drop_in(booted: Booted, name: str, setting: str) -> Path:
     file = booted.root.path(f"/etc/systemd/system/kvsnmp.service.d/{name}.conf")
     file.parent.mkdir(parents=True, exist_ok=True)
@@ -283,8 +284,7 @@ def test_the_file_system_is_read_only_but_for_what_is_written(booted: Booted) ->
     for path in ("/etc/x", "/usr/x", "/var/x", "/var/log/x", "/root/x"):
         assert not touch(path), path
     assert mount_options(booted.output("cat", f"/proc/{main_pid(booted)}/mountinfo"), "/sys") == "ro"
-    wait_until(lambda: snmpd_pids(booted) not in ([], snmpd), 20, "a snmpd after the change of /etc/snmp")
-    wait_answering(booted)
+    wait_new_snmpd(booted, snmpd, "a snmpd after the change of /etc/snmp")
 
 
 def test_gpio_export_can_be_written_where_the_rest_of_sys_cannot(booted: Booted) -> None:
@@ -306,8 +306,7 @@ def test_snmpd_outlives_a_stop_and_is_taken_over(booted: Booted) -> None:
     assert booted.run("test", "-e", "/run/kvsnmp.pid", check=False).returncode == 1
     assert snmpd_pids(booted) == before
     booted.run("systemctl", "start", "kvsnmp.service")
-    wait_until(lambda: snmpd_pids(booted) not in ([], before), 20, "a new snmpd")
-    wait_answering(booted)
+    wait_new_snmpd(booted, before, "a new snmpd")
     assert len(snmpd_pids(booted)) == 1
 
 
@@ -334,8 +333,7 @@ def test_it_is_active_once_its_event_loop_runs(booted: Booted) -> None:
     wait_until(lambda: shown(booted, "ActiveState") == "active", 10, "the unit's start")
     file.unlink()
     file.write_text(IDENTITY["xr-pkgver"])
-    booted.run("systemctl", "restart", "kvsnmp.service")
-    wait_answering(booted)
+    restart(booted)
 
 
 def test_a_hung_daemon_is_noticed_and_started_anew(booted: Booted) -> None:
@@ -412,8 +410,7 @@ def test_the_guide_s_first_two_commands_make_it_start_at_each_boot(booted: Boote
 def test_options_come_from_etc_default(booted: Booted) -> None:
     options = booted.root.path("/etc/default/kvsnmp")
     options.write_text("TAL_SOCKET=/run/tal.sock\nKVSNMP_OPTIONS=-z\n")
-    booted.run("systemctl", "restart", "kvsnmp.service")
-    wait_answering(booted)
+    restart(booted)
     assert booted.output("cat", f"/proc/{main_pid(booted)}/cmdline") == "/usr/sbin/kvsnmp\0-d\0-z\0"
     assert "TAL_SOCKET=/run/tal.sock\0" in booted.output("cat", f"/proc/{main_pid(booted)}/environ")
     options.unlink()
@@ -439,9 +436,7 @@ def test_the_drop_in_brings_debug_lines_into_the_journal(booted: Booted) -> None
 def test_the_drop_in_for_the_library_is_accepted(booted: Booted) -> None:
     drop_in = "/etc/systemd/system/kvsnmp.service.d/library.conf"
     write_shown_file(booted, drop_in)
-    booted.run("systemctl", "daemon-reload")
-    booted.run("systemctl", "restart", "kvsnmp.service")
-    wait_answering(booted)
+    restart(booted)
     assert shown(booted, "PrivateDevices") == "no"
     assert "/sys" in shown(booted, "ReadWritePaths").split()
     booted.root.path(drop_in).unlink()
@@ -452,9 +447,7 @@ def test_the_guide_s_ps_takes_the_health_probe_s_words(booted: Booted) -> None:
     assert booted.run("ps", *probe, check=False).stdout == "", "Debian's refuses them, as the guide says"
     write_shown_file(booted, "/usr/local/lib/kvsnmp/ps", 0o755)
     write_shown_file(booted, "/etc/systemd/system/kvsnmp.service.d/ps.conf")
-    booted.run("systemctl", "daemon-reload")
-    booted.run("systemctl", "restart", "kvsnmp.service")
-    wait_answering(booted)
+    restart(booted)
     path = re.search(r"PATH=([^\0]*)", booted.output("cat", f"/proc/{main_pid(booted)}/environ"))[1]
     rss = booted.run("/usr/bin/env", f"PATH={path}", "ps", *probe).stdout
     assert 1000 < int(rss) < 10240
@@ -466,13 +459,11 @@ def test_further_directives_stand_in_snmpd_local_conf(booted: Booted) -> None:
     local = booted.root.path("/etc/snmp/snmpd.local.conf")
     local.write_text("agentUser Debian-snmp\n")
     before = snmpd_pids(booted)
-    wait_until(lambda: snmpd_pids(booted) not in ([], before), 20, "a snmpd after the change of the folder")
-    wait_answering(booted)
+    wait_new_snmpd(booted, before, "a snmpd after the change of the folder")
     assert status_field(booted, snmpd_pids(booted)[0], "Uid").split()[1] != "0"
     before = snmpd_pids(booted)
     local.unlink()
-    wait_until(lambda: snmpd_pids(booted) not in ([], before), 20, "the other user's snmpd ended, a new one started")
-    wait_answering(booted)
+    wait_new_snmpd(booted, before, "the other user's snmpd ended, a new one started")
     assert len(snmpd_pids(booted)) == 1
     assert status_field(booted, snmpd_pids(booted)[0], "Uid").split()[1] == "0"
 
@@ -482,12 +473,10 @@ def test_another_folder_in_place_of_etc_snmp_is_followed_and_writable_after_a_re
     before = snmpd_pids(booted)
     type_in(booted, "mv /etc/snmp /etc/snmp.old")
     type_in(booted, "cp -a /etc/snmp.old /etc/snmp")
-    wait_until(lambda: snmpd_pids(booted) not in ([], before), 20, "a snmpd with the new folder")
-    wait_answering(booted)
+    wait_new_snmpd(booted, before, "a snmpd with the new folder")
     before = snmpd_pids(booted)
     booted.run("sed", "-i", "s/^sysName.*/sysName by hand/", "/etc/snmp/snmpd.conf")
-    wait_until(lambda: snmpd_pids(booted) not in ([], before), 20, "a snmpd after a change in the new folder")
-    wait_answering(booted)
+    wait_new_snmpd(booted, before, "a snmpd after a change in the new folder")
 
     settled = booted.output("journalctl", "-t", "kv-snmp").count("settled")
     booted.run("talctl", "set", "/state/config/snmp_settings/mib_2_settings/sys_contact", "replaced")
