@@ -234,22 +234,23 @@ def converse(server: socket.socket, answers: list[tuple[bytes, bytes]]) -> None:
                 connection.sendall(next((answer for begin, answer in answers if said.startswith(begin)), b""))
 
 
-@pytest.mark.parametrize("answers", [[], HANDSHAKE], ids=["at all", "after the handshake"])
-def test_bus_that_does_not_answer_at_the_start(start_device, answers):
-    """It is given up after 25 s; then the daemon works as without a bus."""
-    device = start_device(6420, "--no-dbus", "--no-traps", "--no-kvsnmp")
-    path = device.path(BUS_SOCKET)
-    path.parent.mkdir(parents=True, exist_ok=True)
-    with socket.socket(socket.AF_UNIX) as server:
-        server.bind(str(path))
-        server.listen()
-        threading.Thread(target=converse, args=(server, answers), daemon=True).start()
-        device.start_kvsnmp("-d", clock_shift=True)
-        device.wait_answering(45)
-        device.wait_subscribed()
-        assert_serves(device)
-        assert_idle(device)
-        server.shutdown(socket.SHUT_RDWR)
+def test_bus_that_does_not_answer_at_the_start(start_device):
+    """At all, or after the handshake. It is given up after 25 s; then the daemon works as without a bus."""
+    devices = [(start_device(6420, "--no-dbus", "--no-traps", "--no-kvsnmp"), answers) for answers in ([], HANDSHAKE)]
+    with contextlib.ExitStack() as stack:
+        for device, answers in devices:
+            server = stack.enter_context(socket.socket(socket.AF_UNIX))
+            stack.callback(server.shutdown, socket.SHUT_RDWR)
+            path = device.path(BUS_SOCKET)
+            path.parent.mkdir(parents=True, exist_ok=True)
+            server.bind(str(path))
+            server.listen()
+            threading.Thread(target=converse, args=(server, answers), daemon=True).start()
+            device.start_kvsnmp("-d", clock_shift=True)
+        for device, _ in devices:
+            device.wait_answering(45).wait_subscribed()
+            assert_serves(device)
+            assert_idle(device)
 
 
 @pytest.mark.parametrize("killed", [False, True], ids=["absent at the start", "killed"])

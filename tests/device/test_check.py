@@ -139,6 +139,11 @@ def edited(device: Device, path: str, edit: Callable[[str], str]):
     file.write_text(edit(kept))
     yield
     file.write_text(kept)
+    if path == CONF:  # else snmpd stays older than its file
+        pids = device.pids("snmpd")
+        device.stir_snmpd_folder()
+        device.wait_snmpd(other_than=pids)
+        device.wait_answering()
 
 
 @contextmanager
