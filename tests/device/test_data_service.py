@@ -15,6 +15,7 @@ from support.catalogue import COLUMN_OIDS
 from support.dataservice import DataService
 from support.device import MODEL_NUMBER, Device
 from support.mib import mib
+from support.played import Played
 from support.polling import stays, wait_until
 from support.process import descriptors, lean_environment, memory_kb
 from support.settingsfile import SnmpSettings
@@ -29,8 +30,6 @@ OVER_LONG = f"{DROPPED} longer than {garbage.MESSAGE_LIMIT} bytes"
 CLOSED = "TalInterface: connection closed:"
 ANSWER = ("INTEGER", "6420")
 MORE_MEMORY_KB = 64 * 1024  # than before; a message may be 4 MiB, and its text is held in two encodings
-
-_marks = iter(range(1, 1000000))
 
 
 # The simulator, killed and hung
@@ -95,23 +94,7 @@ def test_hung_service_delays_its_own_values_only_and_may_be_killed(simulated):
 # A service of the test's own
 
 
-class Fed:
-    def __init__(self, device: Device) -> None:
-        self.device = device
-        self.service = DataService(device.path(TAL_SOCKET))
-
-    def wait_subscribed(self) -> None:
-        wait_until(lambda: self.service.has("kvsnmp_sys_messages"), 30, what="everything subscribed")
-
-    def wait_taken(self, timeout: float = 60.0) -> None:
-        """Until the daemon has taken a proper message that comes after all others."""
-        mark = f"mark{next(_marks)}"
-        self.service.notify("kvsnmp_sys_messages", "create",
-                            f"/state/sys_messages/sys_message[reporter='hostile'][rep_ref='{mark}']",
-                            f"<sys_message><reporter>hostile</reporter><rep_ref>{mark}</rep_ref></sys_message>",
-                            "/state/sys_messages/sys_message")
-        wait_until(lambda: f"New Fault: [hostile] [{mark}]" in self.device.kvsnmp_err(), timeout, what=f"{mark} taken")
-
+class Fed(Played):
     def assert_works(self, volts: int) -> None:
         self.service.notify("kvsnmp_voltage", "replace", VOLTAGE_PATH, f"<voltage>{volts}</voltage>")
         self.wait_taken()
@@ -122,9 +105,7 @@ class Fed:
 def fed(start_shared_device):
     device = start_shared_device(6420, "--no-simulator", "--no-dbus", "--no-traps", "--no-kvsnmp")
     player = Fed(device)
-    device.start_kvsnmp("-d", clock_shift=True, env=lean_environment())
-    wait_until(lambda: player.service.has("custom_config"), 30, what="settings subscribed")
-    SnmpSettings().send_all(player.service)
+    player.start(env=lean_environment())
     device.wait_answering()
     player.wait_subscribed()
     yield player

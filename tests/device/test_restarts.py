@@ -11,8 +11,8 @@ import random
 import time
 
 import pytest
-from support.dataservice import DataService
 from support.device import Device
+from support.played import Played
 from support.polling import stays, wait_until
 from support.settingsfile import SnmpSettings
 
@@ -33,19 +33,15 @@ COMMANDS = {
 SLOW_SNMPD = f'#!/bin/sh\ntrap "" TERM\necho "start {NAME} -" >> {JOURNAL}\nsleep 0.7\nexec /usr/sbin/snmpd "$@"\n'
 
 
-class Restarted:
-    """A device whose settings the test sends, and the commands that its daemon runs."""
+class Restarted(Played):
+    """The commands that its daemon runs are noted."""
 
     def __init__(self, device: Device) -> None:
-        self.device = device
+        super().__init__(device)
+        self.count = 0
         for name, script in COMMANDS.items():
             self.install(name, script)
-        self.service = DataService(device.path("/run/tal.sock"))
-        device.start_kvsnmp("-d")
-        wait_until(lambda: self.service.has("custom_config"), 10, what="settings subscribed")
-        self.sent = SnmpSettings()
-        self.count = 0
-        self.sent.send_all(self.service)
+        self.start()
         self.wait_restarted("amp-1")
 
     def install(self, name: str, script: str) -> None:
@@ -57,13 +53,11 @@ class Restarted:
     def journal(self) -> list[list[str]]:
         return [line.split() for line in self.device.read(JOURNAL).splitlines()]
 
-    def change(self) -> str:
+    def change_names(self) -> str:
         """Another system name and location, at once; the name."""
         self.count += 1
-        settings = SnmpSettings(sys_name=f"amp-{self.count}", sys_location=f"rack {self.count}")
-        settings.send_changes(self.service, self.sent)
-        self.sent = settings
-        return settings.sys_name
+        self.change(SnmpSettings(sys_name=f"amp-{self.count}", sys_location=f"rack {self.count}"))
+        return self.sent.sys_name
 
     def wait_restarted(self, name: str) -> None:
         """Until snmpd was stopped and started with the newest file; nothing restarts it any more then."""
@@ -73,10 +67,10 @@ class Restarted:
     def trial(self, spacings: list[int]) -> None:
         """Changes the settings, and again after each spacing (ms)."""
         before = len(self.journal())
-        name = self.change()
+        name = self.change_names()
         for spacing in spacings:
             time.sleep(spacing / 1000)
-            name = self.change()
+            name = self.change_names()
         self.wait_restarted(name)
         wait_until(lambda: self.device.snmp.try_get(SYS_NAME) == ("STRING", name), 10, what=f"{name} answered")
         self.device.wait_snmpd()

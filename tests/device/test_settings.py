@@ -7,11 +7,11 @@ import time
 from pathlib import Path
 
 import pytest
-from support.dataservice import SETTINGS, DataService
-from support.device import Device
+from support.dataservice import SETTINGS
 from support.disk import SmallDisk
 from support.inotify import FolderEvents
 from support.outages import let_the_probe_come
+from support.played import Played
 from support.polling import stays, wait_until
 from support.settingsfile import DISABLED, HEAD, NAMES, READ, SnmpSettings
 
@@ -33,26 +33,7 @@ def with_contact(contact: str) -> str:
     return WHOLE.replace("sysContact ops", f"sysContact {contact}")
 
 
-class Configured:
-    """A device that gets its settings from the test."""
-
-    def __init__(self, device: Device) -> None:
-        self.device = device
-        self.service = DataService(device.path("/run/tal.sock"))
-        self.sent = SnmpSettings()
-
-    def send(self) -> None:
-        wait_until(lambda: self.service.has("custom_config"), 10, what="settings subscribed")
-        self.sent.send_all(self.service)
-
-    def start(self) -> None:
-        self.device.start_kvsnmp("-d", clock_shift=True)
-        self.send()
-
-    def change(self, settings: SnmpSettings) -> None:
-        settings.send_changes(self.service, self.sent)
-        self.sent = settings
-
+class Configured(Played):
     def wait_contact(self, contact: str, other_than: list[int]) -> int:
         snmpd = self.device.wait_snmpd(other_than=other_than)
         wait_until(lambda: self.device.snmp.try_get(CONTACT) == ("STRING", contact), 10, what=f"{contact} answered")

@@ -4,45 +4,43 @@ The data service is played by the test; it sends the SNMP settings, which start 
 """
 from __future__ import annotations
 
-from typing import NamedTuple
-
 import pytest
 from support import steps
 from support.catalogue import COLUMN_OIDS, EXTENDED, SCALAR_OIDS
-from support.dataservice import DataService
 from support.device import Device
 from support.mib import mib
-from support.polling import wait_until
-from support.settingsfile import SnmpSettings
+from support.played import Played
 
 TEXTS = {6214: EXTENDED}
 MODELS = [6214, 6420, 6425, 6720]
 
 
-class Silent(NamedTuple):
-    device: Device
-    service: DataService
+class Silent(Played):
     first: dict[str, list[str]]  # the column's or scalar's name to what it reads at first, in the order of the rows
+
+    def tell(self, ref: str, op: str, path: str, text: str) -> list[str]:
+        """Sends one notification; when the daemon has taken it, lets its tables expire. Returns what it said about it."""
+        leaf, before = path.rpartition("/")[2], len(self.device.kvsnmp_err())
+        self.service.notify(ref, op, path, f"<{leaf}>{text}</{leaf}>")
+        self.wait_taken()
+        self.device.shift_clock(steps.CACHE_SECONDS)
+        return [line for line in self.device.kvsnmp_err()[before:].splitlines() if f"op: {op} " in line]
 
 
 @pytest.fixture(scope="module")
 def silent(start_shared_device):
     """Read before any test has sent anything."""
-    devices = {}
-    for model in MODELS:
-        options = ["--model-text", TEXTS[model]] if model in TEXTS else []
-        devices[model] = start_shared_device(model, "--clock-shift", "--no-simulator", "--no-dbus", "--no-traps",
-                                             *options, wait=False)
-    services = {model: DataService(device.wait_ready().path("/run/tal.sock")) for model, device in devices.items()}
-    for service in services.values():
-        wait_until(lambda service=service: service.has("custom_config"), 30, what="settings subscribed")
-        SnmpSettings().send_all(service)
-    for device in devices.values():
-        device.wait_answering(60).wait_subscribed(60)
-        device.shift_clock(steps.CACHE_SECONDS)
-    yield {model: Silent(devices[model], services[model], first_values(devices[model])) for model in MODELS}
-    for service in services.values():
-        service.close()
+    devices = [start_shared_device(model, "--clock-shift", "--no-simulator", "--no-dbus", "--no-traps",
+                                   *(["--model-text", TEXTS[model]] if model in TEXTS else []), wait=False) for model in MODELS]
+    made = {device.model: Silent(device.wait_ready()) for device in devices}
+    for one in made.values():
+        one.send()
+    for one in made.values():
+        one.device.wait_answering(60).wait_subscribed(60).shift_clock(steps.CACHE_SECONDS)
+        one.first = first_values(one.device)
+    yield made
+    for one in made.values():
+        one.service.close()
 
 
 def first_values(device: Device) -> dict[str, list[str]]:
@@ -92,46 +90,24 @@ def test_starting_values(silent, model):
 
 def test_channel_status_is_unknown_until_the_class_d_status_has_come(silent):
     """Then any word but "ok" counts as a fault, whatever the channel is set to."""
-    device, service, _ = silent[6720]
+    played = silent[6720]
     status = [f"{COLUMN_OIDS['ampChannelStatus']}.{index}" for index in (1, 2)]
-
-    def after(ref: str, path: str, text: str) -> list[int]:
-        tell(device, service, ref, "create", path, text)
-        return steps.integers(device, status)
-
-    first, second = (f"/state/config/lines/line[kid='ch{channel}']/enable" for channel in (1, 2))
-    assert after("kvsnmp_amp_enable", first, "true") == [1, 1]
-    assert after("kvsnmp_amp_enable", second, "false") == [1, 1]
-    assert after("kvsnmp_class_d_status", "/state/class_d_amp_status/status", "hot") == [4, 4]
-    assert after("kvsnmp_class_d_status", "/state/class_d_amp_status/status", "ok") == [1, 2]
+    for ref, path, text, expected in [
+            ("kvsnmp_amp_enable", "/state/config/lines/line[kid='ch1']/enable", "true", [1, 1]),
+            ("kvsnmp_amp_enable", "/state/config/lines/line[kid='ch2']/enable", "false", [1, 1]),
+            ("kvsnmp_class_d_status", "/state/class_d_amp_status/status", "hot", [4, 4]),
+            ("kvsnmp_class_d_status", "/state/class_d_amp_status/status", "ok", [1, 2])]:
+        played.tell(ref, "create", path, text)
+        assert steps.integers(played.device, status) == expected, text
 
 
 def test_unexpected_operation_is_logged_and_changes_nothing(silent):
     """The units of the parsers hold the others to it."""
-    device, service, _ = silent[6420]
+    played = silent[6420]
     oid, path = f"{COLUMN_OIDS['tempPeak']}.3", "/state/temp_sensors/temp_sensor[kid='amp_main_board']/temp_peak"
-    tell(device, service, "kvsnmp_temp", "create", path, "41.2")
-    complaint, = tell(device, service, "kvsnmp_temp", "merge", path, "50")
+    played.tell("kvsnmp_temp", "create", path, "41.2")
+    complaint, = played.tell("kvsnmp_temp", "merge", path, "50")
     assert complaint.startswith("getTemp ") and f"op: merge rPath: {path} sPath: {path}" in complaint
-    assert steps.integers(device, [oid]) == [412]
-    tell(device, service, "kvsnmp_temp", "replace", path, "50")
-    assert steps.integers(device, [oid]) == [500]
-
-
-_told = iter(range(1, 1000000))
-
-
-def tell(device: Device, service: DataService, ref: str, op: str, path: str, text: str) -> list[str]:
-    """Sends one notification; when the daemon has taken it, lets its tables expire. Returns what it said about it."""
-    leaf = path.rpartition("/")[2]
-    before = len(device.kvsnmp_err())
-    service.notify(ref, op, path, f"<{leaf}>{text}</{leaf}>")
-    mark = f"mark{next(_told)}"
-    service.notify("kvsnmp_sys_messages", "create",
-                   f"/state/sys_messages/sys_message[reporter='silence'][rep_ref='{mark}']",
-                   f"<sys_message><reporter>silence</reporter><rep_ref>{mark}</rep_ref></sys_message>",
-                   "/state/sys_messages/sys_message")
-    wait_until(lambda: f"New Fault: [silence] [{mark}]" in device.kvsnmp_err(), 30, what=f"{mark} taken")
-    device.shift_clock(steps.CACHE_SECONDS)
-    said = device.kvsnmp_err()[before:].splitlines()
-    return [line for line in said if f"op: {op} " in line]
+    assert steps.integers(played.device, [oid]) == [412]
+    played.tell("kvsnmp_temp", "replace", path, "50")
+    assert steps.integers(played.device, [oid]) == [500]

@@ -3,11 +3,12 @@ messages that the simulator never sends, from a data service that the test plays
 from __future__ import annotations
 
 import datetime
+import itertools
 import time
 from xml.sax.saxutils import escape
 
 import pytest
-from support.dataservice import DataService
+from support.played import MESSAGES, Played
 from support.polling import stays, wait_until
 from support.settingsfile import SnmpSettings
 from support.traps import (CATALOGUE, DESCRIPTION, E, LEVEL, ROW_OF, SETTINGS, SYS_NAME, SYS_UP_TIME, TIME, Faults,
@@ -197,27 +198,18 @@ def test_every_inform_was_received_once(bench):
 # A data service that the test plays
 
 
-MESSAGES = "/state/sys_messages/sys_message"
+_marks = itertools.count(1)
 BASE = SnmpSettings(sys_name="", trap_address="127.0.0.1")
 
 
-class Peer:
-    """The data service's side: settings and system messages."""
-
-    def __init__(self, service: DataService) -> None:
-        self.service = service
-        self.settings = BASE
-        self._marks = 0
+class Peer(Played):
+    """Sends system messages."""
 
     def enable_all_traps(self) -> None:
         traps = "".join(f"<trap><name>{row.switch}</name><enabled>true</enabled></trap>" for row in CATALOGUE)
         self.service.notify("trap_settings", "create", f"{SETTINGS}/trap_settings",
-                            f"<trap_settings><trap_address>{self.settings.trap_address}</trap_address><inform_address/>"
+                            f"<trap_settings><trap_address>{self.sent.trap_address}</trap_address><inform_address/>"
                             f"<traps>{traps}</traps></trap_settings>")
-
-    def change(self, settings: SnmpSettings) -> None:
-        settings.send_changes(self.service, self.settings)
-        self.settings = settings
 
     def message(self, op: str, path: str, node: str) -> None:
         self.service.notify("kvsnmp_sys_messages", op, path, node, subscribed=MESSAGES)
@@ -229,9 +221,9 @@ class Peer:
 
     def mark(self, receiver: TrapReceiver) -> None:
         """Raises one more fault and waits for its trap: what was to come before it has come."""
-        self._marks += 1
-        self.raise_fault(f"mark {self._marks}", f"mark {self._marks}", "custom_msg")
-        receiver.wait_for(f"mark {self._marks}")
+        text = f"mark {next(_marks)}"
+        self.raise_fault(text, text, "custom_msg")
+        receiver.wait_for(text)
 
 
 def path_of(ref: str) -> str:
@@ -243,19 +235,18 @@ def scripted(start_shared_device):
     """A device that got its traps' switches and three faults, one of them ended, before any other setting."""
     device = start_shared_device(6420, "--no-simulator", "--no-dbus", "--no-traps")
     receiver = TrapReceiver(device)
-    service = DataService(device.path("/run/tal.sock"))
-    peer = Peer(service)
-    wait_until(lambda: service.has("kvsnmp_sys_messages"), 15, what="system messages subscribed")
+    peer = Peer(device, BASE)
+    peer.wait_subscribed()
     peer.enable_all_traps()
     for number in (1, 2, 3):
         peer.raise_fault(f"early {number}", f"early {number}")
     peer.message("delete", path_of("early 2"), "")
     wait_until(lambda: "onReportFault Remove Fault: [amp] [early 2]\n" in device.kvsnmp_err(), what="faults taken in")
     assert "Starting kvAgent" not in device.kvsnmp_out() and not device.pids("snmpd")
-    BASE.send_all(service)
+    peer.send()
     device.wait_answering()
     yield device, peer, receiver
-    service.close()
+    peer.service.close()
 
 
 def test_faults_from_before_the_agent_was_started_are_sent_as_soon_as_it_can(scripted):
