@@ -176,6 +176,7 @@ def test_half_written_settings_file_is_not_kept(configured, mounted):
         device.path("/etc/kept").mkdir()
         disk = SmallDisk(device, "/etc/kept")
         (disk.folder / "snmpd.conf").write_text("# older and longer\n" * 200)
+        (disk.folder / "snmpd.conf").chmod(0o644)
         device.path(CONF).write_text("# below the mount\n")
         device.run(["mount", "--bind", "/etc/kept/snmpd.conf", CONF])
     else:
@@ -183,6 +184,7 @@ def test_half_written_settings_file_is_not_kept(configured, mounted):
     configured.start()
     snmpd = configured.wait_contact("ops", [])
     assert configured.conf() == WHOLE
+    assert stat.S_IMODE((disk.folder / "snmpd.conf").stat().st_mode) == 0o600
     assert configured.count(IN_PLACE + "Device or resource busy") == mounted
     disk.fill()
     configured.change(SnmpSettings(sys_contact=LONG))
