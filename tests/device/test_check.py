@@ -204,7 +204,6 @@ def no_traps(device: Device, *but: str):
 
 
 FAKE = "import ctypes, time; ctypes.CDLL(None).prctl(15, b'kvsnmp'); time.sleep(60)"
-DAMAGE = [("view all", "veiw all"), (" public\n", "\n")]
 PORT = "udp:127.0.0.1:1999"
 Texts = dict[str, str]  # check to what its text says
 
@@ -237,13 +236,15 @@ BROKEN = {
                                {"system-bus": "is connected, but does not answer"}),
     "snmpd stopped": Broken(
         lambda device: stopped(device, "snmpd"), "snmpd-process",
-        {"snmpd-process": "process {snmpd} is stopped", "agentx-socket": "takes the connection, but does not answer within 1 s"}),
+        {"snmpd-process": "process {snmpd} is stopped",
+         "agentx-socket": "takes the connection, but does not answer within 1 s"}),
     "two snmpd": Broken(lambda device: beside(device, "snmpd", "snmpd", "-f", "-C", "-Ln", "-x", "/tmp/second", PORT),
                         "snmpd-process", {"snmpd-process": "2 of them run"}),
     "stale pid file of snmpd": Broken(lambda device: edited(device, "/run/snmpd.pid", lambda _: "99999\n"), "snmpd-pid-file",
                                       {"snmpd-pid-file": "names process 99999, not {snmpd}"}),
     "configuration damaged by hand": Broken(
-        lambda device: edited(device, CONF, lambda text: text.replace(*DAMAGE[0]).replace(*DAMAGE[1], 1)), "snmpd-conf-settings",
+        lambda device: edited(device, CONF, lambda text: text.replace("view all", "veiw all").replace(" public\n", "\n", 1)),
+        "snmpd-conf-settings",
         {"snmpd-conf-settings": "differs from the settings in: com2sec, veiw, view",
          "snmpd-conf-accepted": 'snmpd refuses line {com2sec}, "com2sec mynetwork 127.0.0.1"'}),
     "community changed by hand": Broken(

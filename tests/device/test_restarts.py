@@ -78,7 +78,8 @@ class Restarted(Played):
         entries = self.journal()[before:]
         stays(lambda: self.journal()[before:] == entries, 0.7, what=f"nothing more is run: {spacings} {entries}")
         stopped = {pid for what, _, pid in entries if what == "stop"}
-        assert [pid for what, _, pid in entries if what == "kill" and pid not in stopped] == [], f"killed: {spacings} {entries}"
+        healthy = [pid for what, _, pid in entries if what == "kill" and pid not in stopped]
+        assert healthy == [], f"killed with signal 9: {spacings} {entries}"
         words = [what for what, *_ in entries if what != "kill"]
         assert ("start", "start") not in zip(words, words[1:]), f"{spacings} {entries}"
 

@@ -172,7 +172,8 @@ def test_bad_model_number_ends_with_255(clean_device, text, said):
     assert "Cannot continue\nKvSnmp Failed to read modelNumber, cannot continue\n" in done.stderr
 
 
-@pytest.mark.parametrize("options", [["--kvsnmp-arg=-z"], ["--kvsnmp-arg=--taldebug"], []], ids=["-z", "--taldebug", "neither"])
+@pytest.mark.parametrize("options", [["--kvsnmp-arg=-z"], ["--kvsnmp-arg=--taldebug"], []],
+                         ids=["-z", "--taldebug", "neither"])
 def test_taldebug_prints_what_the_data_service_library_does(start_device, options):
     device = start_device(6410, *options).wait_subscribed()
     assert ("<request><ref>mib2_settings</ref>" in device.kvsnmp_err()) == bool(options)

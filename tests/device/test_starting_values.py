@@ -11,7 +11,7 @@ from support.device import Device
 from support.mib import mib
 from support.played import Played
 
-TEXTS = {6214: EXTENDED}
+OPTIONS = ["--clock-shift", "--no-simulator", "--no-dbus", "--no-traps"]
 MODELS = [6214, 6420, 6425, 6720]
 
 
@@ -30,8 +30,8 @@ class Silent(Played):
 @pytest.fixture(scope="module")
 def silent(start_shared_device):
     """Read before any test has sent anything."""
-    devices = [start_shared_device(model, "--clock-shift", "--no-simulator", "--no-dbus", "--no-traps",
-                                   *(["--model-text", TEXTS[model]] if model in TEXTS else []), wait=False) for model in MODELS]
+    devices = [start_shared_device(model, *OPTIONS, *(["--model-text", EXTENDED] if model == 6214 else []), wait=False)
+               for model in MODELS]
     made = {device.model: Silent(device.wait_ready()) for device in devices}
     for one in made.values():
         one.send()

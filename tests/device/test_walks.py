@@ -72,7 +72,8 @@ def test_golden_walk_has_the_objects_and_rows_of_the_catalogue(walk):
     expected = []
     for item in OBJECTS:
         if isinstance(item, Table):
-            expected += [(f"{item.oid(column)}.{index}", kind) for column, kind in item.columns for index, _ in rows[item.name]]
+            expected += [(f"{item.oid(column)}.{index}", kind) for column, kind in item.columns
+                         for index, _ in rows[item.name]]
             number, description = (item.oid(next(column for column, _ in item.columns if column.endswith(name)))
                                    for name in ("Index", "Description"))
             assert [(int(served[f"{number}.{index}"].text), served[f"{description}.{index}"].text)
