@@ -111,6 +111,7 @@ class TestTableCore : public QObject {
 
 private Q_SLOTS:
     void initTestCase() { benchRows.use(goodSet); }
+    void rowSetsGoByModel();
     void rowsAreChainedInOrder();
     void refillWithoutARecordChangesNothing();
     void cellsHaveTheirTypes();
@@ -122,6 +123,19 @@ private Q_SLOTS:
     void otherModesTouchNothing();
     void missingTableInformationEndsThePdu();
 };
+
+void TestTableCore::rowSetsGoByModel()
+{
+    QVERIFY(rowSetOf(rowSets) == nullptr); // no agent, no model
+    KvAgent agent = {};
+    kvAgent = &agent;
+    for (const auto &[model, rowSet] :
+         {std::pair{6720U, &rowSets[0]}, {6410U, &rowSets[1]}, {6425U, nullptr}, {1U, nullptr}}) {
+        agent.modelNumber = model;
+        QCOMPARE(rowSetOf(rowSets), rowSet);
+    }
+    kvAgent = nullptr;
+}
 
 void TestTableCore::rowsAreChainedInOrder()
 {
