@@ -269,7 +269,7 @@ void TestKernelGpio::script()
     std::map<QString, std::unique_ptr<Gpio>> gpios; // each lives as long as the script
     for (const QString &step : steps.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
         const QStringList words = step.trimmed().split(QLatin1Char(' '));
-        const QString verb = words[0];
+        const QString &verb = words[0];
         const QString name = words.value(1);
         const QByteArray rest = (words.mid(2).join(QLatin1Char(' ')) + QLatin1Char('\n')).toLatin1();
         if (verb == u("line"))
