@@ -296,7 +296,7 @@ void TestTrapGate::eachStateMeetsEachEvent()
     QCOMPARE(gate.state(), state);
 
     happen(event);
-    QString seen(QLatin1Char(stateLetters[static_cast<int>(gate.state())]));
+    QString seen{QLatin1Char{stateLetters[static_cast<int>(gate.state())]}};
     QCoreApplication::processEvents();
     seen += QString::number(runs);
     const QStringList now = sent;
