@@ -1,6 +1,6 @@
 // kvsnmp itself and what it works with besides the data service and snmpd.
 #include "check/checks.h"
-#include "check/gpiotree.h"
+#include "check/gpiosurvey.h"
 #include "check/localexchange.h"
 #include "check/subject.h"
 
@@ -145,7 +145,7 @@ Outcome checkGpioTree(Subject &subject)
     if (!gpioModels.contains(subject.model))
         return notApplicable(QStringLiteral("a %1 verifies no GPIO lines").arg(subject.model));
     const QString root = subject.variable("XR_GPIO_ROOT", QStringLiteral("/sys/class/gpio"));
-    const GpioTree tree = lookAtGpioTree(root, subject.model, hasExpanders(subject.modelText.constData()));
+    const GpioSurvey tree = surveyGpio(root, subject.model, hasExpanders(subject.modelText.constData()));
     const QString hint = QStringLiteral("statuses of the inputs, outputs and relays behind them stay unknown");
     if (!tree.exists)
         return failed(root + QStringLiteral(" is not there"),

@@ -1,8 +1,8 @@
-// The simulator's data tree: paths, XML, edits, what an edit tells a subscription, and the tree files.
+// The simulator's data tree: paths, XML, edits, what an edit tells a
+// subscription, and the tree files.
+#include "support/catalogue.h"
 #include "support/testprogram.h"
 
-#include "device/models.h"
-#include "device/trapcatalogue.h"
 #include "simulator/datapath.h"
 #include "simulator/datatree.h"
 #include "simulator/faults.h"
@@ -10,6 +10,7 @@
 #include "simulator/treefiles.h"
 #include "simulator/treexml.h"
 
+#include <QRegularExpression>
 #include <QTest>
 
 using namespace simulator;
@@ -25,9 +26,11 @@ QString text(const std::string &utf8)
 
 /// A small tree: two lines with two transponders each, a leaf, no message.
 constexpr char smallTree[] = "<state><config><name>one</name></config>"
-                             "<lines><line><kid>ch1</kid><lets><let><kid>1</kid><vcc>10</vcc></let><let><kid>2</"
+                             "<lines><line><kid>ch1</kid><lets><let><kid>1</"
+                             "kid><vcc>10</vcc></let><let><kid>2</"
                              "kid><vcc>20</vcc></let></lets></line>"
-                             "<line><kid>ch2</kid><lets><let><kid>1</kid><vcc>30</vcc></let></lets></line></lines>"
+                             "<line><kid>ch2</kid><lets><let><kid>1</"
+                             "kid><vcc>30</vcc></let></lets></line></lines>"
                              "<sys_messages/></state>";
 
 /// A tree with subscriptions and what they were told: "op rpath data".
@@ -198,7 +201,8 @@ void TestDataTree::nodeThatIsRead_data()
     QTest::newRow("white space is a part of a text")
         << QByteArray("<a>\n<b> <![CDATA[<]]> </b>\n<c> <!-- c --> </c></a>")
         << QByteArray("<a><b> &lt; </b><c>  </c></a>");
-    QTest::newRow("comments") << QByteArray("<?xml version='1.0' encoding='utf-8'?><!-- c --><a>x<!-- c -->y</a>")
+    QTest::newRow("comments") << QByteArray("<?xml version='1.0' encoding='utf-8'?><!-- c --><a>x<!-- "
+                                            "c -->y</a>")
                               << QByteArray("<a>xy</a>");
     QTest::newRow("beyond ASCII") << QByteArray("<a>\xC3\xA4 \xE2\x82\xAC</a>")
                                   << QByteArray("<a>\xC3\xA4 \xE2\x82\xAC</a>");
@@ -262,14 +266,14 @@ void TestDataTree::keyLeavesComeFirst()
     Told told({});
     QVERIFY(!told.tree.create("/state/traps", "<traps><trap><x/><enabled>true</enabled><name>A</name></trap></traps>"));
     QVERIFY(!told.tree.create("/state/ports", "<ports><port><x/><port_id>Eth1</port_id></port></ports>"));
-    QVERIFY(!told.tree.create("/state/sys_messages/sys_message",
-                              "<sys_message><text/><rep_ref>7</rep_ref><reporter>amp</reporter></sys_message>"));
+    QVERIFY(!told.tree.create("/state/sys_messages/sys_message", "<sys_message><text/><rep_ref>7</"
+                                                                 "rep_ref><reporter>amp</reporter></sys_message>"));
     QVERIFY(!told.tree.create("/state/lines/line[kid='ch3']", "<line><x/></line>"));
     const QString whole = wholeTree(told.tree);
     QVERIFY(whole.contains(QLatin1String("<trap><name>A</name><enabled>true</enabled><x/></trap>")));
     QVERIFY(whole.contains(QLatin1String("<port><port_id>Eth1</port_id><x/></port>")));
-    QVERIFY(whole.contains(
-        QLatin1String("<sys_message><reporter>amp</reporter><rep_ref>7</rep_ref><text/></sys_message>")));
+    QVERIFY(whole.contains(QLatin1String("<sys_message><reporter>amp</reporter><rep_ref>7</"
+                                         "rep_ref><text/></sys_message>")));
     QVERIFY(whole.contains(QLatin1String("<line><kid>ch3</kid><x/></line>")));
 
     // a flag that comes later takes its place, too
@@ -289,11 +293,11 @@ void TestDataTree::createMakesTheNode()
     QVERIFY(!told.tree.create("/state/traps/trap[name='T']", "<trap><enabled>true</enabled></trap>"));
     QVERIFY(
         !told.tree.create("/state/traps/sys_message[rep_ref='2'][reporter='r']", "<sys_message><text/></sys_message>"));
-    QVERIFY(wholeTree(told.tree).endsWith(
-        QLatin1String("<fans><fan><kid>f/1]</kid><rpm>5</rpm></fan>"
-                      "<fan><kid>f2</kid><rpm>6</rpm><peak>7</peak></fan></fans>"
-                      "<traps><trap><name>T</name><enabled>true</enabled></trap>"
-                      "<sys_message><reporter>r</reporter><rep_ref>2</rep_ref><text/></sys_message></traps></state>")));
+    QVERIFY(wholeTree(told.tree).endsWith(QLatin1String("<fans><fan><kid>f/1]</kid><rpm>5</rpm></fan>"
+                                                        "<fan><kid>f2</kid><rpm>6</rpm><peak>7</peak></fan></fans>"
+                                                        "<traps><trap><name>T</name><enabled>true</enabled></trap>"
+                                                        "<sys_message><reporter>r</reporter><rep_ref>2</"
+                                                        "rep_ref><text/></sys_message></traps></state>")));
     QVERIFY(told.tree.contains("/state/fans/fan[kid='f/1]']/rpm"));
 }
 
@@ -330,7 +334,8 @@ void TestDataTree::setChangesALeaf()
     QVERIFY(wholeTree(told.tree).contains(QLatin1String("<name>  &lt;two&gt; &amp; &#13;</name>")));
     QVERIFY(!told.tree.set("/state/config/name", ""));
     QVERIFY(wholeTree(told.tree).contains(QLatin1String("<name/>")));
-    QVERIFY(!told.tree.set("/state/lines/line[kid=ch2]/lets/let/vcc", "31")); // only one matches
+    QVERIFY(!told.tree.set("/state/lines/line[kid=ch2]/lets/let/vcc",
+                           "31")); // only one matches
     QVERIFY(wholeTree(told.tree).contains(QLatin1String("<vcc>31</vcc>")));
 }
 
@@ -379,27 +384,32 @@ void TestDataTree::deleteIsRefused()
 void TestDataTree::patchMergesByKeys()
 {
     Told told({});
-    QVERIFY(!told.tree.patch("/state/lines",
-                             "<lines><line><kid>ch2</kid><lets><let><vcc>99</vcc><kid>1</kid></let>"
-                             "<let><kid>2</kid></let></lets></line><line><kid>ch3</kid></line></lines>"));
-    QVERIFY(
-        !told.tree.patch("/state/version", "<version><software><kid>a</kid><version>1</version></software></version>"));
-    QCOMPARE(wholeTree(told.tree),
-             QStringLiteral("<state><config><name>one</name></config><lines><line><kid>ch1</kid><lets><let><kid>1</kid>"
-                            "<vcc>10</vcc></let><let><kid>2</kid><vcc>20</vcc></let></lets></line><line><kid>ch2</kid>"
-                            "<lets><let><kid>1</kid><vcc>99</vcc></let><let><kid>2</kid></let></lets></line><line>"
-                            "<kid>ch3</kid></line></lines><sys_messages/><version><software><kid>a</kid><version>1"
-                            "</version></software></version></state>"));
+    QVERIFY(!told.tree.patch("/state/lines", "<lines><line><kid>ch2</kid><lets><let><vcc>99</vcc><kid>1</kid></let>"
+                                             "<let><kid>2</kid></let></lets></line><line><kid>ch3</kid></line></"
+                                             "lines>"));
+    QVERIFY(!told.tree.patch("/state/version", "<version><software><kid>a</kid><version>1</"
+                                               "version></software></version>"));
+    QCOMPARE(wholeTree(told.tree), QStringLiteral("<state><config><name>one</name></"
+                                                  "config><lines><line><kid>ch1</kid><lets><let><kid>1</kid>"
+                                                  "<vcc>10</vcc></let><let><kid>2</kid><vcc>20</vcc></let></"
+                                                  "lets></line><line><kid>ch2</kid>"
+                                                  "<lets><let><kid>1</kid><vcc>99</vcc></let><let><kid>2</"
+                                                  "kid></let></lets></line><line>"
+                                                  "<kid>ch3</kid></line></lines><sys_messages/"
+                                                  "><version><software><kid>a</kid><version>1"
+                                                  "</version></software></version></state>"));
     QVERIFY(isRefused(told.tree.patch("/state/x/y", "<y/>"), "no such node: /state/x"));
 }
 
 void TestDataTree::existingNodesInDocumentOrder()
 {
     Told told({QStringLiteral("/state/lines/line/lets/let/vcc"), QStringLiteral("/state/none")});
-    QCOMPARE(told.existing(),
-             (QStringList{QStringLiteral("create /state/lines/line[kid='ch1']/lets/let[kid='1']/vcc <vcc>10</vcc>"),
-                          QStringLiteral("create /state/lines/line[kid='ch1']/lets/let[kid='2']/vcc <vcc>20</vcc>"),
-                          QStringLiteral("create /state/lines/line[kid='ch2']/lets/let[kid='1']/vcc <vcc>30</vcc>")}));
+    QCOMPARE(told.existing(), (QStringList{QStringLiteral("create /state/lines/line[kid='ch1']/lets/let[kid='1']/vcc "
+                                                          "<vcc>10</vcc>"),
+                                           QStringLiteral("create /state/lines/line[kid='ch1']/lets/let[kid='2']/vcc "
+                                                          "<vcc>20</vcc>"),
+                                           QStringLiteral("create /state/lines/line[kid='ch2']/lets/let[kid='1']/vcc "
+                                                          "<vcc>30</vcc>")}));
 }
 
 void TestDataTree::change_data()
@@ -409,66 +419,43 @@ void TestDataTree::change_data()
     QTest::addColumn<QString>("path");
     QTest::addColumn<QString>("data");
     QTest::addColumn<QStringList>("told");
-
-    const QString vcc = QStringLiteral("/state/lines/line/lets/let/vcc");
-    const QString ch1 = QStringLiteral("/state/lines/line[kid='ch1']");
-    const QString let1 = ch1 + QStringLiteral("/lets/let[kid='1']");
-
-    QTest::newRow("the matched node") << vcc << "set" << let1 + "/vcc"
-                                      << "11" << QStringList{"replace " + let1 + "/vcc <vcc>11</vcc>"};
-    QTest::newRow("below a matched node: the deeper path")
-        << "/state/lines"
-        << "set" << let1 + "/vcc"
-        << "11" << QStringList{"replace " + let1 + "/vcc <vcc>11</vcc>"};
-    QTest::newRow("beside it") << "/state/config"
-                               << "set" << let1 + "/vcc"
-                               << "11" << QStringList{};
-    QTest::newRow("another list node") << "/state/lines/line[kid='ch2']"
-                                       << "set" << let1 + "/vcc"
-                                       << "11" << QStringList{};
-    QTest::newRow("a chosen list node") << ch1 << "set" << let1 + "/vcc"
-                                        << "11" << QStringList{"replace " + let1 + "/vcc <vcc>11</vcc>"};
-    QTest::newRow("an ancestor goes: each matched node by itself")
-        << vcc << "delete" << ch1 << ""
-        << QStringList{"delete " + let1 + "/vcc <vcc>10</vcc>",
-                       "delete " + ch1 + "/lets/let[kid='2']/vcc <vcc>20</vcc>"};
-    QTest::newRow("an ancestor comes: each matched node by itself")
-        << vcc << "create"
-        << "/state/lines/line[kid='x']"
-        << "<line><lets><let><kid>5</kid><vcc>1</vcc></let><let><kid>6</kid><vcc>2</vcc></let></lets></line>"
-        << QStringList{"create /state/lines/line[kid='x']/lets/let[kid='5']/vcc <vcc>1</vcc>",
-                       "create /state/lines/line[kid='x']/lets/let[kid='6']/vcc <vcc>2</vcc>"};
-    QTest::newRow("an ancestor changes: what went, what came, what differs, not what stayed")
-        << "/state/lines/line/lets/let"
-        << "replace"
-        << "/state/lines"
-        << "<lines><line><kid>ch1</kid><lets><let><kid>1</kid><vcc>10</vcc></let><let><kid>3</kid></let></lets></line>"
-           "<line><kid>ch2</kid><lets><let><kid>1</kid><vcc>31</vcc></let></lets></line></lines>"
-        << QStringList{"delete " + ch1 + "/lets/let[kid='2'] <let><kid>2</kid><vcc>20</vcc></let>",
-                       "create " + ch1 + "/lets/let[kid='3'] <let><kid>3</kid></let>",
-                       "replace /state/lines/line[kid='ch2']/lets/let[kid='1'] <let><kid>1</kid><vcc>31</vcc></let>"};
-    QTest::newRow("an ancestor that holds no matched node") << vcc << "create"
-                                                            << "/state/lines/line[kid='x']"
-                                                            << "<line><y/></line>" << QStringList{};
-    QTest::newRow("create of a matched node")
-        << "/state/lines/line"
-        << "create"
-        << "/state/lines/line[kid='x']"
-        << "<line/>" << QStringList{"create /state/lines/line[kid='x'] <line><kid>x</kid></line>"};
-    QTest::newRow("create below a matched node") << "/state/lines/line"
-                                                 << "create" << ch1 + "/x"
-                                                 << "<x>1</x>" << QStringList{"create " + ch1 + "/x <x>1</x>"};
-    QTest::newRow("replace of a matched node")
-        << "/state/lines/line"
-        << "replace" << ch1 << "<line><x>1</x></line>"
-        << QStringList{"replace " + ch1 + " <line><kid>ch1</kid><x>1</x></line>"};
-    QTest::newRow("delete below a matched node") << "/state/lines/line"
-                                                 << "delete" << let1 + "/vcc"
-                                                 << "" << QStringList{"delete " + let1 + "/vcc <vcc>10</vcc>"};
-    QTest::newRow("deeper than any node") << "/state/config/name/x"
-                                          << "set"
-                                          << "/state/config/name"
-                                          << "two" << QStringList{};
+    // clang-format off
+    const struct { const char *name; const char *subscribed; const char *operation; const char *path; const char *data; QStringList told; } rows[] = {
+        {"the matched node",   "VCC",           "set", "LET1/vcc", "11", {"replace LET1/vcc <vcc>11</vcc>"}},
+        {"below a matched node: the deeper path", "/state/lines", "set", "LET1/vcc", "11", {"replace LET1/vcc <vcc>11</vcc>"}},
+        {"beside it",          "/state/config", "set", "LET1/vcc", "11", {}},
+        {"another list node",  "CH2",           "set", "LET1/vcc", "11", {}},
+        {"a chosen list node", "CH1",           "set", "LET1/vcc", "11", {"replace LET1/vcc <vcc>11</vcc>"}},
+        {"an ancestor goes: each matched node by itself", "VCC", "delete", "CH1", "",
+         {"delete LET1/vcc <vcc>10</vcc>", "delete CH1/lets/let[kid='2']/vcc <vcc>20</vcc>"}},
+        {"an ancestor comes: each matched node by itself", "VCC", "create", "/state/lines/line[kid='x']",
+         "<line><lets><let><kid>5</kid><vcc>1</vcc></let><let><kid>6</kid><vcc>2</vcc></let></lets></line>",
+         {"create /state/lines/line[kid='x']/lets/let[kid='5']/vcc <vcc>1</vcc>",
+          "create /state/lines/line[kid='x']/lets/let[kid='6']/vcc <vcc>2</vcc>"}},
+        {"an ancestor changes: what went, what came, what differs, not what stayed", "/state/lines/line/lets/let", "replace", "/state/lines",
+         "<lines><line><kid>ch1</kid><lets><let><kid>1</kid><vcc>10</vcc></let><let><kid>3</kid></let></lets></line>"
+         "<line><kid>ch2</kid><lets><let><kid>1</kid><vcc>31</vcc></let></lets></line></lines>",
+         {"delete CH1/lets/let[kid='2'] <let><kid>2</kid><vcc>20</vcc></let>", "create CH1/lets/let[kid='3'] <let><kid>3</kid></let>",
+          "replace CH2/lets/let[kid='1'] <let><kid>1</kid><vcc>31</vcc></let>"}},
+        {"an ancestor that holds no matched node", "VCC", "create", "/state/lines/line[kid='x']", "<line><y/></line>", {}},
+        {"create of a matched node", "/state/lines/line", "create", "/state/lines/line[kid='x']", "<line/>",
+         {"create /state/lines/line[kid='x'] <line><kid>x</kid></line>"}},
+        {"create below a matched node", "/state/lines/line", "create", "CH1/x", "<x>1</x>", {"create CH1/x <x>1</x>"}},
+        {"replace of a matched node", "/state/lines/line", "replace", "CH1", "<line><x>1</x></line>", {"replace CH1 <line><kid>ch1</kid><x>1</x></line>"}},
+        {"delete below a matched node", "/state/lines/line", "delete", "LET1/vcc", "", {"delete LET1/vcc <vcc>10</vcc>"}},
+        {"deeper than any node", "/state/config/name/x", "set", "/state/config/name", "two", {}},
+    };
+    // clang-format on
+    const auto full = [](QString path) {
+        path.replace("LET1", "CH1/lets/let[kid='1']").replace("VCC", "/state/lines/line/lets/let/vcc");
+        return path.replace("CH1", "/state/lines/line[kid='ch1']").replace("CH2", "/state/lines/line[kid='ch2']");
+    };
+    for (const auto &row : rows) {
+        QStringList told = row.told;
+        for (QString &message : told)
+            message = full(message);
+        QTest::newRow(row.name) << full(row.subscribed) << row.operation << full(row.path) << row.data << told;
+    }
 }
 
 void TestDataTree::change()
@@ -495,12 +482,13 @@ void TestDataTree::patchTellsEachNodeThatChanges()
     Told told({QStringLiteral("/state/lines")});
     QVERIFY(!told.tree.patch("/state/lines/line[kid='ch1']",
                              "<line><x>1</x><lets><let><kid>1</kid><vcc>10</vcc></let>"
-                             "<let><kid>2</kid><vcc>21</vcc></let><let><kid>3</kid></let></lets></line>"));
-    QCOMPARE(
-        told.messages,
-        (QStringList{QStringLiteral("create /state/lines/line[kid='ch1']/x <x>1</x>"),
-                     QStringLiteral("replace /state/lines/line[kid='ch1']/lets/let[kid='2']/vcc <vcc>21</vcc>"),
-                     QStringLiteral("create /state/lines/line[kid='ch1']/lets/let[kid='3'] <let><kid>3</kid></let>")}));
+                             "<let><kid>2</kid><vcc>21</vcc></let><let><kid>3</kid></let></lets></"
+                             "line>"));
+    QCOMPARE(told.messages, (QStringList{QStringLiteral("create /state/lines/line[kid='ch1']/x <x>1</x>"),
+                                         QStringLiteral("replace /state/lines/line[kid='ch1']/lets/let[kid='2']/vcc "
+                                                        "<vcc>21</vcc>"),
+                                         QStringLiteral("create /state/lines/line[kid='ch1']/lets/let[kid='3'] "
+                                                        "<let><kid>3</kid></let>")}));
 }
 
 void TestDataTree::unchangedValueIsNotTold()
@@ -518,10 +506,11 @@ void TestDataTree::deletedNodeIsSentAsItWas()
     Told told({QStringLiteral("/state/sys_messages/sys_message")});
     QVERIFY(!raiseFault(told.tree, {"amp", "7", "fan_not_running", "crit", "no fan", "0"}, false));
     QVERIFY(!clearFault(told.tree, "amp", "7"));
-    const QString rest = QStringLiteral(
-        " /state/sys_messages/sys_message[reporter='amp'][rep_ref='7'] <sys_message><reporter>amp</reporter><rep_ref>7"
-        "</rep_ref><msgdata><fan_not_running/></msgdata><text>no fan</text><timestamp>0</timestamp><level>crit</level>"
-        "</sys_message>");
+    const QString rest = QStringLiteral(" /state/sys_messages/sys_message[reporter='amp'][rep_ref='7'] "
+                                        "<sys_message><reporter>amp</reporter><rep_ref>7"
+                                        "</rep_ref><msgdata><fan_not_running/></msgdata><text>no "
+                                        "fan</text><timestamp>0</timestamp><level>crit</level>"
+                                        "</sys_message>");
     QCOMPARE(told.messages, (QStringList{QStringLiteral("create") + rest, QStringLiteral("delete") + rest}));
 }
 
@@ -532,9 +521,10 @@ void TestDataTree::messageNamesTheSubscription()
     const Subscription subscription{"r<&>", "/state/config[x='<']", *parsePath("/state/config/name", error)};
     std::string message;
     tellExisting(subscription, told.tree, [&](const std::string &m) { message += m; });
-    QCOMPARE(text(message),
-             QStringLiteral("<notify><ref>r&lt;&amp;&gt;</ref><op>create</op><rpath>/state/config/name</rpath>"
-                            "<spath>/state/config[x='&lt;']</spath><data><name>one</name></data></notify>"));
+    QCOMPARE(text(message), QStringLiteral("<notify><ref>r&lt;&amp;&gt;</ref><op>create</"
+                                           "op><rpath>/state/config/name</rpath>"
+                                           "<spath>/state/config[x='&lt;']</"
+                                           "spath><data><name>one</name></data></notify>"));
 }
 
 void TestDataTree::faultsAreSystemMessages()
@@ -544,7 +534,8 @@ void TestDataTree::faultsAreSystemMessages()
     QVERIFY(!raiseFault(told.tree, fault, false));
     QVERIFY(isRefused(raiseFault(told.tree, fault, false), "is there already"));
     QVERIFY(!raiseFault(told.tree, {"amp 1/]", "7", "let_fail", "err", "", ""}, true));
-    QVERIFY(!raiseFault(told.tree, {"b", "1", "custom_msg", "notice", "t", "0"}, true)); // nothing to replace
+    QVERIFY(!raiseFault(told.tree, {"b", "1", "custom_msg", "notice", "t", "0"},
+                        true)); // nothing to replace
     QVERIFY(isRefused(raiseFault(told.tree, {"it's", "7", "", "", "", ""}, false), "apostrophe"));
     QVERIFY(isRefused(raiseFault(told.tree, {"a", "7", "<x>", "", "", ""}, false), "not a message identifier"));
     QVERIFY(isRefused(raiseFault(told.tree, {"a", "7", "x", "", "\x02", ""}, false), "control character"));
@@ -573,130 +564,76 @@ void TestDataTree::trapsAreEnabledByName()
 void TestDataTree::everyModelHasATree()
 {
     QStringList models;
-    for (const std::uint32_t model : knownModels)
+    for (const uint model : catalogue::models())
         models += QString::number(model);
     QCOMPARE(modelsIn(treesFolder), models);
 }
 
 void TestDataTree::treeHasWhatTheModelShows_data()
 {
-    QTest::addColumn<QString>("model");
-    QTest::addColumn<QString>("listPath"); // its nodes, and no others
-    QTest::addColumn<QString>("leaf");     // what each of them must have
-    QTest::addColumn<QString>("keys");
-
-    const QString power = QStringLiteral("/state/power_lines/power_line");
-    const QString common = QStringLiteral("1v8 3v3 5v0 12v7 15v0 24v0 24v0FB");
-    const auto add = [](const char *model, const QString &path, const char *leaf, const QString &keys) {
-        QTest::addRow("%s %s %s", model, qPrintable(path), leaf) << model << path << leaf << keys;
-    };
-    add("6410", power, "voltage", "1v2 32v0 24v0AC 24v0DC " + common);
-    add("6420", power, "voltage", "1v8SW 50v0 50v0AC 50v0DC 15v0CDA 12v0PM " + common);
-    add("6425", power, "voltage", "1v8 1v8SW 3v3 5v0 15v0 24v0Plus 24v0Minus");
-    add("6720", power, "voltage", "1v8SW 3v3 5v0 12v7 12v7_LN 15v_amp 24v0 MainPower");
-    add("6764", power, "voltage", "1v8_sw 3v3 5v0 12v7 12v_ln 15v0_amp 24v0 50v0");
-
-    const QString sensors = QStringLiteral("/state/temp_sensors/temp_sensor");
-    for (const char *leaf : {"temp_current", "temp_peak", "temp_average"}) {
-        add("6410", sensors, leaf, "cntlr_main_board_1 cntlr_main_board_2 cntlr_ac_power cntlr_dc_power");
-        add("6420", sensors, leaf, "amp_class_d_amp_1 amp_class_d_amp_2 amp_main_board amp_ac_power amp_dc_power");
-        add("6720", sensors, leaf, "class_d main_board");
-        add("6764", sensors, leaf, "class_d mainboard dcdc_conv");
-        add("6425", sensors, leaf, "channel_1 channel_2 main_board power");
-    }
-
-    const QString fans = QStringLiteral("/state/fans/fan");
-    add("6410", fans, "speed_sensor_rpm", "cntlr_power");
-    add("6420", fans, "speed_sensor_rpm", "amp_power amp_class_d");
-    add("6720", fans, "speed_sensor_rpm", "amp_class_d");
-    add("6764", fans, "speed_sensor_rpm", "fan2 fan1");
-    add("6425", fans, "speed_sensor_rpm", "");
-
-    const QString sources = QStringLiteral("/state/power_sources/power_source");
-    const QString watchedSources = QStringLiteral("/state/config/power_sources/power_source");
-    const QString inputs = QStringLiteral("/state/config/gpis/gpi");
-    for (const char *model : {"6410", "6420"}) {
-        add(model, sources, "live", "ac_power dc_power");
-        add(model, watchedSources, "monitored", "ac_power dc_power");
-        add(model, inputs, "monitored", "gpi1 gpi2 gpi3 gpi4 gpi5 gpi6");
-    }
-    for (const char *model : {"6425", "6720", "6764"}) {
-        add(model, watchedSources, "monitored",
-            QLatin1String(model) == QLatin1String("6425") ? "dc_power" : "ac_power");
-        add(model, inputs, "monitored", "gpi1 gpi2");
-    }
-
-    const QString lines = QStringLiteral("/state/lines/line");
-    const QString lineSettings = QStringLiteral("/state/config/lines/line");
-    for (const char *model : {"6420", "6425", "6720", "6764"}) {
-        add(model, lineSettings + "[enable='true']", "enable", "ch1 ch2");
-        for (const char *kid : {"ch1", "ch2"})
-            add(model, lines + QStringLiteral("[kid='%1']").arg(QLatin1String(kid)), "characteristics", kid);
-    }
-    for (const char *model : {"6420", "6720", "6764"}) {
-        add(model, "/state/class_d_amp_status", "status", "");
-        for (const char *kid : {"ch1", "ch2"}) {
-            const QString lets = QStringLiteral("[kid='%1']/lets/let").arg(QLatin1String(kid));
-            for (const char *leaf : {"enabled", "let_description"})
-                add(model, lineSettings + lets, leaf, "1 2 3 4 5 6 7 8 9 10");
-            for (const char *leaf : {"hw_version", "sw_version", "let_vcc"})
-                add(model, lines + lets, leaf, "1 2 3 4 5 6 7 8 9 10");
-        }
-    }
-    for (const char *model : {"6410", "6420", "6425"})
-        for (const char *kid : {"ln1", "ln2"}) {
-            add(model, lines + QStringLiteral("[kid='%1']").arg(QLatin1String(kid)), "pilot_tone_state", kid);
-            add(model, lineSettings + QStringLiteral("[kid='%1']").arg(QLatin1String(kid)), "pilot_tone_sensing_enable",
-                kid);
-        }
-    for (const char *model : {"6214", "6259", "6601", "6602"}) {
-        add(model, lineSettings, "mic_monitor_enable", "mic ln_in");
-        add(model, "/state/lines", "mic_status_extern", "");
-        add(model, "/state/lines", "mic_status_intern", "");
-    }
-    for (const char *model : {"6214", "6259", "6410", "6420", "6425", "6601", "6602", "6720", "6764", "6913", "6914"})
-        add(model, "/state/config/os_ip/eth_switch/port", "monitored", "Eth1 Eth2");
-
-    const QString pins =
-        QStringLiteral("gpio1 gpio2 gpio3 gpio4 gpio5 gpio6 gpio7 gpio8 gpio9 gpio10 gpio11 gpio12 gpio13 gpio14");
-    const QString expander = QStringLiteral("e_relay1 e_relay2 e_relay3 e_relay4 e_relay5 e_relay6 e_relay7 e_relay8");
-    for (const char *model : {"6211", "6214", "6259", "6891"}) {
-        const bool hasFour =
-            QLatin1String(model) == QLatin1String("6214") || QLatin1String(model) == QLatin1String("6259");
-        add(model, "/state/config/gpios/gpio", "gpio_type", pins);
-        for (const char *leaf : {"delay", "idle_mode"})
-            add(model, "/state/config/gpos/gpo", leaf, "relay1 " + expander + (hasFour ? " relay2" : ""));
-    }
+    settingsOfEveryTree_data();
 }
 
+// Each key of the catalogue on the models that subscribe to it, and no other
+// node beside it.
 void TestDataTree::treeHasWhatTheModelShows()
 {
     QFETCH(const QString, model);
-    QFETCH(const QString, listPath);
-    QFETCH(const QString, leaf);
-    QFETCH(const QString, keys);
 
     DataTree tree;
     const Refusal refusal = loadModel(treesFolder, model, tree);
     QVERIFY2(!refusal, refusal ? refusal->c_str() : "");
-    std::string error;
-    const std::optional<DataPath> path = parsePath(listPath.toStdString(), error);
-    QVERIFY2(path, error.c_str());
-    QStringList found;
-    const std::vector<pugi::xml_node> nodes = tree.select(*path);
-    for (const pugi::xml_node node : nodes) {
-        QVERIFY2(node.child(qPrintable(leaf)).first_child(), pathText(node).c_str()); // there, and not empty
-        for (const pugi::xml_node key : keyLeaves(node))
-            found += QString::fromUtf8(key.child_value());
+    QStringList subscribed;
+    for (const catalogue::Row &subscription : catalogue::rows("subscriptions", "block", "data"))
+        if (subscription.has(model.toUInt()))
+            subscribed << subscription["reference"];
+    for (const catalogue::Row &parser : catalogue::rows("parsers")) {
+        if (!subscribed.contains(parser["reference"]))
+            continue;
+        QStringList expected;
+        for (const catalogue::Row &key : catalogue::rows("keys"))
+            if (key.list("parser").contains(parser["parser"]) && key.has(model.toUInt()))
+                expected << QString(parser["path"])
+                                .replace("%1", key["key"].section(' ', 0, 0))
+                                .replace("%2", key["key"].section(' ', 1));
+        if (parser["parser"] == "power_monitored" && expected.isEmpty()) // subscribed to, and ignored
+            expected << QString(parser["path"]).replace("%1", model == "6425" ? "dc_power" : "ac_power");
+        if (parser["parser"] == "gpio_type") // feeds the GPIO control
+            for (int number = 1; number <= 14; ++number)
+                expected << QString(parser["path"]).replace("%1", QString::number(number));
+        if (parser["parser"] == "class_d" && model != "6425") // feeds the channels' status
+            expected << parser["path"];
+        expected.sort();
+        expected.removeDuplicates();                             // keys that feed two rows
+        if (expected.isEmpty() && parser["path"].endsWith("%1")) // the key is the name of the leaf
+            continue;
+
+        std::string error;
+        const std::optional<DataPath> path = parsePath(QString(parser["path"])
+                                                           .remove(QRegularExpression("\\[[^]]*\\]"))
+                                                           .replace("/%1", "/" + expected.value(0).section('/', -1))
+                                                           .toStdString(),
+                                                       error);
+        QVERIFY2(path, error.c_str());
+        QStringList found;
+        for (const pugi::xml_node node : tree.select(*path)) {
+            QVERIFY2(node.first_child(),
+                     pathText(node).c_str()); // there, and not empty
+            found += text(pathText(node));
+            if (parser["parser"] == "amp_enable")
+                QCOMPARE(node.child_value(), "true");
+        }
+        found.sort();
+        QCOMPARE(found, parser["parser"] == "mic_status" ? expected.mid(0, 1) : expected);
+        for (const QString &each : expected)
+            QVERIFY2(tree.contains(each.toStdString()), qPrintable(each));
     }
-    QCOMPARE(found.join(QLatin1Char(' ')), keys);
-    QVERIFY(!nodes.empty() || keys.isEmpty());
 }
 
 void TestDataTree::settingsOfEveryTree_data()
 {
     QTest::addColumn<QString>("model");
-    for (const std::uint32_t model : knownModels)
+    for (const uint model : catalogue::models())
         QTest::addRow("%u", model) << QString::number(model);
 }
 
@@ -734,8 +671,8 @@ void TestDataTree::settingsOfEveryTree()
         names += text(trap.name);
         QCOMPARE(trap.enabled, std::string("true"));
     }
-    for (const Trap &trap : trapCatalogue)
-        expected += QString::fromUtf8(trap.name.data(), static_cast<int>(trap.name.size()));
+    for (const catalogue::Row &trap : catalogue::rows("traps"))
+        expected += trap["switch"];
     names.sort();
     expected.sort();
     QCOMPARE(names, expected);

@@ -1,4 +1,5 @@
 // The check cycle over a made-up GPIO tree, and what reaches the data-service client's records.
+#include "support/gpiofolder.h"
 #include "support/talbench.h"
 #include "support/testprogram.h"
 
@@ -6,10 +7,7 @@
 
 #include <xrcommon/Gpio.h>
 
-#include <QDir>
 #include <QElapsedTimer>
-#include <QFile>
-#include <QTemporaryDir>
 #include <QTest>
 
 namespace {
@@ -17,27 +15,16 @@ namespace {
 constexpr int base21 = 400; // where the expanders' lines begin in the tree
 constexpr int base22 = 300;
 
-/// The kernel's GPIO folder, with both expanders; lines are made by setting them.
-class GpioTree {
+/// With both expanders; lines are made by setting them.
+class GpioTree : public GpioFolder {
 public:
     GpioTree()
     {
-        makeChip("gpiochip400", "expander-0021", base21);
-        makeChip("gpiochip300", "expander-0022", base22);
-        write(qs("export"), "");
-        qputenv("XR_GPIO_ROOT", m_dir.path().toLocal8Bit());
+        addChip(base21, "expander-0021");
+        addChip(base22, "expander-0022");
     }
-    ~GpioTree() { qunsetenv("XR_GPIO_ROOT"); }
-    GpioTree(const GpioTree &) = delete;
-    GpioTree &operator=(const GpioTree &) = delete;
 
-    void set(int line, const QByteArray &value) { write(qs("gpio%1/value").arg(line), value + "\n"); }
-    /// The line is driven, as the kernel's files say it.
-    void setOutput(int line)
-    {
-        write(qs("gpio%1/direction").arg(line), "out\n");
-        write(qs("gpio%1/edge").arg(line), "none\n");
-    }
+    void set(int line, const QByteArray &value) { setValue(line, value + "\n"); }
     void setAll(const QByteArray &value)
     {
         for (const auto &[first, last] :
@@ -45,29 +32,6 @@ public:
             for (int line = first; line <= last; ++line)
                 set(line, value);
     }
-    QByteArray read(const QString &name) const
-    {
-        QFile file(m_dir.filePath(name));
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(cannot be read)");
-    }
-    bool removeLine(int line) { return QDir(m_dir.filePath(qs("gpio%1").arg(line))).removeRecursively(); }
-
-private:
-    void makeChip(const char *name, const QByteArray &label, int base)
-    {
-        write(qs(name) + qs("/label"), label + "\n");
-        write(qs(name) + qs("/base"), QByteArray::number(base) + "\n");
-    }
-    void write(const QString &name, const QByteArray &text)
-    {
-        const QString path = m_dir.filePath(name);
-        QVERIFY(QDir().mkpath(QFileInfo(path).path()));
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(text);
-    }
-
-    QTemporaryDir m_dir;
 };
 
 /// The two checks that only the cycle calls otherwise.
@@ -319,11 +283,11 @@ void TestGpioControl::nothingIsReadBeforeTheStart()
     // A read of a line that is not there asks for its export, so an untouched export file means that none was read.
     GpioBench bench(6211);
     QTest::qWait(1300);
-    QCOMPARE(tree->read(qs("export")), QByteArray());
+    QCOMPARE(tree->text(qs("export")), QByteArray());
     QCOMPARE(bench.reports, QStringList());
 
     bench.control.slotGpioVerifyStart();
-    QTRY_COMPARE(tree->read(qs("export")), QByteArray("168"));
+    QTRY_COMPARE(tree->text(qs("export")), QByteArray("168"));
 }
 
 void TestGpioControl::oneLineIsReadEachSecond()
@@ -424,7 +388,7 @@ void TestGpioControl::lineThatGoesAndComesBackIsReportedAsUnknownMeanwhile()
     bench.control.slotSetGpioType(0, 1);
     QCOMPARE(bench.step(), words("in 0 3"));
     bench.steps(6);
-    QVERIFY(tree->removeLine(168));
+    tree->remove(qs("gpio168"));
     QCOMPARE(bench.step(), words("in 0 1"));
     bench.steps(6);
     tree->set(168, "1");
@@ -436,15 +400,15 @@ void TestGpioControl::readingNeverTouchesDirectionOrEdge()
     const int lines[] = {168, 173, 84, 85, 174, 175, base21, base21 + 7, base22, base22 + 7};
     tree->setAll("1");
     for (const int line : lines)
-        tree->setOutput(line);
+        tree->addOutput(line, "1\n");
     GpioBench bench(6259, stationExtended);
     bench.steps(52);
     for (const int line : lines) {
-        QCOMPARE(tree->read(qs("gpio%1/direction").arg(line)), QByteArray("out\n"));
-        QCOMPARE(tree->read(qs("gpio%1/edge").arg(line)), QByteArray("none\n"));
-        QCOMPARE(tree->read(qs("gpio%1/value").arg(line)), QByteArray("1\n"));
+        QCOMPARE(tree->text(qs("gpio%1/direction").arg(line)), QByteArray("out\n"));
+        QCOMPARE(tree->text(qs("gpio%1/edge").arg(line)), QByteArray("none\n"));
+        QCOMPARE(tree->text(qs("gpio%1/value").arg(line)), QByteArray("1\n"));
     }
-    QCOMPARE(tree->read(qs("export")), QByteArray());
+    QCOMPARE(tree->text(qs("export")), QByteArray());
 }
 
 const TestEntry entry("tst_gpiocontrol", runTest<TestGpioControl>);

@@ -29,8 +29,6 @@ class TestGpioLines : public QObject {
 private Q_SLOTS:
     void nextStepOfEachStep_data();
     void nextStepOfEachStep();
-    void cycleLength_data();
-    void cycleLength();
     void linesOfAModel_data();
     void linesOfAModel();
     void reportByTypeAndValue_data();
@@ -86,38 +84,6 @@ void TestGpioLines::nextStepOfEachStep()
     QFETCH(uint, step);
     QFETCH(uint, next);
     QCOMPARE(nextStep(step, model, hasExpanders(description.constData())), next);
-}
-
-void TestGpioLines::cycleLength_data()
-{
-    QTest::addColumn<uint>("model");
-    QTest::addColumn<QByteArray>("description");
-    QTest::addColumn<int>("checks");
-    for (const uint model : {6211U, 6891U}) {
-        QTest::addRow("%u plain", model) << model << QByteArray(ordinary) << 7;
-        QTest::addRow("%u compact", model) << model << QByteArray(compact) << 23;
-        QTest::addRow("%u extended", model) << model << QByteArray(extended) << 23;
-    }
-    for (const uint model : {6214U, 6259U}) {
-        QTest::addRow("%u plain", model) << model << QByteArray(ordinary) << 10;
-        QTest::addRow("%u compact", model) << model << QByteArray(compact) << 26;
-        QTest::addRow("%u extended", model) << model << QByteArray(extended) << 26;
-    }
-}
-
-void TestGpioLines::cycleLength()
-{
-    QFETCH(uint, model);
-    QFETCH(QByteArray, description);
-    QFETCH(int, checks);
-    const bool expanders = hasExpanders(description.constData());
-    int steps = 0;
-    std::uint32_t step = 0;
-    do {
-        ++steps;
-        step = nextStep(step, model, expanders);
-    } while (step != 0 && steps < 100);
-    QCOMPARE(steps, checks);
 }
 
 void TestGpioLines::linesOfAModel_data()

@@ -24,8 +24,6 @@ private Q_SLOTS:
     void laterChangesAreNotSeen();
     void textsHaveTheirStoredLength_data();
     void textsHaveTheirStoredLength();
-    void otherModesAreRefused_data();
-    void otherModesAreRefused();
     void setIsRefused();
 
 private:
@@ -89,32 +87,6 @@ void TestInfoScalars::textsHaveTheirStoredLength()
     initInfoScalars();
     QCOMPARE(snmpGet({QStringLiteral("3.1.2.0")}),
              QStringList{QLatin1String("3.1.2.0 STRING ") + QString(served, QLatin1Char('m'))});
-}
-
-void TestInfoScalars::otherModesAreRefused_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<int>("place");
-    int place = 0;
-    for (const char *name : {"infoPackageVersion", "infoModelType", "infoModelNumber", "infoAmplifierType",
-                             "infoKernelVersion", "infoDeviceTreeVersion", "infoDisablement"})
-        QTest::newRow(name) << QString::fromLatin1(name) << place++;
-}
-
-void TestInfoScalars::otherModesAreRefused()
-{
-    QFETCH(QString, name);
-    QFETCH(int, place);
-    Netsnmp_Node_Handler *const handlers[] = {
-        handle_infoPackageVersion, handle_infoModelType,         handle_infoModelNumber, handle_infoAmplifierType,
-        handle_infoKernelVersion,  handle_infoDeviceTreeVersion, handle_infoDisablement};
-    AgentLog log;
-    netsnmp_agent_request_info info = {};
-    info.mode = MODE_SET_ACTION;
-    QCOMPARE(handlers[place](nullptr, nullptr, &info, nullptr), 5);
-    QCOMPARE(
-        log.lines,
-        QStringList{QStringLiteral("%1 unknown mode (%2) in handle_%3").arg(LOG_ERR).arg(MODE_SET_ACTION).arg(name)});
 }
 
 void TestInfoScalars::setIsRefused()

@@ -1,43 +1,23 @@
-// The per-key discipline and what it is made of: decimal texts, words to codes, operations, paths with holes.
-#include "support/messagelog.h"
+// What the per-key discipline is made of: decimal texts, paths with holes,
+// tables of keys. tst_parsers has what its rules do.
 #include "support/testprogram.h"
 
 #include "tal/keystep.h"
 
-#include <QVector>
 #include <QtTest>
 
-#include <algorithm>
 #include <type_traits>
 
 namespace {
-
-using Numbers = QVector<uint>;
 
 constexpr TextCode colours[] = {{"red", 4}, {"green", 9}};
 constexpr const char *lightPath = "/lights/light[kid='%1']/colour";
 constexpr std::uint32_t before = 77; // what the scratch value holds before a step
 
-Notification light(const char *op, const char *text)
-{
-    const QString xml = QStringLiteral("<colour>%1</colour>").arg(QString::fromUtf8(text));
-    return {QString::fromUtf8(op), QStringLiteral("/lights/light[kid='left']/colour"),
-            QStringLiteral("/lights/light/colour"), xml};
-}
-
-QString complaint(const char *tail)
-{
-    return QStringLiteral("getColour op: patch rPath: /lights/light[kid='left']/colour sPath: /lights/light/colour") +
-           QString::fromUtf8(tail);
-}
-
 } // namespace
 
-Q_DECLARE_METATYPE(Step)
-Q_DECLARE_METATYPE(OnDelete)
-Q_DECLARE_METATYPE(OnOther)
-
-// What is wrong for "delete", for another text or for the step does not compile.
+// What is wrong for "delete", for another text or for the step does not
+// compile.
 static_assert(std::is_constructible_v<OnDelete, decltype(leaveRow)>);
 static_assert(std::is_constructible_v<OnOther, decltype(keepScratch)>);
 static_assert(!std::is_constructible_v<OnDelete, decltype(keepScratch)>);
@@ -56,19 +36,9 @@ private Q_SLOTS:
     void scaledIntegerReads_data();
     void scaledIntegerReads();
 
-    void operations_data();
-    void operations();
-    void wordsToCodes_data();
-    void wordsToCodes();
     void pathsWithHoles();
 
-    void stepConvertsAsItsMapSays_data();
-    void stepConvertsAsItsMapSays();
-    void stepOfAnAbsentKeyIsNotHandled();
     void stepTakesTheFirstOfAKeyThatComesTwice();
-    void stepRefusesUnexpectedOperations_data();
-    void stepRefusesUnexpectedOperations();
-    void textStepGivesTheTextAsItIs();
 
     void keysOfAModelInTheOrderOfTheTable();
     void rowsAreCheckedAgainstTheirRecord();
@@ -136,51 +106,6 @@ void TestKeyStep::scaledIntegerReads()
     QCOMPARE(scaledInteger(text, scale), number);
 }
 
-void TestKeyStep::operations_data()
-{
-    QTest::addColumn<QString>("op");
-    QTest::addColumn<int>("operation");
-    const auto row = [](const char *op, Operation operation) {
-        QTest::addRow("'%s'", op) << QString::fromUtf8(op) << int(operation);
-    };
-    row("create", Operation::Change);
-    row("replace", Operation::Change);
-    row("delete", Operation::Delete);
-    row("patch", Operation::Unexpected);
-    row("Create", Operation::Unexpected);
-    row("delete ", Operation::Unexpected);
-    row("", Operation::Unexpected);
-}
-
-void TestKeyStep::operations()
-{
-    QFETCH(QString, op);
-    QFETCH(int, operation);
-
-    QCOMPARE(int(operationOf({op, {}, {}, {}})), operation);
-}
-
-void TestKeyStep::wordsToCodes_data()
-{
-    QTest::addColumn<QString>("word");
-    QTest::addColumn<uint>("code");
-    QTest::newRow("first") << QStringLiteral("red") << 4U;
-    QTest::newRow("last") << QStringLiteral("green") << 9U;
-    QTest::newRow("other") << QStringLiteral("blue") << 1U;
-    QTest::newRow("other case") << QStringLiteral("Red") << 1U;
-    QTest::newRow("longer") << QStringLiteral("reds") << 1U;
-    QTest::newRow("shorter") << QStringLiteral("re") << 1U;
-    QTest::newRow("empty") << QString() << 1U;
-}
-
-void TestKeyStep::wordsToCodes()
-{
-    QFETCH(QString, word);
-    QFETCH(uint, code);
-
-    QCOMPARE(codeOf(colours, word, 1), code);
-}
-
 void TestKeyStep::pathsWithHoles()
 {
     QCOMPARE(KeyPath("/a/b").with({}), QStringLiteral("/a/b"));
@@ -188,63 +113,8 @@ void TestKeyStep::pathsWithHoles()
     QCOMPARE(KeyPath("/a/b[kid='%1']/c").with({"x", {}}), QStringLiteral("/a/b[kid='x']/c"));
     QCOMPARE(KeyPath("/a[kid='ch%1']/b[kid=%2]/c").with({"1", "10"}), QStringLiteral("/a[kid='ch1']/b[kid=10]/c"));
     QCOMPARE(KeyPath("/a[kid='%1']/%2").with({"x", "leaf"}), QStringLiteral("/a[kid='x']/leaf"));
-    QCOMPARE(KeyPath("/a[kid='%1']/%2").with({"%2", "leaf"}), QStringLiteral("/a[kid='%2']/leaf")); // not filled twice
-}
-
-void TestKeyStep::stepConvertsAsItsMapSays_data()
-{
-    QTest::addColumn<OnDelete>("onDelete");
-    QTest::addColumn<OnOther>("onOther");
-    QTest::addColumn<QByteArray>("op");
-    QTest::addColumn<QByteArray>("text");
-    QTest::addColumn<Step>("step");
-    QTest::addColumn<uint>("scratch");
-    const auto row = [](const char *name, OnDelete onDelete, OnOther onOther, const char *op, const char *text,
-                        Step step, uint scratch) {
-        QTest::newRow(name) << onDelete << onOther << QByteArray(op) << QByteArray(text) << step << scratch;
-    };
-    row("word of the map", store(1), store(2), "create", "red", Step::Handled, 4);
-    row("word of the map, replace", notHandled, notHandled, "replace", "green", Step::Handled, 9);
-    row("delete stores", store(1), store(2), "delete", "red", Step::Handled, 1);
-    row("delete leaves the row", leaveRow, store(2), "delete", "red", Step::RowLeft, before);
-    row("delete is not handled", notHandled, store(2), "delete", "red", Step::NotHandled, before);
-    row("other text stores", store(1), store(2), "replace", "blue", Step::Handled, 2);
-    row("other text, handled, scratch unchanged", store(1), keepScratch, "replace", "blue", Step::Handled, before);
-    row("other text is not handled", store(1), notHandled, "create", "blue", Step::NotHandled, before);
-    row("scaled", store(0), scaled(1000), "create", "3.3", Step::Handled, 3300);
-    row("scaled, no number", store(0), scaled(1000), "create", "none", Step::Handled, 0);
-    row("whole number", store(0), wholeNumber, "replace", "250", Step::Handled, 250);
-    row("whole number, no number", store(0), wholeNumber, "replace", "soon", Step::Handled, 0);
-    row("whole number, fraction", store(0), wholeNumber, "replace", "1.5", Step::Handled, 0);
-}
-
-void TestKeyStep::stepConvertsAsItsMapSays()
-{
-    QFETCH(OnDelete, onDelete);
-    QFETCH(OnOther, onOther);
-    QFETCH(QByteArray, op);
-    QFETCH(QByteArray, text);
-    QFETCH(Step, step);
-    QFETCH(uint, scratch);
-
-    MessageLog log;
-    const KeyRule rule{{"getColour", kid, lightPath}, {colours, onDelete, onOther}};
-    std::uint32_t value = before;
-    QCOMPARE(int(keyStep(light(op, text), rule, {"left", {}}, value)), int(step));
-    QCOMPARE(value, scratch);
-    QCOMPARE(log.lines(), QStringList());
-}
-
-void TestKeyStep::stepOfAnAbsentKeyIsNotHandled()
-{
-    MessageLog log;
-    const KeyRule rule{{"getColour", kid, lightPath}, {colours, store(1), store(2)}};
-    for (const char *op : {"create", "replace", "delete", "patch"}) {
-        std::uint32_t value = before;
-        QCOMPARE(int(keyStep(light(op, "red"), rule, {"right", {}}, value)), int(Step::NotHandled));
-        QCOMPARE(value, before);
-    }
-    QCOMPARE(log.lines(), QStringList());
+    QCOMPARE(KeyPath("/a[kid='%1']/%2").with({"%2", "leaf"}),
+             QStringLiteral("/a[kid='%2']/leaf")); // not filled twice
 }
 
 void TestKeyStep::stepTakesTheFirstOfAKeyThatComesTwice()
@@ -262,45 +132,6 @@ void TestKeyStep::stepTakesTheFirstOfAKeyThatComesTwice()
     QCOMPARE(value, 4U);
     QVERIFY(textStep(n, TextRule{{"getColour", kid, lightPath}}, {"left", {}}, text));
     QCOMPARE(text, QStringLiteral("red"));
-}
-
-void TestKeyStep::stepRefusesUnexpectedOperations_data()
-{
-    QTest::addColumn<QByteArray>("label");
-    QTest::addColumn<QString>("line");
-    QTest::newRow("with the key") << QByteArray(kid) << complaint(" kid: left");
-    QTest::newRow("with a label of its own") << QByteArray("gpio:") << complaint(" gpio: left");
-    QTest::newRow("without the key") << QByteArray(noKey) << complaint("");
-}
-
-void TestKeyStep::stepRefusesUnexpectedOperations()
-{
-    QFETCH(QByteArray, label);
-    QFETCH(QString, line);
-
-    MessageLog log;
-    const KeyPlace place{"getColour", label.isNull() ? noKey : label.constData(), lightPath};
-    const KeyRule rule{place, {colours, store(1), store(2)}};
-    std::uint32_t value = before;
-    QCOMPARE(int(keyStep(light("patch", "red"), rule, {"left", {}}, value)), int(Step::NotHandled));
-    QCOMPARE(value, before);
-    QString text;
-    QVERIFY(!textStep(light("patch", "red"), TextRule{place}, {"left", {}}, text));
-    QCOMPARE(log.lines(), QStringList({line, line}));
-}
-
-void TestKeyStep::textStepGivesTheTextAsItIs()
-{
-    const TextRule rule{{"getColour", kid, lightPath}};
-    for (const char *op : {"create", "replace"})
-        for (const char *sent : {"red", "", " two  words ", "Gr\xc3\xbcn"}) {
-            QString text = QStringLiteral("before");
-            QVERIFY(textStep(light(op, sent), rule, {"left", {}}, text));
-            QCOMPARE(text, QString::fromUtf8(sent));
-        }
-    QString text;
-    QVERIFY(!textStep(light("delete", "red"), rule, {"left", {}}, text));
-    QVERIFY(!textStep(light("create", "red"), rule, {"right", {}}, text));
 }
 
 namespace {

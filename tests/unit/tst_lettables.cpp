@@ -23,11 +23,9 @@ private Q_SLOTS:
     void aRefillClearsTheFlagsOfItsChannelOnly();
     void theStoredDescriptionIsNotServed();
     void versionsAreServedToTheirBufferEnd();
-    void oneHandlerServesBothTables();
     void theHandlerPrintsItsModeOnEveryCall();
     void eachTableHasItsOwnLoad();
     void loadsSayWhatIsMissing();
-    void bothCountsLogTheFirstChannelsName();
     void theOtherFunctionsOnlyPrint();
 
 private:
@@ -118,12 +116,6 @@ void TestLetTables::versionsAreServedToTheirBufferEnd()
              lines({"3.8.1.2.1.4.1 STRING 0123456789012345678", "3.8.1.2.1.5.1 STRING xxxxxxxxxxxxxxxxxxx"}));
 }
 
-void TestLetTables::oneHandlerServesBothTables()
-{
-    QCOMPARE(snmpGet({QStringLiteral("3.8.1.2.1.2.10"), QStringLiteral("3.8.2.2.1.2.10")}),
-             lines({"3.8.1.2.1.2.10 STRING LET 10 Channel 1", "3.8.2.2.1.2.10 STRING LET 10 Channel 2"}));
-}
-
 void TestLetTables::theHandlerPrintsItsModeOnEveryCall()
 {
     netsnmp_agent_request_info info = {};
@@ -161,17 +153,6 @@ void TestLetTables::loadsSayWhatIsMissing()
     kvAgent = agent;
     kvAgent->talLetChannelTableData = &record;
     QCOMPARE(letChannel2Table.hooks.load(nullptr, nullptr), 0);
-}
-
-void TestLetTables::bothCountsLogTheFirstChannelsName()
-{
-    AgentLog log;
-    netsnmp_agent_request_info info = {};
-    info.mode = MODE_SET_RESERVE1;
-    QCOMPARE(letChannel1Table.count.handler(nullptr, nullptr, &info, nullptr), 5);
-    QCOMPARE(letChannel2Table.count.handler(nullptr, nullptr, &info, nullptr), 5);
-    const QString line = QStringLiteral("%1 unknown mode (0) in handle_letChannel1Count").arg(LOG_ERR);
-    QCOMPARE(log.lines, (QStringList{line, line}));
 }
 
 void TestLetTables::theOtherFunctionsOnlyPrint()

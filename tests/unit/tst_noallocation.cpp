@@ -6,6 +6,7 @@
 // functions make to it. It keeps a value of up to 40 bytes in the variable itself and allocates for a longer one.
 #include "support/agentbench.h"
 #include "support/allocationcount.h"
+#include "support/recordfields.h"
 #include "support/testprogram.h"
 
 #include "device/models.h"
@@ -209,7 +210,7 @@ void serveAsModel(std::uint32_t model)
 {
     std::printf("\n"); // standard output has its buffer from here on
     kaAgentStart(model, 1, "Orvane Brisel Compact - IP-QRM-B");
-    static TableRecords records = tellingRecords();
+    static TableRecords records = recordfields::telling();
     handOver(records);
     static InfoData info{};
     std::fill_n(info.packageVersion.text, info.packageVersion.length = 100, 'v'); // for the library to allocate

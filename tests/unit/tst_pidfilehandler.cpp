@@ -46,17 +46,9 @@ class TestPidFileHandler : public QObject {
 private Q_SLOTS:
     void init();
     void cleanup();
-    void readsTheFirstNumber_data();
-    void readsTheFirstNumber();
-    void missingFileReadsAsNone();
+    void contentAndCheck_data();
+    void contentAndCheck();
     void unreadableFileReadsAsNone();
-    void deadProcessDoesNotBlock();
-    void ownPidDoesNotBlock();
-    void contentThatNamesNoProcessDoesNotBlock_data();
-    void contentThatNamesNoProcessDoesNotBlock();
-    void liveProcessBlocks();
-    void numberBelowZeroIsAskedAboutAsItStands();
-    void processOfAnotherUserBlocks();
     void errnoOfTheCheckIsThatOfKill();
     void writesTheOwnPid();
     void writesOverALongerNumberWithoutTruncating();
@@ -104,36 +96,43 @@ QByteArray TestPidFileHandler::content() const
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(no file)");
 }
 
-void TestPidFileHandler::readsTheFirstNumber_data()
+void TestPidFileHandler::contentAndCheck_data()
 {
-    QTest::addColumn<QByteArray>("content");
-    QTest::addColumn<int>("pid");
-
-    QTest::newRow("number and line end") << QByteArray("1234\n") << 1234;
-    QTest::newRow("no line end") << QByteArray("1234") << 1234;
-    QTest::newRow("blanks before it") << QByteArray("  1234\n") << 1234;
-    QTest::newRow("rest of a longer number on the next line") << QByteArray("12\n45\n") << 12;
-    QTest::newRow("letters behind it") << QByteArray("12ab\n") << 12;
-    QTest::newRow("empty") << QByteArray() << 0;
-    QTest::newRow("letters") << QByteArray("none\n") << 0;
-    QTest::newRow("NUL bytes") << QByteArray(8, '\0') << 0;
+    QTest::addColumn<QByteArray>("content"); // null: no file
+    QTest::addColumn<int>("read");
+    QTest::addColumn<int>("blocking");
+    const QByteArray dead = QByteArray::number(deadPid());
+    const QByteArray parent = QByteArray::number(getppid());
+    // clang-format off
+    QTest::newRow("no file")                      << QByteArray() << 0 << 0;
+    QTest::newRow("empty")                        << QByteArray("") << 0 << 0;
+    QTest::newRow("letters")                      << QByteArray("none\n") << 0 << 0;
+    QTest::newRow("NUL bytes")                    << QByteArray(8, '\0') << 0 << 0;
+    QTest::newRow("0")                            << QByteArray("0\n") << 0 << 0;
+    QTest::newRow("a process that has ended")     << dead + "\n" << dead.toInt() << 0;
+    QTest::newRow("the own number")               << QByteArray::number(getpid()) + "\n" << getpid() << 0;
+    QTest::newRow("a process that lives")         << parent + "\n" << getppid() << getppid();
+    QTest::newRow("no line end")                  << parent << getppid() << getppid();
+    QTest::newRow("blanks before it")             << "  " + parent + "\n" << getppid() << getppid();
+    QTest::newRow("rest of a longer number")      << parent + "\n45\n" << getppid() << getppid();
+    QTest::newRow("letters behind it")            << parent + "ab\n" << getppid() << getppid();
+    // To kill() a number below zero is a process group, which may be there or not.
+    QTest::newRow("a process group that is there") << "-" + QByteArray::number(getpgrp()) + "\n" << -getpgrp() << -getpgrp();
+    QTest::newRow("a process group that is not")  << "-" + dead + "\n" << -dead.toInt() << 0;
+    // clang-format on
 }
 
-void TestPidFileHandler::readsTheFirstNumber()
+void TestPidFileHandler::contentAndCheck()
 {
     QFETCH(QByteArray, content);
-    QFETCH(int, pid);
+    QFETCH(int, read);
+    QFETCH(int, blocking);
 
-    write(content);
+    if (!content.isNull())
+        write(content);
     const PidFileHandler handler(m_path.constData());
-    QCOMPARE(handler.readPid(), pid);
-}
-
-void TestPidFileHandler::missingFileReadsAsNone()
-{
-    const PidFileHandler handler(m_path.constData());
-    QCOMPARE(handler.readPid(), 0);
-    QCOMPARE(handler.checkPid(), 0);
+    QCOMPARE(handler.readPid(), read);
+    QCOMPARE(handler.checkPid(), blocking);
 }
 
 void TestPidFileHandler::unreadableFileReadsAsNone()
@@ -145,71 +144,6 @@ void TestPidFileHandler::unreadableFileReadsAsNone()
             return 98;
         const PidFileHandler handler(m_path.constData());
         return handler.readPid() == 0 && handler.checkPid() == 0 ? 0 : 1;
-    });
-    QVERIFY(child.exitedWith(0));
-}
-
-void TestPidFileHandler::deadProcessDoesNotBlock()
-{
-    write(QByteArray::number(deadPid()) + '\n');
-    const PidFileHandler handler(m_path.constData());
-    QVERIFY(handler.readPid() != 0);
-    QCOMPARE(handler.checkPid(), 0);
-}
-
-void TestPidFileHandler::ownPidDoesNotBlock()
-{
-    write(QByteArray::number(getpid()) + '\n');
-    const PidFileHandler handler(m_path.constData());
-    QCOMPARE(handler.readPid(), getpid());
-    QCOMPARE(handler.checkPid(), 0);
-}
-
-void TestPidFileHandler::contentThatNamesNoProcessDoesNotBlock_data()
-{
-    QTest::addColumn<QByteArray>("content");
-
-    QTest::newRow("empty") << QByteArray();
-    QTest::newRow("letters") << QByteArray("none\n");
-    QTest::newRow("0") << QByteArray("0\n");
-}
-
-void TestPidFileHandler::contentThatNamesNoProcessDoesNotBlock()
-{
-    QFETCH(QByteArray, content);
-
-    write(content);
-    const PidFileHandler handler(m_path.constData());
-    QCOMPARE(handler.checkPid(), 0);
-}
-
-void TestPidFileHandler::liveProcessBlocks()
-{
-    write(QByteArray::number(getppid()) + '\n');
-    const PidFileHandler handler(m_path.constData());
-    QCOMPARE(handler.checkPid(), getppid());
-}
-
-void TestPidFileHandler::numberBelowZeroIsAskedAboutAsItStands()
-{
-    // To kill() it is a process group, which may be there or not.
-    const QByteArray ownGroup = '-' + QByteArray::number(getpgrp());
-    write(ownGroup + '\n');
-    const PidFileHandler handler(m_path.constData());
-    QCOMPARE(handler.checkPid(), ownGroup.toInt());
-
-    write('-' + QByteArray::number(deadPid()) + '\n');
-    QCOMPARE(handler.checkPid(), 0);
-}
-
-void TestPidFileHandler::processOfAnotherUserBlocks()
-{
-    write("1\n");
-    const ChildResult child = asOrdinaryUser([this] {
-        if (kill(1, 0) != -1 || errno != EPERM)
-            return 98;
-        const PidFileHandler handler(m_path.constData());
-        return handler.checkPid() == 1 ? 0 : 1;
     });
     QVERIFY(child.exitedWith(0));
 }

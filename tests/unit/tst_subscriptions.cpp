@@ -1,10 +1,10 @@
 // What the client asks the data service for: the subscriptions of each model, in order, and the version that it can
 // tell.
+#include "support/catalogue.h"
 #include "support/messagelog.h"
 #include "support/talpeer.h"
 #include "support/testprogram.h"
 
-#include "device/models.h"
 #include "tal/talhandler.h"
 
 #include <xrcommon/TalInterface.h>
@@ -16,89 +16,25 @@
 
 #include <algorithm>
 #include <optional>
-#include <span>
 
 namespace {
 
-using Models = QVector<uint>;
-
-struct Subscription {
-    const char *request; ///< null: a further path of the request above
-    const char *ref;
-    const char *path;
-    Models models;
-};
-
-const Models every{6211, 6214, 6259, 6410, 6420, 6425, 6601, 6602, 6720, 6764, 6891, 6913, 6914};
-
-// clang-format off
-const Subscription settingsBlock[] = {
-    {nullptr, "mib2_settings",   "/state/config/snmp_settings/mib_2_settings",  every},
-    {nullptr, "access_control",  "/state/config/snmp_settings/access_control",  every},
-    {nullptr, "trap_settings",   "/state/config/snmp_settings/trap_settings",   every},
-    {nullptr, "version_control", "/state/config/snmp_settings/version_control", every},
-    {nullptr, "custom_config",   "/state/config/snmp_settings/custom_config",   every},
-};
-
-const Subscription dataBlock[] = {
-    {"requestStateDataSubscribeVoltageTable", "kvsnmp_voltage", "/state/power_lines/power_line/voltage",
-     {6410, 6420, 6425, 6720, 6764}},
-    {"requestStateDataSubscribeTempTable", "kvsnmp_temp", "/state/temp_sensors", {6410, 6420, 6425, 6720, 6764}},
-    {"requestStateDataSubscribeFanTable", "kvsnmp_fan", "/state/fans", {6410, 6420, 6720, 6764}},
-    {"requestConfigDataSubscribeControlInputMonitored", "kvsnmp_control_input_monitored",
-     "/state/config/gpis/gpi/monitored", {6410, 6420, 6425, 6720, 6764}},
-    {"requestConfigDataSubscribeAmpEnableStatus", "kvsnmp_amp_enable", "/state/config/lines/line/enable",
-     {6420, 6425, 6720, 6764}},
-    {"requestStateDataSubscribeClassDStatus", "kvsnmp_class_d_status", "/state/class_d_amp_status",
-     {6420, 6425, 6720, 6764}},
-    {"requestConfigDataSubscribeGpioType", "kvsnmp_gpio_type", "/state/config/gpios/gpio/gpio_type",
-     {6211, 6214, 6259, 6891}},
-    {"requestConfigDataSubscribeLetEnable", "kvsnmp_let_enable", "/state/config/lines/line/lets/let/enabled",
-     {6420, 6720, 6764}},
-    {"requestConfigDataSubscribeLetDescription", "kvsnmp_let_description",
-     "/state/config/lines/line/lets/let/let_description", {6420, 6720, 6764}},
-    {"requestStateDataSubscribeLetHWVersion", "kvsnmp_let_hw_version", "/state/lines/line/lets/let/hw_version",
-     {6420, 6720, 6764}},
-    {"requestStateDataSubscribeLetSWVersion", "kvsnmp_let_sw_version", "/state/lines/line/lets/let/sw_version",
-     {6420, 6720, 6764}},
-    {"requestStateDataSubscribeLetVoltage", "kvsnmp_let_voltage", "/state/lines/line/lets/let/let_vcc",
-     {6420, 6720, 6764}},
-    {"requestConfigDataSubscribeLineInMonitoring", "kvsnmp_lineIn_monitoring",
-     "/state/config/lines/line/pilot_tone_sensing_enable", {6410, 6420, 6425}},
-    {nullptr, "kvsnmp_lineIn_monitoring", "/state/config/lines/line/mic_monitor_enable", {6214, 6259, 6601, 6602}},
-    {"requestStateDataSubscribeLineInStatus", "kvsnmp_lineIn_status", "/state/lines/line/pilot_tone_state",
-     {6410, 6420, 6425}},
-    {nullptr, "kvsnmp_lineIn_status", "/state/lines/mic_status_extern", {6214, 6259, 6601, 6602}},
-    {nullptr, "kvsnmp_lineIn_status", "/state/lines/mic_status_intern", {6214, 6259, 6601, 6602}},
-    {"requestStateDataSubscribeLineChannelState", "kvsnmp_line_channel_state",
-     "/state/lines/line/characteristics/line_state", {6420, 6425, 6720, 6764}},
-    {"requestConfigDataSubscribeEthMonitoring", "kvsnmp_eth_monitoring", "/state/config/os_ip/eth_switch/port/monitored",
-     {6214, 6259, 6410, 6420, 6425, 6601, 6602, 6720, 6764, 6913, 6914}},
-    {"requestConfigDataSubscribePowerMonitoring", "kvsnmp_power_monitoring",
-     "/state/config/power_sources/power_source/monitored", {6410, 6420, 6425, 6720, 6764}},
-    {"requestStateDataSubscribePowerStatus", "kvsnmp_power_status", "/state/power_sources/power_source/live",
-     {6410, 6420}},
-    {"requestConfigDataSubscribeRelayDelay", "kvsnmp_relay_delay", "/state/config/gpos/gpo/delay",
-     {6211, 6214, 6259, 6891}},
-    {"requestConfigDataSubscribeRelayIdleMode", "kvsnmp_relay_idle_mode", "/state/config/gpos/gpo/idle_mode",
-     {6211, 6214, 6259, 6891}},
-    {"requestStateDataSubscribeSysMessages", "kvsnmp_sys_messages", "/state/sys_messages/sys_message", every},
-};
-// clang-format on
+using catalogue::Row;
 
 /// A subscription as it goes over the socket.
-QByteArray requestOf(const Subscription &subscription)
+QByteArray requestOf(const Row &subscription)
 {
-    return QByteArray("<request><ref>") + subscription.ref + "</ref><subscribe><path>" + subscription.path +
+    return "<request><ref>" + subscription.latin1("reference") + "</ref><subscribe><path>" +
+           subscription.latin1("path") +
            "</path><operation>change</operation><single_level>true</single_level><target>0</target></subscribe></"
            "request>";
 }
 
-QByteArrayList requestsOf(uint model, std::span<const Subscription> block)
+QByteArrayList requestsOf(uint model, const char *block)
 {
     QByteArrayList requests;
-    for (const Subscription &subscription : block)
-        if (subscription.models.contains(model))
+    for (const Row &subscription : catalogue::rows("subscriptions", "block", QString::fromLatin1(block)))
+        if (subscription.has(model))
             requests << requestOf(subscription);
     return requests;
 }
@@ -107,9 +43,9 @@ QByteArrayList requestsOf(uint model, std::span<const Subscription> block)
 QStringList requestNames()
 {
     QStringList names{QStringLiteral("slotStartSubscribe")};
-    for (const Subscription &subscription : dataBlock)
-        if (subscription.request)
-            names << QString::fromLatin1(subscription.request);
+    for (const Row &subscription : catalogue::rows("subscriptions"))
+        if (!subscription.text("request").isEmpty())
+            names << subscription.text("request");
     return names;
 }
 
@@ -124,25 +60,15 @@ private Q_SLOTS:
     void init();
     void cleanup();
 
-    void settingsBlockOf_data() { addModels(); }
-    void settingsBlockOf();
-    void dataBlockOf_data() { addModels(); }
-    void dataBlockOf();
-    void numberOfSubscriptions_data();
-    void numberOfSubscriptions();
-    void unknownModelSubscribesToWhatHasNoModelTest();
-    void lineInStatusOf6214();
-    void dataBlockOf6410();
-    void fanOf6425IsNotSubscribedTo();
+    void subscriptionsOf_data();
+    void subscriptionsOf();
     void eachInvocationSubscribesAgain();
     void requestsOfAnUnconnectedServiceAreNamedAllTheSame();
     void voltageOnItsWayFromTheSocketToTheRecord();
 
     void publishSoftwareVersionEditsAndAsks();
-    void subscribingDoesNotPublishTheVersion();
 
 private:
-    static void addModels();
     void connectToPeer(uint model);
     /// Everything that was sent since the last call.
     QByteArrayList sent();
@@ -168,11 +94,15 @@ void TestSubscriptions::cleanup()
     m_log.reset();
 }
 
-void TestSubscriptions::addModels()
+void TestSubscriptions::subscriptionsOf_data()
 {
     QTest::addColumn<uint>("model");
-    for (const uint model : every)
-        QTest::addRow("%u", model) << model;
+    QTest::addColumn<int>("count"); // of the data block; counted by hand
+    const QVector<QPair<uint, int>> counts{{6211, 4},  {6214, 8}, {6259, 8}, {6410, 10}, {6420, 18},
+                                           {6425, 11}, {6601, 5}, {6602, 5}, {6720, 15}, {6764, 15},
+                                           {6891, 4},  {6913, 2}, {6914, 2}, {0, 1},     {9999, 1}};
+    for (const auto &[model, count] : counts)
+        QTest::addRow("%u", model) << model << count;
 }
 
 void TestSubscriptions::connectToPeer(uint model)
@@ -194,89 +124,20 @@ QByteArrayList TestSubscriptions::sent()
     return all;
 }
 
-void TestSubscriptions::settingsBlockOf()
-{
-    QFETCH(uint, model);
-
-    connectToPeer(model);
-    m_handler->slotTalReady();
-    QCOMPARE(sent(), requestsOf(model, settingsBlock));
-    QCOMPARE(m_log->lines(), QStringList());
-}
-
-void TestSubscriptions::dataBlockOf()
-{
-    QFETCH(uint, model);
-
-    connectToPeer(model);
-    m_handler->slotStartSubscribe();
-    QCOMPARE(m_log->lines(), requestNames());
-    QCOMPARE(sent(), requestsOf(model, dataBlock));
-}
-
-void TestSubscriptions::numberOfSubscriptions_data()
-{
-    QTest::addColumn<uint>("model");
-    QTest::addColumn<int>("count"); // of the data block; counted by hand
-    const QVector<QPair<uint, int>> counts{{6211, 4},  {6214, 8}, {6259, 8}, {6410, 10}, {6420, 18},
-                                           {6425, 11}, {6601, 5}, {6602, 5}, {6720, 15}, {6764, 15},
-                                           {6891, 4},  {6913, 2}, {6914, 2}};
-    for (const auto &[model, count] : counts)
-        QTest::addRow("%u", model) << model << count;
-}
-
-void TestSubscriptions::numberOfSubscriptions()
+void TestSubscriptions::subscriptionsOf()
 {
     QFETCH(uint, model);
     QFETCH(int, count);
 
     connectToPeer(model);
+    m_handler->slotTalReady();
+    QCOMPARE(sent(), requestsOf(model, "settings"));
+    QCOMPARE(m_log->takeLines(), QStringList());
     m_handler->slotStartSubscribe();
-    QCOMPARE(sent().size(), count);
-}
-
-void TestSubscriptions::unknownModelSubscribesToWhatHasNoModelTest()
-{
-    for (const uint model : {0U, 9999U}) {
-        connectToPeer(model);
-        m_handler->slotTalReady();
-        m_handler->slotStartSubscribe();
-        QCOMPARE(sent(), requestsOf(every.first(), settingsBlock) << requestOf(*std::rbegin(dataBlock)));
-        m_handler.reset();
-        m_interface.reset();
-    }
-}
-
-void TestSubscriptions::lineInStatusOf6214()
-{
-    connectToPeer(6214);
-    m_handler->slotStartSubscribe();
-    QByteArrayList paths;
-    for (const QByteArray &request : sent())
-        if (request.contains("<ref>kvsnmp_lineIn_status</ref>"))
-            paths << request.mid(request.indexOf("<path>") + 6, 30);
-    QCOMPARE(paths, QByteArrayList({"/state/lines/mic_status_extern", "/state/lines/mic_status_intern"}));
-}
-
-void TestSubscriptions::dataBlockOf6410()
-{
-    connectToPeer(6410);
-    m_handler->slotStartSubscribe();
-    const QByteArray all = sent().join();
-    for (const char *ref : {"kvsnmp_fan", "kvsnmp_power_status", "kvsnmp_voltage"})
-        QVERIFY2(all.contains(QByteArray("<ref>") + ref + "</ref>"), ref);
-    for (const char *ref : {"kvsnmp_amp_enable", "kvsnmp_class_d_status", "kvsnmp_let_", "kvsnmp_line_channel_state"})
-        QVERIFY2(!all.contains(ref), ref);
-}
-
-void TestSubscriptions::fanOf6425IsNotSubscribedTo()
-{
-    connectToPeer(6425);
-    m_handler->slotStartSubscribe();
-    const QByteArray all = sent().join();
-    QVERIFY(!all.contains("kvsnmp_fan"));
-    QVERIFY(all.contains("<ref>kvsnmp_voltage</ref>"));
-    QVERIFY(all.contains("<ref>kvsnmp_temp</ref>"));
+    QCOMPARE(m_log->lines(), requestNames());
+    const QByteArrayList data = sent();
+    QCOMPARE(data, requestsOf(model, "data"));
+    QCOMPARE(data.size(), count);
 }
 
 void TestSubscriptions::eachInvocationSubscribesAgain()
@@ -286,8 +147,8 @@ void TestSubscriptions::eachInvocationSubscribesAgain()
     m_handler->slotStartSubscribe();
     m_handler->slotStartSubscribe();
     m_handler->slotTalReady();
-    const QByteArrayList settings = requestsOf(6420, settingsBlock);
-    const QByteArrayList data = requestsOf(6420, dataBlock);
+    const QByteArrayList settings = requestsOf(6420, "settings");
+    const QByteArrayList data = requestsOf(6420, "data");
     QCOMPARE(sent(), settings + data + data + settings);
     QCOMPARE(m_log->lines(), requestNames() + requestNames());
 }
@@ -337,15 +198,6 @@ void TestSubscriptions::publishSoftwareVersionEditsAndAsks()
                              "<version>4.5.6</version></software></version></data></edit></request>",
                              "<request><ref>debug_info-kvsnmp</ref><rpc><session_info><debug_info>kvsnmp</debug_info>"
                              "</session_info></rpc></request>"}));
-}
-
-void TestSubscriptions::subscribingDoesNotPublishTheVersion()
-{
-    connectToPeer(6914);
-    m_handler->slotTalReady();
-    m_handler->slotStartSubscribe();
-    for (const QByteArray &request : sent())
-        QVERIFY2(request.contains("<subscribe>"), request.constData());
 }
 
 const TestEntry entry("tst_subscriptions", runTest<TestSubscriptions>);

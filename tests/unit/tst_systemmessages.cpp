@@ -53,37 +53,23 @@ class TestSystemMessages : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void activeMessage_data();
     void activeMessage();
     void identifier_data();
     void identifier();
-    void leavesThatAreNotThereAreEmpty();
-    void textsComeAsTheyAre();
-    void messageWithoutReporterReportsNothing_data();
-    void messageWithoutReporterReportsNothing();
-    void keysMayComeFromThePathAlone();
-    void changeOfOneLeafReportsNothing();
+    void leaves_data();
+    void leaves();
     void deletedMessage_data();
     void deletedMessage();
-    void deletingOneLeafReadsAsTheEndOfTheMessage();
-    void otherOperationsAreIgnored_data();
-    void otherOperationsAreIgnored();
 };
-
-void TestSystemMessages::activeMessage_data()
-{
-    QTest::addColumn<QByteArray>("op");
-    QTest::newRow("create") << QByteArray("create");
-    QTest::newRow("replace") << QByteArray("replace");
-}
 
 void TestSystemMessages::activeMessage()
 {
-    QFETCH(QByteArray, op);
-
     FaultBench bench;
-    QCOMPARE(bench.message(op, messagePath, messageXml("<msgdata><fan_not_running/></msgdata>")),
-             QStringList{qs("amp|7|fan_not_running|Fan stands still|1700000000|err on")});
+    for (const char *op : {"create", "replace"})
+        QCOMPARE(bench.message(op, messagePath, messageXml("<msgdata><fan_not_running/></msgdata>")),
+                 QStringList{qs("amp|7|fan_not_running|Fan stands still|1700000000|err on")});
+    for (const char *op : {"patch", "Create", "DELETE", ""})
+        QCOMPARE(bench.message(op, messagePath, messageXml("<msgdata><let_fail/></msgdata>")), QStringList());
     QCOMPARE(bench.log.lines(), QStringList());
 }
 
@@ -121,64 +107,43 @@ void TestSystemMessages::identifier()
              QStringList{QStringLiteral("amp|7|%1|Fan stands still|1700000000|err on").arg(identifier)});
 }
 
-void TestSystemMessages::leavesThatAreNotThereAreEmpty()
-{
-    FaultBench bench;
-    QCOMPARE(bench.message("create", messagePath, messageXml("<msgdata><let_fail/></msgdata>")).size(), 1);
-    // Nothing of an earlier message is left over.
-    QCOMPARE(bench.message("replace", listPath + qs("[reporter='a'][rep_ref='b']"),
-                           qs("<sys_message><reporter>a</reporter><rep_ref>b</rep_ref></sys_message>")),
-             QStringList{qs("a|b|||| on")});
-}
-
-void TestSystemMessages::textsComeAsTheyAre()
-{
-    FaultBench bench;
-    QCOMPARE(bench.message("create", listPath + qs("[reporter=' a/b ]'][rep_ref='x y']"),
-                           qs("<sys_message><reporter> a/b ]</reporter><rep_ref>x y</rep_ref>"
-                              "<text> Gr\xc3\xbc\xc3\x9f"
-                              "e &lt;1&gt; </text><timestamp> </timestamp><level>Err</level></sys_message>")),
-             QStringList{qs(" a/b ]|x y|| Gr\xc3\xbc\xc3\x9f"
-                            "e <1> | |Err on")});
-}
-
-void TestSystemMessages::messageWithoutReporterReportsNothing_data()
+// Behind a whole message, of which nothing may be left over.
+void TestSystemMessages::leaves_data()
 {
     QTest::addColumn<QString>("rPath");
     QTest::addColumn<QString>("data");
-    QTest::newRow("no rep_ref")
-        << listPath + qs("[reporter='amp']")
-        << qs("<sys_message><reporter>amp</reporter><msgdata><let_fail/></msgdata></sys_message>");
-    QTest::newRow("no reporter") << listPath + qs("[rep_ref='7']")
-                                 << qs("<sys_message><rep_ref>7</rep_ref><msgdata><let_fail/></msgdata></sys_message>");
-    QTest::newRow("neither") << listPath << qs("<sys_message><text>x</text></sys_message>");
-    QTest::newRow("no data") << listPath << QString();
-    QTest::newRow("not well-formed") << messagePath
-                                     << qs("<sys_message><reporter>amp</reporter><rep_ref>7</rep_ref>"
-                                           "<msgdata><let_fail/></msgdata><text>x</sys_message>");
+    QTest::addColumn<QString>("report"); // empty: none
+    // clang-format off
+    const struct { const char *name; const char *predicates; const char *data; const char *report; } rows[] = {
+        {"leaves that are not there are empty", "[reporter='a'][rep_ref='b']",
+         "<sys_message><reporter>a</reporter><rep_ref>b</rep_ref></sys_message>", "a|b|||| on"},
+        {"texts come as they are", "[reporter=' a/b ]'][rep_ref='x y']",
+         "<sys_message><reporter> a/b ]</reporter><rep_ref>x y</rep_ref><text> Gr\xc3\xbc\xc3\x9f" "e &lt;1&gt; </text>"
+         "<timestamp> </timestamp><level>Err</level></sys_message>", " a/b ]|x y|| Gr\xc3\xbc\xc3\x9f" "e <1> | |Err on"},
+        {"keys from the path alone", "[reporter='amp'][rep_ref='7']", "<sys_message><level>crit</level></sys_message>", "amp|7||||crit on"},
+        {"one leaf", "[reporter='amp'][rep_ref='7']/text", "<text>Fan turns again</text>", ""},
+        {"no rep_ref", "[reporter='amp']", "<sys_message><reporter>amp</reporter><msgdata><let_fail/></msgdata></sys_message>", ""},
+        {"no reporter", "[rep_ref='7']", "<sys_message><rep_ref>7</rep_ref><msgdata><let_fail/></msgdata></sys_message>", ""},
+        {"neither", "", "<sys_message><text>x</text></sys_message>", ""},
+        {"no data", "", "", ""},
+        {"not well-formed", "[reporter='amp'][rep_ref='7']",
+         "<sys_message><reporter>amp</reporter><rep_ref>7</rep_ref><msgdata><let_fail/></msgdata><text>x</sys_message>", ""},
+    };
+    // clang-format on
+    for (const auto &row : rows)
+        QTest::newRow(row.name) << listPath + qs(row.predicates) << qs(row.data) << qs(row.report);
 }
 
-void TestSystemMessages::messageWithoutReporterReportsNothing()
+void TestSystemMessages::leaves()
 {
     QFETCH(QString, rPath);
     QFETCH(QString, data);
+    QFETCH(QString, report);
 
     FaultBench bench;
+    QCOMPARE(bench.message("create", messagePath, messageXml("<msgdata><let_fail/></msgdata>")).size(), 1);
     for (const char *op : {"create", "replace"})
-        QCOMPARE(bench.message(op, rPath, data), QStringList());
-}
-
-void TestSystemMessages::keysMayComeFromThePathAlone()
-{
-    FaultBench bench;
-    QCOMPARE(bench.message("create", messagePath, qs("<sys_message><level>crit</level></sys_message>")),
-             QStringList{qs("amp|7||||crit on")});
-}
-
-void TestSystemMessages::changeOfOneLeafReportsNothing()
-{
-    FaultBench bench;
-    QCOMPARE(bench.message("replace", messagePath + qs("/text"), qs("<text>Fan turns again</text>")), QStringList());
+        QCOMPARE(bench.message(op, rPath, data), report.isEmpty() ? QStringList() : QStringList{report});
     QCOMPARE(bench.log.lines(), QStringList());
 }
 
@@ -199,6 +164,7 @@ void TestSystemMessages::deletedMessage_data()
         "rep_ref|reporter|||| off");
     row("a list named like the second key", qs("/rep_refs/sys_message[reporter='amp'][rep_ref='7']"), "amp|7|||| off");
     row("a list named like the first key", qs("/reporters/sys_message[rep_ref='7'][reporter='amp']"), "7|7|||| off");
+    row("one leaf, as the end of the message", messagePath + qs("/text"), "amp|7|||| off");
     row("no predicate", listPath, nullptr);
     row("empty path", QString(), nullptr);
     row("reporter alone", listPath + qs("[reporter='amp']"), nullptr);
@@ -220,29 +186,6 @@ void TestSystemMessages::deletedMessage()
     FaultBench bench;
     QCOMPARE(bench.message("delete", rPath, messageXml("<msgdata><let_fail/></msgdata>")), reported);
     QCOMPARE(bench.message("delete", rPath, QString()), reported); // the data is not looked at
-    QCOMPARE(bench.log.lines(), QStringList());
-}
-
-void TestSystemMessages::deletingOneLeafReadsAsTheEndOfTheMessage()
-{
-    FaultBench bench;
-    QCOMPARE(bench.message("delete", messagePath + qs("/text"), qs("<text>Fan stands still</text>")),
-             QStringList{qs("amp|7|||| off")});
-}
-
-void TestSystemMessages::otherOperationsAreIgnored_data()
-{
-    QTest::addColumn<QByteArray>("op");
-    for (const char *op : {"patch", "Create", "DELETE", ""})
-        QTest::addRow("'%s'", op) << QByteArray(op);
-}
-
-void TestSystemMessages::otherOperationsAreIgnored()
-{
-    QFETCH(QByteArray, op);
-
-    FaultBench bench;
-    QCOMPARE(bench.message(op, messagePath, messageXml("<msgdata><let_fail/></msgdata>")), QStringList());
     QCOMPARE(bench.log.lines(), QStringList());
 }
 

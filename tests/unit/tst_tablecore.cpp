@@ -1,8 +1,7 @@
-// What every table and every scalar does alike, on a small table of its own.
+// What every table does alike and no table of a device shows, on a small table of its own.
 #include "support/agentbench.h"
 #include "support/testprogram.h"
 
-#include "agent/scalarcore.h"
 #include "agent/tablecore.h"
 
 #include <QtTest>
@@ -42,30 +41,18 @@ public:
     BenchRow *first() const { return static_cast<BenchRow *>(RowChain::first()); }
 };
 
-Netsnmp_Next_Data_Point benchNext;
 BenchRows benchRows;
-BenchRows noRows;
 
-constexpr TableModule moduleOf(RowChain &rows)
-{
-    return {.name = "benchTable",
-            .object = {},
-            .columns = columns,
-            .rowSets = rowSets,
-            .rows = &rows,
-            .record = recordSource<&KvAgent::talControlOutputTableData, &ControlOutputRecord::status>(
-                "talControlOutputTableData"),
-            .refill = nullptr,
-            .hooks = {nullptr, nullptr, benchNext, nullptr, nullptr, nullptr, nullptr}};
-}
-
-constexpr TableModule bench = moduleOf(benchRows);
-constexpr TableModule empty = moduleOf(noRows);
-
-netsnmp_variable_list *benchNext(void **loop, void **data, netsnmp_variable_list *index, netsnmp_iterator_info *)
-{
-    return nextRow(bench, loop, data, index);
-}
+constexpr TableModule bench = {
+    .name = "benchTable",
+    .object = {},
+    .columns = columns,
+    .rowSets = rowSets,
+    .rows = &benchRows,
+    .record =
+        recordSource<&KvAgent::talControlOutputTableData, &ControlOutputRecord::status>("talControlOutputTableData"),
+    .refill = nullptr,
+    .hooks = {}};
 
 /// A request as the library hands it to a table's handler.
 class Request {
@@ -118,9 +105,6 @@ private Q_SLOTS:
     void initTestCase() { benchRows.use(goodSet); }
     void rowSetsGoByModel();
     void rowsAreChainedInOrder();
-    void theWalkHandsOutEachRowOnce();
-    void anEmptyChainEndsAtOnce();
-    void refillTakesEachRowsSource();
     void refillWithoutARecordChangesNothing();
     void cellsHaveTheirTypes();
     void textsAreNeverPadded();
@@ -129,11 +113,7 @@ private Q_SLOTS:
     void aColumnOutsideIsNoSuchObject();
     void otherModesTouchNothing_data();
     void otherModesTouchNothing();
-    void missingRequestInformationIsAnError();
     void missingTableInformationEndsThePdu();
-    void aLoadNeedsTheAgentAndTheRecord();
-    void aScalarAnswersAGet();
-    void aScalarRefusesOtherModes();
 };
 
 void TestTableCore::rowSetsGoByModel()
@@ -141,14 +121,11 @@ void TestTableCore::rowSetsGoByModel()
     QVERIFY(rowSetOf(rowSets) == nullptr); // no agent, no model
     KvAgent agent = {};
     kvAgent = &agent;
-    agent.modelNumber = 6720;
-    QCOMPARE(rowSetOf(rowSets), &rowSets[0]);
-    agent.modelNumber = 6410;
-    QCOMPARE(rowSetOf(rowSets), &rowSets[1]);
-    agent.modelNumber = 6425;
-    QVERIFY(rowSetOf(rowSets) == nullptr);
-    agent.modelNumber = 1;
-    QVERIFY(rowSetOf(rowSets) == nullptr);
+    for (const auto &[model, rowSet] :
+         {std::pair{6720U, &rowSets[0]}, {6410U, &rowSets[1]}, {6425U, nullptr}, {1U, nullptr}}) {
+        agent.modelNumber = model;
+        QCOMPARE(rowSetOf(rowSets), rowSet);
+    }
     kvAgent = nullptr;
 }
 
@@ -164,44 +141,6 @@ void TestTableCore::rowsAreChainedInOrder()
     }
     QCOMPARE(indices, (QList<uint>{1, 3, 4}));
     QCOMPARE(sources, (QList<std::size_t>{2, 0, 1}));
-}
-
-void TestTableCore::theWalkHandsOutEachRowOnce()
-{
-    void *loop = nullptr;
-    void *data = nullptr;
-    netsnmp_variable_list index = {};
-    QList<long> indices;
-    for (auto *point = firstRow(bench, &loop, &data, &index); point != nullptr;
-         point = nextRow(bench, &loop, &data, &index)) {
-        QCOMPARE(index.type, u_char{ASN_INTEGER});
-        QCOMPARE(static_cast<TableRow *>(data)->index, static_cast<std::uint32_t>(*index.val.integer));
-        indices.append(*index.val.integer);
-    }
-    QCOMPARE(indices, (QList<long>{1, 3, 4}));
-}
-
-void TestTableCore::anEmptyChainEndsAtOnce()
-{
-    void *loop = &loop;
-    void *data = nullptr;
-    netsnmp_variable_list index = {};
-    QVERIFY(firstRow(empty, &loop, &data, &index) == nullptr);
-    QCOMPARE(empty.rows->count(), 0U);
-}
-
-void TestTableCore::refillTakesEachRowsSource()
-{
-    const ControlOutputRecord record = {{10, 11, 12}};
-    KvAgent agent = {};
-    agent.talControlOutputTableData = &record;
-    kvAgent = &agent;
-    copyRecord(bench);
-    kvAgent = nullptr;
-    QList<uint> numbers;
-    for (const TableRow *row = benchRows.first(); row != nullptr; row = row->next)
-        numbers.append(static_cast<const BenchRow *>(row)->values);
-    QCOMPARE(numbers, (QList<uint>{12, 10, 11}));
 }
 
 void TestTableCore::refillWithoutARecordChangesNothing()
@@ -293,16 +232,6 @@ void TestTableCore::otherModesTouchNothing()
     QCOMPARE(bad.type(), u_char{ASN_NULL});
 }
 
-void TestTableCore::missingRequestInformationIsAnError()
-{
-    Request request(benchRows.first(), 1);
-    int result = 0;
-    const QStringList lines = printed([&] { result = serveTable("benchTable", columns, nullptr, request.raw()); });
-    QCOMPARE(result, 3);
-    QCOMPARE(lines, QStringList{QStringLiteral("benchTable_handler() ERROR reqinfo was NULL ")});
-    QCOMPARE(request.type(), u_char{ASN_NULL});
-}
-
 void TestTableCore::missingTableInformationEndsThePdu()
 {
     Request before(benchRows.first(), 1);
@@ -318,50 +247,6 @@ void TestTableCore::missingTableInformationEndsThePdu()
     QCOMPARE(before.type(), u_char{ASN_INTEGER});
     QCOMPARE(bad.type(), u_char{SNMP_NOSUCHOBJECT});
     QCOMPARE(behind.type(), u_char{ASN_NULL});
-}
-
-void TestTableCore::aLoadNeedsTheAgentAndTheRecord()
-{
-    bool can = true;
-    QCOMPARE(printed([&] { can = beginLoad(bench); }),
-             lines({"benchTable_load()", "benchTable_load() kvAgent == NULL"}));
-    QVERIFY(!can);
-
-    KvAgent agent = {};
-    kvAgent = &agent;
-    QCOMPARE(printed([&] { can = beginLoad(bench); }),
-             lines({"benchTable_load()", "benchTable_load() kvAgent->talControlOutputTableData == NULL"}));
-    QVERIFY(!can);
-
-    const ControlOutputRecord record = {};
-    agent.talControlOutputTableData = &record;
-    QCOMPARE(printed([&] { can = beginLoad(bench); }), lines({"benchTable_load()"}));
-    QVERIFY(can);
-    kvAgent = nullptr;
-}
-
-void TestTableCore::aScalarAnswersAGet()
-{
-    netsnmp_agent_request_info info = {};
-    info.mode = MODE_GET;
-    Request request(nullptr, 0);
-    QCOMPARE(serveInteger("handle_bench", 13, &info, request.raw()), int{SNMP_ERR_NOERROR});
-    QCOMPARE(request.type(), u_char{ASN_INTEGER});
-    QCOMPARE(request.number(), 13L);
-    QCOMPARE(serveScalar("handle_bench", ASN_OCTET_STR, {"abc", 2}, &info, request.raw()), int{SNMP_ERR_NOERROR});
-    QCOMPARE(request.type(), u_char{ASN_OCTET_STR});
-    QCOMPARE(request.text(), QByteArray("ab"));
-}
-
-void TestTableCore::aScalarRefusesOtherModes()
-{
-    AgentLog log;
-    netsnmp_agent_request_info info = {};
-    info.mode = MODE_SET_RESERVE1;
-    Request request(nullptr, 0);
-    QCOMPARE(serveInteger("handle_bench", 13, &info, request.raw()), 5);
-    QCOMPARE(request.type(), u_char{ASN_NULL});
-    QCOMPARE(log.lines, QStringList{QStringLiteral("%1 unknown mode (0) in handle_bench").arg(LOG_ERR)});
 }
 
 const TestEntry entry("tst_tablecore", runTest<TestTableCore>);

@@ -31,9 +31,6 @@ private Q_SLOTS:
     void getNextOfTwoObjectsAnswersEachAsAlone();
     void aStartThatCountsAsAMatchIsOneBesideAnyOther();
     void everyStepOfTheIteratorPrints();
-    void theCountIsAScalar();
-    void theCountRefusesOtherModes();
-    void createAndRemoveOnlyPrint();
 
 private:
     QStringList m_initLines;
@@ -206,29 +203,6 @@ void TestVoltageTable::everyStepOfTheIteratorPrints()
     QCOMPARE(*index.val.integer, 1L);
     QCOMPARE(printed(next), lines({"voltageTable_get_next_data_point()"}));
     QCOMPARE(*index.val.integer, 3L);
-}
-
-void TestVoltageTable::theCountIsAScalar()
-{
-    QCOMPARE(snmpGet({QStringLiteral("3.4.1.0")}), lines({"3.4.1.0 INTEGER 8"}));
-}
-
-void TestVoltageTable::theCountRefusesOtherModes()
-{
-    AgentLog log;
-    netsnmp_agent_request_info info = {};
-    info.mode = MODE_SET_COMMIT;
-    QCOMPARE(voltageTable.count.handler(nullptr, nullptr, &info, nullptr), 5);
-    QCOMPARE(log.lines,
-             QStringList{
-                 QStringLiteral("%1 unknown mode (%2) in handle_voltageTableCount").arg(LOG_ERR).arg(MODE_SET_COMMIT)});
-}
-
-void TestVoltageTable::createAndRemoveOnlyPrint()
-{
-    QCOMPARE(printed(voltageTable.hooks.createEntry), lines({"voltageTable_createEntry()"}));
-    QCOMPARE(printed(voltageTable.hooks.removeEntry), lines({"voltageTable_removeEntry()"}));
-    QCOMPARE(snmpGet({QStringLiteral("3.4.1.0")}), lines({"3.4.1.0 INTEGER 8"}));
 }
 
 const TestEntry entry("tst_voltagetable", runTest<TestVoltageTable>);

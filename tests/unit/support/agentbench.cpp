@@ -260,43 +260,6 @@ void expireCache(const QString &tableObject)
         cache->valid = 0;
 }
 
-TableRecords tellingRecords()
-{
-    TableRecords records = {};
-    for (std::uint32_t slot = 0; slot < voltageSlots; ++slot)
-        records.voltage.values[slot] = 1000 + slot;
-    for (std::uint32_t row = 0; row < tempRows; ++row)
-        records.temp.rows[row] = {2000 + row, 2100 + row, 2200 + row};
-    for (std::uint32_t row = 0; row < fanRows; ++row)
-        records.fan.values[row] = 3000 + row;
-    for (std::uint32_t channel = 0; channel < ampChannels; ++channel)
-        records.ampChannel.rows[channel] = {40 + channel, 50 + channel, 60 + channel, 70 + channel};
-    for (std::uint32_t row = 0; row < controlOutputRows; ++row)
-        records.controlOutput.status[row] = 100 + row;
-    for (std::uint32_t row = 0; row < controlInputRows; ++row)
-        records.controlInput.rows[row] = {200 + row, 300 + row};
-    for (std::uint32_t row = 0; row < lineInRows; ++row)
-        records.lineIn.rows[row] = {400 + row, 500 + row, 600 + row};
-    for (std::uint32_t port = 0; port < ethPorts; ++port)
-        records.ethMonitoring.monitored[port] = 700 + port;
-    for (std::uint32_t source = 0; source < powerSources; ++source)
-        records.power.rows[source] = {800 + source, 900 + source};
-    for (std::uint32_t row = 0; row < relayRows; ++row)
-        records.relay.rows[row] = {20 + row, 60 + row, 5000 + row};
-    for (std::uint32_t channel = 0; channel < ampChannels; ++channel) {
-        for (std::uint32_t let = 0; let < letsPerChannel; ++let) {
-            LetEntry &entry = records.let.lets[channel][let];
-            entry.letStatus = 100 * channel + let;
-            entry.letVoltage = 7000 + 100 * channel + let;
-            std::snprintf(entry.description, sizeof(entry.description), "stored %u %u", channel, let);
-            std::snprintf(entry.softwareVersion, sizeof(entry.softwareVersion), "sw %u.%u", channel, let);
-            std::snprintf(entry.hardwareVersion, sizeof(entry.hardwareVersion), "hw %u.%u", channel, let);
-            entry.changed = {1, 1, 1, 1, 1};
-        }
-    }
-    return records;
-}
-
 void handOver(TableRecords &records)
 {
     setTalVoltageTableData(&records.voltage);

@@ -57,9 +57,6 @@ netsnmp_cache *cacheOf(const QString &tableObject);
 /// Lets the next request for the table load again, as 60 s do.
 void expireCache(const QString &tableObject);
 
-/// Every table record filled with values that tell their place: see the .cpp.
-TableRecords tellingRecords();
-
 /// Hands the records to the agent in the application's order.
 void handOver(TableRecords &records);
 

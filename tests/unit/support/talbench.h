@@ -24,7 +24,8 @@ inline QString qs(const char *text)
 /// The subscribed path behind the path of a changed leaf: the same without its predicates.
 inline QString withoutPredicates(QString path)
 {
-    return path.remove(QRegularExpression(QStringLiteral("\\[[^\\]]*\\]")));
+    static const QRegularExpression predicates(QStringLiteral("\\[[^\\]]*\\]"));
+    return path.remove(predicates);
 }
 
 /// A leaf as one element, named like the last step of its path.

@@ -7,11 +7,11 @@
 #include <QString>
 #include <QStringList>
 
-struct GpioTree {
+struct GpioSurvey {
     bool exists = false;
     int lines = 0;            ///< that the model has
     QStringList unreadable;   ///< numbers of lines that read neither 0 nor 1
     QStringList missingChips; ///< ends of the labels of expanders that are not there
 };
 
-GpioTree lookAtGpioTree(const QString &root, std::uint32_t model, bool expanders);
+GpioSurvey surveyGpio(const QString &root, std::uint32_t model, bool expanders);

@@ -1,5 +1,5 @@
 // The GPIO lines that a station model verifies, looked at without exporting any.
-#include "check/gpiotree.h"
+#include "check/gpiosurvey.h"
 
 #include <QByteArray>
 #include <QDir>
@@ -37,7 +37,7 @@ std::optional<int> offsetOf(const Chip &chip, const QString &root)
     return std::nullopt;
 }
 
-std::optional<int> offsetOf(Expander expander, const QString &root, GpioTree &tree)
+std::optional<int> offsetOf(Expander expander, const QString &root, GpioSurvey &tree)
 {
     for (const Chip &chip : chips) {
         if (chip.expander != expander)
@@ -50,7 +50,7 @@ std::optional<int> offsetOf(Expander expander, const QString &root, GpioTree &tr
     return 0; // on the controller itself
 }
 
-void lookAt(const LineSet &set, const QString &root, GpioTree &tree)
+void lookAt(const LineSet &set, const QString &root, GpioSurvey &tree)
 {
     tree.lines += static_cast<int>(set.lines.size());
     const std::optional<int> offset = offsetOf(set.expander, root, tree);
@@ -66,9 +66,9 @@ void lookAt(const LineSet &set, const QString &root, GpioTree &tree)
 
 } // namespace
 
-GpioTree lookAtGpioTree(const QString &root, std::uint32_t model, bool expanders)
+GpioSurvey surveyGpio(const QString &root, std::uint32_t model, bool expanders)
 {
-    GpioTree tree;
+    GpioSurvey tree;
     tree.exists = QFileInfo(root).isDir();
     if (!tree.exists)
         return tree;

@@ -1,0 +1,58 @@
+// A folder of plain files in place of the kernel's GPIO folder; the platform library reads it while one lives.
+#pragma once
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QtTest>
+
+class GpioFolder {
+public:
+    GpioFolder()
+    {
+        qputenv("XR_GPIO_ROOT", root().toLocal8Bit());
+        addExport();
+    }
+    ~GpioFolder() { qunsetenv("XR_GPIO_ROOT"); }
+    GpioFolder(const GpioFolder &) = delete;
+    GpioFolder &operator=(const GpioFolder &) = delete;
+
+    QString root() const { return m_folder.filePath(QStringLiteral("gpio")); }
+    QString path(const QString &name) const { return root() + QLatin1Char('/') + name; }
+
+    /// Empty, as before anything was exported.
+    void addExport() const { write(QStringLiteral("export"), {}); }
+    void setValue(int line, const QByteArray &value) const { write(QStringLiteral("gpio%1/value").arg(line), value); }
+    /// The line is driven, as the kernel's files say it.
+    void addOutput(int line, const QByteArray &value) const
+    {
+        setValue(line, value);
+        write(QStringLiteral("gpio%1/direction").arg(line), "out\n");
+        write(QStringLiteral("gpio%1/edge").arg(line), "none\n");
+    }
+    void addChip(int base, const QByteArray &label) const
+    {
+        write(QStringLiteral("gpiochip%1/label").arg(base), label + '\n');
+        write(QStringLiteral("gpiochip%1/base").arg(base), QByteArray::number(base) + '\n');
+    }
+    void write(const QString &name, const QByteArray &text) const
+    {
+        QVERIFY(QDir().mkpath(QFileInfo(path(name)).path()));
+        QFile file(path(name));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(text);
+    }
+    QByteArray text(const QString &name) const
+    {
+        QFile file(path(name));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(no file)");
+    }
+    void remove(const QString &name) const
+    {
+        if (!QFile::remove(path(name)))
+            QVERIFY(QDir(path(name)).removeRecursively());
+    }
+
+private:
+    QTemporaryDir m_folder;
+};

@@ -1,0 +1,206 @@
+// The fields of the table records by name.
+#include "support/recordfields.h"
+
+#include "device/boundedtext.h"
+
+#include <QVector>
+
+#include <cstring>
+#include <string>
+
+namespace {
+
+struct Field {
+    enum class Kind { Number, Flag, Text };
+    QString name;
+    std::size_t offset;
+    std::size_t size;
+    Kind kind;
+};
+
+class Fields {
+public:
+    Fields()
+    {
+        TableRecords r = {};
+        m_base = reinterpret_cast<const char *>(&r);
+        each("voltage.", r.voltage.values, [this](auto name, auto &value) { add(name, value); });
+        each("temp.", r.temp.rows, [this](auto name, auto &row) {
+            add(name + ".current", row.current);
+            add(name + ".peak", row.peak);
+            add(name + ".average", row.average);
+        });
+        each("fan.", r.fan.values, [this](auto name, auto &value) { add(name, value); });
+        each("ampChannel.", r.ampChannel.rows, [this](auto name, auto &row) {
+            add(name + ".status", row.status);
+            add(name + ".lineState", row.lineState);
+            add(name + ".ampEnable", row.ampEnable);
+            add(name + ".ampMonitorStatus", row.ampMonitorStatus);
+        });
+        each("controlOutput.", r.controlOutput.status, [this](auto name, auto &status) { add(name, status); });
+        each("controlInput.", r.controlInput.rows, [this](auto name, auto &row) {
+            add(name + ".status", row.status);
+            add(name + ".monitored", row.monitored);
+        });
+        each("let.", r.let.lets, [this](auto channel, auto &lets) {
+            each(channel + '.', lets, [this](auto name, auto &let) {
+                add(name + ".letStatus", let.letStatus);
+                add(name + ".letPresence", let.letPresence);
+                add(name + ".letEnabled", let.letEnabled);
+                add(name + ".description", let.description);
+                add(name + ".softwareVersion", let.softwareVersion);
+                add(name + ".hardwareVersion", let.hardwareVersion);
+                add(name + ".letVoltage", let.letVoltage);
+                add(name + ".changed.status", let.changed.status);
+                add(name + ".changed.description", let.changed.description);
+                add(name + ".changed.softwareVersion", let.changed.softwareVersion);
+                add(name + ".changed.hardwareVersion", let.changed.hardwareVersion);
+                add(name + ".changed.voltage", let.changed.voltage);
+            });
+        });
+        each("lineIn.", r.lineIn.rows, [this](auto name, auto &row) {
+            add(name + ".lineInStatus", row.lineInStatus);
+            add(name + ".micStatus", row.micStatus);
+            add(name + ".lineInMonitoring", row.lineInMonitoring);
+        });
+        each("ethMonitoring.", r.ethMonitoring.monitored, [this](auto name, auto &value) { add(name, value); });
+        each("power.", r.power.rows, [this](auto name, auto &row) {
+            add(name + ".liveStatus", row.liveStatus);
+            add(name + ".monitored", row.monitored);
+        });
+        each("relay.", r.relay.rows, [this](auto name, auto &row) {
+            add(name + ".status", row.status);
+            add(name + ".idleMode", row.idleMode);
+            add(name + ".delay", row.delay);
+        });
+    }
+
+    const QVector<Field> &all() const { return m_fields; }
+
+private:
+    template <typename Element, std::size_t size, typename Visit>
+    void each(const std::string &prefix, Element (&elements)[size], Visit visit)
+    {
+        for (std::size_t place = 0; place < size; ++place)
+            visit(prefix + std::to_string(place), elements[place]);
+    }
+    void add(const std::string &name, const std::uint32_t &field)
+    {
+        add(name, &field, sizeof(field), Field::Kind::Number);
+    }
+    void add(const std::string &name, const std::uint8_t &field)
+    {
+        add(name, &field, sizeof(field), Field::Kind::Flag);
+    }
+    template <std::size_t size>
+    void add(const std::string &name, const char (&field)[size])
+    {
+        add(name, field, size, Field::Kind::Text);
+    }
+    void add(const std::string &name, const void *field, std::size_t size, Field::Kind kind)
+    {
+        m_fields.append({QString::fromStdString(name),
+                         static_cast<std::size_t>(static_cast<const char *>(field) - m_base), size, kind});
+    }
+
+    const char *m_base;
+    QVector<Field> m_fields;
+};
+
+const QVector<Field> &fields()
+{
+    static const Fields all;
+    return all.all();
+}
+
+const Field &fieldOf(const QString &name)
+{
+    for (const Field &field : fields())
+        if (field.name == name)
+            return field;
+    qFatal("no field %s", qPrintable(name));
+}
+
+char *place(TableRecords &records, const Field &field)
+{
+    return reinterpret_cast<char *>(&records) + field.offset;
+}
+
+const char *place(const TableRecords &records, const Field &field)
+{
+    return reinterpret_cast<const char *>(&records) + field.offset;
+}
+
+void store(TableRecords &records, const Field &field, const QString &value)
+{
+    const QByteArray text = value.toLatin1();
+    const std::uint32_t number = value.toUInt();
+    switch (field.kind) {
+    case Field::Kind::Number:
+        std::memcpy(place(records, field), &number, sizeof(number));
+        break;
+    case Field::Kind::Flag:
+        *place(records, field) = static_cast<char>(number);
+        break;
+    case Field::Kind::Text:
+        std::strncpy(place(records, field), text.constData(), field.size - 1);
+        break;
+    }
+}
+
+QString read(const TableRecords &records, const Field &field)
+{
+    std::uint32_t number = 0;
+    switch (field.kind) {
+    case Field::Kind::Number:
+        std::memcpy(&number, place(records, field), sizeof(number));
+        return QString::number(number);
+    case Field::Kind::Flag:
+        return QString::number(static_cast<unsigned char>(*place(records, field)));
+    case Field::Kind::Text:
+        break;
+    }
+    const char *text = place(records, field);
+    return QLatin1Char('\'') + QString::fromLatin1(text, static_cast<int>(strnlen(text, field.size))) +
+           QLatin1Char('\'');
+}
+
+} // namespace
+
+QStringList recordfields::changes(const TableRecords &before, const TableRecords &after)
+{
+    QStringList all;
+    for (const Field &field : fields())
+        if (std::memcmp(place(before, field), place(after, field), field.size) != 0)
+            all << field.name + QLatin1Char('=') + read(after, field);
+    return all;
+}
+
+void recordfields::fill(TableRecords &records, std::uint32_t value)
+{
+    for (const Field &field : fields())
+        if (field.kind == Field::Kind::Number)
+            std::memcpy(place(records, field), &value, sizeof(value));
+}
+
+TableRecords recordfields::telling()
+{
+    TableRecords records = {};
+    std::uint32_t number = 1000;
+    for (const Field &field : fields())
+        store(records, field,
+              field.kind == Field::Kind::Number ? QString::number(++number)
+              : field.kind == Field::Kind::Flag ? QStringLiteral("1")
+                                                : field.name);
+    return records;
+}
+
+QString recordfields::valueOf(const TableRecords &records, const QString &name)
+{
+    return read(records, fieldOf(name));
+}
+
+void recordfields::set(TableRecords &records, const QString &name, const QString &value)
+{
+    store(records, fieldOf(name), value);
+}

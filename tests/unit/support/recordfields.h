@@ -1,0 +1,26 @@
+// The fields of the table records by name: "relay.3.delay", "voltage.17", "let.1.9.changed.status".
+#pragma once
+
+#include "device/tablerecords.h"
+
+#include <QString>
+#include <QStringList>
+
+namespace recordfields {
+
+/// What differs, as "NAME=VALUE" in the order of the records; texts between apostrophes.
+QStringList changes(const TableRecords &before, const TableRecords &after);
+
+/// Gives each number the value; texts and change flags stay.
+void fill(TableRecords &records, std::uint32_t value);
+
+/// Gives each number a value of its own, each text its own name, and sets each change flag.
+TableRecords telling();
+
+/// The field as changes() prints it. An unknown name ends the program.
+QString valueOf(const TableRecords &records, const QString &name);
+
+/// Sets a field from its text.
+void set(TableRecords &records, const QString &name, const QString &value);
+
+} // namespace recordfields
