@@ -120,6 +120,27 @@ def test_too_many_names_are_refused_at_once_and_cost_nothing(unharmed, kind, nam
     assert unharmed.device.kvsnmp_err().count("AgentX subagent connected") == 1
 
 
+def test_long_requests_in_a_row_block_nobody(start_device):
+    """snmpd takes one datagram a turn from each of its sockets, but reads less than two long answers. It does not read
+    while it sends: a sub-agent that waits for it to read would wait for ever."""
+    device = start_device(6420, "--no-dbus", "--no-traps").wait_answering()
+    flooding = [RawManager.of(device, address) for address in ("127.0.0.1", "::1")]
+    end = time.monotonic() + 3
+    while time.monotonic() < end:
+        for manager in flooding:
+            manager.begin(GETNEXT, [CELL] * GETNEXT_LIMIT)
+        time.sleep(0.002)
+        for manager in flooding:
+            manager.drain()
+    begin = time.monotonic()
+    device.wait_answering()
+    print(f"answered {time.monotonic() - begin:.1f} s after the last of the long requests")
+    assert device.kvsnmp_err().count("AgentX subagent connected") == 1
+    for manager in flooding:
+        manager.close()
+    device.end_kvsnmp()
+
+
 def test_too_many_names_are_refused_after_a_restart_of_snmpd(start_device):
     device = start_device(6420, *options(Walk(6420))).wait_answering()
     former = device.wait_snmpd()

@@ -12,31 +12,32 @@ from . import ber
 from .device import Device
 from .snmp import END_OF_VIEW, PRIVATE_MIB
 
-SNMPD = ("127.0.0.1", 161)
 ROOT = ber.numbers(PRIVATE_MIB)
 _AT_ONCE = 100  # descriptors that one message takes along; the kernel's limit is 253
 
 # Runs inside the device, with the socket on which it hands over as its standard input.
-_MAKE_SOCKETS = f"""
+_MAKE_SOCKETS = """
 import socket, sys
 out = socket.socket(fileno=0)
-for count in map(int, sys.argv[1:]):
-    made = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(count)]
+address = sys.argv[1]
+for count in map(int, sys.argv[2:]):
+    made = [socket.socket(socket.AF_INET6 if ":" in address else socket.AF_INET, socket.SOCK_DGRAM)
+            for _ in range(count)]
     for one in made:
-        one.connect({SNMPD!r})
+        one.connect((address, 161))
     socket.send_fds(out, [b"x"], [one.fileno() for one in made])
     for one in made:
         one.close()
 """
 
 
-def sockets(device: Device, count: int) -> list[socket.socket]:
+def sockets(device: Device, count: int, address: str = "127.0.0.1") -> list[socket.socket]:
     """UDP sockets in the device's network, connected to its snmpd, each with a port of its own."""
     parts = [_AT_ONCE] * (count // _AT_ONCE) + [count % _AT_ONCE] * (count % _AT_ONCE > 0)
     here, there = socket.socketpair(socket.AF_UNIX, socket.SOCK_STREAM)
     with here, there:
-        maker = device.popen(["/usr/bin/python3", "-c", _MAKE_SOCKETS, *map(str, parts)], stdin=there,
-                             stderr=subprocess.PIPE, text=True)
+        maker = device.popen(["/usr/bin/python3", "-c", _MAKE_SOCKETS, address, *map(str, parts)],
+                             stdin=there, stderr=subprocess.PIPE, text=True)
         there.close()
         here.settimeout(20)
         found: list[socket.socket] = []
@@ -57,8 +58,8 @@ class RawManager:
         self.socket = socket_inside
 
     @staticmethod
-    def of(device: Device) -> RawManager:
-        return RawManager(sockets(device, 1)[0])
+    def of(device: Device, address: str = "127.0.0.1") -> RawManager:
+        return RawManager(sockets(device, 1, address)[0])
 
     def close(self) -> None:
         self.socket.close()
