@@ -96,10 +96,12 @@ netsnmp_transport *connectToMaster(netsnmp_tdomain_spec *)
     transport->sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (transport->sock < 0 ||
         connect(transport->sock, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
+        const bool nobodyListens = errno == ENOENT || errno == ECONNREFUSED;
         close(transport);
         netsnmp_transport_free(transport);
-        // The library's default goes on with this one.
-        return netsnmp_tdomain_transport(netsnmp_lookup_default_target(application, "tcp"), 0, "tcp");
+        // As the library's default does.
+        return nobodyListens ? netsnmp_tdomain_transport(netsnmp_lookup_default_target(application, "tcp"), 0, "tcp")
+                             : nullptr;
     }
     queueOutput(*transport);
     return transport;
