@@ -18,7 +18,7 @@
 namespace {
 constexpr char application[] = "agentx";
 constexpr oid unixDomain[] = {TRANSPORT_DOMAIN_LOCAL};
-constexpr oid ownDomain[] = {TRANSPORT_DOMAIN_LOCAL, 1}; // any that the library does not know
+constexpr oid ownDomain[] = {TRANSPORT_DOMAIN_LOCAL, 1}; // any domain unknown to the library
 bool attemptAllowed = true;
 
 int receive(netsnmp_transport *transport, void *buffer, int size, void **, int *)
@@ -45,8 +45,8 @@ int close(netsnmp_transport *transport)
     return socket < 0 ? -1 : ::close(socket);
 }
 
-/// A connection to the library's default socket. The library's own transport waits for a place in the queue of a master
-/// that has stopped, without limit. Null, with errno, on failure.
+/// A connection to the library's default socket. The library's transport would wait without limit for a place in the
+/// queue of a stopped master. Null, with errno, on failure.
 netsnmp_transport *connectToMaster(netsnmp_tdomain_spec *)
 {
     if (!std::exchange(attemptAllowed, false)) {
@@ -79,7 +79,7 @@ netsnmp_transport *connectToMaster(netsnmp_tdomain_spec *)
         errno = failure;
         return nullptr;
     }
-    fcntl(transport->sock, F_SETFL, 0); // the library sends whole messages
+    fcntl(transport->sock, F_SETFL, 0); // blocking: the library sends whole messages
     return transport;
 }
 
@@ -95,7 +95,7 @@ void boundAttempts()
     domain.prefix[0] = "kvmaster";
     domain.f_create_from_tspec = connectToMaster;
     netsnmp_tdomain_register(&domain);
-    netsnmp_register_default_domain(application, "kvmaster tcp"); // the library's own default is "unix tcp"
+    netsnmp_register_default_domain(application, "kvmaster tcp"); // the library's default is "unix tcp"
     attemptAllowed = true;
 }
 
@@ -111,11 +111,11 @@ void postponeAttempt()
 
 void cancelAttempts()
 {
-    static unsigned next = 1; // the first alarm that was not looked at
+    static unsigned next = 1; // the first unchecked alarm
     const unsigned newest = snmp_alarm_register(1, SA_REPEAT, neverCalled, nullptr);
     for (; next <= newest; ++next) {
         const snmp_alarm *const alarm = sa_find_specific(next);
-        // The library repeats nothing else without an argument.
+        // No other repeated alarm of the library has no argument.
         if (alarm != nullptr && (alarm->flags & SA_REPEAT) != 0 && alarm->clientarg == nullptr)
             snmp_alarm_unregister(next);
     }

@@ -1,18 +1,17 @@
 // How the agent library connects to the master agent.
 #pragma once
 
-/// Makes each attempt of the library at its default socket end soon: a master whose queue of connections is full is
-/// refused instead of waited for, and in one pass of the library one attempt is made at most. The library repeats an
-/// attempt every ping interval; one that lasts longer would be followed by the next without end. To be called between
-/// init_agent() and init_snmp().
+/// Limits the time of each attempt to connect to the default socket: it fails if the master's connection queue is full,
+/// and the library makes at most one attempt in a pass. The library repeats attempts every ping interval, so longer
+/// ones would follow each other endlessly. Call between init_agent() and init_snmp().
 void boundAttempts();
 
-/// A pass of the library begins: it may make its attempt.
+/// A pass of the library begins: it may make an attempt.
 void allowAttempt();
 
-/// The session is open: cancels all alarms of the library that would open one. One too many is left when the master
-/// hangs up in the middle of an attempt, and complains every ping interval from then on.
+/// The session is open: cancels all alarms of the library that would open one. If the master closes the connection
+/// during an attempt, one alarm too many remains, which would log an error every ping interval.
 void cancelAttempts();
 
-/// The session was lost in this pass; the attempt to open the next one is left to another pass.
+/// The session was lost in this pass; a later pass opens the next one.
 void postponeAttempt();
