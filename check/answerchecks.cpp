@@ -1,4 +1,4 @@
-// What a manager sees: snmpd, the sub-agent behind it, and a value.
+// The manager's view: snmpd, the sub-agent, and a value.
 #include "check/agentxping.h"
 #include "check/checks.h"
 #include "check/subject.h"
@@ -16,7 +16,7 @@ namespace {
 const SnmpName upTimeName = {1, 3, 6, 1, 2, 1, 1, 3, 0};
 const SnmpName modelNumberName = {1, 3, 6, 1, 4, 1, 52717, 3, 1, 3, 0};
 const SnmpName enterprise = {1, 3, 6, 1, 4, 1, 52717};
-const SnmpName moduleNames = {1, 3, 6, 1, 4, 1, 8072, 1, 2, 1, 1, 4}; // snmpd's list of what is registered with it
+const SnmpName moduleNames = {1, 3, 6, 1, 4, 1, 8072, 1, 2, 1, 1, 4}; // snmpd's list of its registrations
 constexpr std::uint32_t registrationLengths[] = {10, 11};             // of the objects under the enterprise
 constexpr int maxRegistrations = 200;
 
@@ -25,7 +25,7 @@ bool startsWith(const SnmpName &name, const SnmpName &start)
     return name.size() >= start.size() && std::equal(start.begin(), start.end(), name.begin());
 }
 
-/// Loopback first: it is always there.
+/// Loopback first: it always exists.
 QList<QHostAddress> ownAddresses()
 {
     QList<QHostAddress> addresses = {QHostAddress(QHostAddress::LocalHost), QHostAddress(QHostAddress::LocalHostIPv6)};
@@ -46,14 +46,14 @@ bool listensAt(const ListenAddress &place, const QHostAddress &address)
            (place.host == "localhost" && address.isLoopback());
 }
 
-/// How this device can ask itself: from an address that the file gives access, at a place where snmpd listens. A
-/// datagram to an own address comes from that address.
+/// A way to query this device from itself: from an address with access in the file, at an address where snmpd listens.
+/// A datagram to a local address also comes from it.
 std::optional<SnmpTarget> ownTarget(const SnmpdConf &conf, int timeoutMs)
 {
     const std::vector<AccessRule> rules = conf.accessRules();
     const std::vector<ListenAddress> places = conf.listenAddresses();
     for (const QHostAddress &address : ownAddresses()) {
-        // snmpd takes the first rule that fits, so a later one with another community does not count.
+        // snmpd uses the first matching rule and ignores a later one with another community.
         const auto rule = std::find_if(rules.begin(), rules.end(),
                                        [&](const AccessRule &candidate) { return allows(candidate, address); });
         const auto place = std::find_if(places.begin(), places.end(),
@@ -72,7 +72,7 @@ int registrationsUnderEnterprise(SnmpClient &client)
 {
     int count = 0;
     for (const std::uint32_t length : registrationLengths) {
-        SnmpName start = moduleNames; // index: context "" and the registered name, each with its length in front
+        SnmpName start = moduleNames; // index: context "" and the registered name, each after its length
         start.push_back(0);
         start.push_back(length);
         start.insert(start.end(), enterprise.begin(), enterprise.end());
@@ -152,7 +152,7 @@ Outcome checkSubAgent(Subject &subject)
     const int connections = subject.agentxConnections;
     const QString hint = QStringLiteral("kvsnmp tries to connect once a second (agentXPingInterval in "
                                         "/etc/snmp/kvagent.conf); if it stays so, restart kvsnmp");
-    if (!subject.client) { // by what the kernel tells alone
+    if (!subject.client) { // only from the kernel's information
         if (connections == 0)
             return failed(QStringLiteral("no sub-agent is connected to snmpd"), hint);
         return ok(QStringLiteral("%1 connected; what it has registered could not be asked").arg(connections));

@@ -1,4 +1,4 @@
-// kvsnmp itself and what it works with besides the data service and snmpd.
+// kvsnmp and its environment, except the data service and snmpd.
 #include "check/checks.h"
 #include "check/gpiotree.h"
 #include "check/localexchange.h"
@@ -23,14 +23,14 @@ QString busAddress(const Subject &subject)
     return subject.variable(systemBusVariable, QLatin1String(defaultSystemBus));
 }
 
-/// The path of a "unix:path=..." address; empty for another kind.
+/// The path of a "unix:path=..." address; empty for other kinds.
 QByteArray busSocket(const QString &address)
 {
     const QByteArray first = address.toLocal8Bit().split(';')[0].split(',')[0];
     return first.startsWith("unix:path=") ? first.mid(10) : QByteArray();
 }
 
-/// Whether the name has an owner; nothing when the bus does not say.
+/// Whether the name has an owner; nothing without an answer of the bus.
 std::optional<bool> hasOwner(const QString &address, const char *name, int timeoutMs)
 {
     const QString connectionName = QStringLiteral("kvsnmp-check");
@@ -113,7 +113,7 @@ Outcome checkSystemBus(Subject &subject)
     const QString hint = QStringLiteral("start the system bus (dbus-daemon --system), then kvsnmp anew, which listens "
                                         "on it from its start; until then states of channels, inputs, outputs and LETs "
                                         "keep their starting values");
-    // The opening of the bus's own protocol, so that a bus that hangs is found within the limit.
+    // The start of the bus protocol, so that a hanging bus is detected within the limit.
     const QByteArray opening = QByteArray(1, '\0') + "AUTH EXTERNAL " + QByteArray::number(geteuid()).toHex() + "\r\n";
     const LocalExchange result = exchange(path, opening, 3, subject.timeoutMs);
     if (!result.connected)

@@ -30,7 +30,7 @@ constexpr char usage[] = "Usage: kvsnmp-check [--json] [--timeout SECONDS]\n"
                          "\n"
                          "Exit status: 0 nothing has failed, 1 something has, 2 wrong usage, or not root.\n";
 
-/// Milliseconds; nothing for what is no number within the limits.
+/// Milliseconds; nothing unless a number within the limits.
 std::optional<int> timeoutOf(const char *text)
 {
     char *end = nullptr;
@@ -78,7 +78,7 @@ CheckOptions parseCheckOptions(int argc, char *argv[])
         case 'V':
             std::puts("kvsnmp-check " KVSNMP_VERSION);
             return ending(exitOk);
-        default: // getopt has told what is wrong
+        default: // getopt has printed the error
             std::fputs(usage, stderr);
             return ending(exitUsage);
         }

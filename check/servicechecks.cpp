@@ -1,4 +1,4 @@
-// The data service: whether it can be reached, and what it delivers.
+// The data service: connection and delivered data.
 #include "check/checks.h"
 #include "check/localexchange.h"
 #include "check/subject.h"

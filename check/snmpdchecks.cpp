@@ -16,14 +16,14 @@
 namespace {
 
 const QString confPath = QLatin1String(snmpdConfPath);
-constexpr int restartMs = 3000; // from a written file to the snmpd that has read it takes about one second
+constexpr int restartMs = 3000; // snmpd reads a new file after about one second
 
 struct Complaint {
     int line;
     QString text;
 };
 
-/// What snmpd says about the file that it was given, by line.
+/// snmpd's complaints about its file, by line.
 QList<Complaint> complaintsIn(const QByteArray &output)
 {
     static const QRegularExpression pattern(
@@ -45,7 +45,7 @@ bool hasIpv6()
     return descriptor >= 0;
 }
 
-/// An address at which snmpd cannot listen makes it end at its start.
+/// snmpd ends at its start if it cannot listen at an address.
 QString refusedAddress(const SnmpdConf &conf)
 {
     for (const ListenAddress &address : conf.listenAddresses()) {
@@ -58,7 +58,7 @@ QString refusedAddress(const SnmpdConf &conf)
     return {};
 }
 
-/// Whether a UDP port is bound, by the kernel's list.
+/// Whether a UDP port is bound, from the kernel's list.
 bool isUdpPortTaken(int port)
 {
     const QByteArray wanted = ':' + QByteArray::number(port, 16).toUpper().rightJustified(4, '0');
@@ -73,7 +73,7 @@ bool isUdpPortTaken(int port)
     return false;
 }
 
-/// Words of the lines that one text has and the other has not.
+/// First words of the lines that only one of the texts has.
 std::set<QByteArray> directivesThatDiffer(const QByteArray &a, const QByteArray &b)
 {
     const QList<QByteArray> linesA = a.split('\n');
@@ -177,8 +177,8 @@ Outcome checkSnmpdConfAccepted(Subject &subject)
             QStringLiteral("mend snmp_port in the settings or the file made by hand; without IPv6 in the kernel "
                            "use custom_config with a file that names udp alone"));
 
-    // -H reads the file, complains, prints the directives that it knows and ends: no port is opened, nothing is served
-    // and, with a folder that cannot be made for its own state, nothing is written.
+    // -H reads the file, complains, prints the known directives and ends. It opens no port and serves nothing; with a
+    // state folder that cannot be created, it writes nothing.
     QProcessEnvironment environment = subject.environment;
     environment.insert(QStringLiteral("MIBS"), QString());
     environment.insert(QStringLiteral("SNMP_PERSISTENT_DIR"), QStringLiteral("/proc/kvsnmp-check"));
@@ -205,7 +205,7 @@ Outcome checkSnmpdConfAccepted(Subject &subject)
         QStringLiteral("snmpd -H -C -c %1 -Le shows all its complaints; mend the setting that the line "
                        "is made of, or the file made by hand")
             .arg(confPath);
-    // The line of an IPv6 manager that is not set: the rest of the file holds.
+    // The line of an unset IPv6 manager: the rest of the file is valid.
     if (complaints.size() == 1 && line.startsWith("com2sec6"))
         return warning(text, hint);
     return failed(text, hint);
