@@ -123,7 +123,7 @@ const Command *commandOf(const QStringList &words)
 {
     const Command *found = nullptr;
     int length = 0;
-    for (const Command &command : commands) { // the longest that fits: "gpio list" before "gpio"
+    for (const Command &command : commands) { // the longest match: "gpio list" before "gpio"
         const QStringList own = QString::fromLatin1(command.words).split(QLatin1Char(' '));
         if (own.size() > length && words.mid(0, own.size()) == own) {
             found = &command;

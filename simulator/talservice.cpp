@@ -1,5 +1,5 @@
-// talservice: the other side of a device's interfaces. It serves the data tree of one model, plays the amplifier
-// monitor and the GPIO lines, and takes orders from talctl.
+// talservice: simulates the other side of a device's interfaces. It serves the data tree of one model, simulates the
+// amplifier monitor and the GPIO lines, and runs talctl's commands.
 #include "simulator/controlserver.h"
 #include "simulator/gpiotree.h"
 #include "simulator/messages.h"
@@ -41,7 +41,7 @@ void endOnSignals(QCoreApplication &application)
     QObject::connect(notifier, &QSocketNotifier::activated, &application, &QCoreApplication::quit);
 }
 
-/// Applies one PATH=VALUE; the '=' of a predicate is not the one that counts, and a bracket in its quotes is none.
+/// Applies one PATH=VALUE; ignores the '=' of a predicate and brackets inside quotes.
 Refusal applySetting(DataTree &tree, const QString &setting)
 {
     bool inPredicate = false;
@@ -60,7 +60,7 @@ Refusal applySetting(DataTree &tree, const QString &setting)
     return "not PATH=VALUE";
 }
 
-/// A line that the tree configures as a control output is driven by the device.
+/// The device drives a line that the tree configures as a control output.
 void setOutputs(GpioTree &gpio, const DataTree &tree)
 {
     for (const pugi::xml_node node : tree.select({{"state", {}}, {"config", {}}, {"gpios", {}}, {"gpio", {}}}))
@@ -104,7 +104,7 @@ constexpr char usageText[] =
     "Exit codes: 0 ended by a signal, 1 cannot serve, 2 wrong usage.\n";
 // clang-format on
 
-/// An empty text when the options can be worked with, else what is wrong.
+/// An empty text if the options are valid, otherwise the error.
 QString readOptions(const QStringList &arguments, Options &options)
 {
     const auto option = [](const char *name, const QString &defaultValue = {}) {
