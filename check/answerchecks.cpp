@@ -97,27 +97,26 @@ Outcome checkSnmpdAnswer(Subject &subject)
 {
     if (!subject.conf.allowsVersion1() && !subject.conf.allowsVersion2c())
         return failed(QStringLiteral("snmpd.conf gives access to no version"),
-                      QStringLiteral("add a group line for v2c to the file made by hand"));
+                      QStringLiteral("add a group line for v2c to the custom file"));
     const std::optional<SnmpTarget> target = ownTarget(subject.conf, subject.timeoutMs);
     if (!target)
         return warning(
             QStringLiteral("snmpd.conf gives access to no address of this device: not asked"),
-            QStringLiteral("ask from the manager that it names; if that gets no answer, look at nms_ip in the "
-                           "settings and at what is between"));
+            QStringLiteral("send requests from the manager that it names; without an answer check nms_ip in the "
+                           "settings and the network between"));
     auto client = std::make_unique<SnmpClient>(*target);
     const SnmpReply reply = client->get(upTimeName);
     const QString place = QString::fromLatin1(target->address);
     if (reply.kind == SnmpReply::Kind::NoAnswer)
-        return failed(
-            QStringLiteral("no answer at %1 within %2 s (%3)")
-                .arg(place)
-                .arg(subject.timeoutMs / 1000.0)
-                .arg(reply.error),
-            QStringLiteral("snmpd runs, but with another configuration than the file, or it hangs: create and "
-                           "remove any file in /etc/snmp, and kvsnmp restarts it"));
+        return failed(QStringLiteral("no answer at %1 within %2 s (%3)")
+                          .arg(place)
+                          .arg(subject.timeoutMs / 1000.0)
+                          .arg(reply.error),
+                      QStringLiteral("snmpd hangs, or runs with another configuration than the file: create and "
+                                     "remove any file in /etc/snmp, and kvsnmp restarts it"));
     if (reply.kind == SnmpReply::Kind::Error || reply.kind == SnmpReply::Kind::NoSuchName)
-        return failed(QStringLiteral("%1 answers, but not with its own up time").arg(place),
-                      QStringLiteral("look at view and access in snmpd.conf: the view has to include .1"));
+        return failed(QStringLiteral("%1 answers, but not with its up time").arg(place),
+                      QStringLiteral("check view and access in snmpd.conf: the view has to include .1"));
     subject.client = std::move(client);
     return ok(QStringLiteral("answers at %1 (%2)")
                   .arg(place, target->isVersion1 ? QStringLiteral("version 1") : QStringLiteral("version 2c")));
@@ -129,13 +128,13 @@ Outcome checkAgentxSocket(Subject &subject)
     subject.agentxConnections = agentxConnections(contentsOf("/proc/net/unix"), path);
     const QString name = QString::fromLocal8Bit(path);
     if (!path.startsWith('/'))
-        return skipped(name + QStringLiteral(" is no local socket"));
+        return skipped(name + QStringLiteral(" is not a local socket"));
     const QString hint =
         QStringLiteral("kvsnmp cannot connect there; create and remove any file in /etc/snmp, and kvsnmp "
-                       "restarts snmpd, which makes the socket anew");
+                       "restarts snmpd, which creates the socket again");
     if (!QFileInfo::exists(name))
         return failed(name + QStringLiteral(" is not there"),
-                      hint + QStringLiteral("; the folder has to exist: snmpd does not make it"));
+                      hint + QStringLiteral("; the folder has to exist: snmpd does not create it"));
     const AgentxAnswer answer = pingAgentx(path, subject.timeoutMs);
     if (!answer.connected)
         return failed(QStringLiteral("%1: %2").arg(name, QString::fromLocal8Bit(std::strerror(answer.error))), hint);
@@ -151,17 +150,17 @@ Outcome checkSubAgent(Subject &subject)
 {
     const int connections = subject.agentxConnections;
     const QString hint = QStringLiteral("kvsnmp tries to connect once a second (agentXPingInterval in "
-                                        "/etc/snmp/kvagent.conf); if it stays so, restart kvsnmp");
+                                        "/etc/snmp/kvagent.conf); if it does not succeed, restart kvsnmp");
     if (!subject.client) { // only from the kernel's information
         if (connections == 0)
             return failed(QStringLiteral("no sub-agent is connected to snmpd"), hint);
-        return ok(QStringLiteral("%1 connected; what it has registered could not be asked").arg(connections));
+        return ok(QStringLiteral("%1 connected; its registrations could not be queried").arg(connections));
     }
     const int registrations = registrationsUnderEnterprise(*subject.client);
     if (registrations > 0)
         return ok(QStringLiteral("%1 objects and tables are registered").arg(registrations));
     if (subject.client->getNext(moduleNames).kind != SnmpReply::Kind::Other)
-        return skipped(QStringLiteral("this snmpd does not list what is registered"));
+        return skipped(QStringLiteral("this snmpd does not list its registrations"));
     if (connections == 0)
         return failed(QStringLiteral("no sub-agent is connected to snmpd"), hint);
     return failed(QStringLiteral("a sub-agent is connected, but nothing is registered under the enterprise"), hint);
@@ -170,9 +169,9 @@ Outcome checkSubAgent(Subject &subject)
 Outcome checkModelNumberServed(Subject &subject)
 {
     if (!subject.client)
-        return skipped(QStringLiteral("snmpd could not be asked from this device"));
+        return skipped(QStringLiteral("snmpd could not be queried from this device"));
     const SnmpReply reply = subject.client->get(modelNumberName);
-    const QString restart = QStringLiteral("restart kvsnmp; it tells in the foreground, kvsnmp -d, what it does");
+    const QString restart = QStringLiteral("restart kvsnmp; in the foreground, kvsnmp -d, it prints its actions");
     switch (reply.kind) {
     case SnmpReply::Kind::Integer:
         break;
@@ -186,6 +185,6 @@ Outcome checkModelNumberServed(Subject &subject)
     }
     if (reply.integer != subject.model)
         return failed(QStringLiteral("%1 is served, the identity file says %2").arg(reply.integer).arg(subject.model),
-                      QStringLiteral("the file was changed after kvsnmp had read it; restart kvsnmp"));
+                      QStringLiteral("the file has changed since kvsnmp read it; restart kvsnmp"));
     return ok(QStringLiteral("%1 is served").arg(reply.integer));
 }

@@ -21,12 +21,12 @@ constexpr option longOptions[] = {
 
 constexpr char usage[] = "Usage: kvsnmp-check [--json] [--timeout SECONDS]\n"
                          "\n"
-                         "Looks why a device does not answer over SNMP. Changes nothing; to be run as root.\n"
+                         "Finds out why a device does not answer over SNMP. Changes nothing. Requires root.\n"
                          "\n"
                          "  -j, --json             write one JSON object\n"
-                         "  -t, --timeout SECONDS  how long to wait for each answer (0.1 to 60, default 3)\n"
-                         "  -h, --help             show this and end\n"
-                         "  -V, --version          show the version and end\n"
+                         "  -t, --timeout SECONDS  time limit of each answer (0.1 to 60, default 3)\n"
+                         "  -h, --help             show this text\n"
+                         "  -V, --version          show the version\n"
                          "\n"
                          "Exit status: 0 nothing has failed, 1 something has, 2 wrong usage, or not root.\n";
 

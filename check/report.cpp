@@ -55,7 +55,7 @@ void Report::add(const Check &check, Subject &subject)
         if (finding.outcome.status == Status::Failed && !finding.outcome.ownCause)
             finding.because = causeAmong(check.follows);
     } else {
-        finding.outcome = skipped(QStringLiteral("not looked at"));
+        finding.outcome = skipped(QStringLiteral("not checked"));
     }
     m_findings.push_back(std::move(finding));
 }

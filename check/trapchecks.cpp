@@ -91,9 +91,9 @@ Outcome checkTrapsEnabled(Subject &subject)
     const int all = static_cast<int>(std::size(trapCatalogue));
     const QString separator = QStringLiteral(", ");
     if (on.isEmpty())
-        return warning(QStringLiteral("none of the %1 traps is enabled: no fault is reported").arg(all),
-                       QStringLiteral("set %1traps/trap[name='...']/enabled to \"true\" for those that are wanted")
-                           .arg(trapSettings));
+        return warning(
+            QStringLiteral("none of the %1 traps is enabled: no fault is reported").arg(all),
+            QStringLiteral("set %1traps/trap[name='...']/enabled to \"true\" for the wanted traps").arg(trapSettings));
     QString text = QStringLiteral("%1 of %2").arg(on.size()).arg(all);
     if (!off.isEmpty())
         text += on.size() <= off.size() ? QStringLiteral(", on: ") + on.join(separator)
@@ -106,7 +106,7 @@ Outcome checkTrapReceivers(Subject &subject)
     const std::vector<Receiver> receivers = receiversOf(subject);
     if (receivers.empty())
         return warning(QStringLiteral("none: traps and informs go nowhere"),
-                       QStringLiteral("set %1trap_address or inform_address; in a snmpd.conf made by hand trap2sink or "
+                       QStringLiteral("set %1trap_address or inform_address; in a custom snmpd.conf trap2sink or "
                                       "informsink")
                            .arg(trapSettings));
     QStringList shown;
@@ -121,7 +121,7 @@ Outcome checkTrapReceivers(Subject &subject)
     if (!wrongOnes.isEmpty())
         return warning(
             wrongOnes.join(QStringLiteral("; ")),
-            QStringLiteral("mend the address, the network's routes or the name service; snmpd looks a name up "
-                           "once, at its start"));
+            QStringLiteral("correct the address, the network's routes or the name service; snmpd looks a name up "
+                           "only once, at its start"));
     return ok(shown.join(QStringLiteral(", ")));
 }
