@@ -1,4 +1,4 @@
-// The pid file: any content is read, and written over.
+// The pid file: reads and overwrites any content.
 #include "support.h"
 
 #include "app/pidfilehandler.h"
