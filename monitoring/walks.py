@@ -1,4 +1,4 @@
-"""The golden walks: what each model serves, as snmpwalk -On -Oe -OU printed it."""
+"""The golden walks: the objects of each model, as printed by snmpwalk -On -Oe -OU."""
 from __future__ import annotations
 
 import re
