@@ -66,7 +66,7 @@ constexpr const VersionFile &modelTypeFile = versionFiles[1];
 constexpr const VersionFile &kernelVersionFile = versionFiles[2];
 constexpr const VersionFile &deviceTreeVersionFile = versionFiles[3];
 
-/// Amplifiers of this type are sold under one name, whatever the model file says.
+/// Amplifiers of this type are sold under one name, regardless of the model file.
 constexpr std::string_view renamedAmpType = "VQ9B";
 constexpr std::string_view renamedModelType = "Orvane Mervio Amplifier VQ9";
 

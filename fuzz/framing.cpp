@@ -50,7 +50,7 @@ void readMessage(std::string_view bytes)
     if (!message)
         return;
     require(!message->ref.isNull() && !message->op.isNull(), "an accepted message has a reference and an operation");
-    require(textOf(bytes).contains(message->data), "the data stand in the message as they are");
+    require(textOf(bytes).contains(message->data), "the message contains the unchanged data");
     require(!message->dataIsElement || isWellFormedElement(message->data),
             "data that need not be checked again are well-formed by themselves");
     if (message->dataIsElement)

@@ -38,7 +38,7 @@ bool checkText(std::string_view xml, std::string &error)
             break;
         case QXmlStreamReader::DTD:
         case QXmlStreamReader::EntityReference:
-            error = "document types and entities of one's own are not taken";
+            error = "document types and custom entities are not allowed";
             break;
         default:
             break;

@@ -265,7 +265,7 @@ void Script::settle()
     cleanUpSets();
     m_bench.agent.wait(cacheLifetime);
     for (int attempt = 0; !m_bench.master.hasSession(); ++attempt) {
-        require(attempt < 100, "a lost session is opened anew");
+        require(attempt < 100, "a lost session is reopened");
         m_bench.agent.wait(1s);
     }
     check();

@@ -57,7 +57,7 @@ def start_parser() -> argparse.ArgumentParser:
                         help="model number: " + ", ".join(map(str, MODELS)) + " (default 6420)")
     parser.add_argument("--name", help="name for exec and stop (default: the model number)")
     parser.add_argument("--port", type=port_number, default=0, metavar="N",
-                        help="share the host's network and answer on this UDP port (default: a network of its own, "
+                        help="share the host's network and answer on this UDP port (default: a separate network, "
                              "port 161)")
     parser.add_argument("--trap-port", type=port_number, metavar="N",
                         help="where the device's snmptrapd listens (default: 162, with --port one above it)")

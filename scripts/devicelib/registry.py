@@ -92,7 +92,7 @@ def claim(wanted: str | None, model: int) -> Claim:
             continue
     lock = _try_lock(made, make=True)
     if lock is None:
-        raise DeviceError(f"{made} is locked by somebody else")
+        raise DeviceError(f"{made} is locked by another process")
     count = 1
     while True:
         name = wanted or (f"{model}" if count == 1 else f"{model}-{count}")
