@@ -39,7 +39,7 @@ void writeLine(int descriptor)
     [[maybe_unused]] const ssize_t written = write(descriptor, line.data(), line.size());
 }
 
-/// Created with an unpredictable name and renamed: between an unlink() and an open() somebody could repeatedly put
+/// Created with an unpredictable name and renamed: between an unlink() and an open() another user could repeatedly put
 /// something else there.
 bool replace(const char *path)
 {
