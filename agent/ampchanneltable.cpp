@@ -44,7 +44,7 @@ void refillAmpChannelTableEntries()
 {
     beginRefill(ampChannelTable);
     if (kvAgent != nullptr && twoChannelModels.contains(kvAgent->modelNumber))
-        copyRecord(ampChannelTable); // the single-output models have no channel data, their row stays as it started
+        copyRecord(ampChannelTable); // single-output models have no channel data; their row keeps its start value
 }
 int ampChannelTable_load(Cache *, void *)
 {

@@ -1,4 +1,4 @@
-// E.3.1: what the device is. Served from a copy of the application's record that is made once.
+// E.3.1: the device information. Served from a single copy of the application's record.
 #include "agent/modules.h"
 
 #include <algorithm>
@@ -54,5 +54,5 @@ void copyInfoData()
         return;
     }
     served = *kvAgent->infoData;
-    served.disablement = {servedDisablement, sizeof(std::int32_t)}; // whatever the application holds: intended
+    served.disablement = {servedDisablement, sizeof(std::int32_t)}; // intended: ignores the application's value
 }

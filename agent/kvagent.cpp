@@ -35,7 +35,7 @@ constexpr void (*modules[])() = { // in the order of registration
 
 struct LibrarySetting { int id; int value; };
 constexpr LibrarySetting librarySettings[] = {
-    {NETSNMP_DS_AGENT_AGENTX_TIMEOUT,        1}, // set back by init_agent() to the library's own, as is the next
+    {NETSNMP_DS_AGENT_AGENTX_TIMEOUT,        1}, // init_agent() resets this and the next to the library's defaults
     {NETSNMP_DS_AGENT_AGENTX_RETRIES,        1},
     {NETSNMP_DS_AGENT_MAX_GETBULKREPEATS,    1},
     {NETSNMP_DS_AGENT_MAX_GETBULKRESPONSES,  1},
@@ -47,7 +47,7 @@ KvAgent record = {};
 int sessionStarted(int, int, void *argument, void *)
 {
     auto *session = static_cast<netsnmp_session *>(argument);
-    session->retries = 0; // a local stream needs no repeats, and a repeated notification is a doubled trap
+    session->retries = 0; // a local stream needs no retries, and a retried notification doubles a trap
     void *const listed = snmp_sess_pointer(session);
     netsnmp_transport *transport = listed != nullptr ? snmp_sess_transport(listed) : nullptr;
     masterSessionOpened(transport);
@@ -94,7 +94,7 @@ void kaAgentStart(std::uint32_t modelNumber, std::uint8_t ampType, const char *m
     snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_START, sessionStarted, nullptr);
     snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_STOP, sessionStopped, nullptr);
 
-    if (isKnownModel(modelNumber)) { // any other device connects with an empty subtree
+    if (isKnownModel(modelNumber)) { // other devices connect with an empty subtree
         for (const auto initModule : modules)
             initModule();
     }

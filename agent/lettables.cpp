@@ -31,7 +31,7 @@ struct LetValues {
 
 constexpr Column columns[] = {
     {ASN_INTEGER,   cell<&TableRow::index>},
-    {ASN_OCTET_STR, cell<&TableRow::description>}, // fixed: the data service's own description is not served
+    {ASN_OCTET_STR, cell<&TableRow::description>}, // fixed: the data service's description is not served
     {ASN_INTEGER,   cell<&LetValues::letStatus>},
     {ASN_OCTET_STR, cell<&LetValues::softwareVersion>},
     {ASN_OCTET_STR, cell<&LetValues::hardwareVersion>},
@@ -45,7 +45,7 @@ std::string_view textOf(const char (&buffer)[size])
     return {buffer, strnlen(buffer, size)};
 }
 
-/// Takes what was stored since the last copy. A version that has never arrived leaves "Unknown" in place.
+/// Copies the values stored since the last copy. A version that has never arrived stays "Unknown".
 template <std::size_t channel>
 void copyLet(TableRow &row)
 {

@@ -9,7 +9,7 @@ constexpr Line lineInputs[] = {
     {1, "Line In 1",         0},
     {2, "Line In 2",         1},
 };
-constexpr Line microphones[] = { // other indices, the same record rows
+constexpr Line microphones[] = { // other indexes, the same record rows
     {3, "Microphone Extern", 0},
     {4, "Microphone Intern", 1},
 };

@@ -18,7 +18,7 @@
 namespace {
 constexpr char application[] = "agentx";
 constexpr oid unixDomain[] = {TRANSPORT_DOMAIN_LOCAL};
-constexpr oid ownDomain[] = {TRANSPORT_DOMAIN_LOCAL, 1}; // any that the library does not know
+constexpr oid ownDomain[] = {TRANSPORT_DOMAIN_LOCAL, 1}; // any domain unknown to the library
 bool attemptAllowed = true;
 std::string output; // what the master has not taken yet
 int outputSocket = -1;
@@ -73,8 +73,8 @@ int close(netsnmp_transport *transport)
     return socket < 0 ? -1 : ::close(socket);
 }
 
-/// A connection to the library's default socket. The library's own transport waits without limit for a place in the
-/// queue of a master that has stopped. Null on failure.
+/// A connection to the library's default socket. The library's transport would wait without limit for a place in the
+/// queue of a stopped master. Null on failure.
 netsnmp_transport *connectToMaster(netsnmp_tdomain_spec *)
 {
     if (!std::exchange(attemptAllowed, false))
@@ -136,7 +136,7 @@ void masterSessionOpened(netsnmp_transport *transport)
     const unsigned newest = snmp_alarm_register(1, SA_REPEAT, neverCalled, nullptr);
     for (; next <= newest; ++next) {
         const snmp_alarm *const alarm = sa_find_specific(next);
-        // The library repeats nothing else without an argument.
+        // No other repeated alarm of the library has no argument.
         if (alarm != nullptr && (alarm->flags & SA_REPEAT) != 0 && alarm->clientarg == nullptr)
             snmp_alarm_unregister(next);
     }

@@ -5,26 +5,25 @@
 
 #include <cstddef>
 
-/// Makes each attempt of the library at its default address end soon: a master whose queue of connections is full is
-/// refused instead of waited for, and one pass of the library makes one attempt at most. The library repeats an attempt
-/// every ping interval; one that lasts longer would be followed by the next without end. To be called between
-/// init_agent() and init_snmp().
+/// Limits the time of each attempt to connect to the default address: it fails if the master's connection queue is
+/// full, and the library makes at most one attempt in a pass. The library repeats attempts every ping interval, so
+/// longer ones would follow each other endlessly. Call between init_agent() and init_snmp().
 void boundAttempts();
 
-/// The session is open. Cancels every alarm of the library that would open one: one too many is left when the master
-/// hangs up during an attempt, and complains every ping interval from then on. From here sending does not wait for the
-/// master to read: what the connection does not take is queued, in order. snmpd does not read while it sends, so both
-/// sides would wait for each other for ever otherwise.
+/// The session is open: cancels all alarms of the library that would open one. If the master closes the connection
+/// during an attempt, one alarm too many remains, which would log an error every ping interval. From now on, sending
+/// queues whatever the connection does not accept, in order. snmpd does not read while it sends, so without a queue
+/// both sides could wait for each other forever.
 void masterSessionOpened(netsnmp_transport *transport);
 
-/// Discards the queue, and leaves the next attempt to another pass.
+/// Discards the queue; a later pass opens the next session.
 void masterSessionLost();
 
-/// A pass of the library begins: it may make its attempt.
+/// A pass of the library begins: it may make an attempt.
 void allowAttempt();
 
-/// What is queued for the master, in bytes.
+/// Size of the queue, in bytes.
 std::size_t queuedOutput();
 
-/// Sends what the connection takes now of what is queued. True when it took some.
+/// Sends as much of the queue as the connection accepts now. True if that was anything.
 bool flushOutput();

@@ -1,12 +1,12 @@
-// The MIB modules by name: what the start and the setters call, what tests call. The functions that the library calls
-// back are reached through the tables' records.
+// The MIB modules by name: the functions for the start, the setters and the tests. The library's callbacks are in the
+// tables' records.
 #pragma once
 
 #include "agent/tablecore.h"
 
 #include <cstdint>
 
-// The library's types, short, for the one-line functions of the modules.
+// Short names of the library's types, for the one-line functions of the modules.
 using Handler = netsnmp_mib_handler;
 using Registration = netsnmp_handler_registration;
 using Info = netsnmp_agent_request_info;

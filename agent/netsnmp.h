@@ -1,4 +1,4 @@
-// The agent library's headers, in the order in which they need each other. Included by sources of this folder only.
+// The agent library's headers, in the required order. Only sources of this folder include them.
 #pragma once
 
 #include <net-snmp/net-snmp-config.h>
@@ -13,9 +13,9 @@
 #include <net-snmp/library/snmp_service.h>
 
 extern "C" {
-/// snmpTrapOID.0, 11 sub-identifiers. Exported by the library, declared in none of its public headers.
+/// snmpTrapOID.0, 11 sub-identifiers. The library exports it but no public header declares it.
 extern const oid snmptrap_oid[];
 extern const std::size_t snmptrap_oid_len;
-/// Null when there is no alarm of that number. Declared nowhere either.
+/// Null when there is no alarm of that number. Not declared either.
 snmp_alarm *sa_find_specific(unsigned number);
 }

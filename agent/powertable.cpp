@@ -22,7 +22,7 @@ constexpr RowSet rowSets[] = {
 };
 constexpr Column columns[] = {
     {ASN_INTEGER,   cell<&TableRow::index>},
-    {ASN_INTEGER,   cell<&TableRow::index>}, // the kind of source: 1 AC, 2 DC, numbered as the rows are
+    {ASN_INTEGER,   cell<&TableRow::index>}, // the kind of source: 1 AC, 2 DC, the same as the row number
     {ASN_OCTET_STR, cell<&TableRow::description>},
     {ASN_INTEGER,   cell<&PowerRow::liveStatus>},
     {ASN_INTEGER,   cell<&PowerRow::monitored>},

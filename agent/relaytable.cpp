@@ -14,7 +14,7 @@ constexpr Line fourRelays[] = {
     { 3, "Extension Relay 1",  2},
     { 4, "Extension Relay 2",  3},
 };
-constexpr Line expanderLines[] = { // on stations with expanders, after the model's own
+constexpr Line expanderLines[] = { // on stations with expanders, after the model's rows
     { 5, "External Relay 1",   4},
     { 6, "External Relay 2",   5},
     { 7, "External Relay 3",   6},

@@ -1,10 +1,10 @@
-// What stands in front of the agent library's table helpers.
+// The request gate: a filter for the agent library's table helpers.
 #include "agent/requestgate.h"
 
 #include <utility>
 
 namespace {
-/// Not by the mode: the library begins a search whose start counts as a match with a pass of its own in mode GET.
+/// Not by the mode: the library starts a search that includes its start with a pass in mode GET.
 bool isSearch(const netsnmp_agent_request_info &info)
 {
     return info.asp->pdu->command != SNMP_MSG_GET;

@@ -1,4 +1,4 @@
-// What every scalar does alike.
+// The code common to all scalars.
 #include "agent/scalarcore.h"
 
 #include <string_view>

@@ -1,4 +1,4 @@
-// What every scalar does alike: registration, the answer to a GET, the refusal of anything else.
+// The code common to all scalars: registration, the answer to a GET, the refusal of other requests.
 #pragma once
 
 #include "agent/enterprise.h"
@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-/// A value as the library takes it: its bytes and their number.
+/// A value in the library's form: its bytes and their number.
 struct Cell {
     const void *data;
     std::size_t length;

@@ -1,4 +1,4 @@
-// The alternative, blocking way of serving the agent.
+// The alternative, blocking loop of the agent.
 #include "agent/selectcontrol.h"
 
 #include "agent/netsnmp.h"

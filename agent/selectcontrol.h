@@ -1,5 +1,5 @@
-// The alternative, blocking way of serving the agent. The program neither constructs nor starts it: the agent and the
-// table records belong to the main thread.
+// The alternative, blocking loop of the agent. The program neither constructs nor starts it: the agent and the table
+// records belong to the main thread.
 #pragma once
 
 #include <QThread>
@@ -10,10 +10,10 @@ class KvSnmpSelectControl : public QThread {
 public:
     explicit KvSnmpSelectControl(QObject *parent = nullptr);
 
-    /// Prints what one pass of the agent library returned; with errno when it failed.
+    /// Prints the result of one pass of the agent library, with errno if it failed.
     static void printResult(int result);
 
 protected:
-    /// Serves for ever.
+    /// Never returns.
     [[noreturn]] void run() override;
 };

@@ -1,4 +1,4 @@
-// The longest message that passes the connection to the master agent.
+// Limits the length of messages on the connection to the master agent.
 #include "agent/streamlimit.h"
 
 #include "agent/masterconnection.h"
@@ -15,7 +15,7 @@ namespace {
 // session, transaction, packet, and the length of the rest.
 constexpr std::size_t headerSize = 20;
 constexpr std::size_t lengthAt = 16;
-constexpr u_char firstRequest = 5; // Get, GetNext, GetBulk, TestSet: all that carry names and expect an answer
+constexpr u_char firstRequest = 5; // Get, GetNext, GetBulk, TestSet: all PDUs with names and an answer
 constexpr u_char lastRequest = 8;
 constexpr u_char notify = 12;
 constexpr u_char response = 18;
@@ -39,24 +39,24 @@ std::uint64_t messageSize(const u_char *header)
     return headerSize + std::uint64_t{length};
 }
 
-/// The one connection: the library's own functions, and how far the message has come that is arriving.
+/// The single connection: the library's functions, and the progress of the current incoming message.
 struct Connection {
     decltype(netsnmp_transport::f_recv) receive;
     decltype(netsnmp_transport::f_send) send;
     u_char header[headerSize];
-    std::size_t held;   // bytes of a header that is not complete: the library has not seen them
+    std::size_t held;   // bytes of an incomplete header, not yet passed to the library
     std::uint64_t left; // bytes still to come
-    bool refused;       // the library gets none of them
+    bool refused;       // do not pass them to the library
     int unanswered;     // questions in a row
     netsnmp_session *session;
 };
 Connection connection = {};
 
-/// The answer to the request that begins with this header, or in place of the answer that does.
+/// The answer to a request with this header, or the replacement of an answer with this header.
 void sendRefusal(netsnmp_transport *transport, const u_char *header)
 {
     const bool bigEndian = isBigEndian(header);
-    u_char refusal[headerSize + 8] = {}; // behind the header: the sender's uptime, the error, the number of a name
+    u_char refusal[headerSize + 8] = {}; // after the header: the sender's uptime, the error, the number of a name
     std::copy_n(header, lengthAt, refusal);
     refusal[1] = response;
     refusal[2] = bigEndian ? networkByteOrder : 0;
@@ -68,7 +68,7 @@ void sendRefusal(netsnmp_transport *transport, const u_char *header)
     connection.send(transport, refusal, sizeof(refusal), &opaque, &opaqueLength);
 }
 
-/// As the library does for each request that it sees: the master lives.
+/// As the library does for each request that it receives: it shows that the master is alive.
 void postponePing()
 {
     // The library keeps the number of the alarm in this field.
@@ -76,7 +76,7 @@ void postponePing()
         snmp_alarm_reset(static_cast<unsigned>(connection.session->securityModel));
 }
 
-/// Takes the refused messages out of the data and returns the size of the rest.
+/// Removes the refused messages from the data and returns the size of the rest.
 std::size_t withoutRefused(netsnmp_transport *transport, u_char *data, std::size_t size)
 {
     std::size_t kept = 0;
@@ -125,9 +125,9 @@ int receive(netsnmp_transport *transport, void *buffer, int size, void **opaque,
         return received;
     connection.held = 0;
     const std::size_t kept = withoutRefused(transport, data, held + static_cast<std::size_t>(received));
-    if (kept == 0) { // not the end of the stream
+    if (kept == 0) { // data was removed; not the end of the stream
         transport->flags |= NETSNMP_TRANSPORT_FLAG_EMPTY_PKT;
-        SNMP_FREE(*opaque); // the library frees it behind a message only
+        SNMP_FREE(*opaque); // the library frees it only after a message
         *opaqueLength = 0;
     }
     return static_cast<int>(kept);

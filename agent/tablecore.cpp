@@ -1,4 +1,4 @@
-// What every table does alike.
+// The code common to all tables.
 #include "agent/tablecore.h"
 
 #include "agent/requestgate.h"
@@ -8,7 +8,7 @@
 
 namespace {
 constexpr int cacheSeconds = 60;
-// What a handler returns when it gets no request information or no table information.
+// A handler's result without request information or table information.
 constexpr int missingInfo = SNMP_ERR_BADVALUE;
 static_assert(missingInfo == 3);
 
@@ -27,10 +27,10 @@ void registerTable(const TableModule &table)
     iteratorInfo->get_next_data_point = table.hooks.getNext;
     iteratorInfo->table_reginfo = tableInfo;
     iteratorInfo->flags |= NETSNMP_HANDLER_OWNS_IINFO; // both are freed with the registration
-    // Rows ascend (goodLines), so a GETNEXT may stop at the first one that fits: it looks at half of them on average.
+    // Rows ascend (goodLines), so a GETNEXT stops at the first match: it visits half of them on average.
     iteratorInfo->flags |= NETSNMP_ITERATOR_FLAG_SORTED;
     if (netsnmp_register_table_iterator(registration, iteratorInfo) != MIB_REGISTERED_OK)
-        return; // the library has logged it and has freed the registration
+        return; // the library has logged the error and freed the registration
 
     netsnmp_cache *cache = netsnmp_cache_create(cacheSeconds, table.hooks.load, table.hooks.free, table.object.arcs,
                                                 static_cast<int>(table.object.length));
@@ -38,7 +38,7 @@ void registerTable(const TableModule &table)
     netsnmp_inject_handler_before(registration, makeRequestGate(), TABLE_HANDLER_NAME);
 }
 
-/// The table's name as it stands inside other names: a capital letter and the rest.
+/// The table's name as a part of other names: with a capital first letter.
 struct InnerName {
     explicit InnerName(const TableModule &table) : capital(std::toupper(table.name[0])), rest(table.name + 1) {}
 
@@ -111,7 +111,7 @@ netsnmp_variable_list *firstRow(const TableModule &table, void **loop, void **da
 
 netsnmp_variable_list *nextRow(const TableModule &table, void **loop, void **data, netsnmp_variable_list *index)
 {
-    std::fputs(table.name, stdout); // once a row looked at: cheaper than a format
+    std::fputs(table.name, stdout); // for each row visited: cheaper than a format
     std::puts("_get_next_data_point()");
     auto *row = static_cast<TableRow *>(*loop);
     if (row == nullptr)
@@ -136,7 +136,7 @@ int serveTable(const char *name, std::span<const Column> columns, netsnmp_agent_
         const auto *row = static_cast<const TableRow *>(netsnmp_extract_iterator_context(request));
         const netsnmp_table_request_info *tableInfo = netsnmp_extract_table_info(request);
         if (tableInfo == nullptr) {
-            // The rest of the PDU goes unanswered, so it fails as a whole: intended.
+            // The rest of the PDU stays unanswered, so all of it fails: intended.
             std::printf("%s_handler() ERROR extracting table_info. table_info was NULL \n", name);
             netsnmp_set_request_error(info, request, SNMP_NOSUCHOBJECT);
             return missingInfo;

@@ -1,4 +1,4 @@
-// What every table does alike: its rows and their chain, the walk along it, the answers, registration, load and refill.
+// The code common to all tables: rows and their chain, iteration, answers, registration, load and refill.
 #pragma once
 
 #include "agent/enterprise.h"
@@ -15,7 +15,7 @@
 #include <string_view>
 #include <type_traits>
 
-/// A text of a row, served with its stored length and never padded.
+/// A text of a row, served with its stored length, without padding.
 template <std::size_t size>
 struct RowText {
     char text[size];
@@ -36,13 +36,13 @@ constexpr RowText<size> rowText(std::string_view text)
     return field;
 }
 
-/// What a row of any table begins with. Rows are static; the ones in use are chained once, at start.
+/// The common head of every table's rows. Rows are static; those in use are chained once, at start.
 struct TableRow {
     std::uint32_t index; ///< from 1, also the row's place among the table's static rows
     RowText<128> description;
     std::uint32_t status; ///< 1: in use; not served
-    std::size_t source;   ///< element of the data-service record that the row takes its values from
-    TableRow *next;       ///< next row in use, indices ascending; null at the end
+    std::size_t source;   ///< element of the data-service record with the row's values
+    TableRow *next;       ///< next row in use, by ascending index; null at the end
 };
 
 constexpr Cell cellOf(const std::uint32_t &number)
@@ -56,13 +56,13 @@ constexpr Cell cellOf(const RowText<size> &field)
     return {field.text, field.length};
 }
 
-/// A row with its values: mostly the element of the data-service record, as it was at the last copy.
+/// A row with its values: usually a copy of the element of the data-service record.
 template <class Values>
 struct ValueRow : TableRow {
     Values values;
 };
 
-/// One column: its syntax and where its value stands in a row.
+/// One column: its syntax and the place of its value in a row.
 struct Column {
     u_char type;
     Cell (*cell)(const TableRow &row);
@@ -102,8 +102,8 @@ struct Line {
     std::size_t source;
 };
 
-/// The rows of a table on some models (noModelTest: on all), the further ones of stations with expanders, and the label
-/// that the start prints for them (null: nothing).
+/// The rows of a table on some models (noModelTest: on all), the additional rows of stations with expanders, and the
+/// label that the start prints for them (null: nothing).
 struct RowSet {
     ModelSet models;
     std::span<const Line> lines;
@@ -111,7 +111,7 @@ struct RowSet {
     std::span<const Line> expanderLines = {};
 };
 
-/// True when the indices ascend from above `last` and every source is one of the `slots` elements of its record.
+/// True when the indexes are above `last` and ascend, and every source is below `slots`, the size of its record.
 constexpr bool goodLines(std::span<const Line> lines, std::size_t slots, std::uint32_t last = 0)
 {
     for (const Line &line : lines) {
@@ -129,7 +129,7 @@ constexpr bool goodLines(std::span<const RowSet> rowSets, std::size_t slots)
     });
 }
 
-/// The highest index, that is how many static rows a table needs.
+/// The highest index, which is the number of static rows of a table.
 constexpr std::uint32_t highestIndex(std::span<const RowSet> rowSets)
 {
     std::uint32_t highest = 0;
@@ -147,7 +147,7 @@ public:
     std::uint32_t count() const { return m_count; }
     TableRow *first() const { return m_first; }
 
-    /// Puts more rows to use. To be called with ascending indices, at start only.
+    /// Takes more rows into use. Call with ascending indexes, only at start.
     void use(std::span<const Line> lines);
 
 protected:
@@ -161,8 +161,8 @@ private:
     std::uint32_t m_count = 0;
 };
 
-/// The static rows of one table, with the values that they serve until the first copy. `slots`: the elements of the
-/// table's record.
+/// The static rows of one table, with their values until the first copy. `slots`: the number of elements of the table's
+/// record.
 template <class Values, const auto &rowSets, std::size_t slots>
 class Rows : public RowChain {
     static_assert(goodLines(rowSets, slots));
@@ -180,14 +180,14 @@ private:
     ValueRow<Values> m_rows[highestIndex(rowSets)] = {};
 };
 
-/// The data-service record behind a table: mostly made by recordSource().
+/// The data-service record of a table, usually from recordSource().
 struct RecordSource {
     const char *pointer; ///< the name of its pointer in the agent record
-    bool (*present)();   ///< the agent has it; asked only while there is an agent
+    bool (*present)();   ///< the agent has the record; call only while there is an agent
     void (*copyRow)(TableRow &row);
 };
 
-/// The record that `pointer`, called `name`, points at; a row's values are an element of its array `elements`.
+/// The record at `pointer`, whose name is `name`; a row's values are an element of its array `elements`.
 template <auto pointer, auto elements>
 constexpr RecordSource recordSource(const char *name)
 {
@@ -198,7 +198,7 @@ constexpr RecordSource recordSource(const char *name)
             }};
 }
 
-/// A table's functions: those that the library calls, and two that only print, because rows are made at start only.
+/// A table's functions: the library's callbacks, and two that only print, because rows are only created at start.
 struct TableHooks {
     Netsnmp_Node_Handler *handler;
     Netsnmp_First_Data_Point *getFirst;
@@ -209,9 +209,9 @@ struct TableHooks {
     void (*removeEntry)();
 };
 
-/// One table: read-only, with one INTEGER index. Everything that the core needs to serve it.
+/// One table, read-only, with one INTEGER index: all that the core needs to serve it.
 struct TableModule {
-    const char *name; ///< "fanTable"; also begins what the table's functions print
+    const char *name; ///< "fanTable"; also starts the output of the table's functions
     Oid object;
     std::span<const Column> columns; ///< column n is columns[n - 1]
     std::span<const RowSet> rowSets;
@@ -222,19 +222,18 @@ struct TableModule {
     TableHooks hooks;
 };
 
-/// Registers the table and puts the model's rows to use. The iterator stands in front of the handler, in front of the
-/// iterator a cache, so that a request first loads when 60 s have passed since the last load, and the request gate
-/// before all.
+/// Registers the table and takes the model's rows into use. A request passes the request gate, the cache (which loads
+/// when the last load is 60 s old), the iterator and the handler, in this order.
 void initializeTable(const TableModule &table);
 
-// What a table's functions do. Each prints its name, which begins with the table's.
+// The implementations of a table's functions. Each prints its name, which starts with the table's.
 netsnmp_variable_list *firstRow(const TableModule &table, void **loop, void **data, netsnmp_variable_list *index);
 netsnmp_variable_list *nextRow(const TableModule &table, void **loop, void **data, netsnmp_variable_list *index);
 int loadTable(const TableModule &table);
 void freeTable(const TableModule &table);
 void refillTable(const TableModule &table);
 
-/// Answers the requests of one call from the rows that the iterator found. `name` begins the error messages.
+/// Answers the requests of one call from the rows that the iterator found. `name` starts the error messages.
 int serveTable(const char *name, std::span<const Column> columns, netsnmp_agent_request_info *info,
                netsnmp_request_info *requests);
 int serveCount(const TableModule &table, const netsnmp_agent_request_info *info, netsnmp_request_info *requests);

@@ -23,7 +23,7 @@ constexpr Line lines6420[] = {
     {4, "Temperature Sensor: AC Power",     5},
     {5, "Temperature Sensor: DC Power",     6},
 };
-constexpr Line lines6425[] = { // gaps on purpose: one index means one sensor on every amplifier
+constexpr Line lines6425[] = { // gaps are intended: one index means one sensor on every amplifier
     {1, "Temperature Sensor: Channel 1",    0},
     {2, "Temperature Sensor: Channel 2",    1},
     {3, "Temperature Sensor: Main Board",   2},

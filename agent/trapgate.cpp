@@ -1,4 +1,4 @@
-// The gate on the way to the master agent: its states, and the events that change them.
+// The gate for traps to the master agent: its states, and the events that change them.
 #include "agent/trapgate.h"
 
 #include <utility>
@@ -14,8 +14,8 @@ constexpr bool isLost(State state)
     return state != State::Open && !isBusy(state);
 }
 
-/// What the connection allows: MasterGone, MasterSlow or Open. Writing to a slow master would block us, and the master
-/// too as soon as its answers, which only a pass reads, have filled the other direction.
+/// The state of the connection: MasterGone, MasterSlow or Open. Writing to a slow master would block us, and also the
+/// master once its answers, which only a pass reads, fill the other direction.
 State lookAt(int socket)
 {
     pollfd connection = {socket, POLLOUT, 0};

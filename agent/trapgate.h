@@ -1,4 +1,4 @@
-// The gate on the way to the master agent: whether a trap may be handed to the library now, and when again.
+// The gate for traps to the master agent: whether the library may receive a trap now, and if not, when.
 #pragma once
 
 #include <cstddef>
@@ -6,35 +6,35 @@
 #include <functional>
 #include <utility>
 
-/// Most notifications handed to the library between two of its passes. Some 800 in one go fill the socket to the
-/// master in both directions and block it and us for ever.
+/// Most notifications for the library between two of its passes. About 800 at once fill the socket to the master in
+/// both directions and block the master and us forever.
 inline constexpr std::size_t trapsPerPass = 200;
 
 class TrapGate {
 public:
     enum class State {
-        NoSession,    ///< none is open: a trap would be dropped
-        MasterEnding, ///< the master was ordered to end: it discards what it has not read
-        MasterGone,   ///< the master has hung up; the library closes the session in its next pass
-        MasterSlow,   ///< the master has not read most of what it was sent; looked at again after each pass
-        PassFull,     ///< `trapsPerPass` are handed over; opens after the pass
+        NoSession,    ///< no session is open: a trap would be dropped
+        MasterEnding, ///< the master was ordered to end: it discards unread traps
+        MasterGone,   ///< the master has closed the connection; the library closes the session in its next pass
+        MasterSlow,   ///< the master has not yet read most of the data; checked again after each pass
+        PassFull,     ///< `trapsPerPass` are sent; opens after the pass
         Open,
     };
 
-    /// Also finds out whether the master has hung up. Any other state but Open lasts until an event below ends it, so
-    /// whoever was refused can ask why.
+    /// Also detects a connection closed by the master. Every other state except Open lasts until an event below ends
+    /// it, so a refused caller can ask for the reason.
     State state();
-    /// How often the way to the master was lost: whenever the state became one of the first three.
+    /// Number of losses of the master: changes of the state to one of the first three.
     std::uint64_t losses();
-    /// Lets one trap through and counts it, or refuses it.
+    /// Admits and counts one trap, or refuses it.
     bool admit();
-    /// Called whenever the gate opens, possibly from inside the library: send nothing from there.
+    /// Called when the gate opens, possibly from inside the library: do not send from there.
     void setOpened(std::function<void()> opened) { m_opened = std::move(opened); }
 
-    // What happens to the way.
-    void openSession(int socket); ///< -1: a socket that is not known, and not looked at
+    // Events of the connection.
+    void openSession(int socket); ///< -1: an unknown socket, which is not checked
     void closeSession();
-    void setMasterEnding(bool ending); ///< holds every session, a new one too, until `false`
+    void setMasterEnding(bool ending); ///< holds every session, even a new one, until `false`
     void endPass();                    ///< a pass of the library is over
 
 private:
@@ -50,11 +50,11 @@ private:
     std::function<void()> m_opened;
 };
 
-/// The sender only takes a moment: a trap that is refused now goes out soon, on the same way.
+/// The sender is only busy: a trap refused now is sent soon, over the same connection.
 constexpr bool isBusy(TrapGate::State state)
 {
     return state == TrapGate::State::MasterSlow || state == TrapGate::State::PassFull;
 }
 
-/// The agent's one gate.
+/// The agent's only gate.
 TrapGate &trapGate();

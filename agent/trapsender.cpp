@@ -24,8 +24,8 @@ constexpr Oid descriptionOid = enterpriseOid(2, 4, 5, 0);
 constexpr std::string_view productText = "Orvane IPKiosk";
 constexpr std::string_view unknownHost = "not configured";
 
-/// The longest description in bytes. snmpd refuses an AgentX message of more than 65,536 bytes, and cannot send more
-/// than 65,487 by UDP over IPv6. With the longest names all else takes less than 1,000 of either, SNMPv3 included.
+/// The longest description in bytes. snmpd refuses an AgentX message above 65,536 bytes and cannot send more than
+/// 65,487 over UDP on IPv6. Everything else takes less than 1,000 bytes of either, with the longest names and SNMPv3.
 constexpr std::size_t maxDescription = 64000;
 
 /// The variables of one notification.
@@ -55,7 +55,7 @@ const char *formatted(std::time_t stamp)
     return local != nullptr ? std::asctime(local) : nullptr;
 }
 
-/// "Sat Jun  1 10.02.03 2024" and a line feed, which is kept. A time that no calendar can express becomes the epoch.
+/// "Sat Jun  1 10.02.03 2024" and a line feed, which is kept. A time outside the calendar becomes the epoch.
 void writeTimeText(char (&text)[128], const char *time)
 {
     const std::time_t stamp =

@@ -33,7 +33,7 @@ constexpr Line lines6420[] = {
     {12, "Amplifier Supply 15.0V",    15},
     {13, "Phantom Microphone 12.0V",  16},
 };
-constexpr Line lines6720[] = { // gaps on purpose: one index means one voltage line on every amplifier
+constexpr Line lines6720[] = { // gaps are intended: one index means one voltage line on every amplifier
     { 1, "Network Switch 1.8V",        0},
     { 3, "Internal voltage 3.3V",      3},
     { 4, "Internal voltage 5.0V",      4},

@@ -25,7 +25,7 @@ void DescriptorWatch::watch(std::span<const int> descriptors)
             notifier = new QSocketNotifier(descriptor, QSocketNotifier::Read, this);
             connect(notifier, SIGNAL(activated(int)), this, SIGNAL(readable()));
         }
-        // Qt switches a notifier off whose descriptor it found closed; the number may be in use again by now.
+        // Qt disables a notifier whose descriptor is closed; the number may be in use again.
         notifier->setEnabled(true);
     }
 }

@@ -8,7 +8,7 @@
 
 class QSocketNotifier;
 
-/// The descriptors belong to somebody else, who opens and closes them as he likes between two calls of watch().
+/// The descriptors are not owned; the owner may open or close any of them between calls of watch().
 class DescriptorWatch : public QObject {
     Q_OBJECT
 
@@ -16,7 +16,7 @@ public:
     explicit DescriptorWatch(QObject *parent = nullptr);
     ~DescriptorWatch() override;
 
-    /// Watches exactly these from now on. To be called again before the event loop waits, once they may have changed.
+    /// Watches exactly these from now on. If they may have changed, call it again before the event loop waits.
     void watch(std::span<const int> descriptors);
 
 Q_SIGNALS:

@@ -14,8 +14,7 @@
 
 namespace {
 
-/// What is read of a first line; a file without a line end may be of any size. No field takes more than 127 characters
-/// of it.
+/// Limit for a first line; a file without a line end may have any size. Fields keep at most 127 characters.
 constexpr qint64 maxLine = 4096;
 
 /// One text of a type file with its code, shared with the agent, and the label that is served.
@@ -25,14 +24,14 @@ struct AmpType {
     std::string_view label;
 };
 
-/// The texts that a type file may hold, and what stands for every other one.
+/// The texts that a type file may hold, and the default for every other text.
 struct AmpTypeFile {
     const char *path;
     std::span<const AmpType> types;
     AmpType otherwise;
 };
 
-/// A file whose first line is served as it is, with the words of its log lines.
+/// A file whose first line is served unchanged, with the texts of its log lines.
 struct VersionFile {
     const char *function;
     const char *path;
@@ -67,7 +66,7 @@ constexpr const VersionFile &modelTypeFile = versionFiles[1];
 constexpr const VersionFile &kernelVersionFile = versionFiles[2];
 constexpr const VersionFile &deviceTreeVersionFile = versionFiles[3];
 
-/// Amplifiers of this type are sold under one name, whatever the model file says.
+/// Amplifiers of this type are sold under one name, regardless of the model file.
 constexpr std::string_view renamedAmpType = "VQ9B";
 constexpr std::string_view renamedModelType = "Orvane Mervio Amplifier VQ9";
 
@@ -83,11 +82,11 @@ std::string_view viewOf(const InfoText &field)
 
 void store(InfoText &field, std::string_view text)
 {
-    // A field is a C string: its length is told without what would follow a NUL.
+    // A field is a C string: its length ends at a NUL.
     field.length = copyBounded(field.text, text.substr(0, text.find('\0')));
 }
 
-/// A sign in front of the digits, and white space around both, the line end included, are allowed; nothing else is.
+/// Allows only a sign before the digits, and white space around both, including the line end.
 std::optional<int> decimalNumber(const QByteArray &line)
 {
     bool isNumber = false;
@@ -105,8 +104,8 @@ const AmpType &typeOf(const AmpTypeFile &file, std::string_view text)
     return file.otherwise;
 }
 
-/// The first line without its line end. The stream takes the file for text in the locale's codec, or in the one that a
-/// byte order mark names; the mark is not part of the line. A character outside Latin-1 becomes "?".
+/// The first line without its line end. The stream decodes the file with the locale's codec, or with that of a byte
+/// order mark, which is not part of the line. A character outside Latin-1 becomes "?".
 QByteArray firstLine(QFile &file)
 {
     QTextStream stream(&file);

@@ -1,4 +1,4 @@
-// What the device is: readers of the small text files that the firmware places under /etc.
+// The device's identity: readers of the small text files that the firmware stores in /etc.
 #pragma once
 
 #include "device/infodata.h"
@@ -20,15 +20,15 @@ inline constexpr char deviceTreeVersion[] = "/etc/xr-oftreever";
 /// every other file falls back to "Unknown".
 class Identity {
 public:
-    /// `root` goes before every path; the device's own files have none.
+    /// `root` is a prefix of every path; empty on a device.
     explicit Identity(QString root = QString());
 
     /// True when the file holds an accepted model number.
     bool readModelNumber();
-    /// For models whose amplifier or power type is told by a file.
+    /// For models that have a file with their amplifier or power type.
     void readAmpType(quint16 modelNumber);
     void readPackageVersion();
-    /// To be called after readAmpType(): one amplifier type replaces the text.
+    /// Call after readAmpType(): one amplifier type replaces the text.
     void readModelType();
     void readKernelVersion();
     void readDeviceTreeVersion();

@@ -29,7 +29,7 @@ constexpr int watchdogIntervalMs = 5000;
 constexpr int idlePollMs = 100;
 constexpr int busyPollMs = 5;
 constexpr int idlePassesUntilSlow = 21;
-constexpr int passesAtOnce = 16; // for traffic, before everything else has its turn again
+constexpr int passesAtOnce = 16; // for traffic, before other work gets a turn
 
 enum SignalSocket { writtenByHandler, readByNotifier };
 int signalSockets[2] = {-1, -1};
@@ -45,7 +45,7 @@ KvSnmp::KvSnmp(QCoreApplication *app, const Surroundings &surroundings)
                        << "Creating Object";
     createSignalSockets();
     connect(&m_processTimer, SIGNAL(timeout()), this, SLOT(processSnmpTimeout()));
-    // Not a slot: traffic is served by processSnmpTimeout() alone, this only calls it again.
+    // Not a slot: only processSnmpTimeout() serves traffic, this calls it again.
     connect(&m_agentWatch, &DescriptorWatch::readable, this, &KvSnmp::serveReadable);
     readIdentity();
     createSubsystems(surroundings);
@@ -89,7 +89,7 @@ void KvSnmp::handOverSignal(int)
 {
     const int savedErrno = errno;
     const char byte = 1;
-    // Never waits: one byte that was not taken yet ends the event loop as well as a second one.
+    // Never waits: one unread byte is enough to end the event loop.
     send(signalSockets[writtenByHandler], &byte, sizeof byte, MSG_DONTWAIT | MSG_NOSIGNAL);
     errno = savedErrno;
 }
@@ -101,7 +101,7 @@ void KvSnmp::installSignalHandlers()
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;
     for (const int signalNumber : {SIGINT, SIGTERM, SIGHUP}) {
-        // A failure, which is -1, is passed over on purpose.
+        // A failure, -1, is ignored: intended.
         if (sigaction(signalNumber, &action, nullptr) > 0)
             std::perror("kvsnmp: Error setting up Linux Signal handlers.\n");
     }
@@ -228,7 +228,7 @@ void KvSnmp::handRecordsToAgent()
 
 void KvSnmp::handSystemNameToAgent() const
 {
-    // With a file made by hand the name in it is not known here.
+    // The name in a custom file is unknown here.
     const QByteArray name =
         m_snmpdConfHandler->useCustomConfigFile() ? QByteArray() : m_snmpdConfHandler->sysName().toLatin1();
     setSystemName({name.constData(), static_cast<std::size_t>(name.size())});
@@ -250,7 +250,7 @@ void KvSnmp::processSnmpTimeout()
 
 void KvSnmp::serveReadable()
 {
-    // One request takes the library several passes: what it reads it hands to itself through pipes, and so the answer.
+    // The library passes requests and answers to itself through pipes, so one request takes several passes.
     for (int pass = 0; pass < passesAtOnce; ++pass) {
         processSnmpTimeout();
         if (idlePasses > 0)
@@ -260,7 +260,7 @@ void KvSnmp::serveReadable()
 
 void KvSnmp::watchAgent()
 {
-    // Connections to the master come and go inside a pass.
+    // Connections to the master open and close inside a pass.
     kaDescriptors(m_agentDescriptors);
     m_agentWatch.watch(m_agentDescriptors);
 }

@@ -1,4 +1,4 @@
-// The application object: creates every part of the daemon, connects them and takes them through start-up.
+// The application object: creates and connects all parts of the daemon and runs their start-up.
 #pragma once
 
 #include "app/descriptorwatch.h"
@@ -20,9 +20,9 @@ class SnmpdConfHandler;
 class TalHandler;
 class TalInterface;
 
-/// What lies outside the program. The defaults are the device's own; only tests put others in their place.
+/// Everything outside the program. The defaults are those of a device; only tests replace them.
 struct Surroundings {
-    QString identityRoot = QString(); ///< goes before the paths of the identity files
+    QString identityRoot = QString(); ///< prefix of the paths of the identity files
     SnmpdHost snmpd = deviceHost();
     const char *watchdogFile = watchdogFilePath;
 };
@@ -32,14 +32,14 @@ class KvSnmp : public QObject {
     Q_OBJECT
 
 public:
-    /// Ends the process when the device does not tell what model it is.
+    /// Ends the process if the device's model number is missing or unknown.
     explicit KvSnmp(QCoreApplication *app, const Surroundings &surroundings = {});
     ~KvSnmp() override;
 
-    /// Names the program and its maker, before the object is created.
+    /// Sets the names of the program and its maker. Call before the object is created.
     static void nameApplication();
 
-    /// Hands a Unix signal to the event loop, which then ends. To be installed as signal handler while a KvSnmp exists.
+    /// Passes a Unix signal to the event loop, which then ends. Install as signal handler only while a KvSnmp exists.
     static void handOverSignal(int signalNumber);
     /// Installs it for the signals that end the daemon.
     static void installSignalHandlers();
@@ -54,12 +54,12 @@ public Q_SLOTS:
     void handleSigTerm();
     /// Starts the agent, once.
     void slotSnmpdConfFinish();
-    /// The connection to the data service is up, for the first time or again.
+    /// The data service is connected, for the first time or again.
     void kvSnmpSetTalReady();
     void watchdogTimerSlot();
-    /// Asks for the data, some seconds after the connection came up.
+    /// Subscribes to the data, a few seconds after the connection.
     void dbgTimeout();
-    /// Serves what has arrived for the agent: the only place that does.
+    /// Serves the agent's incoming traffic; the only function that does.
     void processSnmpTimeout();
 
 private:
@@ -82,7 +82,7 @@ private:
     std::unique_ptr<QTimer> m_watchdogTimer;
     QTimer *m_subscribeTimer = nullptr;
     QTimer m_processTimer{this};
-    DescriptorWatch m_agentWatch{this}; ///< what the agent library waits for
+    DescriptorWatch m_agentWatch{this}; ///< the descriptors of the agent library
     std::vector<int> m_agentDescriptors;
     bool m_talReady = false;
     bool m_agentStarted = false;

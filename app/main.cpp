@@ -17,7 +17,7 @@
 
 namespace {
 
-/// Goes into the background and writes the pid file there; ends the process when another instance runs.
+/// Goes into the background and writes the pid file there. Ends the process if another instance runs.
 void becomeDaemon(const PidFileHandler &pidFile)
 {
     if (pidFile.checkPid() != 0) {
@@ -52,7 +52,7 @@ int main(int argc, char *argv[])
     KvSnmp::installSignalHandlers();
     if (options.talDebug)
         TalInterface::debugPrintEnable();
-    QTimer::singleShot(0, [] { notifyService("READY=1"); }); // once the event loop turns
+    QTimer::singleShot(0, [] { notifyService("READY=1"); }); // once the event loop runs
     const int status = QCoreApplication::exec();
     notifyService("STOPPING=1");
 

@@ -14,7 +14,7 @@ constexpr option longOptions[] = {
     {"testmode", no_argument, nullptr, 't'},
     {"daemon",   no_argument, nullptr, 'd'},
     {"taldebug", no_argument, nullptr, 'z'},
-    {"NULL",     no_argument, nullptr, 0},  // an option of that name, not the end of the table
+    {"NULL",     no_argument, nullptr, 0},  // an option with this name, not the end of the table
     {nullptr,    0,           nullptr, 0},
 };
 // clang-format on
@@ -39,7 +39,7 @@ Options parseOptions(int argc, char *argv[])
         case '?':
             printUsage(stderr, EXIT_FAILURE);
         default:
-            std::abort(); // intended, on the advertised test mode too
+            std::abort(); // intended, even for the advertised test mode
         }
     }
 }

@@ -8,8 +8,8 @@ struct Options {
     bool talDebug = false; ///< the data-service library prints its messages
 };
 
-/// Reads the command line. Ends the process after -h (0) and on an unknown option (1), and aborts on every option that
-/// is accepted but not implemented.
+/// Reads the command line. Ends the process after -h (0) and on an unknown option (1); aborts on an option that is
+/// accepted but not implemented.
 Options parseOptions(int argc, char *argv[]);
 
 /// Writes the usage text and exits with `status`.

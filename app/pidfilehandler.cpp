@@ -14,7 +14,7 @@
 
 namespace {
 
-// Callers report errno: each rollback below keeps a message, or the closing of the file, from changing it.
+// Callers report errno; each rollback below preserves it from a message or from closing the file.
 
 struct StreamCloser {
     void operator()(std::FILE *stream) const
@@ -25,7 +25,7 @@ struct StreamCloser {
 };
 using Stream = std::unique_ptr<std::FILE, StreamCloser>;
 
-/// The first decimal integer of the stream; 0 when it does not begin with one.
+/// The decimal integer at the start of the stream; 0 without one.
 int firstNumber(std::FILE *stream)
 {
     int number = 0;
@@ -70,7 +70,7 @@ pid_t PidFileHandler::checkPid() const
     errno = 0;
     if (kill(pid, 0) != 0 && errno == ESRCH)
         return 0;
-    return pid; // it runs, or it is another user's and runs
+    return pid; // it runs, possibly as another user
 }
 
 pid_t PidFileHandler::writePid() const
@@ -86,7 +86,7 @@ pid_t PidFileHandler::writePid() const
         std::printf("Can't lock, lock is held by pid %d.\n", firstNumber(stream.get()));
         return 0;
     }
-    // Not truncated: what a longer number leaves behind stands after the line end, where no reader looks.
+    // Not truncated: readers stop at the newline, so the rest of a longer number does no harm.
     const pid_t pid = getpid();
     if (std::fprintf(stream.get(), "%d\n", pid) <= 0 || std::fflush(stream.get()) != 0) {
         const QScopedValueRollback<int> cause(errno);

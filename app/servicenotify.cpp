@@ -1,4 +1,4 @@
-// The service manager's socket, through libsystemd where the build has it.
+// Reports to the service manager's socket, in builds with libsystemd.
 #include "app/servicenotify.h"
 
 #ifdef KVSNMP_WITH_SYSTEMD
@@ -8,6 +8,6 @@
 void notifyService([[maybe_unused]] const char *state)
 {
 #ifdef KVSNMP_WITH_SYSTEMD
-    sd_notify(0, state); // a manager that cannot be reached notices by itself that nothing arrives
+    sd_notify(0, state); // errors are ignored: the manager notices missing reports
 #endif
 }

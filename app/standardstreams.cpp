@@ -13,12 +13,12 @@
 
 namespace {
 
-/// Started with a closed stream, the next socket would take its number and be printed into.
+/// Opens closed streams: otherwise the next socket would reuse the closed number and receive our output.
 void fillMissingStreams()
 {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
         if (fcntl(descriptor, F_GETFD) < 0)
-            open("/dev/null", O_RDWR); // takes the lowest free number, which is this one
+            open("/dev/null", O_RDWR); // gets the lowest free number, which is this one
 }
 
 bool canBlock(int descriptor)
@@ -33,8 +33,8 @@ void makeNonBlocking(int descriptor)
 {
     if (!canBlock(descriptor))
         return;
-    // The open file is shared with whoever gave it to us, and its flags with it: a pipe or a terminal is opened anew,
-    // so that only we, and the commands that we run, write without waiting. A socket cannot be opened again.
+    // The open file and its flags are shared with our parent. A pipe or a terminal is therefore reopened, so that only
+    // we and our commands write without waiting. A socket cannot be reopened.
     const std::string self = "/proc/self/fd/" + std::to_string(descriptor);
     const int own = open(self.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (own >= 0) {

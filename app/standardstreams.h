@@ -1,6 +1,6 @@
-// Standard output and standard error of the daemon: written at once, and never a reason to stop or to end.
+// Standard output and standard error of the daemon: written at once, without blocking or ending it.
 #pragma once
 
-/// Makes standard output line-buffered, ignores SIGPIPE, and keeps a reader that does not read from blocking the
-/// process: a line that finds no room is dropped. To be called before anything is printed. Leaves errno as it was.
+/// Makes standard output line-buffered, ignores SIGPIPE, and drops a line for which there is no room, so that a stalled
+/// reader does not block the process. Call before anything is printed. Preserves errno.
 void prepareStandardStreams();

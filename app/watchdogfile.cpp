@@ -1,4 +1,4 @@
-// The watchdog file: ours is written again, anything else at its path gives way to a new one.
+// The watchdog file: rewrites our file, replaces anything else at its path by a new one.
 #include "app/watchdogfile.h"
 
 #include <cstdio>
@@ -11,17 +11,17 @@
 
 namespace {
 
-/// A file of another user may be open in a program of theirs; a second link is the name of some other file.
+/// Another user's file may be open in their program; a second link is the name of another file.
 bool isOurs(const struct stat &info)
 {
     return S_ISREG(info.st_mode) && info.st_nlink == 1 && info.st_uid == geteuid();
 }
 
-/// -1 when something else, or nothing, is there.
+/// -1 if something else, or nothing, is there.
 int openOurs(const char *path)
 {
     struct stat info {};
-    // Looked at before it is opened: to open a device or a pipe can have effects.
+    // Checked before it is opened: opening a device or a pipe can have side effects.
     if (lstat(path, &info) != 0 || !isOurs(info))
         return -1;
     const int descriptor = open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
@@ -39,8 +39,8 @@ void writeLine(int descriptor)
     [[maybe_unused]] const ssize_t written = write(descriptor, line.data(), line.size());
 }
 
-/// Made under a name that nobody can foresee, and moved into its place: between an unlink() and an open() somebody
-/// could put the next thing there, again and again.
+/// Created with an unpredictable name and renamed: between an unlink() and an open() another user could repeatedly put
+/// something else there.
 bool replace(const char *path)
 {
     std::string made = std::string(path) + ".XXXXXX";

@@ -1,8 +1,8 @@
-// The file by which a supervisor sees that the event loop turns.
+// The file that shows a supervisor that the event loop runs.
 #pragma once
 
 inline constexpr char watchdogFilePath[] = "/tmp/kvsnmp.watchdogtest";
 
-/// Rewrites the file with its one line. Its folder is open to all, so only a regular file of this process's user, with
-/// one name, is written; anything else there but a folder is replaced by a new file. False when that fails.
+/// Rewrites the file with its one line. Its folder is writable for all, so it writes only a regular file with one name
+/// of this process's user; it replaces anything else except a folder by a new file. False on failure.
 bool updateWatchdogFile(const char *path);

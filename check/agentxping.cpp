@@ -1,4 +1,4 @@
-// Asks whether a master agent serves its AgentX socket, without becoming a sub-agent.
+// Checks whether a master agent serves its AgentX socket, without becoming a sub-agent.
 #include "check/agentxping.h"
 
 #include "check/localexchange.h"
@@ -8,7 +8,7 @@
 namespace {
 
 // The header of RFC 2741: version, type, flags, reserved, then session, transaction, packet and payload length. A ping
-// for a session that was never opened: the master answers that it is not open, and keeps nothing of it.
+// for a session that was never opened: the master answers that it is not open, and stores nothing.
 constexpr char ping[] = "\x01\x0d\x10\x00" // version 1, Ping-PDU, network byte order
                         "\x00\x00\x00\x00"
                         "\x00\x00\x00\x00"
@@ -31,7 +31,7 @@ AgentxAnswer pingAgentx(const QByteArray &socketPath, int timeoutMs)
 
 int agentxConnections(const QByteArray &unixSockets, const QByteArray &socketPath)
 {
-    // Num RefCount Protocol Flags Type St Inode Path; the master's ends carry its path, and state 03 is connected.
+    // Num RefCount Protocol Flags Type St Inode Path; the master's ends have its path; state 03 is connected.
     constexpr int stateField = 5;
     constexpr int pathField = 7;
     int count = 0;

@@ -1,4 +1,4 @@
-// What a manager sees: snmpd, the sub-agent behind it, and a value.
+// The manager's view: snmpd, the sub-agent, and a value.
 #include "check/agentxping.h"
 #include "check/checks.h"
 #include "check/subject.h"
@@ -16,7 +16,7 @@ namespace {
 const SnmpName upTimeName = {1, 3, 6, 1, 2, 1, 1, 3, 0};
 const SnmpName modelNumberName = {1, 3, 6, 1, 4, 1, 52717, 3, 1, 3, 0};
 const SnmpName enterprise = {1, 3, 6, 1, 4, 1, 52717};
-const SnmpName moduleNames = {1, 3, 6, 1, 4, 1, 8072, 1, 2, 1, 1, 4}; // snmpd's list of what is registered with it
+const SnmpName moduleNames = {1, 3, 6, 1, 4, 1, 8072, 1, 2, 1, 1, 4}; // snmpd's list of its registrations
 constexpr std::uint32_t registrationLengths[] = {10, 11};             // of the objects under the enterprise
 constexpr int maxRegistrations = 200;
 
@@ -25,7 +25,7 @@ bool startsWith(const SnmpName &name, const SnmpName &start)
     return name.size() >= start.size() && std::equal(start.begin(), start.end(), name.begin());
 }
 
-/// Loopback first: it is always there.
+/// Loopback first: it always exists.
 QList<QHostAddress> ownAddresses()
 {
     QList<QHostAddress> addresses = {QHostAddress(QHostAddress::LocalHost), QHostAddress(QHostAddress::LocalHostIPv6)};
@@ -46,14 +46,14 @@ bool listensAt(const ListenAddress &place, const QHostAddress &address)
            (place.host == "localhost" && address.isLoopback());
 }
 
-/// How this device can ask itself: from an address that the file gives access, at a place where snmpd listens. A
-/// datagram to an own address comes from that address.
+/// A way to query this device from itself: from an address with access in the file, at an address where snmpd listens.
+/// A datagram to a local address also comes from it.
 std::optional<SnmpTarget> ownTarget(const SnmpdConf &conf, int timeoutMs)
 {
     const std::vector<AccessRule> rules = conf.accessRules();
     const std::vector<ListenAddress> places = conf.listenAddresses();
     for (const QHostAddress &address : ownAddresses()) {
-        // snmpd takes the first rule that fits, so a later one with another community does not count.
+        // snmpd uses the first matching rule and ignores a later one with another community.
         const auto rule = std::find_if(rules.begin(), rules.end(),
                                        [&](const AccessRule &candidate) { return allows(candidate, address); });
         const auto place = std::find_if(places.begin(), places.end(),
@@ -72,7 +72,7 @@ int registrationsUnderEnterprise(SnmpClient &client)
 {
     int count = 0;
     for (const std::uint32_t length : registrationLengths) {
-        SnmpName start = moduleNames; // index: context "" and the registered name, each with its length in front
+        SnmpName start = moduleNames; // index: context "" and the registered name, each after its length
         start.push_back(0);
         start.push_back(length);
         start.insert(start.end(), enterprise.begin(), enterprise.end());
@@ -97,27 +97,26 @@ Outcome checkSnmpdAnswer(Subject &subject)
 {
     if (!subject.conf.allowsVersion1() && !subject.conf.allowsVersion2c())
         return failed(QStringLiteral("snmpd.conf gives access to no version"),
-                      QStringLiteral("add a group line for v2c to the file made by hand"));
+                      QStringLiteral("add a group line for v2c to the custom file"));
     const std::optional<SnmpTarget> target = ownTarget(subject.conf, subject.timeoutMs);
     if (!target)
         return warning(
             QStringLiteral("snmpd.conf gives access to no address of this device: not asked"),
-            QStringLiteral("ask from the manager that it names; if that gets no answer, look at nms_ip in the "
-                           "settings and at what is between"));
+            QStringLiteral("send requests from the manager that it names; without an answer check nms_ip in the "
+                           "settings and the network between"));
     auto client = std::make_unique<SnmpClient>(*target);
     const SnmpReply reply = client->get(upTimeName);
     const QString place = QString::fromLatin1(target->address);
     if (reply.kind == SnmpReply::Kind::NoAnswer)
-        return failed(
-            QStringLiteral("no answer at %1 within %2 s (%3)")
-                .arg(place)
-                .arg(subject.timeoutMs / 1000.0)
-                .arg(reply.error),
-            QStringLiteral("snmpd runs, but with another configuration than the file, or it hangs: create and "
-                           "remove any file in /etc/snmp, and kvsnmp restarts it"));
+        return failed(QStringLiteral("no answer at %1 within %2 s (%3)")
+                          .arg(place)
+                          .arg(subject.timeoutMs / 1000.0)
+                          .arg(reply.error),
+                      QStringLiteral("snmpd hangs, or runs with another configuration than the file: create and "
+                                     "remove any file in /etc/snmp, and kvsnmp restarts it"));
     if (reply.kind == SnmpReply::Kind::Error || reply.kind == SnmpReply::Kind::NoSuchName)
-        return failed(QStringLiteral("%1 answers, but not with its own up time").arg(place),
-                      QStringLiteral("look at view and access in snmpd.conf: the view has to include .1"));
+        return failed(QStringLiteral("%1 answers, but not with its up time").arg(place),
+                      QStringLiteral("check view and access in snmpd.conf: the view has to include .1"));
     subject.client = std::move(client);
     return ok(QStringLiteral("answers at %1 (%2)")
                   .arg(place, target->isVersion1 ? QStringLiteral("version 1") : QStringLiteral("version 2c")));
@@ -129,13 +128,13 @@ Outcome checkAgentxSocket(Subject &subject)
     subject.agentxConnections = agentxConnections(contentsOf("/proc/net/unix"), path);
     const QString name = QString::fromLocal8Bit(path);
     if (!path.startsWith('/'))
-        return skipped(name + QStringLiteral(" is no local socket"));
+        return skipped(name + QStringLiteral(" is not a local socket"));
     const QString hint =
         QStringLiteral("kvsnmp cannot connect there; create and remove any file in /etc/snmp, and kvsnmp "
-                       "restarts snmpd, which makes the socket anew");
+                       "restarts snmpd, which creates the socket again");
     if (!QFileInfo::exists(name))
         return failed(name + QStringLiteral(" is not there"),
-                      hint + QStringLiteral("; the folder has to exist: snmpd does not make it"));
+                      hint + QStringLiteral("; the folder has to exist: snmpd does not create it"));
     const AgentxAnswer answer = pingAgentx(path, subject.timeoutMs);
     if (!answer.connected)
         return failed(QStringLiteral("%1: %2").arg(name, QString::fromLocal8Bit(std::strerror(answer.error))), hint);
@@ -151,17 +150,17 @@ Outcome checkSubAgent(Subject &subject)
 {
     const int connections = subject.agentxConnections;
     const QString hint = QStringLiteral("kvsnmp tries to connect once a second (agentXPingInterval in "
-                                        "/etc/snmp/kvagent.conf); if it stays so, restart kvsnmp");
-    if (!subject.client) { // by what the kernel tells alone
+                                        "/etc/snmp/kvagent.conf); if it does not succeed, restart kvsnmp");
+    if (!subject.client) { // only from the kernel's information
         if (connections == 0)
             return failed(QStringLiteral("no sub-agent is connected to snmpd"), hint);
-        return ok(QStringLiteral("%1 connected; what it has registered could not be asked").arg(connections));
+        return ok(QStringLiteral("%1 connected; its registrations could not be queried").arg(connections));
     }
     const int registrations = registrationsUnderEnterprise(*subject.client);
     if (registrations > 0)
         return ok(QStringLiteral("%1 objects and tables are registered").arg(registrations));
     if (subject.client->getNext(moduleNames).kind != SnmpReply::Kind::Other)
-        return skipped(QStringLiteral("this snmpd does not list what is registered"));
+        return skipped(QStringLiteral("this snmpd does not list its registrations"));
     if (connections == 0)
         return failed(QStringLiteral("no sub-agent is connected to snmpd"), hint);
     return failed(QStringLiteral("a sub-agent is connected, but nothing is registered under the enterprise"), hint);
@@ -170,9 +169,9 @@ Outcome checkSubAgent(Subject &subject)
 Outcome checkModelNumberServed(Subject &subject)
 {
     if (!subject.client)
-        return skipped(QStringLiteral("snmpd could not be asked from this device"));
+        return skipped(QStringLiteral("snmpd could not be queried from this device"));
     const SnmpReply reply = subject.client->get(modelNumberName);
-    const QString restart = QStringLiteral("restart kvsnmp; it tells in the foreground, kvsnmp -d, what it does");
+    const QString restart = QStringLiteral("restart kvsnmp; in the foreground, kvsnmp -d, it prints its actions");
     switch (reply.kind) {
     case SnmpReply::Kind::Integer:
         break;
@@ -186,6 +185,6 @@ Outcome checkModelNumberServed(Subject &subject)
     }
     if (reply.integer != subject.model)
         return failed(QStringLiteral("%1 is served, the identity file says %2").arg(reply.integer).arg(subject.model),
-                      QStringLiteral("the file was changed after kvsnmp had read it; restart kvsnmp"));
+                      QStringLiteral("the file has changed since kvsnmp read it; restart kvsnmp"));
     return ok(QStringLiteral("%1 is served").arg(reply.integer));
 }

@@ -1,4 +1,4 @@
-// The checks in the order in which things depend on each other.
+// The checks, in the order of their dependencies.
 #include "check/checks.h"
 
 namespace {

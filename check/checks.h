@@ -1,4 +1,4 @@
-// The checks, in the files of their subjects; checklist.cpp has their order.
+// The checks, by file; checklist.cpp has their order.
 #pragma once
 
 #include "check/outcome.h"
@@ -9,7 +9,7 @@
 struct Process;
 struct Subject;
 
-/// In the order in which things depend on each other.
+/// In the order of their dependencies.
 std::span<const Check> checkList();
 
 // identitychecks.cpp
@@ -27,7 +27,7 @@ Outcome checkSnmpAccess(Subject &subject);
 Outcome checkDeviceValues(Subject &subject);
 
 // daemonchecks.cpp
-/// What to say of a process that runs but is stopped.
+/// The outcome for a stopped process.
 Outcome stoppedProcess(const Process &process);
 Outcome checkKvsnmpProcess(Subject &subject);
 Outcome checkKvsnmpPidFile(Subject &subject);

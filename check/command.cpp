@@ -1,4 +1,4 @@
-// A short command of the device, run with a limit.
+// Runs a short command of the device with a time limit.
 #include "check/command.h"
 
 #include <QProcess>

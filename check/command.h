@@ -1,4 +1,4 @@
-// A short command of the device, run with a limit.
+// Runs a short command of the device with a time limit.
 #pragma once
 
 #include <QByteArray>
@@ -7,15 +7,15 @@
 #include <QStringList>
 
 struct CommandResult {
-    bool finished = false; ///< by itself, within the limit
+    bool finished = false; ///< ended within the limit
     int status = -1;
     QByteArray output; ///< standard output
     QByteArray errors; ///< standard error
 };
 
-/// The first executable file of that name in a search path as PATH holds it; empty when there is none.
+/// The first executable file of that name in a search path like PATH; empty without one.
 QString programIn(const QString &searchPath, const QString &name);
 
-/// Runs `program`, a whole path, and waits at most so long; after that the command, and only that, is killed.
+/// Runs `program`, a complete path, and waits at most this long; then kills only this process.
 CommandResult runCommand(const QString &program, const QStringList &arguments, const QProcessEnvironment &environment,
                          int timeoutMs);

@@ -1,4 +1,4 @@
-// kvsnmp itself and what it works with besides the data service and snmpd.
+// kvsnmp and its environment, except the data service and snmpd.
 #include "check/checks.h"
 #include "check/gpiosurvey.h"
 #include "check/localexchange.h"
@@ -23,14 +23,14 @@ QString busAddress(const Subject &subject)
     return subject.variable(systemBusVariable, QLatin1String(defaultSystemBus));
 }
 
-/// The path of a "unix:path=..." address; empty for another kind.
+/// The path of a "unix:path=..." address; empty for other kinds.
 QByteArray busSocket(const QString &address)
 {
     const QByteArray first = address.toLocal8Bit().split(';')[0].split(',')[0];
     return first.startsWith("unix:path=") ? first.mid(10) : QByteArray();
 }
 
-/// Whether the name has an owner; nothing when the bus does not say.
+/// Whether the name has an owner; nothing without an answer of the bus.
 std::optional<bool> hasOwner(const QString &address, const char *name, int timeoutMs)
 {
     const QString connectionName = QStringLiteral("kvsnmp-check");
@@ -55,7 +55,7 @@ Outcome stoppedProcess(const Process &process)
 {
     return failedByItself(
         QStringLiteral("process %1 is stopped").arg(process.pid),
-        QStringLiteral("somebody has sent it SIGSTOP or traces it; continue it with kill -CONT %1").arg(process.pid));
+        QStringLiteral("it received SIGSTOP or is being traced; continue it with kill -CONT %1").arg(process.pid));
 }
 
 Outcome checkKvsnmpProcess(Subject &subject)
@@ -67,7 +67,7 @@ Outcome checkKvsnmpProcess(Subject &subject)
                                              "snmpd"));
     if (running.empty()) {
         const QString start = QStringLiteral("start it (systemctl start kvsnmp, or kvsnmp); in the foreground, "
-                                             "kvsnmp -d, it tells why it ends");
+                                             "kvsnmp -d, it prints why it ends");
         const std::optional<pid_t> pid = pidInFile(QLatin1String(pidFilePath));
         const std::optional<Process> other = pid.value_or(0) > 0 ? processOf(*pid) : std::nullopt;
         if (other)
@@ -80,7 +80,7 @@ Outcome checkKvsnmpProcess(Subject &subject)
                     start);
         return failed(
             QStringLiteral("does not run") +
-                (pid ? QStringLiteral("; a pid file of an earlier one is left, which is no harm") : QString()),
+                (pid ? QStringLiteral("; a pid file of an earlier one is left, which is harmless") : QString()),
             start);
     }
     const Process &process = running.front();
@@ -98,7 +98,7 @@ Outcome checkKvsnmpPidFile(Subject &subject)
     if (*pid != running)
         return warning(
             QStringLiteral("%1 names process %2, not %3").arg(QLatin1String(pidFilePath)).arg(*pid).arg(running),
-            QStringLiteral("what stops kvsnmp by its pid file misses it; restart kvsnmp"));
+            QStringLiteral("commands that stop kvsnmp by its pid file miss it; restart kvsnmp"));
     return ok(QStringLiteral("names process %1").arg(running));
 }
 
@@ -109,11 +109,12 @@ Outcome checkSystemBus(Subject &subject)
     const QString address = busAddress(subject);
     const QByteArray path = busSocket(address);
     if (path.isEmpty())
-        return skipped(address + QStringLiteral(" is no local socket"));
-    const QString hint = QStringLiteral("start the system bus (dbus-daemon --system), then kvsnmp anew, which listens "
-                                        "on it from its start; until then states of channels, inputs, outputs and LETs "
-                                        "keep their starting values");
-    // The opening of the bus's own protocol, so that a bus that hangs is found within the limit.
+        return skipped(address + QStringLiteral(" is not a local socket"));
+    const QString hint =
+        QStringLiteral("start the system bus (dbus-daemon --system), then restart kvsnmp, which only "
+                       "connects at its start; until then states of channels, inputs, outputs and LETs "
+                       "keep their starting values");
+    // The start of the bus protocol, so that a hanging bus is detected within the limit.
     const QByteArray opening = QByteArray(1, '\0') + "AUTH EXTERNAL " + QByteArray::number(geteuid()).toHex() + "\r\n";
     const LocalExchange result = exchange(path, opening, 3, subject.timeoutMs);
     if (!result.connected)
@@ -132,11 +133,11 @@ Outcome checkAmplifierMonitor(Subject &subject)
     const std::optional<bool> owned = hasOwner(busAddress(subject), monitorName, subject.timeoutMs);
     const QString name = QLatin1String(monitorName);
     if (!owned)
-        return failed(QStringLiteral("the system bus does not tell who has the name ") + name,
-                      QStringLiteral("look at the system bus's policy and log"));
+        return failed(QStringLiteral("the system bus does not report the owner of the name ") + name,
+                      QStringLiteral("check the system bus's policy and log"));
     if (!*owned)
         return failed(QStringLiteral("nobody has the name %1 on the system bus").arg(name),
-                      QStringLiteral("start the amplifier monitor; kvsnmp hears it from then on"));
+                      QStringLiteral("start the amplifier monitor; kvsnmp then receives its announcements"));
     return ok(name + QStringLiteral(" is on the system bus"));
 }
 
@@ -153,13 +154,13 @@ Outcome checkGpioTree(Subject &subject)
     if (!tree.missingChips.isEmpty())
         return failed(QStringLiteral("no GPIO chip in %1 whose label ends in %2")
                           .arg(root, tree.missingChips.join(QStringLiteral(" or "))),
-                      QStringLiteral("look at the I2C expanders and their drivers; ") + hint);
+                      QStringLiteral("check the I2C expanders and their drivers; ") + hint);
     if (!tree.unreadable.isEmpty())
         return failed(QStringLiteral("%1 of %2 lines cannot be read: %3")
                           .arg(tree.unreadable.size())
                           .arg(tree.lines)
                           .arg(tree.unreadable.join(QStringLiteral(", "))),
-                      QStringLiteral("kvsnmp exports them some seconds after its start; if that is past, another "
+                      QStringLiteral("kvsnmp exports them a few seconds after its start; after that, another "
                                      "driver holds them; ") +
                           hint);
     return ok(QStringLiteral("%1 lines can be read in %2").arg(tree.lines).arg(root));
@@ -174,6 +175,6 @@ Outcome checkCommands(Subject &subject)
     if (missing.isEmpty())
         return ok(QStringLiteral("killall, kill, rm and ps are there"));
     return failed(QStringLiteral("not in kvsnmp's PATH: ") + missing.join(QStringLiteral(", ")),
-                  QStringLiteral("install them (packages psmisc, procps, coreutils), or mend the PATH that kvsnmp is "
-                                 "started with: it stops, starts and probes snmpd with them"));
+                  QStringLiteral("install them (packages psmisc, procps, coreutils), or correct the PATH of kvsnmp: it "
+                                 "stops, starts and probes snmpd with them"));
 }

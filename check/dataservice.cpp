@@ -1,4 +1,4 @@
-// Asks the data service for what the daemon asks it for, with the daemon's own subscriptions and parsers.
+// Subscribes to the data service as the daemon does, with the daemon's subscriptions and parsers.
 #include "check/dataservice.h"
 
 #include "tal/talhandler.h"
@@ -49,8 +49,8 @@ public:
         if (m_answer.groups.isEmpty() || m_model == 0)
             return m_answer;
 
-        // A service answers in order. What it has told once is asked for again behind the data: when that has come
-        // anew, the data have come before it.
+        // A service answers in order. A setting that has already arrived is requested again after the data: when it
+        // arrives again, the data have arrived before it.
         m_handler.slotStartSubscribe();
         m_isBarrierSet = true;
         TalInterface::requestDataSubscribeSingleLevel(barrier(), m_barrierPath, QStringLiteral("change"),
@@ -103,8 +103,8 @@ private:
 ServiceAnswer askDataService(quint32 model, int timeoutMs)
 {
     registerSnmpSettingsTypes();
-    // The handler brings a listener for the amplifier monitor along, which has no business here, and which a message
-    // bus that hangs would keep waiting.
+    // The handler also has a listener for the amplifier monitor, which is not needed here and would wait for a hanging
+    // message bus.
     qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/dev/null");
     Reader reader(model);
     return reader.ask(timeoutMs);

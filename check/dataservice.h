@@ -1,4 +1,4 @@
-// Asks the data service for what the daemon asks it for, with the daemon's own subscriptions and parsers.
+// Subscribes to the data service as the daemon does, with the daemon's subscriptions and parsers.
 #pragma once
 
 #include "snmpdconf/snmpdconftext.h"
@@ -9,20 +9,20 @@
 
 #include <optional>
 
-/// The settings that have arrived are those of `groups`; the others hold their starting values.
+/// The settings of `groups` have arrived; the others have their starting values.
 struct ServiceAnswer {
     bool connected = false;
-    QSet<QString> groups; ///< references of the settings' subscriptions that brought something
+    QSet<QString> groups; ///< references of the settings' subscriptions with an answer
     SnmpdConfSettings settings;
     std::optional<bool> customConfig;
     QMap<QString, bool> enabledTraps;
     QMap<QString, int> values; ///< notifications of data by reference
-    bool isComplete = false;   ///< the service has answered all that it was asked, as far as it can be known
+    bool isComplete = false;   ///< the service has answered all requests, as far as can be detected
 };
 
-/// References of the five subscriptions that bring the settings, in the order in which they are asked for.
+/// References of the five subscriptions to the settings, in the order of their requests.
 extern const QStringList settingsGroups;
 
-/// Waits at most `timeoutMs` for the connection, for the settings and for the data, each. `model` decides which data
-/// are asked for; 0 asks for the settings alone.
+/// Waits at most `timeoutMs` each for the connection, for the settings and for the data. `model` selects the data; 0
+/// requests only the settings.
 ServiceAnswer askDataService(quint32 model, int timeoutMs);

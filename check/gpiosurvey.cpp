@@ -1,4 +1,4 @@
-// The GPIO lines that a station model verifies, looked at without exporting any.
+// Checks the GPIO lines of a station model without exporting any.
 #include "check/gpiosurvey.h"
 
 #include <QByteArray>
@@ -23,7 +23,7 @@ QByteArray contentsOf(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed() : QByteArray();
 }
 
-/// What the kernel adds to the numbers of the tables; nothing when the chip is not there.
+/// The kernel's offset to the numbers of the tables; nothing without the chip.
 std::optional<int> offsetOf(const Chip &chip, const QString &root)
 {
     for (const QString &folder :
@@ -47,7 +47,7 @@ std::optional<int> offsetOf(Expander expander, const QString &root, GpioSurvey &
             tree.missingChips.append(QLatin1String(chip.labelEnd));
         return offset;
     }
-    return 0; // on the controller itself
+    return 0; // on the controller
 }
 
 void lookAt(const LineSet &set, const QString &root, GpioSurvey &tree)

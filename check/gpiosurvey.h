@@ -1,4 +1,4 @@
-// The GPIO lines that a station model verifies, looked at without exporting any.
+// Checks the GPIO lines of a station model without exporting any.
 #pragma once
 
 #include "gpio/gpiolines.h"
@@ -9,9 +9,9 @@
 
 struct GpioSurvey {
     bool exists = false;
-    int lines = 0;            ///< that the model has
-    QStringList unreadable;   ///< numbers of lines that read neither 0 nor 1
-    QStringList missingChips; ///< ends of the labels of expanders that are not there
+    int lines = 0;            ///< of the model
+    QStringList unreadable;   ///< numbers of lines with a value other than 0 or 1
+    QStringList missingChips; ///< ends of the labels of missing expanders
 };
 
 GpioSurvey surveyGpio(const QString &root, std::uint32_t model, bool expanders);

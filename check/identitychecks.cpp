@@ -1,4 +1,4 @@
-// The identity files: what the daemon reads of them, and what they hold when it cannot.
+// The identity files: the daemon's reading of them, and the content that it refuses.
 #include "check/checks.h"
 #include "check/subject.h"
 
@@ -22,7 +22,7 @@ QString knownModelNumbers()
     return numbers.join(QStringLiteral(", "));
 }
 
-/// "is not there", "may not be read" or "is empty"; nothing when it has a first line.
+/// "is not there", "may not be read" or "is empty"; nothing if it has a first line.
 QString whatIsMissing(const char *path)
 {
     QFile file(QString::fromLatin1(path));
@@ -40,7 +40,7 @@ QString withPath(const char *path, const QString &text)
     return QLatin1String(path) + QLatin1Char(' ') + text;
 }
 
-/// A text that is only served: the daemon does without it.
+/// A text that is only served: the daemon does not need it.
 Outcome checkText(const char *path)
 {
     const QString missing = whatIsMissing(path);

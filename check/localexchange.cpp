@@ -1,4 +1,4 @@
-// One question and its answer over a local socket, with a limit.
+// One request and its answer over a local socket, with a time limit.
 #include "check/localexchange.h"
 
 #include <QElapsedTimer>
@@ -52,7 +52,7 @@ LocalExchange exchange(const QByteArray &socketPath, const QByteArray &request, 
     if (result.error != 0)
         return result;
     result.connected = true;
-    // A few bytes into an empty socket: they fit, or the peer is gone.
+    // A few bytes fit into an empty socket, unless the peer is gone.
     if (::send(socket.descriptor(), request.constData(), static_cast<std::size_t>(request.size()), MSG_NOSIGNAL) !=
         request.size())
         return result;

@@ -1,4 +1,4 @@
-// kvsnmp-check: looks why a device does not answer, and tells what to do. It changes nothing.
+// kvsnmp-check: finds out why a device does not answer, and what to do. It changes nothing.
 #include "check/checks.h"
 #include "check/options.h"
 #include "check/report.h"
@@ -12,13 +12,13 @@
 
 namespace {
 
-/// The daemon's parsers talk while they work; here only the findings are wanted.
+/// Discards the debug output of the daemon's parsers: only the findings matter here.
 void dropMessage(QtMsgType, const QMessageLogContext &, const QString &) {}
 
 void print(const QByteArray &text)
 {
     std::fwrite(text.constData(), 1, static_cast<std::size_t>(text.size()), stdout);
-    std::fflush(stdout); // a person sees how far it is
+    std::fflush(stdout); // shows the progress
 }
 
 } // namespace
@@ -47,5 +47,5 @@ int main(int argc, char *argv[])
     print(options.json ? jsonOf(report, subject.model) : summaryOf(report).toLocal8Bit());
 
     const int status = report.hasFailed() ? exitFailed : exitOk;
-    std::_Exit(status); // a name that is still being looked up would keep an orderly end waiting
+    std::_Exit(status); // exit() would wait for a pending name lookup
 }

@@ -21,16 +21,16 @@ constexpr option longOptions[] = {
 
 constexpr char usage[] = "Usage: kvsnmp-check [--json] [--timeout SECONDS]\n"
                          "\n"
-                         "Looks why a device does not answer over SNMP. Changes nothing; to be run as root.\n"
+                         "Finds out why a device does not answer over SNMP. Changes nothing. Requires root.\n"
                          "\n"
                          "  -j, --json             write one JSON object\n"
-                         "  -t, --timeout SECONDS  how long to wait for each answer (0.1 to 60, default 3)\n"
-                         "  -h, --help             show this and end\n"
-                         "  -V, --version          show the version and end\n"
+                         "  -t, --timeout SECONDS  time limit of each answer (0.1 to 60, default 3)\n"
+                         "  -h, --help             show this text\n"
+                         "  -V, --version          show the version\n"
                          "\n"
                          "Exit status: 0 nothing has failed, 1 something has, 2 wrong usage, or not root.\n";
 
-/// Milliseconds; nothing for what is no number within the limits.
+/// Milliseconds; nothing unless a number within the limits.
 std::optional<int> timeoutOf(const char *text)
 {
     char *end = nullptr;
@@ -78,7 +78,7 @@ CheckOptions parseCheckOptions(int argc, char *argv[])
         case 'V':
             std::puts("kvsnmp-check " KVSNMP_VERSION);
             return ending(exitOk);
-        default: // getopt has told what is wrong
+        default: // getopt has printed the error
             std::fputs(usage, stderr);
             return ending(exitUsage);
         }

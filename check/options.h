@@ -6,12 +6,12 @@
 struct CheckOptions {
     bool json = false;
     int timeoutMs = 3000;
-    std::optional<int> exitStatus; ///< end at once with it: help, version, or a mistake
+    std::optional<int> exitStatus; ///< end at once with this status: help, version, or an error
 };
 
 inline constexpr int exitOk = 0;
 inline constexpr int exitFailed = 1;
 inline constexpr int exitUsage = 2;
 
-/// Help and version go to standard output, what is wrong to standard error.
+/// Prints help and version to standard output, errors to standard error.
 CheckOptions parseCheckOptions(int argc, char *argv[]);

@@ -1,4 +1,4 @@
-// What one check found.
+// The result of one check.
 #pragma once
 
 #include <QString>
@@ -7,17 +7,17 @@
 
 enum class Status : std::uint8_t {
     Ok,
-    Warning,      ///< the device may answer all the same, but somebody should look
-    Failed,       ///< the device does not do what it should
-    Skipped,      ///< could not be looked at, because of an earlier finding
-    NotApplicable ///< a device of this model or with these settings has no such thing
+    Warning,      ///< the device may still answer, but needs attention
+    Failed,       ///< the device has a fault
+    Skipped,      ///< not checked, because of an earlier finding
+    NotApplicable ///< does not apply to this model or these settings
 };
 
 struct Outcome {
     Status status = Status::Ok;
-    QString text;          ///< what is so, in one line
-    QString hint;          ///< what to do about it; empty when there is nothing to do
-    bool ownCause = false; ///< a failure that follows from no earlier one, whatever else has failed
+    QString text;          ///< the state, in one line
+    QString hint;          ///< the action; empty if none is needed
+    bool ownCause = false; ///< a failure that never follows from an earlier one
 };
 
 inline Outcome ok(QString text)

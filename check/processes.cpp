@@ -1,4 +1,4 @@
-// Processes and pid files, as /proc and /run tell.
+// Processes and pid files, from /proc and /run.
 #include "check/processes.h"
 
 #include <QDir>
@@ -11,14 +11,14 @@
 
 namespace {
 
-/// A file of /proc says that it is empty; what it holds is known only by reading it.
+/// Files of /proc report size 0, so read to the end.
 QByteArray contentsOf(const QString &path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-/// Seconds since the epoch at which the system was started; 0 when that is not told.
+/// Start of the system in seconds since the epoch; 0 if unknown.
 qint64 bootTime(const QString &procFolder)
 {
     for (const QByteArray &line : contentsOf(procFolder + QStringLiteral("/stat")).split('\n'))
@@ -37,14 +37,14 @@ QDateTime startTime(qint64 ticks, const QString &procFolder)
 
 std::optional<Process> processOf(pid_t pid, const QString &procFolder)
 {
-    // "12 (snmpd) S ...": the name may hold blanks and brackets itself, so it ends at the last bracket.
+    // "12 (snmpd) S ...": the name may contain blanks and brackets, so it ends at the last bracket.
     const QByteArray stat = contentsOf(QStringLiteral("%1/%2/stat").arg(procFolder).arg(pid));
     const int open = stat.indexOf('(');
     const int close = stat.lastIndexOf(')');
     if (open < 0 || close < open)
         return std::nullopt;
     const QList<QByteArray> fields = stat.mid(close + 2).split(' ');
-    constexpr int startField = 19; // the 22nd of all, counted from the state, which is the third
+    constexpr int startField = 19; // the 22nd field, counted from the state, which is the third
     if (fields.size() <= startField || fields[0].isEmpty())
         return std::nullopt;
     const char state = fields[0][0];
@@ -86,7 +86,7 @@ std::optional<pid_t> pidInFile(const QString &path)
     if (!QFileInfo::exists(path))
         return std::nullopt;
     const QByteArray line = contentsOf(path).split('\n').value(0).trimmed();
-    return line.toInt(); // 0 for what is no number
+    return line.toInt(); // 0 if not a number
 }
 
 QString pidsOf(const std::vector<Process> &processes)

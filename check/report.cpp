@@ -1,4 +1,4 @@
-// Runs the checks in their order, tells causes from consequences, and writes the result.
+// Runs the checks in order, separates causes from consequences, and writes the result.
 #include "check/report.h"
 
 #include "device/latin1.h"
@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr int jsonFormat = 1; // to be raised when a key changes its meaning or goes
+constexpr int jsonFormat = 1; // increase it when a key changes its meaning or is removed
 
 constexpr Status allStatuses[] = {Status::Ok, Status::Warning, Status::Failed, Status::Skipped, Status::NotApplicable};
 
@@ -55,7 +55,7 @@ void Report::add(const Check &check, Subject &subject)
         if (finding.outcome.status == Status::Failed && !finding.outcome.ownCause)
             finding.because = causeAmong(check.follows);
     } else {
-        finding.outcome = skipped(QStringLiteral("not looked at"));
+        finding.outcome = skipped(QStringLiteral("not checked"));
     }
     m_findings.push_back(std::move(finding));
 }
@@ -106,7 +106,7 @@ QString textOf(const Finding &finding)
     if (!finding.because.isEmpty())
         text += QStringLiteral(" (follows from %1)").arg(finding.because);
     text += QLatin1Char('\n');
-    // The hint of a consequence would lead away from the cause.
+    // The hint of a consequence would distract from the cause.
     if (!finding.outcome.hint.isEmpty() && finding.because.isEmpty())
         text += QStringLiteral("    hint: ") + finding.outcome.hint + QLatin1Char('\n');
     return text;

@@ -1,4 +1,4 @@
-// Runs the checks in their order, tells causes from consequences, and writes the result.
+// Runs the checks in order, separates causes from consequences, and writes the result.
 #pragma once
 
 #include "check/outcome.h"
@@ -13,20 +13,20 @@
 
 struct Subject;
 
-/// Up to so many earlier checks; unused places are null.
+/// Up to this many earlier checks; unused places are null.
 struct CheckIds {
     const char *ids[6];
 };
 
 struct Check {
-    std::string_view id;    ///< stable: scripts know a check by it
-    std::string_view title; ///< for people
-    CheckIds needs;         ///< not looked at when one of these has failed
-    CheckIds follows;       ///< looked at all the same; when it fails, too, the earlier failure is the cause
+    std::string_view id;    ///< stable: scripts use it
+    std::string_view title; ///< for humans
+    CheckIds needs;         ///< the check is skipped if one of these has failed
+    CheckIds follows;       ///< the check still runs; if it also fails, the earlier failure is the cause
     Outcome (*look)(Subject &subject);
 };
 
-/// Every id that a check refers to belongs to a check before it.
+/// True if every id in a check's lists belongs to an earlier check.
 template <std::size_t count>
 constexpr bool isInOrder(const Check (&checks)[count])
 {
@@ -48,7 +48,7 @@ struct Finding {
     QString id;
     QString title;
     Outcome outcome;
-    QString because; ///< id of the failed check that this one follows from; empty for a cause
+    QString because; ///< id of the failed check that is the cause; empty for a cause
 };
 
 class Report {
@@ -57,12 +57,12 @@ public:
 
     const std::vector<Finding> &findings() const { return m_findings; }
     bool hasFailed() const;
-    /// The failures that follow from no other.
+    /// The failures that do not follow from others.
     std::vector<Finding> causes() const;
     int count(Status status) const;
 
 private:
-    /// The cause at the end of the chain that begins at the first of `ids` that has failed; empty when none has.
+    /// The cause at the end of the chain from the first failed check of `ids`; empty without one.
     QString causeAmong(const CheckIds &ids) const;
 
     std::vector<Finding> m_findings;
@@ -71,9 +71,9 @@ private:
 /// "ok", "warning", "failed", "skipped" or "not-applicable".
 QString wordOf(Status status);
 
-/// One line, and below it the hint when there is one.
+/// One line, and the hint below it, if any.
 QString textOf(const Finding &finding);
-/// The last lines: how many of each, and what to mend first.
+/// The last lines: the counts, and the causes to fix first.
 QString summaryOf(const Report &report);
-/// The whole report as one JSON object; the keys stand in the manual page.
+/// The whole report as one JSON object; the manual page lists its keys.
 QByteArray jsonOf(const Report &report, quint32 model);

@@ -1,4 +1,4 @@
-// The data service: whether it can be reached, and what it delivers.
+// The data service: connection and delivered data.
 #include "check/checks.h"
 #include "check/localexchange.h"
 #include "check/subject.h"
@@ -32,8 +32,8 @@ Outcome checkDataService(Subject &subject)
     subject.service = askDataService(subject.model, subject.timeoutMs);
     if (subject.service.connected)
         return ok(QStringLiteral("reached at ") + path);
-    const QString hint = QStringLiteral("start the data service, or look why it has ended; kvsnmp tries again every "
-                                        "second by itself");
+    const QString hint = QStringLiteral("start the data service, or find out why it has ended; kvsnmp retries every "
+                                        "second");
     if (!QFileInfo::exists(path))
         return failed(path + QStringLiteral(" is not there: the data service does not run"), hint);
     const int error = exchange(QFile::encodeName(path), {}, 0, 0).error;
@@ -48,17 +48,17 @@ Outcome checkSnmpSettings(Subject &subject)
         if (!service.groups.contains(group))
             missing.append(group);
     if (missing.isEmpty())
-        return ok(*service.customConfig ? QStringLiteral("all delivered; snmpd.conf is made by hand (custom_config)")
+        return ok(*service.customConfig ? QStringLiteral("all delivered; snmpd.conf is custom (custom_config)")
                                         : QStringLiteral("all delivered; snmpd.conf is written by kvsnmp"));
     if (service.groups.isEmpty())
         return failed(QStringLiteral("the data service takes the connection, but delivers nothing within %1 s")
                           .arg(subject.timeoutMs / 1000.0),
-                      QStringLiteral("it hangs, or its tree has no %1; look at the data service's own log and "
+                      QStringLiteral("it hangs, or its tree has no %1; read the data service's log and "
                                      "restart it")
                           .arg(QLatin1String(snmpSettingsFolder)));
     const QString text = QStringLiteral("not delivered: ") + missing.join(QStringLiteral(", "));
     const QString hint =
-        QStringLiteral("set what is missing below %1 in the data service").arg(QLatin1String(snmpSettingsFolder));
+        QStringLiteral("set the missing values below %1 in the data service").arg(QLatin1String(snmpSettingsFolder));
     if (!service.customConfig)
         return failed(text, hint + QStringLiteral("; without custom_config kvsnmp writes no snmpd.conf and starts no "
                                                   "snmpd"));
@@ -68,7 +68,7 @@ Outcome checkSnmpSettings(Subject &subject)
 Outcome checkSnmpAccess(Subject &subject)
 {
     if (subject.service.customConfig.value_or(false))
-        return notApplicable(QStringLiteral("snmpd.conf is made by hand"));
+        return notApplicable(QStringLiteral("snmpd.conf is custom"));
     const SnmpAccessSettings &access = subject.service.settings.access;
     const SnmpVersionSettings &version = subject.service.settings.version;
     if (access.access == QLatin1String("Disabled"))
@@ -87,18 +87,17 @@ Outcome checkSnmpAccess(Subject &subject)
                       QStringLiteral("set %1").arg(settingPath("access_control/community")));
     if (access.nmsIp.isEmpty())
         return failed(
-            QStringLiteral("the manager's address is empty in the settings: snmpd takes the community for it"),
+            QStringLiteral("the manager's address is empty in the settings: snmpd uses the community instead"),
             QStringLiteral("set %1 to an address, a network or \"default\"").arg(settingPath("access_control/nms_ip")));
     if (!isPort(access.snmpPort))
         return failed(
             QStringLiteral("the port is \"%1\" in the settings: snmpd does not start with it").arg(access.snmpPort),
-            QStringLiteral("set %1 to a number of 1 to 65535, normally 161")
+            QStringLiteral("set %1 to a number from 1 to 65535, normally 161")
                 .arg(settingPath("access_control/snmp_port")));
     if (access.nmsIpv6.isEmpty())
         return warning(
             QStringLiteral("read access for %1 on port %2, none over IPv6").arg(access.nmsIp, access.snmpPort),
-            QStringLiteral("%1 is empty, which makes a line that snmpd passes over")
-                .arg(settingPath("access_control/nms_ipv6")));
+            QStringLiteral("%1 is empty, so snmpd ignores its line").arg(settingPath("access_control/nms_ipv6")));
     return ok(
         QStringLiteral("read access for %1 and %2 on port %3").arg(access.nmsIp, access.nmsIpv6, access.snmpPort));
 }
@@ -117,7 +116,7 @@ Outcome checkDeviceValues(Subject &subject)
                              .arg(service.values.value(messages));
     if (values == 0)
         return failed(QStringLiteral("the data service delivers no value of this model"),
-                      QStringLiteral("the tables serve their starting values; look whether the data service runs for "
+                      QStringLiteral("the tables serve their starting values; check that the data service runs for "
                                      "model %1")
                           .arg(subject.model));
     if (!service.isComplete)

@@ -1,4 +1,4 @@
-// Asks snmpd as a manager would, without reading or writing any file of the SNMP library.
+// Queries snmpd like a manager, without reading or writing any file of the SNMP library.
 #include "check/snmpclient.h"
 
 #include <net-snmp/net-snmp-config.h>
@@ -13,7 +13,7 @@ struct ReplyDeleter {
     void operator()(snmp_pdu *pdu) const { snmp_free_pdu(pdu); }
 };
 
-/// init_snmp() is not called on purpose: it would read the device's configuration and may write state.
+/// Does not call init_snmp(), which would read the device's configuration and may write state.
 void quietLibrary()
 {
     netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
@@ -24,14 +24,14 @@ void quietLibrary()
 QString textOf(char *libraryText)
 {
     QString text = QString::fromLocal8Bit(libraryText);
-    std::free(libraryText); // NOLINT(cppcoreguidelines-no-malloc): the library's own
+    std::free(libraryText); // NOLINT(cppcoreguidelines-no-malloc): allocated by the library
     return text;
 }
 
 SnmpReply replyOf(const snmp_pdu &pdu)
 {
     using Kind = SnmpReply::Kind;
-    if (pdu.errstat == SNMP_ERR_NOSUCHNAME) // how version 1 says it
+    if (pdu.errstat == SNMP_ERR_NOSUCHNAME) // of version 1
         return {Kind::NoSuchName};
     const netsnmp_variable_list *variable = pdu.variables;
     if (pdu.errstat != SNMP_ERR_NOERROR || variable == nullptr)

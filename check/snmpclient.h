@@ -1,4 +1,4 @@
-// Asks snmpd as a manager would, without reading or writing any file of the SNMP library.
+// Queries snmpd like a manager, without reading or writing any file of the SNMP library.
 #pragma once
 
 #include <QByteArray>
@@ -22,7 +22,7 @@ struct SnmpReply {
 
     Kind kind = Kind::NoAnswer;
     QString error{}; ///< with NoAnswer and Error
-    SnmpName name{}; ///< of the object that was answered
+    SnmpName name{}; ///< of the object in the answer
     std::int64_t integer = 0;
     QByteArray text{};
 };

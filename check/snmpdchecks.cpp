@@ -16,14 +16,14 @@
 namespace {
 
 const QString confPath = QLatin1String(snmpdConfPath);
-constexpr int restartMs = 3000; // from a written file to the snmpd that has read it takes about one second
+constexpr int restartMs = 3000; // snmpd reads a new file after about one second
 
 struct Complaint {
     int line;
     QString text;
 };
 
-/// What snmpd says about the file that it was given, by line.
+/// snmpd's complaints about its file, by line.
 QList<Complaint> complaintsIn(const QByteArray &output)
 {
     static const QRegularExpression pattern(
@@ -45,7 +45,7 @@ bool hasIpv6()
     return descriptor >= 0;
 }
 
-/// An address at which snmpd cannot listen makes it end at its start.
+/// snmpd ends at its start if it cannot listen at an address.
 QString refusedAddress(const SnmpdConf &conf)
 {
     for (const ListenAddress &address : conf.listenAddresses()) {
@@ -58,7 +58,7 @@ QString refusedAddress(const SnmpdConf &conf)
     return {};
 }
 
-/// Whether a UDP port is bound, by the kernel's list.
+/// Whether a UDP port is bound, from the kernel's list.
 bool isUdpPortTaken(int port)
 {
     const QByteArray wanted = ':' + QByteArray::number(port, 16).toUpper().rightJustified(4, '0');
@@ -73,7 +73,7 @@ bool isUdpPortTaken(int port)
     return false;
 }
 
-/// Words of the lines that one text has and the other has not.
+/// First words of the lines that only one of the texts has.
 std::set<QByteArray> directivesThatDiffer(const QByteArray &a, const QByteArray &b)
 {
     const QList<QByteArray> linesA = a.split('\n');
@@ -98,9 +98,8 @@ QString joined(const std::set<QByteArray> &words)
 
 Outcome noSnmpd(const Subject &subject)
 {
-    const QString hint =
-        QStringLiteral("kvsnmp finds that within ten minutes and starts it; at once: create and remove "
-                       "any file in /etc/snmp");
+    const QString hint = QStringLiteral("kvsnmp notices within ten minutes and starts it; at once: create and remove "
+                                        "any file in /etc/snmp");
     for (const ListenAddress &address : subject.conf.listenAddresses())
         if (address.port && address.transport.startsWith("udp") && isUdpPortTaken(*address.port))
             return failed(QStringLiteral("does not run, and another program has its UDP port %1").arg(*address.port),
@@ -117,10 +116,9 @@ Outcome checkSnmpdProgram(Subject &subject)
 {
     const QString path = subject.program("snmpd");
     if (path.isEmpty())
-        return failed(
-            QStringLiteral("snmpd is not in kvsnmp's PATH, %1")
-                .arg(subject.variable("PATH", QStringLiteral("which is empty"))),
-            QStringLiteral("install snmpd, or mend the PATH that kvsnmp is started with (usually /usr/sbin)"));
+        return failed(QStringLiteral("snmpd is not in kvsnmp's PATH, %1")
+                          .arg(subject.variable("PATH", QStringLiteral("which is empty"))),
+                      QStringLiteral("install snmpd, or correct the PATH of kvsnmp (usually with /usr/sbin)"));
     return ok(path);
 }
 
@@ -133,17 +131,17 @@ Outcome checkSnmpdConf(Subject &subject)
                                      "restart kvsnmp"));
     if (!file.open(QIODevice::ReadOnly))
         return failed(confPath + QStringLiteral(" cannot be read: ") + file.errorString(),
-                      QStringLiteral("look at the file and its file system"));
+                      QStringLiteral("check the file and its file system"));
     subject.confText = file.readAll();
     subject.confTime = QFileInfo(file).lastModified();
     subject.conf = SnmpdConf(subject.confText);
     if (subject.conf.isEmpty())
         return failed(confPath + QStringLiteral(" has no directive"),
-                      QStringLiteral("kvsnmp leaves it empty unless access is \"Read\" or \"Disabled\"; if that is so, "
-                                     "look for room on the disk and restart kvsnmp"));
+                      QStringLiteral("kvsnmp leaves it empty unless access is \"Read\" or \"Disabled\"; if it is, "
+                                     "check the space on the disk and restart kvsnmp"));
     if (!subject.conf.isAgentxMaster())
-        return failed(confPath + QStringLiteral(" has no line \"master agentx\": snmpd takes no sub-agent"),
-                      QStringLiteral("add that line to a file made by hand; a file that kvsnmp has written has it: "
+        return failed(confPath + QStringLiteral(" has no line \"master agentx\": snmpd accepts no sub-agent"),
+                      QStringLiteral("add that line to a custom file; the file that kvsnmp writes has it: "
                                      "restart kvsnmp"));
     return ok(QStringLiteral("%1 bytes, master agentx").arg(subject.confText.size()));
 }
@@ -151,34 +149,32 @@ Outcome checkSnmpdConf(Subject &subject)
 Outcome checkSnmpdConfSettings(Subject &subject)
 {
     if (subject.service.customConfig.value_or(false))
-        return notApplicable(QStringLiteral("snmpd.conf is made by hand"));
+        return notApplicable(QStringLiteral("snmpd.conf is custom"));
     const QByteArray wanted = snmpdConfText(subject.service.settings).text;
     if (subject.confText == wanted)
         return ok(QStringLiteral("as the settings give it"));
     const std::set<QByteArray> directives = directivesThatDiffer(subject.confText, wanted);
     if (directives == std::set<QByteArray>{"com2sec6"})
         return warning(QStringLiteral("differs from the settings in com2sec6 alone"),
-                       QStringLiteral("a change of nms_ipv6 alone is not written; it comes with the next change of "
+                       QStringLiteral("a change of only nms_ipv6 is not written until the next change of "
                                       "another setting"));
-    return failed(
-        QStringLiteral("differs from the settings in: %1")
-            .arg(directives.empty() ? QStringLiteral("the order of its lines") : joined(directives)),
-        QStringLiteral("changed by hand? Remove the change by changing any SNMP setting, or restarting kvsnmp: "
-                       "it writes the file anew; when it differs still, look for a read-only disk and at journalctl -t "
-                       "kv-snmp; for a file of your own set custom_config to true"));
+    return failed(QStringLiteral("differs from the settings in: %1")
+                      .arg(directives.empty() ? QStringLiteral("the order of its lines") : joined(directives)),
+                  QStringLiteral("changed by hand? Change any SNMP setting or restart kvsnmp, which rewrites the "
+                                 "file; if it still differs, check for a read-only disk and read journalctl -t "
+                                 "kv-snmp; for a custom file set custom_config to true"));
 }
 
 Outcome checkSnmpdConfAccepted(Subject &subject)
 {
     const QString refused = refusedAddress(subject.conf);
     if (!refused.isEmpty())
-        return failed(
-            QStringLiteral("snmpd ends at its start: ") + refused,
-            QStringLiteral("mend snmp_port in the settings or the file made by hand; without IPv6 in the kernel "
-                           "use custom_config with a file that names udp alone"));
+        return failed(QStringLiteral("snmpd ends at its start: ") + refused,
+                      QStringLiteral("correct snmp_port in the settings or the custom file; without IPv6 in the kernel "
+                                     "use custom_config with a file that names only udp"));
 
-    // -H reads the file, complains, prints the directives that it knows and ends: no port is opened, nothing is served
-    // and, with a folder that cannot be made for its own state, nothing is written.
+    // -H reads the file, complains, prints the known directives and ends. It opens no port and serves nothing; with a
+    // state folder that cannot be created, it writes nothing.
     QProcessEnvironment environment = subject.environment;
     environment.insert(QStringLiteral("MIBS"), QString());
     environment.insert(QStringLiteral("SNMP_PERSISTENT_DIR"), QStringLiteral("/proc/kvsnmp-check"));
@@ -189,7 +185,7 @@ Outcome checkSnmpdConfAccepted(Subject &subject)
     const QByteArray output = result.errors + result.output;
     if (!output.contains("directives understood"))
         return skipped(result.finished
-                           ? QStringLiteral("this snmpd does not tell (snmpd -H)")
+                           ? QStringLiteral("this snmpd cannot check it (snmpd -H)")
                            : QStringLiteral("snmpd -H took longer than %1 s").arg(subject.timeoutMs / 1000.0));
     const QList<Complaint> complaints = complaintsIn(output);
     if (complaints.isEmpty())
@@ -202,10 +198,10 @@ Outcome checkSnmpdConfAccepted(Subject &subject)
             .arg(QString::fromUtf8(line), first.text,
                  complaints.size() > 1 ? QStringLiteral(" (and %1 more)").arg(complaints.size() - 1) : QString());
     const QString hint =
-        QStringLiteral("snmpd -H -C -c %1 -Le shows all its complaints; mend the setting that the line "
-                       "is made of, or the file made by hand")
+        QStringLiteral("snmpd -H -C -c %1 -Le shows all its complaints; correct the setting in the line, "
+                       "or the custom file")
             .arg(confPath);
-    // The line of an IPv6 manager that is not set: the rest of the file holds.
+    // The line of an unset IPv6 manager: the rest of the file is valid.
     if (complaints.size() == 1 && line.startsWith("com2sec6"))
         return warning(text, hint);
     return failed(text, hint);
@@ -218,20 +214,18 @@ Outcome checkSnmpdProcess(Subject &subject)
     if (running.empty())
         return noSnmpd(subject);
     if (running.size() > 1)
-        return failedByItself(
-            QStringLiteral("%1 of them run: %2").arg(running.size()).arg(pidsOf(running)),
-            QStringLiteral("one alone has the port and the AgentX socket; end the one that kvsnmp has "
-                           "not started and keep its service from starting again (systemctl mask "
-                           "snmpd)"));
+        return failedByItself(QStringLiteral("%1 of them run: %2").arg(running.size()).arg(pidsOf(running)),
+                              QStringLiteral("only one has the port and the AgentX socket; end the one that kvsnmp has "
+                                             "not started and prevent its service from starting again (systemctl mask "
+                                             "snmpd)"));
     const Process &process = running.front();
     if (process.isStopped())
         return stoppedProcess(process);
     if (subject.confTime.isValid() && process.started.addMSecs(restartMs) < subject.confTime &&
         subject.confTime.addMSecs(restartMs) < QDateTime::currentDateTime())
-        return warning(
-            QStringLiteral("process %1 is older than snmpd.conf").arg(process.pid),
-            QStringLiteral("it still works with what it read before; create and remove any file in /etc/snmp, "
-                           "and kvsnmp restarts it"));
+        return warning(QStringLiteral("process %1 is older than snmpd.conf").arg(process.pid),
+                       QStringLiteral("it still uses the old file; create and remove any file in /etc/snmp, "
+                                      "and kvsnmp restarts it"));
     return ok(QStringLiteral("process %1 since %2").arg(process.pid).arg(process.started.toString(Qt::ISODate)));
 }
 
@@ -240,8 +234,8 @@ Outcome checkSnmpdPidFile(Subject &subject)
     const pid_t running = subject.snmpd.front().pid;
     const std::optional<pid_t> pid = pidInFile(QLatin1String(snmpdPidPath));
     if (!pid)
-        return warning(QStringLiteral("none: this snmpd was started by something else than kvsnmp"),
-                       QStringLiteral("keep the system's own snmpd service from starting (systemctl mask snmpd)"));
+        return warning(QStringLiteral("none: kvsnmp has not started this snmpd"),
+                       QStringLiteral("prevent the system's snmpd service from starting (systemctl mask snmpd)"));
     if (*pid == running)
         return ok(QStringLiteral("names process %1").arg(running));
     return failed(QStringLiteral("%1 names process %2, not %3").arg(QLatin1String(snmpdPidPath)).arg(*pid).arg(running),
@@ -255,13 +249,14 @@ Outcome checkHealthProbe(Subject &subject)
         subject.environment, subject.timeoutMs);
     const QByteArray text = result.finished ? result.output.simplified() : QByteArray();
     if (text.isEmpty())
-        return warning(QStringLiteral("ps does not tell snmpd's memory: kvsnmp restarts snmpd every ten minutes"),
-                       QStringLiteral("the device's ps has to take \"-C snmpd\" and \"-o rss\" as single words; other "
-                                      "ones refuse them, and a wrapper in kvsnmp's PATH helps"));
+        return warning(
+            QStringLiteral("ps does not tell snmpd's memory: kvsnmp restarts snmpd every ten minutes"),
+            QStringLiteral("the device's ps has to accept \"-C snmpd\" and \"-o rss\" as single words; if it "
+                           "refuses them, add a wrapper to kvsnmp's PATH"));
     const int memoryKb = text.toInt();
     if (memoryKb >= snmpdMemoryLimitKb)
         return warning(QStringLiteral("snmpd uses %1 kB: kvsnmp restarts it every ten minutes").arg(memoryKb),
-                       QStringLiteral("%1 kB are too many; start kvsnmp with an empty MIBS in its environment, so that "
+                       QStringLiteral("%1 kB is the limit; start kvsnmp with an empty MIBS in its environment, so that "
                                       "snmpd loads no MIB modules")
                            .arg(snmpdMemoryLimitKb));
     return ok(QStringLiteral("%1 kB").arg(memoryKb));

@@ -1,4 +1,4 @@
-// snmpd.conf as snmpd reads it: who may ask, where it listens, where traps go.
+// Reads snmpd.conf like snmpd: access, listening addresses, trap receivers.
 #include "check/snmpdconffile.h"
 
 #include <algorithm>
@@ -16,7 +16,7 @@ struct CommunityDirective {
 };
 
 // clang-format off
-constexpr CommunityDirective communityDirectives[] = { // one line for what com2sec, group, view and access say in four
+constexpr CommunityDirective communityDirectives[] = { // one line instead of com2sec, group, view and access
     {"rocommunity", false}, {"rocommunity6", true}, {"rwcommunity", false}, {"rwcommunity6", true},
 };
 constexpr const char *transports[] = {
@@ -32,7 +32,7 @@ const CommunityDirective *communityDirective(const QByteArray &name)
     return found == std::end(communityDirectives) ? nullptr : found;
 }
 
-/// The transport before the first colon; nothing when there is none that snmpd knows.
+/// The transport before the first colon; nothing without one that snmpd knows.
 QByteArray transportOf(const QByteArray &text)
 {
     const QByteArray word = text.left(text.indexOf(':')).toLower();
@@ -92,7 +92,7 @@ QList<QByteArray> confWords(const QByteArray &line)
 
 SnmpdConf::SnmpdConf(const QByteArray &text)
 {
-    bool isForSnmpd = true; // until a section of another program begins
+    bool isForSnmpd = true; // until a section of another program
     int number = 0;
     for (const QByteArray &line : text.split('\n')) {
         ++number;
@@ -102,7 +102,7 @@ SnmpdConf::SnmpdConf(const QByteArray &text)
         if (words.isEmpty())
             continue;
         const QByteArray directive = words.takeFirst().toLower();
-        if (directive.startsWith('[')) { // "[snmpd]" for all that follows, or for the rest of this line
+        if (directive.startsWith('[')) { // "[snmpd]" applies to everything after it, or to the rest of this line
             const bool isSnmpd = directive == "[snmpd]";
             if (words.isEmpty())
                 isForSnmpd = isSnmpd;
@@ -197,7 +197,7 @@ bool allows(const AccessRule &rule, const QHostAddress &address)
     const QPair<QHostAddress, int> network = QHostAddress::parseSubnet(QString::fromLatin1(rule.source));
     if (network.first.isNull() || (network.first.protocol() == QAbstractSocket::IPv6Protocol) != isIpv6)
         return false;
-    // A source without a mask is one address; Qt would take "10" for a network.
+    // A source without a mask is one address; Qt would parse "10" as a network.
     if (!rule.source.contains('/'))
         return QHostAddress(QString::fromLatin1(rule.source)) == address;
     return address.isInSubnet(network);
@@ -229,7 +229,7 @@ ListenAddress listenAddressOf(const QByteArray &text)
         address.host = rest.left(colon);
         address.port = portOf(rest.mid(colon + 1));
     } else if (isNumber && !isIpv6Host && !rest.contains('.')) {
-        address.port = portOf(rest); // a number alone is the port
+        address.port = portOf(rest); // only a number: the port
     } else {
         address.host = rest;
     }

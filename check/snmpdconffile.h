@@ -1,4 +1,4 @@
-// snmpd.conf as snmpd reads it: who may ask, where it listens, where traps go.
+// Reads snmpd.conf like snmpd: access, listening addresses, trap receivers.
 #pragma once
 
 #include <QByteArray>
@@ -11,11 +11,11 @@
 
 struct ConfLine {
     int number = 0;       ///< counted from 1
-    QByteArray directive; ///< in lower case: snmpd does not tell the cases apart
+    QByteArray directive; ///< in lower case: snmpd ignores case
     QList<QByteArray> words;
 };
 
-/// A source of requests with the community it has to name.
+/// A source of requests with its community.
 struct AccessRule {
     int line = 0;
     bool isIpv6 = false;
@@ -23,12 +23,12 @@ struct AccessRule {
     QByteArray community;
 };
 
-/// One place where snmpd listens.
+/// One address where snmpd listens.
 struct ListenAddress {
     QByteArray text;         ///< as it is written
-    QByteArray transport;    ///< "udp", "udp6", "tcp", ...; "udp" when none is written
+    QByteArray transport;    ///< "udp", "udp6", "tcp", ...; "udp" by default
     QByteArray host;         ///< empty for every address of the machine
-    std::optional<int> port; ///< nothing when it is no number of 1 to 65535
+    std::optional<int> port; ///< nothing unless a number from 1 to 65535
 };
 
 /// A trap or inform receiver.
@@ -42,11 +42,11 @@ public:
     SnmpdConf() = default;
     explicit SnmpdConf(const QByteArray &text);
 
-    bool isEmpty() const { return m_lines.empty(); } ///< comments alone count as nothing
+    bool isEmpty() const { return m_lines.empty(); } ///< a file of only comments is empty
     bool isAgentxMaster() const;
-    /// The AgentX socket's path, or what else is written there, e.g. "tcp:localhost:705".
+    /// The AgentX socket's path, or another address, e.g. "tcp:localhost:705".
     QByteArray agentxSocket() const;
-    /// snmpd's own default when nothing is written.
+    /// snmpd's default without a directive.
     std::vector<ListenAddress> listenAddresses() const;
     std::vector<AccessRule> accessRules() const;
     bool allowsVersion1() const { return allowsVersion("v1"); }
@@ -59,14 +59,14 @@ private:
     std::vector<ConfLine> m_lines;
 };
 
-/// The words of a line as snmpd splits them: at blanks, except between quotes.
+/// The words of a line, split like in snmpd: at blanks, except between quotes.
 QList<QByteArray> confWords(const QByteArray &line);
 
-/// Whether a request from that address matches the rule. Of the names only "default" and "localhost" are known.
+/// Whether a request from that address matches the rule. The only known names are "default" and "localhost".
 bool allows(const AccessRule &rule, const QHostAddress &address);
 
 /// Splits "udp6:[::1]:161", "161", "10.0.0.1" and the like.
 ListenAddress listenAddressOf(const QByteArray &text);
 
-/// The host of a receiver, without transport, port and what may follow after a blank.
+/// The host of a receiver, without transport, port and anything after a blank.
 QByteArray hostOfReceiver(const QByteArray &address);

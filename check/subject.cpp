@@ -1,11 +1,11 @@
-// What is known so far of the device that is being checked.
+// The current knowledge about the device under check.
 #include "check/subject.h"
 
 #include "check/command.h"
 
 namespace {
 
-/// What the libraries in this process look at, too.
+/// Variables that the libraries in this process also read.
 constexpr const char *sharedVariables[] = {"TAL_SOCKET", "XR_GPIO_ROOT"};
 
 } // namespace

@@ -1,4 +1,4 @@
-// What is known so far of the device that is being checked; each check reads and adds to it.
+// The current knowledge about the device under check; each check reads it and adds to it.
 #pragma once
 
 #include "check/dataservice.h"
@@ -16,28 +16,28 @@
 #include <vector>
 
 struct Subject {
-    /// Looks for the daemon, and takes over the part of its environment that decides where things are.
+    /// Finds the daemon and copies the variables of its environment that determine paths.
     explicit Subject(int timeoutMs);
 
-    /// A program as the daemon would find it; empty when it would not.
+    /// The path of a program in the daemon's PATH; empty if it is not there.
     QString program(const char *name) const;
-    /// The daemon's variable, or `fallback` when it is not set.
+    /// The daemon's variable, or `fallback` if it is not set.
     QString variable(const char *name, const QString &fallback) const;
 
-    int timeoutMs;                   ///< of each single wait
-    QProcessEnvironment environment; ///< the daemon's if it runs and may be read, else our own
+    int timeoutMs;                   ///< of each wait
+    QProcessEnvironment environment; ///< the daemon's if it runs and may be read, otherwise ours
     std::vector<Process> kvsnmp;
 
-    quint32 model = 0; ///< 0: not known
+    quint32 model = 0; ///< 0: unknown
     QByteArray modelText;
 
     ServiceAnswer service;
 
-    QByteArray confText; ///< empty when there is no file, or none that can be read
+    QByteArray confText; ///< empty without a readable file
     QDateTime confTime;
     SnmpdConf conf;
 
     std::vector<Process> snmpd;
     std::unique_ptr<SnmpClient> client; ///< null until snmpd has answered
-    int agentxConnections = 0;          ///< those of others: counted before our own ping
+    int agentxConnections = 0;          ///< those of others: counted before our ping
 };

@@ -1,4 +1,4 @@
-// Traps: which are on, and where they go.
+// Traps: the enabled ones, and their receivers.
 #include "check/checks.h"
 #include "check/snmpdconffile.h"
 #include "check/subject.h"
@@ -34,7 +34,7 @@ AddressList addressesOf(const QByteArray &host)
     return AddressList(getaddrinfo(host.constData(), "162", &wanted, &list) == 0 ? list : nullptr);
 }
 
-/// Nothing is sent: for datagrams connecting only looks for a route. Empty when there is one.
+/// Sends nothing: connecting a datagram socket only looks up a route. Empty if there is one.
 QString missingRoute(const addrinfo &address)
 {
     const int descriptor = ::socket(address.ai_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -45,7 +45,7 @@ QString missingRoute(const addrinfo &address)
     return error == 0 ? QString() : QString::fromLocal8Bit(std::strerror(error));
 }
 
-/// What is wrong with a receiver; empty when traps can leave for it.
+/// The error of a receiver; empty if traps can be sent to it.
 QString whatIsWrong(const QByteArray &host)
 {
     const AddressList list = addressesOf(host);
@@ -55,7 +55,7 @@ QString whatIsWrong(const QByteArray &host)
     return route.isEmpty() ? QString() : QStringLiteral("cannot be reached: ") + route;
 }
 
-/// A name server that does not answer may take half a minute; then the thread is left to itself.
+/// A lookup without an answer can take half a minute; the thread is then abandoned.
 QString whatIsWrong(const QByteArray &host, int timeoutMs)
 {
     std::promise<QString> promise;
@@ -91,9 +91,9 @@ Outcome checkTrapsEnabled(Subject &subject)
     const int all = static_cast<int>(std::size(trapCatalogue));
     const QString separator = QStringLiteral(", ");
     if (on.isEmpty())
-        return warning(QStringLiteral("none of the %1 traps is enabled: no fault is reported").arg(all),
-                       QStringLiteral("set %1traps/trap[name='...']/enabled to \"true\" for those that are wanted")
-                           .arg(trapSettings));
+        return warning(
+            QStringLiteral("none of the %1 traps is enabled: no fault is reported").arg(all),
+            QStringLiteral("set %1traps/trap[name='...']/enabled to \"true\" for the wanted traps").arg(trapSettings));
     QString text = QStringLiteral("%1 of %2").arg(on.size()).arg(all);
     if (!off.isEmpty())
         text += on.size() <= off.size() ? QStringLiteral(", on: ") + on.join(separator)
@@ -106,7 +106,7 @@ Outcome checkTrapReceivers(Subject &subject)
     const std::vector<Receiver> receivers = receiversOf(subject);
     if (receivers.empty())
         return warning(QStringLiteral("none: traps and informs go nowhere"),
-                       QStringLiteral("set %1trap_address or inform_address; in a snmpd.conf made by hand trap2sink or "
+                       QStringLiteral("set %1trap_address or inform_address; in a custom snmpd.conf trap2sink or "
                                       "informsink")
                            .arg(trapSettings));
     QStringList shown;
@@ -121,7 +121,7 @@ Outcome checkTrapReceivers(Subject &subject)
     if (!wrongOnes.isEmpty())
         return warning(
             wrongOnes.join(QStringLiteral("; ")),
-            QStringLiteral("mend the address, the network's routes or the name service; snmpd looks a name up "
-                           "once, at its start"));
+            QStringLiteral("correct the address, the network's routes or the name service; snmpd looks a name up "
+                           "only once, at its start"));
     return ok(shown.join(QStringLiteral(", ")));
 }

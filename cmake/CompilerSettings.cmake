@@ -1,4 +1,4 @@
-# Warnings, sanitizers, clang-tidy and ccache: one place for the whole tree.
+# Warnings, sanitizers, clang-tidy and ccache for the whole tree.
 
 add_library(kvsnmp-settings INTERFACE)
 target_compile_options(kvsnmp-settings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
@@ -27,6 +27,6 @@ endif()
 if(KVSNMP_TIDY)
     find_program(KVSNMP_CLANG_TIDY NAMES clang-tidy-14 clang-tidy REQUIRED)
     set(CMAKE_CXX_CLANG_TIDY ${KVSNMP_CLANG_TIDY} --quiet)
-    # Generated sources are not ours to mend: files in the build folder find this nearer configuration.
+    # Disables the checks for generated sources: files in the build folder find this nearer configuration.
     file(WRITE ${CMAKE_BINARY_DIR}/.clang-tidy "Checks: '-*,misc-definitions-in-headers'\n")
 endif()

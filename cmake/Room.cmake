@@ -1,5 +1,5 @@
-# One folder, one library. A room sees its own headers and those of the rooms it links, and no others: its headers are
-# reached through a folder of links that only its own users have on their include path.
+# One folder, one library. A room sees only its headers and those of the rooms that it links: a room's headers are in a
+# folder of links that only its users have on their include path.
 
 # kvsnmp_open_door(TARGET SCOPE PATH...): lets users of TARGET include PATH (a file or folder, from the source root).
 function(kvsnmp_open_door target scope)

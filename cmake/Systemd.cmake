@@ -1,5 +1,5 @@
-# libsystemd as the target `PkgConfig::libsystemd`, when the daemon is to report to systemd: KVSNMP_SYSTEMD is ON, or AUTO
-# and the library is there.
+# libsystemd as the target `PkgConfig::libsystemd`, if the daemon reports to systemd: KVSNMP_SYSTEMD is ON, or AUTO with
+# the library installed.
 
 if(KVSNMP_SYSTEMD STREQUAL "AUTO")
     pkg_check_modules(libsystemd IMPORTED_TARGET libsystemd)

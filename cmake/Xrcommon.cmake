@@ -1,5 +1,5 @@
-# The platform library as the target `xrcommon`: taken from KVSNMP_XRCOMMON_ROOT (include/xrcommon, lib) when that is
-# set, else built from the stand-in. Nothing that links the target notices the difference.
+# The platform library as the target `xrcommon`: from KVSNMP_XRCOMMON_ROOT (include/xrcommon, lib) if set, otherwise
+# built from the stand-in. Users of the target see no difference.
 
 set(xrcommon_rooms platform/xrcommon/framing)
 if(NOT KVSNMP_XRCOMMON_ROOT)
@@ -7,7 +7,7 @@ if(NOT KVSNMP_XRCOMMON_ROOT)
     return()
 endif()
 
-# A changed root is looked at afresh.
+# Search again after a change of the root.
 unset(XRCOMMON_INCLUDE_DIR CACHE)
 unset(XRCOMMON_LIBRARY CACHE)
 find_path(XRCOMMON_INCLUDE_DIR xrcommon/TalInterface.h

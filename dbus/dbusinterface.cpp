@@ -1,4 +1,4 @@
-// The link to the amplifier monitor: its announcements, logged and passed on as signals.
+// The connection to the amplifier monitor: logs its announcements and passes them on as signals.
 #include "dbus/dbusinterface.h"
 
 #include "tal/talhandler.h"
@@ -19,9 +19,9 @@
 
 namespace {
 
-constexpr timeval answerLimit = {.tv_sec = 25, .tv_usec = 0}; // the D-Bus library's own, once it is let in
+constexpr timeval answerLimit = {.tv_sec = 25, .tv_usec = 0}; // the D-Bus library's limit after authentication
 
-/// The socket of the system bus; empty when its address is of another kind.
+/// The socket of the system bus; empty for another kind of address.
 std::string busSocket()
 {
     const std::string address = qEnvironmentVariable(systemBusVariable, QLatin1String(defaultSystemBus)).toStdString();
@@ -29,7 +29,7 @@ std::string busSocket()
     return address.starts_with(kind) ? address.substr(kind.size(), address.find_first_of(",;") - kind.size()) : "";
 }
 
-/// Whether the bus accepts connections but answers none: the D-Bus library would wait for its handshake without end.
+/// Whether the bus accepts connections but never answers: the D-Bus library would wait endlessly for its handshake.
 bool isBusSilent()
 {
     const std::string path = busSocket();
@@ -41,7 +41,7 @@ bool isBusSilent()
     const int bus = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     setsockopt(bus, SOL_SOCKET, SO_SNDTIMEO, &answerLimit, sizeof answerLimit);
     setsockopt(bus, SOL_SOCKET, SO_RCVTIMEO, &answerLimit, sizeof answerLimit);
-    constexpr char question[] = "\0AUTH\r\n"; // which mechanisms it knows
+    constexpr char question[] = "\0AUTH\r\n"; // asks for its mechanisms
     char answer[256] = {};
     errno = 0;
     const bool answered = connect(bus, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
@@ -52,7 +52,7 @@ bool isBusSilent()
     return silent;
 }
 
-/// Not connected when the bus does not let anybody in.
+/// Not connected if the bus does not answer.
 QDBusConnection systemBus()
 {
     return isBusSilent() ? QDBusConnection(QString()) : QDBusConnection::systemBus();
@@ -92,7 +92,7 @@ void DbusInterface::dbusDoAmpChannelStatusUpdateSlot(uint amp, uint status)
     Q_EMIT ampChannelStatusUpdateSignal(amp, status);
 }
 
-// The labels are the monitor's; the client of these signals takes the first number as the channel.
+// The labels are the monitor's; receivers of these signals use the first number as the channel.
 void DbusInterface::dbusDoLetPrecenseUpdateSlot(uint let, uint channel, uint status)
 {
     qDebug().noquote() << "dbusDoLetPrecenseUpdateSlot"

@@ -1,4 +1,4 @@
-// The link to the amplifier monitor: its announcements, logged and passed on as signals.
+// The connection to the amplifier monitor: logs its announcements and passes them on as signals.
 #pragma once
 
 #include <QObject>
@@ -7,7 +7,7 @@
 class ComOrvanePamonInterface;
 class TalHandler;
 
-/// The environment variable with the address of the system bus, and the address without it.
+/// The environment variable with the address of the system bus, and the default address.
 inline constexpr char systemBusVariable[] = "DBUS_SYSTEM_BUS_ADDRESS";
 inline constexpr char defaultSystemBus[] = "unix:path=/var/run/dbus/system_bus_socket";
 
@@ -17,7 +17,7 @@ class DbusInterface : public QObject {
     Q_OBJECT
 
 public:
-    /// Listens on the system bus from now on. A missing bus or service is no error: nothing is announced then.
+    /// Listens on the system bus from now on. Without a bus or a service there are no announcements; this is no error.
     explicit DbusInterface(TalHandler *parent);
 
 Q_SIGNALS:

@@ -1,4 +1,4 @@
-// Texts that must not be longer than something: copied into a fixed buffer, or cut.
+// Texts with a limited length: copied into a fixed buffer, or truncated.
 #pragma once
 
 #include <algorithm>
@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string_view>
 
-/// Copies as much of `text` as fits before a terminating zero, which is always written.
+/// Copies the part of `text` that fits before a terminating zero, which is always written.
 /// Returns the number of characters copied, without the terminator.
 template <std::size_t size>
 constexpr std::uint32_t copyBounded(char (&buffer)[size], std::string_view text)
@@ -18,7 +18,7 @@ constexpr std::uint32_t copyBounded(char (&buffer)[size], std::string_view text)
     return static_cast<std::uint32_t>(length);
 }
 
-/// The longest beginning of a UTF-8 text that has at most `size` bytes and ends where a character ends.
+/// The longest beginning of a UTF-8 text with at most `size` bytes and only complete characters.
 constexpr std::string_view utf8Prefix(std::string_view text, std::size_t size)
 {
     if (text.size() <= size)

@@ -1,4 +1,4 @@
-// The information record: what the device is. Filled by the application, served by the information scalars.
+// The information record: the device's identity. The application fills it, the information scalars serve it.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// A constant of the tables as Qt takes it. The one header of this room that needs Qt.
+// Converts a constant of the tables for Qt. The only header of this room that needs Qt.
 #pragma once
 
 #include <QLatin1String>

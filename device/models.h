@@ -12,7 +12,7 @@ inline constexpr std::uint32_t knownModels[] = {
     6211, 6214, 6259, 6410, 6420, 6425, 6601, 6602, 6720, 6764, 6891, 6913, 6914,
 };
 
-/// Place of a model number in `knownModels`, or the number of known models for an unknown one.
+/// Index of a model number in `knownModels`, or the number of known models for an unknown one.
 constexpr std::size_t placeOfModel(std::uint32_t model)
 {
     std::size_t place = 0;
@@ -38,7 +38,7 @@ public:
         }
     }
 
-    /// In place of a test: contains every number, an unknown one too.
+    /// Instead of a test: contains every number, even an unknown one.
     static consteval ModelSet any()
     {
         ModelSet set{};
@@ -46,7 +46,7 @@ public:
         return set;
     }
 
-    /// False for every number that is not a known model, any() excepted.
+    /// False for an unknown model, except with any().
     constexpr bool contains(std::uint32_t model) const
     {
         return m_any || (isKnownModel(model) && ((m_bits >> placeOfModel(model)) & 1U) != 0);
@@ -62,13 +62,13 @@ inline constexpr ModelSet noModelTest = ModelSet::any();
 // clang-format off
 inline constexpr ModelSet ampTypeModels      {6420, 6425, 6720, 6764};       ///< an amplifier or power type file is read
 inline constexpr ModelSet gpioModels         {6211, 6214, 6259, 6891};       ///< GPIO lines and relays are verified
-inline constexpr ModelSet fourRelayModels    {6214, 6259};                   ///< four relays without the expanders, the other ones one
+inline constexpr ModelSet fourRelayModels    {6214, 6259};                   ///< four relays without the expanders; other models have one
 inline constexpr ModelSet twoChannelModels   {6420, 6425, 6720, 6764};       ///< two amplifier channels
 inline constexpr ModelSet singleOutputModels {6211, 6214, 6259, 6601, 6602, 6891}; ///< one amplifier output, no channel data
 inline constexpr ModelSet amplifierModels    {6410, 6420, 6425, 6720, 6764}; ///< measured values, an amplifier monitor on the bus
 inline constexpr ModelSet letModels          {6420, 6720, 6764};             ///< line end transponders
 inline constexpr ModelSet ethMonitoringModels{6214, 6259, 6410, 6420, 6425, 6601, 6602, 6720, 6764, 6913, 6914};
-inline constexpr ModelSet pilotToneModels    {6410, 6420, 6425};             ///< line inputs watched by a pilot tone
+inline constexpr ModelSet pilotToneModels    {6410, 6420, 6425};             ///< line inputs monitored by a pilot tone
 inline constexpr ModelSet microphoneModels   {6214, 6259, 6601, 6602};       ///< microphones instead of line inputs
 inline constexpr ModelSet bothPowerModels    {6410, 6420};                   ///< an AC and a DC power source
 inline constexpr ModelSet acPowerOnlyModels  {6720, 6764};                   ///< only the AC one

@@ -1,5 +1,5 @@
 // The table records: the latest values of the device, written by the data-service client, read by the agent.
-// Plain arrays; rows and channels count from 0. The agent and the client share one thread, so nothing is locked.
+// Plain arrays; rows and channels count from 0. The agent and the client share one thread, so there are no locks.
 #pragma once
 
 #include <cstddef>
@@ -42,7 +42,7 @@ struct AmpChannelRow {
     std::uint32_t status;           ///< derived: 1 unknown, 2 disabled, 3 ok, 4 class-D fault, 5 monitor fault
     std::uint32_t lineState;        ///< 0 until reported, then 1 to 15
     std::uint32_t ampEnable;        ///< 0 until reported, 1 disabled, 2 enabled
-    std::uint32_t ampMonitorStatus; ///< 3 until reported, 1 or 2 as the amplifier monitor says
+    std::uint32_t ampMonitorStatus; ///< 3 until reported, then 1 or 2 from the amplifier monitor
 };
 
 struct AmpChannelRecord {
@@ -62,7 +62,7 @@ struct ControlInputRecord {
     ControlInputRow rows[controlInputRows];
 };
 
-/// Which values of a LET entry were stored since the agent last copied them: 1 changed, 0 not.
+/// The values of a LET entry stored since the agent's last copy: 1 changed, 0 not.
 struct LetChanges {
     std::uint8_t status;
     std::uint8_t description;
@@ -74,7 +74,7 @@ struct LetChanges {
 /// One line end transponder (LET).
 struct LetEntry {
     std::uint32_t letStatus;   ///< derived: 1 unknown, 2 not enabled, 3 not reported missing, 4 missing
-    std::uint32_t letPresence; ///< 0 until reported, 1 missing, 2 present, as the amplifier monitor says
+    std::uint32_t letPresence; ///< 0 until reported; from the amplifier monitor: 1 missing, 2 present
     std::uint32_t letEnabled;  ///< 0 until reported, 1 enabled, 2 not
     char description[128];
     char softwareVersion[20];
@@ -121,7 +121,7 @@ struct RelayRecord {
     RelayRow rows[relayRows];
 };
 
-/// All records together, as the data-service client owns them.
+/// All records; the data-service client owns them.
 struct TableRecords {
     VoltageRecord voltage;
     TempRecord temp;

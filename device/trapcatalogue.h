@@ -1,5 +1,5 @@
-// The twenty traps: number, last arc of the notification, name, message identifiers. One table, three readers: the
-// data-service client (names), the fault handler (identifiers) and the trap sender (arcs).
+// The twenty traps: number, last arc of the notification, name, message identifiers. Three readers share the table:
+// the data-service client (names), the fault handler (identifiers) and the trap sender (arcs).
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 /// One trap that the agent can send.
 struct Trap {
-    std::uint32_t number;                     ///< 1 to 20, as the fault handler counts them
+    std::uint32_t number;                     ///< 1 to 20, the fault handler's number
     std::uint32_t arc;                        ///< last sub-identifier of the notification; not always the number
     std::string_view name;                    ///< key of the enabled-trap map
     std::span<const std::string_view> msgIds; ///< identifiers of the system messages that raise it
@@ -43,7 +43,7 @@ inline constexpr std::string_view lineIn[]         = {"line_in_disconnected"};
 } // namespace trapmessages
 
 // clang-format off
-inline constexpr Trap trapCatalogue[] = { // numbers 7 to 10 and 20 are out of step with their arcs on purpose
+inline constexpr Trap trapCatalogue[] = { // numbers 7 to 10 and 20 differ from their arcs: intended
     { 1,  1, "Cooling Fan Fault",             trapmessages::coolingFan},
     { 2,  2, "Missing Amplifier Module",      trapmessages::missingModule},
     { 3,  3, "PSU Voltage Fault",             trapmessages::psuVoltage},

@@ -1,4 +1,4 @@
-// The list of active system messages, and which of them are sent as traps.
+// The list of active system messages, and the traps for them.
 #include "faults/faulthandler.h"
 
 #include "agent/kvagent.h"
@@ -51,7 +51,7 @@ FaultHandler::FaultHandler(QObject *parent) : FaultHandler(parent, trapGate()) {
 
 FaultHandler::FaultHandler(QObject *parent, TrapGate &gate) : QObject(parent), m_gate(gate)
 {
-    // Queued: the gate may open inside the agent library, or before the agent has all its data.
+    // Queued: the gate can open inside the agent library, or before the agent has all its data.
     m_gate.setOpened([this] { QMetaObject::invokeMethod(this, "reportTraps", Qt::QueuedConnection); });
 }
 
@@ -98,7 +98,7 @@ void FaultHandler::end(const FaultKey &key)
     m_arrivals.erase(known);
     forgetEndedAfterLoss();
     FaultRecord &fault = m_faults.at(arrival);
-    // Without the limits of the sender it would have been sent when it was raised.
+    // Without the sender's limits it would have been sent when it was raised.
     if (isDue(fault) && m_senderBusy)
         fault.ended = true;
     else
@@ -136,8 +136,8 @@ void FaultHandler::remove(Arrival arrival)
     m_faults.erase(arrival);
 }
 
-/// An ended fault waits for a busy sender only: when the way is lost, how long it would wait is not known, and a
-/// manager must not learn minutes later of a fault that is over.
+/// An ended fault waits only for a busy sender. When the connection is lost, the wait is unknown, and a manager must
+/// not receive a fault minutes after its end.
 void FaultHandler::forgetEndedAfterLoss()
 {
     const std::uint64_t losses = m_gate.losses();
@@ -171,7 +171,7 @@ void FaultHandler::reportTraps()
                                   .arg(QString::number(fault.trap->number), fault.infoText);
         if (!fault.sent && m_gate.state() != TrapGate::State::Open) {
             m_senderBusy = isBusy(m_gate.state());
-            return; // the rest waits for the gate, without a line for each
+            return; // the rest waits for the gate; no line for each
         }
         ++due;
         if (fault.ended)

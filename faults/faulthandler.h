@@ -1,4 +1,4 @@
-// The list of active system messages, and which of them are sent as traps.
+// The list of active system messages, and the traps for them.
 #pragma once
 
 #include <QHash>
@@ -22,19 +22,19 @@ class FaultHandler : public QObject {
     Q_OBJECT
 
 public:
-    /// Behind the agent's own gate.
+    /// Uses the agent's gate.
     explicit FaultHandler(QObject *parent);
-    /// Runs reportTraps() whenever the gate opens. The gate outlives the handler.
+    /// Runs reportTraps() when the gate opens. The gate has to outlive the handler.
     FaultHandler(QObject *parent, TrapGate &gate);
     ~FaultHandler() override;
 
 public Q_SLOTS:
-    /// An active message is kept until it is reported inactive. One that is known already stays as it is.
+    /// An active message is kept until it is reported inactive. A known message stays unchanged.
     void onReportFault(QString reporter, QString repRef, QString msgData, QString infoText, QString timeStamp,
                        QString level, bool active);
     void onUpdateEnabledSnmpTraps(QMap<QString, bool> &enabledSnmpTraps);
-    /// Sends every message that has an enabled trap and was not sent yet, in the order of arrival. Stops at the first
-    /// refusal unless the gate is open.
+    /// Sends all unsent messages with an enabled trap, in the order of arrival. Stops at the first refusal unless the
+    /// gate is open.
     void reportTraps();
 
 private:
@@ -45,9 +45,9 @@ private:
         QString infoText;
         QString timeStamp;
         QString level;
-        const Trap *trap; ///< null when no trap belongs to the message
+        const Trap *trap; ///< null without a trap for the message
         bool sent = false;
-        bool ended = false; ///< no longer in the list; stays for its trap, which the sender was too busy to take
+        bool ended = false; ///< no longer in the list; kept for its trap, refused by a busy sender
     };
     using FaultKey = QPair<QString, QString>; ///< reporter and repRef
     using Arrival = quint64;
@@ -61,9 +61,9 @@ private:
     TrapGate &m_gate;
     std::map<Arrival, FaultRecord> m_faults; ///< the fault list, in the order of arrival
     QHash<FaultKey, Arrival> m_arrivals;
-    std::set<Arrival> m_due;    ///< unsent messages whose trap is enabled: a run looks at no others
-    bool m_senderBusy = false;  ///< the last run stopped because the sender was busy, and the way was not lost since
-    std::uint64_t m_losses = 0; ///< of the gate, as far as they were acted upon
+    std::set<Arrival> m_due;    ///< unsent messages with an enabled trap: the only ones in a run
+    bool m_senderBusy = false;  ///< the last run stopped at a busy sender, with no loss since
+    std::uint64_t m_losses = 0; ///< of the gate, as already handled
     QStringList m_enabledTraps;
     Arrival m_nextArrival = 0;
 };

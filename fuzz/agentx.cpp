@@ -1,9 +1,9 @@
-// The whole agent against a master that sends anything: AgentX PDUs whole, split, joined and broken, over a
-// socket. Each answer has to be what the same name gets alone (agentx/oracle.h); an input is a list of actions
+// The whole agent with a master that sends anything: AgentX PDUs whole, split, joined and broken, over a
+// socket. Each answer has to equal the answer to the same name alone (agentx/oracle.h). An input is a list of actions
 // (agentx/script.h).
 //
-// KVSNMP_FUZZ_DEVICE names the device, as the agent starts once in a process: a model number, "6420" unless set, with a
-// "+" behind it for a station with expanders. With KVSNMP_FUZZ_TRACE set the PDUs go to standard error.
+// KVSNMP_FUZZ_DEVICE selects the device, because the agent starts once in a process: a model number, by default "6420",
+// followed by a "+" for a station with expanders. With KVSNMP_FUZZ_TRACE set the PDUs are printed to standard error.
 #include "support.h"
 
 #include "agentx/master.h"

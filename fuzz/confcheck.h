@@ -1,4 +1,4 @@
-// What must hold for every snmpd.conf, whatever the settings are: only the lines that the program means to write.
+// The invariant of every snmpd.conf, for all settings: only the lines that the program intends to write.
 #pragma once
 
 #include "support.h"
@@ -7,7 +7,7 @@
 
 #include <QByteArrayList>
 
-/// What of a value may stand in the file.
+/// The part of a value that may be in the file.
 inline QByteArray writtenPart(const QString &value)
 {
     const QByteArray bytes = value.toUtf8();

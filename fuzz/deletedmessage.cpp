@@ -1,6 +1,6 @@
-// System messages that come and go: a message that was reported active must be reported ended by the path of its
-// deletion, else its fault would stay for ever. The input is three lines (reporter, rep_ref, message identifier), then
-// a line with the path of a deletion; its first byte chooses the order of the two keys.
+// System messages and their deletion: the path of its deletion must end a message that was reported active, otherwise
+// its fault would stay forever. The input is three lines (reporter, rep_ref, message identifier), then a line with the
+// path of a deletion; its first byte selects the order of the two keys.
 #include "support.h"
 
 #include "agent/kvagent.h"
@@ -28,7 +28,7 @@ int takeTrap(std::uint32_t, const char *, std::int32_t, const char *)
     return 0;
 }
 
-/// A fault handler with all traps enabled behind a data-service handler, and what was reported last.
+/// A data-service handler with a fault handler, all traps enabled, and the last report.
 class Bench {
 public:
     Bench() : m_handler(nullptr, 6420, "Orvane Brisel Extended"), m_faults(nullptr, m_gate)
@@ -47,7 +47,7 @@ public:
                          });
     }
 
-    /// What one notification reports; null when it reports nothing.
+    /// The report of one notification; null without one.
     const Report *notify(const char *operation, const QString &rPath, const QString &data)
     {
         m_reported = false;
@@ -76,7 +76,7 @@ QString leaf(const char *name, const QString &text)
            QLatin1Char('>');
 }
 
-/// Whether a tag of this text is an element of this name whatever stands around it: no white space, no attributes.
+/// Whether a tag of this text is an element of exactly this name, without white space and attributes.
 bool isPlainName(const QString &text)
 {
     return !text.isEmpty() && std::all_of(text.begin(), text.end(), [](QChar c) {
@@ -107,7 +107,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     trapsSent = 0;
 
     std::string_view rest = viewOf(data, size);
-    // An apostrophe cannot stand in a key, and a carriage return in a leaf would have to be written as a reference.
+    // A key cannot contain an apostrophe, and a carriage return in a leaf would need a character reference.
     const auto keyText = [](std::string_view bytes) {
         return textOf(bytes).remove(QLatin1Char('\'')).remove(QLatin1Char('\r'));
     };

@@ -1,5 +1,5 @@
-// Framing and reading of the data service's messages. The front of the input is the stream, its end (where the data
-// provider takes its numbers) says into which pieces the stream is cut, and where a long run is put in.
+// Framing and reading of the data service's messages. The front of the input is the stream. Its end (the data
+// provider's numbers) determines how the stream is split, and where a long run is inserted.
 #include "support.h"
 
 #include "notifymessage.h"
@@ -12,7 +12,7 @@
 
 namespace {
 
-/// The same as MessageFraming, written without a thought for speed.
+/// A simple, slow implementation of MessageFraming.
 class PlainFraming {
 public:
     using Outcome = MessageFraming::Outcome;
@@ -50,7 +50,7 @@ void readMessage(std::string_view bytes)
     if (!message)
         return;
     require(!message->ref.isNull() && !message->op.isNull(), "an accepted message has a reference and an operation");
-    require(textOf(bytes).contains(message->data), "the data stand in the message as they are");
+    require(textOf(bytes).contains(message->data), "the message contains the unchanged data");
     require(!message->dataIsElement || isWellFormedElement(message->data),
             "data that need not be checked again are well-formed by themselves");
     if (message->dataIsElement)

@@ -1,5 +1,5 @@
-// The identity files. The input is their contents, split by bell characters, in the order of `files`; a content of
-// one "-" means that the file is missing.
+// The identity files. The input is their contents, separated by bell characters, in the order of `files`; the content
+// "-" means a missing file.
 #include "support.h"
 
 #include "app/identity.h"
@@ -17,7 +17,7 @@ constexpr const char *files[] = {
     "etc/xr-pkgver",      "etc/xr-kernelver", "etc/xr-oftreever",
 };
 
-/// Nothing but a number stands in the first line.
+/// True if the first line contains only a number.
 bool holdsANumber(std::string_view content)
 {
     return takeUpTo(content, '\n').find_first_not_of(" \t\v\f\r+0123456789") == std::string_view::npos;

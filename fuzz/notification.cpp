@@ -1,6 +1,6 @@
-// Notifications through every parser, and what follows from them: faults, snmpd.conf. The input is one letter for the
-// model (capital: a station with expanders), then notifications split by NULs. Each is two letters, the reference and
-// the operation, and after a line feed the path, the subscribed path and the data, the first two a line each.
+// Notifications through every parser, and their effects: faults, snmpd.conf. The input is one letter for the model
+// (capital: a station with expanders), then notifications separated by NULs. Each is two letters, the reference and the
+// operation, and after a line feed the path, the subscribed path and the data, the first two on a line each.
 #include "confcheck.h"
 #include "support.h"
 
@@ -48,7 +48,7 @@ constexpr const char *references[] = {
 };
 static_assert(std::size(references) == 26);
 
-/// 'a' is the first of `count`; any other byte is some place, too.
+/// 'a' is the first of `count`; any other byte is also a valid place.
 std::size_t placeOfLetter(std::uint8_t letter, std::size_t count)
 {
     return (static_cast<std::size_t>(std::tolower(letter)) + 'a' * (count - 1)) % count;
@@ -74,7 +74,7 @@ void checkTerminated(const char (&text)[size])
     require(strnlen(text, size) < size, "a text of a LET is terminated");
 }
 
-/// The codes that each record may hold; which of them means what is the unit tests' business.
+/// The valid codes of each record; the unit tests check their meaning.
 void checkRecords(const TableRecords &records)
 {
     for (const AmpChannelRow &row : records.ampChannel.rows)
@@ -114,7 +114,7 @@ int takeTrap(std::uint32_t number, const char *description, std::int32_t level, 
     return number % 2 == 0 ? 0 : -1;
 }
 
-/// The roads behind the handler, as the application connects them.
+/// The receivers of the handler's signals, connected like in the application.
 class Roads {
 public:
     Roads(uint model, const char *description) : handler(nullptr, model, description), m_faults(nullptr, m_gate)

@@ -1,4 +1,4 @@
-// The pid file: any content is read, and written over.
+// The pid file: reads and overwrites any content.
 #include "support.h"
 
 #include "app/pidfilehandler.h"
@@ -19,8 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         const pid_t pid = handler.readPid();
         const pid_t running = handler.checkPid();
         require(running != getpid(), "we do not keep ourselves from starting");
-        require(running == 0 || running == pid, "who keeps us from starting stands in the file");
-        require(handler.writePid() == getpid(), "the file can be written over whatever it holds");
+        require(running == 0 || running == pid, "only the process in the file prevents a start");
+        require(handler.writePid() == getpid(), "any content of the file can be overwritten");
         require(handler.readPid() == getpid(), "what was written is read again");
     }
     require(access(path.c_str(), F_OK) != 0, "the file goes with the handler");

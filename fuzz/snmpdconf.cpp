@@ -1,5 +1,5 @@
-// Settings to the text of snmpd.conf. The input is the settings, split by bell characters (no line feed, so that a
-// value may hold one): access, community, nmsIp, nmsIpv6, snmpPort, sysName, sysLocation, sysContact, trapAddress,
+// Settings to the text of snmpd.conf. The input is the settings, separated by bell characters (so that a value may
+// contain a line feed): access, community, nmsIp, nmsIpv6, snmpPort, sysName, sysLocation, sysContact, trapAddress,
 // informAddress, versions ("1" and "2" in it).
 #include "confcheck.h"
 
@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     settings.version.version2c = rest.find('2') != std::string_view::npos;
 
     checkConf(settings);
-    for (const char *access : {"Read", "Disabled"}) { // whatever the mutations made of it
+    for (const char *access : {"Read", "Disabled"}) { // regardless of the mutations
         settings.access.access = QLatin1String(access);
         checkConf(settings);
     }

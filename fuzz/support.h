@@ -1,4 +1,4 @@
-// What the fuzz targets share: a finding that is no crash by itself, texts out of bytes, quiet Qt, a folder of its own.
+// Common code of the fuzz targets: findings without a crash, texts from bytes, quiet Qt, a temporary folder.
 #pragma once
 
 #include <QByteArray>
@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-/// Ends the process when something that must hold does not: the fuzzer then keeps the input.
+/// Ends the process if an invariant fails: the fuzzer then keeps the input.
 inline void require(bool holds, const char *what)
 {
     if (holds)
@@ -25,7 +25,7 @@ inline std::string_view viewOf(const std::uint8_t *data, std::size_t size)
     return {reinterpret_cast<const char *>(data), size};
 }
 
-/// Takes what stands before the first `separator`, which goes too; all of it when there is none.
+/// Removes and returns the text before the first `separator`, which is also removed; without one the whole text.
 inline std::string_view takeUpTo(std::string_view &rest, char separator)
 {
     const std::size_t length = rest.find(separator);
@@ -39,14 +39,14 @@ inline QString textOf(std::string_view bytes)
     return QString::fromUtf8(bytes.data(), static_cast<int>(bytes.size()));
 }
 
-/// Log lines are composed as ever and then dropped; no system bus is reachable.
+/// Composes log lines and then drops them; no system bus is reachable.
 inline void quieten()
 {
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
     qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/system_bus_socket");
 }
 
-/// A folder of its own below TMPDIR. It stays: the fuzzer ends without destructors, scripts/fuzz removes TMPDIR.
+/// A new folder below TMPDIR, not removed: the fuzzer ends without destructors, scripts/fuzz removes TMPDIR.
 class PrivateFolder {
 public:
     PrivateFolder() { require(mkdtemp(m_path.data()) != nullptr, "a folder can be made"); }

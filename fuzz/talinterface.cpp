@@ -1,5 +1,5 @@
-// The whole way in: bytes on the data service's socket, through the client, to a data-service handler. Whatever they
-// were, the client stays connected and the message after them arrives.
+// The whole input path: bytes on the data service's socket, through the client, to a data-service handler. After any
+// bytes the client stays connected and the next message arrives.
 #include "support.h"
 
 #include "tal/talhandler.h"
@@ -58,7 +58,7 @@ public:
         }
     }
 
-    /// Ends what was sent so far, sends one more message and waits for it.
+    /// Terminates the bytes sent so far, sends one more message and waits for it.
     void expectOneMore()
     {
         const std::string ref = "expected-" + std::to_string(++m_expected);

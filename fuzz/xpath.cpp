@@ -1,5 +1,5 @@
-// Texts of a notification, found by XPath. The input is four texts: the first three are a line each (expression,
-// subscribed path, path), the rest is the data.
+// Texts of a notification, found by XPath. The input is four texts: three lines (expression, subscribed path, path),
+// then the data.
 #include "support.h"
 
 #include "notifymessage.h"
@@ -35,7 +35,7 @@ void forgetTheLastTree()
     require(text == QLatin1String("1"), "another notification is read rightly afterwards");
 }
 
-/// The text of one element as another reader finds it.
+/// The text of one element, found by another reader.
 QString wholeText(const QString &element)
 {
     QXmlStreamReader reader(element);
@@ -44,7 +44,7 @@ QString wholeText(const QString &element)
     return reader.readElementText(QXmlStreamReader::IncludeChildElements);
 }
 
-/// Some texts that the other reader takes are not well-formed all the same: it takes more characters in names.
+/// The other reader accepts some texts that are not well-formed: it allows more characters in names.
 void checkWholeText(const QString &data)
 {
     const Answer answer = ask(QStringLiteral("/*"), {}, QStringLiteral("/top"), data);
@@ -74,7 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *bytes, std::size_t siz
     require(ask(expression, sPath, rPath, data) == first, "the tree that is kept gives the same answer");
     forgetTheLastTree();
     if (isWellFormedElement(data))
-        setCheckedData(data); // as for data that came in a message that was read before
+        setCheckedData(data); // as for data of a message that was already read
     require(ask(expression, sPath, rPath, data) == first, "data that was checked before gives the same answer");
     checkWholeText(data);
     setCheckedData({});

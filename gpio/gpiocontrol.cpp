@@ -49,7 +49,7 @@ GpioControl::~GpioControl()
     m_checkTimer.stop();
 }
 
-/// Direction and edge stay as they are: a line that is driven as an output must not be turned into an input.
+/// Direction and edge stay unchanged: a driven output must not become an input.
 Gpio *GpioControl::createLine(int number, Expander expander)
 {
     auto *line = new Gpio(this, static_cast<Gpios>(number), static_cast<GpioDirections>(2), static_cast<GpioEdges>(0));

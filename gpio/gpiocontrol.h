@@ -16,7 +16,8 @@ class GpioControl : public QObject {
     Q_OBJECT
 
 public:
-    /// Creates the lines of the model. Nothing is read before slotGpioVerifyStart(). `talHandler` outlives this object.
+    /// Creates the lines of the model; slotGpioVerifyStart() starts to read them. `talHandler` has to outlive this
+    /// object.
     GpioControl(QObject *parent, std::uint32_t modelNumber, const char *modelText, TalHandler *talHandler);
     ~GpioControl() override;
 
@@ -29,9 +30,9 @@ public Q_SLOTS:
     /// One step of the check cycle: reads one line and reports it.
     void gpioCheckTimeout();
     void connectTal();
-    /// `gpioType` is 1 for an input, 2 for an output, 3 for a line that is not used.
+    /// `gpioType` is 1 for an input, 2 for an output, 3 for an unused line.
     void slotSetGpioType(uint gpioId, uint gpioType);
-    /// Starts the check cycle, for good.
+    /// Starts the check cycle, which never ends.
     void slotGpioVerifyStart();
 
 protected:
@@ -40,7 +41,7 @@ protected:
 
 private:
     struct GpioEntry {
-        std::uint32_t type = 0; ///< 0 until the data service has told it
+        std::uint32_t type = 0; ///< 0 until the data service reports it
         Gpio *line = nullptr;
     };
 
@@ -51,6 +52,6 @@ private:
     TalHandler *m_talHandler;
     std::uint32_t m_step = 0;
     std::vector<GpioEntry> m_gpios;         ///< by GPIO id: 6, or 14 with the expanders
-    std::array<Gpio *, maxRelays> m_relays; ///< by relay id; null where the device has no such relay
+    std::array<Gpio *, maxRelays> m_relays; ///< by relay id; null without such a relay
     QTimer m_checkTimer{this};
 };

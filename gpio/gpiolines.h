@@ -1,4 +1,4 @@
-// The GPIO lines of the station models, the order in which they are checked, and what a value of a line stands for.
+// The GPIO lines of the station models, the order of their checks, and the meaning of a line's values.
 #pragma once
 
 #include "device/models.h"
@@ -11,10 +11,10 @@
 inline constexpr std::uint32_t maxGpios = controlInputRows; ///< GPIO ids 0 to 13; 0 to 5 without the expanders
 inline constexpr std::uint32_t maxRelays = relayRows; ///< relay ids 0 to 3 on single lines, 4 to 11 on the expander
 
-/// The I2C expander that a line sits on.
+/// The I2C expander of a line.
 enum class Expander : std::uint8_t { None, At0x21, At0x22 };
 
-/// Consecutive ids and the lines behind them. Lines on an expander exist only on devices that have the expanders.
+/// Consecutive ids and their lines. Lines on an expander exist only on devices with expanders.
 struct LineSet {
     ModelSet models;
     Expander expander;
@@ -25,7 +25,7 @@ struct LineSet {
 namespace linenumbers {
 // clang-format off
 inline constexpr int gpios[]          = {168, 169, 170, 171, 172, 173};
-inline constexpr int gpios6891[]      = {504, 505, 506, 507, 508, 509}; // the same lines, 336 further on
+inline constexpr int gpios6891[]      = {504, 505, 506, 507, 508, 509}; // the same lines plus 336
 inline constexpr int expanderGpios[]  = {192, 193, 194, 195, 196, 197, 198, 199};
 inline constexpr int expanderRelays[] = {176, 177, 178, 179, 180, 181, 182, 183};
 inline constexpr int oneRelay[]       = {174};
@@ -58,12 +58,12 @@ constexpr bool deviceHas(const LineSet &set, std::uint32_t model, bool expanders
 inline constexpr std::uint32_t firstRelayStep = maxGpios;
 inline constexpr std::uint32_t endOfSteps = firstRelayStep + maxRelays;
 
-/// The step that follows `step` on a device of this model; a cycle starts at step 0 and passes over what is not there.
+/// The step after `step` on a device of this model. A cycle starts at step 0 and skips missing lines.
 constexpr std::uint32_t nextStep(std::uint32_t step, std::uint32_t model, bool expanders)
 {
     constexpr std::uint32_t firstExpanderRelayStep = firstRelayStep + 4;
     switch (step) {
-    case 5: // the last GPIO of the controller itself
+    case 5: // the last GPIO of the controller
         return expanders ? 6 : firstRelayStep;
     case firstRelayStep: // the only single relay of some models
         if (fourRelayModels.contains(model))
@@ -88,9 +88,9 @@ static_assert(
     }(),
     "every line has an id");
 
-inline constexpr std::uint32_t unknownStatus = 1; ///< also the status of a line that is not used
+inline constexpr std::uint32_t unknownStatus = 1; ///< also the status of an unused line
 
-/// The status of a line that reads `value`; none for a value that a line cannot have.
+/// The status of a line with this value; none for an impossible value.
 constexpr std::optional<std::uint32_t> statusOf(std::uint32_t value)
 {
     switch (value) {
@@ -105,10 +105,10 @@ constexpr std::optional<std::uint32_t> statusOf(std::uint32_t value)
     }
 }
 
-/// What a GPIO is used for, as the data service tells it; 0 until it has.
+/// The use of a GPIO from the data service; 0 until reported.
 enum GpioType : std::uint32_t { NotConfigured = 0, Input = 1, Output = 2, NotUsed = 3 };
 
-/// The statuses to report for one GPIO, each only if it has a value; the input's goes first.
+/// The statuses to report for one GPIO, each only if it has a value; the input's first.
 struct GpioReport {
     std::optional<std::uint32_t> input;
     std::optional<std::uint32_t> output;
@@ -121,7 +121,7 @@ constexpr GpioReport reportOf(std::uint32_t gpioType, std::uint32_t value)
         return {statusOf(value), std::nullopt};
     case Output:
         return {std::nullopt, statusOf(value)};
-    case NotUsed: // whatever the line reads
+    case NotUsed: // regardless of the line's value
         return {unknownStatus, unknownStatus};
     default:
         return {};

@@ -1,4 +1,4 @@
-"""The command line of the generators, and the first line of each file they make."""
+"""The command line of the generators, and the first line of their files."""
 from __future__ import annotations
 
 import argparse

@@ -17,7 +17,7 @@ MODULE = "KVSNMP-MIB"
 MIB_FILE = CHECKOUT / f"mibs/{MODULE}.txt"
 BASE_MODULES = CHECKOUT / "build/npm/node_modules/net-snmp/lib/mibs"
 
-# What the name of a column ends in when it names the row or its values instead of having a value.
+# Suffixes of columns that name the row or its values instead of having a value.
 ROLES = {"Index": "index", "Description": "description", "Label": "label"}
 
 Spans = list[tuple[int, int]]
@@ -35,7 +35,7 @@ class Object(NamedTuple):
     enumeration: dict[int, str]
     ranges: Spans
     sizes: Spans
-    decimals: int  # digits behind the point when displayed
+    decimals: int  # displayed digits after the point
     units: str
     description: str  # on one line
 
@@ -58,7 +58,7 @@ class Notification(NamedTuple):
 
 class Mib:
     def __init__(self, nodes: dict[str, Any]) -> None:
-        self.nodes = nodes  # as pysmi names them
+        self.nodes = nodes  # by pysmi's names
         rows = {node["oid"]: (f"{name.removesuffix('Entry')}Table", node["indices"][0]["object"])
                 for name, node in nodes.items() if node.get("nodetype") == "row"}
         found = sorted((node for node in nodes.values() if "oid" in node), key=lambda node: arcs(node["oid"]))
@@ -109,7 +109,7 @@ def _notification(node: dict[str, Any]) -> Notification:
 
 
 def compile_mib(folder: Path) -> str:
-    """Runs pysmi's compiler, which writes the module into the folder as JSON; returns what it prints."""
+    """Runs pysmi's compiler, which writes the module to the folder as JSON; returns its output."""
     done = subprocess.run(
         ["mibdump", f"--mib-source=file://{MIB_FILE.parent}", f"--mib-source=file://{BASE_MODULES}",
          "--destination-format=json", f"--destination-directory={folder}", "--generate-mib-texts",

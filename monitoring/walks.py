@@ -1,4 +1,4 @@
-"""The golden walks: what each model serves, as snmpwalk -On -Oe -OU prints it, made of tests/device/golden.txt."""
+"""The golden walks: the objects of each model, as printed by snmpwalk -On -Oe -OU, from tests/device/golden.txt."""
 from __future__ import annotations
 
 import fnmatch

@@ -1,4 +1,4 @@
-// Finds what carries out a command; the commands about the data service's clients.
+// Dispatches commands; implements those about the data service's clients.
 #include "simulator/commandrunner.h"
 
 #include "simulator/talserver.h"

@@ -1,4 +1,4 @@
-// Carries out talctl's commands on the parts of the simulated device.
+// Runs talctl's commands on the parts of the simulated device.
 #pragma once
 
 #include "simulator/commands.h"
@@ -12,7 +12,7 @@ class GpioTree;
 class Monitor;
 class TalServer;
 
-/// What a service consists of. `monitor` and `gpio` are null when it was started without them.
+/// The parts of a service. `monitor` and `gpio` are null if it was started without them.
 struct Device {
     DataTree &tree;
     TalServer &server;
@@ -20,7 +20,7 @@ struct Device {
     GpioTree *gpio;
 };
 
-/// A command's words, as in the table of commands, and what carries it out; the number of arguments has been checked.
+/// A command's words, as in the table of commands, and its function, called with a valid number of arguments.
 struct CommandAction {
     const char *words;
     Reply (*run)(Device &device, const QStringList &arguments);
@@ -31,7 +31,7 @@ std::span<const CommandAction> monitorActions(); ///< the amplifier monitor
 std::span<const CommandAction> gpioActions();
 std::span<const CommandAction> clientActions(); ///< the data service's clients
 
-/// Carries out one command.
+/// Runs one command.
 Reply runCommand(Device &device, const QStringList &words);
 
 } // namespace simulator

@@ -14,90 +14,90 @@ constexpr auto client = Command::Place::Client;
 constexpr Command commands[] = {
     {"get", "PATH", 1, 1, service,
      "print the text of a leaf, or the XML of a node\n"
-     "When the path matches several nodes, each is printed on a line of its own: its path, a tab, its text or XML."},
+     "If the path matches several nodes, prints a line for each: its path, a tab, its text or XML."},
     {"set", "PATH VALUE", 2, 2, service,
-     "give a leaf its text\n"
-     "Refused when the leaf is not there. A text that does not change anything is not sent to the clients."},
+     "set the text of a leaf\n"
+     "Refused if the leaf does not exist. An unchanged text is not sent to the clients."},
     {"create", "PATH XML", 2, 2, service,
-     "make a node\n"
-     "XML is the node itself, e.g. create \"/state/fans/fan[kid='fan3']\" '<fan><speed_sensor_rpm>0</speed_sensor_rpm></fan>'.\n"
-     "List keys may stand in the path, in the XML or in both. Refused when the node is there or its parent is not."},
+     "create a node\n"
+     "XML is the node, e.g. create \"/state/fans/fan[kid='fan3']\" '<fan><speed_sensor_rpm>0</speed_sensor_rpm></fan>'.\n"
+     "List keys may be in the path, in the XML or in both. Refused if the node exists or its parent does not."},
     {"replace", "PATH XML", 2, 2, service,
-     "put a whole node in the place of the one that is there\n"
-     "Refused when it is not there."},
+     "replace a whole node\n"
+     "Refused if it does not exist."},
     {"patch", "PATH XML", 2, 2, service,
      "merge XML into a node, list nodes by their keys\n"
-     "What is not there is made, what differs is changed, what the XML does not name stays. Each changed node is sent by\n"
-     "itself."},
+     "Creates missing nodes and changes different ones; nodes that the XML does not name stay. Each changed node is sent\n"
+     "separately."},
     {"delete", "PATH", 1, 1, service,
-     "remove a node and all below it\n"
-     "Refused when it is not there, or when the path matches more than one."},
+     "remove a node and everything below it\n"
+     "Refused if it does not exist, or if the path matches more than one."},
     {"fault raise", "REPORTER REF ID LEVEL TEXT [--timestamp TIME] [--replace]", 5, 8, service,
-     "raise a fault: make its system message\n"
+     "raise a fault: create its system message\n"
      "ID is the message identifier, e.g. fan_not_running (\"\" for none); LEVEL a word such as crit, err, warning or notice.\n"
-     "TIME is the message's time text as it is, seconds since 1970 by default. Refused when REPORTER has a message REF\n"
-     "already, unless --replace is given."},
+     "TIME is the message's time text, by default the seconds since 1970. Refused if REPORTER already has a message REF,\n"
+     "unless --replace is given."},
     {"fault clear", "REPORTER REF", 2, 2, service,
      "end a fault: remove its system message\n"
-     "Refused when it is not there."},
+     "Refused if it does not exist."},
     {"fault list", "", 0, 0, service,
-     "print the faults, one a line: reporter, ref, id, level, time, text, with tabs between"},
+     "print the faults, one per line: reporter, ref, id, level, time, text, separated by tabs"},
     {"trap enable", "NAME", 1, 1, service,
      "enable a trap, e.g. trap enable 'LET Fault'"},
     {"trap disable", "NAME", 1, 1, service,
      "disable a trap"},
     {"trap list", "", 0, 0, service,
-     "print the traps, one a line: name, a tab, true or false"},
+     "print the traps, one per line: name, a tab, true or false"},
     {"monitor gpo", "ID STATE [SYSTEMSTATE]", 2, 3, service,
      "the amplifier monitor announces a control output\n"
-     "ID counts from 0. STATE: ok_cleared, ok_set, fail_cleared, fail_set; any text is sent as it is. SYSTEMSTATE is the\n"
+     "ID counts from 0. STATE: ok_cleared, ok_set, fail_cleared, fail_set; any text is sent unchanged. SYSTEMSTATE is the\n"
      "same as STATE by default."},
     {"monitor gpi", "ID STATE", 2, 2, service,
      "the amplifier monitor announces a control input\n"
-     "ID counts from 0. STATE: ok_open, ok_closed, fail_shorted, fail_unconnected; any text is sent as it is."},
+     "ID counts from 0. STATE: ok_open, ok_closed, fail_shorted, fail_unconnected; any text is sent unchanged."},
     {"monitor amp", "CHANNEL STATUS", 2, 2, service,
      "the amplifier monitor announces an amplifier channel's status\n"
      "CHANNEL counts from 0. STATUS is a number, 1 or 2."},
     {"monitor let", "CHANNEL LET PRESENCE", 3, 3, service,
      "the amplifier monitor announces the presence of a line end transponder\n"
-     "The three numbers go out in this order. CHANNEL counts from 0, LET from 1; PRESENCE is 1 or 2."},
+     "The three numbers are sent in this order. CHANNEL counts from 0, LET from 1; PRESENCE is 1 or 2."},
     {"monitor power", "CH1 CH2", 2, 2, service,
      "the amplifier monitor announces the power consumption of both channels"},
     {"monitor status", "", 0, 0, service,
-     "print up when the amplifier monitor is on the message bus, else down"},
+     "print up if the amplifier monitor is on the message bus, otherwise down"},
     {"gpio list", "", 0, 0, service,
-     "print the GPIO lines, one a line: name, number, folder, direction, level, with tabs between\n"
-     "The number is the device's own; the folder is gpioN, where N is another number for a line of an expander. Direction\n"
+     "print the GPIO lines, one per line: name, number, folder, direction, level, separated by tabs\n"
+     "The number is the device's; the folder is gpioN, where N is another number for a line of an expander. Direction\n"
      "and level are read from the files; the level is 0, 1, unreadable, or missing for a line that is not exported."},
     {"gpio remove", "", 0, 0, service,
-     "take the whole GPIO tree away"},
+     "remove the whole GPIO tree"},
     {"gpio restore", "", 0, 0, service,
-     "put the whole GPIO tree back, with the lines and levels as they are known"},
+     "restore the whole GPIO tree, with its last lines and levels"},
     {"gpio export", "LINE", 1, 1, service,
-     "make the folder of a line, as writing its number to the file export does"},
+     "create the folder of a line, like writing its number to the file export"},
     {"gpio unexport", "LINE", 1, 1, service,
-     "take the folder of a line away"},
+     "remove the folder of a line"},
     {"gpio", "LINE 0|1|unreadable", 2, 2, service,
      "set the level of a GPIO line, or make it fail\n"
      "LINE is a name of gpio list, e.g. gpio3, relay1 or e_relay8, or the line's number. The value of an unreadable line\n"
-     "is neither 0 nor 1, for any reader."},
+     "is neither 0 nor 1 for any reader."},
     {"clients", "", 0, 0, service,
-     "print the data service's clients, one a line: number, subscriptions, bytes not taken yet, with tabs between"},
+     "print the data service's clients, one per line: number, subscriptions, unread bytes, separated by tabs"},
     {"clients drop", "", 0, 0, service,
      "close the connections of all clients"},
     {"subscriptions", "", 0, 0, service,
-     "print the subscriptions in the order in which they were made: client, ref, path, with tabs between"},
+     "print the subscriptions in the order of their creation: client, ref, path, separated by tabs"},
     {"replay", "FILE", 1, 1, client,
-     "carry out the commands of a file, each at its time\n"
+     "run the commands of a file, each at its time\n"
      "A line is SECONDS COMMAND...: the seconds since the start, never less than on the line before, and a command as\n"
-     "below, e.g. 2.5 set /state/fans/fan[kid='amp_power']/speed_sensor_rpm 900. Words with blanks stand in quotes; what\n"
-     "follows a # is a comment. The whole file is read before the first command is sent; the first one that fails ends\n"
-     "the replay. FILE may be - for standard input."},
+     "below, e.g. 2.5 set /state/fans/fan[kid='amp_power']/speed_sensor_rpm 900. Quote words with blanks; a # starts a\n"
+     "comment. The whole file is read before the first command is sent; the first failure ends the replay. FILE may be -\n"
+     "for standard input."},
     {"batch", "[--answers]", 0, 1, client,
-     "carry out the commands on standard input, one a line, over one connection\n"
-     "All lines are carried out; those that fail are told with their numbers, and the exit code is then 1. A line is made\n"
-     "of words as in a replay, or is a JSON list of texts. With --answers one line is printed for each command, as soon as\n"
-     "it is done: {\"code\":0,\"text\":\"\"}; the exit code is then 0."},
+     "run the commands on standard input, one per line, over one connection\n"
+     "Runs all lines and reports failures with their line numbers; the exit code is then 1. A line consists of words as in\n"
+     "a replay, or is a JSON list of texts. With --answers prints one line for each command when it is done:\n"
+     "{\"code\":0,\"text\":\"\"}; the exit code is then 0."},
 };
 // clang-format on
 
@@ -123,7 +123,7 @@ const Command *commandOf(const QStringList &words)
 {
     const Command *found = nullptr;
     int length = 0;
-    for (const Command &command : commands) { // the longest that fits: "gpio list" before "gpio"
+    for (const Command &command : commands) { // the longest match: "gpio list" before "gpio"
         const QStringList own = QString::fromLatin1(command.words).split(QLatin1Char(' '));
         if (own.size() > length && words.mid(0, own.size()) == own) {
             found = &command;
@@ -161,20 +161,20 @@ QString helpText()
     QString text =
         QStringLiteral("usage: talctl [--control PATH] [--wait SECONDS] COMMAND [ARGUMENT...]\n"
                        "\n"
-                       "Gives orders to a running talservice. A command returns when what it changes has been handed "
-                       "to the clients of\n"
-                       "the data service that keep up.\n"
+                       "Sends commands to a running talservice. A command returns when its changes have been delivered "
+                       "to the data\n"
+                       "service's clients, except slow ones.\n"
                        "\n"
                        "  --control PATH   control socket (default: TAL_CONTROL, else /var/run/talctl.sock)\n"
-                       "  --wait SECONDS   wait that long for the service to come up\n"
-                       "  --help           this text; talctl COMMAND --help tells more about one\n"
+                       "  --wait SECONDS   wait this long for the service to start\n"
+                       "  --help           this text; talctl COMMAND --help describes one command\n"
                        "  --version        print the version\n"
                        "\n"
                        "Commands:\n");
     for (const Command &command : commands)
         text += listEntry(command);
     text += QStringLiteral("\n"
-                           "Exit codes: 0 done, 1 refused by the service, 2 wrong usage, 3 no service.\n");
+                           "Exit codes: 0 success, 1 refused by the service, 2 wrong usage, 3 no service.\n");
     return text;
 }
 

@@ -6,38 +6,38 @@
 
 namespace simulator {
 
-/// What a command came to; the numbers are talctl's exit codes.
+/// The result of a command; the numbers are talctl's exit codes.
 struct Reply {
     enum Code { Done = 0, Refused = 1, Usage = 2, NoService = 3 };
 
     int code = Done;
-    QString text; ///< output when done, the reason when not
+    QString text; ///< the output, or the reason of a failure
 };
 
 struct Command {
     enum class Place { Service, Client };
 
     const char *words;     ///< "fault raise"
-    const char *arguments; ///< as the help shows them
+    const char *arguments; ///< as in the help
     int least;             ///< number of arguments
     int most;
-    Place place;      ///< who carries it out
+    Place place;      ///< the program that runs it
     const char *help; ///< first line: summary
 };
 
-/// The command that the words begin with; null when there is none.
+/// The command at the start of the words; null without one.
 const Command *commandOf(const QStringList &words);
-/// The words behind the command's own.
+/// The words after the command.
 QStringList argumentsOf(const Command &command, const QStringList &words);
 /// The usage line of a command, named by its words.
 QString usageOf(const char *words);
-/// An empty text when the service can be asked, else what is wrong with the words.
+/// An empty text if the words are valid, otherwise the error.
 QString usageError(const QStringList &words);
 
-/// What `talctl --help` and `talctl COMMAND --help` print.
+/// The output of `talctl --help` and `talctl COMMAND --help`.
 QString helpText();
 QString helpText(const Command &command);
-/// The commands that begin with this word and go on with another; nothing when there are none.
+/// The commands with this first word and a second one; empty without any.
 QString groupHelpText(const QString &word);
 
 } // namespace simulator

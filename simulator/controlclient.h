@@ -1,4 +1,4 @@
-// talctl's side of the control socket; it blocks, and needs no event loop.
+// talctl's side of the control socket; blocking, without an event loop.
 #pragma once
 
 #include "simulator/commands.h"
@@ -16,19 +16,19 @@ public:
     ControlClient(const ControlClient &) = delete;
     ControlClient &operator=(const ControlClient &) = delete;
 
-    /// Tries until it is connected or the time is up. False, with the reason in `error`.
+    /// Retries until it is connected or the time is over. False, with the reason in `error`, on failure.
     bool connectTo(const QString &path, double waitSeconds, QString &error);
 
     int descriptor() const { return m_fd; }
-    /// False when the service has gone.
+    /// False if the service is gone.
     bool send(const QStringList &words);
-    /// A line of words, as the service splits them; without its line end.
+    /// Sends a line of words, which the service splits; without its line end.
     bool sendLine(QByteArray line);
-    /// The next reply; nothing when the service has gone.
+    /// The next reply; nothing if the service is gone.
     std::optional<Reply> receive();
-    /// The next reply if it can be had without another read.
+    /// The next reply, if it is already read.
     std::optional<Reply> takeReceived();
-    /// Reads once. False when the service has gone.
+    /// Reads once. False if the service is gone.
     bool read();
 
 private:

@@ -13,9 +13,9 @@ namespace simulator {
 namespace {
 
 constexpr qint64 maxLine = qint64{16} * 1024 * 1024; // a message of the greatest size, escaped
-constexpr qint64 maxOwed = qint64{1024} * 1024;      // more than this waiting for clients: the next command waits, too
-constexpr int commandsPerTurn = 256;                 // then everybody else has a turn
-constexpr std::size_t maxRequests = 65536;           // read ahead of what is carried out
+constexpr qint64 maxOwed = qint64{1024} * 1024; // with more than this waiting for clients, the next command also waits
+constexpr int commandsPerTurn = 256;            // then others get a turn
+constexpr std::size_t maxRequests = 65536;      // read ahead of the current command
 
 QByteArray replyLine(const Reply &reply)
 {
@@ -50,7 +50,7 @@ void ControlConnection::onReadyRead()
     proceed();
 }
 
-/// Carries out what waits, as long as the clients keep up, and sends the replies when they have been served.
+/// Runs waiting commands while the clients keep up, and sends the replies when the clients have been served.
 void ControlConnection::proceed()
 {
     for (int i = 0; i < commandsPerTurn && !m_requests.empty() && m_device.server.owed() <= maxOwed; ++i) {
@@ -65,7 +65,7 @@ void ControlConnection::proceed()
         m_replies.clear();
     }
     if (m_requests.empty() ? !m_socket->canReadLine() : m_device.server.owed() > maxOwed)
-        return; // the next bytes, or a client's progress, bring us back
+        return; // the next bytes, or a client's progress, call this again
     m_nextTurn.start();
 }
 

@@ -1,4 +1,4 @@
-// The control socket: talctl's commands come in, replies go out.
+// The control socket: receives talctl's commands and sends replies.
 #pragma once
 
 #include "simulator/commandrunner.h"
@@ -11,8 +11,8 @@
 
 namespace simulator {
 
-/// One request is a line with a JSON list of words, one reply a line like {"code":0,"text":""}. A reply goes out when
-/// what the command changed has been handed to the clients of the data service that keep up.
+/// A request is a line with a JSON list of words, a reply a line like {"code":0,"text":""}. A reply is sent when the
+/// command's changes have been delivered to the data service's clients, except slow ones.
 class ControlConnection : public QObject {
     Q_OBJECT
 
@@ -29,8 +29,8 @@ private:
     QLocalSocket *m_socket;
     Device &m_device;
     std::deque<QByteArray> m_requests;
-    QByteArray m_replies; // of commands that are done, held until the clients have been served
-    QTimer m_nextTurn;    // more to do when everybody else has had a turn
+    QByteArray m_replies; // of finished commands, held until the clients have been served
+    QTimer m_nextTurn;    // more work after others have had a turn
 };
 
 class ControlServer : public QObject {
@@ -39,7 +39,7 @@ class ControlServer : public QObject {
 public:
     ControlServer(QObject *parent, Device &device);
 
-    /// False, with the reason in `error`, when the socket cannot be served.
+    /// False, with the reason in `error`, if the socket cannot be served.
     bool listen(const QString &path, QString &error);
 
 private Q_SLOTS:

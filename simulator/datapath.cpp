@@ -17,7 +17,7 @@ bool isNameByte(char c)
     return isNameStart(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
 }
 
-/// Walks over the text of a path; each take...() moves past what it gives.
+/// Scans the text of a path; each take...() consumes its result.
 class PathReader {
 public:
     explicit PathReader(std::string_view text) : m_rest(text) {}
@@ -61,7 +61,7 @@ private:
     std::string_view m_rest;
 };
 
-/// Reads what follows a '['. False when it is malformed.
+/// Reads the text after a '['. False if it is malformed.
 bool readPredicate(PathReader &reader, Predicate &predicate)
 {
     predicate.key = reader.takeName();
@@ -127,7 +127,7 @@ std::vector<pugi::xml_node> keyLeaves(pugi::xml_node node)
     std::vector<pugi::xml_node> leaves;
     for (const pugi::xml_node child : node.children()) {
         if (!isKeyOf(node, child.name()))
-            break; // a list of thousands of nodes is not looked through for keys of its own
+            break; // do not search a list of thousands of nodes for keys
         leaves.push_back(child);
     }
     return leaves;

@@ -16,7 +16,7 @@ struct Predicate {
     std::string value;
 };
 
-/// One step: an element name and the predicates that choose among the elements of that name.
+/// One step: an element name and the predicates that select elements of that name.
 struct PathStep {
     std::string name;
     std::vector<Predicate> predicates;
@@ -24,27 +24,26 @@ struct PathStep {
 
 using DataPath = std::vector<PathStep>;
 
-/// Reads an absolute path. Values stand in apostrophes, quotation marks or, without blanks' meaning, bare; '/', ']' and
-/// blanks inside quotes belong to the value. Nothing on a malformed path; `error` then says what is wrong.
+/// Reads an absolute path. Values are in apostrophes, in quotation marks or bare, without significant blanks; '/', ']'
+/// and blanks inside quotes belong to the value. Nothing, with the reason in `error`, for a malformed path.
 std::optional<DataPath> parsePath(std::string_view text, std::string &error);
 
-/// True for a text that can stand as an element's name in a path.
+/// True for a text that can be an element's name in a path.
 bool isElementName(std::string_view text);
 
-/// The leaves that may tell list nodes of this element name apart; unused places are null.
+/// The leaves that can identify list nodes of this element name; unused places are null.
 std::array<const char *, 2> keyNames(std::string_view elementName);
 
-/// The key leaves that this node has, which are its first children (readNode() sees to it); none when it is no list
-/// node.
+/// The key leaves of this node, its first children (readNode() ensures this); none if it is not a list node.
 std::vector<pugi::xml_node> keyLeaves(pugi::xml_node node);
 
-/// True when a child of this name is, or would be, a key leaf of `parent`.
+/// True if a child of this name is, or would be, a key leaf of `parent`.
 bool isKeyOf(pugi::xml_node parent, std::string_view name);
 
-/// True when the node has the step's name and, for each predicate, a leaf with that text.
+/// True if the node has the step's name and, for each predicate, a leaf with that text.
 bool stepMatches(const PathStep &step, pugi::xml_node node);
 
-/// Name of a node with a predicate for each of its list keys; it tells the node from its siblings.
+/// Name of a node with a predicate for each of its list keys; unique among its siblings.
 std::string stepText(pugi::xml_node node);
 
 /// Absolute path of a node, with a predicate for each list key on every list step.

@@ -30,7 +30,7 @@ void selectBelow(pugi::xml_node parent, const DataPath &path, std::size_t step, 
     }
 }
 
-/// Gives the node the keys that its path names. A key that both name must be the same.
+/// Adds the keys in the node's path to the node. A key in both must be the same.
 Refusal addKeys(pugi::xml_node node, const PathStep &step)
 {
     for (const Predicate &predicate : step.predicates) {
@@ -49,9 +49,9 @@ Refusal addKeys(pugi::xml_node node, const PathStep &step)
 
 struct DataTree::Incoming {
     pugi::xml_document document;
-    pugi::xml_node node;     // what the edit brings, its children in their order
-    pugi::xml_node parent;   // where in the tree it belongs
-    pugi::xml_node existing; // the node that is there already; null when there is none
+    pugi::xml_node node;     // the new node, with its children in order
+    pugi::xml_node parent;   // its place in the tree
+    pugi::xml_node existing; // the existing node; null without one
 };
 
 DataTree::DataTree()
@@ -193,7 +193,7 @@ Refusal DataTree::selectOne(std::string_view path, pugi::xml_node &node) const
     return std::nullopt;
 }
 
-/// The child that has the name and the list keys of `node`; null when there is none.
+/// The child with the name and the list keys of `node`; null without one.
 pugi::xml_node DataTree::childLike(pugi::xml_node parent, pugi::xml_node node) const
 {
     const auto known = m_index.find(pathText(parent) + "/" + stepText(node));
@@ -226,11 +226,11 @@ void DataTree::mergeInto(pugi::xml_node node, pugi::xml_node source)
         if (isLeaf(node))
             changeText(node, source.child_value());
         else if (source.first_child())
-            put(node, source); // a text where nodes were
-        return;                // an empty element brings nothing to merge
+            put(node, source); // a text replaces nodes
+        return;                // an empty element has nothing to merge
     }
     if (isLeaf(node) && node.first_child()) {
-        put(node, source); // nodes where a text was
+        put(node, source); // nodes replace a text
         return;
     }
     for (const pugi::xml_node child : source.children()) {

@@ -1,4 +1,4 @@
-// The data tree and the edits on it. Whoever listens is told of each change, node by node.
+// The data tree and the edits on it. Reports each change to its listener, node by node.
 #pragma once
 
 #include "simulator/datapath.h"
@@ -13,18 +13,18 @@
 
 namespace simulator {
 
-/// One node that came, changed or went.
+/// One node that was created, changed or deleted.
 struct Change {
     enum class Op { Create, Replace, Delete };
 
     Op op;
-    pugi::xml_node before;             ///< the node as it was; null for Create
-    pugi::xml_node after;              ///< the node as it is; null for Delete
-    std::vector<pugi::xml_node> chain; ///< from the root element to the node itself
+    pugi::xml_node before;             ///< the old node; null for Create
+    pugi::xml_node after;              ///< the new node; null for Delete
+    std::vector<pugi::xml_node> chain; ///< from the root element to the node
     std::string rpath;                 ///< path of the node, with its list keys
 };
 
-/// Nothing when an edit was applied, else why it was not.
+/// Nothing if an edit was applied, otherwise the reason.
 using Refusal = std::optional<std::string>;
 
 class DataTree {
@@ -33,31 +33,31 @@ public:
 
     DataTree();
 
-    /// The one listener; it is called while the node of `Change` still, or already, stands in the tree.
+    /// The only listener; called while the node of `Change` is still, or already, in the tree.
     void setListener(Listener listener) { m_listener = std::move(listener); }
 
     /// The nodes that the path matches, in document order.
     std::vector<pugi::xml_node> select(const DataPath &path) const;
 
-    /// True when there is a node of exactly this path, with a predicate for each list key.
+    /// True if a node with exactly this path exists, with a predicate for each list key.
     bool contains(const std::string &rpath) const { return m_index.count(rpath) != 0; }
 
-    /// Makes the node; refused when it is there or when its parent is not.
+    /// Creates the node; refused if it exists or its parent does not.
     Refusal create(std::string_view path, std::string_view xml);
-    /// Puts a whole node in the place of the one that is there.
+    /// Replaces an existing node.
     Refusal replace(std::string_view path, std::string_view xml);
-    /// Gives the leaf, which is there, its text.
+    /// Sets the text of an existing leaf.
     Refusal set(std::string_view path, std::string_view text);
-    /// Makes the node or merges into the one that is there, list nodes by their keys; each node that changes is told.
+    /// Creates the node or merges into the existing one, list nodes by their keys; reports each changed node.
     Refusal patch(std::string_view path, std::string_view xml);
-    /// Removes the node, which is there.
+    /// Removes an existing node.
     Refusal remove(std::string_view path);
 
-    /// Merges a whole tree, root element included; for the tree files.
+    /// Merges a whole tree, including the root element; for the tree files.
     void merge(pugi::xml_node root);
 
 private:
-    struct Incoming; // a node that an edit brings, and its parent in the tree
+    struct Incoming; // the node of an edit, and its parent in the tree
 
     Refusal readIncoming(std::string_view path, std::string_view xml, Incoming &incoming) const;
     Refusal selectOne(std::string_view path, pugi::xml_node &node) const;
@@ -72,7 +72,8 @@ private:
     void takeFromIndex(pugi::xml_node node, const std::string &rpath);
 
     pugi::xml_document m_document;
-    std::unordered_map<std::string, pugi::xml_node> m_index; // every node by its path: lists get thousands of nodes
+    std::unordered_map<std::string, pugi::xml_node>
+        m_index; // every node by its path: lists can have thousands of nodes
     Listener m_listener;
 };
 

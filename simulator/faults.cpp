@@ -1,4 +1,4 @@
-// Faults and traps, as the tree holds them.
+// Faults and traps in the tree.
 #include "simulator/faults.h"
 
 #include "simulator/treexml.h"

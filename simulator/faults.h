@@ -1,4 +1,4 @@
-// Faults and traps, as the tree holds them: system messages and the enabled flags of the trap settings.
+// Faults and traps in the tree: system messages and the enabled flags of the trap settings.
 #pragma once
 
 #include "simulator/datatree.h"
@@ -17,7 +17,7 @@ struct Fault {
     std::string timestamp;
 };
 
-/// Raises the fault; refused when one of that reporter and reference is there, unless `replace` is set.
+/// Raises the fault; refused if one with that reporter and reference exists, unless `replace` is set.
 Refusal raiseFault(DataTree &tree, const Fault &fault, bool replace);
 Refusal clearFault(DataTree &tree, const std::string &reporter, const std::string &ref);
 std::vector<Fault> faults(const DataTree &tree);

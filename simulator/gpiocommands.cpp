@@ -8,7 +8,7 @@ namespace simulator {
 
 namespace {
 
-/// Carries out what gives an error text, when there is a GPIO tree.
+/// Runs an action that returns an error text, if there is a GPIO tree.
 template <typename Action>
 Reply onTree(Device &device, Action action)
 {

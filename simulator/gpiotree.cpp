@@ -13,7 +13,7 @@ namespace simulator {
 
 namespace {
 
-/// An expander at an I2C address: its lines follow one another from `base` in the files, from `first` in the device's
+/// An expander at an I2C address: its lines are consecutive, from `base` in the files and from `first` in the device's
 /// numbers.
 struct Expander {
     const char *label;
@@ -25,7 +25,7 @@ constexpr int expanderLines = 16;
 constexpr Expander expander21{"1-0021", 600, 176};
 constexpr Expander expander22{"1-0022", 616, 192};
 
-/// Lines that follow one another in their names and numbers.
+/// Lines with consecutive names and numbers.
 struct LineRow {
     const char *prefix;
     int suffix;
@@ -53,7 +53,7 @@ constexpr uint shiftedModel = 6891; // its controller lines are numbered 336 hig
 constexpr int shift = 336;
 constexpr int highestControllerLine = 175;
 
-/// Writes in place, without emptying the file first: a reader in between must not find it empty.
+/// Writes in place, without emptying the file first, so that no reader finds it empty.
 bool writeFile(const QString &path, const QByteArray &content)
 {
     QFile file(path);
@@ -71,7 +71,7 @@ QByteArray levelText(GpioTree::Level level)
     case GpioTree::Level::Unreadable:
         break;
     }
-    return "unreadable\n"; // no reader can take this for a level, whatever its rights
+    return "unreadable\n"; // not a level for any reader, even for root
 }
 
 bool has(const std::initializer_list<uint> &models, uint model)
@@ -157,7 +157,7 @@ QString GpioTree::remove()
     if (!m_there)
         return QStringLiteral("the GPIO tree is removed already");
     clearRoot();
-    QDir().rmdir(m_root); // stays when it is a mount point
+    QDir().rmdir(m_root); // fails for a mount point
     m_there = false;
     return {};
 }
@@ -172,7 +172,7 @@ void GpioTree::onFileChanged(const QString &path)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadWrite | QIODevice::Unbuffered))
-        return; // gone with the tree
+        return; // removed with the tree
     const QByteArray text = file.readAll().trimmed();
     if (text.isEmpty())
         return; // emptied by the writer, or by the line below
@@ -224,7 +224,7 @@ QString GpioTree::makeTree()
         if (!error.isEmpty())
             return error;
     }
-    // last: whoever finds them finds the rest as well
+    // last, so that a reader who finds them finds the rest, too
     for (const char *name : {"unexport", "export"}) {
         const QString path = filePath(QLatin1String(name));
         if (!writeFile(path, {}) || !m_watcher.addPath(path))
@@ -250,7 +250,7 @@ QString GpioTree::writeLevel(const Line &line) const
     return writeFile(path, levelText(line.level)) ? QString() : QStringLiteral("cannot write %1").arg(path);
 }
 
-/// Removes what a GPIO tree consists of, and nothing else that may be in the folder.
+/// Removes only the files of a GPIO tree from the folder.
 void GpioTree::clearRoot()
 {
     if (!m_watcher.files().isEmpty())

@@ -1,4 +1,4 @@
-// The device's GPIO lines as files, laid out as the kernel lays out its GPIO sysfs.
+// The device's GPIO lines as files, in the layout of the kernel's GPIO sysfs.
 #pragma once
 
 #include <QFileSystemWatcher>
@@ -18,29 +18,29 @@ public:
         QString name; ///< "gpio1", "relay1", "e_relay1"
         int number;   ///< the device's number of the line
         int file;     ///< N of the folder gpioN: `number`, or a line of an expander
-        bool output;  ///< what `direction` says when the folder is made; relays are outputs
+        bool output;  ///< the `direction` of a new folder; relays are outputs
         Level level;
-        bool exported; ///< whether the folder is there
+        bool exported; ///< whether the folder exists
     };
 
-    /// Knows the lines of the model; touches no file yet.
+    /// Creates the list of the model's lines; writes no file yet.
     GpioTree(QObject *parent, QString root, uint model);
 
-    /// The line is driven by the device: its `direction` says "out". Before start().
+    /// The device drives the line: its `direction` is "out". Call before start().
     void setOutput(const QString &name);
 
-    /// Makes the folder, the chips, `export`, `unexport` and, when `exportAll` is set, every line.
+    /// Creates the folder, the chips, `export`, `unexport` and, if `exportAll` is set, every line.
     bool start(bool exportAll, QString &error);
 
     const std::vector<Line> &lines() const { return m_lines; }
     const QString &root() const { return m_root; }
     bool isThere() const { return m_there; }
 
-    // Each gives an empty text when it was done, else why not.
+    // Each returns an empty text, or the reason of a failure.
     QString setLevel(const QString &nameOrNumber, Level level);
     QString exportLine(const QString &nameOrNumber);
     QString unexportLine(const QString &nameOrNumber);
-    /// Takes the whole tree away, and puts it back with its lines and levels as they are known.
+    /// Removes the whole tree; restores it with its last lines and levels.
     QString remove();
     QString restore();
 

@@ -1,4 +1,4 @@
-// What talservice tells the person who started it.
+// talservice's messages to the user.
 #include "simulator/messages.h"
 
 #include <cstdio>

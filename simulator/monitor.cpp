@@ -38,7 +38,7 @@ void Monitor::start()
 
 bool Monitor::flush()
 {
-    // the answer comes after the bus has read what was sent before
+    // the answer arrives after the bus has read all earlier messages
     const QDBusMessage ping =
         QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
                                        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("GetId"));

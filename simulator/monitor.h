@@ -8,7 +8,7 @@
 
 namespace simulator {
 
-/// What the service shows on the bus; the spelling of its members is the interface's own.
+/// The object on the bus; its members are spelled as in the interface.
 class MonitorAdaptor : public QDBusAbstractAdaptor {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "com.orvane.pamon")
@@ -30,7 +30,7 @@ Q_SIGNALS:
     void onPowerConsumptionUpdate(uint ch1PowerConsumption, uint ch2PowerConsumption);
 };
 
-/// Keeps the service on its bus: while there is none, or another owns the name, it tries again every second.
+/// Keeps the service on its bus: without a bus, or while another owns the name, it retries every second.
 class Monitor : public QObject {
     Q_OBJECT
 
@@ -40,13 +40,13 @@ public:
     Monitor(QObject *parent, Bus bus);
     ~Monitor() override;
 
-    /// Connects now, and again whenever the bus goes.
+    /// Connects now, and again after each loss of the bus.
     void start();
 
     bool isUp() const { return m_up; }
-    /// Emits go to it.
+    /// The object for signals.
     MonitorAdaptor &adaptor() { return m_adaptor; }
-    /// Returns when the bus has taken what was emitted; false when it did not, within a second.
+    /// Returns when the bus has read the emitted signals; false if it has not within a second.
     bool flush();
 
 private Q_SLOTS:
@@ -59,7 +59,7 @@ private:
     MonitorAdaptor m_adaptor;
     QTimer m_timer;
     bool m_up = false;
-    QString m_lastError; // said once, not every second
+    QString m_lastError; // printed once, not every second
 };
 
 } // namespace simulator

@@ -1,4 +1,4 @@
-// The commands that make the amplifier monitor announce something.
+// The commands for announcements of the amplifier monitor.
 #include "simulator/commandrunner.h"
 #include "simulator/monitor.h"
 
@@ -8,7 +8,7 @@ namespace simulator {
 
 namespace {
 
-/// Reads the leading arguments as numbers, has `emit` send them, and waits until the bus has taken the signal.
+/// Reads the leading arguments as numbers, sends them with `emit`, and waits until the bus has read the signal.
 template <typename Emit>
 Reply announce(Device &device, const QStringList &arguments, int numbers, Emit emit)
 {

@@ -8,9 +8,9 @@ namespace simulator {
 
 namespace {
 
-constexpr double maxSeconds = 1e9; // longer than anyone waits, and short enough for every clock
+constexpr double maxSeconds = 1e9; // longer than any replay, and short enough for every clock
 
-/// What is wrong with the words of one line, which begin with the time; nothing when all is well.
+/// The error in the words of one line, which begin with the time; empty without one.
 QString lineError(const QStringList &words, double seconds, bool isNumber, double lastSeconds)
 {
     if (!isNumber || !(seconds >= 0 && seconds <= maxSeconds)) // a NaN is neither

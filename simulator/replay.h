@@ -1,4 +1,4 @@
-// Replays: commands with the times at which they are carried out.
+// Replays: commands with their times.
 #pragma once
 
 #include <QString>
@@ -14,7 +14,7 @@ struct TimedCommand {
     QStringList words;
 };
 
-/// Reads a whole replay. Nothing when a line is wrong; `error` then names it by its number.
+/// Reads a whole replay. Nothing, with the line number in `error`, if a line is wrong.
 std::optional<std::vector<TimedCommand>> readReplay(const QString &text, QString &error);
 
 } // namespace simulator

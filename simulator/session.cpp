@@ -12,11 +12,11 @@ namespace {
 
 constexpr int lagCheckMs = 1000;
 constexpr qint64 lagBytes =
-    qint64{256} * 1024; // a client that takes less than this in one check, and is not done, lags
+    qint64{256} * 1024; // a client that reads less than this in one check, without finishing, lags
 
 using TreeEdit = Refusal (DataTree::*)(std::string_view path, std::string_view xml);
 
-/// Carries out an edit that brings a node: the one element in the request's `data`.
+/// Applies an edit with a node: the only element in the request's `data`.
 Refusal applyData(DataTree &tree, TreeEdit treeEdit, const std::string &path, pugi::xml_node request)
 {
     const pugi::xml_node node = request.child("data").first_child();
@@ -37,7 +37,7 @@ Session::Session(QObject *parent, QLocalSocket *socket, DataTree &tree, int numb
     connect(m_socket, &QLocalSocket::bytesWritten, this, &Session::onBytesWritten);
     connect(m_socket, &QLocalSocket::disconnected, this, &Session::ended, Qt::QueuedConnection);
     connect(&m_lagTimer, &QTimer::timeout, this, &Session::onLagCheck);
-    if (m_socket->state() != QLocalSocket::ConnectedState) // it may have gone before it was looked at
+    if (m_socket->state() != QLocalSocket::ConnectedState) // it may have disconnected already
         QTimer::singleShot(0, this, &Session::ended);
     else
         QTimer::singleShot(0, this, &Session::onReadyRead);
@@ -67,7 +67,7 @@ void Session::drop(const QString &reason)
     if (m_dropped)
         return;
     say(QStringLiteral("client %1 dropped: %2").arg(m_number).arg(reason));
-    m_dropped = true; // from here on nothing is sent to it
+    m_dropped = true; // nothing is sent to it any more
     m_lagTimer.stop();
     QTimer::singleShot(0, m_socket, &QLocalSocket::abort);
     QTimer::singleShot(0, this, &Session::progressed);
@@ -172,7 +172,7 @@ void Session::send(const std::string &message)
 {
     if (m_dropped)
         return;
-    if (message.size() > maxMessageSize) { // no client could take it, and each would come back for it for ever
+    if (message.size() > maxMessageSize) { // no client accepts it, and each would reconnect endlessly to get it
         say(QStringLiteral("client %1: a notification of %2 bytes is longer than a message may be, and is not sent")
                 .arg(m_number)
                 .arg(message.size()));

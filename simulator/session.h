@@ -1,4 +1,4 @@
-// One client of the data service: its requests, its subscriptions and what waits to be sent to it.
+// One client of the data service: its requests, its subscriptions and its outgoing queue.
 #pragma once
 
 #include "platform/xrcommon/framing/framing.h"
@@ -14,24 +14,24 @@ class Session : public QObject {
     Q_OBJECT
 
 public:
-    /// Takes over the socket. A client that lets more than `maxQueue` bytes pile up is dropped.
+    /// Takes ownership of the socket. Drops a client with more than `maxQueue` unread bytes.
     Session(QObject *parent, QLocalSocket *socket, DataTree &tree, int number, qint64 maxQueue);
 
     int number() const { return m_number; }
     const std::vector<Subscription> &subscriptions() const { return m_subscriptions; }
-    /// Bytes that the client has not taken yet.
+    /// Bytes that the client has not yet read.
     qint64 queued() const { return m_dropped ? 0 : m_socket->bytesToWrite(); }
-    /// False while the client takes nothing: nobody waits for such a one.
+    /// False while the client reads nothing: commands do not wait for it.
     bool keepsUp() const { return !m_lagging; }
 
     void tell(const Change &change);
     void flush();
-    /// Closes the connection; `reason` goes to the program's messages.
+    /// Closes the connection and prints `reason`.
     void drop(const QString &reason);
 
 Q_SIGNALS:
     void ended();
-    /// The client has taken something, or is not waited for any longer.
+    /// The client has read something, or commands no longer wait for it.
     void progressed();
 
 private Q_SLOTS:

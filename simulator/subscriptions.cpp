@@ -43,7 +43,7 @@ const char *opText(Change::Op op)
     return "replace";
 }
 
-/// The nodes below `node`, itself at `step - 1`, that the rest of the path matches.
+/// The nodes below `node`, which is at `step - 1`, that match the rest of the path.
 void collect(const DataPath &path, std::size_t step, pugi::xml_node node, const std::string &rpath,
              std::vector<Match> &matches)
 {
@@ -58,7 +58,7 @@ void collect(const DataPath &path, std::size_t step, pugi::xml_node node, const 
             collect(path, step + 1, child, rpath + "/" + stepText(child), matches);
 }
 
-/// A change above the matched nodes: each of them is told by itself.
+/// A change above the matched nodes: reports each of them separately.
 void tellInside(const Subscription &subscription, const Change &change, const MessageSink &sink)
 {
     std::vector<Match> before;

@@ -1,4 +1,4 @@
-// Subscriptions: what a change of the tree means to each of them.
+// Subscriptions: the messages of a change of the tree for each of them.
 #pragma once
 
 #include "simulator/datatree.h"
@@ -8,21 +8,21 @@
 
 namespace simulator {
 
-/// One path that a client asked to be told about.
+/// One path to which a client has subscribed.
 struct Subscription {
     std::string ref;
-    std::string pathText; ///< as the client wrote it
+    std::string pathText; ///< as in the client's request
     DataPath path;
 };
 
-/// Takes one whole message, without its closing NUL.
+/// Receives one whole message, without its closing NUL.
 using MessageSink = std::function<void(const std::string &message)>;
 
-/// One "create" for each node that the subscription matches now, in document order.
+/// One "create" for each node that now matches the subscription, in document order.
 void tellExisting(const Subscription &subscription, const DataTree &tree, const MessageSink &sink);
 
-/// What the change means to the subscription: one message when the node is a matched one or below one; one for each
-/// matched node inside it that came, changed or went when it is above; none otherwise.
+/// The messages of a change for the subscription: one if the node is, or is below, a matched node; if it is above, one
+/// for each matched node inside it that was created, changed or deleted; otherwise none.
 void tellChange(const Subscription &subscription, const Change &change, const MessageSink &sink);
 
 } // namespace simulator

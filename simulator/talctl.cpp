@@ -1,4 +1,4 @@
-// talctl: gives orders to a running talservice.
+// talctl: sends commands to a running talservice.
 #include "simulator/controlclient.h"
 #include "simulator/replay.h"
 #include "simulator/words.h"
@@ -36,7 +36,7 @@ int serviceWent()
     return fail(Reply::NoService, QStringLiteral("the service went away"));
 }
 
-/// Sends one command and prints what comes back.
+/// Sends one command and prints the reply.
 int runOne(ControlClient &client, const QStringList &words, const QString &failurePrefix = {})
 {
     const std::optional<Reply> reply = client.send(words) ? client.receive() : std::nullopt;
@@ -63,7 +63,7 @@ int runReplay(ControlClient &client, const std::vector<TimedCommand> &commands)
     return Reply::Done;
 }
 
-/// Commands from standard input, many under way at a time.
+/// Commands from standard input, many in flight at a time.
 class Batch {
 public:
     Batch(ControlClient &client, bool answers) : m_client(client), m_answers(answers) {}
@@ -135,7 +135,7 @@ private:
             return true; // blank, or a comment
         m_lineOf.push_back(m_line);
         ++m_sent;
-        return m_client.sendLine(line); // a malformed one, too: the answers stay in order
+        return m_client.sendLine(line); // also a malformed one, so that the answers stay in order
     }
 
     ControlClient &m_client;
@@ -143,7 +143,7 @@ private:
     bool m_ended = false;
     QByteArray m_input;
     int m_line = 0;
-    std::vector<int> m_lineOf; // line numbers of the commands, as they were sent
+    std::vector<int> m_lineOf; // line numbers of the commands, in the order of sending
     std::size_t m_sent = 0;
     std::size_t m_answered = 0;
     int m_failed = 0;
@@ -160,8 +160,8 @@ bool isQuestion(const QString &word)
     return QStringList{QStringLiteral("--help"), QStringLiteral("-h"), QStringLiteral("--version")}.contains(word);
 }
 
-/// Reads the options before the command, or before --help and the like. False, with the reason in `error`, when one is
-/// wrong.
+/// Reads the options before the command, or before --help and the like. False, with the reason in `error`, for a wrong
+/// one.
 bool readOptions(QStringList arguments, Options &options, QString &error)
 {
     while (!arguments.isEmpty() && arguments.first().startsWith(QLatin1Char('-')) && !isQuestion(arguments.first())) {
@@ -187,7 +187,7 @@ bool readOptions(QStringList arguments, Options &options, QString &error)
     return true;
 }
 
-/// True when help or the version was asked for, and printed.
+/// True if help or the version was requested and printed.
 bool tellsAbout(const QStringList &arguments)
 {
     const QString first = arguments.value(0);

@@ -13,23 +13,23 @@ class TalServer : public QObject {
     Q_OBJECT
 
 public:
-    /// What one client may let pile up.
+    /// Most unread bytes of one client.
     static constexpr qint64 defaultMaxQueue = qint64{32} * 1024 * 1024;
 
     /// Becomes the tree's listener.
     TalServer(QObject *parent, DataTree &tree, qint64 maxQueue = defaultMaxQueue);
 
-    /// False, with the reason in `error`, when the socket cannot be served.
+    /// False, with the reason in `error`, if the socket cannot be served.
     bool listen(const QString &path, QString &error);
 
     const std::vector<Session *> &sessions() const { return m_sessions; }
-    /// Hands what waits to the sockets, as far as they take it.
+    /// Writes waiting bytes to the sockets, as far as they accept them.
     void flush();
-    /// Bytes waiting for the clients that keep up.
+    /// Bytes waiting for clients, except slow ones.
     qint64 owed() const;
 
 Q_SIGNALS:
-    /// owed() may have become less.
+    /// owed() may have decreased.
     void progressed();
 
 private Q_SLOTS:
@@ -43,7 +43,7 @@ private:
     int m_lastNumber = 0;
 };
 
-/// Listens at `path`, readable and writable for all; a socket that nobody serves any more is taken over.
+/// Listens at `path`, readable and writable for all; replaces an abandoned socket.
 bool listenAt(QLocalServer &server, const QString &path, QString &error);
 
 } // namespace simulator

@@ -1,5 +1,5 @@
-// talservice: the other side of a device's interfaces. It serves the data tree of one model, plays the amplifier
-// monitor and the GPIO lines, and takes orders from talctl.
+// talservice: simulates the other side of a device's interfaces. It serves the data tree of one model, simulates the
+// amplifier monitor and the GPIO lines, and runs talctl's commands.
 #include "simulator/controlserver.h"
 #include "simulator/gpiotree.h"
 #include "simulator/messages.h"
@@ -41,7 +41,7 @@ void endOnSignals(QCoreApplication &application)
     QObject::connect(notifier, &QSocketNotifier::activated, &application, &QCoreApplication::quit);
 }
 
-/// Applies one PATH=VALUE; the '=' of a predicate is not the one that counts, and a bracket in its quotes is none.
+/// Applies one PATH=VALUE; ignores the '=' of a predicate and brackets inside quotes.
 Refusal applySetting(DataTree &tree, const QString &setting)
 {
     bool inPredicate = false;
@@ -60,7 +60,7 @@ Refusal applySetting(DataTree &tree, const QString &setting)
     return "not PATH=VALUE";
 }
 
-/// A line that the tree configures as a control output is driven by the device.
+/// The device drives a line that the tree configures as a control output.
 void setOutputs(GpioTree &gpio, const DataTree &tree)
 {
     for (const pugi::xml_node node : tree.select({{"state", {}}, {"config", {}}, {"gpios", {}}, {"gpio", {}}}))
@@ -84,27 +84,27 @@ struct Options {
 constexpr char usageText[] =
     "usage: talservice --model N [OPTION...]\n"
     "\n"
-    "Plays the other side of a device's interfaces: the data service, the amplifier monitor on the message bus and the\n"
-    "GPIO lines. talctl gives it orders. It prints one line that begins with \"talservice: ready\" when it serves; all\n"
-    "else that it tells goes to standard error.\n"
+    "Simulates the other side of a device's interfaces: the data service, the amplifier monitor on the message bus and\n"
+    "the GPIO lines. talctl controls it. It prints one line that begins with \"talservice: ready\" when it is ready;\n"
+    "everything else goes to standard error.\n"
     "\n"
     "  --model N           model number, e.g. 6420\n"
     "  --trees DIR         folder of the tree files (default: ../share/kvsnmp-simulator/trees from the program's folder)\n"
     "  --socket PATH       socket of the data service (default: TAL_SOCKET, else /var/run/tal.sock)\n"
     "  --control PATH      socket for talctl (default: TAL_CONTROL, else /var/run/talctl.sock)\n"
-    "  --gpio-root DIR     make a GPIO tree in this folder (default: none)\n"
-    "  --gpio-lines WHICH  lines of the GPIO tree at start: exported (default), or none, so that each appears when its\n"
-    "                      number is written to the file export\n"
+    "  --gpio-root DIR     create a GPIO tree in this folder (default: none)\n"
+    "  --gpio-lines WHICH  lines of the GPIO tree at start: exported (default), or none, so that each only appears\n"
+    "                      when its number is written to the file export\n"
     "  --bus BUS           message bus of the amplifier monitor: system (default), session or none\n"
-    "  --max-queue BYTES   a client of the data service that lets more than this pile up is dropped (default: 33554432)\n"
-    "  --set PATH=VALUE    give a leaf of the tree another text before it is served; may be given more than once\n"
+    "  --max-queue BYTES   drop a client of the data service with more unread bytes than this (default: 33554432)\n"
+    "  --set PATH=VALUE    change a leaf of the tree at the start; can be repeated\n"
     "  --help              this text\n"
     "  --version           print the version\n"
     "\n"
-    "Exit codes: 0 ended by a signal, 1 cannot serve, 2 wrong usage.\n";
+    "Exit codes: 0 ended by a signal, 1 cannot start, 2 wrong usage.\n";
 // clang-format on
 
-/// An empty text when the options can be worked with, else what is wrong.
+/// An empty text if the options are valid, otherwise the error.
 QString readOptions(const QStringList &arguments, Options &options)
 {
     const auto option = [](const char *name, const QString &defaultValue = {}) {

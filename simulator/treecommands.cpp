@@ -63,7 +63,7 @@ Reply remove(Device &device, const QStringList &arguments)
 
 Reply raise(Device &device, const QStringList &arguments)
 {
-    constexpr int texts = 5; // what is left without the options
+    constexpr int texts = 5; // the number without options
     QStringList words = arguments;
     const bool replaces = words.removeAll(QStringLiteral("--replace")) > 0;
     QString timestamp = QString::number(QDateTime::currentSecsSinceEpoch());

@@ -12,7 +12,7 @@ namespace simulator {
 
 namespace {
 
-constexpr int maxIncludes = 8; // deep enough; ends a fragment that includes itself
+constexpr int maxIncludes = 8; // deep enough; stops a fragment that includes itself
 
 Refusal loadFile(const QString &folder, const QString &name, DataTree &tree, int depth)
 {

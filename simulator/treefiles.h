@@ -1,4 +1,4 @@
-// The tree files: one per model, made of fragments that models share.
+// The tree files: one per model, composed of shared fragments.
 #pragma once
 
 #include "simulator/datatree.h"
@@ -8,14 +8,14 @@
 
 namespace simulator {
 
-/// The models that a folder of tree files has, ascending.
+/// The models in a folder of tree files, ascending.
 QStringList modelsIn(const QString &folder);
 
-/// Merges the file of a model into the tree: first the fragments that its <include> lists, one after the other, then
-/// its own <state>. List nodes are merged by their keys.
+/// Merges the file of a model into the tree: first the fragments in its <include>, in order, then its <state>. List
+/// nodes are merged by their keys.
 Refusal loadModel(const QString &folder, const QString &model, DataTree &tree);
 
-/// The folder of tree files that belongs to this program: share/kvsnmp-simulator/trees beside its own bin folder.
+/// The folder of this program's tree files: share/kvsnmp-simulator/trees beside its bin folder.
 QString defaultTreesFolder();
 
 } // namespace simulator

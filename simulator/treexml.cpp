@@ -11,9 +11,9 @@ namespace simulator {
 
 namespace {
 
-constexpr int maxDepth = 64; // far beyond any tree of the service
+constexpr int maxDepth = 64; // far beyond any real tree
 
-/// Well-formedness, which the tree's own parser does not wholly check, and what the tree has no place for.
+/// Checks for malformed XML that the tree's parser accepts, and for content that the tree cannot store.
 bool checkText(std::string_view xml, std::string &error)
 {
     QXmlStreamReader reader(QByteArray::fromRawData(xml.data(), static_cast<int>(xml.size())));
@@ -38,7 +38,7 @@ bool checkText(std::string_view xml, std::string &error)
             break;
         case QXmlStreamReader::DTD:
         case QXmlStreamReader::EntityReference:
-            error = "document types and entities of one's own are not taken";
+            error = "document types and custom entities are not allowed";
             break;
         default:
             break;
@@ -80,8 +80,8 @@ void putKeysFirst(pugi::xml_node node)
             node.prepend_move(leaf);
 }
 
-/// Checks the parsed node and all below it, puts its keys first, makes the text of a leaf one piece and takes the
-/// blanks between elements away.
+/// Checks the parsed node and everything below it, moves its keys to the front, joins the text of a leaf and removes
+/// blanks between elements.
 bool checkNode(pugi::xml_node node, std::string &error)
 {
     std::string text;
@@ -106,7 +106,7 @@ bool checkNode(pugi::xml_node node, std::string &error)
     return checkKeys(node, error);
 }
 
-/// Place of a child among its siblings: keys, then `enabled` of a trap, then the rest.
+/// Rank of a child among its siblings: keys, then `enabled` of a trap, then the rest.
 int rankOf(pugi::xml_node parent, std::string_view name)
 {
     constexpr int rest = 3;
@@ -132,7 +132,7 @@ void appendEscaped(std::string &xml, std::string_view text)
         case '>':
             xml += "&gt;";
             break;
-        case '\r': // a bare one would reach the reader as a line feed
+        case '\r': // a bare one would become a line feed
             xml += "&#13;";
             break;
         default:
@@ -183,7 +183,7 @@ bool readNode(std::string_view xml, pugi::xml_document &document, std::string &e
 {
     if (!checkText(xml, error))
         return false;
-    // white space is read everywhere, because it may be a part of a leaf's text; checkNode() drops it between elements
+    // keeps white space, which may be part of a leaf's text; checkNode() drops it between elements
     constexpr unsigned options = pugi::parse_escapes | pugi::parse_eol | pugi::parse_cdata | pugi::parse_ws_pcdata;
     const pugi::xml_parse_result result = document.load_buffer(xml.data(), xml.size(), options, pugi::encoding_utf8);
     if (!result) {
@@ -210,7 +210,7 @@ bool hasItsKeys(pugi::xml_node node, std::string &error)
 pugi::xml_node insertChild(pugi::xml_node parent, const char *name)
 {
     const int rank = rankOf(parent, name);
-    pugi::xml_node next; // the first sibling that comes after
+    pugi::xml_node next; // the first later sibling
     for (pugi::xml_node sibling = parent.last_child(); sibling && rankOf(parent, sibling.name()) > rank;
          sibling = sibling.previous_sibling())
         next = sibling;
@@ -242,7 +242,7 @@ void setText(pugi::xml_node leaf, const std::string &text)
     if (text.empty() || leaf.first_child() != leaf.last_child())
         leaf.remove_children();
     if (!text.empty())
-        leaf.text().set(text.c_str()); // in place where it fits
+        leaf.text().set(text.c_str()); // in place if it fits
 }
 
 } // namespace simulator

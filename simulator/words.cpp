@@ -22,7 +22,7 @@ QChar unescaped(QChar c)
     }
 }
 
-/// The word that the quote at `place` opens; `place` moves behind its end. Nothing when it stays open.
+/// The quoted word at `place`; moves `place` past its end. Nothing if the quote is not closed.
 std::optional<QString> quotedWord(const QString &line, int &place)
 {
     const QChar quote = line[place];
@@ -38,7 +38,7 @@ std::optional<QString> quotedWord(const QString &line, int &place)
     return std::nullopt;
 }
 
-/// The word without quotes around it that begins at `place`; quotes inside it stay and protect blanks.
+/// The unquoted word at `place`; quotes inside it stay and protect blanks.
 std::optional<QString> bareWord(const QString &line, int &place)
 {
     const int start = place;

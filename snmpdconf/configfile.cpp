@@ -1,4 +1,4 @@
-// Writes snmpd.conf: anew where it can be deleted, otherwise in place.
+// Writes snmpd.conf: as a new file if the old one can be deleted, otherwise in place.
 #include "snmpdconf/configfile.h"
 
 #include <QFile>
@@ -29,13 +29,13 @@ public:
     Descriptor &operator=(const Descriptor &) = delete;
 
     bool isOpen() const { return m_number >= 0; }
-    operator int() const { return m_number; } // NOLINT(google-explicit-constructor): what the system calls take
+    operator int() const { return m_number; } // NOLINT(google-explicit-constructor): for system calls
 
 private:
     int m_number;
 };
 
-/// False, with errno set, when not all of it could be written. QFile would take a part for the whole.
+/// False, with errno set, after a partial write, which QFile would not report.
 bool writeAll(int descriptor, const QByteArray &text)
 {
     for (int at = 0; at < text.size();) {
@@ -53,7 +53,7 @@ QByteArray reason()
     return std::strerror(errno);
 }
 
-/// Who else may read the file; empty when nobody may.
+/// The other users who may read the file; empty if none.
 QByteArray readersOf(int descriptor)
 {
     struct stat status {};
@@ -75,7 +75,7 @@ ConfigFileResult writeAnew(const char *path, const QByteArray &text)
     return {Outcome::Failed, complaint};
 }
 
-/// `undeletable` is the reason for which the file is still there.
+/// `undeletable` is the reason why the file still exists.
 ConfigFileResult writeInPlace(const char *path, const QByteArray &text, const QByteArray &undeletable)
 {
     const Descriptor file(open(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
@@ -88,7 +88,7 @@ ConfigFileResult writeInPlace(const char *path, const QByteArray &text, const QB
 
     bool whole = ftruncate(file, 0) == 0;
     if (whole) {
-        fchmod(file, ownerOnly); // before the community is in it; readersOf() shows whether that was allowed
+        fchmod(file, ownerOnly); // before the community is in it; readersOf() shows the result
         whole = writeAll(file, text);
     }
     if (whole)

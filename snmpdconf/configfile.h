@@ -1,4 +1,4 @@
-// Writes snmpd.conf: anew where it can be deleted, otherwise in place.
+// Writes snmpd.conf: as a new file if the old one can be deleted, otherwise in place.
 #pragma once
 
 #include <QByteArray>
@@ -7,19 +7,18 @@
 struct ConfigFileResult {
     enum class Outcome {
         NotOpened,
-        LeftAlone, ///< it cannot be deleted, and to write it in place would change something beside it
-        Failed,    ///< not written to its end
+        LeftAlone, ///< it cannot be deleted, and writing in place would change something else
+        Failed,    ///< not completely written
         Anew,
         InPlace
     };
     Outcome outcome;
-    QByteArray complaint; ///< for the system log; empty when nothing is to be said
+    QByteArray complaint; ///< for the system log; empty without a complaint
 };
 
-/// Deletes the file and creates it anew, readable by its owner alone from the first moment: it holds the community.
-/// A link that somebody has put there in the meantime is not followed. What cannot be written to its end is removed,
-/// because snmpd would take what there is of it for the whole.
+/// Deletes the file and creates a new one that only its owner can ever read, because it holds the community. A link
+/// created there in the meantime is not followed. A partially written file is removed, because snmpd would use it.
 ///
-/// A file that cannot be deleted, such as a mount, is written in place. Others may then be able to read it, and what
-/// cannot be written to its end is emptied.
+/// A file that cannot be deleted, such as a mount, is written in place. Others may then be able to read it. After a
+/// partial write it is emptied.
 ConfigFileResult writeConfigFile(const QString &path, const QByteArray &text);

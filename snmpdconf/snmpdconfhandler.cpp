@@ -1,4 +1,4 @@
-// From the SNMP settings to snmpd.conf; what follows from a changed file is in snmpdsupervision.cpp.
+// From the SNMP settings to snmpd.conf; snmpdsupervision.cpp handles a changed file.
 #include "snmpdconf/snmpdconfhandler.h"
 
 #include "agent/kvagent.h"
@@ -15,9 +15,9 @@
 
 namespace {
 
-constexpr int settingsQuietMs = 300; // a burst of notifications leads to one write
+constexpr int settingsQuietMs = 300; // a burst of notifications causes one write
 constexpr int restartDelayMs = 500;
-constexpr int startDelayMs = 500; // leaves snmpd time to end and to remove its pid file
+constexpr int startDelayMs = 500; // gives snmpd time to end and to remove its pid file
 constexpr int watchdogIntervalMs = 600000;
 
 } // namespace
@@ -47,7 +47,7 @@ SnmpdConfHandler::SnmpdConfHandler(QObject *parent, TalHandler *talHandler, Snmp
     m_watchdogTimer.setInterval(watchdogIntervalMs);
     connect(&m_watchdogTimer, SIGNAL(timeout()), this, SLOT(watchdogSnmpd()));
 
-    // Precise, because a coarse timer may run out so late that it meets the other one.
+    // Precise: a coarse timer could expire so late that it coincides with the other one.
     m_restartTimer.setSingleShot(true);
     m_restartTimer.setTimerType(Qt::PreciseTimer);
     m_restartTimer.setInterval(restartDelayMs);
@@ -80,7 +80,7 @@ void SnmpdConfHandler::slotSnmpdConfMib2Settings(SnmpMib2Settings settings)
 {
     SnmpMib2Settings &stored = m_settings.mib2;
     if (settings.sysContact != stored.sysContact || settings.sysLocation != stored.sysLocation) {
-        // A name that changes together with these is not copied to the agent at this moment; that is intended.
+        // A name that changes together with these is not copied to the agent now: intended.
         stored = std::move(settings);
     } else if (settings.sysName != stored.sysName) {
         stored = std::move(settings);
@@ -95,7 +95,7 @@ void SnmpdConfHandler::slotSnmpdConfMib2Settings(SnmpMib2Settings settings)
 void SnmpdConfHandler::slotSnmpdConfAccessSettings(SnmpAccessSettings settings)
 {
     SnmpAccessSettings &stored = m_settings.access;
-    // nmsIpv6 is not compared, on purpose: it is stored with the next change of another field.
+    // nmsIpv6 is not compared: intended. It is stored with the next change of another field.
     if (settings.access == stored.access && settings.community == stored.community && settings.nmsIp == stored.nmsIp &&
         settings.snmpPort == stored.snmpPort)
         return;
@@ -115,7 +115,7 @@ void SnmpdConfHandler::slotSnmpdConfTrapSettings(SnmpTrapSettings settings)
 void SnmpdConfHandler::slotSnmpdConfVersionSettings(SnmpVersionSettings settings)
 {
     SnmpVersionSettings &stored = m_settings.version;
-    // version3 is not compared, on purpose, as nmsIpv6 above.
+    // version3 is not compared: intended, as nmsIpv6 above.
     if (settings.version1 == stored.version1 && settings.version2c == stored.version2c)
         return;
     stored = settings;
@@ -168,7 +168,7 @@ void SnmpdConfHandler::slotSnmpdConfSysSettingUpdate()
         m_host.writeSystemLog(LOG_WARNING, "Setting " + setting.toLatin1() + " cut at its first line end or NUL");
 }
 
-/// The agent's copy for the traps. Nothing happens while there is no agent; the application copies the name then.
+/// Updates the agent's copy for the traps. Does nothing without an agent; the application copies the name later.
 void SnmpdConfHandler::copySysNameToAgent() const
 {
     const QByteArray name = m_settings.mib2.sysName.toLatin1();
@@ -187,6 +187,6 @@ bool SnmpdConfHandler::replaceConfigFile(const QByteArray &text)
     if (!complaint.isEmpty())
         m_host.writeSystemLog(isWritten ? LOG_WARNING : LOG_ERR, complaint);
     if (outcome == Outcome::InPlace)
-        m_restartTimer.start(); // the folder does not change
+        m_restartTimer.start(); // no change of the folder will start it
     return isWritten;
 }

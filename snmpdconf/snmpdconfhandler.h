@@ -22,19 +22,19 @@ class SnmpdConfHandler : public QObject {
     Q_OBJECT
 
 public:
-    /// `talHandler` is the source of the settings and outlives this object. Paths and commands of `host` are the
-    /// device's own unless a test puts others in their place.
+    /// `talHandler` is the source of the settings and has to outlive this object. `host` has the device's paths and
+    /// commands, except in tests.
     SnmpdConfHandler(QObject *parent, TalHandler *talHandler, SnmpdHost host = deviceHost());
-    /// snmpd goes on running.
+    /// snmpd continues to run.
     ~SnmpdConfHandler() override;
 
-    /// True while the device has a snmpd.conf of its own, made by hand.
+    /// True while the device uses a custom snmpd.conf.
     bool useCustomConfigFile() const { return m_useCustomConfigFile; }
     /// As received from the data service.
     QString sysName() const { return m_settings.mib2.sysName; }
 
 Q_SIGNALS:
-    /// snmpd is to be considered configured; it may still be starting.
+    /// snmpd is configured; it may still be starting.
     void signalSnmpdConfFinish();
 
 public Q_SLOTS:
@@ -43,15 +43,15 @@ public Q_SLOTS:
     void slotSnmpdConfTrapSettings(SnmpTrapSettings settings);
     void slotSnmpdConfVersionSettings(SnmpVersionSettings settings);
     void slotSnmpdConfUseCustomConfFile(bool useCustomConfigFile);
-    /// Writes the file, when no setting has changed for a while.
+    /// Writes the file when the settings have been quiet for a while.
     void slotSnmpdConfSysSettingUpdate();
 
-    /// Stops snmpd and has it started again half a second later.
+    /// Stops snmpd and starts it again half a second later.
     void onRestartSnmpdTimeout();
     void doStartSnmpd();
-    /// Restarts snmpd when it is gone or too big.
+    /// Restarts snmpd if it is not running or too large.
     void watchdogSnmpd();
-    /// Restarts snmpd when another folder has taken the place of the one with snmpd.conf, and watches that one.
+    /// If another folder has replaced the one with snmpd.conf, watches the new one and restarts snmpd.
     void followConfigFolder();
 
 private:
@@ -66,13 +66,13 @@ private:
     QTimer m_watchdogTimer{this};
     QTimer m_restartTimer{this}; ///< to the stop
     QTimer m_startTimer{this};   ///< from the last stop to the start
-    QDeadlineTimer m_startLimit; ///< for the pid file of the snmpd that was started last and not stopped since
+    QDeadlineTimer m_startLimit; ///< for the pid file of the last started snmpd, unless stopped since
     QFileSystemWatcher m_folderWatcher{this};
-    QFileSystemWatcher m_parentWatcher{this}; ///< a folder that is moved away is an event of its parent alone
+    QFileSystemWatcher m_parentWatcher{this};               ///< only the parent reports a folder that is moved away
     std::optional<std::pair<dev_t, ino_t>> m_watchedFolder; ///< device and inode
     SnmpdConfSettings m_settings;                           ///< access, names, receivers, versions
     bool m_useCustomConfigFile = false;
-    bool m_configSettled = false;   ///< the settings have been applied once
-    bool m_customFlagKnown = false; ///< the data service has told whether there is a custom file
+    bool m_configSettled = false;   ///< the settings have been applied at least once
+    bool m_customFlagKnown = false; ///< the data service has reported whether there is a custom file
     SnmpdHost m_host;
 };

@@ -9,10 +9,10 @@
 
 namespace {
 
-/// Values that stand in the access lines; the two flags give nothing, or the "#" that makes a line a comment.
+/// Values of the access lines. The two flags are empty, or the "#" that makes a line a comment.
 enum class Value : std::uint8_t { None, Community, NmsIp, NmsIpv6, SnmpPort, Version1, Version2c };
 
-/// One access line; each %1 and %2 is replaced by the value of its place.
+/// One access line; each %1 and %2 is a place for a value.
 struct AccessLine {
     std::string_view text;
     std::array<Value, 2> values = {Value::None, Value::None};
@@ -39,14 +39,14 @@ constexpr AccessLine readLines[] = {
 };
 // clang-format on
 
-/// Composes the lines and remembers which settings it had to cut.
+/// Composes the lines and records the truncated settings.
 class Writer {
 public:
     explicit Writer(const SnmpdConfSettings &settings) : m_settings(settings) {}
 
     void addLine(const QByteArray &line) { m_result.text += line + '\n'; }
 
-    /// A directive with one value; without a value there is no line.
+    /// A directive with one value; no line without a value.
     void addSetting(const char *directive, const char *setting, const QString &value)
     {
         const QByteArray written = oneLine(setting, value);
@@ -54,7 +54,7 @@ public:
             addLine(QByteArray(directive) + ' ' + written);
     }
 
-    /// The values are put in by a single walk over the line, so that a "%1" inside a value stays what it is.
+    /// Inserts the values in a single pass over the line, so that a "%1" inside a value stays unchanged.
     void addAccessLine(const AccessLine &line)
     {
         const QByteArray values[] = {valueOf(line.values[0]), valueOf(line.values[1])};
@@ -92,7 +92,7 @@ private:
         return {};
     }
 
-    /// The value up to its first line end or NUL: what comes after would be a directive of the value's own making.
+    /// The value up to its first line end or NUL: anything after it could inject a directive.
     QByteArray oneLine(const char *setting, const QString &value)
     {
         QByteArray text = value.toUtf8();
@@ -110,7 +110,7 @@ private:
     SnmpdConfText m_result;
 };
 
-/// No lines at all for an access text that is neither.
+/// No lines for any other access text.
 std::span<const AccessLine> accessLines(const QString &access)
 {
     if (access == QLatin1String("Disabled"))

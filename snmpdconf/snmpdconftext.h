@@ -6,7 +6,7 @@
 #include <QByteArray>
 #include <QStringList>
 
-/// The settings as they were received.
+/// The settings as received.
 struct SnmpdConfSettings {
     SnmpAccessSettings access;
     SnmpMib2Settings mib2;
@@ -15,11 +15,10 @@ struct SnmpdConfSettings {
 };
 
 struct SnmpdConfText {
-    QByteArray text;         ///< UTF-8, whatever the locale: a name is answered by snmpd in the bytes it came in
-    QStringList cutSettings; ///< names of the settings of which only the part before a line end or NUL was written
+    QByteArray text;         ///< UTF-8 in every locale, so that snmpd serves a name with unchanged bytes
+    QStringList cutSettings; ///< names of the settings that were truncated at a line end or NUL
 };
 
-/// The whole file. Values are put in as they are, without quotes or escapes, but each is cut at its first line feed,
-/// carriage return or NUL, so that it cannot start a directive of its own. An access text other than "Disabled" and
-/// "Read" gives an empty file.
+/// The whole file. Values are inserted without quotes or escapes, but truncated at the first line feed, carriage return
+/// or NUL, so that they cannot inject a directive. An access text other than "Disabled" and "Read" gives an empty file.
 SnmpdConfText snmpdConfText(const SnmpdConfSettings &settings);

@@ -1,4 +1,4 @@
-// What the snmpd supervision touches outside the program: files, commands, the system log.
+// The outside of the snmpd supervision: files, commands, the system log.
 #include "snmpdconf/snmpdhost.h"
 
 #include <QProcess>
@@ -10,7 +10,7 @@
 
 namespace {
 
-/// snmpd reports its start and its end to the service manager that it finds here, which would take them for ours.
+/// Removed for snmpd: it would report its start and end to our service manager as if they were ours.
 QProcessEnvironment environmentWithoutServiceManager()
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
@@ -19,7 +19,7 @@ QProcessEnvironment environmentWithoutServiceManager()
     return environment;
 }
 
-/// Nobody reads what these commands print; on our own output a reader that has stopped could block them, and us.
+/// Discards output: a stalled reader of our output could block the commands, and us.
 void prepare(QProcess &process, const Command &command)
 {
     process.setProgram(command.program);
@@ -46,7 +46,7 @@ void startDetached(const Command &command)
     process.startDetached();
 }
 
-/// Parent of the processes that were killed and may not be gone yet. Never deleted: to delete one is to wait for it.
+/// Parent of killed processes that may still exist. Never deleted, because deleting a process waits for it.
 QObject *killedProcesses()
 {
     static auto *const parent = new QObject;
@@ -61,7 +61,7 @@ QByteArray outputOf(const Command &command, int timeoutMs)
     if (process->waitForFinished(timeoutMs))
         return process->readAllStandardOutput();
     if (process->state() != QProcess::NotRunning) {
-        // Killed, and reaped by the event loop when it is gone: a process that hangs in the kernel may take its time.
+        // Killed without waiting, because it may hang in the kernel; the event loop reaps it.
         QObject::connect(process.get(), QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), process.get(),
                          &QObject::deleteLater);
         process->setParent(killedProcesses());

@@ -1,4 +1,4 @@
-// What the snmpd supervision touches outside the program: files, commands, the system log.
+// The outside of the snmpd supervision: files, commands, the system log.
 #pragma once
 
 #include <QByteArray>
@@ -9,7 +9,7 @@
 
 inline constexpr char snmpdConfPath[] = "/etc/snmp/snmpd.conf";
 inline constexpr char snmpdPidPath[] = "/var/run/snmpd.pid";
-inline constexpr int snmpdMemoryLimitKb = 10240; ///< snmpd is restarted when it uses as much
+inline constexpr int snmpdMemoryLimitKb = 10240; ///< snmpd is restarted at this size
 
 /// A command line.
 struct Command {
@@ -26,11 +26,11 @@ struct SnmpdHost {
     QString configFile;
     QString configFolder;
     QString pidFile;
-    std::function<void(const Command &)> run;                           ///< returns when the command has exited
-    std::function<void(const Command &)> startDetached;                 ///< a command that lives on by itself
-    std::function<QByteArray(const Command &, int timeoutMs)> outputOf; ///< nothing if it has not finished by then
+    std::function<void(const Command &)> run;                                 ///< returns when the command has exited
+    std::function<void(const Command &)> startDetached;                       ///< a command that keeps running
+    std::function<QByteArray(const Command &, int timeoutMs)> outputOf;       ///< empty if it has not finished by then
     std::function<void(int priority, const QByteArray &text)> writeSystemLog; ///< priority as for syslog()
 };
 
-/// The device's own paths, child processes and syslog().
+/// The device's paths, child processes and syslog().
 SnmpdHost deviceHost();

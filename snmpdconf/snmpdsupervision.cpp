@@ -13,12 +13,12 @@
 
 namespace {
 
-constexpr int startLimitMs = 2000; // a snmpd without a pid file after that has failed
+constexpr int startLimitMs = 2000; // a snmpd without a pid file by then has failed
 constexpr int probeTimeoutMs = 30000;
-constexpr qint64 maxPidLine = 256; // one of them for a terminator
+constexpr qint64 maxPidLine = 256; // including a terminator
 
-/// What `ps` tells about snmpd: its resident memory in kB as text, empty when there is none. White space is
-/// collapsed; what follows a NUL is dropped.
+/// The answer of `ps` about snmpd: its resident memory in kB as text, empty without snmpd. Collapses white space and
+/// drops everything after a NUL.
 QString probeText(QByteArray output)
 {
     output = output.simplified();
@@ -26,7 +26,7 @@ QString probeText(QByteArray output)
     return QString::fromLatin1(nul < 0 ? output : output.left(nul));
 }
 
-/// Device and inode of the folder that stands at a path.
+/// Device and inode of the folder at a path.
 std::optional<std::pair<dev_t, ino_t>> folderAt(const QString &path)
 {
     struct stat status {};
@@ -37,16 +37,16 @@ std::optional<std::pair<dev_t, ino_t>> folderAt(const QString &path)
 
 } // namespace
 
-/// A watch follows the folder, not its name. True when the folder at the name is not the one that was watched before
-/// and is watched now. The parent reports when the folder is replaced; only a mount, or a change behind a symbolic
-/// link, waits for the next call.
+/// A watch follows the folder, not its name. If another folder now has the name, watches that one and returns true. The
+/// parent's watch reports a replaced folder at once; a mount, or a change behind a symbolic link, waits for the next
+/// call.
 bool SnmpdConfHandler::watchConfigFolder()
 {
     const QString parent = QFileInfo(QDir::cleanPath(m_host.configFolder)).path();
     if (m_parentWatcher.directories().isEmpty() && QFileInfo::exists(parent))
         m_parentWatcher.addPath(parent);
 
-    // Looked up before it is watched: replaced in between it is taken for another once more, and not missed.
+    // Looked up before it is watched, so that a replacement in between is detected at the next call.
     const auto folder = folderAt(m_host.configFolder);
     if (m_folderWatcher.directories().isEmpty())
         m_watchedFolder.reset(); // it was deleted
@@ -88,14 +88,14 @@ void SnmpdConfHandler::onRestartSnmpdTimeout()
                        << "Restarting snmpd";
     m_startLimit = {};
     m_host.run({QStringLiteral("killall"), {QStringLiteral("snmpd")}});
-    setMasterEnding(true); // it still takes traps for a moment, but sends none of them on
-    // Also cancels the start that an earlier stop has left pending.
+    setMasterEnding(true); // it still accepts traps, but discards them
+    // Also cancels the pending start of an earlier stop.
     m_startTimer.start();
     Q_EMIT signalSnmpdConfFinish(); // does not wait for the new snmpd
 }
 
-/// On its way to the background snmpd forks twice, and killall can miss it. It would then run on until the next start
-/// found its pid file and killed it.
+/// snmpd forks twice on its way to the background, and killall can miss it then. It would keep running until the next
+/// start finds its pid file and kills it.
 bool SnmpdConfHandler::isSnmpdStarting() const
 {
     return !m_startLimit.hasExpired() && !QFileInfo::exists(m_host.pidFile);
@@ -112,7 +112,7 @@ void SnmpdConfHandler::doStartSnmpd()
     setMasterEnding(false);
 }
 
-/// A snmpd that was stopped properly has removed its pid file by now.
+/// A snmpd that ended normally has removed its pid file by now.
 void SnmpdConfHandler::killStaleSnmpd() const
 {
     m_host.writeSystemLog(LOG_ERR, "Snmpd was not properly closed last time");
@@ -130,7 +130,7 @@ void SnmpdConfHandler::killStaleSnmpd() const
 void SnmpdConfHandler::watchdogSnmpd()
 {
     followConfigFolder();
-    // The options are single words with a blank in them, as the device's ps takes them.
+    // The options are single words with a blank inside, as the device's ps expects.
     const QString text = probeText(m_host.outputOf(
         {QStringLiteral("ps"), {QStringLiteral("--noheaders"), QStringLiteral("-C snmpd"), QStringLiteral("-o rss")}},
         probeTimeoutMs));
@@ -143,7 +143,7 @@ void SnmpdConfHandler::watchdogSnmpd()
         m_restartTimer.start();
         return;
     }
-    const int memoryKb = text.toInt(); // 0 for a text that is not one number, as when two snmpd answer
+    const int memoryKb = text.toInt(); // 0 for a text that is not one number, for example with two snmpd
     if (memoryKb >= snmpdMemoryLimitKb) {
         qDebug().noquote() << "SnmpdConfHandler"
                            << "watchdogSnmpd"

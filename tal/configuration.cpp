@@ -31,7 +31,7 @@ constexpr KeySet controlInputKeys[] = {
 };
 
 constexpr std::string_view gpioNumbers[] = {"1", "2", "3", "4", "5", "6", "7", "8", "9", "10", "11", "12", "13", "14"};
-constexpr std::size_t firstInputOnlyGpio = 6; // by place: gpio7 and up are inputs whatever the configuration says
+constexpr std::size_t firstInputOnlyGpio = 6; // by index: gpio7 and up are always inputs
 constexpr std::uint32_t gpioTypeInput = 1;
 
 // name, key label of the complaint, path, codes, "delete", other text
@@ -49,7 +49,7 @@ static_assert(rowsBelow(relayKeys, relayRows) && rowsBelow(expanderRelayKeys, re
 static_assert(rowsBelow(controlInputKeys, controlInputRows));
 static_assert(std::size(gpioNumbers) == controlInputRows);
 
-// With the expanders, "e_relay1" and "e_relay2" feed two rows each on the models that have four relays: intended.
+// With expanders, "e_relay1" and "e_relay2" each feed two rows on models with four relays: intended.
 template <typename Visit>
 void forEachRelayKey(std::uint32_t model, const char *modelDescription, Visit visit)
 {
@@ -83,11 +83,11 @@ void TalHandler::parseGpioType(const Notification &n)
 {
     for (std::size_t gpio = 0; gpio < std::size(gpioNumbers); ++gpio) {
         if (gpio >= firstInputOnlyGpio && operationOf(n) != Operation::Unexpected)
-            m_scratch.gpioType = gpioTypeInput; // without a look at the data
+            m_scratch.gpioType = gpioTypeInput; // regardless of the data
         else if (keyStep(n, gpioTypeRule, {gpioNumbers[gpio], {}}, m_scratch.gpioType) != Step::Handled)
             continue;
         Q_EMIT signalSetGpioType(static_cast<uint>(gpio), m_scratch.gpioType);
-        // What was seen on the line with its former direction means nothing any more.
+        // Values from the former direction are no longer valid.
         m_records.controlInput.rows[gpio] = {1, 1};
         if (gpio < controlOutputRows)
             m_records.controlOutput.status[gpio] = 1;

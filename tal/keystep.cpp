@@ -1,4 +1,4 @@
-// What every parser does with one key of a notification: look it up, refuse unexpected operations, convert, store.
+// The step common to all parsers for one key of a notification: look up, refuse unexpected operations, convert, store.
 #include "tal/keystep.h"
 
 #include <xrcommon/TalInterface.h>
@@ -11,7 +11,7 @@
 namespace {
 
 enum class Found {
-    Nothing, ///< or an operation that is refused
+    Nothing, ///< or a refused operation
     Deleted,
     Text,
 };
@@ -57,7 +57,7 @@ Step deletedStep(const OnDelete &onDelete, std::uint32_t &scratch)
     return Step::NotHandled;
 }
 
-/// Null for a text without a code of its own.
+/// Null for a text without a code.
 const TextCode *entryOf(std::span<const TextCode> codes, const QString &text)
 {
     const auto found = std::ranges::find_if(codes, [&](const TextCode &entry) { return text == latin1(entry.text); });

@@ -1,4 +1,4 @@
-// What every parser does with one key of a notification: look it up, refuse unexpected operations, convert, store.
+// The step common to all parsers for one key of a notification: look up, refuse unexpected operations, convert, store.
 #pragma once
 
 #include "device/latin1.h"
@@ -13,13 +13,13 @@
 #include <span>
 #include <string_view>
 
-/// What fills the holes of a key path: the key, and for some a second one or a leaf.
+/// The values for the holes of a key path: the key, and for some paths a second key or a leaf.
 struct Keys {
     std::string_view first;
     std::string_view second;
 };
 
-/// A path with up to two holes, %1 and %2 in this order, taken apart when it is compiled.
+/// A path with up to two holes, %1 and %2 in this order, split at compile time.
 class KeyPath {
 public:
     consteval KeyPath(const char *path)
@@ -43,14 +43,14 @@ private:
     std::string_view m_tail;
 };
 
-/// What "delete" does with a key: store(), leaveRow or notHandled.
+/// The effect of "delete" on a key: store(), leaveRow or notHandled.
 struct OnDelete {
     enum class Kind : std::uint8_t { Store, LeaveRow, NotHandled };
     Kind kind;
     std::uint32_t code;
 };
 
-/// What a text without a code of its own does: store(), scaled(), wholeNumber, keepScratch or notHandled.
+/// The effect of a text without a code: store(), scaled(), wholeNumber, keepScratch or notHandled.
 struct OnOther {
     enum class Kind : std::uint8_t { Store, Scaled, WholeNumber, KeepScratch, NotHandled };
     Kind kind;
@@ -68,25 +68,25 @@ struct NotHandled {
     constexpr operator OnOther() const { return {OnOther::Kind::NotHandled, 0}; }
 };
 
-/// The scratch value and with it the row become `code`.
+/// The scratch value, and so the row, becomes `code`.
 constexpr Store store(std::uint32_t code)
 {
     return {code};
 }
 
-/// The scratch value and with it the row become the decimal text times `scale`.
+/// The scratch value, and so the row, becomes the decimal text times `scale`.
 constexpr OnOther scaled(std::uint32_t scale)
 {
     return {OnOther::Kind::Scaled, scale};
 }
 
-/// The scratch value and with it the row become the text read as an unsigned integer, 0 when it is none.
+/// The scratch value, and so the row, becomes the text as an unsigned integer, 0 if it is not one.
 inline constexpr OnOther wholeNumber{OnOther::Kind::WholeNumber, 0};
-/// The row gets what its parser produced last, for whichever key.
+/// The row gets the parser's last value, from any key.
 inline constexpr OnOther keepScratch{OnOther::Kind::KeepScratch, 0};
-/// The key counts as handled, the row stays as it is.
+/// The key counts as handled, the row stays unchanged.
 inline constexpr OnDelete leaveRow{OnDelete::Kind::LeaveRow, 0};
-/// As if the key were not there.
+/// As without the key.
 inline constexpr NotHandled notHandled{};
 
 struct TextCode {
@@ -94,27 +94,27 @@ struct TextCode {
     std::uint32_t code;
 };
 
-/// Words to codes, with what "delete" and any other text do.
+/// Words to codes, with the effects of "delete" and of any other text.
 struct CodeMap {
     std::span<const TextCode> codes;
     OnDelete onDelete;
     OnOther onOther;
 };
 
-/// Where one kind of value stands in the tree, and who complains about an unexpected operation.
+/// The place of one kind of value in the tree, and the words of the complaint about an unexpected operation.
 struct KeyPlace {
     const char *name;     ///< first word of the complaint
-    const char *keyLabel; ///< stands before the key in the complaint; null: the complaint has no key
+    const char *keyLabel; ///< precedes the key in the complaint; null: the complaint has no key
     KeyPath path;
 };
 
-/// A value that is kept as a number.
+/// A value stored as a number.
 struct KeyRule {
     KeyPlace place;
     CodeMap map;
 };
 
-/// A value that is kept as a text; "delete" leaves it as it is.
+/// A value stored as a text; "delete" does not change it.
 struct TextRule {
     KeyPlace place;
 };
@@ -128,23 +128,23 @@ enum class Step {
     Handled,    ///< the scratch value goes into the row
 };
 
-/// The one discipline: looks the key up in the notification and brings its value into `scratch`, which changes only
-/// when the answer is Handled. So it may be the record's own field, unless the rule has keepScratch.
+/// Looks the key up in the notification and stores its value in `scratch`, which changes only when the result is
+/// Handled. `scratch` may therefore be the record's field, unless the rule has keepScratch.
 Step keyStep(const Notification &n, const KeyRule &rule, const Keys &keys, std::uint32_t &scratch);
 
-/// The same for a value that is kept as text. True when `text` is to be stored.
+/// The same for a text value. True if `text` is to be stored.
 bool textStep(const Notification &n, const TextRule &rule, const Keys &keys, QString &text);
 
 enum class Operation { Change, Delete, Unexpected };
 
-/// "create" and "replace" are changes.
+/// True for "create" and "replace".
 Operation operationOf(const Notification &n);
 
 /// The code of a word, or `other`.
 std::uint32_t codeOf(std::span<const TextCode> codes, const QString &text, std::uint32_t other);
 
 /// Reads the digits of a decimal text and multiplies by `scale`. Each fractional digit divides the scale by ten, so
-/// that more of them than the scale has zeros give 0; everything but digits and the point is skipped, signs too.
+/// more fractional digits than the scale has zeros give 0. Skips everything except digits and the point, also signs.
 std::uint32_t scaledInteger(QStringView text, std::uint32_t scale);
 
 /// One key and the place in the record that it feeds.
@@ -153,7 +153,7 @@ struct KeyRow {
     std::uint32_t row;
 };
 
-/// The keys of some models; a table lists its sets in the order in which their keys are tried.
+/// The keys of some models. A table's sets are in the order in which their keys are tried.
 struct KeySet {
     ModelSet models;
     std::span<const KeyRow> rows;

@@ -27,14 +27,14 @@ constexpr TextCode lineStates[] = {
     {"line_fault",                    15},
 };
 constexpr TextCode ampEnabled[] = {{"true", 2}, {"false", 1}};
-constexpr TextCode letEnabled[] = {{"true", 1}, {"false", 2}}; // the opposite sense of ampEnabled, intended
+constexpr TextCode letEnabled[] = {{"true", 1}, {"false", 2}}; // the opposite of ampEnabled: intended
 constexpr TextCode pilotTone[]  = {{"ok", 2}, {"failed", 3}};
 constexpr TextCode micStatus[]  = {{"connected", 5}, {"disconnected", 6}, {"shorted", 7}};
 constexpr TextCode monitored[]  = {{"true", 3}, {"false", 2}};
 
 constexpr std::string_view letKeys[letsPerChannel]  = {"1", "2", "3", "4", "5", "6", "7", "8", "9", "10"};
 
-constexpr KeyRow lineRows[]          = {{"ch1", 0}, {"ch2", 1}}; // a channel's place is its row
+constexpr KeyRow lineRows[]          = {{"ch1", 0}, {"ch2", 1}}; // a channel's index is its row
 constexpr KeyRow lineInputRows[]     = {{"ln1", 0}, {"ln2", 1}};
 constexpr KeyRow micMonitoringRows[] = {{"mic", 0}, {"ln_in", 1}};
 constexpr KeyRow micStatusRows[]     = {{"mic_status_extern", 0}, {"mic_status_intern", 1}};
@@ -76,7 +76,7 @@ static_assert(rowsBelow(pilotToneKeys, lineInRows) && rowsBelow(micStatusKeys, l
 static_assert(rowsBelow(micMonitoringKeys, lineInRows));
 static_assert(rowsBelow(ethPortKeys, ethPorts));
 
-/// Calls `visit(channel, let, keys)` for every LET, all numbers from 0.
+/// Calls `visit(channel, let, keys)` for every LET; numbers count from 0.
 template <typename Visit>
 void forEachLet(Visit visit)
 {
@@ -100,8 +100,8 @@ void parseLetText(const Notification &n, const TextRule &rule, LetRecord &record
     });
 }
 
-/// Status of a LET: 1 unknown, as its channel is not ok, 2 not enabled, 3 not reported missing, 4 missing; `current`
-/// when the channel status says nothing.
+/// Status of a LET: 1 unknown (its channel is not ok), 2 not enabled, 3 not reported missing, 4 missing; `current` for
+/// any other channel status.
 constexpr std::uint32_t letStatus(std::uint32_t ampChannelStatus, std::uint32_t enabled, std::uint32_t presence,
                                   std::uint32_t current)
 {
@@ -122,7 +122,7 @@ void TalHandler::parseLineChannelState(const Notification &n)
         const Step step = keyStep(n, lineStateRule, {line.key, {}}, lineState);
         if (step == Step::Handled)
             m_records.ampChannel.rows[line.row].lineState = lineState;
-        // Intended: a line that reports brings the last pilot tone, of whichever input, into the line input beside it.
+        // Intended: also copies the last pilot tone, of any input, to the line input of the same row.
         if (step != Step::NotHandled)
             m_records.lineIn.rows[line.row].lineInStatus = m_scratch.pilotTone;
     });
@@ -132,7 +132,7 @@ void TalHandler::parseAmpEnable(const Notification &n)
 {
     for (std::size_t channel = 0; channel < ampChannels; ++channel) {
         AmpChannelRow &row = m_records.ampChannel.rows[channel];
-        // The record's own field is the scratch value: only a handled key changes it.
+        // The record's field is the scratch value: only a handled key changes it.
         if (keyStep(n, ampEnableRule, {lineRows[channel].key, {}}, row.ampEnable) == Step::Handled)
             deriveAmpChannelStatus(channel);
     }
@@ -141,7 +141,7 @@ void TalHandler::parseAmpEnable(const Notification &n)
 void TalHandler::parseLetEnable(const Notification &n)
 {
     forEachLet([&](std::size_t channel, std::size_t let, const Keys &keys) {
-        // As in parseAmpEnable(), the record's own field is the scratch value.
+        // As in parseAmpEnable(), the record's field is the scratch value.
         if (keyStep(n, letEnableRule, keys, m_records.let.lets[channel][let].letEnabled) == Step::Handled)
             deriveLetStatus(channel, let);
     });

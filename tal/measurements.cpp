@@ -1,4 +1,4 @@
-// What the device measures: voltages, temperatures, fans, class-D amplifiers, live power sources.
+// Measured values: voltages, temperatures, fans, class-D amplifiers, live power sources.
 #include "tal/keystep.h"
 #include "tal/talhandler.h"
 
@@ -188,7 +188,7 @@ void TalHandler::parseFan(const Notification &n)
 
 void TalHandler::parseClassDStatus(const Notification &n)
 {
-    keyStep(n, classDRule, {}, m_classDStatus); // its own scratch value: only a handled key changes it
+    keyStep(n, classDRule, {}, m_classDStatus); // the member is the scratch value: only a handled key changes it
     for (std::size_t channel = 0; channel < ampChannels; ++channel)
         deriveAmpChannelStatus(channel);
 }
@@ -203,7 +203,7 @@ void TalHandler::slotAmpChannelStatusUpdate(uint channel, uint status)
 
 void TalHandler::deriveAmpChannelStatus(std::size_t channel)
 {
-    if (m_modelNumber == 6425) // has no class-D status of its own
+    if (m_modelNumber == 6425) // has no class-D status
         m_classDStatus = 2;
     AmpChannelRow &row = m_records.ampChannel.rows[channel];
     row.status = channelStatus(m_classDStatus, row.ampEnable, row.ampMonitorStatus);

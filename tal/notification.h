@@ -3,9 +3,9 @@
 
 #include <QString>
 
-/// The texts of a notification as they came; the reference has already chosen the parser.
+/// The unchanged texts of a notification; its reference has already selected the parser.
 struct Notification {
-    QString op;    ///< "create", "replace" or "delete"; others are possible and refused by the parsers
+    QString op;    ///< "create", "replace" or "delete"; parsers refuse others
     QString rPath; ///< the node that changed
     QString sPath; ///< the subscribed path
     QString data;  ///< the XML text of the node that changed

@@ -1,4 +1,4 @@
-// Power sources: whether they are live, and whether they are monitored.
+// Power sources: live or not, monitored or not.
 #include "tal/keystep.h"
 #include "tal/talhandler.h"
 
@@ -6,7 +6,7 @@ namespace {
 
 // clang-format off
 constexpr KeyRow sources[] = {{"ac_power", 0}, {"dc_power", 1}};
-constexpr KeySet powerKeys[] = {{bothPowerModels, sources}}; // fewer models than subscribe to the monitoring, intended
+constexpr KeySet powerKeys[] = {{bothPowerModels, sources}}; // fewer models than subscribe to the monitoring: intended
 
 constexpr TextCode codes[] = {{"true", 3}, {"false", 2}}; // of both values
 

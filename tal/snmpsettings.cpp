@@ -1,4 +1,4 @@
-// The SNMP settings: each group is read leaf by leaf, kept, and handed on whole.
+// The SNMP settings: each group is read leaf by leaf, stored, and passed on as a whole.
 #include "tal/snmpsettings.h"
 
 #include "tal/keystep.h"
@@ -56,7 +56,7 @@ bool readLeaf(const Notification &n, const QString &path, QString &text)
     return TalInterface::xpathGetTextNode(text, path, n.sPath, n.rPath, n.data);
 }
 
-/// Blanks alone count as empty; around a value they are kept.
+/// A value of only blanks is empty; blanks around a value are kept.
 void takeText(const Notification &n, const QString &text, QString &field)
 {
     switch (operationOf(n)) {
@@ -118,7 +118,7 @@ void TalHandler::parseTrapSettings(const Notification &n)
     Q_EMIT signalUpdateEnabledSnmpTraps(m_enabledTraps);
 }
 
-// Only "replace" sets a flag here: a "create" clears those it carries and then takes them from the list.
+// Only "replace" sets a flag here; "create" clears its flags and then reads them from the list.
 void TalHandler::readEnabledTraps(const Notification &n)
 {
     const bool isReplace = n.op == QLatin1String("replace");
@@ -131,7 +131,7 @@ void TalHandler::readEnabledTraps(const Notification &n)
     }
 }
 
-// In the list a trap is known by its first two elements, "name..." and "enabled"; others are skipped.
+// In the list the first two elements of a trap, "name..." and "enabled", identify it; others are skipped.
 void TalHandler::readEnabledTrapList(const QString &xml)
 {
     QXmlStreamReader reader(xml);

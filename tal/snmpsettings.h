@@ -1,10 +1,10 @@
-// The SNMP settings as the data service holds them, grouped as they are handed on.
+// The SNMP settings of the data service, in the groups of the signals.
 #pragma once
 
 #include <QMetaType>
 #include <QString>
 
-/// Where the data service holds them.
+/// Their paths in the data service.
 inline constexpr char snmpSettingsFolder[] = "/state/config/snmp_settings/";
 
 struct SnmpMib2Settings {
@@ -37,5 +37,5 @@ Q_DECLARE_METATYPE(SnmpAccessSettings)
 Q_DECLARE_METATYPE(SnmpTrapSettings)
 Q_DECLARE_METATYPE(SnmpVersionSettings)
 
-/// Makes the four records known to Qt under their own names, for queued connections. May be called more than once.
+/// Registers the four records with Qt under their names, for queued connections. May be called more than once.
 void registerSnmpSettingsTypes();

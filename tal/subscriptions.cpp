@@ -1,4 +1,4 @@
-// What is asked of the data service, and which parser gets what it answers.
+// The subscriptions to the data service, and the parsers of its answers.
 #include "tal/keystep.h"
 #include "tal/talhandler.h"
 
@@ -11,10 +11,10 @@
 namespace {
 
 struct Subscription {
-    const char *request; ///< its debug line; null: a further path of the request above, or one that says nothing
+    const char *request; ///< its debug line; null: a further path of the request above, or a request without a line
     std::string_view reference;
     std::string_view path;
-    ModelSet models; ///< noModelTest: every number, an unknown one too
+    ModelSet models; ///< noModelTest: every number, even an unknown one
 };
 
 // clang-format off

@@ -11,7 +11,7 @@
 
 namespace {
 
-/// Name of the element that stands first in "msgdata": the message identifier. Empty when there is none.
+/// Name of the first element in "msgdata": the message identifier. Empty without one.
 QString messageIdentifier(const QString &xml)
 {
     QString identifier;
@@ -24,14 +24,14 @@ QString messageIdentifier(const QString &xml)
     return identifier;
 }
 
-/// Text of a leaf of the message; false when it has no such leaf.
+/// Text of a leaf of the message; false without such a leaf.
 bool messageLeaf(const Notification &n, QLatin1String leaf, QString &text)
 {
     return TalInterface::xpathGetTextNode(text, n.rPath + leaf, n.sPath, n.rPath, n.data);
 }
 
-/// Value of a predicate of a path that was split at its apostrophes: what follows the part that names `key`. The two
-/// predicates may stand in either order; `first` is the part that is looked at first.
+/// Value of a predicate of a path split at its apostrophes: the part after the one that names `key`. The two predicates
+/// may be in either order; `first` is the part to check first.
 std::optional<QString> predicateValue(const QStringList &parts, QLatin1String key, int first, int second)
 {
     for (const int part : {first, second}) {
@@ -75,7 +75,7 @@ void TalHandler::reportActiveFault(const Notification &n)
     Q_EMIT signalReportFault(reporter, repRef, messageIdentifier(n.data), infoText, timeStamp, level, true);
 }
 
-// The node is gone: only its path still says which message it was.
+// The node is deleted: only its path identifies the message.
 void TalHandler::reportEndedFault(const Notification &n)
 {
     const QStringList parts = n.rPath.split(QLatin1Char('\''));

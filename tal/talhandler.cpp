@@ -42,7 +42,7 @@ void TalHandler::setStartingValues()
     std::ranges::fill(m_records.controlOutput.status, 1U);
     std::ranges::fill(m_records.controlInput.rows, ControlInputRow{.status = 1, .monitored = 1});
 
-    // Models with one power source only have the row of that source.
+    // Models with one power source have only the row of that source.
     auto &[acPower, dcPower] = m_records.power.rows;
     const bool hasBoth = bothPowerModels.contains(m_modelNumber);
     if (hasBoth || acPowerOnlyModels.contains(m_modelNumber))

@@ -18,7 +18,7 @@ class TalHandler : public QObject {
     Q_OBJECT
 
 public:
-    /// `modelDescription` is borrowed: it belongs to the application object and must outlive the handler.
+    /// `modelDescription` is owned by the application object and must outlive the handler.
     TalHandler(QObject *parent, uint modelNumber, const char *modelDescription);
     ~TalHandler() override;
 
@@ -26,7 +26,7 @@ public:
     TableRecords &tableRecords() { return m_records; }
     const TableRecords &tableRecords() const { return m_records; }
 
-    /// Tells the data service this program's name and version. Part of the class's interface; nothing calls it.
+    /// Sends this program's name and version to the data service. Part of the class's interface; nothing calls it.
     void publishSoftwareVersion();
 
 Q_SIGNALS:
@@ -57,9 +57,9 @@ public Q_SLOTS:
     void slotSetRelayStatus(uint relayId, uint status);
 
 private:
-    /// The value that each kind of parser produced last. A row may get it again: see keepScratch in keystep.h.
+    /// The last value of each kind of parser. A row may get it again: see keepScratch in keystep.h.
     struct Scratch {
-        std::uint32_t voltage; ///< of the voltages and of the LET voltages alike
+        std::uint32_t voltage; ///< of both the voltages and the LET voltages
         std::uint32_t temp;
         std::uint32_t fan;
         std::uint32_t powerLive;

@@ -23,7 +23,7 @@ namespace {
 
 char timestampBuffer[256];
 
-/// The calling thread's number, counted from 1 in the order of first lines. The mutex is held.
+/// The calling thread's number, from 1 in the order of their first lines. Requires the mutex.
 int threadNumber()
 {
     const auto id = static_cast<quint64>(pthread_self());
@@ -57,7 +57,7 @@ void Trace::logId(int group, int level, const QString &a, const QString &b, cons
         return;
     const QMutexLocker locker(&traceMutex);
     const QString time = QString::fromLocal8Bit(updateTimestamp());
-    // All placeholders in one call: a text that looks like a placeholder stays as it is.
+    // All placeholders in one call, so that a text that looks like a placeholder stays unchanged.
     const QString line =
         QStringLiteral("%1 %2 %3 %4 %5, tid=%6, %7")
             .arg(QString::number(linenumber).rightJustified(5), a.leftJustified(30), b.leftJustified(20),
@@ -90,7 +90,7 @@ void Trace::applyLogFilters(int level, int mask)
     const auto announce = [](const QString &text) {
         logId(1, 2, QStringLiteral("Trace"), QStringLiteral("applyLogFilters"), QString(), text);
     };
-    // Each change is announced under the settings that it replaces.
+    // Each change is logged with the settings that it replaces.
     if (level >= 0) {
         announce(QStringLiteral("Setting LogLevel to: %1").arg(level));
         instance->m_minimumLevel = level;

@@ -1,4 +1,4 @@
-// The Trace log: one process-wide object that filters, numbers and time-stamps lines. Without it every call is a no-op.
+// The Trace log: one object in the process filters, numbers and time-stamps lines. Without it every call is a no-op.
 #pragma once
 
 #include <QList>
@@ -14,18 +14,18 @@ class Trace : public QObject {
     Q_OBJECT
 
 public:
-    /// Becomes the one instance. A second one ends the process with status -1.
+    /// Becomes the only instance. A second one ends the process with status -1.
     explicit Trace(QObject *parent);
     ~Trace() override;
 
-    /// Writes one line when `level` is not below the minimum level and `group` has a bit in common with the mask.
+    /// Writes one line if `level` is at least the minimum level and `group` shares a bit with the mask.
     static void logId(int group, int level, const QString &a, const QString &b, const QString &c, const QString &text);
     /// Group 1, level 1. By convention `a` is the class or component and `b` the function.
     static void log(const QString &a, const QString &b, const QString &text);
     static void logs(const QString &a, const QString &b, const QString &text);
     static void log(int group, int level, const QString &a, const QString &b, const QString &text);
 
-    /// Sets the minimum level and the group mask; a negative argument leaves that setting as it is.
+    /// Sets the minimum level and the group mask; a negative argument keeps that setting.
     static void applyLogFilters(int level, int mask);
 
     /// The system's text for the current errno.
@@ -51,7 +51,7 @@ public Q_SLOTS:
 private:
     bool accepts(int group, int level) const;
 
-    // Atomic because the filter is tested before the mutex is taken.
+    // Atomic, because the filter is tested without the mutex.
     std::atomic<bool> m_consolePrint = false;
     std::atomic<std::int32_t> m_groupMask = 65535;
     std::atomic<std::int32_t> m_minimumLevel = 1;

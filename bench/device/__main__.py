@@ -25,8 +25,8 @@ from device.targets import targets_text  # noqa: E402
 
 def main() -> int:
     parser = argparse.ArgumentParser(prog="bench-device",
-                                     description="Measures a device of model 6420, and two sub-agents of Debian beside it.")
-    parser.add_argument("--rests", type=int, default=20, metavar="N", help="GETs after 5 s of rest (default 20)")
+                                     description="Measures a device of model 6420 and two sub-agents of Debian.")
+    parser.add_argument("--rests", type=int, default=20, metavar="N", help="GETs after 5 s idle (default 20)")
     parser.add_argument("--restarts", type=int, default=20, metavar="N", help="restarts of snmpd (default 20)")
     parser.add_argument("--growth", type=int, default=1000000, metavar="N",
                         help="GETs and notifications over which memory must not grow (default 1000000)")
@@ -43,7 +43,7 @@ def main() -> int:
     finally:
         device.stop()
         print(f"\n{table.text()}\n\n{targets_text(table)}\n\n{machine()}\nLoad average {load_before:.1f} before and "
-              f"{os.getloadavg()[0]:.1f} after the run; on a machine at rest 0 before.")
+              f"{os.getloadavg()[0]:.1f} after the run; on an idle machine 0 before.")
     return 1 if complaints else 0
 
 
@@ -77,7 +77,7 @@ def measure(device: Device, table: Table, options: argparse.Namespace) -> list[s
 
 
 def machine() -> str:
-    """What the figures depend on, and nothing that names the machine."""
+    """The conditions of the figures, without anything that identifies the machine."""
     cpu = next((line.partition(":")[2].strip() for line in Path("/proc/cpuinfo").read_text().splitlines()
                 if line.startswith("model name")), platform.machine())
     memory = int(Path("/proc/meminfo").read_text().split()[1]) / 2**20

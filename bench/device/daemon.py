@@ -1,4 +1,4 @@
-"""What is measured of the daemon alone, or of it and its snmpd: coming and going, notifications, traps, growth."""
+"""Measurements of the daemon alone, or with its snmpd: start and restart, notifications, traps, growth."""
 from __future__ import annotations
 
 import json
@@ -19,7 +19,7 @@ from .subjects import FLOOR, KVSNMP, PEERS, Subject
 VOLTAGE = "/state/power_lines/power_line[kid='1v8']/voltage"
 VOLTAGE_CELL = f"{TABLES}.4.2.1.3.2"
 GROWTH_STEPS = 10
-STREAM = 100000  # notifications in one go
+STREAM = 100000  # notifications at once
 PEER_RESTARTS = 3
 
 
@@ -30,10 +30,10 @@ class DaemonBench(Bench):
     def device(self) -> Device:
         return self.devices[KVSNMP]
 
-    # Coming and going
+    # Start and restart
 
     def start(self) -> None:
-        """Starts kvsnmp in a device that has none; its model number is asked for all the while."""
+        """Starts kvsnmp in a device without one, with continuous requests for its model number."""
         tell("start")
         loader = self.start_loader(KVSNMP, "start", 30000, MODEL_NUMBER, FLOOR.cell)
         begin = time.monotonic()
@@ -116,7 +116,7 @@ class DaemonBench(Bench):
         return time.monotonic() - begin
 
     def check_last_notification(self) -> None:
-        """What was sent last is what is served, once the table has read again: after 60 s at the latest."""
+        """The last value sent is served after the table's next load: after 60 s at the latest."""
         tell("the last value")
         wait_until(lambda: self.device.snmp.get(VOLTAGE_CELL) == [("Gauge32", str(self._last_voltage))], 65,
                    interval=0.5, what="last voltage served")
@@ -128,7 +128,7 @@ class DaemonBench(Bench):
     # Growth
 
     def growth(self, count: int, faults: Faults, traps: TrapReceiver) -> None:
-        """RSS over `count` GETs and over `count` notifications, each in ten steps after a step that does not count."""
+        """RSS over `count` GETs and over `count` notifications, each in ten steps after a warm-up step."""
         step = count // GROWTH_STEPS
 
         def ask() -> None:
@@ -183,7 +183,7 @@ class DaemonBench(Bench):
         return time.monotonic() - begin
 
     def _traps(self, label: str, faults: Faults, traps: TrapReceiver, prefix: str, count: int, taken: float) -> None:
-        faults.mark(traps, timeout=60)  # what comes twice has come by then
+        faults.mark(traps, timeout=60)  # doubled traps have arrived by then
         counts = traps.counts(prefix)
         self.table.add(f"traps per second, {label}", KVSNMP, count / taken)
         self.table.add(f"traps lost, {label}", KVSNMP, count - len(counts), ratio=False)

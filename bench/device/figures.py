@@ -1,6 +1,6 @@
-"""What is measured of every subject, each figure written into the table as soon as it is made.
+"""Measurements of every subject; each figure is written to the table at once.
 
-Figures of requests are the medians of some rounds, "min" is the least of all, and what was lost the sum.
+Figures of requests are the medians of several rounds, "min" is the minimum of all, losses are summed.
 """
 from __future__ import annotations
 
@@ -66,8 +66,7 @@ class Bench:
         self._throughput(f"managers: {SCALAR_MANAGERS}, of a scalar", _scalar, SCALAR_MANAGERS)
 
     def _in_turns(self, label: str, measure: Measure) -> dict[Subject, list[dict[str, float]]]:
-        """Each subject ROUNDS times, each time beside all the others: what else the machine does, and how fast it wakes
-        its processors just then, meets all of them."""
+        """Each subject ROUNDS times, interleaved: single blocks would measure other load and the CPU's sleep states."""
         tell(label)
         measured: dict[Subject, list[dict[str, float]]] = {subject: [] for subject in SUBJECTS}
         for turn in range(ROUNDS):
@@ -91,8 +90,8 @@ class Bench:
             self.table.add(f"GETs lost, {label}", subject, sum(one["lost"] for one in loaded), ratio=False)
 
     def _after_rest(self, rests: int, rest_ms: int = 5000) -> None:
-        """One subject of each device at a time, some 1.25 s apart: nobody's rest is disturbed."""
-        label = "GET after 5 s of rest"
+        """One subject of each device at a time, about 1.25 s apart, so that the idle ones are not disturbed."""
+        label = "GET after 5 s idle"
         tell(label)
         waiting = list(SUBJECTS)
         while waiting:
@@ -115,17 +114,17 @@ class Bench:
     # Processes
 
     def at_rest(self, seconds: float = 20.0) -> None:
-        """Nothing asks meanwhile, and nothing looks into the devices."""
-        tell(f"{seconds:.0f} s of rest")
+        """No requests meanwhile, and no access to the devices."""
+        tell(f"{seconds:.0f} s idle")
         pids = {subject: self.devices[subject].pids(subject.program) for subject in SUBJECTS}
-        time.sleep(2.0)  # the timers have come down from what the look has caused
+        time.sleep(2.0)  # until the daemon's timers are idle again after the sample
         before = {subject: self.spent(subject, pids[subject]) for subject in SUBJECTS}
         time.sleep(seconds)
         after = {subject: self.spent(subject, pids[subject]) for subject in SUBJECTS}
         for subject in SUBJECTS:
             wakes, cpu, at = (late - early for early, late in zip(before[subject], after[subject]))
-            self.table.add("wake-ups a second at rest", subject, wakes / at)
-            self.table.add("CPU at rest, ms a second", subject, cpu / 1e6 / at)
+            self.table.add("idle wake-ups a second", subject, wakes / at)
+            self.table.add("idle CPU, ms a second", subject, cpu / 1e6 / at)
 
     def memory(self, subjects: Iterable[Subject], when: str) -> None:
         for subject in subjects:

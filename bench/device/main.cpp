@@ -76,7 +76,7 @@ int main(int argc, char **argv)
     const auto command = words.size() > 1 ? commands.find(words[1]) : commands.end();
     if (command == commands.end())
         return usage();
-    setenv("MIBS", "", 1); // only numbers are asked for
+    setenv("MIBS", "", 1); // only numeric OIDs are used
     init_snmp("snmpload");
     try {
         for (const auto &[name, value] : command->second.run(words.subspan(2)))

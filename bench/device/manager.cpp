@@ -41,7 +41,7 @@ Manager::Manager(const std::string &address, std::chrono::microseconds timeout)
     session.community = reinterpret_cast<u_char *>(community.data());
     session.community_len = community.size();
     session.timeout = timeout.count();
-    session.retries = 0; // a repeat would hide a lost answer
+    session.retries = 0; // a retry would hide a lost answer
     m_handle = snmp_sess_open(&session);
     if (!m_handle)
         throw std::runtime_error("no session to " + address);
@@ -51,7 +51,7 @@ Manager::Manager(const std::string &address, std::chrono::microseconds timeout)
 
 Manager::~Manager()
 {
-    m_closing = true; // the library calls back for what is still in flight
+    m_closing = true; // the library calls back for pending requests
     snmp_sess_close(m_handle);
 }
 
@@ -79,7 +79,7 @@ int Manager::onAnswer(int operation, snmp_session *, int, snmp_pdu *pdu, void *d
     auto *pending = static_cast<Pending *>(data);
     if (pending->owner->m_closing)
         return 1;
-    const Answered answered = std::move(pending->answered); // which may ask again
+    const Answered answered = std::move(pending->answered); // it may send another request
     pending->owner->m_pending.erase(pending->self);
     answered(isAnswer(operation, pdu) ? pdu : nullptr);
     return 1;

@@ -24,24 +24,24 @@ struct Request {
     long repetitions = 0; // of a GETBULK
 };
 
-/// A session with a socket of its own, as a manager of its own would have.
+/// A session with a separate socket, like a separate manager.
 class Manager {
 public:
-    /// `pdu` is the answer, or null when none came within the manager's timeout.
+    /// `pdu` is the answer, or null without one within the manager's timeout.
     using Answered = std::function<void(const snmp_pdu *pdu)>;
 
-    /// Throws std::runtime_error when the session cannot be opened.
+    /// Throws std::runtime_error if the session cannot be opened.
     Manager(const std::string &address, std::chrono::microseconds timeout);
-    ~Manager(); ///< what is still in flight is not called back
+    ~Manager(); ///< does not call back for pending requests
     Manager(const Manager &) = delete;
     Manager &operator=(const Manager &) = delete;
 
-    /// Sends without waiting; `answered` is called by serve() or expire() and may ask again.
+    /// Sends without waiting; serve() or expire() calls `answered`, which may send another request.
     void ask(const Request &request, Answered answered);
 
     int descriptor() const;
-    void serve();  ///< takes what has come
-    void expire(); ///< gives up what has waited too long
+    void serve();  ///< handles received answers
+    void expire(); ///< ends requests that have waited too long
 
 private:
     struct Pending {
@@ -59,5 +59,5 @@ private:
 
 using Managers = std::vector<std::unique_ptr<Manager>>;
 
-/// Serves all of them until `done` or until the moment has come; true: done.
+/// Serves all managers until `done` or until the deadline; true: done.
 bool serveManagers(const Managers &managers, Clock::time_point until, const std::function<bool()> &done);

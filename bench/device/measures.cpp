@@ -1,4 +1,4 @@
-// What the loader measures.
+// The measurements of the load generator.
 #include "measures.h"
 
 #include <algorithm>
@@ -12,14 +12,14 @@ namespace {
 
 constexpr std::chrono::seconds answerTimeout{2};
 constexpr std::chrono::milliseconds probeInterval{5};
-constexpr std::chrono::milliseconds silenceLength{150}; // longer than any answer at rest takes
+constexpr std::chrono::milliseconds silenceLength{150}; // longer than any answer of an idle device takes
 
 double microseconds(Clock::duration duration)
 {
     return std::chrono::duration<double, std::micro>(duration).count();
 }
 
-/// Of the monotonic clock, as Python's time.monotonic() counts them.
+/// Seconds of the monotonic clock, like Python's time.monotonic().
 double seconds(Clock::time_point moment)
 {
     return std::chrono::duration<double>(moment.time_since_epoch()).count();
@@ -47,7 +47,7 @@ Managers openManagers(const std::string &address, std::size_t count)
     return managers;
 }
 
-/// Asks and waits; false when no answer came. `take` sees the answer.
+/// Sends a request and waits; false without an answer. `take` receives the answer.
 bool askAndWait(const Managers &managers, const Request &request, const std::function<void(const snmp_pdu &)> &take)
 {
     bool ended = false;
@@ -62,7 +62,7 @@ bool askAndWait(const Managers &managers, const Request &request, const std::fun
     return answered;
 }
 
-/// One walk; the number of variables.
+/// One walk; returns the number of variables.
 std::size_t walkOnce(const Managers &managers, const Oid &root, long repetitions)
 {
     const int command = repetitions != 0 ? SNMP_MSG_GETBULK : SNMP_MSG_GETNEXT;
@@ -88,7 +88,7 @@ std::size_t walkOnce(const Managers &managers, const Oid &root, long repetitions
     return variables;
 }
 
-/// Each manager has one GET in flight, until the moment has come or `count` are answered or lost: per_second, lost.
+/// Each manager has one GET in flight, until the deadline or until `count` are answered or lost: per_second, lost.
 Figures keepAsking(const Managers &managers, const Oid &object, std::size_t count, Clock::time_point end)
 {
     const Request request{SNMP_MSG_GET, object};

@@ -1,4 +1,4 @@
-"""Two sub-agents of Debian, each behind an snmpd of the measured device's kind in a throw-away device of its own."""
+"""Two sub-agents of Debian, each with an snmpd like the measured device's in a separate throw-away device."""
 from __future__ import annotations
 
 import signal
@@ -11,7 +11,7 @@ from .subjects import KEEPALIVED, LLDPD, Subject
 EMPTY = ["--no-kvsnmp", "--no-simulator", "--no-dbus", "--no-traps"]
 SYS_UP_TIME = ".1.3.6.1.2.1.1.3.0"
 
-# Some 300 objects each, as many as the measured device has: eight ports that hear each other, eight virtual routers.
+# About 300 objects each, like the measured device: eight ports that hear each other, eight virtual routers.
 PORT_PAIRS = 4
 PORTS = "".join(f"ip link add p{pair}a type veth peer name p{pair}b && ip link set p{pair}a up && ip link set p{pair}b up\n"
                 for pair in range(PORT_PAIRS)) + "ip address add 10.99.0.1/24 dev p0a\n"
@@ -26,7 +26,7 @@ OBJECTS_AT_LEAST = 250
 
 
 class Peer:
-    """To be stopped by stop(). `snmpd_conf` is the text of the measured device's own snmpd.conf."""
+    """Call stop() at the end. `snmpd_conf` is the text of the measured device's snmpd.conf."""
 
     def __init__(self, subject: Subject, snmpd_conf: str) -> None:
         self.subject = subject
@@ -45,17 +45,17 @@ class Peer:
         device.path("/run/lldpd").mkdir()
         self._start_snmpd()
         with open(device.path(f"/var/log/{self.subject.name}.log"), "wb") as log:
-            # In a session of its own, as snmpd and the measured daemon have: the kernel shares out processors by session,
-            # and a sub-agent in the loader's would be woken otherwise.
+            # In a separate session, like snmpd and the measured daemon: the kernel divides processors by session, so
+            # a sub-agent in the load generator's session would be scheduled differently.
             device.popen(["setsid", "--wait", *COMMANDS[self.subject]], stdout=log, stderr=log)
         wait_until(lambda: len(device.snmp.walk(self.subject.root)) >= OBJECTS_AT_LEAST, 60, interval=0.5,
                    what=f"objects of {self.subject.name}\n" + device.read(f"/var/log/{self.subject.name}.log"))
 
     def _start_snmpd(self) -> None:
-        self.device.run(["snmpd", "-p", "/var/run/snmpd.pid"])  # as the daemon starts its own
+        self.device.run(["snmpd", "-p", "/var/run/snmpd.pid"])  # like the daemon's
 
     def restart_snmpd(self) -> None:
-        """Ends snmpd and starts it half a second later, as the daemon does with its own."""
+        """Stops snmpd and starts it half a second later, like the daemon."""
         old = self.device.wait_snmpd()
         self.device.kill(old, signal.SIGTERM)
         self.device.run(["sleep", "0.5"])

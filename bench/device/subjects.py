@@ -1,4 +1,4 @@
-"""Who is measured: programs behind snmpd, and the objects that one snmpd serves itself as the floor."""
+"""The subjects: sub-agents of snmpd, and, as the floor, objects of snmpd itself."""
 from __future__ import annotations
 
 from typing import NamedTuple
@@ -6,10 +6,10 @@ from typing import NamedTuple
 
 class Subject(NamedTuple):
     name: str
-    program: str  # the process that serves the objects, and those that it starts
-    cell: str  # what a GET asks for
-    scalar: str  # what a GET of an object without rows asks for
-    root: str  # what a walk walks
+    program: str  # the process that serves the objects, with its children
+    cell: str  # the object of a GET
+    scalar: str  # the object of a GET without rows
+    root: str  # the root of a walk
 
 
 KVSNMP = Subject("kvsnmp", "kvsnmp", ".1.3.6.1.4.1.52717.3.4.2.1.3.1", ".1.3.6.1.4.1.52717.3.1.3.0",

@@ -1,4 +1,4 @@
-"""The one table of a run: a line for each figure, a column for each subject, the daemon's ratios to the floor and to the
+"""The table of a run: a line for each figure, a column for each subject, the daemon's ratios to the floor and to the
 best peer."""
 from __future__ import annotations
 
@@ -11,7 +11,7 @@ class Table:
         self._without_ratio: set[str] = set()
 
     def add(self, figure: str, subject: Subject, value: float, ratio: bool = True) -> None:
-        """`figure` names the unit, too: "GET, p50, us"."""
+        """`figure` includes the unit: "GET, p50, us"."""
         self._rows.setdefault(figure, {})[subject] = value
         if not ratio:
             self._without_ratio.add(figure)
@@ -34,7 +34,7 @@ class Table:
 
 
 def markdown(lines: list[list[str]], words: int = 1) -> str:
-    """As GitHub's Markdown, aligned to be read as it is; the first line is the heading, `words` columns are no numbers."""
+    """GitHub's Markdown, aligned as plain text; the first line is the heading, `words` columns are not numbers."""
     widths = [max(map(len, column)) for column in zip(*lines)]
     rule = ["-" * width if place < words else "-" * (width - 1) + ":" for place, width in enumerate(widths)]
     return "\n".join("| " + " | ".join(word.ljust(width) if place < words else word.rjust(width)

@@ -1,4 +1,4 @@
-"""What a run has to reach: each target with its figure, its bound and whether it is met."""
+"""The targets of a run, each with its figure, its bound and whether it is met."""
 from __future__ import annotations
 
 from typing import NamedTuple
@@ -12,7 +12,7 @@ POLLS, PINGS, WATCHDOG_FILES = 10, 1, 0.2  # a second: a poll each 100 ms, a pin
 
 class Target(NamedTuple):
     figure: str
-    relation: str  # of the figure to the bound
+    relation: str  # between the figure and the bound
     bound: float | None = BEST_PEER
 
 
@@ -21,8 +21,8 @@ TARGETS = [
     Target("walk, us per variable", "<="),
     Target("bulk walk (10), us per variable", "<="),
     *(Target(f"GETs per second, managers: {managers}", ">=") for managers in MANAGERS),
-    Target("GET after 5 s of rest, p50, us", "<=", 500),
-    Target("wake-ups a second at rest", "<=", POLLS + PINGS + WATCHDOG_FILES),
+    Target("GET after 5 s idle, p50, us", "<=", 500),
+    Target("idle wake-ups a second", "<=", POLLS + PINGS + WATCHDOG_FILES),
     Target("notifications per second", ">=", 20000),
     Target("RSS growth over the GETs, kB", "<=", 0),
     Target("RSS growth over the notifications, kB", "<=", 0),

@@ -1,5 +1,5 @@
-// The fault list: what one message costs beside 1, 100 and 10,000 others, and how fast waiting faults are handed over.
-// The trap sender is one that takes or refuses at once.
+// The fault list: the cost of one message beside 1, 100 and 10,000 others, and the rate at which waiting faults are
+// sent. The trap sender accepts or refuses at once.
 #include "agent/kvagent.h"
 #include "agent/trapgate.h"
 #include "device/trapcatalogue.h"
@@ -49,7 +49,7 @@ void report(FaultHandler &faults, int number, bool active)
                          active);
 }
 
-/// A list of `count` faults; with the sender refusing they wait.
+/// A list of `count` faults; they wait while the sender refuses.
 std::unique_ptr<FaultHandler> listOf(benchmark::IterationCount count)
 {
     auto faults = std::make_unique<FaultHandler>(nullptr, gate);

@@ -1,5 +1,5 @@
-// Notifications: texts found by XPath, dispatch to each parser, decimal texts. Two notifications take turns wherever
-// one notification is to be measured, because the tree of the last one is kept.
+// Notifications: texts found by XPath, dispatch to each parser, decimal texts. To measure one notification, two
+// alternate, because the tree of the last one is cached.
 #include "tal/keystep.h"
 #include "tal/talhandler.h"
 
@@ -18,7 +18,7 @@ QString qs(const char *text)
     return QString::fromUtf8(text);
 }
 
-/// All voltages of model 6420, as the data service sends them when the whole list is made.
+/// All voltages of model 6420, as sent by the data service for a new list.
 QString voltageSet(const char *value)
 {
     QString xml = QStringLiteral("<power_lines>");
@@ -56,7 +56,7 @@ void xpathOfKeptTree(benchmark::State &state)
 }
 BENCHMARK(xpathOfKeptTree)->Name("xpathGetTextNode/one key of 13 voltages, tree kept");
 
-/// One notification with two contents in turn.
+/// One notification with two alternating contents.
 struct Example {
     const char *name;
     uint model;

@@ -1,6 +1,6 @@
-"""Keeps a throw-away device busy for some minutes and tells what became of it; run by scripts/soak, which builds first.
+"""Keeps a throw-away device busy for some minutes and reports the results; run by scripts/soak, which builds first.
 
-Ends with 0 when nothing was lost, doubled or answered wrongly and nothing grew, else with 1; with 130 when it was
+Exits with 0 if nothing was lost, doubled or answered wrongly and nothing grew, otherwise with 1; with 130 if it was
 interrupted.
 """
 from __future__ import annotations
@@ -29,7 +29,7 @@ from soak.life import Life, batch_line  # noqa: E402
 from soak.process import LOOK, Growth, Sample, rates, sample_from  # noqa: E402
 from soak.report import end_lines, heading, minute_line  # noqa: E402
 
-# Kind and milliseconds of pause; each is a manager of its own.
+# Kind and milliseconds of pause of each manager.
 MANAGERS = [("GET", 50), ("GET", 2000), ("GET v1", 100), ("GETNEXT", 2000), ("GETBULK 10", 1500), ("GETBULK 50", 1000)]
 TICK = 0.1
 SAMPLE_INTERVAL = 2.0
@@ -62,7 +62,7 @@ def main() -> int:
         raise
     finally:
         for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-            signal.signal(number, signal.SIG_IGN)  # what has begun to end, ends
+            signal.signal(number, signal.SIG_IGN)  # ignored during shutdown
         if soak:
             soak.close()
         complaints = device.stop()
@@ -99,7 +99,7 @@ class Soak:
         self.started = False
         self.before = self.after = self.sample()
 
-    # What the device's life does to it
+    # Events of the device
 
     def order(self, *words: str) -> None:
         self.talctl.stdin.write(batch_line(words).encode())
@@ -147,7 +147,7 @@ class Soak:
             self.selector.register(manager.stdout, selectors.EVENT_READ, (manager, bytearray()))
 
     def _look(self) -> None:
-        """Takes in all that has happened since the last time."""
+        """Collects everything since the last call."""
         self.talctl.stdin.flush()
         now = time.monotonic()
         lines = self.log.look(now)
@@ -189,12 +189,12 @@ class Soak:
     # The end
 
     def _come_to_rest(self) -> None:
-        """Nothing new happens; what is under way comes to its end, and what is lost is known to be."""
+        """No new events; pending work ends, and losses are counted."""
         self.life.enable_everything(time.monotonic())
         self._look_while(lambda: self.restarts.under_way or self.faults.waiting(), FaultBook.PATIENCE + 5)
         self._stop_managers()
         self.life.clear_everything()
-        self._look_while(lambda: True, CALM)  # what comes twice has come by then
+        self._look_while(lambda: True, CALM)  # doubled traps have arrived by then
         self.talctl.stdin.close()
         if status := self.talctl.wait(20):
             raise AssertionError(f"talctl: status {status}: {self.device.read('/var/log/talctl.log')}")
@@ -207,7 +207,7 @@ class Soak:
             time.sleep(TICK)
 
     def _stop_managers(self) -> None:
-        """They end when nobody takes their reports any more."""
+        """They end when their reports are no longer read."""
         for key in list(self.selector.get_map().values()):
             self.selector.unregister(key.fileobj)
             key.fileobj.close()

@@ -1,4 +1,4 @@
-"""What the managers report, added up: answer times, and what went wrong outside the restarts of snmpd."""
+"""The sums of the managers' reports: answer times, and errors outside the restarts of snmpd."""
 from __future__ import annotations
 
 import json
@@ -25,7 +25,7 @@ def times_of(milliseconds: array) -> Times:
 
 
 class Answers:
-    DELAY = 1.0  # the daemon's log has told of a restart by then
+    DELAY = 1.0  # the daemon's log shows a restart by then
 
     def __init__(self, restarts: Restarts) -> None:
         self._restarts = restarts
@@ -35,16 +35,16 @@ class Answers:
         self.answered_during_restarts = 0
         self.unanswered_during_restarts = 0
         self.timeouts = 0  # outside restarts, as all below
-        self.wrong: list[str] = []  # any other answer that is none
+        self.wrong: list[str] = []  # every other error
 
     def report(self, line: str, now: float) -> None:
         """One line of a manager."""
         told = json.loads(line)
-        if told["kind"]:  # not of a manager that looks for something to ask
+        if told["kind"]:  # not of a manager that still discovers its objects
             self._waiting.append((now, told["kind"], told["good"], told["bad"]))
 
     def settle(self, now: float) -> None:
-        """Adds up what was reported long enough ago."""
+        """Adds up reports that are old enough."""
         while self._waiting and self._waiting[0][0] <= now - self.DELAY:
             _, kind, good, bad = self._waiting.popleft()
             for end, milliseconds in good:

@@ -1,4 +1,4 @@
-"""The daemon's own words as they come, and from them the times at which no master is there."""
+"""Follows the daemon's log, and finds the times without a master."""
 from __future__ import annotations
 
 import re
@@ -13,13 +13,13 @@ HANDED_OVER = re.compile(r".*Trap fault ID: \d+ description: (.*) ->Send SUCCESS
 
 
 class Line(NamedTuple):
-    after: float  # it was written after this moment and before the other
+    after: float  # it was written between these two times
     before: float
     text: str
 
 
 class LogFollower:
-    """Complete lines that a file has got since the last look."""
+    """Complete new lines of a file since the last call."""
 
     def __init__(self, path: Path, now: float) -> None:
         self._file = open(path, "rb")
@@ -27,7 +27,7 @@ class LogFollower:
         self._last_look = now
 
     def look(self, now: float) -> list[Line]:
-        """`now` is taken before the file is read: what was written up to then is in the answer."""
+        """`now` is read before the file: everything written up to then is in the result."""
         self._pending += self._file.read()
         *lines, self._pending = self._pending.split(b"\n")
         last, self._last_look = self._last_look, now
@@ -38,8 +38,8 @@ class LogFollower:
 
 
 class Restarts:
-    """Spans in which nobody may expect an answer: from the order, or from what the daemon says, until its session with
-    the next snmpd stands."""
+    """Spans without answers: from the order, or from the daemon's message, until its session with the next snmpd is
+    open."""
 
     MARGIN = 0.5  # until every table is registered again
 
@@ -55,11 +55,11 @@ class Restarts:
         return self._begin is not None
 
     def waits(self, now: float) -> float:
-        """For so many seconds the one under way has not ended."""
+        """Seconds since the start of the current one."""
         return now - self._begin if self._begin is not None else 0.0
 
     def order(self, now: float) -> None:
-        """Something that has to end in a new snmpd happens from now on."""
+        """From now on an event happens that has to end in a new snmpd."""
         if self._begin is None:
             self._begin, self._told_to_end = now, False
 
@@ -85,7 +85,7 @@ class Restarts:
 
 
 class DyingWindow:
-    """When somebody else ends snmpd, what it was handed shortly before, and until the daemon knows, may go with it."""
+    """If something else ends snmpd, traps sent shortly before, and until the daemon notices, may be lost."""
 
     BEFORE = 0.2
 
@@ -96,7 +96,7 @@ class DyingWindow:
         self._begin = now - self.BEFORE
 
     def handed_over(self, lines: list[Line]) -> Iterator[tuple[str, bool]]:
-        """The faults that the daemon has handed over, in order, each with whether it was to a dying snmpd."""
+        """The faults that the daemon has sent, in order, each with whether the snmpd was dying."""
         for line in lines:
             if line.text.startswith(DISCONNECTED):
                 self._begin = None

@@ -1,4 +1,4 @@
-"""Every fault that is raised, and what became of its trap."""
+"""Every raised fault, and the result of its trap."""
 from __future__ import annotations
 
 from collections.abc import Iterable
@@ -10,16 +10,16 @@ from typing import NamedTuple
 class Fault:
     kind: str  # the name of its trap's switch
     raised: float
-    held: bool  # its trap is disabled, so nothing may come yet
+    held: bool  # its trap is disabled, so none may arrive yet
     handed_over: float | None = None
-    dying: bool = False  # it was handed over while a master was dying
+    dying: bool = False  # it was sent to a dying master
     received: int = 0
     cleared: bool = False
 
 
 class Totals(NamedTuple):
     raised: int
-    handed_over: int  # faults that the daemon has handed over at least once
+    handed_over: int  # faults that the daemon has sent at least once
     received: int  # different ones
     lost: int
     lost_with_master: int
@@ -28,7 +28,7 @@ class Totals(NamedTuple):
 
 
 class FaultBook:
-    """A fault counts as lost when its trap has not come so long after it was raised, or after its trap was enabled."""
+    """A fault is lost if its trap has not arrived this long after it was raised, or after its trap was enabled."""
 
     PATIENCE = 30.0
 
@@ -75,7 +75,7 @@ class FaultBook:
         return [text for text, fault in self._faults.items() if not fault.cleared]
 
     def waiting(self) -> list[str]:
-        """Those whose trap is still to come."""
+        """The faults with a pending trap."""
         return [text for text, fault in self._faults.items() if not fault.received and not fault.held]
 
     def lost(self, now: float) -> list[str]:

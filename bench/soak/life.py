@@ -1,5 +1,5 @@
-"""What happens to the device: values, faults, switches of traps, announcements of the amplifier monitor, restarts of
-snmpd. Each has its interval; what is due becomes lines for `talctl batch`."""
+"""The events of the device: values, faults, enabled and disabled traps, announcements of the amplifier monitor, restarts
+of snmpd. Each has an interval; due events become lines for `talctl batch`."""
 from __future__ import annotations
 
 import heapq
@@ -52,7 +52,7 @@ LEAVES = [
       for source in ("ac_power", "dc_power")),
 ]
 
-# As the amplifier monitor says it, the last two as it must not.
+# States of the amplifier monitor; the last two are invalid.
 ANNOUNCEMENTS: list[Callable[[random.Random], list[str]]] = [
     lambda c: ["monitor", "gpo", str(c.randrange(6)), c.choice(["set", "cleared"]),
                c.choice(["ok_set", "ok_clear", "fail_set"])],
@@ -66,7 +66,7 @@ ANNOUNCEMENTS: list[Callable[[random.Random], list[str]]] = [
 
 
 class Outside(Protocol):
-    """The device, as far as this file gets hold of it."""
+    """The part of the device that this file uses."""
 
     def order(self, *words: str) -> None: ...
     def stir_snmpd_folder(self) -> None: ...
@@ -85,12 +85,12 @@ class Life:
         self._clears: list[tuple[float, str]] = []
         self._references: dict[str, str] = {}
         self.values = self.announcements = self.kills = 0
-        slow = max(3.0, min(20.0, seconds / 8))  # a short run has a bit of everything, too
+        slow = max(3.0, min(20.0, seconds / 8))  # a short run also has events of every kind
         self._intervals: list[tuple[float, Callable[[float], None]]] = [
             (0.2, self._change_values), (0.3, self._announce), (0.5, self._raise_some), (1.5 * slow, self._raise_many),
             (slow, self._restart), (slow / 2, self._switch)]
         self._due: list[float] = []
-        # Every third restart is somebody else's doing.
+        # Every third restart is not the daemon's.
         self._ways = [self._change_settings, self._touch, self._kill, self._change_settings, self._touch, self._end]
 
     def step(self, now: float) -> None:
@@ -104,7 +104,7 @@ class Life:
             self._clear(heapq.heappop(self._clears)[1])
 
     def told(self, text: str, now: float) -> None:
-        """The trap of a fault has come: its fault ends some time later."""
+        """The trap of a fault has arrived: the fault ends some time later."""
         heapq.heappush(self._clears, (now + self._chance.uniform(0, 8), text))
 
     def given_up(self, texts: list[str]) -> None:
@@ -119,7 +119,7 @@ class Life:
         self.given_up(self._faults.active())
         self._clears = []
 
-    # What happens
+    # Events
 
     def _change_values(self, _: float) -> None:
         for leaf in self._chance.sample(LEAVES, 5):
@@ -189,7 +189,7 @@ class Life:
         self._kill_with(signal.SIGTERM, now)
 
     def _kill_with(self, number: signal.Signals, now: float) -> None:
-        """The daemon hears of it by the closed connection; the changed settings bring the next snmpd."""
+        """The daemon notices the closed connection; the changed settings start the next snmpd."""
         self._dying.killing(now)
         self._outside.kill_snmpd(number)
         self.kills += 1

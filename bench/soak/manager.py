@@ -1,5 +1,5 @@
-"""One manager, run inside a device: manager.py KIND PAUSE_MS. It asks until it is killed and writes, each second, one
-line of JSON, which answers.py reads: how what it asked went, and when."""
+"""One manager inside a device: manager.py KIND PAUSE_MS. It sends requests until it is killed and prints each second one
+line of JSON for answers.py: the results and times of its requests."""
 from __future__ import annotations
 
 import json
@@ -30,12 +30,12 @@ class Manager:
         self._socket.connect(ADDRESS)
         self._number = random.randrange(1, 1 << 30)
         self._good: list[tuple[float, float]] = []  # end, milliseconds
-        self._bad: list[tuple[float, float, str]] = []  # begin, end, what is wrong
+        self._bad: list[tuple[float, float, str]] = []  # begin, end, error
         self._reported = time.monotonic()
 
     def ask(self, kind: int, name: ber.Oid, repetitions: int = 0,
             flaw: Callable[[list[ber.Binding]], str] = lambda _: "") -> list[ber.Binding] | None:
-        """One request, entered into the next report; None when it was not answered. `flaw` says what is wrong with an
+        """One request, added to the next report; None if it was not answered. `flaw` returns the error of an
         answer."""
         self._number += 1
         begin = time.monotonic()
@@ -47,7 +47,7 @@ class Manager:
             what = f"error {answer.error}" if answer.error else flaw(bindings)
         except TimeoutError:
             what = "timeout"
-        except (OSError, ber.Malformed) as failure:  # while snmpd is away the port is closed
+        except (OSError, ber.Malformed) as failure:  # without snmpd the port is closed
             what = f"{failure}"
             time.sleep(0.1)
         end = time.monotonic()
@@ -73,7 +73,7 @@ class Manager:
         self._good, self._bad, self._reported = [], [], now
 
     def walk(self, repetitions: int = 0) -> list[ber.Binding] | None:
-        """With GETBULK unless `repetitions` is 0; None when it was cut short."""
+        """With GETBULK unless `repetitions` is 0; None if it was incomplete."""
         kind = ber.GETBULK if repetitions else ber.GETNEXT
         walked: list[ber.Binding] = []
         name = ROOT
@@ -93,7 +93,7 @@ class Manager:
         return walked
 
     def enter_walk(self, begin: float, shape: list[tuple[ber.Oid, str]], walked: list[ber.Binding]) -> None:
-        """The rows and types of a device never change, whatever its values do."""
+        """The rows and types of a device never change, only its values."""
         if shape_of(walked) != shape:
             self._bad.append((begin, time.monotonic(), f"a walk of {len(walked)} instead of {len(shape)} variables"))
 
@@ -131,5 +131,5 @@ KINDS: dict[str, Callable[[float], None]] = {
 if __name__ == "__main__":
     try:
         KINDS[sys.argv[1]](float(sys.argv[2]) / 1000)
-    except BrokenPipeError:  # nobody takes the reports any more
+    except BrokenPipeError:  # the reports are no longer read
         os._exit(0)

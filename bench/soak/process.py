@@ -1,4 +1,4 @@
-"""What the daemon takes of the machine, and by how much that may have grown."""
+"""The daemon's resource use, and the limits of its growth."""
 from __future__ import annotations
 
 import statistics
@@ -17,12 +17,12 @@ class Sample(NamedTuple):
     pss: int  # kB
     descriptors: int
     threads: int
-    cpu: int  # nanoseconds so far, of the threads that live
-    wakes: int  # voluntary context switches so far, of the threads that live
+    cpu: int  # nanoseconds so far, of living threads
+    wakes: int  # voluntary context switches so far, of living threads
 
 
 def sample_from(text: str) -> Sample:
-    """Reads what LOOK prints."""
+    """Parses the output of LOOK."""
     found: dict[str, list[str]] = {}
     for line in text.splitlines():
         key, colon, value = line.partition(":")
@@ -46,7 +46,7 @@ def rates(early: Sample, late: Sample) -> Rates:
 
 class Growth:
     """Memory is compared under the same load: the median of a span after the warm-up with that of the last span.
-    Descriptors and threads are compared at rest."""
+    Descriptors and threads are compared while idle."""
 
     def __init__(self, seconds: float) -> None:
         self.warm_up = min(300.0, seconds / 3)
@@ -57,7 +57,7 @@ class Growth:
         self._samples.append(sample)
 
     def memory(self) -> tuple[float, float] | None:
-        """RSS in kB after the warm-up and at the end; None when the run was too short for two spans."""
+        """RSS in kB after the warm-up and at the end; None if the run was too short for two spans."""
         if not self._samples:
             return None
         begin, end = self._samples[0].at + self.warm_up, self._samples[-1].at
@@ -69,12 +69,12 @@ class Growth:
         return statistics.median(sample.rss for sample in self._samples if begin <= sample.at <= end)
 
     def findings(self, before: Sample, after: Sample, memory_counts: bool = True) -> list[str]:
-        """What has grown: `before` and `after` are samples at rest."""
+        """The growth; `before` and `after` are idle samples."""
         found = []
         if after.descriptors != before.descriptors:
-            found.append(f"descriptors at rest: {before.descriptors} before, {after.descriptors} after")
+            found.append(f"idle descriptors: {before.descriptors} before, {after.descriptors} after")
         if after.threads != before.threads:
-            found.append(f"threads at rest: {before.threads} before, {after.threads} after")
+            found.append(f"idle threads: {before.threads} before, {after.threads} after")
         memory = self.memory()
         if memory_counts and memory and memory[1] - memory[0] > RSS_GROWTH_LIMIT_KB:
             found.append(f"RSS grew by {memory[1] - memory[0]:.0f} kB after the warm-up; "

@@ -1,4 +1,4 @@
-"""The lines that a run prints: one for each minute, and what it comes to at the end."""
+"""The output of a run: a line for each minute, and the summary."""
 from __future__ import annotations
 
 from .answers import Answers, Times
@@ -16,7 +16,7 @@ def heading() -> str:
 
 def minute_line(minute: str, sample: Sample, spent: Rates, restarts: int, totals: Totals, times: Times,
                 timeouts: int) -> str:
-    """The counts are those since the start, rates and times those of the minute."""
+    """Counts are since the start, rates and times of the minute."""
     values = [minute, sample.rss, sample.pss, sample.descriptors, sample.threads, f"{spent.cpu:.1f}",
               f"{spent.wakes:.0f}", restarts, totals.raised, totals.handed_over, totals.received, totals.lost,
               totals.lost_with_master, totals.doubled, f"{times.p50:.2f}", f"{times.p99:.2f}", f"{times.longest:.1f}",
@@ -28,7 +28,7 @@ def end_lines(before: Sample, after: Sample, whole: Rates, memory: tuple[float, 
               totals: Totals, answers: Answers) -> list[str]:
     seconds = after.at - before.at
     lines = [f"ran {seconds / 60:.1f} minutes",
-             f"  at rest before and after: RSS {before.rss} and {after.rss} kB, PSS {before.pss} and {after.pss} kB, "
+             f"  idle before and after: RSS {before.rss} and {after.rss} kB, PSS {before.pss} and {after.pss} kB, "
              f"descriptors {before.descriptors} and {after.descriptors}, threads {before.threads} and {after.threads}"]
     if memory:
         lines.append(f"  RSS under load, after the warm-up and at the end: {memory[0]:.0f} and {memory[1]:.0f} kB")

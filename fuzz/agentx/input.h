@@ -1,4 +1,4 @@
-// The bytes of one input, read from the front, so that a change in one place leaves what stands before it.
+// The bytes of one input, read from the front, so that a change does not affect the bytes before it.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@ public:
 
     bool isEmpty() const { return m_rest.empty(); }
 
-    /// A number of so many bytes; behind the end of the input all bytes are zero.
+    /// A number of this many bytes; after the end of the input all bytes are zero.
     std::uint32_t number(std::size_t bytes = 1)
     {
         std::uint32_t value = 0;
@@ -22,7 +22,7 @@ public:
         return value;
     }
 
-    /// One byte's worth: 0 to `limit` - 1, `limit` being at most 256.
+    /// One byte as a number from 0 to `limit` - 1; `limit` is at most 256.
     std::uint32_t below(std::uint32_t limit) { return number() % limit; }
 
     /// Its length, a byte, and the text.

@@ -1,4 +1,4 @@
-// The played master agent.
+// The simulated master agent.
 #include "agentx/master.h"
 
 #include "support.h"
@@ -65,7 +65,7 @@ Master::Master(const std::string &socketPath) : m_listener(socket(AF_UNIX, SOCK_
 void Master::serve()
 {
     acceptConnection();
-    readAgent(); // its answers come before the next chunk
+    readAgent(); // its answers are read before the next chunk
     writeChunk();
 }
 
@@ -78,7 +78,7 @@ void Master::send(std::string_view chunk)
 void Master::hangUp()
 {
     if (m_connection >= 0) {
-        // With something left unread the sub-agent gets an error in place of the end, at which the library leaks an
+        // With unread data the sub-agent would get an error instead of the end, and the library would then leak an
         // address.
         char buffer[65536];
         while (recv(m_connection, buffer, sizeof buffer, 0) > 0)
@@ -149,14 +149,14 @@ void Master::writeChunk()
     }
 }
 
-/// PDUs on which the library itself misbehaves. Its master is trusted, and snmpd sends none of them.
+/// PDUs for which the library misbehaves. Its master is trusted, and snmpd sends none of them.
 bool Master::isUnbearable(std::string_view frame) const
 {
-    // A context name with a zero in it: the library copies the name up to the zero and later reads all of its length.
+    // A context name with a zero: the library copies the name up to the zero and later reads its whole length.
     const std::optional<std::string> context = contextOf(frame);
     if (context && context->find('\0') != std::string::npos)
         return true;
-    // A part of a set before the answer to the last one: when that ends the set, the library writes to freed memory.
+    // A part of a set before the answer to the previous one: if that ends the set, the library writes to freed memory.
     const Header header = parseHeader(frame);
     return isSet(header) && std::any_of(m_asked.begin(), m_asked.end(), [&header](const Asked &asked) {
                return isSet(asked.request.header) && asked.request.header.transaction == header.transaction &&
@@ -164,14 +164,14 @@ bool Master::isUnbearable(std::string_view frame) const
            });
 }
 
-/// Cuts what goes out into PDUs as the library does, and enters those that are requests. False when one is among them
-/// that the library cannot stand.
+/// Splits outgoing bytes into PDUs like the library, and records the requests. False if one of the PDUs makes the
+/// library misbehave.
 bool Master::account(std::string_view chunk)
 {
     m_sent.append(chunk);
     while (m_inStep && m_sent.size() >= headerSize) {
         const std::int64_t size = static_cast<std::int32_t>(payloadLength(m_sent) + headerSize);
-        m_inStep = size > 0; // otherwise it closes the connection or never reads on
+        m_inStep = size > 0; // otherwise it closes the connection or stops reading
         if (!m_inStep || static_cast<std::size_t>(size) > m_sent.size())
             break;
         const std::string frame = m_sent.substr(0, static_cast<std::size_t>(size));
@@ -205,7 +205,7 @@ void Master::readAgent()
         while (m_received.size() >= headerSize && m_received.size() - headerSize >= payloadLength(m_received)) {
             const std::string frame = m_received.substr(0, headerSize + payloadLength(m_received));
             m_received.erase(0, frame.size());
-            handle(frame); // may hang up
+            handle(frame); // may close the connection
         }
     }
 }
@@ -236,7 +236,7 @@ void Master::take(const Pdu &response)
             asked.answer = response;
             return;
         }
-        known = !asked.must; // the library repeats what it waited for too long
+        known = !asked.must; // the library repeats a request after its timeout
     }
     require(known, "each answer belongs to a request that has none yet");
 }

@@ -1,5 +1,5 @@
-// The master agent that the fuzz target plays: it opens its socket, answers what the sub-agent asks of it, well or
-// badly, sends what it is given, and keeps the account of which request was answered by what.
+// The master agent that the fuzz target simulates: it opens its socket, answers the sub-agent's requests correctly or
+// not, sends given bytes, and records the answer to each request.
 #pragma once
 
 #include "agentx/pdu.h"
@@ -13,29 +13,29 @@
 #include <utility>
 #include <vector>
 
-/// How the master answers one PDU of the sub-agent that expects an answer.
+/// The master's answer to one PDU of the sub-agent that requires an answer.
 enum class Reply : std::uint8_t {
     good,
     error,
     silence,
     hangUp,
     twice,
-    wrongPacketFirst, ///< then the right one
-    requestFirst,     ///< a GetNext comes before the answer
+    wrongPacketFirst, ///< then the right number
+    requestFirst,     ///< a GetNext precedes the answer
     inPieces,         ///< in two writes
-    malformed,        ///< a varbind list that breaks off
+    malformed,        ///< a truncated varbind list
     withVarbinds,
     otherByteOrder,
 };
 inline constexpr std::size_t replies = 11;
 
-/// Requests below have numbers of the input's own choice, which can stand for two.
+/// Requests below have numbers from the input, which can repeat.
 inline constexpr std::uint32_t firstUniquePacket = 0x40000000;
 
-/// A request that went out whole.
+/// A completely sent request.
 struct Asked {
     Pdu request;
-    bool must; ///< it has to be answered exactly once; otherwise it may be
+    bool must; ///< it has to be answered exactly once; otherwise at most once
     std::optional<Pdu> answer;
 };
 
@@ -45,11 +45,11 @@ public:
     Master(const Master &) = delete;
     Master &operator=(const Master &) = delete;
 
-    /// Accepts a connection, writes the next chunk, reads and answers what came. To be called whenever the sub-agent
-    /// looks for something to read.
+    /// Accepts a connection, writes the next chunk, reads and answers received PDUs. Call whenever the sub-agent
+    /// checks for data to read.
     void serve();
 
-    /// Queues bytes that go out in one write (as far as they fit into the socket).
+    /// Queues bytes for one write (as far as they fit into the socket).
     void send(std::string_view chunk);
     bool hasSentAll() const { return m_chunks.empty(); }
 
@@ -58,13 +58,13 @@ public:
 
     void hangUp();
 
-    /// The next answers; after the last one all are good again.
+    /// The next answers; after the last one all are correct.
     void setReplies(std::deque<Reply> plan) { m_plan = std::move(plan); }
 
-    /// False while half a PDU is out, and from a broken length to the next connection.
+    /// False after half a PDU, and from a broken length to the next connection.
     bool isInStep() const { return m_connection >= 0 && m_inStep && m_sent.empty(); }
 
-    /// The sub-agent waited in vain, so the library may have dropped what it had in hand.
+    /// The sub-agent waited in vain, so the library may have dropped its current message.
     void noteLapse();
 
     std::vector<Asked> takeAsked();
@@ -87,10 +87,10 @@ private:
     std::deque<std::string> m_chunks;
     bool m_isAccounted = false; ///< the first chunk
     std::deque<Reply> m_plan;
-    std::string m_sent; ///< the part of a PDU that went out without its rest
+    std::string m_sent; ///< the sent part of an incomplete PDU
     std::string m_received;
     bool m_inStep = true;
-    bool m_kept = true; ///< nothing was done on this connection that gives a reason to close it
+    bool m_kept = true; ///< this connection had no event that is a reason to close it
     std::vector<Asked> m_asked;
     std::vector<Pdu> m_notifications;
 };

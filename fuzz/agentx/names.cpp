@@ -1,4 +1,4 @@
-// Object identifiers out of an input.
+// Object identifiers from an input.
 #include "agentx/names.h"
 
 #include <algorithm>
@@ -14,8 +14,7 @@ std::uint32_t Names::arc()
     return byte >= 0xF8 ? edges[byte - 0xF8] : byte % 32;
 }
 
-/// E and up to seven arcs, or E.3.T.O.1.C.I as far as the input wants it: T, C and I are its own, O is where tables
-/// are.
+/// E and up to seven arcs, or a part of E.3.T.O.1.C.I: T, C and I are from the input, O is the place of tables.
 Name Names::smallName()
 {
     Name name = enterprise;
@@ -34,7 +33,7 @@ Name Names::smallName()
 
 Name Names::name()
 {
-    constexpr std::size_t longest = 140; // more than the library takes
+    constexpr std::size_t longest = 140; // more than the library accepts
     const std::uint32_t kind = m_input.number();
     Name name = m_last;
     switch (kind % 8) {
@@ -42,7 +41,7 @@ Name Names::name()
     case 1:
         name = smallName();
         break;
-    case 2: // beside the last one, often in its table
+    case 2: // next to the last one, often in its table
         name.resize(std::min<std::size_t>(name.size(), 8 + m_input.below(6)));
         for (std::uint32_t arcs = kind / 8 % 4; arcs > 0; --arcs)
             name.push_back(arc());
@@ -50,7 +49,7 @@ Name Names::name()
     case 3:
         name = anyServed();
         break;
-    case 4: // cut, perhaps with something else behind
+    case 4: // truncated, perhaps followed by other arcs
         name = anyServed();
         name.resize(name.size() - std::min<std::size_t>(name.size(), m_input.below(8)));
         if (kind >= 128)

@@ -1,4 +1,4 @@
-// Object identifiers out of an input: mostly in and beside the tables, seldom anywhere.
+// Object identifiers from an input: mostly in and next to the tables, rarely elsewhere.
 #pragma once
 
 #include "agentx/input.h"
@@ -9,7 +9,7 @@
 
 class Names {
 public:
-    /// `served` has to outlive it.
+    /// `served` has to outlive this object.
     Names(Input &input, const std::vector<Name> &served) : m_input(input), m_served(served) {}
 
     Name name();

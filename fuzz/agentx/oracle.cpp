@@ -1,4 +1,4 @@
-// The answers, held to the walk and to single requests.
+// Compares the answers with the walk and with single requests.
 #include "agentx/oracle.h"
 
 #include "support.h"
@@ -6,12 +6,12 @@
 #include <algorithm>
 
 namespace {
-// A response of this many names may be too long for the way.
+// A response with this many names may be too long for the connection.
 constexpr std::size_t alwaysPasses = 300;
 
 bool isOtherContext(const Pdu &request)
 {
-    return !request.context.empty() && request.context[0] != '\0'; // the library takes it for a C string
+    return !request.context.empty() && request.context[0] != '\0'; // the library uses it as a C string
 }
 
 /// E.3.4 of a name in the voltage table.
@@ -22,7 +22,7 @@ Name groupOf(Name name)
     return name;
 }
 
-/// The walk's next name behind this one, or this one when it is included.
+/// The walk's next name after this one, or this one if it is included.
 const Name *successor(const std::vector<Name> &served, const Name &name, bool include)
 {
     const auto place = include ? std::lower_bound(served.begin(), served.end(), name)
@@ -55,7 +55,7 @@ Oracle::Oracle(SubAgent &agent, Master &master) : m_agent(agent), m_master(maste
 void Oracle::check()
 {
     const std::vector<Asked> asked = m_master.takeAsked();
-    // A question cannot stand between the halves of a PDU.
+    // A request cannot be sent between the halves of a PDU.
     const bool canAsk = m_master.hasSession() && m_master.isInStep();
     if (canAsk)
         askAlone(asked);
@@ -114,7 +114,7 @@ const Pdu &Oracle::alone(PduType type, const Name &name, bool include) const
     return found->second;
 }
 
-/// The varbind of a GetNext of this name alone, which has to be that of the walk.
+/// The varbind of a GetNext of this name alone; it has to be that of the walk.
 Varbind Oracle::next(const Name &name, bool include) const
 {
     const Pdu &answer = alone(PduType::getNext, name, include);
@@ -144,7 +144,7 @@ void Oracle::check(const Asked &asked) const
     }
 }
 
-/// A name that cannot be a cell of its table fails a Get as a whole when it stands beside one that can: intended.
+/// A name that cannot be a cell of its table fails a Get with a valid name of that table as a whole: intended.
 bool Oracle::mayFail(const Pdu &get) const
 {
     const auto looksServed = [this](const Name &name) {
@@ -160,7 +160,7 @@ bool Oracle::mayFail(const Pdu &get) const
         const std::uint16_t type = answer.varbinds[0].type;
         if (type != syntax::noSuchObject)
             withPossible.insert(groupOf(range.start));
-        // How long the names of an empty table's cells are is not known here.
+        // The length of the names in an empty table is unknown here.
         if (type == syntax::noSuchObject || (type == syntax::noSuchInstance && !looksServed(range.start)))
             withImpossible.insert(groupOf(range.start));
     }
@@ -217,7 +217,7 @@ void Oracle::checkGetNext(const Asked &asked) const
     }
 }
 
-/// The library does not look at the ends of the ranges of a GetBulk, and repeats less than it is asked for.
+/// The library ignores the ends of the ranges of a GetBulk, and repeats less than requested.
 void Oracle::checkGetBulk(const Asked &asked) const
 {
     const std::vector<Range> &ranges = asked.request.ranges;
@@ -239,7 +239,7 @@ void Oracle::checkGetBulk(const Asked &asked) const
         Varbind expected{syntax::endOfMibView, from, {}};
         if (!isOtherContext(asked.request) && !isBehindTheEnd)
             expected = next(from, isFirst && ranges[i].include);
-        if (varbind.type == syntax::endOfMibView) // the library may take the name of another varbind
+        if (varbind.type == syntax::endOfMibView) // the library may use the name of another varbind
             expected.name = varbind.name;
         require(varbind == expected, "a name in a GetBulk gets what it gets alone");
     }

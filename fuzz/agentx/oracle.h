@@ -1,5 +1,5 @@
-// The answers that the sub-agent has to give: those of a walk from end to end, and to each name of a PDU the answer to
-// that name alone.
+// The required answers of the sub-agent: those of a complete walk, and for each name of a PDU the answer to that name
+// alone.
 #pragma once
 
 #include "agentx/master.h"
@@ -15,13 +15,13 @@ public:
     /// Walks the whole sub-agent.
     Oracle(SubAgent &agent, Master &master);
 
-    /// The names that the walk has found, ascending.
+    /// The names of the walk, ascending.
     const std::vector<Name> &served() const { return m_served; }
 
-    /// Checks what the master has on its account, and takes it off.
+    /// Checks and removes the master's recorded requests.
     void check();
 
-    /// Values may have changed: names are asked anew.
+    /// Values may have changed: names are requested again.
     void forget() { m_alone.clear(); }
 
 private:

@@ -17,7 +17,7 @@ std::uint32_t numberOf(std::string_view bytes, bool networkOrder)
     return value;
 }
 
-/// Reads forward; what is missing makes it bad, and it stays so.
+/// Reads forward; missing bytes make it bad, permanently.
 class Reader {
 public:
     Reader(std::string_view bytes, bool networkOrder) : m_rest(bytes), m_networkOrder(networkOrder) {}

@@ -1,4 +1,4 @@
-// AgentX PDUs (RFC 2741) as a master writes and reads them. Strict where the agent library is lenient.
+// Writes and reads AgentX PDUs (RFC 2741) like a master, but stricter than the agent library.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@
 /// An object identifier. The order of vectors is that of object identifiers.
 using Name = std::vector<std::uint32_t>;
 
-/// What the wire calls null; as the end of a range it means that there is none.
+/// The null identifier of the protocol; as the end of a range it means no end.
 inline const Name nullName{0, 0};
 
 enum class PduType : std::uint8_t {
@@ -49,7 +49,7 @@ inline constexpr std::uint16_t gauge = 66;
 inline constexpr std::uint16_t timeTicks = 67;
 inline constexpr std::uint16_t opaque = 68;
 inline constexpr std::uint16_t counter64 = 70;
-inline constexpr std::uint16_t unsigned32 = 71; ///< of the library alone
+inline constexpr std::uint16_t unsigned32 = 71; ///< only in the library
 inline constexpr std::uint16_t noSuchObject = 128;
 inline constexpr std::uint16_t noSuchInstance = 129;
 inline constexpr std::uint16_t endOfMibView = 130;
@@ -64,7 +64,7 @@ struct Range {
 struct Varbind {
     std::uint16_t type;
     Name name;
-    std::string value; ///< numbers and arcs in network byte order, whatever the PDU's is
+    std::string value; ///< numbers and arcs in network byte order, regardless of the PDU's
 
     bool operator==(const Varbind &) const = default;
 };
@@ -90,7 +90,7 @@ public:
     void raw(std::string_view bytes) { m_bytes.append(bytes); }
     void range(const Range &range);
 
-    /// The PDU with its length, or with another one.
+    /// The PDU with its length, or with another length.
     std::string finish(std::optional<std::uint32_t> length = {});
 
 private:
@@ -100,7 +100,7 @@ private:
     bool m_networkOrder;
 };
 
-/// A PDU that was read: what stands in it depends on its type.
+/// A parsed PDU: its used members depend on its type.
 struct Pdu {
     Header header;
     std::string context;
@@ -117,11 +117,11 @@ std::uint32_t payloadLength(std::string_view frame);
 
 Header parseHeader(std::string_view frame);
 
-/// The PDU in a line, for those who look into a finding.
+/// The PDU in a line, to analyse a finding.
 std::string describe(const Pdu &pdu);
 
-/// The context that a frame names, whole or as far as it goes; nothing when it names none.
+/// The context in a frame, complete or truncated; nothing without one.
 std::optional<std::string> contextOf(std::string_view frame);
 
-/// Nothing when `frame` is not one whole PDU. The payloads of the types that Pdu has no member for are not looked at.
+/// Nothing if `frame` is not one whole PDU. Ignores the payloads of types without a member in Pdu.
 std::optional<Pdu> parsePdu(std::string_view frame);

@@ -12,10 +12,10 @@ using namespace std::chrono_literals;
 namespace {
 constexpr int mostActions = 40;
 constexpr std::uint32_t transactions = 4; // of the sets of one input
-constexpr std::uint32_t longTrap = 60000; // from here on a trap may be too long for the way
+constexpr std::uint32_t longTrap = 60000; // from this length on a trap may be too long for the connection
 constexpr std::chrono::seconds cacheLifetime = 61s;
 
-// The byte in front of a PDU.
+// The byte before a PDU.
 constexpr std::uint32_t littleEndian = 1;
 constexpr std::uint32_t oddFlags = 2;
 constexpr std::uint32_t oddSession = 4;
@@ -48,7 +48,7 @@ void Script::act()
     else if (action == 23) sendAnyPdu();
     else if (action == 24) sendResponse();
     else if (action == 25) sendBrokenLength();
-    else if (action == 26) m_chunk += m_input.text(); // whatever it is
+    else if (action == 26) m_chunk += m_input.text(); // any bytes
     else if (action == 27) sendTraps();
     else if (action == 28) planReplies();
     else if (action == 29) pass(m_input.below(100));
@@ -76,7 +76,7 @@ void Script::askBulk()
     deliver(pdu);
 }
 
-/// As many names as can make the answer, and then the request, too long. Once, as it takes most of an input's time.
+/// Enough names to make the answer, then the request, too long. Only once, because it takes most of an input's time.
 void Script::askMany()
 {
     if (std::exchange(m_manyAsked, true))
@@ -115,7 +115,7 @@ void Script::sendAnyPdu()
     deliver(pdu);
 }
 
-/// An answer that nobody waits for.
+/// An unexpected answer.
 void Script::sendResponse()
 {
     Header head = header(PduType::response);
@@ -129,7 +129,7 @@ void Script::sendResponse()
     deliver(pdu);
 }
 
-/// What follows belongs to this PDU, or it to the one before.
+/// The following bytes belong to this PDU, or this one to the PDU before.
 void Script::sendBrokenLength()
 {
     PduWriter pdu = begin(PduType::getNext);
@@ -149,7 +149,7 @@ void Script::sendTraps()
     const std::string text{m_input.text()};
     std::string description;
     for (std::uint32_t i = 0; i < length; ++i)
-        description += text.c_str(); // up to a zero in it
+        description += text.c_str(); // up to a zero
     const std::string time{m_input.text()};
     const auto level = static_cast<std::int32_t>(m_input.number(4));
     for (std::uint32_t i = 0; i <= times / 16; ++i) {
@@ -158,7 +158,7 @@ void Script::sendTraps()
     }
 }
 
-/// How the master answers the next PDUs, which may be those of a session to come.
+/// The master's answers to the next PDUs, which may belong to a later session.
 void Script::planReplies()
 {
     std::deque<Reply> plan;
@@ -242,7 +242,7 @@ void Script::checkTraps()
             "each trap that is taken arrives once while the session lasts");
 }
 
-/// The library forgets a set at its end only, so what the input began is ended.
+/// Ends the sets of the input, because the library discards a set only at its end.
 void Script::cleanUpSets()
 {
     for (std::uint32_t i = 0; i < m_sets * transactions && m_bench.master.hasSession(); ++i) {
@@ -265,7 +265,7 @@ void Script::settle()
     cleanUpSets();
     m_bench.agent.wait(cacheLifetime);
     for (int attempt = 0; !m_bench.master.hasSession(); ++attempt) {
-        require(attempt < 100, "a lost session is opened anew");
+        require(attempt < 100, "a lost session is reopened");
         m_bench.agent.wait(1s);
     }
     check();

@@ -1,4 +1,4 @@
-// What one input does to the sub-agent: a list of actions, each a byte with its parameters behind it.
+// The actions of one input on the sub-agent: each is a byte followed by its parameters.
 #pragma once
 
 #include "agentx/input.h"
@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-/// What lives as long as the process, the numbers in use among it.
+/// The state that lives as long as the process, including the numbers in use.
 struct Bench {
     Master &master;
     SubAgent &agent;
@@ -26,7 +26,7 @@ class Script {
 public:
     Script(Bench &bench, std::string_view input);
 
-    /// Does it all, then brings the sub-agent back to where the next input starts from.
+    /// Runs all actions, then resets the sub-agent for the next input.
     void run();
 
 private:
@@ -60,6 +60,6 @@ private:
     std::uint32_t m_form = 0;
     std::uint32_t m_sets = 0;
     bool m_manyAsked = false;
-    std::vector<std::string> m_traps; ///< descriptions of those that have to arrive
+    std::vector<std::string> m_traps; ///< descriptions of the traps that have to arrive
     std::uint32_t m_trapSession = 0;
 };

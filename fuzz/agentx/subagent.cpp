@@ -35,7 +35,7 @@ SubAgent::SubAgent(std::string_view device, const std::string &folder, Master &m
     setenv("SNMPCONFPATH", folder.c_str(), 1);
     setenv("SNMP_PERSISTENT_DIR", folder.c_str(), 1);
     require(std::freopen("/dev/null", "w", stdout) != nullptr, "standard output can be dropped");
-    std::signal(SIGPIPE, SIG_IGN); // as the daemon does
+    std::signal(SIGPIPE, SIG_IGN); // like the daemon
     virtualtime::whileWaiting([&master] { master.serve(); }, [&master] { master.noteLapse(); });
     fill();
 
@@ -86,7 +86,7 @@ bool SubAgent::sendTrap(std::uint32_t number, const char *description, std::int3
 
 void SubAgent::fill()
 {
-    std::memset(&m_records, 0x2A, sizeof m_records); // no value that a table starts with
+    std::memset(&m_records, 0x2A, sizeof m_records); // differs from every starting value of a table
     for (auto &channel : m_records.let.lets) {
         for (LetEntry &let : channel) {
             let.changed = {1, 1, 1, 1, 1};

@@ -14,21 +14,21 @@
 
 class SubAgent {
 public:
-    /// `device` as KVSNMP_FUZZ_DEVICE names it; `folder` stands in for every path of the library.
+    /// `device` as in KVSNMP_FUZZ_DEVICE; `folder` replaces every path of the library.
     SubAgent(std::string_view device, const std::string &folder, Master &master);
     SubAgent(const SubAgent &) = delete;
     SubAgent &operator=(const SubAgent &) = delete;
 
-    /// Passes of the library until nothing is left to do.
+    /// Runs passes of the library until it is idle.
     void run();
 
-    /// Lets time pass, then runs.
+    /// Advances the time, then runs.
     void wait(std::chrono::seconds duration);
 
-    /// Stores a value as the data service does. The tables show it when they load again, 60 s after the last time.
+    /// Stores a value like the data service. The tables show it after their next load, 60 s after the last one.
     void store(std::size_t place, std::uint32_t value);
 
-    /// True when the notification was handed to the library.
+    /// True if the library has accepted the notification.
     bool sendTrap(std::uint32_t number, const char *description, std::int32_t level, const char *time);
 
 private:

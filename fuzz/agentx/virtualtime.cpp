@@ -1,5 +1,4 @@
-// clock_gettime() and select() for the whole process: the agent library takes those of the program that it is linked
-// to.
+// clock_gettime() and select() for the whole process: the agent library uses those of its program.
 #include "agentx/virtualtime.h"
 
 #include "support.h"
@@ -28,12 +27,12 @@ void virtualtime::whileWaiting(std::function<void()> end, std::function<void()> 
     inVain = std::move(vain);
 }
 
-// The library measures by the monotonic clock, the fuzzer by the other one.
+// The library uses the monotonic clock, the fuzzer the other one.
 extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept
 {
     if (clock != CLOCK_MONOTONIC)
         return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
-    now += std::chrono::microseconds(1); // a clock that stands would never be past a limit that was waited for exactly
+    now += std::chrono::microseconds(1); // a stopped clock would never pass a deadline after an exact wait
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now);
     *time = {seconds.count(), std::chrono::nanoseconds(now - seconds).count()};
     return 0;

@@ -1,5 +1,5 @@
-// The time and the waiting of the agent library. Its clock moves when advance() is called and when the library waits
-// for something that does not come; so no input takes longer than its work, and each one finds the same times.
+// Virtual time for the agent library. Its clock only moves with advance() and when the library waits in vain. So no
+// input waits in real time, and each input sees the same times.
 #pragma once
 
 #include <chrono>
@@ -8,7 +8,7 @@
 namespace virtualtime {
 void advance(std::chrono::microseconds duration);
 
-/// Sets what runs whenever the library looks for something to read, the other end of its sockets, and what runs when it
-/// has waited for nothing.
+/// Sets the functions that run when the library checks for data to read (the other end of its sockets), and when it has
+/// waited in vain.
 void whileWaiting(std::function<void()> otherEnd, std::function<void()> inVain);
 } // namespace virtualtime

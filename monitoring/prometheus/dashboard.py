@@ -1,4 +1,4 @@
-"""The Grafana dashboard: its panels as a table, and the JSON made of them."""
+"""The Grafana dashboard: a table of its panels, and its JSON."""
 from __future__ import annotations
 
 import json
@@ -24,7 +24,7 @@ def states(objects: str) -> str:
 
 
 ROW = "{{instance}} {{description}}"
-# 24 units make a line; panels stand in this order, a panel that does not fit begins the next line.
+# A line has 24 units; panels are in this order, a panel that does not fit starts the next line.
 PANELS = [
     Panel("stat", "Devices that answer", f'sum(up{{job="kvsnmp", {HERE}}})', width=6, height=4),
     Panel("stat", "Devices that do not", f'sum(up{{job="kvsnmp", {HERE}}} == bool 0)', width=6, height=4),

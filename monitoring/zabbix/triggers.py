@@ -1,4 +1,4 @@
-"""What the template watches, written for people: macros, triggers of each table, and which text goes into the inventory.
+"""The readable part of the template: macros, triggers of each table, and the texts for the inventory.
 
 An expression names columns of the MIB and its words: "last(powerLive)=notLive" becomes the item's key and the number.
 """
@@ -12,23 +12,23 @@ class Trigger(NamedTuple):
     problem: str
     priority: str
     hint: str
-    recovery: str = ""  # empty: over when the problem's expression is no longer true
+    recovery: str = ""  # empty: ends when the problem's expression is no longer true
     unless: str = ""  # name of the trigger that covers this one
 
 
-# Macro, value, what it is. Those of a measurement can be overridden for one row by a context, its description.
+# Macro, value, meaning. Those of a measurement can be overridden for one row, with its description as the context.
 MACROS = [
-    ("{$KV.INTERVAL}", "1m", "How often values are read. A device serves values that are at most 60 seconds old."),
-    ("{$KV.INTERVAL.TEXT}", "15m", "How often versions and other texts are read."),
-    ("{$KV.INTERVAL.DISCOVERY}", "15m", "How often rows are looked for. They change only when a device is replaced."),
-    ("{$KV.NODATA}", "5m", "How long a device may be silent."),
-    ("{$KV.HOLD}", "3m", "How long a measurement has to be out of its range."),
-    ("{$KV.TEMP.WARN}", "70", "Degrees Celsius from which a temperature is high."),
-    ("{$KV.TEMP.CRIT}", "85", "Degrees Celsius from which a temperature is critical."),
-    ("{$KV.TEMP.RISE}", "20", "Degrees Celsius that a temperature may be above its average."),
-    ("{$KV.VOLTAGE.WARN}", "5", "Per cent that a voltage may be off its nominal value."),
-    ("{$KV.VOLTAGE.CRIT}", "10", "Per cent from which a voltage is out of order."),
-    ("{$KV.TRAP.HOLD}", "1h", "How long after a trap its problem stays. No trap tells that a fault has ended."),
+    ("{$KV.INTERVAL}", "1m", "Interval of values. A device caches values for 60 seconds."),
+    ("{$KV.INTERVAL.TEXT}", "15m", "Interval of versions and other texts."),
+    ("{$KV.INTERVAL.DISCOVERY}", "15m", "Interval of the discovery of rows. They only change when a device is replaced."),
+    ("{$KV.NODATA}", "5m", "Longest silence of a device."),
+    ("{$KV.HOLD}", "3m", "Time for which a measurement has to be out of its range."),
+    ("{$KV.TEMP.WARN}", "70", "Degrees Celsius above which a temperature is high."),
+    ("{$KV.TEMP.CRIT}", "85", "Degrees Celsius above which a temperature is critical."),
+    ("{$KV.TEMP.RISE}", "20", "Largest rise of a temperature above its average, in degrees Celsius."),
+    ("{$KV.VOLTAGE.WARN}", "5", "Largest deviation of a voltage from its nominal value, in per cent."),
+    ("{$KV.VOLTAGE.CRIT}", "10", "Deviation above which a voltage is out of order, in per cent."),
+    ("{$KV.TRAP.HOLD}", "1h", "Time for which the problem of a trap stays. No trap reports the end of a fault."),
 ]
 
 INVENTORY = {
@@ -55,7 +55,7 @@ def within(per_cent: str) -> str:
 def let_missing(channel: int) -> list[Trigger]:
     return [Trigger("{#DESCRIPTION} is missing", f"last(letChannel{channel}Status)=missing", "WARNING",
                     "The transponder is enabled and does not answer. Check its wiring and the end of the line. While its "
-                    "channel is not in operation, this may be an old state.")]
+                    "channel is not in operation, this state may be out of date.")]
 
 
 TRIGGERS = {
@@ -63,7 +63,7 @@ TRIGGERS = {
         Trigger("{#DESCRIPTION}: critical", f"min(tempCurrent,{HOLD})>{TEMP_CRIT}", "HIGH",
                 "The device is about to reduce its power or to switch off.", f"last(tempCurrent)<{TEMP_CRIT}-3"),
         Trigger("{#DESCRIPTION}: high", f"min(tempCurrent,{HOLD})>{TEMP_WARN}", "WARNING",
-                "Check the air way, the fans and the surroundings.", f"last(tempCurrent)<{TEMP_WARN}-3",
+                "Check the air path, the fans and the surroundings.", f"last(tempCurrent)<{TEMP_WARN}-3",
                 "{#DESCRIPTION}: critical"),
         Trigger("{#DESCRIPTION}: far above its average",
                 f"min(tempCurrent,{HOLD})-last(tempAverage)>{TEMP_RISE}", "WARNING",
@@ -72,7 +72,7 @@ TRIGGERS = {
     ],
     "fanTable": [
         Trigger("{#DESCRIPTION} stands still", f"max(fanSpeed,{HOLD})=0", "HIGH",
-                "The fan reads 0 revolutions per minute, or has never been measured. Check the fan and its air way.",
+                "The fan reads 0 revolutions per minute, or has never been measured. Check the fan and its air path.",
                 "last(fanSpeed)>0"),
     ],
     "voltageTable": [
@@ -90,8 +90,8 @@ TRIGGERS = {
     "lineInTable": [
         Trigger("{#DESCRIPTION} has lost its pilot tone",
                 "last(lineInStatus)=failed and last(lineInMonitoring)<>notMonitored", "WARNING",
-                "Check the cable and the source. On models 6420 and 6425 a report of a loudspeaker line can put the state "
-                "of the other input here."),
+                "Check the cable and the source. On models 6420 and 6425 a report of a loudspeaker line can copy the "
+                "state of the other input here."),
         Trigger("{#DESCRIPTION} is disconnected or shorted",
                 "(last(lineInMicStatus)=disconnected or last(lineInMicStatus)=shorted)"
                 " and last(lineInMonitoring)<>notMonitored", "WARNING", "Check the microphone and its cable."),
@@ -99,20 +99,20 @@ TRIGGERS = {
     "ampChannelTable": [
         Trigger("{#DESCRIPTION} is out of order",
                 "last(ampChannelStatus)=classDFault or last(ampChannelStatus)=monitorFault", "HIGH",
-                "The channel does not play. Look for a short or an overload before switching it on again."),
+                "The channel does not play. Look for a short circuit or an overload before you switch it on again."),
         Trigger("{#DESCRIPTION} is switched off", "last(ampChannelStatus)=disabled", "INFO",
-                "Somebody or something switched the channel off in the configuration."),
+                "The channel is disabled in the configuration."),
         Trigger("{#DESCRIPTION}: loudspeaker line faulty",
                 " or ".join(f"last(ampChannelLineState)={word}" for word in (
                     "shorted", "open", "loadChange", "groundFault", "interrupted", "lineFault")), "HIGH",
-                "Check the line and its loudspeakers; calibrate it anew after a change."),
+                "Check the line and its loudspeakers; recalibrate it after a change."),
         Trigger("{#DESCRIPTION}: loudspeaker line not fed",
                 "last(ampChannelLineState)=shutdown or last(ampChannelLineState)=voltageLow", "HIGH",
-                "What feeds the line has shut down or delivers too little. Look at the channel and the voltages."),
+                "The supply of the line has shut down or is too low. Check the channel and the voltages."),
         Trigger("{#DESCRIPTION}: line monitoring without result",
                 " or ".join(f"last(ampChannelLineState)={word}" for word in (
                     "indecisive", "failedTimeout", "failedReceiveMonitorValues")), "WARNING",
-                "Nothing is known of the loudspeaker line. Check the monitoring and its calibration when it stays so."),
+                "The state of the loudspeaker line is unknown. If this persists, check the monitoring and its calibration."),
     ],
     "letChannel1Table": let_missing(1),
     "letChannel2Table": let_missing(2),
@@ -124,7 +124,7 @@ TRIGGERS = {
     "controlOutputTable": [
         Trigger("{#DESCRIPTION} does not follow its command",
                 "last(controlOutputState)=failCleared or last(controlOutputState)=failSet", "WARNING",
-                "Check what is wired to the output."),
+                "Check the wiring of the output."),
     ],
     "ethMonitoringTable": [
         Trigger("{#DESCRIPTION} is no longer supervised",
@@ -134,9 +134,9 @@ TRIGGERS = {
     "relayTable": [
         Trigger("{#DESCRIPTION} has failed or cannot be read",
                 f"last(relayStatus)=failed or max(relayStatus,{HOLD})=unknown", "HIGH",
-                "When it is all the external relays, the expansion module is missing."),
+                "If all external relays fail, the expansion module is missing."),
     ],
 }
 
-# The level of the message behind a trap is in its text; the kind of trap alone gives this.
+# By the kind of trap; the level of the message is only in the trap's text.
 TRAP_PRIORITY = {"softwareFault": "INFO", "customFault": "INFO", "amplifierDisabled": "INFO"}

@@ -1,7 +1,7 @@
-# Recipe for Yocto/OpenEmbedded. NOT BUILT in this project: no test runs bitbake; what is tested is that the files it
-# names are there. Written for scarthgap (CMake 3.25 or later is needed) with meta-qt5, meta-oe and meta-networking:
-#   BBFILES += "/path/of/kvsnmp/packaging/yocto/*.bb"      in the layer.conf of a layer of yours
-# The sources are the tree that the recipe lies in. In a copy of it set EXTERNALSRC, or SRC_URI and S instead.
+# Recipe for Yocto/OpenEmbedded. NOT BUILT in this project: no test runs bitbake; a test only checks that the files it
+# names exist. Written for scarthgap (CMake 3.25 or later is needed) with meta-qt5, meta-oe and meta-networking:
+#   BBFILES += "/path/of/kvsnmp/packaging/yocto/*.bb"      in the layer.conf of one of your layers
+# The sources are the tree around the recipe. For a copy of the recipe elsewhere set EXTERNALSRC, or SRC_URI and S.
 SUMMARY = "SNMP sub-agent of a public-address controller"
 LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=5bc9d469440fd725f9584fc0f4714abb"
@@ -15,25 +15,25 @@ inherit externalsrc cmake_qt5 pkgconfig systemd update-rc.d
 EXTERNALSRC = "${@os.path.abspath(d.getVar('FILE_DIRNAME') + '/../..')}"
 EXTERNALSRC_BUILD = "${WORKDIR}/build"
 
-# With the maker's library instead of the stand-in, from a recipe of its own that installs include/xrcommon and
+# To use the maker's library instead of the stand-in, from a separate recipe that installs include/xrcommon and
 # lib/libxrcommon.so below /usr:
 #   DEPENDS += "xrcommon"
 #   EXTRA_OECMAKE += "-DKVSNMP_XRCOMMON_ROOT=${STAGING_DIR_HOST}${prefix}"
 EXTRA_OECMAKE = "-DBUILD_TESTING=OFF"
 
-# The unit waits for the daemon's reports; without systemd nobody reads them.
+# The unit waits for the daemon's reports; without systemd they are not needed.
 PACKAGECONFIG ??= "${@bb.utils.filter('DISTRO_FEATURES', 'systemd', d)}"
 PACKAGECONFIG[systemd] = "-DKVSNMP_SYSTEMD=ON,-DKVSNMP_SYSTEMD=OFF,systemd"
 
 do_install:append() {
     install -D -m 0644 ${S}/packaging/systemd/kvsnmp.service ${D}${systemd_system_unitdir}/kvsnmp.service
-    # net-snmp keeps its engine identity in another folder here than Debian's.
+        # Here net-snmp stores its engine identity in another folder than on Debian.
     sed -i -e 's:/var/lib/snmp:${localstatedir}/lib/net-snmp:' ${D}${systemd_system_unitdir}/kvsnmp.service
     install -D -m 0644 ${S}/packaging/systemd/kvsnmp.tmpfiles ${D}${nonarch_libdir}/tmpfiles.d/kvsnmp.conf
     install -D -m 0755 ${S}/packaging/init/kvsnmp ${D}${sysconfdir}/init.d/kvsnmp
 }
 
-# snmpd is started by kvsnmp alone. net-snmp's own service has to be off, in a net-snmp_%.bbappend:
+# Only kvsnmp starts snmpd. Disable net-snmp's service, in a net-snmp_%.bbappend:
 #   SYSTEMD_AUTO_ENABLE:${PN}-server-snmpd = "disable"
 #   INITSCRIPT_PARAMS:${PN}-server-snmpd = "stop 60 0 1 6 ."
 SYSTEMD_SERVICE:${PN} = "kvsnmp.service"
@@ -46,7 +46,7 @@ FILES:${PN}-simulator = "${bindir}/talservice ${bindir}/talctl ${bindir}/kvsnmp-
 FILES:${PN}-monitoring = "${datadir}/kvsnmp-monitoring"
 CONFFILES:${PN} = "${sysconfdir}/snmp/kvagent.conf"
 
-# ps and killall: docs/integration.md says which arguments the device's ps has to accept.
+# ps and killall. docs/integration.md lists the arguments that the device's ps has to accept.
 RDEPENDS:${PN} = "net-snmp-server-snmpd procps psmisc"
 RRECOMMENDS:${PN} = "dbus"
 RDEPENDS:${PN}-simulator = "${PN} python3-core"

@@ -57,7 +57,7 @@ def start_parser() -> argparse.ArgumentParser:
                         help="model number: " + ", ".join(map(str, MODELS)) + " (default 6420)")
     parser.add_argument("--name", help="name for exec and stop (default: the model number)")
     parser.add_argument("--port", type=port_number, default=0, metavar="N",
-                        help="share the host's network and answer on this UDP port (default: a network of its own, "
+                        help="share the host's network and answer on this UDP port (default: a separate network, "
                              "port 161)")
     parser.add_argument("--trap-port", type=port_number, metavar="N",
                         help="where the device's snmptrapd listens (default: 162, with --port one above it)")
@@ -131,7 +131,7 @@ def check_programs() -> None:
 
 
 def check_ports(settings: Settings) -> None:
-    """In the host's network a port may be taken; snmpd would end without a word to anybody."""
+    """In the host's network a port may be in use; snmpd would end without a message."""
     if not settings.port:
         return
     for port, address in ((settings.port, ""), (settings.trap_port, "127.0.0.1")):
@@ -184,7 +184,7 @@ def run_start(arguments: list[str]) -> int:
 
 
 class Session:
-    """The sandbox from its start to its end, seen from the host."""
+    """The sandbox from its start to its end, on the host."""
 
     def __init__(self, claim: registry.Claim, settings: Settings) -> None:
         self.claim = claim
@@ -212,7 +212,7 @@ class Session:
         try:
             return self._follow(bwrap, info_read, status_read)
         finally:
-            os.close(control_write)  # tells the device to end
+            os.close(control_write)  # makes the device end
             self._wait_for_the_end(bwrap)
             for descriptor in (info_read, status_read):
                 os.close(descriptor)
@@ -223,7 +223,7 @@ class Session:
         except subprocess.TimeoutExpired:
             bwrap.kill()
             bwrap.wait()
-        # bwrap does not wait for what ran in the background; the first process is gone only when all of that is.
+        # bwrap does not wait for background processes; the first process ends only after all of them.
         if self.first_process_end is not None:
             select.select([self.first_process_end], [], [], END_TIMEOUT)
             os.close(self.first_process_end)

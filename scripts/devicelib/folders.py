@@ -1,4 +1,4 @@
-"""The device's own /etc, /run, /tmp and /var, made afresh in one folder of the host."""
+"""The device's /etc, /run, /tmp and /var, newly created in one folder of the host."""
 from __future__ import annotations
 
 import os
@@ -9,9 +9,9 @@ from pathlib import Path
 from . import settings as inside
 from .settings import CHECKOUT, Settings
 
-# What programs need of the host's /etc, and nothing of the host's SNMP or D-Bus settings.
+# The part of the host's /etc that programs need, without SNMP and D-Bus settings.
 HOST_FILES = ["passwd", "group", "nsswitch.conf", "services", "protocols", "ld.so.cache", "localtime", "timezone"]
-HOST_FOLDERS = ["alternatives", "ssl", "fonts"]  # mounted read-only, for what people run in the device
+HOST_FOLDERS = ["alternatives", "ssl", "fonts"]  # mounted read-only, for commands of users in the device
 
 FOLDERS = [
     "etc/snmp", "etc/dbus-1", "etc/ld.so.conf.d",
@@ -37,7 +37,7 @@ DBUS_CONFIG = """\
 </busconfig>
 """
 
-# The health probe's arguments are the device's own; a desktop's ps refuses them.
+# The health probe's arguments are for a device's ps; a desktop's ps refuses them.
 PS_SHIM = f"""\
 #!/bin/sh
 if [ "$#" != 3 ] || [ "$1" != --noheaders ] || [ "$2" != "-C snmpd" ] || [ "$3" != "-o rss" ]; then
@@ -59,7 +59,7 @@ for status in /proc/[0-9]*/status; do
 done
 """
 
-# Only what the project's MIB needs of the modules that it imports; the project does not ship the IETF's texts.
+# Only the parts of the imported modules that the project's MIB needs; the project does not ship the IETF's texts.
 BASE_MODULES = {
     "SNMPv2-SMI": """\
 SNMPv2-SMI DEFINITIONS ::= BEGIN
@@ -125,7 +125,7 @@ def _fill_etc(etc: Path, settings: Settings, etc_files: dict[str, str]) -> None:
     shutil.copyfile(_agent_config(), etc / "snmp/kvagent.conf")
     for name, text in etc_files.items():
         write(etc / name, text)
-    # Not in the folder that the daemon watches. The times and values of a record stand between bytes of no text.
+    # Not in the folder that the daemon watches. Non-text bytes separate the times and values of a record.
     write(etc / "snmptrapd.conf", "disableAuthorization yes\n"
           "[snmp] serverRecvBuf 8000000\n"
           "doNotLogTraps no\n"
@@ -133,7 +133,7 @@ def _fill_etc(etc: Path, settings: Settings, etc_files: dict[str, str]) -> None:
 
 
 def _agent_config() -> Path:
-    """The agent library's file for the daemon: from the tree, or as installed beside this script."""
+    """The agent library's file for the daemon: from the tree, or installed with this script."""
     tree = CHECKOUT / "etc/kvagent.conf"
     return tree if tree.exists() else Path("/etc/snmp/kvagent.conf")
 

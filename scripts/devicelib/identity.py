@@ -1,4 +1,4 @@
-"""What the firmware of each model says in its /etc/xr-* files."""
+"""The content of each model's /etc/xr-* files."""
 from __future__ import annotations
 
 from typing import NamedTuple
@@ -30,7 +30,7 @@ MODELS = sorted(IDENTITIES)
 
 
 def identity_files(model: int) -> dict[str, str]:
-    """File name under /etc to its text, for one model."""
+    """File names in /etc with their texts, for one model."""
     identity = IDENTITIES[model]
     files = {
         "xr-modelnumber": f"{model}\n",

@@ -1,7 +1,7 @@
-"""The first program inside a device: starts what a device runs, prints its traps, keeps its syslog, ends it all.
+"""The first program inside a device: starts its programs, prints its traps, writes its syslog, ends them all.
 
-Standard input is a pipe of the starting process; when it closes, the device ends. The descriptor that the argument
-names takes the words "started" (the sandbox stands) and "ready" (everything that was asked for is running).
+Standard input is a pipe from the starting process; when it closes, the device ends. The descriptor in the argument
+receives the words "started" (the sandbox exists) and "ready" (all requested programs are running).
 """
 from __future__ import annotations
 
@@ -34,7 +34,7 @@ class StartFailed(Exception):
 def say(text: str) -> None:
     try:
         print(text, flush=True)
-    except OSError:  # nobody reads any more
+    except OSError:  # the reader is gone
         pass
 
 
@@ -82,7 +82,7 @@ class TrapPrinter:
             self._pending += chunk
             *records, self._pending = self._pending.split(RECORD_END)
             for record in records:
-                record = record.partition(RECORD_START)[2]  # before it: what snmptrapd says at its start
+                record = record.partition(RECORD_START)[2]  # before it: snmptrapd's output at its start
                 self._log.write(record + RECORD_END)
                 self._print(record.decode(errors="replace"))
         return chunk is None
@@ -170,7 +170,7 @@ class Device:
 
     def _snmptrapd(self) -> list[str]:
         names = "-On" if self.settings.numeric_traps else "-OQs"
-        # From the modules of the device alone: -M without a plus sign hides the host's.
+        # Only the device's modules: -M without a plus sign hides the host's.
         return ["snmptrapd", "-f", "-n", names, "-Lo", "-C", "-c", "/etc/snmptrapd.conf",
                 "-M", f"{STATE_FOLDER}/mibs", "-m", "" if self.settings.numeric_traps else "ALL",
                 f"udp:127.0.0.1:{self.settings.trap_port}"]

@@ -13,11 +13,11 @@ from typing import NamedTuple
 
 from .settings import COMMAND
 
-NAMELESS = ".nameless-"  # a folder that is being made, until it is locked, or that is being removed
+NAMELESS = ".nameless-"  # a folder during its creation, until it is locked, or during its removal
 
 
 class DeviceError(Exception):
-    """Something a person has to be told, in one line or a few."""
+    """An error for the user, in one line or a few."""
 
 
 class Running(NamedTuple):
@@ -26,7 +26,7 @@ class Running(NamedTuple):
     port: int
     folder: Path
     owner: int  # the process of scripts/device
-    first_process: int  # the device's own first process, as the host numbers it
+    first_process: int  # the device's first process, by its number on the host
     ready: bool
 
     @property
@@ -35,7 +35,7 @@ class Running(NamedTuple):
 
 
 def base_folder() -> Path:
-    """Short on purpose: sockets below it must stay within 108 characters."""
+    """Short: paths of sockets below it must stay within 108 characters."""
     base = Path(tempfile.gettempdir()) / f"kvsnmp-devices-{os.geteuid()}"
     base.mkdir(mode=0o700, exist_ok=True)
     info = base.lstat()
@@ -59,17 +59,17 @@ class Claim:
 
     def remove(self) -> None:
         leaving = self.folder.with_name(f"{NAMELESS}{self.folder.name}-{os.getpid()}")
-        self.folder.rename(leaving)  # from now on nobody looks into it
+        self.folder.rename(leaving)  # from now on ignored by others
         shutil.rmtree(leaving)
         os.close(self._lock)
         try:
-            self.folder.parent.rmdir()  # only when it was the last device
+            self.folder.parent.rmdir()  # only after the last device
         except OSError:
             pass
 
 
 def _try_lock(folder: Path, make: bool = False) -> int | None:
-    """The lock of a folder that nobody holds, or None."""
+    """The lock of a folder, or None if another process holds it."""
     try:
         lock = os.open(folder / "lock", os.O_RDWR | os.O_CLOEXEC | (os.O_CREAT if make else 0), 0o600)
     except (FileNotFoundError, NotADirectoryError):
@@ -83,22 +83,22 @@ def _try_lock(folder: Path, make: bool = False) -> int | None:
 
 
 def claim(wanted: str | None, model: int) -> Claim:
-    """Makes the folder of a new device: the wanted name, or the model number with a count behind it."""
+    """Creates the folder of a new device: the given name, or the model number with a count."""
     while True:
         try:
             made = Path(tempfile.mkdtemp(prefix=NAMELESS, dir=base_folder()))
             break
-        except FileNotFoundError:  # the last device of another start took the base folder along
+        except FileNotFoundError:  # another start has removed the base folder with its last device
             continue
     lock = _try_lock(made, make=True)
     if lock is None:
-        raise DeviceError(f"{made} is locked by somebody else")
+        raise DeviceError(f"{made} is locked by another process")
     count = 1
     while True:
         name = wanted or (f"{model}" if count == 1 else f"{model}-{count}")
         folder = made.with_name(name)
         try:
-            made.rename(folder)  # fails when the name is taken: a device's folder is never empty
+            made.rename(folder)  # fails if the name is in use: a device's folder is never empty
             return Claim(folder, lock)
         except OSError as error:
             if error.errno not in (errno.EEXIST, errno.ENOTEMPTY):
@@ -111,7 +111,7 @@ def claim(wanted: str | None, model: int) -> Claim:
 
 
 def sweep() -> None:
-    """Removes what devices left behind whose owner was killed without a chance to tidy up."""
+    """Removes the folders of devices whose owner was killed before it could clean up."""
     for folder in _folders():
         if folder.name.startswith(NAMELESS):
             if _is_abandoned(folder):
@@ -119,19 +119,19 @@ def sweep() -> None:
         elif (lock := _try_lock(folder)) is not None:
             try:
                 Claim(folder, lock).remove()
-            except OSError:  # something in it still ends; a later sweep takes what is left
+            except OSError:  # a process in it is still ending; a later sweep removes the rest
                 os.close(lock)
 
 
 def _folders() -> list[Path]:
     try:
         return sorted(base_folder().iterdir())
-    except FileNotFoundError:  # the last device has just taken it along
+    except FileNotFoundError:  # just removed with the last device
         return []
 
 
 def _is_abandoned(nameless: Path) -> bool:
-    """Making and removing take far less than a minute."""
+    """Creating and removing take far less than a minute."""
     try:
         return nameless.stat().st_mtime < time.time() - 60
     except FileNotFoundError:

@@ -1,4 +1,4 @@
-"""Namespaces: the command lines that make a device's and that enter them."""
+"""Namespaces: the command lines that create and enter those of a device."""
 from __future__ import annotations
 
 import os
@@ -8,10 +8,10 @@ from .folders import HOST_FOLDERS
 from .settings import CHECKOUT, Settings, environment
 
 FAILED_HINT = """\
-The sandbox could not be made. A device needs bubblewrap and the right to make namespaces:
-  - as an ordinary user: user namespaces switched on (sysctl kernel.unprivileged_userns_clone=1 and
+The sandbox could not be made. A device needs bubblewrap and the right to create namespaces:
+  - as an ordinary user: user namespaces enabled (sysctl kernel.unprivileged_userns_clone=1 and
     user.max_user_namespaces above 0, no AppArmor rule against them), or run it as root;
-  - in a container: one that may mount and make namespaces (docker: --privileged, or --cap-add SYS_ADMIN
+  - in a container: one that may mount and create namespaces (docker: --privileged, or --cap-add SYS_ADMIN
     with --security-opt seccomp=unconfined --security-opt apparmor=unconfined)."""
 
 
@@ -40,7 +40,7 @@ def bwrap_command(root: Path, settings: Settings, info_fd: int, command: list[st
 
 
 def _hidden_by_the_private_ones(settings: Settings) -> list[str]:
-    """The checkout and the programs, when they lie where the device has folders of its own."""
+    """The checkout and the programs, if they are below the device's separate folders."""
     folders = [str(CHECKOUT), os.path.realpath(Path(settings.bin_dir).parent)]
     folders += [str(Path(argument)) for argument in settings.simulator_args if os.path.isdir(argument)]
     return sorted({folder for folder in folders if folder.startswith(("/tmp/", "/var/", "/run/", "/etc/"))})

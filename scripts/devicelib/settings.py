@@ -1,4 +1,4 @@
-"""What one device is made of, as both sides of the sandbox read it."""
+"""The settings of one device, for both sides of the sandbox."""
 from __future__ import annotations
 
 import dataclasses
@@ -6,7 +6,7 @@ import json
 from pathlib import Path
 
 CHECKOUT = Path(__file__).resolve().parents[2]
-INSTALLED = not (CHECKOUT / "CMakeLists.txt").exists()  # from a package: without a checkout around it
+INSTALLED = not (CHECKOUT / "CMakeLists.txt").exists()  # from a package, without a checkout
 COMMAND = "kvsnmp-device" if INSTALLED else "scripts/device"
 
 # Inside the device.
@@ -18,7 +18,7 @@ GPIO_ROOT = "/run/gpio"
 CLOCK_FILE = "/run/device/clockshift"
 SNMPD_RSS_FILE = "/run/device/snmpd-rss"
 PROBE_LOG = "/run/device/probes"
-SANITIZER_LOG = "/var/log/sanitizer"  # with the process number behind it
+SANITIZER_LOG = "/var/log/sanitizer"  # followed by the process number
 
 
 @dataclasses.dataclass
@@ -26,7 +26,7 @@ class Settings:
     model: int
     name: str
     bin_dir: str
-    port: int = 0  # 0: a network of the device's own, port 161
+    port: int = 0  # 0: a separate network, port 161
     trap_port: int = 162
     kvsnmp: str = "foreground"  # "foreground", "daemon" or "none"
     kvsnmp_args: list[str] = dataclasses.field(default_factory=list)
@@ -55,7 +55,7 @@ class Settings:
         return "127.0.0.1" if self.trap_port == 162 else f"127.0.0.1:{self.trap_port}"
 
     def program(self, name: str) -> str:
-        """kvsnmp is installed in a folder "sbin", the others beside it in "bin"."""
+        """kvsnmp is installed in a folder "sbin", the others in "bin" beside it."""
         folder = Path(self.bin_dir)
         beside = folder.with_name("bin")
         return str((folder if (folder / name).exists() or not (beside / name).exists() else beside) / name)
@@ -65,7 +65,7 @@ class Settings:
 
 
 def environment() -> dict[str, str]:
-    """The environment of everything that runs inside a device."""
+    """The environment of all programs inside a device."""
     return {
         "PATH": f"{BIN_FOLDER}:/usr/sbin:/usr/bin:/sbin:/bin",
         "HOME": "/root",
@@ -73,16 +73,16 @@ def environment() -> dict[str, str]:
         "TAL_SOCKET": TAL_SOCKET,
         "TAL_CONTROL": TAL_CONTROL,
         "XR_GPIO_ROOT": GPIO_ROOT,
-        "MIBS": "",  # the base modules are not on the machine: without this each tool complains for 500 lines
+        "MIBS": "",  # the base modules are not installed: otherwise each tool prints 500 lines of errors
         "QT_FORCE_STDERR_LOGGING": "1",
     }
 
 
 def kvsnmp_environment(clock_shift: bool, library: str) -> dict[str, str]:
-    """What the daemon alone gets on top: sanitizer settings, and the clock that a test can move."""
+    """Additions for the daemon only: sanitizer settings, and the clock that a test can move."""
     extra = {
         "ASAN_OPTIONS": f"verify_asan_link_order=0:detect_leaks=1:exitcode=99:log_path={SANITIZER_LOG}",
-        "LSAN_OPTIONS": "exitcode=0",  # some leaks are the agent library's own; the tests tell them apart
+        "LSAN_OPTIONS": "exitcode=0",  # some leaks are in the agent library; the tests distinguish them
         "UBSAN_OPTIONS": f"print_stacktrace=1:log_path={SANITIZER_LOG}",
     }
     if clock_shift:

@@ -2,12 +2,12 @@
 #
 # kvsnmp
 #
-# NOT BUILT in this project: no test runs Buildroot; what is tested is that the
-# files it names are there. In an external tree (BR2_EXTERNAL) link this folder
-# as package/kvsnmp, source its Config.in, include this file, and name the
-# sources in local.mk:
+# NOT BUILT in this project: no test runs Buildroot; a test only checks that the
+# files it names exist. In an external tree (BR2_EXTERNAL) link this folder as
+# package/kvsnmp, source its Config.in and include this file. If the folder is
+# outside the source tree, KVSNMP_SITE does not find the sources; name them in
+# local.mk:
 #   KVSNMP_OVERRIDE_SRCDIR = /path/of/kvsnmp
-# unless the folder stays in the tree, where KVSNMP_SITE finds them.
 #
 ################################################################################
 
@@ -18,12 +18,12 @@ KVSNMP_LICENSE = MIT
 KVSNMP_LICENSE_FILES = LICENSE
 KVSNMP_DEPENDENCIES = host-pkgconf dbus netsnmp pugixml qt5base
 
-# The maker's library instead of the stand-in, from a package of its own:
+# To use the maker's library, from a separate package, instead of the stand-in:
 #   KVSNMP_DEPENDENCIES += xrcommon
 #   KVSNMP_CONF_OPTS += -DKVSNMP_XRCOMMON_ROOT=$(STAGING_DIR)/usr
 KVSNMP_CONF_OPTS = -DBUILD_TESTING=OFF
 
-# The unit waits for the daemon's reports; without systemd nobody reads them.
+# The unit waits for the daemon's reports; without systemd they are not needed.
 ifeq ($(BR2_PACKAGE_SYSTEMD),y)
 KVSNMP_DEPENDENCIES += systemd
 KVSNMP_CONF_OPTS += -DKVSNMP_SYSTEMD=ON
@@ -31,14 +31,14 @@ else
 KVSNMP_CONF_OPTS += -DKVSNMP_SYSTEMD=OFF
 endif
 
-# The simulator and what monitoring systems load are not for a device.
+# A device needs neither the simulator nor the monitoring files.
 define KVSNMP_REMOVE_OTHERS
 	rm -rf $(addprefix $(TARGET_DIR)/usr/,bin/talservice bin/talctl \
 		bin/kvsnmp-device share/kvsnmp-simulator share/kvsnmp-monitoring)
 endef
 KVSNMP_POST_INSTALL_TARGET_HOOKS += KVSNMP_REMOVE_OTHERS
 
-# snmpd is started by kvsnmp alone.
+# Only kvsnmp starts snmpd.
 define KVSNMP_NO_OTHER_SNMPD
 	rm -f $(TARGET_DIR)/etc/init.d/S59snmpd
 	rm -f $(TARGET_DIR)/usr/lib/systemd/system/snmpd.service

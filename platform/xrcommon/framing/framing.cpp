@@ -8,7 +8,7 @@ void MessageFraming::feed(const char *bytes, std::size_t size)
     if (m_start == m_bytes.size()) {
         m_bytes.clear();
         m_start = m_scanned = 0;
-    } else if (m_start > m_bytes.size() / 2) { // moved seldom enough to stay linear
+    } else if (m_start > m_bytes.size() / 2) { // moved rarely enough to stay linear
         m_bytes.erase(0, m_start);
         m_scanned -= m_start;
         m_start = 0;
@@ -37,7 +37,7 @@ MessageFraming::Outcome MessageFraming::next(std::string_view &message)
 
 void MessageFraming::clear()
 {
-    m_bytes = std::string(); // gives the memory back, too
+    m_bytes = std::string(); // also releases the memory
     m_start = m_scanned = 0;
     m_overLong = false;
 }

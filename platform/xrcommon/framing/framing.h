@@ -5,30 +5,30 @@
 #include <string>
 #include <string_view>
 
-/// A message without its NUL may not be longer than this.
+/// Longest message, without its NUL.
 constexpr std::size_t maxMessageSize = 4 * 1024 * 1024;
 
-/// Fed with bytes in any chunking, it gives whole messages back. It holds what was fed and not yet taken: at most one
-/// unfinished message of the greatest size when all messages are taken after each feed().
+/// Splits bytes, in chunks of any size, into complete messages. It holds the bytes not yet taken: at most one
+/// incomplete message of the maximum size if all messages are taken after each feed().
 class MessageFraming {
 public:
     enum class Outcome {
-        Message,    ///< a whole message was given
-        Incomplete, ///< nothing more until more bytes are fed
-        OverLong,   ///< the message is longer than maxMessageSize; nothing more is given until clear()
+        Message,    ///< a complete message was returned
+        Incomplete, ///< no message until more bytes are fed
+        OverLong,   ///< the message is longer than maxMessageSize; no message until clear()
     };
 
     void feed(const char *bytes, std::size_t size);
 
-    /// The next whole message, without its NUL; it is valid until the next call of any other member.
+    /// The next complete message, without its NUL; valid until the next call of any other member.
     Outcome next(std::string_view &message);
 
-    /// Forgets everything, as for a new connection.
+    /// Resets, for a new connection.
     void clear();
 
 private:
     std::string m_bytes;
-    std::size_t m_start = 0;   // first byte of the message that comes next
-    std::size_t m_scanned = 0; // no NUL stands between m_start and here
+    std::size_t m_start = 0;   // first byte of the next message
+    std::size_t m_scanned = 0; // no NUL between m_start and here
     bool m_overLong = false;
 };

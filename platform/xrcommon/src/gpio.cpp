@@ -16,7 +16,7 @@ namespace {
 
 constexpr uint unreadable = 255;
 
-/// An expander's chip is known by the end of its label, its lines are numbered from firstLine on.
+/// The end of its label identifies an expander's chip; its lines are numbered from firstLine on.
 struct Expander {
     const char *labelEnd;
     int firstLine;
@@ -24,7 +24,8 @@ struct Expander {
 constexpr Expander i2c0021{"-0021", 176};
 constexpr Expander i2c0022{"-0022", 192};
 
-/// What one read() gives, without the line end; nothing on any error, with errno set. No file here fills a page.
+/// The result of one read(), without the line end; nothing on an error, with errno set. All files are shorter than a
+/// page.
 std::optional<QByteArray> fileText(const QByteArray &path)
 {
     const int file = ::open(path.constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
@@ -40,7 +41,7 @@ std::optional<QByteArray> fileText(const QByteArray &path)
     return QByteArray(text, static_cast<int>(length)).trimmed();
 }
 
-/// Writes to a file that is there; never makes one. True when the file could be opened, whatever the kernel then said.
+/// Writes to an existing file. True if the file could be opened, regardless of the kernel's answer to the write.
 bool writeFile(const QByteArray &path, const QByteArray &text)
 {
     const int file = ::open(path.constData(), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NONBLOCK);
@@ -81,11 +82,11 @@ public:
     uint value()
     {
         if (m_expander && m_isThere && numberOn(m_chip) != m_number)
-            m_isThere = false; // the chip went or has another base: the number is somebody else's line by now
+            m_isThere = false; // the chip is gone or has another base: the number may now be another line
         if (!m_isThere && !find())
             return unreadable;
         std::optional<QByteArray> text = fileText(file("value"));
-        if (!text && errno == ENOENT && !exists(folder())) { // it went missing since the last time
+        if (!text && errno == ENOENT && !exists(folder())) { // it disappeared since the last read
             m_isThere = false;
             if (find())
                 text = fileText(file("value"));
@@ -96,7 +97,7 @@ public:
     }
 
 private:
-    /// Looks for the line, exports it if it may, and sets it up.
+    /// Finds the line, exports it if allowed, and sets it up.
     bool find()
     {
         m_number = number();
@@ -109,7 +110,7 @@ private:
                 return false;
         }
         m_isThere = true;
-        m_exported.reset(); // the next time it goes missing, it is exported again
+        m_exported.reset(); // the next time it disappears, it is exported again
         setUp();
         return true;
     }
@@ -124,7 +125,7 @@ private:
             writeFile(file("edge"), edges[m_edge]);
     }
 
-    /// The number that the kernel knows the line by; nothing while its expander is not there.
+    /// The kernel's number of the line; nothing while its expander is missing.
     std::optional<int> number()
     {
         if (!m_expander)
@@ -139,7 +140,7 @@ private:
         return std::nullopt;
     }
 
-    /// The line's number when the chip in this folder is its expander.
+    /// The line's number if the chip in this folder is its expander.
     std::optional<int> numberOn(const QByteArray &chipFolder) const
     {
         const std::optional<QByteArray> label = fileText(chipFolder + "/label");
@@ -162,7 +163,7 @@ private:
     const GpioEdges m_edge;
     const Expander *m_expander = nullptr;
     QByteArray m_chip;           // folder of the expander
-    std::optional<int> m_number; // kept while the line is there
+    std::optional<int> m_number; // kept while the line exists
     bool m_isThere = false;
     std::optional<int> m_exported; // and not seen since
 };

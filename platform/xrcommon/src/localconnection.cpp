@@ -14,11 +14,11 @@
 namespace {
 
 constexpr int retryIntervalMs = 1000;
-// One turn of the event loop takes no more than this, some 16 single values, so that a flood of notifications leaves
-// the rest of the program its turns.
+// Most bytes read in one turn of the event loop, about 16 single values, so that a flood of notifications does not
+// block the rest of the program.
 constexpr std::size_t readSize = 4096;
 
-/// A connected socket, or -1 with errno set. A local socket connects at once or not at all.
+/// A connected socket, or -1 with errno set. A local socket connects at once or never.
 int connectedSocket(const QByteArray &path)
 {
     sockaddr_un address{};
@@ -44,7 +44,7 @@ void retire(QSocketNotifier *&notifier, QObject *receiver)
 {
     notifier->setEnabled(false);
     notifier->disconnect(receiver);
-    notifier->deleteLater(); // it may be the sender of the signal that is being served
+    notifier->deleteLater(); // it may be the sender of the current signal
     notifier = nullptr;
 }
 

@@ -1,4 +1,4 @@
-// The connection to the data service's local socket: it opens, reopens, reads and writes, and knows nothing of
+// The connection to the data service's local socket: opens, reopens, reads and writes it, without knowledge of
 // messages.
 #pragma once
 
@@ -10,13 +10,13 @@
 
 class QSocketNotifier;
 
-/// Connects from the event loop, and after a failure or a loss again every second, for ever. Nothing here blocks.
+/// Connects from the event loop and retries every second after a failure or a loss, without limit. Never blocks.
 class LocalConnection : public QObject {
     Q_OBJECT
 
 public:
-    /// What the service has not yet taken. A service that lets more than this pile up is given up, and the connection
-    /// opened anew: whoever is told of that asks again for what it needs, which silently dropped requests never are.
+    /// Most unread bytes of the service. Above this the connection is closed and reopened: a client repeats its
+    /// requests after a new connection, but not after silently dropped requests.
     static constexpr int maxUnsent = 8 * 1024 * 1024;
 
     explicit LocalConnection(QObject *parent);
@@ -24,10 +24,10 @@ public:
 
     bool isConnected() const { return m_socket >= 0; }
 
-    /// Hands the bytes to the service, now or as soon as it takes them. False when they were dropped.
+    /// Sends the bytes to the service, now or as soon as it reads. False if they were dropped.
     bool send(const QByteArray &bytes);
 
-    /// Closes the connection; it is opened anew a second later.
+    /// Closes the connection and reopens it a second later.
     void lose(const char *reason);
 
 Q_SIGNALS:
@@ -47,5 +47,5 @@ private:
     QSocketNotifier *m_readable = nullptr;
     QSocketNotifier *m_writable = nullptr;
     QByteArray m_unsent;
-    bool m_failureTold = false; // a service that stays away is told of once
+    bool m_failureTold = false; // a missing service is logged once
 };

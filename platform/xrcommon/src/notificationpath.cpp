@@ -1,4 +1,4 @@
-// A notification's path, taken apart.
+// Parses a notification's path.
 #include "notificationpath.h"
 
 namespace {
@@ -13,7 +13,7 @@ bool isNameCharacter(char c)
     return isNameStart(c) || (c >= '0' && c <= '9') || c == '-' || c == '.' || c == ':';
 }
 
-/// Reads a text from its beginning; each function takes what it names, or nothing.
+/// Reads a text from its beginning; each function consumes the part in its name, or nothing.
 class Reader {
 public:
     explicit Reader(std::string_view text) : m_rest(text) {}
@@ -44,7 +44,7 @@ public:
         return take(length);
     }
 
-    /// What stands before `end`, which is taken too; nothing when it never comes.
+    /// The text before `end`, which is consumed too; nothing if `end` is missing.
     std::optional<std::string_view> upTo(char end)
     {
         const std::size_t length = m_rest.find(end);
@@ -66,7 +66,7 @@ private:
     std::string_view m_rest;
 };
 
-/// A value in quotes holds anything but that quote; one without quotes ends at the bracket and is not empty.
+/// A quoted value may contain anything except that quote; an unquoted one ends at the bracket and is not empty.
 std::optional<std::string_view> keyValue(Reader &reader)
 {
     for (const char quote : {'\'', '"'}) {

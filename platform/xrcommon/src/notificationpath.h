@@ -1,4 +1,4 @@
-// A notification's path, taken apart.
+// Parses a notification's path.
 #pragma once
 
 #include <optional>
@@ -16,5 +16,5 @@ struct PathStep {
     std::vector<PathKey> keys;
 };
 
-/// The steps of an absolute path, as views of it; nothing when it is malformed.
+/// The steps of an absolute path, as views of it; nothing if it is malformed.
 std::optional<std::vector<PathStep>> pathSteps(std::string_view path);

@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr unsigned parseOptions = pugi::parse_default | pugi::parse_ws_pcdata; // blanks in a leaf are its text
+constexpr unsigned parseOptions = pugi::parse_default | pugi::parse_ws_pcdata; // blanks in a leaf are text
 
 void appendElementStart(std::string &xml, std::string_view name)
 {
@@ -46,7 +46,7 @@ void appendKeys(std::string &xml, const std::vector<PathKey> &keys)
     }
 }
 
-/// The first element in document order; attributes and texts that a query selects do not count.
+/// The first element in document order; ignores selected attributes and texts.
 pugi::xml_node firstElement(const pugi::xml_document &document, const pugi::xpath_query &query)
 {
     const pugi::xpath_node first = document.select_node(query);
@@ -61,7 +61,7 @@ pugi::xml_node firstElement(const pugi::xml_document &document, const pugi::xpat
     return {};
 }
 
-/// All text below the element. It walks instead of calling itself: a tree may be a million levels deep.
+/// All text below the element. Iterative, because a tree may be a million levels deep.
 void appendText(std::string &text, const pugi::xml_node top)
 {
     pugi::xml_node node = top;
@@ -112,7 +112,7 @@ bool NotificationTree::build(bool dataIsElement)
         return false;
 
     pugi::xml_node node = m_document.root();
-    for ([[maybe_unused]] const PathStep &step : *steps) { // as many levels down as there are steps
+    for ([[maybe_unused]] const PathStep &step : *steps) { // one level down for each step
         node = node.last_child();
         while (node && node.type() != pugi::node_element)
             node = node.previous_sibling();
@@ -138,7 +138,7 @@ bool NotificationTree::findText(QString &out, const pugi::xpath_query &query) co
     if (!element)
         return false;
     std::string text;
-    if (element != m_hollow) // a node that is gone has no text, although its keys are known
+    if (element != m_hollow) // a deleted node has no text, although its keys are known
         appendText(text, element);
     out = QString::fromUtf8(text.data(), static_cast<int>(text.size()));
     return true;

@@ -6,7 +6,7 @@
 
 namespace {
 
-/// The text of UTF-8 bytes; nothing when they are not UTF-8 to the letter.
+/// The text of UTF-8 bytes; nothing if they are not valid UTF-8.
 std::optional<QString> decodedUtf8(std::string_view bytes)
 {
     constexpr int utf8Mib = 106;
@@ -91,7 +91,7 @@ private:
             if (!(m_message.*field.text).isNull())
                 return m_xml.raiseError(QStringLiteral("<%1> twice").arg(QLatin1String(field.name)));
             m_field = field.text;
-            m_message.*m_field = QLatin1String(""); // there, and so far empty
+            m_message.*m_field = QLatin1String(""); // present, still empty
             m_dataStart = static_cast<int>(m_xml.characterOffset());
             return;
         }
@@ -105,7 +105,7 @@ private:
             m_message.*m_field += m_xml.text();
     }
 
-    /// `data` is cut out of the message: what stands between its tags must not pass through a reader and a writer.
+    /// `data` is copied from the message: the text between its tags must not pass through a reader and a writer.
     void endField()
     {
         if (m_field == dataField) {
@@ -120,7 +120,7 @@ private:
     const QString &m_text;
     QXmlStreamReader m_xml;
     NotifyMessage m_message;
-    QString NotifyMessage::*m_field = nullptr; // the child that is being read
+    QString NotifyMessage::*m_field = nullptr; // the current child
     int m_depth = 0;
     int m_dataStart = 0;
     int m_dataElements = 0;

@@ -13,11 +13,11 @@ struct NotifyMessage {
     QString rPath;
     QString sPath;
     QString data;
-    bool dataIsElement = false; ///< `data` is one element, so it is well-formed by itself
+    bool dataIsElement = false; ///< `data` is one well-formed element
 };
 
-/// Reads a message of the data service. Nothing when it is no UTF-8, is not well-formed, holds a document type or is
-/// no `notify` with at least `ref` and `op`; `error` then says why.
+/// Reads a message of the data service. Nothing, with the reason in `error`, if it is not UTF-8, not well-formed, has a
+/// document type, or is not a `notify` with at least `ref` and `op`.
 std::optional<NotifyMessage> readNotifyMessage(std::string_view bytes, QString &error);
 
 /// Whether `xml` is one well-formed element without a document type.

@@ -11,11 +11,11 @@
 
 namespace {
 
-TalInterface *living = nullptr; // the one that the static requests act on
+TalInterface *living = nullptr; // the instance for the static requests
 bool debugPrint = false;
 
-/// A text as the content of an element. A quote needs no escape there; a bare carriage return would be read as a line
-/// feed.
+/// A text as the content of an element. Quotes need no escape there; a bare carriage return does, because readers turn
+/// it into a line feed.
 QString escaped(const QString &text)
 {
     QString xml;
@@ -63,7 +63,7 @@ public:
                 [this](const char *bytes, std::size_t size) { take(bytes, size); });
     }
 
-    /// The requests' way out: `name` is that of the call.
+    /// Sends a request; `name` is that of the call.
     static void send(const char *name, const QString &xml)
     {
         if (!living || !living->m_client->m_connection.isConnected()) {
@@ -85,7 +85,7 @@ private:
     void take(const char *bytes, std::size_t size)
     {
         m_framing.feed(bytes, size);
-        const QPointer<TalInterface> owner = m_owner; // whoever is told of a notification may end us
+        const QPointer<TalInterface> owner = m_owner; // a receiver of a notification may delete us
         while (owner) {
             std::string_view message;
             const MessageFraming::Outcome outcome = m_framing.next(message);

@@ -11,10 +11,10 @@
 
 namespace {
 
-/// The compiled expressions that were used last; a notification is asked for up to a hundred.
+/// Cache of the last compiled expressions; one notification needs up to a hundred.
 class Expressions {
 public:
-    /// Null when the expression is malformed or does not select nodes.
+    /// Null if the expression is malformed or does not select nodes.
     const pugi::xpath_query *compiled(const QString &xpath)
     {
         if (const Entry *entry = m_entries.object(xpath))
@@ -45,8 +45,8 @@ private:
 };
 
 Expressions expressions;
-std::unique_ptr<NotificationTree> tree; // of the notification asked for last
-QString checkedData;                    // holding it keeps its characters where they are
+std::unique_ptr<NotificationTree> tree; // of the last notification
+QString checkedData;                    // holding it keeps its characters in place
 
 } // namespace
 
@@ -63,7 +63,7 @@ bool textOfNotification(QString &out, const QString &xpath, const QString &sPath
         if (!tree || !tree->isOf(path, data)) {
             const bool checked =
                 !data.isEmpty() && data.constData() == checkedData.constData() && data.size() == checkedData.size();
-            tree.reset(); // first: two trees of the greatest size need not be held at once
+            tree.reset(); // first, to avoid two trees of the maximum size at once
             tree = std::make_unique<NotificationTree>(path, data, checked);
         }
         if (!tree->isValid())

@@ -7,5 +7,5 @@
 bool textOfNotification(QString &out, const QString &xpath, const QString &sPath, const QString &rPath,
                         const QString &data);
 
-/// Says that `data` was found to be one well-formed element, so that its text need not be read once more.
+/// Marks `data` as one well-formed element, so that it is not checked again.
 void setCheckedData(const QString &data);

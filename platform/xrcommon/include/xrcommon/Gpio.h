@@ -10,9 +10,9 @@ enum Gpios : int {};
 enum GpioDirections : int { GPIO_DIRECTION_IN = 0, GPIO_DIRECTION_OUT = 1, GPIO_DIRECTION_AS_IS = 2 };
 enum GpioEdges : int { GPIO_EDGE_NONE = 0, GPIO_EDGE_RISING = 1, GPIO_EDGE_FALLING = 2, GPIO_EDGE_BOTH = 3 };
 
-/// A line under the GPIO root folder (`XR_GPIO_ROOT`, else `/sys/class/gpio`; looked up when the object is made).
-/// The line is not touched before it is first read, because only then it is known which chip it sits on; with a
-/// direction other than "as it is", direction and edge are written whenever it is found anew.
+/// A line below the GPIO root folder (`XR_GPIO_ROOT`, otherwise `/sys/class/gpio`; looked up when the object is
+/// created). The line is not accessed before its first read, because its chip is unknown until then. With a direction
+/// other than "as is", direction and edge are written each time the line is found again.
 class Gpio : public QObject {
     Q_OBJECT
 
@@ -20,12 +20,12 @@ public:
     Gpio(QObject *parent, Gpios id, GpioDirections direction, GpioEdges edge);
     ~Gpio() override;
 
-    void setI2c0021(); ///< the line sits on the expander at I2C address 0x21
-    void setI2c0022(); ///< the line sits on the expander at I2C address 0x22
+    void setI2c0021(); ///< the line is on the expander at I2C address 0x21
+    void setI2c0022(); ///< the line is on the expander at I2C address 0x22
 
-    /// 0 or 1, or 255 when the line cannot be read. Reads the line's value file once; while the line is there, the only
-    /// other files are label and base of its expander, which may have come back with another base. A line that is
-    /// missing is exported, once each time it goes.
+    /// 0 or 1, or 255 if the line cannot be read. Reads the line's value file once. While the line exists, it reads
+    /// only two other files, label and base of its expander, which may have returned with another base. Exports a
+    /// missing line, once each time it disappears.
     uint getGpioInOutValue();
 
 private:

@@ -8,9 +8,9 @@
 
 enum TALTARGET_ENUM { TALTARGET_DEFAULT = 0 };
 
-/// One connection to the data service's local socket (`TAL_SOCKET`, else `/var/run/tal.sock`). It connects when it is
-/// created and tries again every second, for ever. The static requests act on the one living instance; with none, or
-/// while it is not connected, they are dropped with one debug line.
+/// One connection to the data service's local socket (`TAL_SOCKET`, otherwise `/var/run/tal.sock`). It connects when it
+/// is created and retries every second without limit. The static requests use the only instance; without an instance or
+/// a connection they are dropped with one debug line.
 class TalInterface : public QObject {
     Q_OBJECT
 
@@ -23,12 +23,12 @@ public:
     static void requestData(const QString &xml, TALTARGET_ENUM target);
     static void requestDataEdit(const QString &ref, const QString &path, const QString &operation, const QString &xml);
 
-    /// Finds the first element that `xpath` selects in the tree that `rPath` and `data` describe; its text goes to
-    /// `out`. False, with `out` untouched, when there is none or when an argument is malformed.
+    /// Finds the first element that `xpath` selects in the tree of `rPath` and `data`, and stores its text in `out`.
+    /// False, with `out` unchanged, if there is none or an argument is malformed.
     static bool xpathGetTextNode(QString &out, const QString &xpath, const QString &sPath, const QString &rPath,
                                  const QString &data);
 
-    /// Each message sent and received is written as a debug line from now on.
+    /// Prints each message sent and received as a debug line from now on.
     static void debugPrintEnable();
 
 Q_SIGNALS:
