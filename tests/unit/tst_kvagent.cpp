@@ -138,7 +138,7 @@ void TestKvAgent::beforeTheStartNothingHappens()
 void TestKvAgent::theStartPrintsItsSteps_data()
 {
     QTest::addColumn<uint>("model");
-    QTest::addColumn<QStringList>("modules");
+    QTest::addColumn<QStringList>("between");
     QTest::newRow("6420") << 6420U << moduleLines;
     QStringList without = moduleLines;
     without.removeAt(8);
@@ -156,9 +156,9 @@ void TestKvAgent::theStartPrintsItsSteps_data()
 void TestKvAgent::theStartPrintsItsSteps()
 {
     QFETCH(uint, model);
-    QFETCH(QStringList, modules);
+    QFETCH(QStringList, between);
     QStringList expected = lines({"Starting kvAgent", "return from init_agent() ret:0"});
-    expected += modules;
+    expected += between;
     expected += lines({"return from init_snmp()", "Init sendTrap() function", "FINISH kaAgentStart()"});
     QCOMPARE(printedInOwnProcess([model] { kaAgentStart(model, 1, ""); }), expected);
 }

@@ -315,9 +315,9 @@ void TestKvSnmp::theSignalsAreHandledAlike()
         KvSnmp::installSignalHandlers();
         struct sigaction action {};
         sigaction(signalNumber, nullptr, &action);
-        const int unwanted = SA_SIGINFO | SA_NODEFER | SA_RESETHAND | SA_ONSTACK;
+        const unsigned unwanted = SA_SIGINFO | SA_NODEFER | SA_RESETHAND | SA_ONSTACK;
         const bool asTold = action.sa_handler == KvSnmp::handOverSignal && sigisemptyset(&action.sa_mask) == 1 &&
-                            (action.sa_flags & (SA_RESTART | unwanted)) == SA_RESTART;
+                            (static_cast<unsigned>(action.sa_flags) & (SA_RESTART | unwanted)) == SA_RESTART;
         return asTold ? 0 : 1;
     });
     QVERIFY(child.exitedWith(0));

@@ -24,7 +24,8 @@ public:
         std::copy(name.cbegin(), name.cend(), address.sun_path);
         if (name.startsWith('@'))
             address.sun_path[0] = '\0';
-        const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+        const auto length =
+            static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + static_cast<std::size_t>(name.size()));
         bound = bind(m_descriptor, reinterpret_cast<const sockaddr *>(&address), length) == 0;
         qputenv("NOTIFY_SOCKET", name);
     }

@@ -43,19 +43,19 @@ public:
             add(name + ".monitored", row.monitored);
         });
         each("let.", r.let.lets, [this](auto channel, auto &lets) {
-            each(channel + '.', lets, [this](auto name, auto &let) {
-                add(name + ".letStatus", let.letStatus);
-                add(name + ".letPresence", let.letPresence);
-                add(name + ".letEnabled", let.letEnabled);
-                add(name + ".description", let.description);
-                add(name + ".softwareVersion", let.softwareVersion);
-                add(name + ".hardwareVersion", let.hardwareVersion);
-                add(name + ".letVoltage", let.letVoltage);
-                add(name + ".changed.status", let.changed.status);
-                add(name + ".changed.description", let.changed.description);
-                add(name + ".changed.softwareVersion", let.changed.softwareVersion);
-                add(name + ".changed.hardwareVersion", let.changed.hardwareVersion);
-                add(name + ".changed.voltage", let.changed.voltage);
+            this->each(channel + '.', lets, [this](auto name, auto &let) {
+                this->add(name + ".letStatus", let.letStatus);
+                this->add(name + ".letPresence", let.letPresence);
+                this->add(name + ".letEnabled", let.letEnabled);
+                this->add(name + ".description", let.description);
+                this->add(name + ".softwareVersion", let.softwareVersion);
+                this->add(name + ".hardwareVersion", let.hardwareVersion);
+                this->add(name + ".letVoltage", let.letVoltage);
+                this->add(name + ".changed.status", let.changed.status);
+                this->add(name + ".changed.description", let.changed.description);
+                this->add(name + ".changed.softwareVersion", let.changed.softwareVersion);
+                this->add(name + ".changed.hardwareVersion", let.changed.hardwareVersion);
+                this->add(name + ".changed.voltage", let.changed.voltage);
             });
         });
         each("lineIn.", r.lineIn.rows, [this](auto name, auto &row) {
