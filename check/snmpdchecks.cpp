@@ -250,7 +250,7 @@ Outcome checkHealthProbe(Subject &subject)
     const QByteArray text = result.finished ? result.output.simplified() : QByteArray();
     if (text.isEmpty())
         return warning(
-            QStringLiteral("ps does not tell snmpd's memory: kvsnmp restarts snmpd every ten minutes"),
+            QStringLiteral("ps does not report snmpd's memory: kvsnmp restarts snmpd every ten minutes"),
             QStringLiteral("the device's ps has to accept \"-C snmpd\" and \"-o rss\" as single words; if it "
                            "refuses them, add a wrapper to kvsnmp's PATH"));
     const int memoryKb = text.toInt();

@@ -252,7 +252,7 @@ BROKEN = {
         {"snmpd-conf-settings": "com2sec"}, because={"snmpd-answer"}),
     "configuration newer than the snmpd that should have read it": Broken(
         newer_conf, "SNMPD-PROCESS", {"snmpd-process": "is older than snmpd.conf"}),
-    "ps without the health probe's words": Broken(no_shim, "HEALTH-PROBE", {"health-probe": "does not tell snmpd's memory"}),
+    "ps without the health probe's words": Broken(no_shim, "HEALTH-PROBE", {"health-probe": "does not report snmpd's memory"}),
     "snmpd at its memory limit": Broken(lambda device: edited(device, "/run/device/snmpd-rss", lambda _: "10240\n"),
                                         "HEALTH-PROBE", {"health-probe": "10240 kB"}),
     "identity file changed under a running daemon": Broken(

@@ -93,8 +93,8 @@ def test_numbers_of_rows_are_those_of_the_golden_walks():
     table = [[cell.strip() for cell in line.strip("|").split("|")] for line in
              re.search(r"^\| table \|.*?\n\n", GUIDE.read_text(), re.MULTILINE | re.DOTALL)[0].strip().splitlines()]
     assert table[0] == ["table", *map(str, MODELS)]
-    told = {name: row[1:] for row in table[2:] for name in re.findall(r"`(\w+)`", row[0])}
-    assert told == {item.name: [number_of_rows(item, model) for model in MODELS] for item in OBJECTS if isinstance(item, Table)}
+    described = {name: row[1:] for row in table[2:] for name in re.findall(r"`(\w+)`", row[0])}
+    assert described == {item.name: [number_of_rows(item, model) for model in MODELS] for item in OBJECTS if isinstance(item, Table)}
 
 
 def number_of_rows(table: Table, model: int) -> str:
@@ -118,13 +118,13 @@ def test_names_and_states_in_the_guide_are_the_mibs():
             if not column.endswith(("Index", "Description", "Label"))} - named == set()
     wrong = []
     for section in prose():
-        told = {(state, int(code)) for state, code in re.findall(r"\b([a-z]\w*)\((\d+)\)", section)}
+        described = {(state, int(code)) for state, code in re.findall(r"\b([a-z]\w*)\((\d+)\)", section)}
         columns = [mib().objects[name] for name in re.findall(r"`(\w+)`", section) if name in mib().objects]
         enumerations = [column.enumeration for column in columns or mib().objects.values()]
-        wrong += [f"{state}({code})" for state, code in told
+        wrong += [f"{state}({code})" for state, code in described
                   if not any(enumeration.get(code) == state for enumeration in enumerations)]
         for name in re.findall(r"^\| `(\w+)` \|", section, re.MULTILINE):
-            if name in COLUMN_OIDS:  # a line of a list of values: every state but "not reported" is told
-                wrong += [f"{name}: {state}({code}) is not told" for code, state in mib().objects[name].enumeration.items()
-                          if code != 0 and (state, code) not in told]
+            if name in COLUMN_OIDS:  # a line of a list of values: every state but "not reported" is described
+                wrong += [f"{name}: {state}({code}) is not described" for code, state in mib().objects[name].enumeration.items()
+                          if code != 0 and (state, code) not in described]
     assert wrong == []

@@ -71,7 +71,7 @@ def test_daemon_rests_while_there_is_no_snmpd_and_the_probe_starts_another(serve
     kvsnmp, snmpd = device.kvsnmp_pid(), device.wait_snmpd()
     _, opened = watched_and_open(device, kvsnmp)
     device.kill(snmpd, signal.SIGKILL)
-    wait_until(lambda: device.kvsnmp_err().endswith(f"{ATTEMPT}\n"), what="first attempt to connect told")
+    wait_until(lambda: device.kvsnmp_err().endswith(f"{ATTEMPT}\n"), what="first attempt to connect logged")
     lines = len(device.kvsnmp_err().splitlines())
     rests(device, AT_REST)
     now_watched, now_open = watched_and_open(device, kvsnmp)
@@ -247,7 +247,7 @@ def test_snmpd_that_ends_at_once_is_tried_again_at_each_probe(with_stub):
     goes_on(device)
     for number in range(1, 4):
         let_the_probe_come(device)
-        wait_until(lambda: device.syslog_texts().count(NOT_RUNNING) == number, what="finding told")
+        wait_until(lambda: device.syslog_texts().count(NOT_RUNNING) == number, what="finding logged")
         hurry(device, lambda: device.syslog_texts().count(STARTING) == number + 1, "another attempt")
         wait_until(lambda: len(device.read("/tmp/starts").split()) == number + 1, what="stub started again")
     stays(lambda: len(device.read("/tmp/starts").split()) == 4, 2, what="no attempt in between")

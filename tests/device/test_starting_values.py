@@ -18,7 +18,7 @@ MODELS = [6214, 6420, 6425, 6720]
 class Silent(Played):
     first: dict[str, list[str]]  # the column's or scalar's name to what it reads at first, in the order of the rows
 
-    def tell(self, ref: str, op: str, path: str, text: str) -> list[str]:
+    def report(self, ref: str, op: str, path: str, text: str) -> list[str]:
         """Sends one notification; when the daemon has taken it, lets its tables expire. Returns what it said about it."""
         leaf, before = path.rpartition("/")[2], len(self.device.kvsnmp_err())
         self.service.notify(ref, op, path, f"<{leaf}>{text}</{leaf}>")
@@ -97,7 +97,7 @@ def test_channel_status_is_unknown_until_the_class_d_status_has_come(silent):
             ("kvsnmp_amp_enable", "/state/config/lines/line[kid='ch2']/enable", "false", [1, 1]),
             ("kvsnmp_class_d_status", "/state/class_d_amp_status/status", "hot", [4, 4]),
             ("kvsnmp_class_d_status", "/state/class_d_amp_status/status", "ok", [1, 2])]:
-        played.tell(ref, "create", path, text)
+        played.report(ref, "create", path, text)
         assert steps.integers(played.device, status) == expected, text
 
 
@@ -105,9 +105,9 @@ def test_unexpected_operation_is_logged_and_changes_nothing(silent):
     """The units of the parsers hold the others to it."""
     played = silent[6420]
     oid, path = f"{COLUMN_OIDS['tempPeak']}.3", "/state/temp_sensors/temp_sensor[kid='amp_main_board']/temp_peak"
-    played.tell("kvsnmp_temp", "create", path, "41.2")
-    complaint, = played.tell("kvsnmp_temp", "merge", path, "50")
+    played.report("kvsnmp_temp", "create", path, "41.2")
+    complaint, = played.report("kvsnmp_temp", "merge", path, "50")
     assert complaint.startswith("getTemp ") and f"op: merge rPath: {path} sPath: {path}" in complaint
     assert steps.integers(played.device, [oid]) == [412]
-    played.tell("kvsnmp_temp", "replace", path, "50")
+    played.report("kvsnmp_temp", "replace", path, "50")
     assert steps.integers(played.device, [oid]) == [500]
