@@ -71,145 +71,136 @@ private Q_SLOTS:
     void cleanup() { sentTraps.clear(); }
     void cleanupTestCase() { m_serving.reset(); }
 
-    void firstFinishStartsTheAgent();
-    void pollingSlowsDownAfter21IdlePasses();
-    void trafficIsServedWithoutWaitingForTheTimer();
-    void oneTurnOfTheEventLoopAnswersARequest();
-    void endlessTrafficLeavesTheEventLoopItsTurns();
-    void sessionThatOpensSendsTheWaitingTraps();
-    void trapsBeyondOnePassGoOutWithTheNext();
+    void firstFinishStartsTheAgent()
+    {
+        QVERIFY(kvAgent == nullptr);
+        QStringList lines;
+        {
+            StandardOutput output;
+            serving();
+            serving().finishSnmpdConf();
+            lines = output.takeLines();
+        }
+        QCOMPARE(lines.filter(qs("Starting kvAgent")).size(), 1);
+        QCOMPARE(
+            lines.filter(QRegularExpression(qs("^copyTal"))),
+            QStringList({qs("copyTalVoltageTableData()"), qs("copyTalTempTableData()"), qs("copyTalFanTableData()"),
+                         qs("copyTalAmpChannelTableData()"), qs("copyTalControlOutputTableData()"),
+                         qs("copyTalControlInputTableData()"), qs("copyTalLetChannelTableData() for letChannel: 1"),
+                         qs("copyTalLetChannelTableData() for letChannel: 2"), qs("copyTalEthMonitoringTableData()"),
+                         qs("copyTalLineInTableData()")}));
+        Bench &bench = serving();
+        QVERIFY(kvAgent != nullptr);
+        QCOMPARE(kvAgent->modelNumber, 6420U);
+        QCOMPARE(int{kvAgent->ampType}, 3);
+        QCOMPARE(kvAgent->modelText, "Some Device");
+        QCOMPARE(kvAgent->infoData->modelType.text, kvAgent->modelText);
+        QVERIFY(bench.processTimer()->isActive());
+        QVERIFY(bench.child<DescriptorWatch>()->findChild<QSocketNotifier *>() != nullptr);
+    }
+
+    void pollingSlowsDownAfter21IdlePasses()
+    {
+        const Bench &bench = serving();
+        const PendingGet get;
+        QVERIFY(get.isSent());
+        for (int pass = 0; pass < 10 && !get.isAnswered(); ++pass)
+            bench.poll();
+        QVERIFY(get.isAnswered());
+        while (kaCheckAndProcess() > 0) // nothing is left over
+            ;
+        QCOMPARE(bench.processTimer()->interval(), 5);
+        int idlePasses = 0;
+        while (bench.processTimer()->interval() == 5 && idlePasses < 100) {
+            bench.poll();
+            ++idlePasses;
+        }
+        QCOMPARE(idlePasses, 21);
+        QCOMPARE(bench.processTimer()->interval(), 100);
+        QVERIFY(bench.processTimer()->isActive());
+    }
+
+    void trafficIsServedWithoutWaitingForTheTimer()
+    {
+        const Bench &bench = serving();
+        bench.processTimer()->start(60000); // only the descriptors can wake it now
+        const PendingGet get;
+        QVERIFY(get.isSent());
+        QTRY_VERIFY(get.isAnswered());
+        QCOMPARE(bench.processTimer()->interval(), 5);
+    }
+
+    void oneTurnOfTheEventLoopAnswersARequest()
+    {
+        const Bench &bench = serving();
+        bench.processTimer()->start(60000);
+        QCoreApplication::processEvents(); // nothing is left over
+        const PendingGet get;
+        QVERIFY(get.isSent());
+        QCoreApplication::processEvents();
+        QVERIFY(get.isAnswered());
+    }
+
+    void endlessTrafficLeavesTheEventLoopItsTurns()
+    {
+        serving();
+        QTimer everyTurn;
+        int turns = 0;
+        connect(&everyTurn, &QTimer::timeout, this, [&turns] { ++turns; });
+        everyTurn.start(0);
+        // Each is answered in a pass of its own, so all of them cannot be in one turn.
+        std::vector<std::unique_ptr<PendingGet>> gets(200);
+        for (auto &get : gets)
+            get = std::make_unique<PendingGet>();
+        QTRY_VERIFY(std::all_of(gets.begin(), gets.end(), [](const auto &get) { return get->isAnswered(); }));
+        QVERIFY2(turns >= 200 / 16, qPrintable(QString::number(turns)));
+    }
+
+    void sessionThatOpensSendsTheWaitingTraps()
+    {
+        const Bench &bench = serving();
+        const SendTrap realSender = kvAgent->sendTrap;
+        enableTrap(bench, "Cooling Fan Fault");
+        raiseFault(bench, qs("while no session is open")); // refused by the agent
+        kvAgent->sendTrap = noteTrap;
+        openSession();
+        QCOMPARE(sentTraps, QStringList()); // not from inside the library
+        QTRY_COMPARE(sentTraps.size(), 1);
+        QVERIFY(sentTraps[0].endsWith(qs("while no session is open")));
+        closeSession();
+        QCoreApplication::processEvents();
+        QCOMPARE(sentTraps.size(), 1);
+        kvAgent->sendTrap = realSender;
+    }
+
+    void trapsBeyondOnePassGoOutWithTheNext()
+    {
+        Bench &bench = serving();
+        openSession();
+        enableTrap(bench, "Cooling Fan Fault");
+        QCoreApplication::processEvents();
+        bench.poll();
+        bench.log.takeLines();
+        const auto sent = [&bench] { return bench.log.lines().filter(qs("->Send SUCCESS")).size(); };
+        for (std::size_t i = 0; i < 2 * trapsPerPass + 10; ++i)
+            raiseFault(bench, qs("fault %1").arg(i));
+        QCOMPARE(static_cast<std::size_t>(sent()), trapsPerPass);
+        QTRY_COMPARE(static_cast<std::size_t>(sent()), 2 * trapsPerPass + 10);
+        closeSession();
+    }
 
 private:
-    Bench &serving();
+    Bench &serving()
+    {
+        if (!m_serving) {
+            m_serving = std::make_unique<Bench>(6420);
+            m_serving->finishSnmpdConf();
+        }
+        return *m_serving;
+    }
 
     std::unique_ptr<Bench> m_serving; ///< the agent starts once in a process: the tests share it
 };
-
-Bench &TestAgentPolling::serving()
-{
-    if (!m_serving) {
-        m_serving = std::make_unique<Bench>(6420);
-        m_serving->finishSnmpdConf();
-    }
-    return *m_serving;
-}
-
-void TestAgentPolling::firstFinishStartsTheAgent()
-{
-    QVERIFY(kvAgent == nullptr);
-    QStringList lines;
-    {
-        StandardOutput output;
-        serving();
-        serving().finishSnmpdConf();
-        lines = output.takeLines();
-    }
-    QCOMPARE(lines.filter(qs("Starting kvAgent")).size(), 1);
-    QCOMPARE(lines.filter(QRegularExpression(qs("^copyTal"))),
-             QStringList({qs("copyTalVoltageTableData()"), qs("copyTalTempTableData()"), qs("copyTalFanTableData()"),
-                          qs("copyTalAmpChannelTableData()"), qs("copyTalControlOutputTableData()"),
-                          qs("copyTalControlInputTableData()"), qs("copyTalLetChannelTableData() for letChannel: 1"),
-                          qs("copyTalLetChannelTableData() for letChannel: 2"), qs("copyTalEthMonitoringTableData()"),
-                          qs("copyTalLineInTableData()")}));
-    Bench &bench = serving();
-    QVERIFY(kvAgent != nullptr);
-    QCOMPARE(kvAgent->modelNumber, 6420U);
-    QCOMPARE(int{kvAgent->ampType}, 3);
-    QCOMPARE(kvAgent->modelText, "Some Device");
-    QCOMPARE(kvAgent->infoData->modelType.text, kvAgent->modelText);
-    QVERIFY(bench.processTimer()->isActive());
-    QVERIFY(bench.child<DescriptorWatch>()->findChild<QSocketNotifier *>() != nullptr);
-}
-
-void TestAgentPolling::pollingSlowsDownAfter21IdlePasses()
-{
-    const Bench &bench = serving();
-    const PendingGet get;
-    QVERIFY(get.isSent());
-    for (int pass = 0; pass < 10 && !get.isAnswered(); ++pass)
-        bench.poll();
-    QVERIFY(get.isAnswered());
-    while (kaCheckAndProcess() > 0) // nothing is left over
-        ;
-    QCOMPARE(bench.processTimer()->interval(), 5);
-    int idlePasses = 0;
-    while (bench.processTimer()->interval() == 5 && idlePasses < 100) {
-        bench.poll();
-        ++idlePasses;
-    }
-    QCOMPARE(idlePasses, 21);
-    QCOMPARE(bench.processTimer()->interval(), 100);
-    QVERIFY(bench.processTimer()->isActive());
-}
-
-void TestAgentPolling::trafficIsServedWithoutWaitingForTheTimer()
-{
-    const Bench &bench = serving();
-    bench.processTimer()->start(60000); // only the descriptors can wake it now
-    const PendingGet get;
-    QVERIFY(get.isSent());
-    QTRY_VERIFY(get.isAnswered());
-    QCOMPARE(bench.processTimer()->interval(), 5);
-}
-
-void TestAgentPolling::oneTurnOfTheEventLoopAnswersARequest()
-{
-    const Bench &bench = serving();
-    bench.processTimer()->start(60000);
-    QCoreApplication::processEvents(); // nothing is left over
-    const PendingGet get;
-    QVERIFY(get.isSent());
-    QCoreApplication::processEvents();
-    QVERIFY(get.isAnswered());
-}
-
-void TestAgentPolling::endlessTrafficLeavesTheEventLoopItsTurns()
-{
-    serving();
-    QTimer everyTurn;
-    int turns = 0;
-    connect(&everyTurn, &QTimer::timeout, this, [&turns] { ++turns; });
-    everyTurn.start(0);
-    // Each is answered in a pass of its own, so all of them cannot be in one turn.
-    std::vector<std::unique_ptr<PendingGet>> gets(200);
-    for (auto &get : gets)
-        get = std::make_unique<PendingGet>();
-    QTRY_VERIFY(std::all_of(gets.begin(), gets.end(), [](const auto &get) { return get->isAnswered(); }));
-    QVERIFY2(turns >= 200 / 16, qPrintable(QString::number(turns)));
-}
-
-void TestAgentPolling::sessionThatOpensSendsTheWaitingTraps()
-{
-    const Bench &bench = serving();
-    const SendTrap realSender = kvAgent->sendTrap;
-    enableTrap(bench, "Cooling Fan Fault");
-    raiseFault(bench, qs("while no session is open")); // refused by the agent
-    kvAgent->sendTrap = noteTrap;
-    openSession();
-    QCOMPARE(sentTraps, QStringList()); // not from inside the library
-    QTRY_COMPARE(sentTraps.size(), 1);
-    QVERIFY(sentTraps[0].endsWith(qs("while no session is open")));
-    closeSession();
-    QCoreApplication::processEvents();
-    QCOMPARE(sentTraps.size(), 1);
-    kvAgent->sendTrap = realSender;
-}
-
-void TestAgentPolling::trapsBeyondOnePassGoOutWithTheNext()
-{
-    Bench &bench = serving();
-    openSession();
-    enableTrap(bench, "Cooling Fan Fault");
-    QCoreApplication::processEvents();
-    bench.poll();
-    bench.log.takeLines();
-    const auto sent = [&bench] { return bench.log.lines().filter(qs("->Send SUCCESS")).size(); };
-    for (std::size_t i = 0; i < 2 * trapsPerPass + 10; ++i)
-        raiseFault(bench, qs("fault %1").arg(i));
-    QCOMPARE(static_cast<std::size_t>(sent()), trapsPerPass);
-    QTRY_COMPARE(static_cast<std::size_t>(sent()), 2 * trapsPerPass + 10);
-    closeSession();
-}
 
 const TestEntry entry("tst_agentpolling", runTest<TestAgentPolling>);
 #include "tst_agentpolling.moc"

@@ -82,82 +82,76 @@ class TestAgentxPing : public QObject {
 
 private Q_SLOTS:
     void init() { m_folder = std::make_unique<QTemporaryDir>(); }
-    void aMasterAnswers();
-    void otherAnswersAreNone_data();
-    void otherAnswersAreNone();
-    void nobodyAnswers();
-    void noSocket();
-    void connectionsOfASocket();
+    void aMasterAnswers()
+    {
+        Peer peer(path(), response());
+        const AgentxAnswer answer = pingAgentx(path(), 5000);
+        QVERIFY(answer.connected);
+        QVERIFY(answer.answered);
+        QCOMPARE(peer.asked().toHex(),
+                 QByteArray("010d100000000000000000000000000100000000")); // a ping without a session
+    }
+
+    void otherAnswersAreNone_data()
+    {
+        QTest::addColumn<QByteArray>("answer");
+        QTest::newRow("closes at once") << QByteArray();
+        QTest::newRow("too short") << response().left(19);
+        QTest::newRow("another version") << "\x02" + response().mid(1);
+        QTest::newRow("another protocol") << QByteArray(40, 'x');
+    }
+
+    void otherAnswersAreNone()
+    {
+        QFETCH(QByteArray, answer);
+        const Peer peer(path(), answer);
+        const AgentxAnswer result = pingAgentx(path(), 5000);
+        QVERIFY(result.connected);
+        QVERIFY(!result.answered);
+    }
+
+    void nobodyAnswers()
+    {
+        const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, path().constData(), static_cast<std::size_t>(path().size()));
+        QCOMPARE(::bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+        QCOMPARE(::listen(listener, 1), 0);
+        QElapsedTimer elapsed;
+        elapsed.start();
+        const AgentxAnswer result = pingAgentx(path(), 200);
+        QVERIFY(result.connected);
+        QVERIFY(!result.answered);
+        QVERIFY(elapsed.elapsed() >= 190);
+        ::close(listener);
+        QCOMPARE(pingAgentx(path(), 200).error, ECONNREFUSED);
+    }
+
+    void noSocket()
+    {
+        QCOMPARE(pingAgentx(path(), 200).error, ENOENT);
+        QCOMPARE(exchange(QByteArray(200, 'x'), {}, 1, 200).error, ENAMETOOLONG);
+    }
+
+    void connectionsOfASocket()
+    {
+        const QByteArray list =
+            "Num       RefCount Protocol Flags    Type St Inode Path\n"
+            "00000000845cfc19: 00000003 00000000 00000000 0001 03 2560300 /var/agentx/master\n"
+            "000000003199e987: 00000002 00000000 00010000 0001 01 2560241 /var/agentx/master\n" // listens
+            "0000000078e99991: 00000003 00000000 00000000 0001 03 2560301 /var/agentx/master2\n"
+            "000000003d2021db: 00000003 00000000 00000000 0001 03 2558967\n";
+        QCOMPARE(agentxConnections(list, "/var/agentx/master"), 1);
+        QCOMPARE(agentxConnections(list, "/var/agentx/none"), 0);
+        QCOMPARE(agentxConnections({}, "/var/agentx/master"), 0);
+    }
 
 private:
     QByteArray path() const { return m_folder->filePath(QStringLiteral("s")).toLocal8Bit(); }
 
     std::unique_ptr<QTemporaryDir> m_folder;
 };
-
-void TestAgentxPing::aMasterAnswers()
-{
-    Peer peer(path(), response());
-    const AgentxAnswer answer = pingAgentx(path(), 5000);
-    QVERIFY(answer.connected);
-    QVERIFY(answer.answered);
-    QCOMPARE(peer.asked().toHex(), QByteArray("010d100000000000000000000000000100000000")); // a ping without a session
-}
-
-void TestAgentxPing::otherAnswersAreNone_data()
-{
-    QTest::addColumn<QByteArray>("answer");
-    QTest::newRow("closes at once") << QByteArray();
-    QTest::newRow("too short") << response().left(19);
-    QTest::newRow("another version") << "\x02" + response().mid(1);
-    QTest::newRow("another protocol") << QByteArray(40, 'x');
-}
-
-void TestAgentxPing::otherAnswersAreNone()
-{
-    QFETCH(QByteArray, answer);
-    const Peer peer(path(), answer);
-    const AgentxAnswer result = pingAgentx(path(), 5000);
-    QVERIFY(result.connected);
-    QVERIFY(!result.answered);
-}
-
-void TestAgentxPing::nobodyAnswers()
-{
-    const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path().constData(), static_cast<std::size_t>(path().size()));
-    QCOMPARE(::bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-    QCOMPARE(::listen(listener, 1), 0);
-    QElapsedTimer elapsed;
-    elapsed.start();
-    const AgentxAnswer result = pingAgentx(path(), 200);
-    QVERIFY(result.connected);
-    QVERIFY(!result.answered);
-    QVERIFY(elapsed.elapsed() >= 190);
-    ::close(listener);
-    QCOMPARE(pingAgentx(path(), 200).error, ECONNREFUSED);
-}
-
-void TestAgentxPing::noSocket()
-{
-    QCOMPARE(pingAgentx(path(), 200).error, ENOENT);
-    QCOMPARE(exchange(QByteArray(200, 'x'), {}, 1, 200).error, ENAMETOOLONG);
-}
-
-void TestAgentxPing::connectionsOfASocket()
-{
-    const QByteArray list =
-        "Num       RefCount Protocol Flags    Type St Inode Path\n"
-        "00000000845cfc19: 00000003 00000000 00000000 0001 03 2560300 /var/agentx/master\n"
-        "000000003199e987: 00000002 00000000 00010000 0001 01 2560241 /var/agentx/master\n" // listens
-        "0000000078e99991: 00000003 00000000 00000000 0001 03 2560301 /var/agentx/master2\n"
-        "000000003d2021db: 00000003 00000000 00000000 0001 03 2558967\n";
-    QCOMPARE(agentxConnections(list, "/var/agentx/master"), 1);
-    QCOMPARE(agentxConnections(list, "/var/agentx/none"), 0);
-    QCOMPARE(agentxConnections({}, "/var/agentx/master"), 0);
-}
 
 const TestEntry entry("tst_agentxping", runTest<TestAgentxPing>);
 #include "tst_agentxping.moc"

@@ -178,282 +178,262 @@ QStringList ownMethods(const QMetaObject &meta, QMetaMethod::MethodType type)
 
 } // namespace
 
+// The line names the first number "Let:" and the second "Channel:", the client takes them as channel and LET number.
+
 class TestDbusInterface : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
+    void initTestCase() { QVERIFY(m_bus.start()); }
 
-    void constructionSaysNothing();
-    void gpoReachesTheClientUnchangedAndUnlogged_data();
-    void gpoReachesTheClientUnchangedAndUnlogged();
-    void gpiGivesOneLine();
-    void ampChannelStatus();
-    void letPresenceIsPassedOnByPosition();
-    void outOfRangeIsPassedOnAndIgnoredByTheClient();
-    void powerConsumptionIsIgnored();
-    void anotherSenderIsIgnored();
-    void anotherObjectOrInterfaceIsIgnored();
-    void otherArgumentTypesAreIgnored();
-    void serviceThatComesLater();
-    void serviceThatIsTakenOver();
-    void nothingIsCalled();
-    void proxyIsForTheMonitorOnTheSystemBus();
-    void signalsAndSlotsInOrder();
+    void constructionSaysNothing()
+    {
+        LinkBench withoutService;
+        QVERIFY(withoutService.link);
+        QCOMPARE(withoutService.log.lines(), QStringList());
+
+        Peer monitor(m_bus);
+        monitor.takeName();
+        LinkBench withService;
+        QCOMPARE(withService.log.lines(), QStringList());
+    }
+
+    void gpoReachesTheClientUnchangedAndUnlogged_data()
+    {
+        QTest::addColumn<uint>("index");
+        QTest::addColumn<QString>("state");
+        QTest::addColumn<QString>("systemState");
+        QTest::addColumn<uint>("code");
+        QTest::newRow("known state") << 2U << qs("ok_set") << qs("ok_cleared") << 3U;
+        QTest::newRow("other texts") << 5U
+                                     << qs(" Gr\xc3\xbc\xc3\x9f"
+                                           "e ")
+                                     << qs("\xe4\xb8\xad") << 1U;
+        QTest::newRow("empty texts") << 0U << qs("") << qs("") << 1U;
+    }
+
+    void gpoReachesTheClientUnchangedAndUnlogged()
+    {
+        QFETCH(uint, index);
+        QFETCH(QString, state);
+        QFETCH(QString, systemState);
+        QFETCH(uint, code);
+
+        Peer monitor(m_bus);
+        monitor.takeName();
+        LinkBench bench;
+        bench.records().controlOutput.status[index] = 77;
+        monitor.announce("onGpoUpdate", {index, state, systemState});
+        QTRY_COMPARE(bench.gpo.size(), 1);
+        QCOMPARE(bench.gpo[0], QVariantList({index, state, systemState}));
+        QCOMPARE(bench.records().controlOutput.status[index], code);
+        announceLastWord(monitor, bench);
+        QCOMPARE(bench.log.lines(), QStringList{lastWordLine});
+    }
+
+    void gpiGivesOneLine()
+    {
+        Peer monitor(m_bus);
+        monitor.takeName();
+        LinkBench bench;
+        monitor.announce("onGpiUpdate", {9U, qs("fail_shorted")});
+        QTRY_COMPARE(bench.gpi.size(), 1);
+        QCOMPARE(bench.gpi[0], QVariantList({9U, qs("fail_shorted")}));
+        QCOMPARE(bench.records().controlInput.rows[9].status, 4U);
+        QCOMPARE(bench.log.lines(), QStringList{qs("dbusDoGpiUpdateSlot GPI: 9 State: fail_shorted")});
+    }
+
+    void ampChannelStatus()
+    {
+        Peer monitor(m_bus);
+        monitor.takeName();
+        LinkBench bench;
+        monitor.announce("onAmpChannelStatusUpdate", {1U, 2U});
+        QTRY_COMPARE(bench.amp.size(), 1);
+        QCOMPARE(bench.amp[0], QVariantList({1U, 2U}));
+        QCOMPARE(bench.records().ampChannel.rows[0].ampMonitorStatus, 3U);
+        QCOMPARE(bench.records().ampChannel.rows[1].ampMonitorStatus, 2U);
+        QCOMPARE(bench.log.lines(), QStringList{qs("dbusDoAmpChannelStatusUpdateSlot Amp: 1 Status: 2")});
+    }
+
+    void letPresenceIsPassedOnByPosition()
+    {
+        Peer monitor(m_bus);
+        monitor.takeName();
+        LinkBench bench;
+        monitor.announce("onLetPrecenseUpdate", {1U, 4U, 2U});
+        QTRY_COMPARE(bench.let.size(), 1);
+        QCOMPARE(bench.let[0], QVariantList({1U, 4U, 2U}));
+        QCOMPARE(bench.records().let.lets[1][3].letPresence, 2U);
+        QCOMPARE(bench.log.lines(), QStringList{qs("dbusDoLetPrecenseUpdateSlot Let: 1 Channel: 4 Status: 2")});
+    }
+
+    void outOfRangeIsPassedOnAndIgnoredByTheClient()
+    {
+        Peer monitor(m_bus);
+        monitor.takeName();
+        LinkBench bench;
+        const TableRecords &r = bench.records();
+        const QByteArray before(reinterpret_cast<const char *>(&r), int(sizeof r));
+        monitor.announce("onGpoUpdate", {6U, qs("ok_set"), qs("ok_set")});
+        monitor.announce("onGpiUpdate", {14U, qs("ok_open")});
+        monitor.announce("onAmpChannelStatusUpdate", {2U, 1U});
+        monitor.announce("onAmpChannelStatusUpdate", {0U, 3U});
+        monitor.announce("onLetPrecenseUpdate", {0U, 11U, 1U});
+        monitor.announce("onLetPrecenseUpdate", {2U, 1U, 1U});
+        monitor.announce("onLetPrecenseUpdate", {0U, 1U, 4294967295U});
+        QTRY_COMPARE(bench.received(), 7);
+        QVERIFY(before == QByteArray(reinterpret_cast<const char *>(&r), int(sizeof r)));
+        QCOMPARE(bench.log.lines(),
+                 QStringList({qs("dbusDoGpiUpdateSlot GPI: 14 State: ok_open"),
+                              qs("dbusDoAmpChannelStatusUpdateSlot Amp: 2 Status: 1"),
+                              qs("dbusDoAmpChannelStatusUpdateSlot Amp: 0 Status: 3"),
+                              qs("dbusDoLetPrecenseUpdateSlot Let: 0 Channel: 11 Status: 1"),
+                              qs("dbusDoLetPrecenseUpdateSlot Let: 2 Channel: 1 Status: 1"),
+                              qs("dbusDoLetPrecenseUpdateSlot Let: 0 Channel: 1 Status: 4294967295")}));
+    }
+
+    void powerConsumptionIsIgnored()
+    {
+        Peer monitor(m_bus);
+        monitor.takeName();
+        LinkBench bench;
+        monitor.announce("onPowerConsumptionUpdate", {120U, 80U});
+        monitor.announce("onPowerConsumptionUpdate", {120.5, 80.5});
+        announceLastWord(monitor, bench);
+        QCOMPARE(bench.received(), 1);
+        QCOMPARE(bench.log.lines(), QStringList{lastWordLine});
+    }
+
+    void anotherSenderIsIgnored()
+    {
+        Peer monitor(m_bus);
+        monitor.takeName();
+        Peer stranger(m_bus);
+        LinkBench bench;
+        stranger.announce("onGpoUpdate", {2U, qs("ok_set"), qs("ok_set")});
+        stranger.announce("onGpiUpdate", {2U, qs("ok_open")});
+        stranger.announce("onAmpChannelStatusUpdate", {0U, 1U});
+        stranger.announce("onLetPrecenseUpdate", {0U, 1U, 1U});
+        announceLastWord(monitor, bench);
+        QCOMPARE(bench.received(), 1);
+        QCOMPARE(bench.records().controlOutput.status[2], 1U);
+        QCOMPARE(bench.log.lines(), QStringList{lastWordLine});
+    }
+
+    void anotherObjectOrInterfaceIsIgnored()
+    {
+        Peer monitor(m_bus);
+        monitor.takeName();
+        LinkBench bench;
+        monitor.announce("onGpiUpdate", {2U, qs("ok_open")}, qs("/monitor/other"));
+        monitor.announce("onGpiUpdate", {2U, qs("ok_open")}, objectPath, qs("com.orvane.other"));
+        monitor.announce("onOtherUpdate", {2U, qs("ok_open")});
+        announceLastWord(monitor, bench);
+        QCOMPARE(bench.received(), 1);
+    }
+
+    void otherArgumentTypesAreIgnored()
+    {
+        Peer monitor(m_bus);
+        monitor.takeName();
+        LinkBench bench;
+        monitor.announce("onGpiUpdate", {qs("2"), qs("ok_open")});
+        monitor.announce("onGpiUpdate", {2U});
+        monitor.announce("onGpoUpdate", {2U, qs("ok_set")});
+        monitor.announce("onAmpChannelStatusUpdate", {qs("0"), 1U});
+        monitor.announce("onLetPrecenseUpdate", {});
+        announceLastWord(monitor, bench);
+        QCOMPARE(bench.received(), 1);
+    }
+
+    void serviceThatComesLater()
+    {
+        Peer monitor(m_bus);
+        LinkBench bench;
+        monitor.announce("onGpiUpdate", {1U, qs("ok_open")}); // nobody's announcement as yet
+        monitor.takeName();
+        announceLastWord(monitor, bench);
+        QCOMPARE(bench.received(), 1);
+
+        monitor.announce("onGpoUpdate", {2U, qs("ok_set"), qs("ok_set")});
+        QTRY_COMPARE(bench.gpo.size(), 1);
+        QCOMPARE(bench.records().controlOutput.status[2], 3U);
+    }
+
+    void serviceThatIsTakenOver()
+    {
+        Peer first(m_bus);
+        Peer second(m_bus);
+        first.takeName();
+        LinkBench bench;
+        announceLastWord(first, bench);
+
+        first.giveUpName();
+        first.announce("onGpiUpdate", {1U, qs("ok_open")});
+        second.takeName();
+        announceLastWord(second, bench);
+        first.announce("onGpiUpdate", {1U, qs("ok_open")});
+        announceLastWord(second, bench);
+        QCOMPARE(bench.received(), 3);
+    }
+
+    void nothingIsCalled()
+    {
+        Peer monitor(m_bus);
+        monitor.takeName();
+        LinkBench bench;
+        monitor.announce("onAmpChannelStatusUpdate", {0U, 1U});
+        announceLastWord(monitor, bench);
+        QCOMPARE(monitor.notes.calls, QStringList());
+
+        // The object does hear who calls it.
+        QDBusConnection::systemBus().send(
+            QDBusMessage::createMethodCall(serviceName, objectPath, serviceName, qs("doPaUiDbusConnected")));
+        QTRY_COMPARE(monitor.notes.calls, QStringList{qs("com.orvane.pamon.doPaUiDbusConnected")});
+    }
+
+    void proxyIsForTheMonitorOnTheSystemBus()
+    {
+        LinkBench bench;
+        const auto proxies = bench.link->findChildren<QDBusAbstractInterface *>(QString(), Qt::FindDirectChildrenOnly);
+        QCOMPARE(proxies.size(), 1);
+        const QDBusAbstractInterface *proxy = proxies.first();
+        const QMetaObject &meta = *proxy->metaObject();
+        QCOMPARE(meta.className(), "ComOrvanePamonInterface");
+        QCOMPARE(proxy->service(), serviceName);
+        QCOMPARE(proxy->path(), objectPath);
+        QCOMPARE(proxy->interface(), serviceName);
+        QCOMPARE(proxy->connection().name(), QDBusConnection::systemBus().name());
+
+        QStringList announcements = ownMethods(meta, QMetaMethod::Signal).filter(QRegularExpression(qs("^on")));
+        announcements.sort();
+        QCOMPARE(announcements.size(), 5);
+        QCOMPARE(announcements.mid(0, 4),
+                 QStringList({qs("onAmpChannelStatusUpdate(uint,uint)"), qs("onGpiUpdate(uint,QString)"),
+                              qs("onGpoUpdate(uint,QString,QString)"), qs("onLetPrecenseUpdate(uint,uint,uint)")}));
+        QVERIFY(announcements[4].startsWith(qs("onPowerConsumptionUpdate(")));
+        QCOMPARE(ownMethods(meta, QMetaMethod::Slot), QStringList{qs("doPaUiDbusConnected()")});
+        const QMetaProperty property = meta.property(meta.indexOfProperty("pamonInterfacUp"));
+        QVERIFY(property.isReadable());
+        QVERIFY(!property.isWritable());
+    }
+
+    void signalsAndSlotsInOrder()
+    {
+        QCOMPARE(ownMethods(DbusInterface::staticMetaObject, QMetaMethod::Signal),
+                 QStringList({qs("gpoUpdateSignal(uint,QString,QString)"), qs("gpiUpdateSignal(uint,QString)"),
+                              qs("ampChannelStatusUpdateSignal(uint,uint)"),
+                              qs("letPrecenseUpdateSignal(uint,uint,uint)")}));
+        QCOMPARE(ownMethods(DbusInterface::staticMetaObject, QMetaMethod::Slot),
+                 QStringList({qs("dbusDoGpoUpdateSlot(uint,QString,QString)"), qs("dbusDoGpiUpdateSlot(uint,QString)"),
+                              qs("dbusDoAmpChannelStatusUpdateSlot(uint,uint)"),
+                              qs("dbusDoLetPrecenseUpdateSlot(uint,uint,uint)")}));
+    }
 
 private:
     PrivateBus m_bus;
 };
-
-void TestDbusInterface::initTestCase()
-{
-    QVERIFY(m_bus.start());
-}
-
-void TestDbusInterface::constructionSaysNothing()
-{
-    LinkBench withoutService;
-    QVERIFY(withoutService.link);
-    QCOMPARE(withoutService.log.lines(), QStringList());
-
-    Peer monitor(m_bus);
-    monitor.takeName();
-    LinkBench withService;
-    QCOMPARE(withService.log.lines(), QStringList());
-}
-
-void TestDbusInterface::gpoReachesTheClientUnchangedAndUnlogged_data()
-{
-    QTest::addColumn<uint>("index");
-    QTest::addColumn<QString>("state");
-    QTest::addColumn<QString>("systemState");
-    QTest::addColumn<uint>("code");
-    QTest::newRow("known state") << 2U << qs("ok_set") << qs("ok_cleared") << 3U;
-    QTest::newRow("other texts") << 5U
-                                 << qs(" Gr\xc3\xbc\xc3\x9f"
-                                       "e ")
-                                 << qs("\xe4\xb8\xad") << 1U;
-    QTest::newRow("empty texts") << 0U << qs("") << qs("") << 1U;
-}
-
-void TestDbusInterface::gpoReachesTheClientUnchangedAndUnlogged()
-{
-    QFETCH(uint, index);
-    QFETCH(QString, state);
-    QFETCH(QString, systemState);
-    QFETCH(uint, code);
-
-    Peer monitor(m_bus);
-    monitor.takeName();
-    LinkBench bench;
-    bench.records().controlOutput.status[index] = 77;
-    monitor.announce("onGpoUpdate", {index, state, systemState});
-    QTRY_COMPARE(bench.gpo.size(), 1);
-    QCOMPARE(bench.gpo[0], QVariantList({index, state, systemState}));
-    QCOMPARE(bench.records().controlOutput.status[index], code);
-    announceLastWord(monitor, bench);
-    QCOMPARE(bench.log.lines(), QStringList{lastWordLine});
-}
-
-void TestDbusInterface::gpiGivesOneLine()
-{
-    Peer monitor(m_bus);
-    monitor.takeName();
-    LinkBench bench;
-    monitor.announce("onGpiUpdate", {9U, qs("fail_shorted")});
-    QTRY_COMPARE(bench.gpi.size(), 1);
-    QCOMPARE(bench.gpi[0], QVariantList({9U, qs("fail_shorted")}));
-    QCOMPARE(bench.records().controlInput.rows[9].status, 4U);
-    QCOMPARE(bench.log.lines(), QStringList{qs("dbusDoGpiUpdateSlot GPI: 9 State: fail_shorted")});
-}
-
-void TestDbusInterface::ampChannelStatus()
-{
-    Peer monitor(m_bus);
-    monitor.takeName();
-    LinkBench bench;
-    monitor.announce("onAmpChannelStatusUpdate", {1U, 2U});
-    QTRY_COMPARE(bench.amp.size(), 1);
-    QCOMPARE(bench.amp[0], QVariantList({1U, 2U}));
-    QCOMPARE(bench.records().ampChannel.rows[0].ampMonitorStatus, 3U);
-    QCOMPARE(bench.records().ampChannel.rows[1].ampMonitorStatus, 2U);
-    QCOMPARE(bench.log.lines(), QStringList{qs("dbusDoAmpChannelStatusUpdateSlot Amp: 1 Status: 2")});
-}
-
-// The line names the first number "Let:" and the second "Channel:", the client takes them as channel and LET number.
-void TestDbusInterface::letPresenceIsPassedOnByPosition()
-{
-    Peer monitor(m_bus);
-    monitor.takeName();
-    LinkBench bench;
-    monitor.announce("onLetPrecenseUpdate", {1U, 4U, 2U});
-    QTRY_COMPARE(bench.let.size(), 1);
-    QCOMPARE(bench.let[0], QVariantList({1U, 4U, 2U}));
-    QCOMPARE(bench.records().let.lets[1][3].letPresence, 2U);
-    QCOMPARE(bench.log.lines(), QStringList{qs("dbusDoLetPrecenseUpdateSlot Let: 1 Channel: 4 Status: 2")});
-}
-
-void TestDbusInterface::outOfRangeIsPassedOnAndIgnoredByTheClient()
-{
-    Peer monitor(m_bus);
-    monitor.takeName();
-    LinkBench bench;
-    const TableRecords &r = bench.records();
-    const QByteArray before(reinterpret_cast<const char *>(&r), int(sizeof r));
-    monitor.announce("onGpoUpdate", {6U, qs("ok_set"), qs("ok_set")});
-    monitor.announce("onGpiUpdate", {14U, qs("ok_open")});
-    monitor.announce("onAmpChannelStatusUpdate", {2U, 1U});
-    monitor.announce("onAmpChannelStatusUpdate", {0U, 3U});
-    monitor.announce("onLetPrecenseUpdate", {0U, 11U, 1U});
-    monitor.announce("onLetPrecenseUpdate", {2U, 1U, 1U});
-    monitor.announce("onLetPrecenseUpdate", {0U, 1U, 4294967295U});
-    QTRY_COMPARE(bench.received(), 7);
-    QVERIFY(before == QByteArray(reinterpret_cast<const char *>(&r), int(sizeof r)));
-    QCOMPARE(bench.log.lines(), QStringList({qs("dbusDoGpiUpdateSlot GPI: 14 State: ok_open"),
-                                             qs("dbusDoAmpChannelStatusUpdateSlot Amp: 2 Status: 1"),
-                                             qs("dbusDoAmpChannelStatusUpdateSlot Amp: 0 Status: 3"),
-                                             qs("dbusDoLetPrecenseUpdateSlot Let: 0 Channel: 11 Status: 1"),
-                                             qs("dbusDoLetPrecenseUpdateSlot Let: 2 Channel: 1 Status: 1"),
-                                             qs("dbusDoLetPrecenseUpdateSlot Let: 0 Channel: 1 Status: 4294967295")}));
-}
-
-void TestDbusInterface::powerConsumptionIsIgnored()
-{
-    Peer monitor(m_bus);
-    monitor.takeName();
-    LinkBench bench;
-    monitor.announce("onPowerConsumptionUpdate", {120U, 80U});
-    monitor.announce("onPowerConsumptionUpdate", {120.5, 80.5});
-    announceLastWord(monitor, bench);
-    QCOMPARE(bench.received(), 1);
-    QCOMPARE(bench.log.lines(), QStringList{lastWordLine});
-}
-
-void TestDbusInterface::anotherSenderIsIgnored()
-{
-    Peer monitor(m_bus);
-    monitor.takeName();
-    Peer stranger(m_bus);
-    LinkBench bench;
-    stranger.announce("onGpoUpdate", {2U, qs("ok_set"), qs("ok_set")});
-    stranger.announce("onGpiUpdate", {2U, qs("ok_open")});
-    stranger.announce("onAmpChannelStatusUpdate", {0U, 1U});
-    stranger.announce("onLetPrecenseUpdate", {0U, 1U, 1U});
-    announceLastWord(monitor, bench);
-    QCOMPARE(bench.received(), 1);
-    QCOMPARE(bench.records().controlOutput.status[2], 1U);
-    QCOMPARE(bench.log.lines(), QStringList{lastWordLine});
-}
-
-void TestDbusInterface::anotherObjectOrInterfaceIsIgnored()
-{
-    Peer monitor(m_bus);
-    monitor.takeName();
-    LinkBench bench;
-    monitor.announce("onGpiUpdate", {2U, qs("ok_open")}, qs("/monitor/other"));
-    monitor.announce("onGpiUpdate", {2U, qs("ok_open")}, objectPath, qs("com.orvane.other"));
-    monitor.announce("onOtherUpdate", {2U, qs("ok_open")});
-    announceLastWord(monitor, bench);
-    QCOMPARE(bench.received(), 1);
-}
-
-void TestDbusInterface::otherArgumentTypesAreIgnored()
-{
-    Peer monitor(m_bus);
-    monitor.takeName();
-    LinkBench bench;
-    monitor.announce("onGpiUpdate", {qs("2"), qs("ok_open")});
-    monitor.announce("onGpiUpdate", {2U});
-    monitor.announce("onGpoUpdate", {2U, qs("ok_set")});
-    monitor.announce("onAmpChannelStatusUpdate", {qs("0"), 1U});
-    monitor.announce("onLetPrecenseUpdate", {});
-    announceLastWord(monitor, bench);
-    QCOMPARE(bench.received(), 1);
-}
-
-void TestDbusInterface::serviceThatComesLater()
-{
-    Peer monitor(m_bus);
-    LinkBench bench;
-    monitor.announce("onGpiUpdate", {1U, qs("ok_open")}); // nobody's announcement as yet
-    monitor.takeName();
-    announceLastWord(monitor, bench);
-    QCOMPARE(bench.received(), 1);
-
-    monitor.announce("onGpoUpdate", {2U, qs("ok_set"), qs("ok_set")});
-    QTRY_COMPARE(bench.gpo.size(), 1);
-    QCOMPARE(bench.records().controlOutput.status[2], 3U);
-}
-
-void TestDbusInterface::serviceThatIsTakenOver()
-{
-    Peer first(m_bus);
-    Peer second(m_bus);
-    first.takeName();
-    LinkBench bench;
-    announceLastWord(first, bench);
-
-    first.giveUpName();
-    first.announce("onGpiUpdate", {1U, qs("ok_open")});
-    second.takeName();
-    announceLastWord(second, bench);
-    first.announce("onGpiUpdate", {1U, qs("ok_open")});
-    announceLastWord(second, bench);
-    QCOMPARE(bench.received(), 3);
-}
-
-void TestDbusInterface::nothingIsCalled()
-{
-    Peer monitor(m_bus);
-    monitor.takeName();
-    LinkBench bench;
-    monitor.announce("onAmpChannelStatusUpdate", {0U, 1U});
-    announceLastWord(monitor, bench);
-    QCOMPARE(monitor.notes.calls, QStringList());
-
-    // The object does hear who calls it.
-    QDBusConnection::systemBus().send(
-        QDBusMessage::createMethodCall(serviceName, objectPath, serviceName, qs("doPaUiDbusConnected")));
-    QTRY_COMPARE(monitor.notes.calls, QStringList{qs("com.orvane.pamon.doPaUiDbusConnected")});
-}
-
-void TestDbusInterface::proxyIsForTheMonitorOnTheSystemBus()
-{
-    LinkBench bench;
-    const auto proxies = bench.link->findChildren<QDBusAbstractInterface *>(QString(), Qt::FindDirectChildrenOnly);
-    QCOMPARE(proxies.size(), 1);
-    const QDBusAbstractInterface *proxy = proxies.first();
-    const QMetaObject &meta = *proxy->metaObject();
-    QCOMPARE(meta.className(), "ComOrvanePamonInterface");
-    QCOMPARE(proxy->service(), serviceName);
-    QCOMPARE(proxy->path(), objectPath);
-    QCOMPARE(proxy->interface(), serviceName);
-    QCOMPARE(proxy->connection().name(), QDBusConnection::systemBus().name());
-
-    QStringList announcements = ownMethods(meta, QMetaMethod::Signal).filter(QRegularExpression(qs("^on")));
-    announcements.sort();
-    QCOMPARE(announcements.size(), 5);
-    QCOMPARE(announcements.mid(0, 4),
-             QStringList({qs("onAmpChannelStatusUpdate(uint,uint)"), qs("onGpiUpdate(uint,QString)"),
-                          qs("onGpoUpdate(uint,QString,QString)"), qs("onLetPrecenseUpdate(uint,uint,uint)")}));
-    QVERIFY(announcements[4].startsWith(qs("onPowerConsumptionUpdate(")));
-    QCOMPARE(ownMethods(meta, QMetaMethod::Slot), QStringList{qs("doPaUiDbusConnected()")});
-    const QMetaProperty property = meta.property(meta.indexOfProperty("pamonInterfacUp"));
-    QVERIFY(property.isReadable());
-    QVERIFY(!property.isWritable());
-}
-
-void TestDbusInterface::signalsAndSlotsInOrder()
-{
-    QCOMPARE(
-        ownMethods(DbusInterface::staticMetaObject, QMetaMethod::Signal),
-        QStringList({qs("gpoUpdateSignal(uint,QString,QString)"), qs("gpiUpdateSignal(uint,QString)"),
-                     qs("ampChannelStatusUpdateSignal(uint,uint)"), qs("letPrecenseUpdateSignal(uint,uint,uint)")}));
-    QCOMPARE(ownMethods(DbusInterface::staticMetaObject, QMetaMethod::Slot),
-             QStringList({qs("dbusDoGpoUpdateSlot(uint,QString,QString)"), qs("dbusDoGpiUpdateSlot(uint,QString)"),
-                          qs("dbusDoAmpChannelStatusUpdateSlot(uint,uint)"),
-                          qs("dbusDoLetPrecenseUpdateSlot(uint,uint,uint)")}));
-}
 
 const TestEntry entry("tst_dbusinterface", runTest<TestDbusInterface>);
 #include "tst_dbusinterface.moc"

@@ -55,16 +55,135 @@ class TestDescriptorWatch : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
-    void readableWakes();
-    void staysReadableUntilItIsRead();
-    void droppedDescriptorIsSilent();
-    void sameSetKeepsTheNotifiers();
-    void descriptorThatCameBackUnderItsNumber();
-    void notifierThatQtSwitchedOffIsSwitchedOnAgain();
-    void changeFromItsOwnSlot();
-    void manyChangesLeaveNothingBehind();
+    void init()
+    {
+        warnings.clear();
+        qInstallMessageHandler(keepWarning);
+        m_watch.reset(new DescriptorWatch);
+        m_readable.reset(new QSignalSpy(m_watch.get(), SIGNAL(readable())));
+    }
+
+    void cleanup()
+    {
+        m_readable.reset();
+        m_watch.reset();
+        qInstallMessageHandler(nullptr);
+    }
+
+    void readableWakes()
+    {
+        const Pipe one;
+        const Pipe two;
+        m_watch->watch(std::array{one.readingEnd(), two.readingEnd()});
+        QTest::qWait(20);
+        QCOMPARE(m_readable->count(), 0);
+        QVERIFY(two.put());
+        QTRY_VERIFY(m_readable->count() >= 1);
+        QVERIFY(two.take());
+        QCOMPARE(warnings, QStringList());
+    }
+
+    void staysReadableUntilItIsRead()
+    {
+        const Pipe pipe;
+        m_watch->watch(std::array{pipe.readingEnd()});
+        QVERIFY(pipe.put());
+        QTRY_VERIFY(m_readable->count() >= 3);
+        QVERIFY(pipe.take());
+        QCoreApplication::processEvents();
+        m_readable->clear();
+        QTest::qWait(20);
+        QCOMPARE(m_readable->count(), 0);
+    }
+
+    void droppedDescriptorIsSilent()
+    {
+        const Pipe pipe;
+        m_watch->watch(std::array{pipe.readingEnd()});
+        m_watch->watch({});
+        QVERIFY(pipe.put());
+        QTest::qWait(20);
+        QCOMPARE(m_readable->count(), 0);
+    }
+
+    void sameSetKeepsTheNotifiers()
+    {
+        const Pipe pipe;
+        m_watch->watch(std::array{pipe.readingEnd()});
+        const auto *before = m_watch->findChild<QSocketNotifier *>();
+        m_watch->watch(std::array{pipe.readingEnd()});
+        QCOMPARE(m_watch->findChild<QSocketNotifier *>(), before);
+        QCOMPARE(notifiers(), 1);
+    }
+
+    void descriptorThatCameBackUnderItsNumber()
+    {
+        auto pipe = std::make_unique<Pipe>();
+        const int number = pipe->readingEnd();
+        m_watch->watch(std::array{number});
+        pipe.reset(); // closed and opened again before the event loop turns
+        pipe = std::make_unique<Pipe>();
+        QCOMPARE(pipe->readingEnd(), number);
+        m_watch->watch(std::array{number});
+        QVERIFY(pipe->put());
+        QTRY_VERIFY(m_readable->count() >= 1);
+        QVERIFY(pipe->take());
+        QCOMPARE(warnings, QStringList());
+    }
+
+    void notifierThatQtSwitchedOffIsSwitchedOnAgain()
+    {
+        auto pipe = std::make_unique<Pipe>();
+        const int number = pipe->readingEnd();
+        m_watch->watch(std::array{number});
+        pipe.reset();
+        QTest::qWait(20); // the event loop meets the closed descriptor
+        QVERIFY(!m_watch->findChild<QSocketNotifier *>()->isEnabled());
+        pipe = std::make_unique<Pipe>();
+        QCOMPARE(pipe->readingEnd(), number);
+        m_watch->watch(std::array{number});
+        m_readable->clear();
+        QVERIFY(pipe->put());
+        QTRY_VERIFY(m_readable->count() >= 1);
+        QVERIFY(pipe->take());
+    }
+
+    void changeFromItsOwnSlot()
+    {
+        auto first = std::make_unique<Pipe>();
+        const Pipe second;
+        m_watch->watch(std::array{first->readingEnd()});
+        connect(m_watch.get(), &DescriptorWatch::readable, m_watch.get(), [&] {
+            first.reset();
+            m_watch->watch(std::array{second.readingEnd()});
+        });
+        QVERIFY(first->put());
+        QTRY_VERIFY(!first);
+        QTRY_COMPARE(notifiers(), 1);
+        m_readable->clear();
+        QVERIFY(second.put());
+        QTRY_VERIFY(m_readable->count() >= 1);
+        QVERIFY(second.take());
+        QCOMPARE(warnings, QStringList());
+    }
+
+    void manyChangesLeaveNothingBehind()
+    {
+        const Pipe stays;
+        for (int round = 0; round < 200; ++round) {
+            const Pipe comes;
+            m_watch->watch(std::array{stays.readingEnd(), comes.readingEnd()});
+            QVERIFY(comes.put());
+            QCoreApplication::processEvents();
+            m_watch->watch(std::array{stays.readingEnd()});
+            QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        }
+        QTRY_COMPARE(notifiers(), 1);
+        m_readable->clear();
+        QTest::qWait(50);
+        QCOMPARE(m_readable->count(), 0); // nothing spins
+        QCOMPARE(warnings, QStringList());
+    }
 
 private:
     int notifiers() const { return m_watch->findChildren<QSocketNotifier *>().size(); }
@@ -72,136 +191,6 @@ private:
     QScopedPointer<DescriptorWatch> m_watch;
     QScopedPointer<QSignalSpy> m_readable;
 };
-
-void TestDescriptorWatch::init()
-{
-    warnings.clear();
-    qInstallMessageHandler(keepWarning);
-    m_watch.reset(new DescriptorWatch);
-    m_readable.reset(new QSignalSpy(m_watch.get(), SIGNAL(readable())));
-}
-
-void TestDescriptorWatch::cleanup()
-{
-    m_readable.reset();
-    m_watch.reset();
-    qInstallMessageHandler(nullptr);
-}
-
-void TestDescriptorWatch::readableWakes()
-{
-    const Pipe one;
-    const Pipe two;
-    m_watch->watch(std::array{one.readingEnd(), two.readingEnd()});
-    QTest::qWait(20);
-    QCOMPARE(m_readable->count(), 0);
-    QVERIFY(two.put());
-    QTRY_VERIFY(m_readable->count() >= 1);
-    QVERIFY(two.take());
-    QCOMPARE(warnings, QStringList());
-}
-
-void TestDescriptorWatch::staysReadableUntilItIsRead()
-{
-    const Pipe pipe;
-    m_watch->watch(std::array{pipe.readingEnd()});
-    QVERIFY(pipe.put());
-    QTRY_VERIFY(m_readable->count() >= 3);
-    QVERIFY(pipe.take());
-    QCoreApplication::processEvents();
-    m_readable->clear();
-    QTest::qWait(20);
-    QCOMPARE(m_readable->count(), 0);
-}
-
-void TestDescriptorWatch::droppedDescriptorIsSilent()
-{
-    const Pipe pipe;
-    m_watch->watch(std::array{pipe.readingEnd()});
-    m_watch->watch({});
-    QVERIFY(pipe.put());
-    QTest::qWait(20);
-    QCOMPARE(m_readable->count(), 0);
-}
-
-void TestDescriptorWatch::sameSetKeepsTheNotifiers()
-{
-    const Pipe pipe;
-    m_watch->watch(std::array{pipe.readingEnd()});
-    const auto *before = m_watch->findChild<QSocketNotifier *>();
-    m_watch->watch(std::array{pipe.readingEnd()});
-    QCOMPARE(m_watch->findChild<QSocketNotifier *>(), before);
-    QCOMPARE(notifiers(), 1);
-}
-
-void TestDescriptorWatch::descriptorThatCameBackUnderItsNumber()
-{
-    auto pipe = std::make_unique<Pipe>();
-    const int number = pipe->readingEnd();
-    m_watch->watch(std::array{number});
-    pipe.reset(); // closed and opened again before the event loop turns
-    pipe = std::make_unique<Pipe>();
-    QCOMPARE(pipe->readingEnd(), number);
-    m_watch->watch(std::array{number});
-    QVERIFY(pipe->put());
-    QTRY_VERIFY(m_readable->count() >= 1);
-    QVERIFY(pipe->take());
-    QCOMPARE(warnings, QStringList());
-}
-
-void TestDescriptorWatch::notifierThatQtSwitchedOffIsSwitchedOnAgain()
-{
-    auto pipe = std::make_unique<Pipe>();
-    const int number = pipe->readingEnd();
-    m_watch->watch(std::array{number});
-    pipe.reset();
-    QTest::qWait(20); // the event loop meets the closed descriptor
-    QVERIFY(!m_watch->findChild<QSocketNotifier *>()->isEnabled());
-    pipe = std::make_unique<Pipe>();
-    QCOMPARE(pipe->readingEnd(), number);
-    m_watch->watch(std::array{number});
-    m_readable->clear();
-    QVERIFY(pipe->put());
-    QTRY_VERIFY(m_readable->count() >= 1);
-    QVERIFY(pipe->take());
-}
-
-void TestDescriptorWatch::changeFromItsOwnSlot()
-{
-    auto first = std::make_unique<Pipe>();
-    const Pipe second;
-    m_watch->watch(std::array{first->readingEnd()});
-    connect(m_watch.get(), &DescriptorWatch::readable, m_watch.get(), [&] {
-        first.reset();
-        m_watch->watch(std::array{second.readingEnd()});
-    });
-    QVERIFY(first->put());
-    QTRY_VERIFY(!first);
-    QTRY_COMPARE(notifiers(), 1);
-    m_readable->clear();
-    QVERIFY(second.put());
-    QTRY_VERIFY(m_readable->count() >= 1);
-    QVERIFY(second.take());
-    QCOMPARE(warnings, QStringList());
-}
-
-void TestDescriptorWatch::manyChangesLeaveNothingBehind()
-{
-    const Pipe stays;
-    for (int round = 0; round < 200; ++round) {
-        const Pipe comes;
-        m_watch->watch(std::array{stays.readingEnd(), comes.readingEnd()});
-        QVERIFY(comes.put());
-        QCoreApplication::processEvents();
-        m_watch->watch(std::array{stays.readingEnd()});
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-    }
-    QTRY_COMPARE(notifiers(), 1);
-    m_readable->clear();
-    QTest::qWait(50);
-    QCOMPARE(m_readable->count(), 0); // nothing spins
-    QCOMPARE(warnings, QStringList());
-}
 
 const TestEntry entry("tst_descriptorwatch", runTest<TestDescriptorWatch>);
 #include "tst_descriptorwatch.moc"

@@ -209,24 +209,200 @@ class TestFaultHandler : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
+    void init()
+    {
+        sent.clear();
+        answer = nullptr;
+        gate.reset(new TrapGate);
+        gate->openSession(-1);
+        agent = {};
+        agent.sendTrap = fakeSendTrap;
+        kvAgent = &agent;
+        log.reset(new MessageLog);
+        handler.reset(new FaultHandler(nullptr, *gate));
+    }
 
-    void eachIdentifierRaisesItsTrap_data();
-    void eachIdentifierRaisesItsTrap();
-    void severityOfLevel_data();
-    void severityOfLevel();
-    void script_data();
-    void script();
-    void logLines();
-    void identifiersAreMatchedExactly_data();
-    void identifiersAreMatchedExactly();
-    void blockedSenderGetsTheRestAtTheNextRun();
-    void enabledListIsLoggedInTheOrderOfItsGrowth();
-    void textsArePassedOnAsUtf8();
-    void percentSignsInTextsStay();
-    void withoutASessionTheAgentsOwnAnswerEndsTheRun();
-    void tenThousandRecordsStayQuick();
+    void cleanup()
+    {
+        handler.reset();
+        log.reset();
+        kvAgent = nullptr;
+    }
+
+    void eachIdentifierRaisesItsTrap_data()
+    {
+        QTest::addColumn<QString>("msgId");
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("number");
+        for (const catalogue::Row &trap : catalogue::rows("traps"))
+            for (const QString &msgId : trap.list("identifiers"))
+                QTest::newRow(qPrintable(msgId)) << msgId << trap.text("switch") << trap.text("number");
+    }
+
+    void eachIdentifierRaisesItsTrap()
+    {
+        QFETCH(QString, msgId);
+        QFETCH(QString, name);
+        QFETCH(QString, number);
+        enable(qs("all"));
+        enable(name, false); // every trap but this one
+        handler->onReportFault(qs("amp"), qs("7"), msgId, qs("broken"), qs("1700000000"), qs("warning"), true);
+        QCOMPARE(sent, QStringList());
+        enable(name);
+        QCOMPARE(sent, QStringList{number + qs("|broken|4|1700000000")});
+    }
+
+    void severityOfLevel_data()
+    {
+        QTest::addColumn<QString>("level");
+        QTest::addColumn<int>("severity");
+        for (const catalogue::Row &row : catalogue::rows("severities"))
+            QTest::newRow(row.latin1("level")) << row.text("level") << row.text("severity").toInt();
+        for (const char *level : {"", "err ", " err", "Err", "error", "warn", "4"})
+            QTest::newRow(qPrintable(qs("'%1'").arg(qs(level)))) << qs(level) << 3;
+    }
+
+    void severityOfLevel()
+    {
+        QFETCH(QString, level);
+        QFETCH(int, severity);
+        QCOMPARE(severityOf(level), severity);
+        enable(qs("LET Fault"));
+        raise("amp", "7", "let_fail", "text", level.toUtf8().constData());
+        QCOMPARE(sent, QStringList{qs("5|text|%1|0").arg(severity)});
+    }
+
+    void script_data()
+    {
+        QTest::addColumn<QString>("steps");
+        for (const Script &script : scripts)
+            QTest::newRow(script.name) << qs(script.steps);
+    }
+
+    void script()
+    {
+        QFETCH(QString, steps);
+        for (const QString &line : steps.split(QLatin1Char('\n'))) {
+            const int arrow = line.indexOf(qs(" ->"));
+            if (arrow < 0)
+                continue;
+            sent.clear();
+            run(line.left(arrow).trimmed());
+            QVERIFY2(sent.join(QLatin1Char(' ')) == line.mid(arrow + 3).trimmed(),
+                     qPrintable(line.trimmed() + qs(", but ") + sent.join(QLatin1Char(' '))));
+        }
+    }
+
+    void logLines()
+    {
+        const QString raised = qs("FaultHandler onReportFault New Fault: [amp] [7] ");
+        const QString trap = qs("FaultHandler reportTraps Trap fault ID: 1 description: fan 1 ->Send ");
+        enable(qs("Cooling Fan Fault"));
+        log->takeLines();
+        answer = [](const QString &) { return -1; };
+        raise("amp", "7", "fan_speed_slow", "fan 1", "crit", "1700000000");
+        QCOMPARE(log->takeLines(), QStringList({raised, trap + qs("FAILED")}));
+        answer = nullptr;
+        raise("amp", "7", "fan_speed_slow", "fan 1, again", "crit", "1700000001");
+        QCOMPARE(log->takeLines(), QStringList({raised, trap + qs("SUCCESS")}));
+        raise("amp", "7", "fan_speed_slow");
+        QCOMPARE(log->takeLines(), QStringList{raised});
+        clear("amp", "7");
+        QCOMPARE(log->takeLines(), QStringList{qs("FaultHandler onReportFault Remove Fault: [amp] [7]")});
+    }
+
+    void identifiersAreMatchedExactly_data()
+    {
+        QTest::addColumn<QString>("msgId");
+        for (const char *msgId : {"", "let_fail ", " let_fail", "LET_FAIL", "let_fai", "let_fail2", "LET Fault"})
+            QTest::newRow(qPrintable(qs("'%1'").arg(qs(msgId)))) << qs(msgId);
+    }
+
+    void identifiersAreMatchedExactly()
+    {
+        QFETCH(QString, msgId);
+        enable(qs("LET Fault"));
+        raise("amp", "7", msgId.toUtf8().constData());
+        QCOMPARE(sent, QStringList());
+    }
+
+    void blockedSenderGetsTheRestAtTheNextRun()
+    {
+        for (int i = 0; i < 450; ++i)
+            raise("amp", QByteArray::number(i).constData(), "let_fail", QByteArray::number(i).constData());
+        answer = throughTheGate();
+        enable(qs("LET Fault"));
+        QCOMPARE(sent.size(), 201);
+        for (int pass = 0; pass < 2; ++pass) {
+            gate->endPass();
+            handler->reportTraps();
+        }
+        QCOMPARE(sent.size(), 201 + 201 + 50);
+        gate->endPass();
+        handler->reportTraps();
+        QCOMPARE(sent.size(), 452);
+        sent.removeDuplicates(); // the two refused ones came again
+        QCOMPARE(sent.size(), 450);
+        QCOMPARE(sent.last(), qs("5|449|2|0"));
+    }
+
+    void enabledListIsLoggedInTheOrderOfItsGrowth()
+    {
+        const QString line = qs("FaultHandler onUpdateEnabledSnmpTraps Changed Enabled Traps: ");
+        enable(QMap<QString, bool>{{qs("RCO Fault"), true}, {qs("AC Power Fault"), false}});
+        QCOMPARE(log->takeLines(), QStringList{line + qs("RCO Fault")});
+        enable(qs("RCO Fault;AC Power Fault;LET Fault"));
+        QCOMPARE(log->takeLines(), QStringList{line + qs("RCO Fault; AC Power Fault; LET Fault")});
+        enable(qs("RCO Fault"), false); // a name that is not in the map stays
+        QCOMPARE(log->takeLines(), QStringList{line + qs("AC Power Fault; LET Fault")});
+        enable(qs("AC Power Fault;LET Fault"), false);
+        QCOMPARE(log->takeLines(), QStringList{line});
+    }
+
+    void textsArePassedOnAsUtf8()
+    {
+        enable(qs("LET Fault"));
+        raise("amp", "7", "let_fail", "K\xc3\xb6ln \xe2\x82\xac", "err", "");
+        QCOMPARE(sent, QStringList{qs("5|K\xc3\xb6ln \xe2\x82\xac|2|")});
+    }
+
+    void percentSignsInTextsStay()
+    {
+        enable(qs("LET Fault"));
+        log->takeLines();
+        raise("%2", "%1", "let_fail", "%1 at 100%");
+        const QStringList lines = {
+            qs("FaultHandler onReportFault New Fault: [%2] [%1] "),
+            qs("FaultHandler reportTraps Trap fault ID: 5 description: %1 at 100% ->Send SUCCESS")};
+        QCOMPARE(log->takeLines(), lines);
+    }
+
+    void withoutASessionTheAgentsOwnAnswerEndsTheRun()
+    {
+        // No agent was started in this process, so there is no session to a master.
+        handler.reset(new FaultHandler(nullptr));
+        for (const char *ref : {"1", "2", "3"})
+            raise("amp", ref);
+        answer = [](const QString &) { return -1; };
+        enable(qs("LET Fault"));
+        QCOMPARE(sent.size(), 1);
+    }
+
+    void tenThousandRecordsStayQuick()
+    {
+        QElapsedTimer timer;
+        timer.start();
+        enable(qs("Fuse Broken"));
+        for (int i = 0; i < 10000; ++i) // their trap is disabled: they wait
+            raise("amp", QByteArray::number(i).constData());
+        for (int i = 0; i < 10000; ++i)
+            raise("psu", QByteArray::number(i).constData(), "fuse_broken");
+        QCOMPARE(sent.size(), 10000);
+        for (int i = 0; i < 10000; ++i)
+            clear("amp", QByteArray::number(i).constData());
+        // A walk over the list for each message would take minutes in this build.
+        QVERIFY2(timer.elapsed() < 20000, qPrintable(QString::number(timer.elapsed())));
+    }
 
 private:
     void raise(const char *reporter, const char *ref, const char *msgId = "let_fail", const char *info = "text",
@@ -249,8 +425,54 @@ private:
         }
     }
     /// One event of a script.
-    void run(const QString &event);
-    void enable(const QString &names, bool on = true);
+    void run(const QString &event)
+    {
+        const QString verb = event.section(QLatin1Char(' '), 0, 0);
+        const QString rest = event.section(QLatin1Char(' '), 1);
+        QByteArrayList words = rest.toUtf8().split(' ');
+        if (verb == qs("raise")) {
+            const QByteArrayList defaults{"", "", "let_fail", "text", "err", "0"};
+            words += defaults.mid(words.size());
+            raise(words[0], words[1], words[2], words[3], words[4], words[5]);
+        } else if (verb == qs("clear"))
+            clear(words[0], words[1]);
+        else if (verb == qs("on") || verb == qs("off"))
+            enable(rest, verb == qs("on"));
+        else if (verb == qs("report"))
+            handler->reportTraps();
+        else if (rest == qs("gate"))
+            answer = throughTheGate();
+        else if (words[0] == "not")
+            answer = [start = qs(words[1])](const QString &call) { return call.startsWith(start) ? -1 : 0; };
+        else if (verb == qs("answer"))
+            answer = [number = rest.toInt()](const QString &) { return number; };
+        else if (rest == qs("full"))
+            fillThePass();
+        else if (rest == qs("end"))
+            gate->endPass();
+        else if (rest == qs("open"))
+            gate->openSession(-1);
+        else if (rest == qs("close"))
+            gate->closeSession();
+        else if (rest == qs("none"))
+            kvAgent = nullptr;
+        else if (rest == qs("without sender"))
+            agent.sendTrap = nullptr;
+        else {
+            kvAgent = &agent;
+            agent.sendTrap = fakeSendTrap;
+        }
+    }
+
+    void enable(const QString &names, bool on = true)
+    {
+        QMap<QString, bool> map;
+        for (const catalogue::Row &trap : catalogue::rows("traps"))
+            if (names == qs("all") || names.split(QLatin1Char(';')).contains(trap.text("switch")))
+                map.insert(trap.text("switch"), on);
+        enable(map);
+    }
+
     void enable(QMap<QString, bool> map) { handler->onUpdateEnabledSnmpTraps(map); }
 
     KvAgent agent{};
@@ -258,248 +480,6 @@ private:
     QScopedPointer<MessageLog> log;
     QScopedPointer<FaultHandler> handler;
 };
-
-void TestFaultHandler::init()
-{
-    sent.clear();
-    answer = nullptr;
-    gate.reset(new TrapGate);
-    gate->openSession(-1);
-    agent = {};
-    agent.sendTrap = fakeSendTrap;
-    kvAgent = &agent;
-    log.reset(new MessageLog);
-    handler.reset(new FaultHandler(nullptr, *gate));
-}
-
-void TestFaultHandler::cleanup()
-{
-    handler.reset();
-    log.reset();
-    kvAgent = nullptr;
-}
-
-void TestFaultHandler::eachIdentifierRaisesItsTrap_data()
-{
-    QTest::addColumn<QString>("msgId");
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QString>("number");
-    for (const catalogue::Row &trap : catalogue::rows("traps"))
-        for (const QString &msgId : trap.list("identifiers"))
-            QTest::newRow(qPrintable(msgId)) << msgId << trap.text("switch") << trap.text("number");
-}
-
-void TestFaultHandler::eachIdentifierRaisesItsTrap()
-{
-    QFETCH(QString, msgId);
-    QFETCH(QString, name);
-    QFETCH(QString, number);
-    enable(qs("all"));
-    enable(name, false); // every trap but this one
-    handler->onReportFault(qs("amp"), qs("7"), msgId, qs("broken"), qs("1700000000"), qs("warning"), true);
-    QCOMPARE(sent, QStringList());
-    enable(name);
-    QCOMPARE(sent, QStringList{number + qs("|broken|4|1700000000")});
-}
-
-void TestFaultHandler::severityOfLevel_data()
-{
-    QTest::addColumn<QString>("level");
-    QTest::addColumn<int>("severity");
-    for (const catalogue::Row &row : catalogue::rows("severities"))
-        QTest::newRow(row.latin1("level")) << row.text("level") << row.text("severity").toInt();
-    for (const char *level : {"", "err ", " err", "Err", "error", "warn", "4"})
-        QTest::newRow(qPrintable(qs("'%1'").arg(qs(level)))) << qs(level) << 3;
-}
-
-void TestFaultHandler::severityOfLevel()
-{
-    QFETCH(QString, level);
-    QFETCH(int, severity);
-    QCOMPARE(severityOf(level), severity);
-    enable(qs("LET Fault"));
-    raise("amp", "7", "let_fail", "text", level.toUtf8().constData());
-    QCOMPARE(sent, QStringList{qs("5|text|%1|0").arg(severity)});
-}
-
-void TestFaultHandler::enable(const QString &names, bool on)
-{
-    QMap<QString, bool> map;
-    for (const catalogue::Row &trap : catalogue::rows("traps"))
-        if (names == qs("all") || names.split(QLatin1Char(';')).contains(trap.text("switch")))
-            map.insert(trap.text("switch"), on);
-    enable(map);
-}
-
-void TestFaultHandler::run(const QString &event)
-{
-    const QString verb = event.section(QLatin1Char(' '), 0, 0);
-    const QString rest = event.section(QLatin1Char(' '), 1);
-    QByteArrayList words = rest.toUtf8().split(' ');
-    if (verb == qs("raise")) {
-        const QByteArrayList defaults{"", "", "let_fail", "text", "err", "0"};
-        words += defaults.mid(words.size());
-        raise(words[0], words[1], words[2], words[3], words[4], words[5]);
-    } else if (verb == qs("clear"))
-        clear(words[0], words[1]);
-    else if (verb == qs("on") || verb == qs("off"))
-        enable(rest, verb == qs("on"));
-    else if (verb == qs("report"))
-        handler->reportTraps();
-    else if (rest == qs("gate"))
-        answer = throughTheGate();
-    else if (words[0] == "not")
-        answer = [start = qs(words[1])](const QString &call) { return call.startsWith(start) ? -1 : 0; };
-    else if (verb == qs("answer"))
-        answer = [number = rest.toInt()](const QString &) { return number; };
-    else if (rest == qs("full"))
-        fillThePass();
-    else if (rest == qs("end"))
-        gate->endPass();
-    else if (rest == qs("open"))
-        gate->openSession(-1);
-    else if (rest == qs("close"))
-        gate->closeSession();
-    else if (rest == qs("none"))
-        kvAgent = nullptr;
-    else if (rest == qs("without sender"))
-        agent.sendTrap = nullptr;
-    else {
-        kvAgent = &agent;
-        agent.sendTrap = fakeSendTrap;
-    }
-}
-
-void TestFaultHandler::script_data()
-{
-    QTest::addColumn<QString>("steps");
-    for (const Script &script : scripts)
-        QTest::newRow(script.name) << qs(script.steps);
-}
-
-void TestFaultHandler::script()
-{
-    QFETCH(QString, steps);
-    for (const QString &line : steps.split(QLatin1Char('\n'))) {
-        const int arrow = line.indexOf(qs(" ->"));
-        if (arrow < 0)
-            continue;
-        sent.clear();
-        run(line.left(arrow).trimmed());
-        QVERIFY2(sent.join(QLatin1Char(' ')) == line.mid(arrow + 3).trimmed(),
-                 qPrintable(line.trimmed() + qs(", but ") + sent.join(QLatin1Char(' '))));
-    }
-}
-
-void TestFaultHandler::logLines()
-{
-    const QString raised = qs("FaultHandler onReportFault New Fault: [amp] [7] ");
-    const QString trap = qs("FaultHandler reportTraps Trap fault ID: 1 description: fan 1 ->Send ");
-    enable(qs("Cooling Fan Fault"));
-    log->takeLines();
-    answer = [](const QString &) { return -1; };
-    raise("amp", "7", "fan_speed_slow", "fan 1", "crit", "1700000000");
-    QCOMPARE(log->takeLines(), QStringList({raised, trap + qs("FAILED")}));
-    answer = nullptr;
-    raise("amp", "7", "fan_speed_slow", "fan 1, again", "crit", "1700000001");
-    QCOMPARE(log->takeLines(), QStringList({raised, trap + qs("SUCCESS")}));
-    raise("amp", "7", "fan_speed_slow");
-    QCOMPARE(log->takeLines(), QStringList{raised});
-    clear("amp", "7");
-    QCOMPARE(log->takeLines(), QStringList{qs("FaultHandler onReportFault Remove Fault: [amp] [7]")});
-}
-
-void TestFaultHandler::identifiersAreMatchedExactly_data()
-{
-    QTest::addColumn<QString>("msgId");
-    for (const char *msgId : {"", "let_fail ", " let_fail", "LET_FAIL", "let_fai", "let_fail2", "LET Fault"})
-        QTest::newRow(qPrintable(qs("'%1'").arg(qs(msgId)))) << qs(msgId);
-}
-
-void TestFaultHandler::identifiersAreMatchedExactly()
-{
-    QFETCH(QString, msgId);
-    enable(qs("LET Fault"));
-    raise("amp", "7", msgId.toUtf8().constData());
-    QCOMPARE(sent, QStringList());
-}
-
-void TestFaultHandler::blockedSenderGetsTheRestAtTheNextRun()
-{
-    for (int i = 0; i < 450; ++i)
-        raise("amp", QByteArray::number(i).constData(), "let_fail", QByteArray::number(i).constData());
-    answer = throughTheGate();
-    enable(qs("LET Fault"));
-    QCOMPARE(sent.size(), 201);
-    for (int pass = 0; pass < 2; ++pass) {
-        gate->endPass();
-        handler->reportTraps();
-    }
-    QCOMPARE(sent.size(), 201 + 201 + 50);
-    gate->endPass();
-    handler->reportTraps();
-    QCOMPARE(sent.size(), 452);
-    sent.removeDuplicates(); // the two refused ones came again
-    QCOMPARE(sent.size(), 450);
-    QCOMPARE(sent.last(), qs("5|449|2|0"));
-}
-
-void TestFaultHandler::enabledListIsLoggedInTheOrderOfItsGrowth()
-{
-    const QString line = qs("FaultHandler onUpdateEnabledSnmpTraps Changed Enabled Traps: ");
-    enable(QMap<QString, bool>{{qs("RCO Fault"), true}, {qs("AC Power Fault"), false}});
-    QCOMPARE(log->takeLines(), QStringList{line + qs("RCO Fault")});
-    enable(qs("RCO Fault;AC Power Fault;LET Fault"));
-    QCOMPARE(log->takeLines(), QStringList{line + qs("RCO Fault; AC Power Fault; LET Fault")});
-    enable(qs("RCO Fault"), false); // a name that is not in the map stays
-    QCOMPARE(log->takeLines(), QStringList{line + qs("AC Power Fault; LET Fault")});
-    enable(qs("AC Power Fault;LET Fault"), false);
-    QCOMPARE(log->takeLines(), QStringList{line});
-}
-
-void TestFaultHandler::textsArePassedOnAsUtf8()
-{
-    enable(qs("LET Fault"));
-    raise("amp", "7", "let_fail", "K\xc3\xb6ln \xe2\x82\xac", "err", "");
-    QCOMPARE(sent, QStringList{qs("5|K\xc3\xb6ln \xe2\x82\xac|2|")});
-}
-
-void TestFaultHandler::percentSignsInTextsStay()
-{
-    enable(qs("LET Fault"));
-    log->takeLines();
-    raise("%2", "%1", "let_fail", "%1 at 100%");
-    const QStringList lines = {qs("FaultHandler onReportFault New Fault: [%2] [%1] "),
-                               qs("FaultHandler reportTraps Trap fault ID: 5 description: %1 at 100% ->Send SUCCESS")};
-    QCOMPARE(log->takeLines(), lines);
-}
-
-void TestFaultHandler::withoutASessionTheAgentsOwnAnswerEndsTheRun()
-{
-    // No agent was started in this process, so there is no session to a master.
-    handler.reset(new FaultHandler(nullptr));
-    for (const char *ref : {"1", "2", "3"})
-        raise("amp", ref);
-    answer = [](const QString &) { return -1; };
-    enable(qs("LET Fault"));
-    QCOMPARE(sent.size(), 1);
-}
-
-void TestFaultHandler::tenThousandRecordsStayQuick()
-{
-    QElapsedTimer timer;
-    timer.start();
-    enable(qs("Fuse Broken"));
-    for (int i = 0; i < 10000; ++i) // their trap is disabled: they wait
-        raise("amp", QByteArray::number(i).constData());
-    for (int i = 0; i < 10000; ++i)
-        raise("psu", QByteArray::number(i).constData(), "fuse_broken");
-    QCOMPARE(sent.size(), 10000);
-    for (int i = 0; i < 10000; ++i)
-        clear("amp", QByteArray::number(i).constData());
-    // A walk over the list for each message would take minutes in this build.
-    QVERIFY2(timer.elapsed() < 20000, qPrintable(QString::number(timer.elapsed())));
-}
 
 const TestEntry entry("tst_faulthandler", runTest<TestFaultHandler>);
 

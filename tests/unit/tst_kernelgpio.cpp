@@ -211,192 +211,181 @@ class TestKernelGpio : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void values_data();
-    void values();
-    void script_data();
-    void script();
-    void nothingIsTouchedBeforeTheFirstRead();
-    void directionAsItIs_data();
-    void directionAsItIs();
-    void directionAndEdge_data();
-    void directionAndEdge();
-    void oneReadAndNothingElse();
-    void onAnExpanderTheChipIsReadToo();
-};
+    void values_data()
+    {
+        QTest::addColumn<QByteArray>("text");
+        QTest::addColumn<uint>("value");
+        QTest::newRow("0") << QByteArray("0\n") << 0U;
+        QTest::newRow("1") << QByteArray("1\n") << 1U;
+        QTest::newRow("0 without a line end") << QByteArray("0") << 0U;
+        QTest::newRow("1 without a line end") << QByteArray("1") << 1U;
+        QTest::newRow("2") << QByteArray("2\n") << 255U;
+        QTest::newRow("11") << QByteArray("11\n") << 255U;
+        QTest::newRow("01") << QByteArray("01\n") << 255U;
+        QTest::newRow("-1") << QByteArray("-1\n") << 255U;
+        QTest::newRow("two lines") << QByteArray("1\n1\n") << 255U;
+        QTest::newRow("words") << QByteArray("high\n") << 255U;
+        QTest::newRow("empty") << QByteArray("") << 255U;
+        QTest::newRow("line end only") << QByteArray("\n") << 255U;
+        QTest::newRow("NUL after it") << QByteArray("1\0", 2) << 255U;
+        QTest::newRow("a long text") << QByteArray("1").leftJustified(100000, ' ') << 255U;
+        QTest::newRow("a long text of zeros") << QByteArray(100000, '0') << 255U;
+    }
 
-void TestKernelGpio::values_data()
-{
-    QTest::addColumn<QByteArray>("text");
-    QTest::addColumn<uint>("value");
-    QTest::newRow("0") << QByteArray("0\n") << 0U;
-    QTest::newRow("1") << QByteArray("1\n") << 1U;
-    QTest::newRow("0 without a line end") << QByteArray("0") << 0U;
-    QTest::newRow("1 without a line end") << QByteArray("1") << 1U;
-    QTest::newRow("2") << QByteArray("2\n") << 255U;
-    QTest::newRow("11") << QByteArray("11\n") << 255U;
-    QTest::newRow("01") << QByteArray("01\n") << 255U;
-    QTest::newRow("-1") << QByteArray("-1\n") << 255U;
-    QTest::newRow("two lines") << QByteArray("1\n1\n") << 255U;
-    QTest::newRow("words") << QByteArray("high\n") << 255U;
-    QTest::newRow("empty") << QByteArray("") << 255U;
-    QTest::newRow("line end only") << QByteArray("\n") << 255U;
-    QTest::newRow("NUL after it") << QByteArray("1\0", 2) << 255U;
-    QTest::newRow("a long text") << QByteArray("1").leftJustified(100000, ' ') << 255U;
-    QTest::newRow("a long text of zeros") << QByteArray(100000, '0') << 255U;
-}
+    void values()
+    {
+        QFETCH(QByteArray, text);
+        QFETCH(uint, value);
+        const GpioFolder tree;
+        tree.addOutput(168, text);
+        Gpio gpio(nullptr, line(168), GPIO_DIRECTION_AS_IS, GPIO_EDGE_BOTH);
+        QCOMPARE(gpio.getGpioInOutValue(), value);
+    }
 
-void TestKernelGpio::values()
-{
-    QFETCH(QByteArray, text);
-    QFETCH(uint, value);
-    const GpioFolder tree;
-    tree.addOutput(168, text);
-    Gpio gpio(nullptr, line(168), GPIO_DIRECTION_AS_IS, GPIO_EDGE_BOTH);
-    QCOMPARE(gpio.getGpioInOutValue(), value);
-}
+    void script_data()
+    {
+        QTest::addColumn<QString>("steps");
+        for (const Script &script : scripts)
+            QTest::newRow(script.name) << u(script.steps);
+    }
 
-void TestKernelGpio::script_data()
-{
-    QTest::addColumn<QString>("steps");
-    for (const Script &script : scripts)
-        QTest::newRow(script.name) << u(script.steps);
-}
-
-void TestKernelGpio::script()
-{
-    QFETCH(QString, steps);
-    const GpioFolder tree;
-    std::map<QString, std::unique_ptr<Gpio>> gpios; // each lives as long as the script
-    for (const QString &step : steps.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
-        const QStringList words = step.trimmed().split(QLatin1Char(' '));
-        const QString &verb = words[0];
-        const QString name = words.value(1);
-        const QByteArray rest = (words.mid(2).join(QLatin1Char(' ')) + QLatin1Char('\n')).toLatin1();
-        if (verb == u("line"))
-            tree.addOutput(name.toInt(), rest);
-        else if (verb == u("chip"))
-            tree.addChip(name.toInt(), rest.trimmed());
-        else if (verb == u("write"))
-            tree.write(name, words.size() > 2 ? rest : QByteArray());
-        else if (verb == u("remove"))
-            tree.remove(name);
-        else if (verb == u("folder"))
-            QVERIFY(QDir().mkdir(tree.path(name)));
-        else if (name == u("gone"))
-            QVERIFY(QDir(tree.root()).removeRecursively());
-        else if (name == u("back"))
-            QVERIFY(QDir().mkpath(tree.root()));
-        else if (verb == u("read")) {
-            std::unique_ptr<Gpio> &gpio = gpios[name];
-            if (!gpio) {
-                gpio = std::make_unique<Gpio>(nullptr, line(name.section(QLatin1Char('@'), 0, 0).toInt()),
-                                              GPIO_DIRECTION_AS_IS, GPIO_EDGE_NONE);
-                if (name.endsWith(u("@21")))
-                    gpio->setI2c0021();
-                if (name.endsWith(u("@22")))
-                    gpio->setI2c0022();
+    void script()
+    {
+        QFETCH(QString, steps);
+        const GpioFolder tree;
+        std::map<QString, std::unique_ptr<Gpio>> gpios; // each lives as long as the script
+        for (const QString &step : steps.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+            const QStringList words = step.trimmed().split(QLatin1Char(' '));
+            const QString &verb = words[0];
+            const QString name = words.value(1);
+            const QByteArray rest = (words.mid(2).join(QLatin1Char(' ')) + QLatin1Char('\n')).toLatin1();
+            if (verb == u("line"))
+                tree.addOutput(name.toInt(), rest);
+            else if (verb == u("chip"))
+                tree.addChip(name.toInt(), rest.trimmed());
+            else if (verb == u("write"))
+                tree.write(name, words.size() > 2 ? rest : QByteArray());
+            else if (verb == u("remove"))
+                tree.remove(name);
+            else if (verb == u("folder"))
+                QVERIFY(QDir().mkdir(tree.path(name)));
+            else if (name == u("gone"))
+                QVERIFY(QDir(tree.root()).removeRecursively());
+            else if (name == u("back"))
+                QVERIFY(QDir().mkpath(tree.root()));
+            else if (verb == u("read")) {
+                std::unique_ptr<Gpio> &gpio = gpios[name];
+                if (!gpio) {
+                    gpio = std::make_unique<Gpio>(nullptr, line(name.section(QLatin1Char('@'), 0, 0).toInt()),
+                                                  GPIO_DIRECTION_AS_IS, GPIO_EDGE_NONE);
+                    if (name.endsWith(u("@21")))
+                        gpio->setI2c0021();
+                    if (name.endsWith(u("@22")))
+                        gpio->setI2c0022();
+                }
+                const QString value = QString::number(gpio->getGpioInOutValue());
+                const QString exported = QString::fromLatin1(tree.text(u("export")));
+                if (!exported.startsWith(QLatin1Char('(')))
+                    tree.addExport(); // empty again
+                const QString found = (value + QLatin1Char(' ') + exported).trimmed();
+                QVERIFY2(found == step.section(u("-> "), 1), qPrintable(step.trimmed() + u(", but ") + found));
             }
-            const QString value = QString::number(gpio->getGpioInOutValue());
-            const QString exported = QString::fromLatin1(tree.text(u("export")));
-            if (!exported.startsWith(QLatin1Char('(')))
-                tree.addExport(); // empty again
-            const QString found = (value + QLatin1Char(' ') + exported).trimmed();
-            QVERIFY2(found == step.section(u("-> "), 1), qPrintable(step.trimmed() + u(", but ") + found));
         }
     }
-}
 
-void TestKernelGpio::nothingIsTouchedBeforeTheFirstRead()
-{
-    const GpioFolder tree;
-    tree.addOutput(180, "0\n");
-    AccessLog log({tree.root(), tree.path(u("gpio180"))});
-    Gpio gpio(nullptr, line(180), GPIO_DIRECTION_IN, GPIO_EDGE_BOTH);
-    gpio.setI2c0021(); // else the controller's own line 180 would have been turned into an input
-    QCOMPARE(log.take(), QStringList());
-}
+    void nothingIsTouchedBeforeTheFirstRead()
+    {
+        const GpioFolder tree;
+        tree.addOutput(180, "0\n");
+        AccessLog log({tree.root(), tree.path(u("gpio180"))});
+        Gpio gpio(nullptr, line(180), GPIO_DIRECTION_IN, GPIO_EDGE_BOTH);
+        gpio.setI2c0021(); // else the controller's own line 180 would have been turned into an input
+        QCOMPARE(log.take(), QStringList());
+    }
 
-void TestKernelGpio::directionAsItIs_data()
-{
-    QTest::addColumn<int>("edge");
-    QTest::newRow("none") << 0;
-    QTest::newRow("rising") << 1;
-    QTest::newRow("falling") << 2;
-    QTest::newRow("both") << 3;
-}
+    void directionAsItIs_data()
+    {
+        QTest::addColumn<int>("edge");
+        QTest::newRow("none") << 0;
+        QTest::newRow("rising") << 1;
+        QTest::newRow("falling") << 2;
+        QTest::newRow("both") << 3;
+    }
 
-void TestKernelGpio::directionAsItIs()
-{
-    QFETCH(int, edge);
-    const GpioFolder tree;
-    tree.addOutput(168, "1\n");
-    AccessLog log({tree.path(u("gpio168"))});
-    Gpio gpio(nullptr, line(168), GPIO_DIRECTION_AS_IS, static_cast<GpioEdges>(edge));
-    QCOMPARE(gpio.getGpioInOutValue(), 1U);
-    QCOMPARE(gpio.getGpioInOutValue(), 1U);
-    QCOMPARE(log.take().filter(QRegularExpression(u("direction|edge|write"))), QStringList());
-    QCOMPARE(tree.text(u("gpio168/direction")), QByteArray("out\n"));
-    QCOMPARE(tree.text(u("gpio168/edge")), QByteArray("none\n"));
-}
+    void directionAsItIs()
+    {
+        QFETCH(int, edge);
+        const GpioFolder tree;
+        tree.addOutput(168, "1\n");
+        AccessLog log({tree.path(u("gpio168"))});
+        Gpio gpio(nullptr, line(168), GPIO_DIRECTION_AS_IS, static_cast<GpioEdges>(edge));
+        QCOMPARE(gpio.getGpioInOutValue(), 1U);
+        QCOMPARE(gpio.getGpioInOutValue(), 1U);
+        QCOMPARE(log.take().filter(QRegularExpression(u("direction|edge|write"))), QStringList());
+        QCOMPARE(tree.text(u("gpio168/direction")), QByteArray("out\n"));
+        QCOMPARE(tree.text(u("gpio168/edge")), QByteArray("none\n"));
+    }
 
-void TestKernelGpio::directionAndEdge_data()
-{
-    QTest::addColumn<int>("direction");
-    QTest::addColumn<int>("edge");
-    QTest::addColumn<QByteArray>("directionText");
-    QTest::addColumn<QByteArray>("edgeText");
-    QTest::newRow("input, none") << 0 << 0 << QByteArray("in") << QByteArray("none");
-    QTest::newRow("input, rising") << 0 << 1 << QByteArray("in") << QByteArray("rising");
-    QTest::newRow("input, falling") << 0 << 2 << QByteArray("in") << QByteArray("falling");
-    QTest::newRow("input, both") << 0 << 3 << QByteArray("in") << QByteArray("both");
-    QTest::newRow("output, none") << 1 << 0 << QByteArray("out") << QByteArray("none");
-    QTest::newRow("input, edge beyond the list") << 0 << 4 << QByteArray("in") << QByteArray("none\n");
-}
+    void directionAndEdge_data()
+    {
+        QTest::addColumn<int>("direction");
+        QTest::addColumn<int>("edge");
+        QTest::addColumn<QByteArray>("directionText");
+        QTest::addColumn<QByteArray>("edgeText");
+        QTest::newRow("input, none") << 0 << 0 << QByteArray("in") << QByteArray("none");
+        QTest::newRow("input, rising") << 0 << 1 << QByteArray("in") << QByteArray("rising");
+        QTest::newRow("input, falling") << 0 << 2 << QByteArray("in") << QByteArray("falling");
+        QTest::newRow("input, both") << 0 << 3 << QByteArray("in") << QByteArray("both");
+        QTest::newRow("output, none") << 1 << 0 << QByteArray("out") << QByteArray("none");
+        QTest::newRow("input, edge beyond the list") << 0 << 4 << QByteArray("in") << QByteArray("none\n");
+    }
 
-void TestKernelGpio::directionAndEdge()
-{
-    QFETCH(int, direction);
-    QFETCH(int, edge);
-    const GpioFolder tree;
-    tree.addOutput(168, "1\n");
-    Gpio gpio(nullptr, line(168), static_cast<GpioDirections>(direction), static_cast<GpioEdges>(edge));
-    QCOMPARE(gpio.getGpioInOutValue(), 1U);
-    QTEST(tree.text(u("gpio168/direction")), "directionText");
-    QTEST(tree.text(u("gpio168/edge")), "edgeText");
+    void directionAndEdge()
+    {
+        QFETCH(int, direction);
+        QFETCH(int, edge);
+        const GpioFolder tree;
+        tree.addOutput(168, "1\n");
+        Gpio gpio(nullptr, line(168), static_cast<GpioDirections>(direction), static_cast<GpioEdges>(edge));
+        QCOMPARE(gpio.getGpioInOutValue(), 1U);
+        QTEST(tree.text(u("gpio168/direction")), "directionText");
+        QTEST(tree.text(u("gpio168/edge")), "edgeText");
 
-    tree.remove(u("gpio168"));
-    QCOMPARE(gpio.getGpioInOutValue(), 255U);
-    tree.addOutput(168, "1\n"); // and again when it comes back
-    QCOMPARE(gpio.getGpioInOutValue(), 1U);
-    QTEST(tree.text(u("gpio168/direction")), "directionText");
-    QTEST(tree.text(u("gpio168/edge")), "edgeText");
-}
+        tree.remove(u("gpio168"));
+        QCOMPARE(gpio.getGpioInOutValue(), 255U);
+        tree.addOutput(168, "1\n"); // and again when it comes back
+        QCOMPARE(gpio.getGpioInOutValue(), 1U);
+        QTEST(tree.text(u("gpio168/direction")), "directionText");
+        QTEST(tree.text(u("gpio168/edge")), "edgeText");
+    }
 
-void TestKernelGpio::oneReadAndNothingElse()
-{
-    const GpioFolder tree;
-    tree.addOutput(168, "1\n");
-    Gpio gpio(nullptr, line(168), GPIO_DIRECTION_IN, GPIO_EDGE_BOTH);
-    QCOMPARE(gpio.getGpioInOutValue(), 1U);
-    AccessLog log({tree.root(), tree.path(u("gpio168"))});
-    QCOMPARE(gpio.getGpioInOutValue(), 1U);
-    QCOMPARE(log.take(), QStringList({u("gpio168/value: open"), u("gpio168/value: read")}));
-}
+    void oneReadAndNothingElse()
+    {
+        const GpioFolder tree;
+        tree.addOutput(168, "1\n");
+        Gpio gpio(nullptr, line(168), GPIO_DIRECTION_IN, GPIO_EDGE_BOTH);
+        QCOMPARE(gpio.getGpioInOutValue(), 1U);
+        AccessLog log({tree.root(), tree.path(u("gpio168"))});
+        QCOMPARE(gpio.getGpioInOutValue(), 1U);
+        QCOMPARE(log.take(), QStringList({u("gpio168/value: open"), u("gpio168/value: read")}));
+    }
 
-void TestKernelGpio::onAnExpanderTheChipIsReadToo()
-{
-    const GpioFolder tree;
-    tree.addChip(400, "1-0021");
-    tree.addOutput(404, "1\n");
-    Gpio gpio(nullptr, line(180), GPIO_DIRECTION_AS_IS, GPIO_EDGE_NONE);
-    gpio.setI2c0021();
-    QCOMPARE(gpio.getGpioInOutValue(), 1U);
-    AccessLog log({tree.root(), tree.path(u("gpiochip400")), tree.path(u("gpio404"))});
-    QCOMPARE(gpio.getGpioInOutValue(), 1U);
-    const QStringList accesses{u("gpiochip400/label: open"), u("gpiochip400/label: read"), u("gpiochip400/base: open"),
-                               u("gpiochip400/base: read"),  u("gpio404/value: open"),     u("gpio404/value: read")};
-    QCOMPARE(log.take(), accesses);
-}
+    void onAnExpanderTheChipIsReadToo()
+    {
+        const GpioFolder tree;
+        tree.addChip(400, "1-0021");
+        tree.addOutput(404, "1\n");
+        Gpio gpio(nullptr, line(180), GPIO_DIRECTION_AS_IS, GPIO_EDGE_NONE);
+        gpio.setI2c0021();
+        QCOMPARE(gpio.getGpioInOutValue(), 1U);
+        AccessLog log({tree.root(), tree.path(u("gpiochip400")), tree.path(u("gpio404"))});
+        QCOMPARE(gpio.getGpioInOutValue(), 1U);
+        const QStringList accesses{u("gpiochip400/label: open"), u("gpiochip400/label: read"),
+                                   u("gpiochip400/base: open"),  u("gpiochip400/base: read"),
+                                   u("gpio404/value: open"),     u("gpio404/value: read")};
+        QCOMPARE(log.take(), accesses);
+    }
+};
 
 const TestEntry entry("tst_kernelgpio", runTest<TestKernelGpio>);
 #include "tst_kernelgpio.moc"

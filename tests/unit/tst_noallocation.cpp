@@ -234,16 +234,6 @@ int numberOf(const char *word, const QStringList &lines)
 }
 } // namespace
 
-class TestNoAllocation : public QObject {
-    Q_OBJECT
-
-private Q_SLOTS:
-    void everyAllocationIsCounted_data();
-    void everyAllocationIsCounted();
-    void servingAllocatesNothing_data();
-    void servingAllocatesNothing();
-};
-
 namespace {
 int throughMalloc()
 {
@@ -285,56 +275,61 @@ int noAllocation()
 }
 } // namespace
 
-void TestNoAllocation::everyAllocationIsCounted_data()
-{
-    QTest::addColumn<void *>("function");
-    QTest::addColumn<bool>("allocates");
-    const auto row = [](const char *name, int (*function)(), bool allocates) {
-        QTest::newRow(name) << reinterpret_cast<void *>(function) << allocates;
-    };
-    row("malloc", throughMalloc, true);
-    row("new", throughNew, true);
-    row("inside the C++ library", throughStandardLibrary, true);
-    row("inside Qt", throughQt, true);
-    row("inside the agent library", throughAgentLibrary, true);
-    row("a line to standard output", noAllocation, false);
-}
+class TestNoAllocation : public QObject {
+    Q_OBJECT
 
-void TestNoAllocation::everyAllocationIsCounted()
-{
-    QFETCH(void *, function);
-    QFETCH(bool, allocates);
-    std::puts("");
-    AllocationCount::reset();
-    counted(reinterpret_cast<int (*)()>(function));
-    QCOMPARE(AllocationCount::total() > 0, allocates);
-}
+private Q_SLOTS:
+    void everyAllocationIsCounted_data()
+    {
+        QTest::addColumn<void *>("function");
+        QTest::addColumn<bool>("allocates");
+        const auto row = [](const char *name, int (*function)(), bool allocates) {
+            QTest::newRow(name) << reinterpret_cast<void *>(function) << allocates;
+        };
+        row("malloc", throughMalloc, true);
+        row("new", throughNew, true);
+        row("inside the C++ library", throughStandardLibrary, true);
+        row("inside Qt", throughQt, true);
+        row("inside the agent library", throughAgentLibrary, true);
+        row("a line to standard output", noAllocation, false);
+    }
 
-void TestNoAllocation::servingAllocatesNothing_data()
-{
-    QTest::addColumn<quint32>("model");
-    for (const std::uint32_t model : knownModels)
-        QTest::addRow("%u", model) << model;
-}
-
-void TestNoAllocation::servingAllocatesNothing()
-{
-    QFETCH(quint32, model);
-    const QStringList lines = printedInOwnProcess([model] {
+    void everyAllocationIsCounted()
+    {
+        QFETCH(void *, function);
+        QFETCH(bool, allocates);
+        std::puts("");
         AllocationCount::reset();
-        serveAsModel(model);
-    });
-    const int objects = numberOf("objects", lines);
-    QVERIFY2(objects > 10, qPrintable(lines.mid(lines.size() - 8).join(QLatin1Char('\n'))));
-    QVERIFY(numberOf("handlers", lines) > 2 * objects);
-    QVERIFY(numberOf("steps", lines) > 0);
-    QVERIFY(numberOf("loads", lines) > 0);
-    QCOMPARE(numberOf("ours", lines), 0);
-    QVERIFY(numberOf("library", lines) > 0); // told apart, not overlooked: one long text is served
-    qInfo("%u: %d objects, %d handler calls, %d steps, %d loads; the library allocated %d times for longer values",
-          model, objects, numberOf("handlers", lines), numberOf("steps", lines), numberOf("loads", lines),
-          numberOf("library", lines));
-}
+        counted(reinterpret_cast<int (*)()>(function));
+        QCOMPARE(AllocationCount::total() > 0, allocates);
+    }
+
+    void servingAllocatesNothing_data()
+    {
+        QTest::addColumn<quint32>("model");
+        for (const std::uint32_t model : knownModels)
+            QTest::addRow("%u", model) << model;
+    }
+
+    void servingAllocatesNothing()
+    {
+        QFETCH(quint32, model);
+        const QStringList lines = printedInOwnProcess([model] {
+            AllocationCount::reset();
+            serveAsModel(model);
+        });
+        const int objects = numberOf("objects", lines);
+        QVERIFY2(objects > 10, qPrintable(lines.mid(lines.size() - 8).join(QLatin1Char('\n'))));
+        QVERIFY(numberOf("handlers", lines) > 2 * objects);
+        QVERIFY(numberOf("steps", lines) > 0);
+        QVERIFY(numberOf("loads", lines) > 0);
+        QCOMPARE(numberOf("ours", lines), 0);
+        QVERIFY(numberOf("library", lines) > 0); // told apart, not overlooked: one long text is served
+        qInfo("%u: %d objects, %d handler calls, %d steps, %d loads; the library allocated %d times for longer values",
+              model, objects, numberOf("handlers", lines), numberOf("steps", lines), numberOf("loads", lines),
+              numberOf("library", lines));
+    }
+};
 
 const TestEntry entry("tst_noallocation", runTest<TestNoAllocation>);
 #include "tst_noallocation.moc"

@@ -42,101 +42,92 @@ class TestOptions : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void settings_data();
-    void settings();
-    void helpGoesToStandardOutput_data();
-    void helpGoesToStandardOutput();
-    void unknownOptionGivesUsageOnStandardError_data();
-    void unknownOptionGivesUsageOnStandardError();
-    void acceptedButNotImplementedAborts_data();
-    void acceptedButNotImplementedAborts();
+    void settings_data()
+    {
+        QTest::addColumn<QList<QByteArray>>("words");
+        QTest::addColumn<bool>("daemon");
+        QTest::addColumn<bool>("talDebug");
+
+        QTest::newRow("none: a daemon") << QList<QByteArray>{} << true << false;
+        QTest::newRow("-d") << QList<QByteArray>{"-d"} << false << false;
+        QTest::newRow("--daemon") << QList<QByteArray>{"--daemon"} << false << false;
+        QTest::newRow("-z") << QList<QByteArray>{"-z"} << true << true;
+        QTest::newRow("--taldebug") << QList<QByteArray>{"--taldebug"} << true << true;
+        QTest::newRow("-dz") << QList<QByteArray>{"-dz"} << false << true;
+        QTest::newRow("a word that is no option") << QList<QByteArray>{"word", "-d"} << false << false;
+    }
+
+    void settings()
+    {
+        QFETCH(QList<QByteArray>, words);
+        QFETCH(bool, daemon);
+        QFETCH(bool, talDebug);
+
+        const ChildResult child = parseInChild(words);
+        QVERIFY(child.exitedWith(10 + (daemon ? 1 : 0) + (talDebug ? 2 : 0)));
+        QCOMPARE(child.out, QByteArray());
+        QCOMPARE(child.err, QByteArray());
+    }
+
+    void helpGoesToStandardOutput_data()
+    {
+        QTest::addColumn<QList<QByteArray>>("words");
+
+        QTest::newRow("-h") << QList<QByteArray>{"-h"};
+        QTest::newRow("--help") << QList<QByteArray>{"--help"};
+        QTest::newRow("before an unknown option") << QList<QByteArray>{"-d", "-h", "-x"};
+    }
+
+    void helpGoesToStandardOutput()
+    {
+        QFETCH(QList<QByteArray>, words);
+
+        const ChildResult child = parseInChild(words);
+        QVERIFY(child.exitedWith(0));
+        QCOMPARE(child.out, QByteArray(usage));
+        QCOMPARE(child.err, QByteArray());
+    }
+
+    void unknownOptionGivesUsageOnStandardError_data()
+    {
+        QTest::addColumn<QList<QByteArray>>("words");
+
+        QTest::newRow("-x") << QList<QByteArray>{"-x"};
+        QTest::newRow("--unknown") << QList<QByteArray>{"--unknown"};
+        QTest::newRow("--daemon=yes: takes no argument") << QList<QByteArray>{"--daemon=yes"};
+    }
+
+    void unknownOptionGivesUsageOnStandardError()
+    {
+        QFETCH(QList<QByteArray>, words);
+
+        const ChildResult child = parseInChild(words);
+        QVERIFY(child.exitedWith(1));
+        QCOMPARE(child.out, QByteArray());
+        QVERIFY2(child.err.endsWith(usage), child.err.constData());
+    }
+
+    void acceptedButNotImplementedAborts_data()
+    {
+        QTest::addColumn<QList<QByteArray>>("words");
+
+        QTest::newRow("-t") << QList<QByteArray>{"-t"};
+        QTest::newRow("-v") << QList<QByteArray>{"-v"};
+        QTest::newRow("--testmode") << QList<QByteArray>{"--testmode"};
+        QTest::newRow("--NULL") << QList<QByteArray>{"--NULL"};
+        QTest::newRow("after -d") << QList<QByteArray>{"-d", "-t"};
+    }
+
+    void acceptedButNotImplementedAborts()
+    {
+        QFETCH(QList<QByteArray>, words);
+
+        const ChildResult child = parseInChild(words);
+        QVERIFY(child.endedBy(SIGABRT));
+        QCOMPARE(child.out, QByteArray());
+        QCOMPARE(child.err, QByteArray());
+    }
 };
-
-void TestOptions::settings_data()
-{
-    QTest::addColumn<QList<QByteArray>>("words");
-    QTest::addColumn<bool>("daemon");
-    QTest::addColumn<bool>("talDebug");
-
-    QTest::newRow("none: a daemon") << QList<QByteArray>{} << true << false;
-    QTest::newRow("-d") << QList<QByteArray>{"-d"} << false << false;
-    QTest::newRow("--daemon") << QList<QByteArray>{"--daemon"} << false << false;
-    QTest::newRow("-z") << QList<QByteArray>{"-z"} << true << true;
-    QTest::newRow("--taldebug") << QList<QByteArray>{"--taldebug"} << true << true;
-    QTest::newRow("-dz") << QList<QByteArray>{"-dz"} << false << true;
-    QTest::newRow("a word that is no option") << QList<QByteArray>{"word", "-d"} << false << false;
-}
-
-void TestOptions::settings()
-{
-    QFETCH(QList<QByteArray>, words);
-    QFETCH(bool, daemon);
-    QFETCH(bool, talDebug);
-
-    const ChildResult child = parseInChild(words);
-    QVERIFY(child.exitedWith(10 + (daemon ? 1 : 0) + (talDebug ? 2 : 0)));
-    QCOMPARE(child.out, QByteArray());
-    QCOMPARE(child.err, QByteArray());
-}
-
-void TestOptions::helpGoesToStandardOutput_data()
-{
-    QTest::addColumn<QList<QByteArray>>("words");
-
-    QTest::newRow("-h") << QList<QByteArray>{"-h"};
-    QTest::newRow("--help") << QList<QByteArray>{"--help"};
-    QTest::newRow("before an unknown option") << QList<QByteArray>{"-d", "-h", "-x"};
-}
-
-void TestOptions::helpGoesToStandardOutput()
-{
-    QFETCH(QList<QByteArray>, words);
-
-    const ChildResult child = parseInChild(words);
-    QVERIFY(child.exitedWith(0));
-    QCOMPARE(child.out, QByteArray(usage));
-    QCOMPARE(child.err, QByteArray());
-}
-
-void TestOptions::unknownOptionGivesUsageOnStandardError_data()
-{
-    QTest::addColumn<QList<QByteArray>>("words");
-
-    QTest::newRow("-x") << QList<QByteArray>{"-x"};
-    QTest::newRow("--unknown") << QList<QByteArray>{"--unknown"};
-    QTest::newRow("--daemon=yes: takes no argument") << QList<QByteArray>{"--daemon=yes"};
-}
-
-void TestOptions::unknownOptionGivesUsageOnStandardError()
-{
-    QFETCH(QList<QByteArray>, words);
-
-    const ChildResult child = parseInChild(words);
-    QVERIFY(child.exitedWith(1));
-    QCOMPARE(child.out, QByteArray());
-    QVERIFY2(child.err.endsWith(usage), child.err.constData());
-}
-
-void TestOptions::acceptedButNotImplementedAborts_data()
-{
-    QTest::addColumn<QList<QByteArray>>("words");
-
-    QTest::newRow("-t") << QList<QByteArray>{"-t"};
-    QTest::newRow("-v") << QList<QByteArray>{"-v"};
-    QTest::newRow("--testmode") << QList<QByteArray>{"--testmode"};
-    QTest::newRow("--NULL") << QList<QByteArray>{"--NULL"};
-    QTest::newRow("after -d") << QList<QByteArray>{"-d", "-t"};
-}
-
-void TestOptions::acceptedButNotImplementedAborts()
-{
-    QFETCH(QList<QByteArray>, words);
-
-    const ChildResult child = parseInChild(words);
-    QVERIFY(child.endedBy(SIGABRT));
-    QCOMPARE(child.out, QByteArray());
-    QCOMPARE(child.err, QByteArray());
-}
 
 const TestEntry entry("tst_options", runTest<TestOptions>);
 #include "tst_options.moc"

@@ -38,38 +38,35 @@ class TestSelectControl : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void theConstructorLogs();
-    void runServesForEver();
+    void theConstructorLogs()
+    {
+        MessageLog log;
+        const KvSnmpSelectControl control;
+        QCOMPARE(log.lines(), QStringList{QStringLiteral("KvSnmpSelectControl Created kvSnmpSelectControl Thread")});
+        QVERIFY(!control.isRunning());
+    }
+
+    void runServesForEver()
+    {
+        Trace trace(nullptr);
+        QSignalSpy traced(&trace, SIGNAL(LogMessage(QString)));
+        MessageLog log;
+        OpenControl control;
+        log.takeLines();
+        const QStringList output = printed([&] { QVERIFY_EXCEPTION_THROWN(control.run(), ScriptEnded); });
+        QCOMPARE(output,
+                 (QStringList{QStringLiteral("agent_check_and_process() ret = 0   NOTHING"),
+                              QStringLiteral("agent_check_and_process() ret = 3   SOMETHING"),
+                              QStringLiteral("agent_check_and_process() ret = -1   ERROR    errno: %1").arg(EBADF)}));
+        QCOMPARE(blocks, (QList<int>{1, 1, 1, 1}));
+        QCOMPARE(log.lines(), QStringList{QStringLiteral("KV SNMP Select Control Thread Started")});
+        QCOMPARE(traced.size(), 1);
+        const QString line = traced[0][0].toString();
+        QVERIFY2(line.contains(QRegularExpression(
+                     QStringLiteral("KvSnmpSelectControl +run +KV SNMP Select Control Thread Started"))),
+                 qPrintable(line));
+    }
 };
-
-void TestSelectControl::theConstructorLogs()
-{
-    MessageLog log;
-    const KvSnmpSelectControl control;
-    QCOMPARE(log.lines(), QStringList{QStringLiteral("KvSnmpSelectControl Created kvSnmpSelectControl Thread")});
-    QVERIFY(!control.isRunning());
-}
-
-void TestSelectControl::runServesForEver()
-{
-    Trace trace(nullptr);
-    QSignalSpy traced(&trace, SIGNAL(LogMessage(QString)));
-    MessageLog log;
-    OpenControl control;
-    log.takeLines();
-    const QStringList output = printed([&] { QVERIFY_EXCEPTION_THROWN(control.run(), ScriptEnded); });
-    QCOMPARE(output,
-             (QStringList{QStringLiteral("agent_check_and_process() ret = 0   NOTHING"),
-                          QStringLiteral("agent_check_and_process() ret = 3   SOMETHING"),
-                          QStringLiteral("agent_check_and_process() ret = -1   ERROR    errno: %1").arg(EBADF)}));
-    QCOMPARE(blocks, (QList<int>{1, 1, 1, 1}));
-    QCOMPARE(log.lines(), QStringList{QStringLiteral("KV SNMP Select Control Thread Started")});
-    QCOMPARE(traced.size(), 1);
-    const QString line = traced[0][0].toString();
-    QVERIFY2(line.contains(
-                 QRegularExpression(QStringLiteral("KvSnmpSelectControl +run +KV SNMP Select Control Thread Started"))),
-             qPrintable(line));
-}
 
 const TestEntry entry("tst_selectcontrol", runTest<TestSelectControl>);
 #include "tst_selectcontrol.moc"

@@ -57,53 +57,48 @@ class TestServiceNotify : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void eachStateIsOneMessage_data();
-    void eachStateIsOneMessage();
-    void withoutASocketNothingIsSent();
-    void aSocketThatIsGoneIsNoHarm();
+    void eachStateIsOneMessage_data()
+    {
+        QTest::addColumn<QByteArray>("name");
+
+        QTest::newRow("in a folder") << QFile::encodeName(m_folder.filePath(QStringLiteral("notify")));
+        QTest::newRow("abstract") << "@kvsnmp-test-" + QByteArray::number(getpid());
+    }
+
+    void eachStateIsOneMessage()
+    {
+        QFETCH(QByteArray, name);
+
+        const NotifySocket manager(name);
+        QVERIFY(manager.bound);
+        notifyService("READY=1");
+        notifyService("WATCHDOG=1");
+        notifyService("STOPPING=1");
+        QCOMPARE(manager.take(), QByteArray("READY=1"));
+        QCOMPARE(manager.take(), QByteArray("WATCHDOG=1"));
+        QCOMPARE(manager.take(), QByteArray("STOPPING=1"));
+        QVERIFY(manager.take().isNull());
+    }
+
+    void withoutASocketNothingIsSent()
+    {
+        const NotifySocket manager(QFile::encodeName(m_folder.filePath(QStringLiteral("unnamed"))));
+        QVERIFY(manager.bound);
+        qunsetenv("NOTIFY_SOCKET");
+        notifyService("READY=1");
+        QVERIFY(manager.take().isNull());
+    }
+
+    void aSocketThatIsGoneIsNoHarm()
+    {
+        qputenv("NOTIFY_SOCKET", QFile::encodeName(m_folder.filePath(QStringLiteral("gone"))));
+        notifyService("READY=1");
+        qunsetenv("NOTIFY_SOCKET");
+    }
 
 private:
     QTemporaryDir m_folder;
 };
-
-void TestServiceNotify::eachStateIsOneMessage_data()
-{
-    QTest::addColumn<QByteArray>("name");
-
-    QTest::newRow("in a folder") << QFile::encodeName(m_folder.filePath(QStringLiteral("notify")));
-    QTest::newRow("abstract") << "@kvsnmp-test-" + QByteArray::number(getpid());
-}
-
-void TestServiceNotify::eachStateIsOneMessage()
-{
-    QFETCH(QByteArray, name);
-
-    const NotifySocket manager(name);
-    QVERIFY(manager.bound);
-    notifyService("READY=1");
-    notifyService("WATCHDOG=1");
-    notifyService("STOPPING=1");
-    QCOMPARE(manager.take(), QByteArray("READY=1"));
-    QCOMPARE(manager.take(), QByteArray("WATCHDOG=1"));
-    QCOMPARE(manager.take(), QByteArray("STOPPING=1"));
-    QVERIFY(manager.take().isNull());
-}
-
-void TestServiceNotify::withoutASocketNothingIsSent()
-{
-    const NotifySocket manager(QFile::encodeName(m_folder.filePath(QStringLiteral("unnamed"))));
-    QVERIFY(manager.bound);
-    qunsetenv("NOTIFY_SOCKET");
-    notifyService("READY=1");
-    QVERIFY(manager.take().isNull());
-}
-
-void TestServiceNotify::aSocketThatIsGoneIsNoHarm()
-{
-    qputenv("NOTIFY_SOCKET", QFile::encodeName(m_folder.filePath(QStringLiteral("gone"))));
-    notifyService("READY=1");
-    qunsetenv("NOTIFY_SOCKET");
-}
 
 const TestEntry entry("tst_servicenotify", runTest<TestServiceNotify>);
 #include "tst_servicenotify.moc"

@@ -164,135 +164,128 @@ private:
 
 } // namespace
 
+/// A coarse timer looks at the part of the second, hence the trials with other pauses before them.
+/// One that ends at its start never writes the file, and must not keep back a restart with a better configuration.
+
 class TestSnmpdRestarts : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void changesOfAnySpacing_data();
-    void changesOfAnySpacing();
-    void changeDuringAStop();
-    void stopCancelsThePendingStart_data();
-    void stopCancelsThePendingStart();
-    void snmpdWithoutPidFileIsWaitedForTwoSeconds();
-};
+    void initTestCase()
+    {
+        timespec time{};
+        QCOMPARE(clock_gettime(CLOCK_MONOTONIC, &time), 0);
+        now = (time.tv_sec + 1) * nsPerSecond;
+        isMainThread = true;
+    }
 
-void TestSnmpdRestarts::initTestCase()
-{
-    timespec time{};
-    QCOMPARE(clock_gettime(CLOCK_MONOTONIC, &time), 0);
-    now = (time.tv_sec + 1) * nsPerSecond;
-    isMainThread = true;
-}
+    void changesOfAnySpacing_data()
+    {
+        QTest::addColumn<int>("spacingMs");
+        for (int spacingMs = 0; spacingMs <= 1200; spacingMs += 10)
+            QTest::addRow("%d ms", spacingMs) << spacingMs;
+    }
 
-void TestSnmpdRestarts::changesOfAnySpacing_data()
-{
-    QTest::addColumn<int>("spacingMs");
-    for (int spacingMs = 0; spacingMs <= 1200; spacingMs += 10)
-        QTest::addRow("%d ms", spacingMs) << spacingMs;
-}
+    void changesOfAnySpacing()
+    {
+        QFETCH(int, spacingMs);
+        for (const int startMs : {0, 60, 450, 1400}) {
+            SnmpdBench bench;
+            SnmpdModel snmpd(bench, startMs);
+            snmpd.replaceConfig("# first\n");
+            Q_EMIT bench.tal.handler.signalSnmpdConfUseCustomConfFile(true);
+            snmpd.passWithEvents(settleMs);
+            for (const int pauseMs : {0, 130, 270}) {
+                snmpd.passWithEvents(pauseMs);
+                QByteArray newest;
+                for (int change = 1; change <= 3; ++change) {
+                    newest = QByteArray::number(now / nsPerMs);
+                    snmpd.replaceConfig(newest);
+                    snmpd.passWithEvents(change < 3 ? spacingMs : settleMs);
+                }
+                const QByteArray trial = QByteArray("snmpd starts within ") + QByteArray::number(startMs) +
+                                         " ms, pause of " + QByteArray::number(pauseMs) + " ms\n" +
+                                         bench.events.join(QLatin1Char('\n')).toUtf8();
+                QVERIFY2(snmpd.healthyKilled() == 0, trial.constData());
+                QVERIFY2(snmpd.hastyStarts() == 0, trial.constData());
+                QVERIFY2(snmpd.read() == QList<QByteArray>{newest}, trial.constData());
+                bench.events.clear();
+            }
+        }
+    }
 
-/// A coarse timer looks at the part of the second, hence the trials with other pauses before them.
-void TestSnmpdRestarts::changesOfAnySpacing()
-{
-    QFETCH(int, spacingMs);
-    for (const int startMs : {0, 60, 450, 1400}) {
+    void changeDuringAStop()
+    {
         SnmpdBench bench;
-        SnmpdModel snmpd(bench, startMs);
+        SnmpdModel snmpd(bench, 60);
+        snmpd.duringStop = [&] {
+            if (snmpd.stops() == 0)
+                snmpd.replaceConfig("# newest\n");
+        };
         snmpd.replaceConfig("# first\n");
         Q_EMIT bench.tal.handler.signalSnmpdConfUseCustomConfFile(true);
         snmpd.passWithEvents(settleMs);
-        for (const int pauseMs : {0, 130, 270}) {
-            snmpd.passWithEvents(pauseMs);
-            QByteArray newest;
-            for (int change = 1; change <= 3; ++change) {
-                newest = QByteArray::number(now / nsPerMs);
-                snmpd.replaceConfig(newest);
-                snmpd.passWithEvents(change < 3 ? spacingMs : settleMs);
-            }
-            const QByteArray trial = QByteArray("snmpd starts within ") + QByteArray::number(startMs) +
-                                     " ms, pause of " + QByteArray::number(pauseMs) + " ms\n" +
-                                     bench.events.join(QLatin1Char('\n')).toUtf8();
-            QVERIFY2(snmpd.healthyKilled() == 0, trial.constData());
-            QVERIFY2(snmpd.hastyStarts() == 0, trial.constData());
-            QVERIFY2(snmpd.read() == QList<QByteArray>{newest}, trial.constData());
-            bench.events.clear();
-        }
+        QCOMPARE(snmpd.stops(), 2);
+        QCOMPARE(snmpd.hastyStarts(), 0);
+        QCOMPARE(snmpd.healthyKilled(), 0);
+        QCOMPARE(snmpd.read(), QList<QByteArray>{"# newest\n"});
     }
-}
 
-void TestSnmpdRestarts::changeDuringAStop()
-{
-    SnmpdBench bench;
-    SnmpdModel snmpd(bench, 60);
-    snmpd.duringStop = [&] {
-        if (snmpd.stops() == 0)
-            snmpd.replaceConfig("# newest\n");
-    };
-    snmpd.replaceConfig("# first\n");
-    Q_EMIT bench.tal.handler.signalSnmpdConfUseCustomConfFile(true);
-    snmpd.passWithEvents(settleMs);
-    QCOMPARE(snmpd.stops(), 2);
-    QCOMPARE(snmpd.hastyStarts(), 0);
-    QCOMPARE(snmpd.healthyKilled(), 0);
-    QCOMPARE(snmpd.read(), QList<QByteArray>{"# newest\n"});
-}
+    void stopCancelsThePendingStart_data()
+    {
+        QTest::addColumn<int>("ageMs");
+        QTest::addColumn<int>("longKillallMs");
+        QTest::newRow("short stop") << 10000 << 0;
+        QTest::newRow("stop that takes longer than what is left until the start") << 10000 << 700;
+        QTest::newRow("snmpd that was stopped soon after its start") << 200 << 0;
+    }
 
-void TestSnmpdRestarts::stopCancelsThePendingStart_data()
-{
-    QTest::addColumn<int>("ageMs");
-    QTest::addColumn<int>("longKillallMs");
-    QTest::newRow("short stop") << 10000 << 0;
-    QTest::newRow("stop that takes longer than what is left until the start") << 10000 << 700;
-    QTest::newRow("snmpd that was stopped soon after its start") << 200 << 0;
-}
+    void stopCancelsThePendingStart()
+    {
+        QFETCH(int, ageMs);
+        QFETCH(int, longKillallMs);
+        SnmpdBench bench;
+        SnmpdModel snmpd(bench, 60);
+        snmpd.replaceConfig("# only one\n");
+        Q_EMIT bench.tal.handler.signalSnmpdConfUseCustomConfFile(true);
+        while (snmpd.starts() == 0)
+            snmpd.passWithEvents(stepMs);
+        snmpd.passWithEvents(ageMs);
 
-void TestSnmpdRestarts::stopCancelsThePendingStart()
-{
-    QFETCH(int, ageMs);
-    QFETCH(int, longKillallMs);
-    SnmpdBench bench;
-    SnmpdModel snmpd(bench, 60);
-    snmpd.replaceConfig("# only one\n");
-    Q_EMIT bench.tal.handler.signalSnmpdConfUseCustomConfFile(true);
-    while (snmpd.starts() == 0)
-        snmpd.passWithEvents(stepMs);
-    snmpd.passWithEvents(ageMs);
+        bench.handler->onRestartSnmpdTimeout();
+        snmpd.passWithEvents(300);
+        snmpd.duringStop = [&] { snmpd.pass(longKillallMs); };
+        bench.handler->onRestartSnmpdTimeout();
+        QCOMPARE(snmpd.stops(), 3);
+        snmpd.passWithEvents(490);
+        QCOMPARE(snmpd.starts(), 1);
+        snmpd.passWithEvents(settleMs);
+        QCOMPARE(snmpd.starts(), 2);
+        QCOMPARE(snmpd.hastyStarts(), 0);
+        QCOMPARE(snmpd.healthyKilled(), 0);
+    }
 
-    bench.handler->onRestartSnmpdTimeout();
-    snmpd.passWithEvents(300);
-    snmpd.duringStop = [&] { snmpd.pass(longKillallMs); };
-    bench.handler->onRestartSnmpdTimeout();
-    QCOMPARE(snmpd.stops(), 3);
-    snmpd.passWithEvents(490);
-    QCOMPARE(snmpd.starts(), 1);
-    snmpd.passWithEvents(settleMs);
-    QCOMPARE(snmpd.starts(), 2);
-    QCOMPARE(snmpd.hastyStarts(), 0);
-    QCOMPARE(snmpd.healthyKilled(), 0);
-}
+    void snmpdWithoutPidFileIsWaitedForTwoSeconds()
+    {
+        SnmpdBench bench;
+        SnmpdModel snmpd(bench, 1000 * settleMs);
+        snmpd.replaceConfig("# bad\n");
+        Q_EMIT bench.tal.handler.signalSnmpdConfUseCustomConfFile(true);
+        while (snmpd.starts() == 0)
+            snmpd.passWithEvents(stepMs);
+        QCOMPARE(snmpd.stops(), 1);
+        snmpd.replaceConfig("# better\n");
+        snmpd.passWithEvents(1900);
+        QCOMPARE(snmpd.stops(), 1);
+        snmpd.passWithEvents(650); // two seconds, and the next attempt within 500 ms
+        QCOMPARE(snmpd.stops(), 2);
 
-/// One that ends at its start never writes the file, and must not keep back a restart with a better configuration.
-void TestSnmpdRestarts::snmpdWithoutPidFileIsWaitedForTwoSeconds()
-{
-    SnmpdBench bench;
-    SnmpdModel snmpd(bench, 1000 * settleMs);
-    snmpd.replaceConfig("# bad\n");
-    Q_EMIT bench.tal.handler.signalSnmpdConfUseCustomConfFile(true);
-    while (snmpd.starts() == 0)
-        snmpd.passWithEvents(stepMs);
-    QCOMPARE(snmpd.stops(), 1);
-    snmpd.replaceConfig("# better\n");
-    snmpd.passWithEvents(1900);
-    QCOMPARE(snmpd.stops(), 1);
-    snmpd.passWithEvents(650); // two seconds, and the next attempt within 500 ms
-    QCOMPARE(snmpd.stops(), 2);
-
-    snmpd.passWithEvents(settleMs);
-    snmpd.replaceConfig("# best\n");
-    snmpd.passWithEvents(550);
-    QCOMPARE(snmpd.stops(), 3);
-}
+        snmpd.passWithEvents(settleMs);
+        snmpd.replaceConfig("# best\n");
+        snmpd.passWithEvents(550);
+        QCOMPARE(snmpd.stops(), 3);
+    }
+};
 
 const TestEntry entry("tst_snmpdrestarts", runTest<TestSnmpdRestarts>);
 

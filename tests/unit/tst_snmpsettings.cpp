@@ -207,239 +207,228 @@ QStringList trapNames()
 
 } // namespace
 
+// On each version flag, the custom flag, each trap's flag, false and true before.
+// Intended: each leaf of a "create" first makes its flag false; only the list, read in its own strict way, enables.
+
 class TestSnmpSettings : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void recordsAreKnownUnderTheirOwnNames();
-    void textLeaf_data();
-    void textLeaf();
-    void flagText_data();
-    void flagText();
-    void groupWithoutAKnownLeafIsStillHandedOn_data();
-    void groupWithoutAKnownLeafIsStillHandedOn();
-    void script_data();
-    void script();
-    void mapHasTwentyKeysWhateverItIsTold();
-    void createOfEveryName();
-    void listOfACreate_data();
-    void listOfACreate();
-    void firstPassOfACreateSetsFalse();
-};
-
-void TestSnmpSettings::recordsAreKnownUnderTheirOwnNames()
-{
-    registerSnmpSettingsTypes();
-    registerSnmpSettingsTypes(); // a second time is harmless
-    QCOMPARE(QMetaType::type("SnmpMib2Settings"), qMetaTypeId<SnmpMib2Settings>());
-    QCOMPARE(QMetaType::type("SnmpAccessSettings"), qMetaTypeId<SnmpAccessSettings>());
-    QCOMPARE(QMetaType::type("SnmpTrapSettings"), qMetaTypeId<SnmpTrapSettings>());
-    QCOMPARE(QMetaType::type("SnmpVersionSettings"), qMetaTypeId<SnmpVersionSettings>());
-}
-
-void TestSnmpSettings::textLeaf_data()
-{
-    QTest::addColumn<QString>("ref");
-    QTest::addColumn<QString>("path");
-    QTest::addColumn<int>("field");
-    QTest::addColumn<int>("fields");
-    for (const catalogue::Row &row : catalogue::rows("settings")) {
-        if (row.text("reference") == qs("version_control"))
-            continue;
-        QStringList fields;
-        for (const catalogue::Row &other : catalogue::rows("settings", "reference", row.text("reference")))
-            fields << other.text("field");
-        QTest::newRow(row.latin1("field"))
-            << row.text("reference") << row.text("leaf") << fields.indexOf(row.text("field")) << fields.size();
+    void recordsAreKnownUnderTheirOwnNames()
+    {
+        registerSnmpSettingsTypes();
+        registerSnmpSettingsTypes(); // a second time is harmless
+        QCOMPARE(QMetaType::type("SnmpMib2Settings"), qMetaTypeId<SnmpMib2Settings>());
+        QCOMPARE(QMetaType::type("SnmpAccessSettings"), qMetaTypeId<SnmpAccessSettings>());
+        QCOMPARE(QMetaType::type("SnmpTrapSettings"), qMetaTypeId<SnmpTrapSettings>());
+        QCOMPARE(QMetaType::type("SnmpVersionSettings"), qMetaTypeId<SnmpVersionSettings>());
     }
-}
 
-void TestSnmpSettings::textLeaf()
-{
-    QFETCH(QString, ref);
-    QFETCH(QString, path);
-    QFETCH(int, field);
-    QFETCH(int, fields);
-
-    SettingsBench bench;
-    const QString name = bench.change(ref, qs("replace"), groupPath(ref), QString()).section(QLatin1Char('('), 0, 0);
-    const auto expected = [&](const QString &value) {
-        QStringList texts;
-        for (int i = 0; i < fields; ++i)
-            texts << (i == field ? value : QString());
-        const QString behind = ref == qs("trap_settings") ? qs(" enabled()") : QString();
-        return qs("%1(%2)%3").arg(name, texts.join(QLatin1Char('|')), behind);
-    };
-    for (const QString &op : {qs("create"), qs("replace")}) {
-        for (const char *text : {"public", " public ", "my  community", "a<b>&\"c", "M\xc3\xbcnchen \xe4\xb8\xad"})
-            QCOMPARE(bench.settingsLeaf(ref, op, path, qs(text)), expected(qs(text)));
-        for (const char *blank : {"   ", " \t\n ", ""}) {
-            bench.settingsLeaf(ref, op, path, qs("before"));
-            QCOMPARE(bench.settingsLeaf(ref, op, path, qs(blank)), expected(QString()));
+    void textLeaf_data()
+    {
+        QTest::addColumn<QString>("ref");
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<int>("field");
+        QTest::addColumn<int>("fields");
+        for (const catalogue::Row &row : catalogue::rows("settings")) {
+            if (row.text("reference") == qs("version_control"))
+                continue;
+            QStringList fields;
+            for (const catalogue::Row &other : catalogue::rows("settings", "reference", row.text("reference")))
+                fields << other.text("field");
+            QTest::newRow(row.latin1("field"))
+                << row.text("reference") << row.text("leaf") << fields.indexOf(row.text("field")) << fields.size();
         }
     }
-    bench.settingsLeaf(ref, qs("replace"), path, qs("kept"));
-    for (const char *op : {"patch", "Delete", "Create", ""})
-        QCOMPARE(bench.settingsLeaf(ref, qs(op), path, qs("ignored")), expected(qs("kept")));
-    QCOMPARE(bench.settingsLeaf(ref, qs("delete"), path, qs("kept")), expected(QString()));
-}
 
-void TestSnmpSettings::flagText_data()
-{
-    QTest::addColumn<int>("place");
-    for (int place = 0; place < int(std::size(flagTexts)); ++place)
-        QTest::newRow(flagTexts[place].name) << place;
-}
+    void textLeaf()
+    {
+        QFETCH(QString, ref);
+        QFETCH(QString, path);
+        QFETCH(int, field);
+        QFETCH(int, fields);
 
-// On each version flag, the custom flag, each trap's flag, false and true before.
-void TestSnmpSettings::flagText()
-{
-    QFETCH(int, place);
-    const auto &[name, op, text, settingsFlag, trapFlag] = flagTexts[place];
-
-    const char *const leaves[] = {"version_control/version_1", "version_control/version_2c",
-                                  "version_control/version_3"};
-    for (int leaf = 0; leaf < 3; ++leaf)
-        for (const char *before : {"false", "true"}) {
-            SettingsBench bench;
-            for (const char *each : leaves)
-                bench.settingsLeaf(qs("version_control"), qs("create"), settings + qs(each), qs(before));
-            QString expected = qs(before) == qs("true") ? qs("111") : qs("000");
-            expected[leaf] = settingsFlag ? QLatin1Char('1') : QLatin1Char('0');
-            QCOMPARE(bench.settingsLeaf(qs("version_control"), qs(op), settings + qs(leaves[leaf]), qs(text)),
-                     qs("version(%1)").arg(expected));
-        }
-    SettingsBench custom;
-    for (int time = 0; time < 2; ++time) // and again when nothing changed
-        QCOMPARE(custom.settingsLeaf(qs("custom_config"), qs(op), settings + qs("custom_config"), qs(text)),
-                 settingsFlag ? qs("custom(1)") : qs("custom(0)"));
-    for (const QString &trap : trapNames())
-        for (const bool before : {false, true}) {
-            SettingsBench bench;
-            if (before)
-                bench.flag(trap, qs("replace"), qs("true"));
-            QCOMPARE(bench.flag(trap, qs(op), qs(text)), qs("trap(|) enabled(%1)").arg(trapFlag ? trap : QString()));
-        }
-}
-
-void TestSnmpSettings::groupWithoutAKnownLeafIsStillHandedOn_data()
-{
-    QTest::addColumn<QString>("ref");
-    QTest::addColumn<QString>("emitted");
-    QTest::newRow("mib2_settings") << qs("mib2_settings") << qs("mib2(||)");
-    QTest::newRow("access_control") << qs("access_control") << qs("access(||||)");
-    QTest::newRow("trap_settings") << qs("trap_settings") << qs("trap(|) enabled()");
-    QTest::newRow("version_control") << qs("version_control") << qs("version(000)");
-    QTest::newRow("custom_config") << qs("custom_config") << QString(); // only when its leaf is there
-}
-
-void TestSnmpSettings::groupWithoutAKnownLeafIsStillHandedOn()
-{
-    QFETCH(QString, ref);
-    QFETCH(QString, emitted);
-
-    SettingsBench bench;
-    for (const char *op : {"create", "replace", "delete", "patch", ""})
-        for (const char *data : {"<another_group><leaf>true</leaf></another_group>", "", "no xml at all",
-                                 "<mib_2_settings><sys_name>x", "<a></b>"})
-            QCOMPARE(bench.change(ref, qs(op), settings + qs("another_group"), qs(data)), emitted);
-}
-
-void TestSnmpSettings::script_data()
-{
-    QTest::addColumn<QString>("steps");
-    for (const Script &script : scripts)
-        QTest::newRow(script.name) << qs(script.steps);
-}
-
-void TestSnmpSettings::script()
-{
-    QFETCH(QString, steps);
-
-    SettingsBench bench;
-    for (const QString &line : steps.split(QLatin1Char('\n'))) {
-        const int arrow = line.indexOf(qs(" ->"));
-        if (arrow < 0)
-            continue;
-        const QStringList words = line.left(arrow).trimmed().split(QLatin1Char(' '));
-        const auto rest = [&](int from) { return words.mid(from).join(QLatin1Char(' ')); };
-        QString emitted;
-        if (words[0] == qs("xml")) {
-            QString data = rest(3);
-            if (data.startsWith(qs("list")))
-                data = listXml(data.mid(4));
-            emitted = bench.change(words[1], words[2], groupPath(words[1]), data);
-        } else if (words[0] == qs("flag")) {
-            emitted = bench.flag(rest(3), words[1], words[2]);
-        } else if (words[0] == qs("gone")) {
-            emitted = bench.change(qs("trap_settings"), qs("delete"), flagPath(rest(1)), QString());
-        } else if (words[0] == qs("one")) {
-            emitted = bench.change(qs("trap_settings"), words[1], flagPath(qs("AC Power Fault")).chopped(8), rest(2));
-        } else {
-            for (const catalogue::Row &row : catalogue::rows("settings"))
-                if (row.text("leaf").endsWith(QLatin1Char('/') + words[2]))
-                    emitted = bench.settingsLeaf(row.text("reference"), words[1], row.text("leaf"), rest(3));
-        }
-        QVERIFY2(emitted == line.mid(arrow + 3).trimmed(), qPrintable(line.trimmed() + qs(", but ") + emitted));
-    }
-}
-
-void TestSnmpSettings::mapHasTwentyKeysWhateverItIsTold()
-{
-    SettingsBench bench;
-    QStringList sorted = trapNames();
-    sorted.sort();
-    bench.change(qs("trap_settings"), qs("replace"), groupPath(qs("trap_settings")), qs("<trap_settings/>"));
-    QCOMPARE(bench.map->keys(), sorted);
-    for (const char *op : {"create", "replace", "delete"}) {
-        bench.change(qs("trap_settings"), qs(op), groupPath(qs("trap_settings")),
-                     listXml(qs("<trap><name>Coffee Machine Fault</name><enabled>true</enabled></trap>")));
-        QCOMPARE(bench.map->keys(), sorted);
-    }
-}
-
-void TestSnmpSettings::createOfEveryName()
-{
-    for (const QString &name : trapNames()) {
         SettingsBench bench;
-        QString list;
-        for (const QString &each : trapNames())
-            list += qs("<trap><name>%1</name><enabled>%2</enabled></trap>")
-                        .arg(each, each == name ? qs("true") : qs("false"));
-        QCOMPARE(bench.change(qs("trap_settings"), qs("create"), groupPath(qs("trap_settings")), listXml(list)),
-                 qs("trap(192.0.2.1|) enabled(%1)").arg(name));
+        const QString name =
+            bench.change(ref, qs("replace"), groupPath(ref), QString()).section(QLatin1Char('('), 0, 0);
+        const auto expected = [&](const QString &value) {
+            QStringList texts;
+            for (int i = 0; i < fields; ++i)
+                texts << (i == field ? value : QString());
+            const QString behind = ref == qs("trap_settings") ? qs(" enabled()") : QString();
+            return qs("%1(%2)%3").arg(name, texts.join(QLatin1Char('|')), behind);
+        };
+        for (const QString &op : {qs("create"), qs("replace")}) {
+            for (const char *text : {"public", " public ", "my  community", "a<b>&\"c", "M\xc3\xbcnchen \xe4\xb8\xad"})
+                QCOMPARE(bench.settingsLeaf(ref, op, path, qs(text)), expected(qs(text)));
+            for (const char *blank : {"   ", " \t\n ", ""}) {
+                bench.settingsLeaf(ref, op, path, qs("before"));
+                QCOMPARE(bench.settingsLeaf(ref, op, path, qs(blank)), expected(QString()));
+            }
+        }
+        bench.settingsLeaf(ref, qs("replace"), path, qs("kept"));
+        for (const char *op : {"patch", "Delete", "Create", ""})
+            QCOMPARE(bench.settingsLeaf(ref, qs(op), path, qs("ignored")), expected(qs("kept")));
+        QCOMPARE(bench.settingsLeaf(ref, qs("delete"), path, qs("kept")), expected(QString()));
     }
-}
 
-void TestSnmpSettings::listOfACreate_data()
-{
-    QTest::addColumn<int>("place");
-    for (int place = 0; place < int(std::size(lists)); ++place)
-        QTest::newRow(lists[place].name) << place;
-}
+    void flagText_data()
+    {
+        QTest::addColumn<int>("place");
+        for (int place = 0; place < int(std::size(flagTexts)); ++place)
+            QTest::newRow(flagTexts[place].name) << place;
+    }
 
-void TestSnmpSettings::listOfACreate()
-{
-    QFETCH(int, place);
+    void flagText()
+    {
+        QFETCH(int, place);
+        const auto &[name, op, text, settingsFlag, trapFlag] = flagTexts[place];
 
-    SettingsBench bench;
-    bench.flag(qs("Fuse Broken"), qs("replace"), qs("true"));
-    QCOMPARE(bench.change(qs("trap_settings"), qs("create"), groupPath(qs("trap_settings")),
-                          listXml(qs(lists[place].traps))),
-             lists[place].enabled ? qs("trap(192.0.2.1|) enabled(Fuse Broken)") : qs("trap(192.0.2.1|) enabled()"));
-    QCOMPARE(bench.map->size(), 20);
-}
+        const char *const leaves[] = {"version_control/version_1", "version_control/version_2c",
+                                      "version_control/version_3"};
+        for (int leaf = 0; leaf < 3; ++leaf)
+            for (const char *before : {"false", "true"}) {
+                SettingsBench bench;
+                for (const char *each : leaves)
+                    bench.settingsLeaf(qs("version_control"), qs("create"), settings + qs(each), qs(before));
+                QString expected = qs(before) == qs("true") ? qs("111") : qs("000");
+                expected[leaf] = settingsFlag ? QLatin1Char('1') : QLatin1Char('0');
+                QCOMPARE(bench.settingsLeaf(qs("version_control"), qs(op), settings + qs(leaves[leaf]), qs(text)),
+                         qs("version(%1)").arg(expected));
+            }
+        SettingsBench custom;
+        for (int time = 0; time < 2; ++time) // and again when nothing changed
+            QCOMPARE(custom.settingsLeaf(qs("custom_config"), qs(op), settings + qs("custom_config"), qs(text)),
+                     settingsFlag ? qs("custom(1)") : qs("custom(0)"));
+        for (const QString &trap : trapNames())
+            for (const bool before : {false, true}) {
+                SettingsBench bench;
+                if (before)
+                    bench.flag(trap, qs("replace"), qs("true"));
+                QCOMPARE(bench.flag(trap, qs(op), qs(text)),
+                         qs("trap(|) enabled(%1)").arg(trapFlag ? trap : QString()));
+            }
+    }
 
-// Intended: each leaf of a "create" first makes its flag false; only the list, read in its own strict way, enables.
-void TestSnmpSettings::firstPassOfACreateSetsFalse()
-{
-    SettingsBench bench;
-    const QString spaced = listXml(qs("<trap>\n<name>Overtemperature</name>\n<enabled>true</enabled>\n</trap>"));
-    const QString group = groupPath(qs("trap_settings"));
-    QCOMPARE(bench.change(qs("trap_settings"), qs("replace"), group, spaced),
-             qs("trap(192.0.2.1|) enabled(Overtemperature)"));
-    QCOMPARE(bench.change(qs("trap_settings"), qs("create"), group, spaced), qs("trap(192.0.2.1|) enabled()"));
-}
+    void groupWithoutAKnownLeafIsStillHandedOn_data()
+    {
+        QTest::addColumn<QString>("ref");
+        QTest::addColumn<QString>("emitted");
+        QTest::newRow("mib2_settings") << qs("mib2_settings") << qs("mib2(||)");
+        QTest::newRow("access_control") << qs("access_control") << qs("access(||||)");
+        QTest::newRow("trap_settings") << qs("trap_settings") << qs("trap(|) enabled()");
+        QTest::newRow("version_control") << qs("version_control") << qs("version(000)");
+        QTest::newRow("custom_config") << qs("custom_config") << QString(); // only when its leaf is there
+    }
+
+    void groupWithoutAKnownLeafIsStillHandedOn()
+    {
+        QFETCH(QString, ref);
+        QFETCH(QString, emitted);
+
+        SettingsBench bench;
+        for (const char *op : {"create", "replace", "delete", "patch", ""})
+            for (const char *data : {"<another_group><leaf>true</leaf></another_group>", "", "no xml at all",
+                                     "<mib_2_settings><sys_name>x", "<a></b>"})
+                QCOMPARE(bench.change(ref, qs(op), settings + qs("another_group"), qs(data)), emitted);
+    }
+
+    void script_data()
+    {
+        QTest::addColumn<QString>("steps");
+        for (const Script &script : scripts)
+            QTest::newRow(script.name) << qs(script.steps);
+    }
+
+    void script()
+    {
+        QFETCH(QString, steps);
+
+        SettingsBench bench;
+        for (const QString &line : steps.split(QLatin1Char('\n'))) {
+            const int arrow = line.indexOf(qs(" ->"));
+            if (arrow < 0)
+                continue;
+            const QStringList words = line.left(arrow).trimmed().split(QLatin1Char(' '));
+            const auto rest = [&](int from) { return words.mid(from).join(QLatin1Char(' ')); };
+            QString emitted;
+            if (words[0] == qs("xml")) {
+                QString data = rest(3);
+                if (data.startsWith(qs("list")))
+                    data = listXml(data.mid(4));
+                emitted = bench.change(words[1], words[2], groupPath(words[1]), data);
+            } else if (words[0] == qs("flag")) {
+                emitted = bench.flag(rest(3), words[1], words[2]);
+            } else if (words[0] == qs("gone")) {
+                emitted = bench.change(qs("trap_settings"), qs("delete"), flagPath(rest(1)), QString());
+            } else if (words[0] == qs("one")) {
+                emitted =
+                    bench.change(qs("trap_settings"), words[1], flagPath(qs("AC Power Fault")).chopped(8), rest(2));
+            } else {
+                for (const catalogue::Row &row : catalogue::rows("settings"))
+                    if (row.text("leaf").endsWith(QLatin1Char('/') + words[2]))
+                        emitted = bench.settingsLeaf(row.text("reference"), words[1], row.text("leaf"), rest(3));
+            }
+            QVERIFY2(emitted == line.mid(arrow + 3).trimmed(), qPrintable(line.trimmed() + qs(", but ") + emitted));
+        }
+    }
+
+    void mapHasTwentyKeysWhateverItIsTold()
+    {
+        SettingsBench bench;
+        QStringList sorted = trapNames();
+        sorted.sort();
+        bench.change(qs("trap_settings"), qs("replace"), groupPath(qs("trap_settings")), qs("<trap_settings/>"));
+        QCOMPARE(bench.map->keys(), sorted);
+        for (const char *op : {"create", "replace", "delete"}) {
+            bench.change(qs("trap_settings"), qs(op), groupPath(qs("trap_settings")),
+                         listXml(qs("<trap><name>Coffee Machine Fault</name><enabled>true</enabled></trap>")));
+            QCOMPARE(bench.map->keys(), sorted);
+        }
+    }
+
+    void createOfEveryName()
+    {
+        for (const QString &name : trapNames()) {
+            SettingsBench bench;
+            QString list;
+            for (const QString &each : trapNames())
+                list += qs("<trap><name>%1</name><enabled>%2</enabled></trap>")
+                            .arg(each, each == name ? qs("true") : qs("false"));
+            QCOMPARE(bench.change(qs("trap_settings"), qs("create"), groupPath(qs("trap_settings")), listXml(list)),
+                     qs("trap(192.0.2.1|) enabled(%1)").arg(name));
+        }
+    }
+
+    void listOfACreate_data()
+    {
+        QTest::addColumn<int>("place");
+        for (int place = 0; place < int(std::size(lists)); ++place)
+            QTest::newRow(lists[place].name) << place;
+    }
+
+    void listOfACreate()
+    {
+        QFETCH(int, place);
+
+        SettingsBench bench;
+        bench.flag(qs("Fuse Broken"), qs("replace"), qs("true"));
+        QCOMPARE(bench.change(qs("trap_settings"), qs("create"), groupPath(qs("trap_settings")),
+                              listXml(qs(lists[place].traps))),
+                 lists[place].enabled ? qs("trap(192.0.2.1|) enabled(Fuse Broken)") : qs("trap(192.0.2.1|) enabled()"));
+        QCOMPARE(bench.map->size(), 20);
+    }
+
+    void firstPassOfACreateSetsFalse()
+    {
+        SettingsBench bench;
+        const QString spaced = listXml(qs("<trap>\n<name>Overtemperature</name>\n<enabled>true</enabled>\n</trap>"));
+        const QString group = groupPath(qs("trap_settings"));
+        QCOMPARE(bench.change(qs("trap_settings"), qs("replace"), group, spaced),
+                 qs("trap(192.0.2.1|) enabled(Overtemperature)"));
+        QCOMPARE(bench.change(qs("trap_settings"), qs("create"), group, spaced), qs("trap(192.0.2.1|) enabled()"));
+    }
+};
 
 const TestEntry entry("tst_snmpsettings", runTest<TestSnmpSettings>);
 #include "tst_snmpsettings.moc"

@@ -97,171 +97,157 @@ class TestStandardStreams : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void unreadPipe();
-    void unreadPipeHoldsWholeLines();
-    void pipeThatIsReadAgainGetsLinesAgain();
-    void linesAreWrittenAtOnce();
-    void closedReader();
-    void unreadSocket();
-    void closedSocket();
-    void unreadTerminal();
-    void closedStreamsAreNotReused();
-    void fileKeepsItsPlaceAndEveryLine();
-    void brokenPipeIsIgnored();
-    void errnoStaysAsItWas_data();
-    void errnoStaysAsItWas();
-};
-
-void TestStandardStreams::unreadPipe()
-{
-    int ends[2];
-    QCOMPARE(pipe2(ends, O_CLOEXEC), 0);
-    QVERIFY(endedItself(runOn(ends[1], printTooMuch)));
-    QVERIFY(!isNonBlocking(ends[1])); // others write to the same pipe as before
-    close(ends[0]);
-    close(ends[1]);
-}
-
-void TestStandardStreams::unreadPipeHoldsWholeLines()
-{
-    int ends[2];
-    QCOMPARE(pipe2(ends, O_CLOEXEC), 0);
-    QVERIFY(endedItself(runOn(ends[1], printTooMuch)));
-    const QByteArray content = available(ends[0]);
-    QVERIFY(content.size() > 4096);
-    QVERIFY(content.endsWith('\n'));
-    QList<QByteArray> lines = content.split('\n');
-    lines.removeLast();
-    for (const QByteArray &line : qAsConst(lines))
-        QCOMPARE(line, QByteArray(longLine));
-    close(ends[0]);
-    close(ends[1]);
-}
-
-void TestStandardStreams::pipeThatIsReadAgainGetsLinesAgain()
-{
-    int ends[2];
-    QCOMPARE(pipe2(ends, O_CLOEXEC), 0);
-    const std::optional<int> status = runOn(ends[1], [&ends] {
-        printTooMuch();
-        available(ends[0]);
-        std::puts("after the jam");
-        qDebug().noquote() << "and a debug line";
-    });
-    QVERIFY(endedItself(status));
-    QCOMPARE(available(ends[0]), QByteArray("after the jam\nand a debug line\n"));
-    close(ends[0]);
-    close(ends[1]);
-}
-
-void TestStandardStreams::linesAreWrittenAtOnce()
-{
-    int ends[2];
-    QCOMPARE(pipe2(ends, O_CLOEXEC), 0);
-    const std::optional<int> status = runOn(ends[1], [&ends] {
-        std::puts("first");
-        if (available(ends[0]) != "first\n")
-            _exit(1);
-    });
-    QVERIFY(endedItself(status));
-    close(ends[0]);
-    close(ends[1]);
-}
-
-void TestStandardStreams::closedReader()
-{
-    int ends[2];
-    QCOMPARE(pipe2(ends, O_CLOEXEC), 0);
-    close(ends[0]);
-    QVERIFY(endedItself(runOn(ends[1], printTooMuch)));
-    close(ends[1]);
-}
-
-void TestStandardStreams::unreadSocket()
-{
-    int ends[2];
-    QCOMPARE(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    QVERIFY(endedItself(runOn(ends[1], printTooMuch)));
-    QVERIFY(available(ends[0]).startsWith(longLine));
-    close(ends[0]);
-    close(ends[1]);
-}
-
-void TestStandardStreams::closedSocket()
-{
-    int ends[2];
-    QCOMPARE(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    close(ends[0]);
-    QVERIFY(endedItself(runOn(ends[1], printTooMuch)));
-    close(ends[1]);
-}
-
-void TestStandardStreams::unreadTerminal()
-{
-    int master = -1;
-    int terminal = -1;
-    QCOMPARE(openpty(&master, &terminal, nullptr, nullptr, nullptr), 0);
-    QVERIFY(endedItself(runOn(terminal, printTooMuch)));
-    QVERIFY(!isNonBlocking(terminal));
-    close(terminal);
-    close(master);
-}
-
-void TestStandardStreams::closedStreamsAreNotReused()
-{
-    const std::optional<int> status = runOn(-1, [] {
+    void unreadPipe()
+    {
         int ends[2];
-        if (pipe2(ends, O_CLOEXEC) != 0 || ends[0] <= STDERR_FILENO)
-            _exit(1);
-        printTooMuch();
-        if (!available(ends[0]).isEmpty())
-            _exit(2);
-    });
-    QVERIFY(endedItself(status));
-}
+        QCOMPARE(pipe2(ends, O_CLOEXEC), 0);
+        QVERIFY(endedItself(runOn(ends[1], printTooMuch)));
+        QVERIFY(!isNonBlocking(ends[1])); // others write to the same pipe as before
+        close(ends[0]);
+        close(ends[1]);
+    }
 
-void TestStandardStreams::fileKeepsItsPlaceAndEveryLine()
-{
-    QTemporaryFile file;
-    QVERIFY(file.open());
-    file.write("before\n");
-    file.flush();
-    QVERIFY(endedItself(runOn(file.handle(), printTooMuch)));
-    file.seek(0);
-    const QByteArray content = file.readAll();
-    QVERIFY(content.startsWith("before\na line"));
-    QCOMPARE(content.count('\n'), 1 + 20000 + 2000);
-}
+    void unreadPipeHoldsWholeLines()
+    {
+        int ends[2];
+        QCOMPARE(pipe2(ends, O_CLOEXEC), 0);
+        QVERIFY(endedItself(runOn(ends[1], printTooMuch)));
+        const QByteArray content = available(ends[0]);
+        QVERIFY(content.size() > 4096);
+        QVERIFY(content.endsWith('\n'));
+        QList<QByteArray> lines = content.split('\n');
+        lines.removeLast();
+        for (const QByteArray &line : qAsConst(lines))
+            QCOMPARE(line, QByteArray(longLine));
+        close(ends[0]);
+        close(ends[1]);
+    }
 
-void TestStandardStreams::brokenPipeIsIgnored()
-{
-    const ChildResult child = inChild([] {
-        prepareStandardStreams();
-        return std::raise(SIGPIPE) == 0 ? 7 : 1;
-    });
-    QVERIFY(child.exitedWith(7));
-}
+    void pipeThatIsReadAgainGetsLinesAgain()
+    {
+        int ends[2];
+        QCOMPARE(pipe2(ends, O_CLOEXEC), 0);
+        const std::optional<int> status = runOn(ends[1], [&ends] {
+            printTooMuch();
+            available(ends[0]);
+            std::puts("after the jam");
+            qDebug().noquote() << "and a debug line";
+        });
+        QVERIFY(endedItself(status));
+        QCOMPARE(available(ends[0]), QByteArray("after the jam\nand a debug line\n"));
+        close(ends[0]);
+        close(ends[1]);
+    }
 
-void TestStandardStreams::errnoStaysAsItWas_data()
-{
-    QTest::addColumn<bool>("areClosed");
+    void linesAreWrittenAtOnce()
+    {
+        int ends[2];
+        QCOMPARE(pipe2(ends, O_CLOEXEC), 0);
+        const std::optional<int> status = runOn(ends[1], [&ends] {
+            std::puts("first");
+            if (available(ends[0]) != "first\n")
+                _exit(1);
+        });
+        QVERIFY(endedItself(status));
+        close(ends[0]);
+        close(ends[1]);
+    }
 
-    QTest::newRow("files") << false;
-    QTest::newRow("closed streams") << true;
-}
+    void closedReader()
+    {
+        int ends[2];
+        QCOMPARE(pipe2(ends, O_CLOEXEC), 0);
+        close(ends[0]);
+        QVERIFY(endedItself(runOn(ends[1], printTooMuch)));
+        close(ends[1]);
+    }
 
-void TestStandardStreams::errnoStaysAsItWas()
-{
-    QFETCH(bool, areClosed);
+    void unreadSocket()
+    {
+        int ends[2];
+        QCOMPARE(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        QVERIFY(endedItself(runOn(ends[1], printTooMuch)));
+        QVERIFY(available(ends[0]).startsWith(longLine));
+        close(ends[0]);
+        close(ends[1]);
+    }
 
-    QTemporaryFile file;
-    QVERIFY(file.open());
-    const std::optional<int> status = runOn(areClosed ? -1 : file.handle(), [] {
-        if (errno != errnoBefore)
-            _exit(1);
-    });
-    QVERIFY(endedItself(status));
-}
+    void closedSocket()
+    {
+        int ends[2];
+        QCOMPARE(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        close(ends[0]);
+        QVERIFY(endedItself(runOn(ends[1], printTooMuch)));
+        close(ends[1]);
+    }
+
+    void unreadTerminal()
+    {
+        int master = -1;
+        int terminal = -1;
+        QCOMPARE(openpty(&master, &terminal, nullptr, nullptr, nullptr), 0);
+        QVERIFY(endedItself(runOn(terminal, printTooMuch)));
+        QVERIFY(!isNonBlocking(terminal));
+        close(terminal);
+        close(master);
+    }
+
+    void closedStreamsAreNotReused()
+    {
+        const std::optional<int> status = runOn(-1, [] {
+            int ends[2];
+            if (pipe2(ends, O_CLOEXEC) != 0 || ends[0] <= STDERR_FILENO)
+                _exit(1);
+            printTooMuch();
+            if (!available(ends[0]).isEmpty())
+                _exit(2);
+        });
+        QVERIFY(endedItself(status));
+    }
+
+    void fileKeepsItsPlaceAndEveryLine()
+    {
+        QTemporaryFile file;
+        QVERIFY(file.open());
+        file.write("before\n");
+        file.flush();
+        QVERIFY(endedItself(runOn(file.handle(), printTooMuch)));
+        file.seek(0);
+        const QByteArray content = file.readAll();
+        QVERIFY(content.startsWith("before\na line"));
+        QCOMPARE(content.count('\n'), 1 + 20000 + 2000);
+    }
+
+    void brokenPipeIsIgnored()
+    {
+        const ChildResult child = inChild([] {
+            prepareStandardStreams();
+            return std::raise(SIGPIPE) == 0 ? 7 : 1;
+        });
+        QVERIFY(child.exitedWith(7));
+    }
+
+    void errnoStaysAsItWas_data()
+    {
+        QTest::addColumn<bool>("areClosed");
+
+        QTest::newRow("files") << false;
+        QTest::newRow("closed streams") << true;
+    }
+
+    void errnoStaysAsItWas()
+    {
+        QFETCH(bool, areClosed);
+
+        QTemporaryFile file;
+        QVERIFY(file.open());
+        const std::optional<int> status = runOn(areClosed ? -1 : file.handle(), [] {
+            if (errno != errnoBefore)
+                _exit(1);
+        });
+        QVERIFY(endedItself(status));
+    }
+};
 
 const TestEntry entry("tst_standardstreams", runTest<TestStandardStreams>);
 #include "tst_standardstreams.moc"

@@ -159,167 +159,155 @@ class TestStreamLimit : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void requestsArriveUnlessTheyAreTooLong_data();
-    void requestsArriveUnlessTheyAreTooLong();
-    void theMessagesAroundArrive_data();
-    void theMessagesAroundArrive();
-    void aLengthThatTheLibraryCannotCountEndsTheConnection();
-    void aMasterThatDoesNotAnswerIsLeft();
-    void whatTheMasterDoesNotReadIsQueued();
-    void theEndOfTheStreamIsPassedOn();
-    void aNewConnectionBeginsWithAMessage();
-    void answersPassUnlessTheyAreTooLong_data();
-    void answersPassUnlessTheyAreTooLong();
-};
-
-void TestStreamLimit::requestsArriveUnlessTheyAreTooLong_data()
-{
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<bool>("arrives");
-    QTest::addColumn<QByteArray>("answer");
-    const QByteArray none;
-    QTest::newRow("a ping") << message(ping, 20) << true << none;
-    QTest::newRow("a Get of one name") << message(get, 100) << true << none;
-    QTest::newRow("a Get at the limit") << message(get, longestMessage) << true << none;
-    QTest::newRow("a Get beyond it") << message(get, longestMessage + 4) << false << refusal();
-    QTest::newRow("a GetNext beyond it") << message(getNext, longestMessage + 1) << false << refusal();
-    QTest::newRow("a GetBulk far beyond it") << message(getBulk, 5 * longestMessage) << false << refusal();
-    QTest::newRow("a TestSet beyond it") << message(testSet, longestMessage + 4) << false << refusal();
-    QTest::newRow("a CleanupSet, which has no answer") << message(cleanupSet, longestMessage + 4) << false << none;
-    QTest::newRow("a response") << message(response, longestMessage + 4) << false << none;
-    QTest::newRow("at the limit, big endian") << message(get, longestMessage, true) << true << none;
-    QTest::newRow("beyond it, big endian") << message(get, longestMessage + 4, true) << false << refusal(true);
-}
-
-void TestStreamLimit::requestsArriveUnlessTheyAreTooLong()
-{
-    QFETCH(QByteArray, bytes);
-    QFETCH(bool, arrives);
-    QFETCH(QByteArray, answer);
-    for (const int partSize : {1, 7, 19, 20, 21, 4096, 65536, bytes.size()}) {
-        Stream stream;
-        QCOMPARE(stream.received(bytes, partSize), arrives ? bytes : QByteArray());
-        QCOMPARE(stream.sent(), answer);
+    void requestsArriveUnlessTheyAreTooLong_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<bool>("arrives");
+        QTest::addColumn<QByteArray>("answer");
+        const QByteArray none;
+        QTest::newRow("a ping") << message(ping, 20) << true << none;
+        QTest::newRow("a Get of one name") << message(get, 100) << true << none;
+        QTest::newRow("a Get at the limit") << message(get, longestMessage) << true << none;
+        QTest::newRow("a Get beyond it") << message(get, longestMessage + 4) << false << refusal();
+        QTest::newRow("a GetNext beyond it") << message(getNext, longestMessage + 1) << false << refusal();
+        QTest::newRow("a GetBulk far beyond it") << message(getBulk, 5 * longestMessage) << false << refusal();
+        QTest::newRow("a TestSet beyond it") << message(testSet, longestMessage + 4) << false << refusal();
+        QTest::newRow("a CleanupSet, which has no answer") << message(cleanupSet, longestMessage + 4) << false << none;
+        QTest::newRow("a response") << message(response, longestMessage + 4) << false << none;
+        QTest::newRow("at the limit, big endian") << message(get, longestMessage, true) << true << none;
+        QTest::newRow("beyond it, big endian") << message(get, longestMessage + 4, true) << false << refusal(true);
     }
-}
 
-void TestStreamLimit::theMessagesAroundArrive_data()
-{
-    QTest::addColumn<int>("partSize");
-    for (const int size : {1, 3, 20, 50, 1000, 4096, 65536, 1000000})
-        QTest::addRow("in parts of %d", size) << size;
-}
-
-void TestStreamLimit::theMessagesAroundArrive()
-{
-    QFETCH(int, partSize);
-    const QByteArray tooLong = message(getNext, longestMessage + 1000);
-    const QByteArray first = message(get, 60);
-    const QByteArray second = message(ping, 20, true);
-    const QByteArray third = message(getNext, longestMessage);
-    Stream stream;
-    QCOMPARE(stream.received(first + tooLong + second + tooLong + tooLong + third + first, partSize),
-             first + second + third + first);
-    QCOMPARE(stream.sent(), refusal() + refusal() + refusal());
-}
-
-void TestStreamLimit::aLengthThatTheLibraryCannotCountEndsTheConnection()
-{
-    QByteArray bytes = message(get, 30);
-    bytes.replace(16, 4, "\xff\xff\xff\xff");
-    Stream stream;
-    QCOMPARE(stream.received(message(get, 40) + bytes, 100), message(get, 40));
-    QCOMPARE(stream.sent(), QByteArray());
-    QVERIFY(stream.isShutDown());
-}
-
-void TestStreamLimit::aMasterThatDoesNotAnswerIsLeft()
-{
-    Stream stream;
-    for (int answered = 0; answered < 2; ++answered) {
-        for (int asked = 0; asked < mostUnanswered; ++asked) {
-            QCOMPARE(stream.sentOf(message(ping, 20)), message(ping, 20));
-            QCOMPARE(stream.sentOf(message(notify, 60)), message(notify, 60)); // nobody waits for its answer
-            QCOMPARE(stream.sentOf(message(response, 60)), message(response, 60));
+    void requestsArriveUnlessTheyAreTooLong()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(bool, arrives);
+        QFETCH(QByteArray, answer);
+        for (const int partSize : {1, 7, 19, 20, 21, 4096, 65536, bytes.size()}) {
+            Stream stream;
+            QCOMPARE(stream.received(bytes, partSize), arrives ? bytes : QByteArray());
+            QCOMPARE(stream.sent(), answer);
         }
-        if (answered == 0)
-            stream.received(message(response, 28), 28);
     }
-    QVERIFY(!stream.isShutDown());
-    QCOMPARE(stream.sentOf(message(ping, 20)), QByteArray());
-    QCOMPARE(stream.last(), -1);
-    QVERIFY(stream.isShutDown());
-}
 
-void TestStreamLimit::whatTheMasterDoesNotReadIsQueued()
-{
-    Stream stream;
-    stream.connectToMaster();
-    std::mt19937 random(20261122); // NOLINT(cert-msc51-cpp): the same in each run
-    QByteArray sent;
-    while (queuedOutput() <= mostQueued) {
-        const QByteArray bytes = message(response, 28 + 4 * (random() % 10000));
-        stream.sentOf(bytes);
-        QCOMPARE(stream.last(), bytes.size());
-        sent += bytes;
+    void theMessagesAroundArrive_data()
+    {
+        QTest::addColumn<int>("partSize");
+        for (const int size : {1, 3, 20, 50, 1000, 4096, 65536, 1000000})
+            QTest::addRow("in parts of %d", size) << size;
     }
-    // Requests are refused as long as the queue is so long. The refusal is queued, too.
-    QCOMPARE(stream.received(message(get, 60) + message(ping, 20), 80), message(ping, 20));
-    sent += refusal();
-    QByteArray read;
-    while (read.size() < sent.size()) {
-        read += stream.readByMaster();
-        flushOutput();
+
+    void theMessagesAroundArrive()
+    {
+        QFETCH(int, partSize);
+        const QByteArray tooLong = message(getNext, longestMessage + 1000);
+        const QByteArray first = message(get, 60);
+        const QByteArray second = message(ping, 20, true);
+        const QByteArray third = message(getNext, longestMessage);
+        Stream stream;
+        QCOMPARE(stream.received(first + tooLong + second + tooLong + tooLong + third + first, partSize),
+                 first + second + third + first);
+        QCOMPARE(stream.sent(), refusal() + refusal() + refusal());
     }
-    QCOMPARE(read, sent);
-    QCOMPARE(queuedOutput(), std::size_t{0});
-    QVERIFY(!flushOutput());
-    QCOMPARE(stream.received(message(get, 60), 60), message(get, 60));
-}
 
-void TestStreamLimit::theEndOfTheStreamIsPassedOn()
-{
-    Stream stream;
-    stream.received(message(get, 60).left(10), 10); // a part of a header is not the end
-    QCOMPARE(stream.last(), 0);
-    QVERIFY((stream.flags() & NETSNMP_TRANSPORT_FLAG_EMPTY_PKT) != 0);
-    for (const int end : {0, -1}) {
-        Stream::s_end = end;
-        stream.readOnce();
-        QCOMPARE(stream.last(), end);
-        QVERIFY((stream.flags() & NETSNMP_TRANSPORT_FLAG_EMPTY_PKT) == 0);
+    void aLengthThatTheLibraryCannotCountEndsTheConnection()
+    {
+        QByteArray bytes = message(get, 30);
+        bytes.replace(16, 4, "\xff\xff\xff\xff");
+        Stream stream;
+        QCOMPARE(stream.received(message(get, 40) + bytes, 100), message(get, 40));
+        QCOMPARE(stream.sent(), QByteArray());
+        QVERIFY(stream.isShutDown());
     }
-}
 
-void TestStreamLimit::aNewConnectionBeginsWithAMessage()
-{
-    Stream former;
-    former.received(message(get, longestMessage + 4).left(30000), 4096);
-    Stream next;
-    QCOMPARE(next.received(message(get, 60), 4096), message(get, 60));
-}
+    void aMasterThatDoesNotAnswerIsLeft()
+    {
+        Stream stream;
+        for (int answered = 0; answered < 2; ++answered) {
+            for (int asked = 0; asked < mostUnanswered; ++asked) {
+                QCOMPARE(stream.sentOf(message(ping, 20)), message(ping, 20));
+                QCOMPARE(stream.sentOf(message(notify, 60)), message(notify, 60)); // nobody waits for its answer
+                QCOMPARE(stream.sentOf(message(response, 60)), message(response, 60));
+            }
+            if (answered == 0)
+                stream.received(message(response, 28), 28);
+        }
+        QVERIFY(!stream.isShutDown());
+        QCOMPARE(stream.sentOf(message(ping, 20)), QByteArray());
+        QCOMPARE(stream.last(), -1);
+        QVERIFY(stream.isShutDown());
+    }
 
-void TestStreamLimit::answersPassUnlessTheyAreTooLong_data()
-{
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<QByteArray>("passes");
-    const QByteArray longest = message(response, longestMessage);
-    const QByteArray trap = message(12, longestMessage + 4); // Notify: not an answer, so not to be refused
-    QTest::newRow("an answer of one name") << message(response, 100) << message(response, 100);
-    QTest::newRow("an answer at the limit") << longest << longest;
-    QTest::newRow("an answer beyond it") << message(response, longestMessage + 4) << refusal();
-    QTest::newRow("beyond it, big endian") << message(response, longestMessage + 4, true) << refusal(true);
-    QTest::newRow("a notification beyond it") << trap << trap;
-}
+    void whatTheMasterDoesNotReadIsQueued()
+    {
+        Stream stream;
+        stream.connectToMaster();
+        std::mt19937 random(20261122); // NOLINT(cert-msc51-cpp): the same in each run
+        QByteArray sent;
+        while (queuedOutput() <= mostQueued) {
+            const QByteArray bytes = message(response, 28 + 4 * (random() % 10000));
+            stream.sentOf(bytes);
+            QCOMPARE(stream.last(), bytes.size());
+            sent += bytes;
+        }
+        // Requests are refused as long as the queue is so long. The refusal is queued, too.
+        QCOMPARE(stream.received(message(get, 60) + message(ping, 20), 80), message(ping, 20));
+        sent += refusal();
+        QByteArray read;
+        while (read.size() < sent.size()) {
+            read += stream.readByMaster();
+            flushOutput();
+        }
+        QCOMPARE(read, sent);
+        QCOMPARE(queuedOutput(), std::size_t{0});
+        QVERIFY(!flushOutput());
+        QCOMPARE(stream.received(message(get, 60), 60), message(get, 60));
+    }
 
-void TestStreamLimit::answersPassUnlessTheyAreTooLong()
-{
-    QFETCH(QByteArray, bytes);
-    QFETCH(QByteArray, passes);
-    Stream stream;
-    QCOMPARE(stream.sentOf(bytes), passes);
-    QCOMPARE(stream.last(), bytes.size()); // for the library it is sent
-}
+    void theEndOfTheStreamIsPassedOn()
+    {
+        Stream stream;
+        stream.received(message(get, 60).left(10), 10); // a part of a header is not the end
+        QCOMPARE(stream.last(), 0);
+        QVERIFY((stream.flags() & NETSNMP_TRANSPORT_FLAG_EMPTY_PKT) != 0);
+        for (const int end : {0, -1}) {
+            Stream::s_end = end;
+            stream.readOnce();
+            QCOMPARE(stream.last(), end);
+            QVERIFY((stream.flags() & NETSNMP_TRANSPORT_FLAG_EMPTY_PKT) == 0);
+        }
+    }
+
+    void aNewConnectionBeginsWithAMessage()
+    {
+        Stream former;
+        former.received(message(get, longestMessage + 4).left(30000), 4096);
+        Stream next;
+        QCOMPARE(next.received(message(get, 60), 4096), message(get, 60));
+    }
+
+    void answersPassUnlessTheyAreTooLong_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QByteArray>("passes");
+        const QByteArray longest = message(response, longestMessage);
+        const QByteArray trap = message(12, longestMessage + 4); // Notify: not an answer, so not to be refused
+        QTest::newRow("an answer of one name") << message(response, 100) << message(response, 100);
+        QTest::newRow("an answer at the limit") << longest << longest;
+        QTest::newRow("an answer beyond it") << message(response, longestMessage + 4) << refusal();
+        QTest::newRow("beyond it, big endian") << message(response, longestMessage + 4, true) << refusal(true);
+        QTest::newRow("a notification beyond it") << trap << trap;
+    }
+
+    void answersPassUnlessTheyAreTooLong()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QByteArray, passes);
+        Stream stream;
+        QCOMPARE(stream.sentOf(bytes), passes);
+        QCOMPARE(stream.last(), bytes.size()); // for the library it is sent
+    }
+};
 
 const TestEntry entry("tst_streamlimit", runTest<TestStreamLimit>);
 #include "tst_streamlimit.moc"

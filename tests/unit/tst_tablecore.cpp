@@ -103,151 +103,139 @@ class TestTableCore : public QObject {
 
 private Q_SLOTS:
     void initTestCase() { benchRows.use(goodSet); }
-    void rowSetsGoByModel();
-    void rowsAreChainedInOrder();
-    void refillWithoutARecordChangesNothing();
-    void cellsHaveTheirTypes();
-    void textsAreNeverPadded();
-    void textsAreCutToTheirField();
-    void aMissingRowIsNoSuchInstance();
-    void aColumnOutsideIsNoSuchObject();
-    void otherModesTouchNothing_data();
-    void otherModesTouchNothing();
-    void missingTableInformationEndsThePdu();
+    void rowSetsGoByModel()
+    {
+        QVERIFY(rowSetOf(rowSets) == nullptr); // no agent, no model
+        KvAgent agent = {};
+        kvAgent = &agent;
+        for (const auto &[model, rowSet] :
+             {std::pair{6720U, &rowSets[0]}, {6410U, &rowSets[1]}, {6425U, nullptr}, {1U, nullptr}}) {
+            agent.modelNumber = model;
+            QCOMPARE(rowSetOf(rowSets), rowSet);
+        }
+        kvAgent = nullptr;
+    }
+
+    void rowsAreChainedInOrder()
+    {
+        QCOMPARE(benchRows.count(), 3U);
+        QList<uint> indices;
+        QList<std::size_t> sources;
+        for (const TableRow *row = benchRows.first(); row != nullptr; row = row->next) {
+            indices.append(row->index);
+            sources.append(row->source);
+            QCOMPARE(row->status, 1U);
+        }
+        QCOMPARE(indices, (QList<uint>{1, 3, 4}));
+        QCOMPARE(sources, (QList<std::size_t>{2, 0, 1}));
+    }
+
+    void refillWithoutARecordChangesNothing()
+    {
+        const std::uint32_t before = benchRows.first()->values;
+        copyRecord(bench); // no agent
+        KvAgent agent = {};
+        kvAgent = &agent;
+        copyRecord(bench);
+        kvAgent = nullptr;
+        QCOMPARE(benchRows.first()->values, before);
+    }
+
+    void cellsHaveTheirTypes()
+    {
+        benchRows.first()->values = 4000000000U; // a Gauge32 has no sign
+        Request index(benchRows.first(), 1);
+        Request description(benchRows.first(), 2);
+        Request number(benchRows.first(), 3);
+        Request fixed(benchRows.first(), 4);
+        description.follow(index);
+        number.follow(description);
+        fixed.follow(number);
+        QCOMPARE(serve(index), int{SNMP_ERR_NOERROR});
+        QCOMPARE(index.type(), u_char{ASN_INTEGER});
+        QCOMPARE(index.number(), 1L);
+        QCOMPARE(description.type(), u_char{ASN_OCTET_STR});
+        QCOMPARE(description.text(), QByteArray("one"));
+        QCOMPARE(number.type(), u_char{ASN_GAUGE});
+        QCOMPARE(static_cast<std::uint32_t>(number.number()), 4000000000U);
+        QCOMPARE(fixed.type(), u_char{ASN_OCTET_STR});
+        QCOMPARE(fixed.text(), QByteArray("fixed"));
+    }
+
+    void textsAreNeverPadded()
+    {
+        BenchRows rows;
+        rows.use(namelessSet);
+        Request request(rows.first(), 2);
+        QCOMPARE(serve(request), int{SNMP_ERR_NOERROR});
+        QCOMPARE(request.type(), u_char{ASN_OCTET_STR});
+        QCOMPARE(request.text(), QByteArray(""));
+    }
+
+    void textsAreCutToTheirField()
+    {
+        RowText<8> field = {};
+        setText(field, "0123456789");
+        QCOMPARE(field.length, 7U);
+        QCOMPARE(QByteArray(field.text), QByteArray("0123456"));
+    }
+
+    void aMissingRowIsNoSuchInstance()
+    {
+        for (const unsigned int column : {1U, 4U}) {
+            Request request(nullptr, column);
+            QCOMPARE(serve(request), int{SNMP_ERR_NOERROR});
+            QCOMPARE(request.type(), u_char{SNMP_NOSUCHINSTANCE});
+        }
+    }
+
+    void aColumnOutsideIsNoSuchObject()
+    {
+        for (const unsigned int column : {0U, 5U, 4000000000U}) {
+            Request request(benchRows.first(), column);
+            QCOMPARE(serve(request), int{SNMP_ERR_NOERROR});
+            QCOMPARE(request.type(), u_char{SNMP_NOSUCHOBJECT});
+        }
+    }
+
+    void otherModesTouchNothing_data()
+    {
+        QTest::addColumn<int>("mode");
+        QTest::newRow("GETNEXT") << int{MODE_GETNEXT};
+        QTest::newRow("GETBULK") << int{MODE_GETBULK};
+        QTest::newRow("SET, first step") << int{MODE_SET_RESERVE1};
+        QTest::newRow("SET, action") << int{MODE_SET_ACTION};
+        QTest::newRow("none at all") << 12345;
+    }
+
+    void otherModesTouchNothing()
+    {
+        QFETCH(int, mode);
+        Request request(benchRows.first(), 1);
+        Request bad(nullptr, 9, false);
+        bad.follow(request);
+        QCOMPARE(serve(request, mode), 0);
+        QCOMPARE(request.type(), u_char{ASN_NULL});
+        QCOMPARE(bad.type(), u_char{ASN_NULL});
+    }
+
+    void missingTableInformationEndsThePdu()
+    {
+        Request before(benchRows.first(), 1);
+        Request bad(benchRows.first(), 1, false);
+        Request behind(benchRows.first(), 1);
+        bad.follow(before);
+        behind.follow(bad);
+        int result = 0;
+        const QStringList lines = printed([&] { result = serve(before); });
+        QCOMPARE(result, 3);
+        QCOMPARE(lines,
+                 QStringList{QStringLiteral("benchTable_handler() ERROR extracting table_info. table_info was NULL ")});
+        QCOMPARE(before.type(), u_char{ASN_INTEGER});
+        QCOMPARE(bad.type(), u_char{SNMP_NOSUCHOBJECT});
+        QCOMPARE(behind.type(), u_char{ASN_NULL});
+    }
 };
-
-void TestTableCore::rowSetsGoByModel()
-{
-    QVERIFY(rowSetOf(rowSets) == nullptr); // no agent, no model
-    KvAgent agent = {};
-    kvAgent = &agent;
-    for (const auto &[model, rowSet] :
-         {std::pair{6720U, &rowSets[0]}, {6410U, &rowSets[1]}, {6425U, nullptr}, {1U, nullptr}}) {
-        agent.modelNumber = model;
-        QCOMPARE(rowSetOf(rowSets), rowSet);
-    }
-    kvAgent = nullptr;
-}
-
-void TestTableCore::rowsAreChainedInOrder()
-{
-    QCOMPARE(benchRows.count(), 3U);
-    QList<uint> indices;
-    QList<std::size_t> sources;
-    for (const TableRow *row = benchRows.first(); row != nullptr; row = row->next) {
-        indices.append(row->index);
-        sources.append(row->source);
-        QCOMPARE(row->status, 1U);
-    }
-    QCOMPARE(indices, (QList<uint>{1, 3, 4}));
-    QCOMPARE(sources, (QList<std::size_t>{2, 0, 1}));
-}
-
-void TestTableCore::refillWithoutARecordChangesNothing()
-{
-    const std::uint32_t before = benchRows.first()->values;
-    copyRecord(bench); // no agent
-    KvAgent agent = {};
-    kvAgent = &agent;
-    copyRecord(bench);
-    kvAgent = nullptr;
-    QCOMPARE(benchRows.first()->values, before);
-}
-
-void TestTableCore::cellsHaveTheirTypes()
-{
-    benchRows.first()->values = 4000000000U; // a Gauge32 has no sign
-    Request index(benchRows.first(), 1);
-    Request description(benchRows.first(), 2);
-    Request number(benchRows.first(), 3);
-    Request fixed(benchRows.first(), 4);
-    description.follow(index);
-    number.follow(description);
-    fixed.follow(number);
-    QCOMPARE(serve(index), int{SNMP_ERR_NOERROR});
-    QCOMPARE(index.type(), u_char{ASN_INTEGER});
-    QCOMPARE(index.number(), 1L);
-    QCOMPARE(description.type(), u_char{ASN_OCTET_STR});
-    QCOMPARE(description.text(), QByteArray("one"));
-    QCOMPARE(number.type(), u_char{ASN_GAUGE});
-    QCOMPARE(static_cast<std::uint32_t>(number.number()), 4000000000U);
-    QCOMPARE(fixed.type(), u_char{ASN_OCTET_STR});
-    QCOMPARE(fixed.text(), QByteArray("fixed"));
-}
-
-void TestTableCore::textsAreNeverPadded()
-{
-    BenchRows rows;
-    rows.use(namelessSet);
-    Request request(rows.first(), 2);
-    QCOMPARE(serve(request), int{SNMP_ERR_NOERROR});
-    QCOMPARE(request.type(), u_char{ASN_OCTET_STR});
-    QCOMPARE(request.text(), QByteArray(""));
-}
-
-void TestTableCore::textsAreCutToTheirField()
-{
-    RowText<8> field = {};
-    setText(field, "0123456789");
-    QCOMPARE(field.length, 7U);
-    QCOMPARE(QByteArray(field.text), QByteArray("0123456"));
-}
-
-void TestTableCore::aMissingRowIsNoSuchInstance()
-{
-    for (const unsigned int column : {1U, 4U}) {
-        Request request(nullptr, column);
-        QCOMPARE(serve(request), int{SNMP_ERR_NOERROR});
-        QCOMPARE(request.type(), u_char{SNMP_NOSUCHINSTANCE});
-    }
-}
-
-void TestTableCore::aColumnOutsideIsNoSuchObject()
-{
-    for (const unsigned int column : {0U, 5U, 4000000000U}) {
-        Request request(benchRows.first(), column);
-        QCOMPARE(serve(request), int{SNMP_ERR_NOERROR});
-        QCOMPARE(request.type(), u_char{SNMP_NOSUCHOBJECT});
-    }
-}
-
-void TestTableCore::otherModesTouchNothing_data()
-{
-    QTest::addColumn<int>("mode");
-    QTest::newRow("GETNEXT") << int{MODE_GETNEXT};
-    QTest::newRow("GETBULK") << int{MODE_GETBULK};
-    QTest::newRow("SET, first step") << int{MODE_SET_RESERVE1};
-    QTest::newRow("SET, action") << int{MODE_SET_ACTION};
-    QTest::newRow("none at all") << 12345;
-}
-
-void TestTableCore::otherModesTouchNothing()
-{
-    QFETCH(int, mode);
-    Request request(benchRows.first(), 1);
-    Request bad(nullptr, 9, false);
-    bad.follow(request);
-    QCOMPARE(serve(request, mode), 0);
-    QCOMPARE(request.type(), u_char{ASN_NULL});
-    QCOMPARE(bad.type(), u_char{ASN_NULL});
-}
-
-void TestTableCore::missingTableInformationEndsThePdu()
-{
-    Request before(benchRows.first(), 1);
-    Request bad(benchRows.first(), 1, false);
-    Request behind(benchRows.first(), 1);
-    bad.follow(before);
-    behind.follow(bad);
-    int result = 0;
-    const QStringList lines = printed([&] { result = serve(before); });
-    QCOMPARE(result, 3);
-    QCOMPARE(lines,
-             QStringList{QStringLiteral("benchTable_handler() ERROR extracting table_info. table_info was NULL ")});
-    QCOMPARE(before.type(), u_char{ASN_INTEGER});
-    QCOMPARE(bad.type(), u_char{SNMP_NOSUCHOBJECT});
-    QCOMPARE(behind.type(), u_char{ASN_NULL});
-}
 
 const TestEntry entry("tst_tablecore", runTest<TestTableCore>);
 #include "tst_tablecore.moc"

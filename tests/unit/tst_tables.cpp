@@ -134,78 +134,73 @@ void compareWalks(const QStringList &walk, const QStringList &expected)
 }
 } // namespace
 
+// One at a time and with GETBULK: the same walk.
+
 class TestTables : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void everyObjectOfEveryModel_data();
-    void everyObjectOfEveryModel();
-    void rowsStartWithTheirStartingValues_data() { everyObjectOfEveryModel_data(); }
-    void rowsStartWithTheirStartingValues();
-    void nothingIsServedOnAnUnknownModel();
-    void lettersOfADescriptionMatter();
-};
+    void everyObjectOfEveryModel_data()
+    {
+        QTest::addColumn<uint>("model");
+        QTest::addColumn<QByteArray>("text");
+        const QVector<uint> models = catalogue::models();
+        for (const uint model : models)
+            for (const char *text : {ordinary, compact, extended})
+                QTest::addRow("%u %s", model, text) << model << QByteArray(text);
+    }
 
-void TestTables::everyObjectOfEveryModel_data()
-{
-    QTest::addColumn<uint>("model");
-    QTest::addColumn<QByteArray>("text");
-    const QVector<uint> models = catalogue::models();
-    for (const uint model : models)
-        for (const char *text : {ordinary, compact, extended})
-            QTest::addRow("%u %s", model, text) << model << QByteArray(text);
-}
+    void everyObjectOfEveryModel()
+    {
+        QFETCH(uint, model);
+        QFETCH(QByteArray, text);
 
-// One at a time and with GETBULK: the same walk.
-void TestTables::everyObjectOfEveryModel()
-{
-    QFETCH(uint, model);
-    QFETCH(QByteArray, text);
-
-    const TableRecords telling = recordfields::telling();
-    const QStringList expected = expectedWalk(model, text != ordinary, &telling);
-    const QVector<int> repetitions = text == extended ? QVector<int>{0} : QVector<int>{0, 1, 10, 25, 50};
-    const QStringList walks = answersOf(model, text, [&repetitions] {
+        const TableRecords telling = recordfields::telling();
+        const QStringList expected = expectedWalk(model, text != ordinary, &telling);
+        const QVector<int> repetitions = text == extended ? QVector<int>{0} : QVector<int>{0, 1, 10, 25, 50};
+        const QStringList walks = answersOf(model, text, [&repetitions] {
+            QStringList all;
+            for (const int each : repetitions)
+                all << snmpWalk(QStringLiteral("3"), each);
+            return all;
+        });
         QStringList all;
-        for (const int each : repetitions)
-            all << snmpWalk(QStringLiteral("3"), each);
-        return all;
-    });
-    QStringList all;
-    for (int walk = 0; walk < repetitions.size(); ++walk)
-        all << expected;
-    compareWalks(walks, all);
-}
+        for (int walk = 0; walk < repetitions.size(); ++walk)
+            all << expected;
+        compareWalks(walks, all);
+    }
 
-void TestTables::rowsStartWithTheirStartingValues()
-{
-    QFETCH(uint, model);
-    QFETCH(QByteArray, text);
+    void rowsStartWithTheirStartingValues_data() { everyObjectOfEveryModel_data(); }
+    void rowsStartWithTheirStartingValues()
+    {
+        QFETCH(uint, model);
+        QFETCH(QByteArray, text);
 
-    const QStringList walk = printedInOwnProcess([&] {
-        QStringList answers;
-        {
-            StandardOutput progress;
-            kaAgentStart(model, startedAmpType, text); // no record is handed over: every load fails
-            answers = snmpWalk(QStringLiteral("3"));
-        }
-        std::puts(qPrintable(answers.join(QLatin1Char('\n'))));
-    });
-    compareWalks(walk.mid(7), expectedWalk(model, text != ordinary, nullptr).mid(7)); // behind the information
-}
+        const QStringList walk = printedInOwnProcess([&] {
+            QStringList answers;
+            {
+                StandardOutput progress;
+                kaAgentStart(model, startedAmpType, text); // no record is handed over: every load fails
+                answers = snmpWalk(QStringLiteral("3"));
+            }
+            std::puts(qPrintable(answers.join(QLatin1Char('\n'))));
+        });
+        compareWalks(walk.mid(7), expectedWalk(model, text != ordinary, nullptr).mid(7)); // behind the information
+    }
 
-void TestTables::nothingIsServedOnAnUnknownModel()
-{
-    QCOMPARE(answersOf(6412, compact, [] { return snmpWalk(QStringLiteral("3")); }), QStringList());
-}
+    void nothingIsServedOnAnUnknownModel()
+    {
+        QCOMPARE(answersOf(6412, compact, [] { return snmpWalk(QStringLiteral("3")); }), QStringList());
+    }
 
-void TestTables::lettersOfADescriptionMatter()
-{
-    for (const char *text : {"orvane Brisel Compact - IP-QRM-B", "Orvane Brisel Compact - IP-QRM-B ", "",
-                             static_cast<const char *>(nullptr)})
-        QCOMPARE(answersOf(6211, text, [] { return snmpGet({QStringLiteral("3.9.1.0")}); }),
-                 QStringList{QStringLiteral("3.9.1.0 INTEGER 6")});
-}
+    void lettersOfADescriptionMatter()
+    {
+        for (const char *text : {"orvane Brisel Compact - IP-QRM-B", "Orvane Brisel Compact - IP-QRM-B ", "",
+                                 static_cast<const char *>(nullptr)})
+            QCOMPARE(answersOf(6211, text, [] { return snmpGet({QStringLiteral("3.9.1.0")}); }),
+                     QStringList{QStringLiteral("3.9.1.0 INTEGER 6")});
+    }
+};
 
 const TestEntry entry("tst_tables", runTest<TestTables>);
 #include "tst_tables.moc"

@@ -7,15 +7,6 @@
 #include <QSet>
 #include <QtTest>
 
-class TestTrapCatalogue : public QObject {
-    Q_OBJECT
-
-private Q_SLOTS:
-    void trapIs_data();
-    void trapIs();
-    void arcsAndIdentifiersAreOfOneTrapEach();
-};
-
 namespace {
 
 QString text(std::string_view view)
@@ -25,42 +16,47 @@ QString text(std::string_view view)
 
 } // namespace
 
-void TestTrapCatalogue::trapIs_data()
-{
-    QTest::addColumn<int>("place");
-    QCOMPARE(catalogue::rows("traps").size(), 20);
-    QCOMPARE(std::size(trapCatalogue), std::size_t{20});
-    for (int place = 0; place < 20; ++place)
-        QTest::newRow(catalogue::rows("traps")[place].latin1("switch")) << place;
-}
+class TestTrapCatalogue : public QObject {
+    Q_OBJECT
 
-void TestTrapCatalogue::trapIs()
-{
-    QFETCH(int, place);
-
-    const catalogue::Row expected = catalogue::rows("traps")[place];
-    const Trap &trap = trapCatalogue[place];
-    QStringList identifiers;
-    for (const std::string_view id : trap.msgIds)
-        identifiers << text(id);
-    QCOMPARE(trap.number, expected.text("number").toUInt());
-    QCOMPARE(trap.arc, expected.text("arc").toUInt());
-    QCOMPARE(text(trap.name), expected.text("switch"));
-    QCOMPARE(identifiers, expected.list("identifiers"));
-}
-
-void TestTrapCatalogue::arcsAndIdentifiersAreOfOneTrapEach()
-{
-    QSet<uint> arcs;
-    QSet<QString> identifiers;
-    for (const Trap &trap : trapCatalogue) {
-        arcs.insert(trap.arc);
-        for (const std::string_view id : trap.msgIds)
-            identifiers.insert(text(id));
+private Q_SLOTS:
+    void trapIs_data()
+    {
+        QTest::addColumn<int>("place");
+        QCOMPARE(catalogue::rows("traps").size(), 20);
+        QCOMPARE(std::size(trapCatalogue), std::size_t{20});
+        for (int place = 0; place < 20; ++place)
+            QTest::newRow(catalogue::rows("traps")[place].latin1("switch")) << place;
     }
-    QCOMPARE(arcs.size(), 20);
-    QCOMPARE(identifiers.size(), 38);
-}
+
+    void trapIs()
+    {
+        QFETCH(int, place);
+
+        const catalogue::Row expected = catalogue::rows("traps")[place];
+        const Trap &trap = trapCatalogue[place];
+        QStringList identifiers;
+        for (const std::string_view id : trap.msgIds)
+            identifiers << text(id);
+        QCOMPARE(trap.number, expected.text("number").toUInt());
+        QCOMPARE(trap.arc, expected.text("arc").toUInt());
+        QCOMPARE(text(trap.name), expected.text("switch"));
+        QCOMPARE(identifiers, expected.list("identifiers"));
+    }
+
+    void arcsAndIdentifiersAreOfOneTrapEach()
+    {
+        QSet<uint> arcs;
+        QSet<QString> identifiers;
+        for (const Trap &trap : trapCatalogue) {
+            arcs.insert(trap.arc);
+            for (const std::string_view id : trap.msgIds)
+                identifiers.insert(text(id));
+        }
+        QCOMPARE(arcs.size(), 20);
+        QCOMPARE(identifiers.size(), 38);
+    }
+};
 
 const TestEntry entry("tst_trapcatalogue", runTest<TestTrapCatalogue>);
 #include "tst_trapcatalogue.moc"

@@ -114,22 +114,181 @@ extern "C" void send_v2trap(netsnmp_variable_list *variables)
     sent.append(QString::fromUtf8(reinterpret_cast<const char *>(last->val.string), static_cast<int>(last->val_len)));
 }
 
+/// A busy master reads and a pass ends; a lost one comes again.
+
 class TestTrapGate : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
-    void eachStateMeetsEachEvent_data();
-    void eachStateMeetsEachEvent();
-    void aLossBetweenARaiseAndItsEndIsRemembered();
-    void aHangUpIsFirstSeenWhenTheFaultEnds();
-    void aPassMakesRoomButTheRunIsStillToCome();
-    void aSlowMasterIsLookedAtAgainOnlyAfterAPass();
-    void atMostTwoHundredPassBetweenTwoPasses();
-    void aSessionOfUnknownSocketIsNeverSlowOrGone();
-    void aNewSessionStartsItsCountAnew();
-    void orderToEndHoldsTheNextSessionUntilTheStart();
+    void init()
+    {
+        agent.sendTrap = sendTrap;
+        kvAgent = &agent;
+        master.reset(new Connection);
+        handler.reset(new FaultHandler(nullptr));
+        gate.openSession(master->socket());
+        enable("LET Fault", true);
+        QCoreApplication::processEvents();
+        handler->installEventFilter(this);
+        runs = 0;
+        sent.clear();
+    }
+
+    void cleanup()
+    {
+        handler.reset();
+        gate.closeSession();
+        gate.setMasterEnding(false);
+        master.reset();
+        earlier.reset();
+        kvAgent = nullptr;
+    }
+
+    void eachStateMeetsEachEvent_data()
+    {
+        QTest::addColumn<State>("state");
+        QTest::addColumn<Event>("event");
+        QTest::addColumn<QString>("cell");
+        for (std::size_t state = 0; state < std::size(table); ++state) {
+            const QStringList cells =
+                QString::fromLatin1(table[state].cells).split(QLatin1Char(' '), Qt::SkipEmptyParts);
+            QCOMPARE(cells.size(), static_cast<int>(std::size(eventNames)));
+            for (int event = 0; event < cells.size(); ++event)
+                QTest::addRow("%s, %s", table[state].state, eventNames[event])
+                    << State(state) << Event(event) << cells[event];
+        }
+    }
+
+    void eachStateMeetsEachEvent()
+    {
+        QFETCH(State, state);
+        QFETCH(Event, event);
+        QFETCH(QString, cell);
+        bringTo(state);
+        raise("present");
+        raise("ended");
+        clear("ended");
+        QCOMPARE(gate.state(), state);
+
+        happen(event);
+        QString seen{QLatin1Char{stateLetters[static_cast<int>(gate.state())]}};
+        QCoreApplication::processEvents();
+        seen += QString::number(runs);
+        const QStringList now = sent;
+        reopen();
+
+        for (const char *text : {"present", "ended"}) {
+            const QString description = QString::fromLatin1(text);
+            seen += now.contains(description)    ? QLatin1Char('n')
+                    : sent.contains(description) ? QLatin1Char('l')
+                                                 : QLatin1Char('-');
+        }
+        QCOMPARE(seen, cell);
+        if (event == Event::Raise)
+            QVERIFY((now.contains(QStringLiteral("new")) ? QLatin1Char('n') : QLatin1Char('l')) == cell[2]);
+        QVERIFY(event != Event::Raise || sent.contains(QStringLiteral("new")));
+        QCOMPARE(sent.removeDuplicates(), 0);
+    }
+
+    void aLossBetweenARaiseAndItsEndIsRemembered()
+    {
+        bringTo(State::PassFull);
+        raise("raised while busy");
+        happen(Event::CloseSession);
+        happen(Event::OpenSession);
+        clear("raised while busy"); // before the run
+        QCoreApplication::processEvents();
+        QCOMPARE(sent, QStringList());
+    }
+
+    void aHangUpIsFirstSeenWhenTheFaultEnds()
+    {
+        bringTo(State::MasterSlow);
+        raise("short");
+        master->hangUp();
+        clear("short");
+        reopen();
+        QCOMPARE(sent, QStringList());
+    }
+
+    void aPassMakesRoomButTheRunIsStillToCome()
+    {
+        bringTo(State::PassFull);
+        raise("short");
+        gate.endPass();
+        clear("short");
+        QCOMPARE(sent, QStringList{QStringLiteral("short")});
+        QCoreApplication::processEvents();
+        QCOMPARE(sent.size(), 1);
+    }
+
+    void aSlowMasterIsLookedAtAgainOnlyAfterAPass()
+    {
+        master->fill();
+        QCOMPARE(gate.state(), State::Open); // not looked at before a trap is to be sent
+        QVERIFY(!gate.admit());
+        QCOMPARE(gate.state(), State::MasterSlow);
+        gate.endPass();
+        QCOMPARE(gate.state(), State::MasterSlow);
+
+        master->read();
+        QVERIFY(!gate.admit()); // so that whoever was refused sees why
+        QCOMPARE(gate.state(), State::MasterSlow);
+        gate.endPass();
+        QVERIFY(gate.admit());
+    }
+
+    void atMostTwoHundredPassBetweenTwoPasses()
+    {
+        for (int pass = 0; pass < 3; ++pass) {
+            for (int trap = 0; trap < 200; ++trap)
+                QVERIFY(gate.admit());
+            QCOMPARE(gate.state(), State::PassFull);
+            QVERIFY(!gate.admit());
+            gate.endPass();
+        }
+        for (int trap = 0; trap < 150; ++trap)
+            QVERIFY(gate.admit());
+        gate.endPass(); // each pass begins a new count, not only that after a full one
+        for (int trap = 0; trap < 199; ++trap)
+            QVERIFY(gate.admit());
+        QCOMPARE(gate.state(), State::Open);
+    }
+
+    void aSessionOfUnknownSocketIsNeverSlowOrGone()
+    {
+        gate.openSession(-1);
+        const std::uint64_t losses = gate.losses();
+        QVERIFY(gate.admit());
+        QCOMPARE(gate.state(), State::Open);
+        QCOMPARE(gate.losses(), losses);
+    }
+
+    void aNewSessionStartsItsCountAnew()
+    {
+        bringTo(State::PassFull);
+        happen(Event::OpenSession);
+        for (int trap = 0; trap < 200; ++trap)
+            QVERIFY(gate.admit());
+        QCOMPARE(gate.state(), State::PassFull);
+    }
+
+    void orderToEndHoldsTheNextSessionUntilTheStart()
+    {
+        raise("before");
+        happen(Event::OrderEnd);
+        raise("after the order");
+        happen(Event::CloseSession);
+        happen(Event::OpenSession); // to the same master, which ends slowly
+        raise("to a dying master");
+        QCoreApplication::processEvents();
+        QCOMPARE(sent, QStringList{QStringLiteral("before")});
+        happen(Event::CloseSession);
+        happen(Event::Start);
+        happen(Event::OpenSession);
+        QCoreApplication::processEvents();
+        QCOMPARE(sent.size(), 3);
+    }
 
 protected:
     bool eventFilter(QObject *, QEvent *event) override
@@ -139,9 +298,88 @@ protected:
     }
 
 private:
-    void bringTo(State state);
-    void happen(Event event);
-    void reopen();
+    void bringTo(State state)
+    {
+        switch (state) {
+        case State::NoSession:
+            gate.closeSession();
+            break;
+        case State::MasterEnding:
+            gate.setMasterEnding(true);
+            break;
+        case State::MasterGone:
+            master->hangUp();
+            break;
+        case State::MasterSlow:
+            master->fill();
+            QVERIFY(!gate.admit());
+            break;
+        case State::PassFull:
+            while (gate.admit()) {
+            }
+            break;
+        case State::Open:
+            break;
+        }
+        QCOMPARE(gate.state(), state);
+    }
+
+    void happen(Event event)
+    {
+        switch (event) {
+        case Event::Raise:
+            raise("new");
+            break;
+        case Event::Clear:
+            clear("present");
+            break;
+        case Event::Disable:
+            enable("LET Fault", false);
+            break;
+        case Event::EnableOther:
+            enable("Fuse Broken", true);
+            break;
+        case Event::ReadAndPass:
+            master->read();
+            gate.endPass();
+            break;
+        case Event::Pass:
+            gate.endPass();
+            break;
+        case Event::OpenSession:
+            earlier.reset(master.take());
+            master.reset(new Connection);
+            gate.openSession(master->socket());
+            break;
+        case Event::CloseSession:
+            gate.closeSession();
+            break;
+        case Event::HangUp:
+            master->hangUp();
+            break;
+        case Event::OrderEnd:
+            gate.setMasterEnding(true);
+            break;
+        case Event::Start:
+            gate.setMasterEnding(false);
+            break;
+        }
+    }
+
+    void reopen()
+    {
+        if (isBusy(gate.state())) {
+            happen(Event::ReadAndPass);
+        } else if (gate.state() != State::Open) {
+            happen(Event::CloseSession);
+            happen(Event::Start);
+            happen(Event::OpenSession);
+        }
+        QCOMPARE(gate.state(), State::Open);
+        enable("LET Fault", true);
+        QCoreApplication::processEvents();
+    }
+
     void enable(const char *trap, bool on)
     {
         QMap<QString, bool> map{{QString::fromLatin1(trap), on}};
@@ -162,258 +400,6 @@ private:
     QScopedPointer<FaultHandler> handler;
     int runs = 0;
 };
-
-void TestTrapGate::init()
-{
-    agent.sendTrap = sendTrap;
-    kvAgent = &agent;
-    master.reset(new Connection);
-    handler.reset(new FaultHandler(nullptr));
-    gate.openSession(master->socket());
-    enable("LET Fault", true);
-    QCoreApplication::processEvents();
-    handler->installEventFilter(this);
-    runs = 0;
-    sent.clear();
-}
-
-void TestTrapGate::cleanup()
-{
-    handler.reset();
-    gate.closeSession();
-    gate.setMasterEnding(false);
-    master.reset();
-    earlier.reset();
-    kvAgent = nullptr;
-}
-
-void TestTrapGate::bringTo(State state)
-{
-    switch (state) {
-    case State::NoSession:
-        gate.closeSession();
-        break;
-    case State::MasterEnding:
-        gate.setMasterEnding(true);
-        break;
-    case State::MasterGone:
-        master->hangUp();
-        break;
-    case State::MasterSlow:
-        master->fill();
-        QVERIFY(!gate.admit());
-        break;
-    case State::PassFull:
-        while (gate.admit()) {
-        }
-        break;
-    case State::Open:
-        break;
-    }
-    QCOMPARE(gate.state(), state);
-}
-
-void TestTrapGate::happen(Event event)
-{
-    switch (event) {
-    case Event::Raise:
-        raise("new");
-        break;
-    case Event::Clear:
-        clear("present");
-        break;
-    case Event::Disable:
-        enable("LET Fault", false);
-        break;
-    case Event::EnableOther:
-        enable("Fuse Broken", true);
-        break;
-    case Event::ReadAndPass:
-        master->read();
-        gate.endPass();
-        break;
-    case Event::Pass:
-        gate.endPass();
-        break;
-    case Event::OpenSession:
-        earlier.reset(master.take());
-        master.reset(new Connection);
-        gate.openSession(master->socket());
-        break;
-    case Event::CloseSession:
-        gate.closeSession();
-        break;
-    case Event::HangUp:
-        master->hangUp();
-        break;
-    case Event::OrderEnd:
-        gate.setMasterEnding(true);
-        break;
-    case Event::Start:
-        gate.setMasterEnding(false);
-        break;
-    }
-}
-
-/// A busy master reads and a pass ends; a lost one comes again.
-void TestTrapGate::reopen()
-{
-    if (isBusy(gate.state())) {
-        happen(Event::ReadAndPass);
-    } else if (gate.state() != State::Open) {
-        happen(Event::CloseSession);
-        happen(Event::Start);
-        happen(Event::OpenSession);
-    }
-    QCOMPARE(gate.state(), State::Open);
-    enable("LET Fault", true);
-    QCoreApplication::processEvents();
-}
-
-void TestTrapGate::eachStateMeetsEachEvent_data()
-{
-    QTest::addColumn<State>("state");
-    QTest::addColumn<Event>("event");
-    QTest::addColumn<QString>("cell");
-    for (std::size_t state = 0; state < std::size(table); ++state) {
-        const QStringList cells = QString::fromLatin1(table[state].cells).split(QLatin1Char(' '), Qt::SkipEmptyParts);
-        QCOMPARE(cells.size(), static_cast<int>(std::size(eventNames)));
-        for (int event = 0; event < cells.size(); ++event)
-            QTest::addRow("%s, %s", table[state].state, eventNames[event])
-                << State(state) << Event(event) << cells[event];
-    }
-}
-
-void TestTrapGate::eachStateMeetsEachEvent()
-{
-    QFETCH(State, state);
-    QFETCH(Event, event);
-    QFETCH(QString, cell);
-    bringTo(state);
-    raise("present");
-    raise("ended");
-    clear("ended");
-    QCOMPARE(gate.state(), state);
-
-    happen(event);
-    QString seen{QLatin1Char{stateLetters[static_cast<int>(gate.state())]}};
-    QCoreApplication::processEvents();
-    seen += QString::number(runs);
-    const QStringList now = sent;
-    reopen();
-
-    for (const char *text : {"present", "ended"}) {
-        const QString description = QString::fromLatin1(text);
-        seen += now.contains(description)    ? QLatin1Char('n')
-                : sent.contains(description) ? QLatin1Char('l')
-                                             : QLatin1Char('-');
-    }
-    QCOMPARE(seen, cell);
-    if (event == Event::Raise)
-        QVERIFY((now.contains(QStringLiteral("new")) ? QLatin1Char('n') : QLatin1Char('l')) == cell[2]);
-    QVERIFY(event != Event::Raise || sent.contains(QStringLiteral("new")));
-    QCOMPARE(sent.removeDuplicates(), 0);
-}
-
-void TestTrapGate::aLossBetweenARaiseAndItsEndIsRemembered()
-{
-    bringTo(State::PassFull);
-    raise("raised while busy");
-    happen(Event::CloseSession);
-    happen(Event::OpenSession);
-    clear("raised while busy"); // before the run
-    QCoreApplication::processEvents();
-    QCOMPARE(sent, QStringList());
-}
-
-void TestTrapGate::aHangUpIsFirstSeenWhenTheFaultEnds()
-{
-    bringTo(State::MasterSlow);
-    raise("short");
-    master->hangUp();
-    clear("short");
-    reopen();
-    QCOMPARE(sent, QStringList());
-}
-
-void TestTrapGate::aPassMakesRoomButTheRunIsStillToCome()
-{
-    bringTo(State::PassFull);
-    raise("short");
-    gate.endPass();
-    clear("short");
-    QCOMPARE(sent, QStringList{QStringLiteral("short")});
-    QCoreApplication::processEvents();
-    QCOMPARE(sent.size(), 1);
-}
-
-void TestTrapGate::aSlowMasterIsLookedAtAgainOnlyAfterAPass()
-{
-    master->fill();
-    QCOMPARE(gate.state(), State::Open); // not looked at before a trap is to be sent
-    QVERIFY(!gate.admit());
-    QCOMPARE(gate.state(), State::MasterSlow);
-    gate.endPass();
-    QCOMPARE(gate.state(), State::MasterSlow);
-
-    master->read();
-    QVERIFY(!gate.admit()); // so that whoever was refused sees why
-    QCOMPARE(gate.state(), State::MasterSlow);
-    gate.endPass();
-    QVERIFY(gate.admit());
-}
-
-void TestTrapGate::atMostTwoHundredPassBetweenTwoPasses()
-{
-    for (int pass = 0; pass < 3; ++pass) {
-        for (int trap = 0; trap < 200; ++trap)
-            QVERIFY(gate.admit());
-        QCOMPARE(gate.state(), State::PassFull);
-        QVERIFY(!gate.admit());
-        gate.endPass();
-    }
-    for (int trap = 0; trap < 150; ++trap)
-        QVERIFY(gate.admit());
-    gate.endPass(); // each pass begins a new count, not only that after a full one
-    for (int trap = 0; trap < 199; ++trap)
-        QVERIFY(gate.admit());
-    QCOMPARE(gate.state(), State::Open);
-}
-
-void TestTrapGate::aSessionOfUnknownSocketIsNeverSlowOrGone()
-{
-    gate.openSession(-1);
-    const std::uint64_t losses = gate.losses();
-    QVERIFY(gate.admit());
-    QCOMPARE(gate.state(), State::Open);
-    QCOMPARE(gate.losses(), losses);
-}
-
-void TestTrapGate::aNewSessionStartsItsCountAnew()
-{
-    bringTo(State::PassFull);
-    happen(Event::OpenSession);
-    for (int trap = 0; trap < 200; ++trap)
-        QVERIFY(gate.admit());
-    QCOMPARE(gate.state(), State::PassFull);
-}
-
-void TestTrapGate::orderToEndHoldsTheNextSessionUntilTheStart()
-{
-    raise("before");
-    happen(Event::OrderEnd);
-    raise("after the order");
-    happen(Event::CloseSession);
-    happen(Event::OpenSession); // to the same master, which ends slowly
-    raise("to a dying master");
-    QCoreApplication::processEvents();
-    QCOMPARE(sent, QStringList{QStringLiteral("before")});
-    happen(Event::CloseSession);
-    happen(Event::Start);
-    happen(Event::OpenSession);
-    QCoreApplication::processEvents();
-    QCOMPARE(sent.size(), 3);
-}
 
 const TestEntry entry("tst_trapgate", runTest<TestTrapGate>);
 #include "tst_trapgate.moc"

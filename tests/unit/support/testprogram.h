@@ -23,3 +23,19 @@ int runTest(int argc, char **argv)
     Test test;
     return QTest::qExec(&test, argc, argv);
 }
+
+/// Names the row of a table that a loop is at: when the test fails in its scope, the name is printed.
+class AtRow {
+public:
+    explicit AtRow(const char *name) : m_name(name) {}
+    AtRow(const AtRow &) = delete;
+    AtRow &operator=(const AtRow &) = delete;
+    ~AtRow()
+    {
+        if (QTest::currentTestFailed())
+            qWarning("in the row \"%s\"", m_name);
+    }
+
+private:
+    const char *m_name;
+};
