@@ -1,13 +1,16 @@
 // Limits the length of messages on the connection to the master agent.
 #include "agent/streamlimit.h"
 
+#include "agent/kvagent.h"
 #include "agent/masterconnection.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <utility>
+#include <vector>
 
+#include <poll.h>
 #include <sys/socket.h>
 
 namespace {
@@ -48,6 +51,7 @@ struct Connection {
     std::uint64_t left; // bytes still to come
     bool refused;       // do not pass them to the library
     int unanswered;     // questions in a row
+    std::size_t taken;  // bytes since the library was last idle
     netsnmp_session *session;
 };
 Connection connection = {};
@@ -113,10 +117,39 @@ std::size_t withoutRefused(netsnmp_transport *transport, u_char *data, std::size
     return kept;
 }
 
+/// Whether requests are pending in the library, which passes each to itself through pipes.
+bool hasPendingRequests(int masterSocket)
+{
+    static std::vector<int> descriptors;
+    static std::vector<pollfd> polled;
+    kaDescriptors(descriptors);
+    polled.clear();
+    for (const int descriptor : descriptors) {
+        if (descriptor != masterSocket)
+            polled.push_back({.fd = descriptor, .events = POLLIN, .revents = 0});
+    }
+    return poll(polled.data(), polled.size(), 0) > 0;
+}
+
+/// The library takes one pending request in a pass, but reads new ones in each. Unread ones make the master wait.
+bool mustWait(int masterSocket)
+{
+    if (connection.taken < mostPending)
+        return false;
+    const bool pending = hasPendingRequests(masterSocket);
+    if (!pending)
+        connection.taken = 0;
+    return pending;
+}
+
 int receive(netsnmp_transport *transport, void *buffer, int size, void **opaque, int *opaqueLength)
 {
     auto *const data = static_cast<u_char *>(buffer);
     flushOutput(); // the library also reads while it waits for an answer
+    if (mustWait(transport->sock)) {
+        transport->flags |= NETSNMP_TRANSPORT_FLAG_EMPTY_PKT; // not the end of the stream
+        return 0;
+    }
     const std::size_t held = connection.held;
     std::copy_n(connection.header, held, data);
     const int received =
@@ -125,6 +158,7 @@ int receive(netsnmp_transport *transport, void *buffer, int size, void **opaque,
         return received;
     connection.held = 0;
     const std::size_t kept = withoutRefused(transport, data, held + static_cast<std::size_t>(received));
+    connection.taken += kept;
     if (kept == 0) { // data was removed; not the end of the stream
         transport->flags |= NETSNMP_TRANSPORT_FLAG_EMPTY_PKT;
         SNMP_FREE(*opaque); // the library frees it only after a message

@@ -12,6 +12,10 @@ inline constexpr std::size_t longestMessage = 65536;
 /// Requests are refused while more than this is queued for the master, in bytes.
 inline constexpr std::size_t mostQueued = 262144;
 
+/// No request is read after so many bytes until the library has answered what it has. A name needs 60 bytes here, and a
+/// kilobyte in the library.
+inline constexpr std::size_t mostPending = 65536;
+
 /// The master may leave this many questions in a row unanswered. The library waits a second for each answer, and asks
 /// one question for each registration when it opens a session.
 inline constexpr int mostUnanswered = 3;

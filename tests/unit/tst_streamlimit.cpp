@@ -1,6 +1,7 @@
 // Messages from and to the master that are too long: taken off the stream, refused, replaced.
 #include "support/testprogram.h"
 
+#include "agent/kvagent.h"
 #include "agent/masterconnection.h"
 #include "agent/streamlimit.h"
 
@@ -96,6 +97,8 @@ public:
         return got;
     }
 
+    static void arrive(const QByteArray &bytes) { s_arriving = bytes; }
+
     QByteArray readOnce()
     {
         m_transport.flags = 0;
@@ -159,55 +162,78 @@ class TestStreamLimit : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void requestsArriveUnlessTheyAreTooLong_data()
-    {
-        QTest::addColumn<QByteArray>("bytes");
-        QTest::addColumn<bool>("arrives");
-        QTest::addColumn<QByteArray>("answer");
-        const QByteArray none;
-        QTest::newRow("a ping") << message(ping, 20) << true << none;
-        QTest::newRow("a Get of one name") << message(get, 100) << true << none;
-        QTest::newRow("a Get at the limit") << message(get, longestMessage) << true << none;
-        QTest::newRow("a Get beyond it") << message(get, longestMessage + 4) << false << refusal();
-        QTest::newRow("a GetNext beyond it") << message(getNext, longestMessage + 1) << false << refusal();
-        QTest::newRow("a GetBulk far beyond it") << message(getBulk, 5 * longestMessage) << false << refusal();
-        QTest::newRow("a TestSet beyond it") << message(testSet, longestMessage + 4) << false << refusal();
-        QTest::newRow("a CleanupSet, which has no answer") << message(cleanupSet, longestMessage + 4) << false << none;
-        QTest::newRow("a response") << message(response, longestMessage + 4) << false << none;
-        QTest::newRow("at the limit, big endian") << message(get, longestMessage, true) << true << none;
-        QTest::newRow("beyond it, big endian") << message(get, longestMessage + 4, true) << false << refusal(true);
-    }
-
     void requestsArriveUnlessTheyAreTooLong()
     {
-        QFETCH(QByteArray, bytes);
-        QFETCH(bool, arrives);
-        QFETCH(QByteArray, answer);
-        for (const int partSize : {1, 7, 19, 20, 21, 4096, 65536, bytes.size()}) {
-            Stream stream;
-            QCOMPARE(stream.received(bytes, partSize), arrives ? bytes : QByteArray());
-            QCOMPARE(stream.sent(), answer);
+        const struct {
+            const char *name;
+            QByteArray bytes;
+            bool arrives;
+            QByteArray answer;
+        } rows[] = {
+            {"a ping", message(ping, 20), true, {}},
+            {"a Get of one name", message(get, 100), true, {}},
+            {"a Get at the limit", message(get, longestMessage), true, {}},
+            {"a Get beyond it", message(get, longestMessage + 4), false, refusal()},
+            {"a GetNext beyond it", message(getNext, longestMessage + 1), false, refusal()},
+            {"a GetBulk far beyond it", message(getBulk, 5 * longestMessage), false, refusal()},
+            {"a TestSet beyond it", message(testSet, longestMessage + 4), false, refusal()},
+            {"a CleanupSet, which has no answer", message(cleanupSet, longestMessage + 4), false, {}},
+            {"a response", message(response, longestMessage + 4), false, {}},
+            {"at the limit, big endian", message(get, longestMessage, true), true, {}},
+            {"beyond it, big endian", message(get, longestMessage + 4, true), false, refusal(true)},
+        };
+        for (const auto &row : rows) {
+            const AtRow at(row.name);
+            for (const int partSize : {1, 7, 19, 20, 21, 4096, 65536, row.bytes.size()}) {
+                Stream stream;
+                QCOMPARE(stream.received(row.bytes, partSize), row.arrives ? row.bytes : QByteArray());
+                QCOMPARE(stream.sent(), row.answer);
+            }
         }
-    }
-
-    void theMessagesAroundArrive_data()
-    {
-        QTest::addColumn<int>("partSize");
-        for (const int size : {1, 3, 20, 50, 1000, 4096, 65536, 1000000})
-            QTest::addRow("in parts of %d", size) << size;
     }
 
     void theMessagesAroundArrive()
     {
-        QFETCH(int, partSize);
         const QByteArray tooLong = message(getNext, longestMessage + 1000);
         const QByteArray first = message(get, 60);
         const QByteArray second = message(ping, 20, true);
         const QByteArray third = message(getNext, longestMessage);
+        for (const int partSize : {1, 3, 20, 50, 1000, 4096, 65536, 1000000}) {
+            Stream stream;
+            QCOMPARE(stream.received(first + tooLong + second + tooLong + tooLong + third + first, partSize),
+                     first + second + third + first);
+            QCOMPARE(stream.sent(), refusal() + refusal() + refusal());
+        }
+    }
+
+    void noRequestIsReadWhileMostPendingBytesArePending()
+    {
+        KvAgent agent;
+        kvAgent = &agent;
+        std::array<int, 2> pipeEnds = {};
+        QCOMPARE(pipe(pipeEnds.data()), 0);
+        netsnmp_session session = {};
+        snmp_sess_init(&session);
+        auto *const transport = SNMP_MALLOC_TYPEDEF(netsnmp_transport); // the library's pipe to itself
+        transport->sock = pipeEnds[0];
+        transport->f_close = [](netsnmp_transport *pipe) { return close(pipe->sock); };
+        netsnmp_session *const added = snmp_add(&session, transport, nullptr, nullptr);
         Stream stream;
-        QCOMPARE(stream.received(first + tooLong + second + tooLong + tooLong + third + first, partSize),
-                 first + second + third + first);
-        QCOMPARE(stream.sent(), refusal() + refusal() + refusal());
+        const QByteArray request = message(get, 1024);
+        const auto requests = static_cast<int>(mostPending / 1024);
+        QCOMPARE(write(pipeEnds[1], " ", 1), ssize_t{1});
+        QCOMPARE(stream.received(request.repeated(requests), 1024), request.repeated(requests));
+        stream.arrive(request);
+        QCOMPARE(stream.readOnce(), QByteArray());
+        QVERIFY((stream.flags() & NETSNMP_TRANSPORT_FLAG_EMPTY_PKT) != 0);
+        char byte = 0;
+        QCOMPARE(read(pipeEnds[0], &byte, 1), ssize_t{1});
+        QCOMPARE(stream.readOnce(), request);
+        QCOMPARE(write(pipeEnds[1], " ", 1), ssize_t{1}); // the count begins anew
+        QCOMPARE(stream.received(request.repeated(requests - 1), 1024), request.repeated(requests - 1));
+        snmp_close(added);
+        close(pipeEnds[1]);
+        kvAgent = nullptr;
     }
 
     void aLengthThatTheLibraryCannotCountEndsTheConnection()
@@ -286,26 +312,25 @@ private Q_SLOTS:
         QCOMPARE(next.received(message(get, 60), 4096), message(get, 60));
     }
 
-    void answersPassUnlessTheyAreTooLong_data()
-    {
-        QTest::addColumn<QByteArray>("bytes");
-        QTest::addColumn<QByteArray>("passes");
-        const QByteArray longest = message(response, longestMessage);
-        const QByteArray trap = message(12, longestMessage + 4); // Notify: not an answer, so not to be refused
-        QTest::newRow("an answer of one name") << message(response, 100) << message(response, 100);
-        QTest::newRow("an answer at the limit") << longest << longest;
-        QTest::newRow("an answer beyond it") << message(response, longestMessage + 4) << refusal();
-        QTest::newRow("beyond it, big endian") << message(response, longestMessage + 4, true) << refusal(true);
-        QTest::newRow("a notification beyond it") << trap << trap;
-    }
-
     void answersPassUnlessTheyAreTooLong()
     {
-        QFETCH(QByteArray, bytes);
-        QFETCH(QByteArray, passes);
-        Stream stream;
-        QCOMPARE(stream.sentOf(bytes), passes);
-        QCOMPARE(stream.last(), bytes.size()); // for the library it is sent
+        const struct {
+            const char *name;
+            QByteArray bytes;
+            QByteArray passes;
+        } rows[] = {
+            {"an answer of one name", message(response, 100), message(response, 100)},
+            {"an answer at the limit", message(response, longestMessage), message(response, longestMessage)},
+            {"an answer beyond it", message(response, longestMessage + 4), refusal()},
+            {"beyond it, big endian", message(response, longestMessage + 4, true), refusal(true)},
+            {"a notification beyond it", message(notify, longestMessage + 4), message(notify, longestMessage + 4)},
+        };
+        for (const auto &row : rows) {
+            const AtRow at(row.name);
+            Stream stream;
+            QCOMPARE(stream.sentOf(row.bytes), row.passes);
+            QCOMPARE(stream.last(), row.bytes.size()); // for the library it is sent
+        }
     }
 };
 
