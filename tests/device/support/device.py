@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import itertools
+import json
 import os
 import re
 import signal
@@ -60,6 +61,7 @@ class Device:
         self.model = model
         self.name = f"t{os.getpid()}-{next(_numbers)}"
         self.started = time.monotonic()
+        self._options = options
         self._script = subprocess.Popen(
             [str(CHECKOUT / "scripts/device"), "--model", str(model), "--name", self.name, "--bin", str(bin_dir()),
              *build_options(), *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
@@ -90,8 +92,11 @@ class Device:
         return self
 
     def wait_subscribed(self, timeout: float = 20.0) -> Device:
-        """Until the daemon has asked for its data, 3 s after it reached the data service."""
+        """Until the daemon has subscribed to its data, 3 s after it connected to the data service, and has received all
+        first values from the simulator. A table that is read earlier serves its starting values for 60 s."""
         wait_until(lambda: "requestStateDataSubscribeSysMessages" in self.kvsnmp_err(), timeout, what="subscriptions")
+        if "--no-simulator" not in self._options:
+            self.carry_out([], timeout)
         return self
 
     # Commands inside
@@ -131,6 +136,20 @@ class Device:
 
     def talctl_batch(self, lines: Sequence[str]) -> str:
         return self.run(["talctl", "batch"], input="".join(f"{line}\n" for line in lines)).stdout
+
+    def carry_out(self, commands: Sequence[list[str]], timeout: float = 30.0, dbus: bool = False) -> None:
+        """Runs commands of talctl and waits until the daemon has received everything that they send, and everything that
+        the simulator sent before: the daemon logs a last fault without a trap, and a last announcement on the bus of an
+        input that no table has."""
+        mark = f"mark{next(_numbers)}"
+        marks = [["fault", "raise", "device", mark, "", "notice", mark]]
+        awaited = [f"New Fault: [device] [{mark}]"]
+        if dbus:
+            marks.append(["monitor", "gpi", "99", mark])
+            awaited.append(f"State: {mark}")
+        self.talctl_batch([json.dumps(command) for command in [*commands, *marks]])
+        wait_until(lambda: all(line in self.kvsnmp_err() for line in awaited), timeout, what=f"{awaited} logged")
+        self.talctl("fault", "clear", "device", mark)
 
     # Files and logs
 
