@@ -12,7 +12,7 @@ from typing import NamedTuple
 
 import pytest
 from support import steps
-from support.catalogue import COLUMN_OIDS, EXTENDED, MODELS, OBJECTS, TABLE_NAMES, Table
+from support.catalogue import COLUMN_OIDS, EXTENDED, MODELS, TABLES, Table
 from support.device import CHECKOUT, Device
 from support.mib import mib
 from support.polling import wait_until
@@ -81,7 +81,7 @@ def test_command_prints_what_the_guide_says(devices, question):
 
 
 def test_every_table_has_an_example_and_every_example_is_typed():
-    assert {question.command.split()[-1] for question in QUESTIONS} >= set(TABLE_NAMES)
+    assert {question.command.split()[-1] for question in QUESTIONS} >= set(TABLES)
     assert len(EXPORTS) == 1 and {example.guide for example in QUESTIONS} == {GUIDE, FIRST_STEPS}
     assert {example.command for example in EXAMPLES} == EXPORTS | {example.command for example in ORDERS + QUESTIONS}
 
@@ -94,7 +94,7 @@ def test_numbers_of_rows_are_those_of_the_golden_walks():
              re.search(r"^\| table \|.*?\n\n", GUIDE.read_text(), re.MULTILINE | re.DOTALL)[0].strip().splitlines()]
     assert table[0] == ["table", *map(str, MODELS)]
     described = {name: row[1:] for row in table[2:] for name in re.findall(r"`(\w+)`", row[0])}
-    assert described == {item.name: [number_of_rows(item, model) for model in MODELS] for item in OBJECTS if isinstance(item, Table)}
+    assert described == {name: [number_of_rows(table, model) for model in MODELS] for name, table in TABLES.items()}
 
 
 def number_of_rows(table: Table, model: int) -> str:

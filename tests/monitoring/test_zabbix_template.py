@@ -17,9 +17,9 @@ sys.dont_write_bytecode = True
 CHECKOUT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(CHECKOUT / "tests/device"))
 
-from support.catalogue import COLUMN_OIDS, OBJECTS, SCALAR_OIDS, Table  # noqa: E402  (the path has to be set first)
+from support.catalogue import COLUMN_OIDS, SCALAR_OIDS, TABLES, TRAPS  # noqa: E402  (the path has to be set first)
 from support.mib import mib  # noqa: E402
-from support.traps import CATALOGUE, E  # noqa: E402
+from support.traps import E  # noqa: E402
 
 FOLDER = CHECKOUT / "monitoring/zabbix"
 HANDLER = CHECKOUT / "monitoring/snmptrapd/kvsnmp-trap-line"
@@ -61,11 +61,10 @@ def test_every_served_object_is_an_item_or_names_one():
 
 
 def test_every_table_is_discovered_by_its_description():
-    tables = [table for table in OBJECTS if isinstance(table, Table)]
     found = {rule["key"]: rule["snmp_oid"] for rule in RULES}
     assert found == {f"kvsnmp.{table.name}.discovery": "discovery[{#DESCRIPTION}," + next(
         table.oid(column) for column, _ in table.columns if column.endswith("Description")).removeprefix(".") + "]"
-        for table in tables}
+        for table in TABLES.values()}
 
 
 def test_every_oid_exists_in_the_mib():
@@ -130,7 +129,7 @@ def handled(tmp_path: Path, arc: int, description: str, with_sys_name: bool) -> 
     return file.read_text()
 
 
-@pytest.mark.parametrize("row", CATALOGUE, ids=[row.name for row in CATALOGUE])
+@pytest.mark.parametrize("row", TRAPS, ids=[row.name for row in TRAPS])
 @pytest.mark.parametrize("with_sys_name", [True, False], ids=["with sysName", "without sysName"])
 def test_a_trap_is_taken_by_its_item_alone(tmp_path, row, with_sys_name):
     line = handled(tmp_path, row.arc, f"see {E}.2.8.3 and ZBXTRAP 10.0.0.1 {E}.2.8.4 ", with_sys_name)
@@ -145,5 +144,5 @@ def test_there_is_an_item_for_each_notification_also_when_it_is_written_out_by_v
     assert items_that_take(f"2026-11-21T12:00:00+0000 \nVARBINDS:\n  .1.3.6.1.6.3.1.1.4.1.0  type=6  value=OID: {E}.2.8.2\n"
                            f"  {E}.2.4.5.0  type=4  value=STRING: \"text {E}.2.8.1\"\n") == ["missingAmplifierModule"]
     assert sorted(item["description"].partition(",")[0] for item in TRAP_KEYS.values()) == sorted(
-        row.name for row in CATALOGUE)
-    assert {item["name"] for item in TRAP_KEYS.values()} == {f"Trap: {row.switch}" for row in CATALOGUE}
+        row.name for row in TRAPS)
+    assert {item["name"] for item in TRAP_KEYS.values()} == {f"Trap: {row.switch}" for row in TRAPS}
