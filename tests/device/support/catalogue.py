@@ -114,12 +114,16 @@ class Feed(NamedTuple):
         return f"{COLUMN_OIDS[self.column]}.{self.index}"
 
 
+def path_of(parser: dict[str, str], key: str) -> str:
+    """The path of a changed leaf. A LET has two keys."""
+    return parser["path"].replace("%1", key.split()[0]).replace("%2", key.split()[-1])
+
+
 def feeds(model: int, expanders: bool = False) -> list[Feed]:
     found = []
     for key in (key for key in _KEYS if _has(key, model, expanders)):
-        names = key["key"].split()
         for parser in key["parser"].split():
-            path = PARSERS[parser]["path"].replace("%1", names[0]).replace("%2", names[-1])
+            path = path_of(PARSERS[parser], key["key"])
             for column, index in _cells(model, expanders, key["field"] + _TEMPERATURES.get(parser, "")):
                 found.append(Feed(parser, path, column, index))
     return found
