@@ -94,7 +94,8 @@ def wait_for_lines(device: Device, walk: Walk) -> None:
     lines += [f"{COLUMN_OIDS['relayStatus']}.{index}" for index, _ in rows("relayTable", walk.model, walk.expanders)]
 
     def all_read() -> bool:
+        """On a busy machine the sub-agent may have lost its session for a moment."""
         device.shift_clock(steps.CACHE_SECONDS)
-        return 1 not in steps.integers(device, lines)
+        return all(kind == "INTEGER" and text != "1" for kind, text in device.snmp.get(*lines))
 
     wait_until(all_read, 60, what="all GPIO lines read")
