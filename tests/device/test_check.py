@@ -29,7 +29,7 @@ CHECKS = [
 
 @pytest.fixture(scope="module")
 def amplifier(start_shared_device):
-    """A healthy amplifier; a test that breaks it mends it again."""
+    """A healthy amplifier; a test that breaks it repairs it."""
     return start_shared_device(6420, "--no-traps").wait_answering()
 
 

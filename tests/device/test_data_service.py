@@ -97,7 +97,7 @@ def test_hung_service_delays_its_own_values_only_and_may_be_killed(simulated):
 class Fed(Played):
     def assert_works(self, volts: int) -> None:
         self.service.notify("kvsnmp_voltage", "replace", VOLTAGE_PATH, f"<voltage>{volts}</voltage>")
-        self.wait_taken()
+        self.wait_received()
         assert shows(self.device, volts * 1000)
 
 
@@ -118,7 +118,7 @@ def test_garbage_is_dropped_with_a_warning_and_the_connection_kept(fed, kind):
     fed.assert_works(1)
     said, connections = len(fed.device.kvsnmp_err()), fed.service.connections
     fed.service.send(data)
-    fed.wait_taken()
+    fed.wait_received()
     warnings = fed.device.kvsnmp_err()[said:].count(DROPPED)
     assert warnings == data.count(b"\0")
     assert fed.service.connections == connections
@@ -131,7 +131,7 @@ def test_senseless_messages_change_values_at_most(fed):
     rows = [variable.oid for variable in fed.device.snmp.walk()]
     dropped, connections = fed.device.kvsnmp_err().count(DROPPED), fed.service.connections
     fed.service.send(garbage.senseless_messages())
-    fed.wait_taken()
+    fed.wait_received()
     assert fed.device.kvsnmp_err().count(DROPPED) == dropped
     assert fed.service.connections == connections
     SnmpSettings(sys_contact="proper again").send_all(fed.service)  # some of the messages were settings
@@ -156,7 +156,7 @@ def send_past_answers(fed: Fed, send: Callable[[], None]) -> None:
         longest = max(longest, time.monotonic() - begin)
     work.join()
     fed.wait_subscribed()
-    fed.wait_taken()
+    fed.wait_received()
     grown = memory_kb(fed.device, pid) - before
     print(f"{grown} kB more memory at most, GETs in {longest:.2f} s at most")
     assert grown < MORE_MEMORY_KB

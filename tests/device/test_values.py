@@ -244,7 +244,7 @@ def report(played: Played, ref: str, op: str, path: str, text: str) -> str:
     """Sends one notification, and lets the tables expire. Returns what the daemon has logged meanwhile."""
     leaf, before = path.rpartition("/")[2], len(played.device.kvsnmp_err())
     played.service.notify(ref, op, path, f"<{leaf}>{text}</{leaf}>")
-    played.wait_taken()
+    played.wait_received()
     played.device.shift_clock(steps.CACHE_SECONDS)
     return played.device.kvsnmp_err()[before:]
 
@@ -263,7 +263,7 @@ def test_starting_values(silent, model):
 
 
 def test_channel_status_is_unknown_until_the_class_d_status_is_reported(silent):
-    """Then any word but "ok" is a fault, whatever the channel's own setting."""
+    """Then any word but "ok" is a fault, also of a disabled channel."""
     enable, class_d = "kvsnmp_amp_enable", "kvsnmp_class_d_status"
     for ref, path, text, expected in [
             (enable, f"{LINE_CONFIG.format('ch1')}/enable", "true", [1, 1]),

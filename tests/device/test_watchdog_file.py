@@ -1,4 +1,4 @@
-"""The watchdog file: written every 5 s, whatever another user puts in its place, and on a full or read-only disk. The unit
+"""The watchdog file: written every 5 s, also after another user put something in its place, and on a full disk. The unit
 test of the file has more kinds of things in its place."""
 from __future__ import annotations
 

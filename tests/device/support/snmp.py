@@ -33,7 +33,7 @@ class Variable(NamedTuple):
 
 
 def parse(output: str) -> list[Variable]:
-    """net-snmp's numeric lines; a text with line feeds in it goes on in the lines below its first."""
+    """net-snmp's numeric lines; a text with line feeds continues in the next lines."""
     variables: list[Variable] = []
     for line in output.splitlines():
         match = re.match(r"(\.[\d.]+) = (.*)$", line)
@@ -73,7 +73,7 @@ class Snmp:
         return [variable.value for variable in parse(self.tool("snmpget", oids, **arguments).stdout)]
 
     def try_get(self, oid: str) -> tuple[str, str] | None:
-        """None when no answer comes at once."""
+        """None if no answer arrives within 1 s."""
         done = self.tool("snmpget", [oid], check=False, access=[*COMMUNITY, "-r", "0", "-t", "1"])
         return parse(done.stdout)[0].value if done.returncode == 0 else None
 

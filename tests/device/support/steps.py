@@ -14,13 +14,13 @@ _numbers = itertools.count(1)
 
 
 def put(path: str, text: str) -> Command:
-    """Gives a leaf a text, or makes it. Nothing is sent when it has that text already."""
+    """Sets a leaf, or creates it. The data service sends nothing if the text is the same."""
     name = path.rsplit("/", 1)[-1]
     return ["patch", path, f"<{name}>{escape(text)}</{name}>"]
 
 
 def write(path: str, text: str) -> list[Command]:
-    """The same, and the text is sent whatever the leaf held before."""
+    """The same, but the text is always sent."""
     return [put(path, f"before {next(_numbers)}"), put(path, text)]
 
 

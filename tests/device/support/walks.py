@@ -36,14 +36,13 @@ class Walk(NamedTuple):
 WALKS = [Walk(model) for model in MODELS] + [Walk(model, text) for model in STATIONS
                                                        for text in (COMPACT, EXTENDED)]
 
-# One line input has no pilot tone, so that the walks show what the line states do to lineInStatus: each copies
-# the pilot tone that was reported last.
+# One line input has no pilot tone, so that the walks show that each line state copies the last pilot tone.
 FAILED_TONE = "/state/lines/line[kid='ln1']/pilot_tone_state=failed"
 
 GOLDEN_HEAD = """\
 # What each model serves on a device with the simulator's data. Below "== NAME ARC TYPES" a line is one row of a table:
-# the walks that have it, its index, its cells. ARC is below the private MIB's .3, and cell n stands at ARC.n.index;
-# scalars have the index 0. KVSNMP_WRITE_GOLDEN=1 writes this file anew (test_walks.py): read every difference.
+# the walks that have it, its index, its cells. ARC is below the private MIB's .3, and cell n is at ARC.n.index;
+# scalars have the index 0. KVSNMP_WRITE_GOLDEN=1 writes this file again (test_walks.py): check every difference.
 """
 
 
@@ -74,7 +73,7 @@ def write_golden(served: dict[str, list[Variable]]) -> None:
 
 
 def patterns(having: set[str], names: list[str]) -> str:
-    """As few words as name these walks and no other."""
+    """The fewest patterns that match these walks and no others."""
     words, left = [], set(having)
     for pattern in ["*", *(f"{model}*" for model in STATIONS), "*-compact", "*-extended", *names]:
         matched = set(fnmatch.filter(names, pattern))
