@@ -21,7 +21,7 @@ TEMPLATE = (CHECKOUT / "monitoring/zabbix/kvsnmp-template.yaml").read_text()
 EXPORTED = yaml.safe_load(TEMPLATE)["zabbix_export"]["templates"][0]
 RULES = EXPORTED["discovery_rules"]
 TRAPS_TO = "/state/config/snmp_settings/trap_settings/trap_address=127.0.0.1:1162"
-# Everything faster than for people; a device's own 60 s are passed by moving its clock.
+# Short times; the 60 s of a device's cache pass by moving its clock.
 MACROS = {"{$KV.INTERVAL}": "3s", "{$KV.INTERVAL.TEXT}": "5s", "{$KV.INTERVAL.DISCOVERY}": "5s", "{$KV.NODATA}": "40s",
           "{$KV.HOLD}": "6s", "{$KV.TRAP.HOLD}": "60s"}
 
@@ -47,7 +47,7 @@ class Watched(NamedTuple):
         self.device.shift_clock(steps.CACHE_SECONDS)
 
 
-# Name, model, options of the device, address. Traps carry the sender's address alone: only the first device sends any.
+# Name, model, options of the device, address. A trap has only the sender's address, so only the first device sends traps.
 HOSTS = [
     ("pa-6420", 6420, ["--set", TRAPS_TO], "127.0.0.1"),
     ("pa-6410", 6410, [], "127.0.0.2"),
@@ -137,7 +137,7 @@ KINDS = [("item", "key_", [item["key"] for item in EXPORTED["items"]]),
                                               for one in place.get("trigger_prototypes", [])])]
 
 
-def test_import_makes_what_the_file_has_and_a_second_one_changes_nothing(bench):
+def test_import_creates_everything_and_a_second_one_changes_nothing(bench):
     def facts() -> list[list[dict[str, str]]]:
         template = bench.server.call("template.get", filter={"host": EXPORTED["template"]})[0]["templateid"]
         found = [bench.server.call(f"{kind}.get", templateids=[template], output=[name]) for kind, name, _ in KINDS]
@@ -269,7 +269,7 @@ FAULTS = [Fault(host, problem, [*order, bad], [*order, good]) for host, problem,
 
 @pytest.fixture(scope="session")
 def healthy(bench) -> Bench:
-    """Both channels of the amplifiers announced as in operation, and their transponders."""
+    """With both channels of the amplifiers and their transponders announced as in operation."""
     for name in ("pa-6420", "pa-6764"):
         device = bench.hosts[name].device
         for channel in (0, 1):
@@ -304,7 +304,7 @@ def test_every_trigger_prototype_has_a_fault_here():
 
 def test_each_notification_is_a_value_of_its_item_alone(bench):
     faults = Faults(bench.hosts["pa-6420"].device)
-    others = f"see {E}.2.8.3 and ZBXTRAP 127.0.0.2 {E}.2.8.4 "  # in a text these are neither a trap nor another host's
+    others = f"see {E}.2.8.3 and ZBXTRAP 127.0.0.2 {E}.2.8.4 "  # in a text, these are neither traps nor other hosts
     texts = {row.name: f"text of {row.name}, {others}" for row in TRAPS}
     for row in TRAPS:
         faults.raise_one(row.identifiers[0], texts[row.name])
@@ -333,7 +333,7 @@ def test_each_notification_is_a_value_of_its_item_alone(bench):
     bench.wait_problem("pa-6420", "Trap: Cooling Fan Fault", False, timeout=200)  # 60 s after the trap
 
 
-def test_a_daemon_that_is_gone_and_a_device_that_is_gone_are_told_apart(healthy):
+def test_a_missing_daemon_and_a_missing_device_are_different_problems(healthy):
     bench = healthy
     silent, unreachable = "Nothing of KVSNMP-MIB is answered", "No answer by SNMP"
     device = bench.hosts["pa-6410"].device
