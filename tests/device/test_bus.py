@@ -1,5 +1,5 @@
-"""The system bus absent, killed and restarted, and wrong messages on it. The unit tests of the link hold it to signatures and
-numbers, and to monitors that come and go."""
+"""The system bus absent, killed and restarted, and wrong messages on it. The unit tests of the link hold it to
+signatures and numbers, and to monitors that come and go."""
 from __future__ import annotations
 
 import contextlib
@@ -155,7 +155,8 @@ def test_messages_of_others_are_dropped(linked, send):
 HUGE = 0xFFFFFFFF
 SENSELESS = [("onGpoUpdate", "uss", HUGE, "ok_set", "ok_set"), ("onGpoUpdate", "uss", 1, "x" * 1000000, "%s%n"),
              ("onGpiUpdate", "us", HUGE, "\u20ac" * 20), ("onAmpChannelStatusUpdate", "uu", 2, HUGE),
-             ("onLetPrecenseUpdate", "uuu", HUGE, 11, HUGE), ("onGpoUpdate", "us", 2, "ok_cleared"), ("onNothing", "s", "x")]
+             ("onLetPrecenseUpdate", "uuu", HUGE, 11, HUGE), ("onGpoUpdate", "us", 2, "ok_cleared"),
+             ("onNothing", "s", "x")]
 
 
 def test_senseless_announcements_of_the_monitor_change_no_row(linked):

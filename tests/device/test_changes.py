@@ -37,7 +37,8 @@ def changes(turn: int) -> list[steps.Command]:
     step = turn % 5  # of the channels: in operation, a fault, disabled, no class-D amplifier, in operation
     new = [(feed.path, text) for feed, text, _ in reports(turn)]
     new.append(("/state/class_d_amp_status/status", "failed" if step == 3 else "ok"))
-    new += [(f"/state/config/lines/line[kid='{line}']/enable", "false" if step == 2 else "true") for line in ("ch1", "ch2")]
+    new += [(f"/state/config/lines/line[kid='{line}']/enable", "false" if step == 2 else "true")
+            for line in ("ch1", "ch2")]
     commands = [["monitor", "amp", channel, "1" if step == 1 else "2"] for channel in "01"]
     for parser, kind in (("input_state", "gpi"), ("output_state", "gpo")):
         words = sorted(WORDS[parser])
@@ -50,8 +51,8 @@ def let_changes(turn: int) -> list[steps.Command]:
     return [["monitor", "let", channel, str(let), str(1 + turn // 5 % 2)] for channel in "01" for let in range(1, 11)]
 
 
-# Columns that the data service and the amplifier monitor change together: their number of rows. Either may be the faster,
-# so their rows may serve every code that `changes` can cause.
+# Columns that the data service and the amplifier monitor change together: their number of rows. Either may be the
+# faster, so their rows may serve every code that `changes` can cause.
 TOGETHER = {"ampChannelStatus": 2, "letChannel1Status": 10, "letChannel2Status": 10, "controlInputStatus": 6,
             "controlOutputState": 6}
 NEVER = {("ampChannelStatus", 1), ("letChannel1Status", 2), ("letChannel2Status", 2), ("controlInputStatus", 1),

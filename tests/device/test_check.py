@@ -205,13 +205,15 @@ BROKEN: list[tuple[str, Callable[[Device], AbstractContextManager], str]] = [
     ("data service hangs", lambda device: stopped(device, "talservice"), """
         cause snmp-settings: takes the connection, but delivers nothing within 1 s
         ok data-service model-number-served"""),
-    ("socket left by a data service that ended", lambda device: moved_away(device, "/run/tal.sock", "python3", "-c", DEAD_SOCKET), """
+    ("socket left by a data service that ended",
+     lambda device: moved_away(device, "/run/tal.sock", "python3", "-c", DEAD_SOCKET), """
         cause data-service: Connection refused"""),
     ("SNMP disabled in the settings", lambda device: access(device, access="Disabled"), """
         cause snmp-access: SNMP access is "Disabled"
         ok snmpd-process
         because snmpd-answer"""),
-    ("change of the IPv6 manager alone, which is not written", lambda device: setting(device, f"{ACCESS}/nms_ipv6", "fd00::1"), """
+    ("change of the IPv6 manager alone, which is not written",
+     lambda device: setting(device, f"{ACCESS}/nms_ipv6", "fd00::1"), """
         warning snmpd-conf-settings: com2sec6 alone"""),
     ("kvsnmp stopped", lambda device: stopped(device, "kvsnmp"), """
         cause kvsnmp-process: process {kvsnmp} is stopped
@@ -228,10 +230,12 @@ BROKEN: list[tuple[str, Callable[[Device], AbstractContextManager], str]] = [
     ("stale pid file of snmpd", lambda device: edited(device, "/run/snmpd.pid", lambda _: "99999\n"), """
         cause snmpd-pid-file: names process 99999, not {snmpd}"""),
     ("configuration damaged by hand",
-     lambda device: edited(device, CONF, lambda text: text.replace("view all", "veiw all").replace(" public\n", "\n", 1)), """
+     lambda device: edited(
+         device, CONF, lambda text: text.replace("view all", "veiw all").replace(" public\n", "\n", 1)), """
         cause snmpd-conf-settings: differs from the settings in: com2sec, veiw, view
         text snmpd-conf-accepted: snmpd refuses line {com2sec}, "com2sec mynetwork 127.0.0.1\""""),
-    ("community changed by hand", lambda device: edited(device, CONF, lambda text: text.replace(" public\n", " other\n")), """
+    ("community changed by hand",
+     lambda device: edited(device, CONF, lambda text: text.replace(" public\n", " other\n")), """
         cause snmpd-conf-settings: com2sec
         because snmpd-answer"""),
     ("configuration newer than the snmpd that should have read it", newer_conf, """
@@ -240,7 +244,8 @@ BROKEN: list[tuple[str, Callable[[Device], AbstractContextManager], str]] = [
         warning health-probe: does not report snmpd's memory"""),
     ("snmpd at its memory limit", lambda device: edited(device, "/run/device/snmpd-rss", lambda _: "10240\n"), """
         warning health-probe: 10240 kB"""),
-    ("identity file changed under a running daemon", lambda device: edited(device, "/etc/xr-modelnumber", lambda _: "6425\n"), """
+    ("identity file changed under a running daemon",
+     lambda device: edited(device, "/etc/xr-modelnumber", lambda _: "6425\n"), """
         cause model-number-served: 6420 is served, the identity file says 6425
         hint model-number-served: restart kvsnmp"""),
     ("no trap enabled", no_traps, """
@@ -307,9 +312,12 @@ def start_without_killall(device: Device) -> None:
     device.wait_answering()
 
 
+PORT_HOLDER = ("import socket, time; s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.bind(('', 161)); "
+               "print('ready', flush=True); time.sleep(60)")
+
+
 def start_with_port_taken(device: Device) -> None:
-    holder = device.popen(["python3", "-c", "import socket, time; s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM); "
-                           "s.bind(('', 161)); print('ready', flush=True); time.sleep(60)"], stdout=-1, text=True)
+    holder = device.popen(["python3", "-c", PORT_HOLDER], stdout=-1, text=True)
     holder.stdout.readline()
     device.start_kvsnmp("-d")
     wait_given_up(device)

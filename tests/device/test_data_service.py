@@ -222,7 +222,8 @@ def test_anything_else_at_the_services_path(forsaken):
     kvsnmp = device.start_kvsnmp("-d", clock_shift=True)
     wait_until(lambda: f"{NO_CONNECTION} /run/tal.sock yet: " in device.kvsnmp_err(), what="failure logged")
     datagrams = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-    for make in (path.mkdir, lambda: path.symlink_to("tal.sock"), lambda: os.mkfifo(path), lambda: datagrams.bind(str(path))):
+    for make in (path.mkdir, lambda: path.symlink_to("tal.sock"), lambda: os.mkfifo(path),
+                 lambda: datagrams.bind(str(path))):
         path.rmdir() if path.is_dir() else path.unlink()
         make()
         device.path(WATCHDOG_FILE).unlink(missing_ok=True)

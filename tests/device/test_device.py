@@ -105,7 +105,8 @@ def test_devices_on_ports_of_the_host_answer_side_by_side_and_print_their_traps(
         inside = ["exec", "--name", device.name, "--", "talctl"]
         wait_until(lambda inside=inside: "kvsnmp_sys_messages" in script(*inside, "subscriptions").stdout, 10, 0.1)
         assert script(*inside, "trap", "enable", "Cooling Fan Fault").returncode == 0
-        assert script(*inside, "fault", "raise", "amp", "1", "fan_not_running", "crit", f"Fan of {model}").returncode == 0
+        fault = ["fault", "raise", "amp", "1", "fan_not_running", "crit", f"Fan of {model}"]
+        assert script(*inside, *fault).returncode == 0
     for model, device in devices.items():
         printed = device.wait_printed(f"trapDescription.0 = Fan of {model}", 10)
         trap = next(line for line in printed.splitlines() if f"Fan of {model}" in line)

@@ -1,5 +1,5 @@
-"""Commands of the README, docs/gpio.md, docs/traps.md and monitoring/checks, run on devices. test_guide.py runs those of
-docs/mib.md and docs/operators.md."""
+"""Commands of the README, docs/gpio.md, docs/traps.md and monitoring/checks, run on devices. test_guide.py runs those
+of docs/mib.md and docs/operators.md."""
 from __future__ import annotations
 
 import json
@@ -22,7 +22,8 @@ def section(document: str, heading: str) -> str:
 
 
 def test_scripts_and_presets_that_documents_name_are_there():
-    text = "\n".join(place.read_text() for folder in (".", "docs", "monitoring/*") for place in CHECKOUT.glob(f"{folder}/*.md"))
+    text = "\n".join(place.read_text() for folder in (".", "docs", "monitoring/*")
+                     for place in CHECKOUT.glob(f"{folder}/*.md"))
     presets = json.loads((CHECKOUT / "CMakePresets.json").read_text())
     kinds = {"cmake": "configurePresets", "--build": "buildPresets", "ctest": "testPresets"}
     named = set(re.findall(r"(cmake|--build|ctest) --preset (\w+)", text))

@@ -21,6 +21,7 @@ OWN_LINES = {6211: ([168, 169, 170, 171, 172, 173], [174]), 6214: ([168, 169, 17
 INPUT, OUTPUT, RELAY = (COLUMN_OIDS[name] for name in ("controlInputStatus", "controlOutputState", "relayStatus"))
 UNKNOWN = "1"
 STATUS = {"0": "2", "1": "3", "unreadable": UNKNOWN}  # by level
+LEVELS = list(STATUS)
 TYPES = ["gpi", "gpo", "none"]
 
 
@@ -56,7 +57,8 @@ class Station:
         return lines + own_relays + [Line(f"e_relay{1 + i}", 5 + i, f"gpio{expander_relays + i}") for i in range(8)]
 
     def _expander_base(self, label_end: str) -> int:
-        chip = next(chip for chip in self.root.glob("gpiochip*") if (chip / "label").read_text().strip().endswith(label_end))
+        chip = next(chip for chip in self.root.glob("gpiochip*")
+                    if (chip / "label").read_text().strip().endswith(label_end))
         return int((chip / "base").read_text())
 
     def settings_now(self) -> dict[str, tuple[str, int]]:
@@ -69,8 +71,9 @@ class Station:
         return [event for event in list(self.events.events) if event.what == "open" and event.name == "value"]
 
     def set_up(self, levels: dict[str, str], types: dict[int, str]) -> None:
-        self.device.talctl_batch([f'["set", "/state/config/gpios/gpio[kid=\'gpio{number}\']/gpio_type", "{kind}"]'
-                                  for number, kind in types.items()] + [f"gpio {name} {level}" for name, level in levels.items()])
+        commands = [f'["set", "/state/config/gpios/gpio[kid=\'gpio{number}\']/gpio_type", "{kind}"]'
+                    for number, kind in types.items()]
+        self.device.talctl_batch(commands + [f"gpio {name} {level}" for name, level in levels.items()])
         self.levels |= levels
         self.types |= types
 
@@ -140,11 +143,12 @@ def observed(stations) -> dict[tuple[int, str], Observed]:
     at_own_speed = {key: len(station.reads()) for key, station in stations.items()}
     hurry_cycle(list(stations.values()))
     hurry_cycle(list(stations.values()))
-    return {key: Observed(station.events.events[0], station.reads(), at_own_speed[key]) for key, station in stations.items()}
+    return {key: Observed(station.events.events[0], station.reads(), at_own_speed[key])
+            for key, station in stations.items()}
 
 
-each_station = pytest.mark.parametrize("key", [(model, kind) for model in STATIONS for kind in ("ordinary", "expanders")],
-                                       ids=lambda key: f"{key[0]}-{key[1]}")
+KEYS = [(model, kind) for model in STATIONS for kind in ("ordinary", "expanders")]
+each_station = pytest.mark.parametrize("key", KEYS, ids=lambda key: f"{key[0]}-{key[1]}")
 
 
 @each_station
@@ -169,7 +173,7 @@ def rounds(stations, observed) -> dict[tuple[int, str], list[tuple[dict[str, str
         station.device.wait_answering()
     for turn in range(3):
         for station in stations.values():
-            station.set_up({line.name: list(STATUS)[place // 3 ** turn % 3] for place, line in enumerate(station.lines)},
+            station.set_up({line.name: LEVELS[place // 3 ** turn % 3] for place, line in enumerate(station.lines)},
                            {number: TYPES[(number + turn) % 3] for number in range(1, 15)})
         hurry_cycle(list(stations.values()))
         for key, station in stations.items():
@@ -193,7 +197,7 @@ def test_levels_show_in_the_rows_and_outputs_stay_outputs(stations, rounds, key)
 @pytest.mark.parametrize("key", [(6214, "expanders"), (6891, "ordinary")], ids=["6214-expanders", "6891-ordinary"])
 def test_tree_removed_and_restored(stations, rounds, key):
     station, daemon = stations[key], stations[key].device.kvsnmp_pid()
-    station.set_up({line.name: list(STATUS)[place % 3] for place, line in enumerate(station.lines)}, {1: "gpi", 2: "gpo"})
+    station.set_up({line.name: LEVELS[place % 3] for place, line in enumerate(station.lines)}, {1: "gpi", 2: "gpo"})
     before = station.expected()
     assert set(before.values()) == {"1", "2", "3"}
     wait_until(lambda: station.served() == before, 30, what="levels shown")

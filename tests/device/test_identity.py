@@ -1,4 +1,5 @@
-"""From the identity files to the information scalars, and wrong files. The unit tests have every case of a file's text."""
+"""From the identity files to the information scalars, and wrong files. The unit tests have every case of a file's
+text."""
 from __future__ import annotations
 
 import os
@@ -17,7 +18,7 @@ BARE = ["--no-simulator", "--no-dbus", "--no-traps", "--no-kvsnmp"]
 VERSIONS = ["--etc", "xr-pkgver=7.1.0-rc 2", "--etc", "xr-kernelver=6.1.0-kv", "--etc", "xr-oftreever=dt 3"]
 NO_FILES = [part for name in [*TEXT_FILES, "xr-amptype"] for part in ("--no-etc", name)]
 
-# Model, options; package, model text, model number, amplifier type, kernel, device tree, disablement; None: not looked at.
+# Model, options; package, model text, model number, amplifier type, kernel, device tree, disablement; None: any.
 SERVED = [
     (6420, ["--model-text", "Another text", *VERSIONS],
      ["7.1.0-rc 2", "Another text", "6420", "VQ9D", "6.1.0-kv", "dt 3", "2"]),

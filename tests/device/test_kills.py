@@ -58,7 +58,8 @@ def kill_all(device: Device) -> None:
 
 
 def let_all_timers_run(device: Device) -> None:
-    """The watchdog file, written each 5 s, shows that the daemon has seen the new time; a timer may start another one."""
+    """The watchdog file, written each 5 s, shows that the daemon has seen the new time; a timer may start another
+    one."""
     for _ in range(3):
         device.path(WATCHDOG_FILE).unlink(missing_ok=True)
         device.shift_clock(6)
@@ -66,8 +67,8 @@ def let_all_timers_run(device: Device) -> None:
 
 
 def wait_other_snmpd(device: Device, old: int, hurry: float) -> int:
-    """Until a single snmpd runs that is not the old one. At each look the clock moves by `hurry` seconds. With a faster clock
-    an ending snmpd may still hold the port when the next one starts; then none is left until the health probe."""
+    """Until a single snmpd runs that is not the old one. At each look the clock moves by `hurry` seconds. With a faster
+    clock an ending snmpd may still hold the port when the next one starts; then none is left until the health probe."""
     seen = time.monotonic()
 
     def look() -> int:
@@ -85,7 +86,8 @@ def wait_other_snmpd(device: Device, old: int, hurry: float) -> int:
 
 
 def wait_golden(device: Device, manager: RawManager, snmpd: int) -> int:
-    """Until another snmpd runs and all values are served. With the fast clock snmpd may be restarted twice. Returns the last."""
+    """Until another snmpd runs and all values are served. With the fast clock snmpd may be restarted twice. Returns the
+    last."""
     wait_other_snmpd(device, snmpd, 0.15)
     let_all_timers_run(device)
     snmpd = wait_other_snmpd(device, snmpd, 0)
@@ -139,8 +141,8 @@ def test_kvsnmp_killed_at_any_moment_of_its_start(device, manager):
 
 
 def test_faults_raised_while_kvsnmp_is_killed_and_restarted(device):
-    """Each life of the daemon sends every active fault once: none is lost, none is sent twice in one life, and one that came
-    and went between two lives is never sent."""
+    """Each life of the daemon sends every active fault once: none is lost, none is sent twice in one life, and one that
+    came and went between two lives is never sent."""
     traps, faults = TrapReceiver(device), Faults(device)
     daemon(device)
     faults.mark(traps, timeout=30)

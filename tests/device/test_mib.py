@@ -115,8 +115,9 @@ def test_enumerations_name_every_code_that_can_be_served_and_no_other():
 
 
 @pytest.mark.parametrize("column, parser, prefix", [
-    ("ampChannelLineState", "line_state", ""), ("lineInStatus", "pilot_tone", ""), ("lineInMicStatus", "mic_status", ""),
-    ("controlInputStatus", "input_state", "ok_|fail_"), ("controlOutputState", "output_state", "ok_")])
+    ("ampChannelLineState", "line_state", ""), ("lineInStatus", "pilot_tone", ""),
+    ("lineInMicStatus", "mic_status", ""), ("controlInputStatus", "input_state", "ok_|fail_"),
+    ("controlOutputState", "output_state", "ok_")])
 def test_states_have_the_names_of_the_words_behind_them(column, parser, prefix):
     """ok_closed is closed, ground_fault is groundFault."""
     words = {code: re.sub(f"^({prefix})", "", word).replace("_", "") for word, code in WORDS[parser].items()}
@@ -157,15 +158,16 @@ def test_states_and_models_that_descriptions_name_exist():
 
 
 def test_indices_whose_meaning_differs_among_models_are_named():
-    def others(table: str) -> set[int]:
+    def different(table: str) -> set[int]:
         """Indices of 6410 that mean something else on another model."""
-        elsewhere = {row for model in catalogue.models_with(table) if model != 6410 for row in catalogue.rows(table, model)}
+        others = set(catalogue.MODELS) - {6410}
+        elsewhere = {row for model in others for row in catalogue.rows(table, model)}
         return {index for index, text in catalogue.rows(table, 6410)
                 if any(index == other and text != name for other, name in elsewhere)}
 
     named = re.search(r"On 6410 the indices ([\d, and]+) are other lines", text_of("voltageIndex"))[1]
-    assert set(map(int, re.findall(r"\d+", named))) == others("voltageTable")
-    assert others("tempTable") == {1, 2, 3, 4} and "6410 numbers other sensors" in text_of("tempIndex")
+    assert set(map(int, re.findall(r"\d+", named))) == different("voltageTable")
+    assert different("tempTable") == {1, 2, 3, 4} and "6410 numbers other sensors" in text_of("tempIndex")
 
 
 # The notifications

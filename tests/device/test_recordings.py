@@ -1,4 +1,5 @@
-"""The recordings of monitoring/recordings/generate: snmpsim serves the golden walks and the system group of a device."""
+"""The recordings of monitoring/recordings/generate: snmpsim serves the golden walks and the system group of a
+device."""
 from __future__ import annotations
 
 import os

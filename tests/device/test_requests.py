@@ -1,4 +1,5 @@
-"""Requests for many names at once, for too much, and from many managers. test_random_requests.py has names that are absent."""
+"""Requests for many names at once, for too much, and from many managers. test_random_requests.py has names that are
+absent."""
 from __future__ import annotations
 
 import selectors
@@ -85,8 +86,8 @@ def test_the_daemon_still_ends_after_such_a_request(start_device, model, names):
     assert device.kvsnmp_status() == 0
 
 
-# More names than a message of 64 KiB between snmpd and the sub-agent holds. In AgentX a name of 13 arcs below the enterprise
-# arc is 36 bytes long, the end of its search 24, the answer with a Gauge32 44, with a text at least 40.
+# More names than a message of 64 KiB between snmpd and the sub-agent holds. In AgentX a name of 13 arcs below the
+# enterprise arc is 36 bytes long, the end of its search 24, the answer with a Gauge32 44, with a text at least 40.
 
 CELL, TEXT = below_enterprise("3.4.2.1.3.1"), below_enterprise("3.4.2.1.2.1")
 GET_LIMIT = (65536 - 28) // 44

@@ -12,7 +12,8 @@ from support import steps
 from support.catalogue import EXTENDED, MODELS
 from support.device import CHECKOUT, Device
 from support.polling import wait_until
-from support.snmp import TABLES, parse
+from support.snmp import TABLES
+from support.walks import Walk, wait_for_lines
 
 FOLDER = CHECKOUT / "monitoring/checks"
 PLUGINS = "/usr/lib/nagios/plugins"
@@ -69,27 +70,21 @@ def check(device: Device, service: Service, oid: str = "") -> tuple[int, str]:
 def healthy(kind: list[int]) -> Device:
     """A device whose channels and ports are announced as in order, and whose relays were read."""
     model = kind[0]
-    options = ["--model-text", EXTENDED] if model == 6214 else []
+    walk = Walk(model, EXTENDED if model == 6214 else None)
+    options = ["--model-text", walk.text] if walk.text else []
     device = Device(model, "--clock-shift", "--no-traps", *options)
     try:
         device.wait_ready().wait_answering(60).wait_subscribed(60)
-        commands = [["monitor", "amp", str(channel), "2"] for channel in (0, 1)] if model in (6420, 6425, 6720, 6764) else []
+        commands = [["monitor", "amp", channel, "2"] for channel in "01" if model in (6420, 6425, 6720, 6764)]
         if model != 6211:
             commands.append(steps.put("/state/config/os_ip/eth_switch/port[port_id='Eth2']/monitored", "true"))
         steps.apply(device, commands)
-        if model in (6211, 6214):
-            wait_until(lambda: relays_read(device), 60, what="relays read")
+        wait_for_lines(device, walk)
     except Exception as failure:
         logs = device.logs()
         device.stop()
         raise AssertionError(f"model {model}: {failure}\n{logs}") from failure
     return device
-
-
-def relays_read(device: Device) -> bool:
-    device.shift_clock(steps.CACHE_SECONDS)
-    states = parse(device.snmp.tool("snmpwalk", [f"{TABLES}.12.1.1.3"]).stdout)
-    return all(state.text != "1" for state in states)
 
 
 @pytest.fixture(scope="module")
@@ -183,7 +178,7 @@ FAULTS = [  # model, service, its status, command, command that ends the fault
 
 
 @pytest.mark.parametrize("model, name, expected, order, end", FAULTS,
-                         ids=[f"{model} {name} {WORDS[status]} {' '.join(order[-1:])}" for model, name, status, order, _ in FAULTS])
+                         ids=[f"{model} {name} {WORDS[status]} {order[-1]}" for model, name, status, order, _ in FAULTS])
 def test_a_fault_is_reported(devices, model, name, expected, order, end):
     device = devices[model]
     service = services_of("kvsnmp-expanders" if name.startswith("External") else f"kvsnmp-{model}")[name]

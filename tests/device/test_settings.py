@@ -1,5 +1,5 @@
-"""From the settings of the data service to snmpd.conf and to the restarted snmpd; full and read-only disks, and a folder that
-was replaced. The unit test of the text has each line of the file."""
+"""From the settings of the data service to snmpd.conf and to the restarted snmpd; full and read-only disks, and a
+folder that was replaced. The unit test of the text has each line of the file."""
 from __future__ import annotations
 
 import stat
@@ -67,7 +67,8 @@ CASES = {
     "other port, disabled": (SnmpSettings(access="Disabled", snmp_port="1611"),
                              HEAD + NAMES + DISABLED.replace(":161", ":1611")),
     "unknown access": (SnmpSettings(access="Write"), ""),
-    "no version 1, receivers": (SnmpSettings(version_1="false", trap_address="127.0.0.1:1162", inform_address="127.0.0.1:1163"),
+    "no version 1, receivers": (SnmpSettings(version_1="false", trap_address="127.0.0.1:1162",
+                                             inform_address="127.0.0.1:1163"),
                                 HEAD + NAMES + "informsink 127.0.0.1:1163\ntrap2sink 127.0.0.1:1162\n"
                                 + READ.replace("group MyROGroup v1 ", "#group MyROGroup v1 ")),
     "text beyond ASCII": (SnmpSettings(sys_location="Gebäude 3, Ü-Raum"),
@@ -120,8 +121,8 @@ def test_line_feed_in_the_contact_runs_no_command(configured):
 
 
 def test_restart_sequence_and_its_times(start_device):
-    """300 ms without a change, the file, 500 ms, the old snmpd ended, 500 ms, the new snmpd. The sub-agent then tries to
-    connect every second, as kvagent.conf says; without that file it would try more than 14 s later."""
+    """300 ms without a change, the file, 500 ms, the old snmpd ended, 500 ms, the new snmpd. The sub-agent then tries
+    to connect every second, as kvagent.conf says; without that file it would try more than 14 s later."""
     device = start_device(6420, "--no-traps").wait_answering()
     old = device.wait_snmpd()
     events = FolderEvents(device.path(FOLDER), device.path("/run"))
@@ -152,8 +153,8 @@ def test_restart_sequence_and_its_times(start_device):
 
 @pytest.mark.parametrize("mounted", [False, True], ids=["deleted", "in place, emptied"])
 def test_half_written_settings_file_is_not_kept(configured, mounted):
-    """The disk has room for one page of two. snmpd goes on with its old settings. A file that is a mount cannot be deleted:
-    it is written in place."""
+    """The disk has room for one page of two. snmpd goes on with its old settings. A file that is a mount cannot be
+    deleted: it is written in place."""
     device = configured.device
     if mounted:
         device.path("/etc/kept").mkdir()

@@ -1,4 +1,5 @@
-"""The daemon keeps snmpd running: killed, missing, stopped, hung, too large, or impossible to start; custom configuration.
+"""The daemon keeps snmpd running: killed, missing, stopped, hung, too large, or impossible to start; custom
+configuration.
 
 KVSNMP_SNMPD_KILLS in the environment is how often snmpd is killed during walks.
 """
@@ -11,7 +12,8 @@ import time
 import pytest
 from support.dataservice import SETTINGS
 from support.device import Device
-from support.outages import PROBES, assert_idle, change_a_setting, hurry, run_probe, serve, wait_for_another_snmpd, wait_served
+from support.outages import (PROBES, assert_idle, change_a_setting, hurry, run_probe, serve, wait_for_another_snmpd,
+                             wait_served)
 from support.polling import stays, wait_until
 from support.pollset import watched_and_open
 from support.press import Press
@@ -118,8 +120,8 @@ def test_stopped_snmpd_is_replaced_when_a_setting_changes(served, device):
 
 
 def test_snmpd_killed_over_and_over_during_walks(served, device):
-    """It is restarted by turns after a changed setting and by the health probe. Each time all values are served again, and
-    the daemon waits for as many descriptors as before, all of them open."""
+    """It is restarted by turns after a changed setting and by the health probe. Each time all values are served again,
+    and the daemon waits for as many descriptors as before, all of them open."""
     pid, snmpd = device.kvsnmp_pid(), device.wait_snmpd()
     watched, opened = watched_and_open(device, pid)
     assert set(watched) <= set(opened)

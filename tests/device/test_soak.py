@@ -28,8 +28,8 @@ def test_lost_and_doubled_faults_and_growth_are_found():
     assert book.doubled() == ["doubled"]
     for seconds, lost in [(1.0, []), (2.0, ["lost"]), (21.0, ["lost", "late"])]:
         assert book.lost(seconds + FaultBook.PATIENCE) == lost
-    for kilobytes, descriptors, word in [(20000 + RSS_GROWTH_LIMIT_KB, 16, ""), (20001 + RSS_GROWTH_LIMIT_KB, 16, "RSS grew"),
-                                         (20000, 17, "descriptors")]:
+    for kilobytes, descriptors, word in [(20000 + RSS_GROWTH_LIMIT_KB, 16, ""),
+                                         (20001 + RSS_GROWTH_LIMIT_KB, 16, "RSS grew"), (20000, 17, "descriptors")]:
         growth = Growth(1200)
         for at in range(1200):
             growth.add(Sample(at, 20000 if at < 600 else kilobytes, 7000, 16, 2, 0, 0))

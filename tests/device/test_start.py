@@ -244,7 +244,8 @@ def silent_device(start_device):
 
 
 @pytest.mark.parametrize("command", ["exec kvsnmp -d > /dev/full 2>&1", "kvsnmp -d 2>&1 | head -n 1 > /tmp/first",
-                                     "exec kvsnmp <&- >&- 2>&-"], ids=["full disk", "closed pipe", "daemon, all closed"])
+                                     "exec kvsnmp <&- >&- 2>&-"],
+                         ids=["full disk", "closed pipe", "daemon, all closed"])
 def test_unusable_streams_do_not_end_it(silent_device, command):
     shell = silent_device.popen(["sh", "-c", command])
     silent_device.wait_answering()

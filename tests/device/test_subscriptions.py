@@ -15,7 +15,8 @@ def expected(block: str, model: int) -> list[Subscription]:
 @pytest.fixture(scope="module")
 def subscribed(start_shared_device):
     """All models, each with a data service that only listens."""
-    devices = {model: start_shared_device(model, "--no-simulator", "--no-dbus", "--no-traps", wait=False) for model in MODELS}
+    devices = {model: start_shared_device(model, "--no-simulator", "--no-dbus", "--no-traps", wait=False)
+               for model in MODELS}
     services = {model: DataService(device.wait_ready().path("/run/tal.sock")) for model, device in devices.items()}
     for service in services.values():
         wait_until(lambda service=service: service.has("kvsnmp_sys_messages"), 30, what="last subscription")

@@ -1,4 +1,5 @@
-"""What operators load into their trap receivers: the handler of snmptrapd and the entries of SNMPTT; and docs/traps.md."""
+"""What operators load into their trap receivers: the handler of snmptrapd and the entries of SNMPTT; and
+docs/traps.md."""
 from __future__ import annotations
 
 import re

@@ -1,5 +1,5 @@
-"""From a fault in the data service to what a manager receives: every message identifier, every value of a trap; and system
-messages that the simulator never sends, from a data service that the test plays."""
+"""From a fault in the data service to what a manager receives: every message identifier, every value of a trap; and
+system messages that the simulator never sends, from a data service that the test plays."""
 from __future__ import annotations
 
 import datetime
@@ -12,8 +12,8 @@ from support.dataservice import SETTINGS
 from support.played import MESSAGES, Played
 from support.polling import stays, wait_until
 from support.settingsfile import SnmpSettings
-from support.traps import (DESCRIPTION, SYS_NAME, SYS_UP_TIME, TIME, E, Faults, TrapReceiver, expected_variables, send_results,
-                           switch, time_text)
+from support.traps import (DESCRIPTION, SYS_NAME, SYS_UP_TIME, TIME, E, Faults, TrapReceiver, expected_variables,
+                           send_results, switch, time_text)
 
 TRAP_PORT, INFORM_PORT = 1162, 1163
 ZONE = datetime.timezone(datetime.timedelta(hours=3, minutes=30))  # unlikely on a machine that runs the tests
@@ -86,7 +86,7 @@ def test_all_twenty_are_decoded_by_name_with_the_mib(one_of_each):
 @pytest.mark.parametrize("text", [
     "Lüfter 1 steht – Ω 温度 ✓", 'quotes " and \' and \\', "100 %1 %s %2", " blanks around ", "first line\nsecond line",
     "x" * LONGEST, "ü" * (LONGEST // 2),
-], ids=["UTF-8", "quotes", "percent signs", "blanks", "line feed", "the longest", "the longest of two bytes a character"])
+], ids=["UTF-8", "quotes", "percent signs", "blanks", "line feed", "the longest", "the longest of umlauts"])
 def test_description_is_received_as_it_was_raised(bench, text):
     assert bench.trap_of("custom_msg", text).value(DESCRIPTION) == text.encode()
 
@@ -218,7 +218,7 @@ def test_faults_from_before_the_agent_was_started_are_sent_as_soon_as_it_can(scr
     assert [trap.description for trap in receiver.received] == ["early 1", "early 3", "mark 1"]
     assert send_results(device, "early 3") == ["SUCCESS"]
     trap = receiver.received[0]
-    assert trap.variables[1:] == expected_variables("let_fail", "early 1", 1, trap.value(TIME)), "no sysName without a name"
+    assert trap.variables[1:] == expected_variables("let_fail", "early 1", 1, trap.value(TIME)), "without sysName"
 
 
 def test_a_fault_that_ended_while_the_data_service_was_away_is_not_sent_when_it_is_raised_again(scripted):

@@ -1,5 +1,5 @@
-"""Traps while snmpd is restarted, killed, hung or slow: none is lost, none is sent twice. A fault that ended before its trap
-was sent is still sent if snmpd was only busy, and never if it was gone."""
+"""Traps while snmpd is restarted, killed, hung or slow: none is lost, none is sent twice. A fault that ended before its
+trap was sent is still sent if snmpd was only busy, and never if it was gone."""
 from __future__ import annotations
 
 import functools
@@ -110,8 +110,8 @@ def test_faults_raised_without_snmpd_are_sent_when_it_runs(bench):
 
 
 def test_faults_over_many_restarts_are_each_received_once(bench):
-    """Earlier faults are active all the while, and not sent again. While the daemon ends snmpd, it sends no trap until the
-    session is gone. At most, snmpd leaves unread what it was sent right before."""
+    """Earlier faults are active all the while, and not sent again. While the daemon ends snmpd, it sends no trap until
+    the session is gone. At most, snmpd leaves unread what it was sent right before."""
     device, faults = bench.device, bench.faults
     log_start = len(device.kvsnmp_err())
     for _ in range(RESTARTS):
@@ -127,7 +127,7 @@ def test_faults_over_many_restarts_are_each_received_once(bench):
     restarts, ending, last = 0, False, ""
     last_before: set[str] = set()  # the last trap sent before each restart
     to_the_dying: list[str] = []
-    for line in device.kvsnmp_err()[log_start:].splitlines(keepends=True):  # in order: one thread writes them, unbuffered
+    for line in device.kvsnmp_err()[log_start:].splitlines(keepends=True):  # in order: one thread writes them
         if line == RESTARTING:
             restarts, ending = restarts + 1, True
             last_before.add(last)

@@ -1,5 +1,5 @@
-"""Values from the data service and the amplifier monitor to the cells that a manager reads, cell by cell from the catalogue.
-The unit tests of the parsers and tables test each conversion; here the whole way is tested."""
+"""Values from the data service and the amplifier monitor to the cells that a manager reads, cell by cell from the
+catalogue. The unit tests of the parsers and tables test each conversion; here the whole way is tested."""
 from __future__ import annotations
 
 import pytest
@@ -16,8 +16,8 @@ CLASS_D = "/state/class_d_amp_status/status"
 VOLTAGE, VOLTAGE_PATH = f"{COLUMN_OIDS['voltageValue']}.3", "/state/power_lines/power_line[kid='3v3']/voltage"
 UNKNOWN_WORD = "somehow"
 
-# Text, and what is served for it as thousandths, as tenths, as digits, and as an INTEGER (above 2147483647 with the sign
-# bit). Texts are read digit by digit: a sign is ignored, and too many decimals give 0.
+# Text, and what is served for it as thousandths, as tenths, as digits, and as an INTEGER (above 2147483647 with the
+# sign bit). Texts are read digit by digit: a sign is ignored, and too many decimals give 0.
 NUMBERS = {text: dict(zip(("x1000", "x10", "x1", "whole"), map(str, values))) for text, values in {
     "41.2": (41200, 412, 0, 0), "48": (48000, 480, 48, 48), "-5.0": (5000, 50, 0, 0), "-30": (30000, 300, 30, 0),
     "41.25": (41250, 0, 0, 0), "1.2345": (0, 0, 0, 0), "0": (0, 0, 0, 0), "warm 3.5 V": (3500, 35, 0, 0),
@@ -25,8 +25,8 @@ NUMBERS = {text: dict(zip(("x1000", "x10", "x1", "whole"), map(str, values))) fo
     "2147483647": (4294966296, 4294967286, 2147483647, 2147483647), "2147483648": (0, 0, 2147483648, -2147483648),
     "4294967295": (4294966296, 4294967286, 4294967295, -1), "4294967296": (0, 0, 0, 0)}.items()}
 # As snmpget prints them: at most 19 characters, in ISO 8859-1.
-TEXTS = {"2.4.1": "2.4.1", "longer than the place for it": "longer than the pla", "\N{LATIN SMALL LETTER U WITH DIAERESIS}": "FC ",
-         "": ""}
+TEXTS = {"2.4.1": "2.4.1", "longer than the place for it": "longer than the pla",
+         "\N{LATIN SMALL LETTER U WITH DIAERESIS}": "FC ", "": ""}
 
 
 def words_of(parser: str) -> dict[str, str]:
@@ -130,7 +130,8 @@ def test_a_table_keeps_its_values_for_60_seconds(subjects):
 
 
 def test_keys_of_other_models_are_ignored(subjects):
-    """What 6425 and 6720 report about their power sources, a third input of 6720, an expander of a station without one."""
+    """What 6425 and 6720 report about their power sources, a third input of 6720, an expander of a station without
+    one."""
     power, gpi = "/state/config/power_sources/power_source[kid='{}']/monitored", "/state/config/gpis/gpi[kid='gpi3']"
     relay = "/state/config/gpos/gpo[kid='{}']/delay"
     for model, cell, value, commands in [
@@ -180,15 +181,17 @@ def let_commands() -> list[Command]:
 
 
 @pytest.mark.parametrize("model, class_d, enabled, monitor, status", [
-    (6420, "ok", "true true", "2 1", [3, 5]), (6420, "ok", "true true", "1 2", [5, 3]), (6420, "ok", "false true", "2 2", [2, 3]),
-    (6420, "ok", "true false", "1 1", [5, 2]), (6420, "failed", "true true", "2 1", [4, 4]),
-    (6420, "", "false true", "2 2", [4, 4]), (6425, None, "true true", "1 2", [5, 3]), (6425, None, "false true", "2 1", [2, 5])])
+    (6420, "ok", "true true", "2 1", [3, 5]), (6420, "ok", "true true", "1 2", [5, 3]),
+    (6420, "ok", "false true", "2 2", [2, 3]), (6420, "ok", "true false", "1 1", [5, 2]),
+    (6420, "failed", "true true", "2 1", [4, 4]), (6420, "", "false true", "2 2", [4, 4]),
+    (6425, None, "true true", "1 2", [5, 3]), (6425, None, "false true", "2 1", [2, 5])])
 def test_channel_and_let_statuses(subjects, model, class_d, enabled, monitor, status):
     """6425 has no class-D status, and no LETs."""
     device = subjects[model].device
     commands = write(CLASS_D, class_d) if class_d is not None else []
     for channel, (switch, code) in enumerate(zip(enabled.split(), monitor.split())):
-        commands += [*write(f"{LINE_CONFIG.format(f'ch{channel + 1}')}/enable", switch), ["monitor", "amp", str(channel), code]]
+        commands += write(f"{LINE_CONFIG.format(f'ch{channel + 1}')}/enable", switch)
+        commands.append(["monitor", "amp", str(channel), code])
     steps.apply(device, commands)
     assert column(device, "ampChannelStatus", range(1, 3)) == status
     if model == 6425:
@@ -216,7 +219,8 @@ def test_a_let_keeps_its_status_until_it_is_reported_again(subjects):
 def test_what_no_value_changes(subjects):
     """The fixed texts of the LETs, and the single outputs of the stations."""
     steps.apply(subjects[6420].device, write(f"{LINE_CONFIG.format('ch2')}/lets/let[kid='3']/let_description", "Foyer"))
-    assert subjects[6420].device.snmp.get(f"{COLUMN_OIDS['letChannel2Description']}.3") == [("STRING", "LET 3 Channel 2")]
+    description = f"{COLUMN_OIDS['letChannel2Description']}.3"
+    assert subjects[6420].device.snmp.get(description) == [("STRING", "LET 3 Channel 2")]
     for model in (6214, 6891):
         steps.apply(subjects[model].device, [["monitor", "amp", "0", "2"]])
         assert column(subjects[model].device, "ampChannelStatus", range(1, 2)) == [1]
@@ -288,5 +292,6 @@ def test_ipv6_managers_are_answered(subjects):
 
 
 def test_other_communities_are_not_answered(subjects):
-    done = subjects[6420].device.snmp.tool("snmpget", [VOLTAGE], check=False, access=["-v2c", "-c", "guess", "-r", "0", "-t", "0.5"])
+    done = subjects[6420].device.snmp.tool("snmpget", [VOLTAGE], check=False,
+                                           access=["-v2c", "-c", "guess", "-r", "0", "-t", "0.5"])
     assert done.returncode != 0 and "Timeout" in done.stderr

@@ -1,5 +1,5 @@
-"""The whole private MIB of every model, read with GETNEXT and GETBULK, equals its golden walk, and that has the rows of the
-catalogue. KVSNMP_WRITE_GOLDEN=1 in the environment writes the golden walks again.
+"""The whole private MIB of every model, read with GETNEXT and GETBULK, equals its golden walk, and that has the rows of
+the catalogue. KVSNMP_WRITE_GOLDEN=1 in the environment writes the golden walks again.
 """
 from __future__ import annotations
 

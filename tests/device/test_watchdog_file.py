@@ -1,5 +1,5 @@
-"""The watchdog file: written every 5 s, also after another user put something in its place, and on a full disk. The unit
-test of the file has more kinds of things in its place."""
+"""The watchdog file: written every 5 s, also after another user put something in its place, and on a full disk. The
+unit test of the file has more kinds of things in its place."""
 from __future__ import annotations
 
 import os
@@ -20,8 +20,8 @@ REFUSED = f"Couldn't open file: {PATH}\n"
 # Outside a sandbox made by root there is only one user.
 ANOTHER_USER = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"] if os.geteuid() == 0 else []
 # Shell commands that put something at $1, in its folder; "other" is a file beside it.
-THINGS = {"pipe": "mkfifo $1", "dangling link": "ln -s nothing $1", "link to the settings": "ln -s /etc/snmp/snmpd.conf $1",
-          "hard link": "ln other $1"}
+THINGS = {"pipe": "mkfifo $1", "dangling link": "ln -s nothing $1", "hard link": "ln other $1",
+          "link to the settings": "ln -s /etc/snmp/snmpd.conf $1"}
 THINGS |= {"file": "echo mine > $1 && chmod 666 $1"} if ANOTHER_USER else {}
 
 

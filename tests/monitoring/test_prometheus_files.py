@@ -1,5 +1,5 @@
-"""The files of monitoring/prometheus, without a program that reads them: their structure, and that each name that one of them
-uses is made by another."""
+"""The files of monitoring/prometheus, without a program that reads them: their structure, and that each name that one
+of them uses is made by another."""
 from __future__ import annotations
 
 import json

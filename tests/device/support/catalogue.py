@@ -98,10 +98,6 @@ def rows(table: str, model: int, expanders: bool = False) -> list[tuple[int, str
             if row["table"] == table and _has(row, model, expanders)]
 
 
-def models_with(table: str) -> list[int]:
-    return [model for model in MODELS if rows(table, model)]
-
-
 class Feed(NamedTuple):
     """A value of the data service, and the cell that serves it."""
     parser: str
@@ -160,8 +156,8 @@ def first_values(model: int, expanders: bool) -> dict[str, list[str]]:
 def _codes() -> dict[str, set[int]]:
     """Each code that a column can serve. 0 comes before the first word that is known."""
     found = {"infoDisablement": {0, 2},  # 0 until the agent has the information
-             "ampType": set(range(1, 9)), "powerKind": {1, 2}, "relayStatus": {1, 2, 3, 4}, "ampChannelStatus": {1, 2, 3, 4, 5},
-             "letChannel1Status": {1, 2, 3, 4}, "letChannel2Status": {1, 2, 3, 4},
+             "ampType": set(range(1, 9)), "powerKind": {1, 2}, "relayStatus": {1, 2, 3, 4},
+             "ampChannelStatus": {1, 2, 3, 4, 5}, "letChannel1Status": {1, 2, 3, 4}, "letChannel2Status": {1, 2, 3, 4},
              "controlInputStatus": {1, *WORDS["input_state"].values()},
              "controlOutputState": {1, *WORDS["output_state"].values()}}
     for model in MODELS:

@@ -53,8 +53,8 @@ def sanitizer_findings(report: str) -> list[str]:
 
 
 class Device:
-    """Options are those of scripts/device, e.g. Device(6420, "--daemon", "--clock-shift"). With `own_session` a Ctrl-C in
-    the terminal does not reach the device."""
+    """Options are those of scripts/device, e.g. Device(6420, "--daemon", "--clock-shift"). With `own_session` a Ctrl-C
+    in the terminal does not reach the device."""
 
     def __init__(self, model: int, *options: str, own_session: bool = False) -> None:
         self.model = model
@@ -63,8 +63,8 @@ class Device:
         self._options = options
         self._script = subprocess.Popen(
             [str(CHECKOUT / "scripts/device"), "--model", str(model), "--name", self.name, "--bin", str(bin_dir()),
-             *build_options(), *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-            start_new_session=own_session)
+             *build_options(), *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+            text=True, start_new_session=own_session)
         self._shift = 0
         self._time_of_day_shift = 0
         self._commands: list[subprocess.Popen] = []
@@ -122,8 +122,8 @@ class Device:
         """Starts a kvsnmp, its output appended to the device's logs."""
         library = str(bin_dir().parent / "lib/libclockshift.so")
         with open(self.path("/var/log/kvsnmp.out"), "ab") as out, open(self.path("/var/log/kvsnmp.err"), "ab") as err:
-            return self.popen([*wrapper, "kvsnmp", *arguments],
-                              env=settings.kvsnmp_environment(clock_shift, library) | (env or {}), stdout=out, stderr=err)
+            variables = settings.kvsnmp_environment(clock_shift, library) | (env or {})
+            return self.popen([*wrapper, "kvsnmp", *arguments], env=variables, stdout=out, stderr=err)
 
     def run_kvsnmp(self, *arguments: str, timeout: float = 10.0) -> subprocess.CompletedProcess:
         """A kvsnmp that should end by itself."""
@@ -137,9 +137,9 @@ class Device:
         return self.run(["talctl", "batch"], input="".join(f"{line}\n" for line in lines)).stdout
 
     def carry_out(self, commands: Sequence[list[str]], timeout: float = 30.0, dbus: bool = False) -> None:
-        """Runs commands of talctl and waits until the daemon has received everything that they send, and everything that
-        the simulator sent before: the daemon logs a last fault without a trap, and a last announcement on the bus of an
-        input that no table has."""
+        """Runs commands of talctl and waits until the daemon has received everything that they send, and everything
+        that the simulator sent before: the daemon logs a last fault without a trap, and a last announcement on the bus
+        of an input that no table has."""
         mark = f"mark{next(_numbers)}"
         marks = [["fault", "raise", "device", mark, "", "notice", mark]]
         awaited = [f"New Fault: [device] [{mark}]"]

@@ -19,10 +19,12 @@ PATHS |= {"trap_settings": f"{SETTINGS}/trap_settings/traps/trap[name='LET Fault
           "access_control": f"{SETTINGS}/access_control/nms_ipv6",
           "kvsnmp_gpio_type": "/state/config/gpios/gpio[kid='gpio8']/gpio_type",
           "kvsnmp_class_d_status": PARSERS["class_d"]["path"],
-          "kvsnmp_sys_messages": "/state/sys_messages/sys_message[reporter='x'][rep_ref='y']", "": "/", "nobody": "/state"}
+          "kvsnmp_sys_messages": "/state/sys_messages/sys_message[reporter='x'][rep_ref='y']",
+          "": "/", "nobody": "/state"}
 _OPERATIONS = ["create", "replace", "delete", "merge", "", "CREATE"]
 _TEXTS = ["", " ", "0", "-1", "4294967296", "99999999999999999999", "1e308", "-1e999", "nan", "inf", "0x10", "true",
-          "TRUE", "%s%n%1%2", "'", '"', "]", "..", "\u20ac\U0001f600", "x" * 5000, "1.5.5", "\n\n", "ok\nextend evil /bin/sh"]
+          "TRUE", "%s%n%1%2", "'", '"', "]", "..", "\u20ac\U0001f600", "x" * 5000, "1.5.5", "\n\n",
+          "ok\nextend evil /bin/sh"]
 _PATHS = ["", "/", "//", "/state", "state", "/state/", "/state[", "/state/lines/line[kid='", "/state/lines/line[kid=]",
           "/state/lines/line[kid='ch9999999999']/lets/let[kid='-1']/let_vcc", "/" + "a/" * 3000, "[']']", "/state/'"]
 

@@ -38,6 +38,8 @@ class Played:
     def wait_received(self, timeout: float = 60.0) -> None:
         """Until the daemon has received a good message that comes after all others."""
         mark = f"mark{next(_marks)}"
-        self.service.notify("kvsnmp_sys_messages", "create", f"{MESSAGES}[reporter='played'][rep_ref='{mark}']",
-                            f"<sys_message><reporter>played</reporter><rep_ref>{mark}</rep_ref></sys_message>", MESSAGES)
-        wait_until(lambda: f"New Fault: [played] [{mark}]" in self.device.kvsnmp_err(), timeout, what=f"{mark} received")
+        node = f"<sys_message><reporter>played</reporter><rep_ref>{mark}</rep_ref></sys_message>"
+        self.service.notify("kvsnmp_sys_messages", "create", f"{MESSAGES}[reporter='played'][rep_ref='{mark}']", node,
+                            MESSAGES)
+        logged = f"New Fault: [played] [{mark}]"
+        wait_until(lambda: logged in self.device.kvsnmp_err(), timeout, what=logged)

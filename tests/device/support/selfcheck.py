@@ -62,9 +62,9 @@ def assert_only_warnings(check: SelfCheck, *warned: str) -> None:
 
 
 def assert_reports(check: SelfCheck, report: str) -> None:
-    """Each line of the report holds: "cause ID: TEXT" the only cause, "warning ID: TEXT" the only warning, "text ID: TEXT" and
-    "hint ID: TEXT" part of that check's text or hint, "ok IDS", "because IDS" checks that fail or are skipped because of
-    the cause, "because only IDS" all of these."""
+    """Each line of the report holds: "cause ID: TEXT" the only cause, "warning ID: TEXT" the only warning, "text ID:
+    TEXT" and "hint ID: TEXT" part of that check's text or hint, "ok IDS", "because IDS" checks that fail or are skipped
+    because of the cause, "because only IDS" all of these."""
     for line in report.strip().splitlines():
         word, _, rest = line.strip().partition(" ")
         name, _, text = rest.partition(": ")

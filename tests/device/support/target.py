@@ -9,7 +9,7 @@ import pytest
 
 from . import ber, steps
 from .ber import GET
-from .catalogue import COLUMN_OIDS, COMPACT, TABLES, Table, rows
+from .catalogue import COLUMN_OIDS, COMPACT, Table
 from .device import MODEL_NUMBER, Device
 from .rawmanager import RawManager
 from .walks import Walk, wait_for_lines
@@ -106,8 +106,3 @@ def intact(target: Target) -> Iterator[Target]:
 
 def entry_of(table: Table) -> ber.Oid:
     return ber.numbers(table.oid(table.columns[0][0]))[:-1]
-
-
-def tables_of(model: Walk) -> list[str]:
-    """Those that have rows."""
-    return [name for name in TABLES if rows(name, model.model, model.expanders)]

@@ -71,7 +71,8 @@ class Site:
         for device in self.devices.values():
             device.wait_answering(60).wait_subscribed(60)
         for name in self.devices:
-            self.apply(name, [["monitor", "amp", channel, "2"] for channel in "01"] if len(rows("ampChannelTable", int(name[:4]))) == 2 else [])
+            channels = rows("ampChannelTable", int(name[:4]))
+            self.apply(name, [["monitor", "amp", channel, "2"] for channel in "01"] if len(channels) == 2 else [])
 
     def start_kvsnmp(self, name: str) -> None:
         self.devices[name].start_kvsnmp("-d", clock_shift=True)

@@ -1,5 +1,5 @@
-"""Debian's exporter and Prometheus with a device of every model: each served object is a metric with its text labels, and each
-alert fires on a fault and clears again. Run by scripts/test-monitoring."""
+"""Debian's exporter and Prometheus with a device of every model: each served object is a metric with its text labels,
+and each alert fires on a fault and clears again. Run by scripts/test-monitoring."""
 from __future__ import annotations
 
 import re
@@ -231,8 +231,8 @@ EXPECTED: set[Alert] = RESTART_FAULTS | {(alert, fault.device, index) for fault 
 
 
 def begin_restarts(site: Site) -> str:
-    """One kvsnmp is started again without voltages and announcements, one is ended, one is ended together with snmpd. Returns
-    the deleted voltages."""
+    """One kvsnmp is started again without voltages and announcements, one is ended, one is ended together with snmpd.
+    Returns the deleted voltages."""
     voltages = site.devices["6425"].talctl("get", "/state/power_lines").strip()
     site.devices["6425"].talctl("delete", "/state/power_lines")
     for name in RESTARTED:

@@ -47,7 +47,8 @@ class Watched(NamedTuple):
         self.device.shift_clock(steps.CACHE_SECONDS)
 
 
-# Name, model, options of the device, address. A trap has only the sender's address, so only the first device sends traps.
+# Name, model, options of the device, address. A trap has only the sender's address, so only the first device sends
+# traps.
 HOSTS = [
     ("pa-6420", 6420, ["--set", TRAPS_TO], "127.0.0.1"),
     ("pa-6410", 6410, [], "127.0.0.2"),
