@@ -145,6 +145,8 @@ def test_a_disabled_trap_waits_and_is_sent_when_it_is_enabled(bench):
     assert [trap.description for trap in traps.with_description(*texts, *later)] == [texts[0], texts[2]]
     switch(device, "LET Fault", True)
     traps.wait_for(*later)
+    faults.mark(traps)
+    assert [trap.description for trap in traps.with_description(*texts, *later)] == [texts[0], texts[2], *later]
 
 
 def test_every_inform_was_received_once(bench):
