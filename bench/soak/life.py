@@ -9,7 +9,7 @@ import signal
 from collections.abc import Callable
 from typing import NamedTuple, Protocol
 
-from support.traps import CATALOGUE
+from support.catalogue import TRAPS
 
 from .daemonlog import DyingWindow, Restarts
 from .faultbook import FaultBook
@@ -141,7 +141,7 @@ class Life:
 
     def _raise(self, now: float) -> None:
         self._count += 1
-        row = self._chance.choice(CATALOGUE)
+        row = self._chance.choice(TRAPS)
         text, reference = f"soak {self._count}", f"s{self._count}"
         self._references[text] = reference
         self._faults.raised(text, row.switch, now)
@@ -158,7 +158,7 @@ class Life:
         if disabled := self._faults.disabled:
             self._enable(disabled.pop(), now)
             return
-        kind = self._chance.choice(CATALOGUE).switch
+        kind = self._chance.choice(TRAPS).switch
         self._outside.order("trap", "disable", kind)
         self._faults.disable(kind)
 

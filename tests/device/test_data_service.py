@@ -1,4 +1,4 @@
-"""The data service killed, restarted, hung, absent, and sending what it should not."""
+"""The data service killed, restarted, hung, absent, and sending wrong messages."""
 from __future__ import annotations
 
 import contextlib
@@ -28,6 +28,7 @@ VOLTAGE_PATH = "/state/power_lines/power_line[kid='3v3']/voltage"
 DROPPED = "TalInterface: message of the data service dropped:"
 OVER_LONG = f"{DROPPED} longer than {garbage.MESSAGE_LIMIT} bytes"
 CLOSED = "TalInterface: connection closed:"
+NO_CONNECTION = "TalInterface: no connection to"
 ANSWER = ("INTEGER", "6420")
 MORE_MEMORY_KB = 64 * 1024  # than before; a message may be 4 MiB, and its text is held in two encodings
 
@@ -48,24 +49,23 @@ def shows(device: Device, millivolts: int) -> bool:
 
 @pytest.fixture(scope="module")
 def simulated(start_shared_device):
-    """Its simulator is started by the tests."""
+    """The tests start its simulator."""
     device = start_shared_device(6420, "--no-simulator", "--no-dbus", "--no-traps", "--clock-shift")
     start_simulator(device, "3.300")
     device.wait_answering().wait_subscribed()
     return device
 
 
-def test_killed_service_is_missed_in_nothing_and_found_again(simulated):
-    """What it has said last is served on; whoever takes its place is asked for everything anew."""
+def test_values_of_a_killed_service_stay_until_the_next_one_reports(simulated):
     pid, = simulated.pids("talservice")
     wait_until(lambda: shows(simulated, 3300), 20, what="value before")
     lost = simulated.kvsnmp_err().count(f"{CLOSED} by the data service\n")
-    told = simulated.kvsnmp_err().count("TalInterface: no connection to")
+    failures = simulated.kvsnmp_err().count(NO_CONNECTION)
     snmpd = simulated.wait_snmpd()
     simulated.kill(pid, signal.SIGKILL)
     wait_until(lambda: simulated.kvsnmp_err().count(f"{CLOSED} by the data service\n") == lost + 1, what="loss noticed")
     stays(lambda: shows(simulated, 3300), 2.5, what="last value served")
-    assert simulated.kvsnmp_err().count("TalInterface: no connection to") == told + 1  # tries every second, tells once
+    assert simulated.kvsnmp_err().count(NO_CONNECTION) == failures + 1  # one attempt each second, one line
     start_simulator(simulated, "3.401")
     wait_until(lambda: shows(simulated, 3401), 20, what="value of the new service")
     assert simulated.pids("snmpd") == [snmpd]  # the same settings, so nothing is written and nothing restarted
@@ -77,7 +77,7 @@ def test_hung_service_delays_its_own_values_only_and_may_be_killed(simulated):
     watchdog = simulated.path(WATCHDOG_FILE)
     before = watchdog.stat().st_mtime_ns
     begin = time.monotonic()
-    order = simulated.popen(["talctl", "set", VOLTAGE_PATH, "3.502"])  # waits for the one that hangs
+    order = simulated.popen(["talctl", "set", VOLTAGE_PATH, "3.502"])  # waits for the hung service
     wait_until(lambda: watchdog.stat().st_mtime_ns > before, 10, what="watchdog file written")
     while time.monotonic() < begin + 3:
         assert simulated.snmp.try_get(MODEL_NUMBER) == ANSWER
@@ -91,13 +91,13 @@ def test_hung_service_delays_its_own_values_only_and_may_be_killed(simulated):
     wait_until(lambda: shows(simulated, 3603), 20, what="value of the new service")
 
 
-# A service of the test's own
+# A service that the test plays
 
 
 class Fed(Played):
     def assert_works(self, volts: int) -> None:
         self.service.notify("kvsnmp_voltage", "replace", VOLTAGE_PATH, f"<voltage>{volts}</voltage>")
-        self.wait_taken()
+        self.wait_received()
         assert shows(self.device, volts * 1000)
 
 
@@ -114,12 +114,11 @@ def fed(start_shared_device):
 
 @pytest.mark.parametrize("kind", garbage.REFUSED, ids=lambda kind: kind.__name__)
 def test_garbage_is_dropped_with_a_warning_and_the_connection_kept(fed, kind):
-    """Each piece up to a NUL is one message; what is none is dropped, and the next one read as if nothing had been."""
     data = kind()
     fed.assert_works(1)
     said, connections = len(fed.device.kvsnmp_err()), fed.service.connections
     fed.service.send(data)
-    fed.wait_taken()
+    fed.wait_received()
     warnings = fed.device.kvsnmp_err()[said:].count(DROPPED)
     assert warnings == data.count(b"\0")
     assert fed.service.connections == connections
@@ -128,11 +127,11 @@ def test_garbage_is_dropped_with_a_warning_and_the_connection_kept(fed, kind):
 
 
 def test_senseless_messages_change_values_at_most(fed):
-    """Well-formed, and none is dropped; the tables keep their rows, and every value one that the MIB allows."""
+    """None is dropped; the tables keep their rows, and every value is one that the MIB allows."""
     rows = [variable.oid for variable in fed.device.snmp.walk()]
     dropped, connections = fed.device.kvsnmp_err().count(DROPPED), fed.service.connections
     fed.service.send(garbage.senseless_messages())
-    fed.wait_taken()
+    fed.wait_received()
     assert fed.device.kvsnmp_err().count(DROPPED) == dropped
     assert fed.service.connections == connections
     SnmpSettings(sys_contact="proper again").send_all(fed.service)  # some of the messages were settings
@@ -146,7 +145,7 @@ def test_senseless_messages_change_values_at_most(fed):
 
 
 def send_past_answers(fed: Fed, send: Callable[[], None]) -> None:
-    """Sends while a manager asks; neither its answers nor the daemon's memory suffer."""
+    """Sends while a manager asks: it is answered, and the daemon's memory stays."""
     pid = fed.device.kvsnmp_pid()
     before, longest = memory_kb(fed.device, pid), 0.0
     work = threading.Thread(target=send)
@@ -157,15 +156,14 @@ def send_past_answers(fed: Fed, send: Callable[[], None]) -> None:
         longest = max(longest, time.monotonic() - begin)
     work.join()
     fed.wait_subscribed()
-    fed.wait_taken()
+    fed.wait_received()
     grown = memory_kb(fed.device, pid) - before
     print(f"{grown} kB more memory at most, GETs in {longest:.2f} s at most")
     assert grown < MORE_MEMORY_KB
 
 
 def test_gibibyte_without_a_nul_is_cut_at_four_mebibytes(fed):
-    """The service would send 1 GiB without an end on each of four connections. The daemon hangs up once it holds 4 MiB,
-    so that is all it takes of them, in memory and in time."""
+    """The service would send 1 GiB on each of four connections. The daemon closes each once it holds 4 MiB."""
     first = fed.service.connections
     over_long = fed.device.kvsnmp_err().count(OVER_LONG)
     sent: list[int] = []
@@ -182,12 +180,12 @@ def test_gibibyte_without_a_nul_is_cut_at_four_mebibytes(fed):
         fed.service.subscriptions.clear()
 
     send_past_answers(fed, send)
-    assert len(sent) == 4 and max(sent) <= 8, sent  # MiB: the limit, and what stood in the socket
+    assert len(sent) == 4 and max(sent) <= 8, sent  # MiB: the limit, and the socket's own buffer
     assert fed.device.kvsnmp_err().count(OVER_LONG) == over_long + 4
     fed.assert_works(5)
 
 
-def test_messages_of_the_greatest_size_take_no_memory(fed):
+def test_messages_of_the_greatest_size_keep_no_memory(fed):
     count = int(os.environ.get("KVSNMP_GREAT_MESSAGES", "32"))
     connections, dropped = fed.service.connections, fed.device.kvsnmp_err().count(DROPPED)
     message = b"<notify>" + b"x" * (garbage.MESSAGE_LIMIT - 8) + b"\0"
@@ -218,21 +216,22 @@ def forsaken(start_device):
 
 
 def test_anything_else_at_the_services_path(forsaken):
-    """It is told of once, and tried again every second until a service is there."""
+    """It is logged once, and tried every second until a service is there."""
     device, path = forsaken
     path.write_text("no socket\n")
     kvsnmp = device.start_kvsnmp("-d", clock_shift=True)
-    wait_until(lambda: "TalInterface: no connection to /run/tal.sock yet: " in device.kvsnmp_err(), what="failure told")
+    wait_until(lambda: f"{NO_CONNECTION} /run/tal.sock yet: " in device.kvsnmp_err(), what="failure logged")
     datagrams = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-    for make in (path.mkdir, lambda: path.symlink_to("tal.sock"), lambda: os.mkfifo(path), lambda: datagrams.bind(str(path))):
+    for make in (path.mkdir, lambda: path.symlink_to("tal.sock"), lambda: os.mkfifo(path),
+                 lambda: datagrams.bind(str(path))):
         path.rmdir() if path.is_dir() else path.unlink()
         make()
         device.path(WATCHDOG_FILE).unlink(missing_ok=True)
-        device.shift_clock(5)  # one attempt at least at each of them
+        device.shift_clock(5)  # at least one attempt
         wait_until(device.path(WATCHDOG_FILE).exists, what="watchdog file written")
     path.unlink()
     datagrams.close()
-    assert device.kvsnmp_err().count("TalInterface: no connection to") == 1
+    assert device.kvsnmp_err().count(NO_CONNECTION) == 1
     service = DataService(path)
     wait_until(lambda: service.has("custom_config"), 5, what="settings subscribed")
     device.kill(device.kvsnmp_pid(), signal.SIGTERM)
@@ -249,19 +248,19 @@ def test_service_that_listens_and_never_accepts(forsaken):
         first = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         first.connect(str(path))  # the one place in the queue
         device.start_kvsnmp("-d")
-        told = "TalInterface: no connection to /run/tal.sock yet: Resource temporarily unavailable\n"
-        wait_until(lambda: told in device.kvsnmp_err(), what="failure told")
+        failure = f"{NO_CONNECTION} /run/tal.sock yet: Resource temporarily unavailable\n"
+        wait_until(lambda: failure in device.kvsnmp_err(), what="failure logged")
         wait_until(device.path(WATCHDOG_FILE).exists, 8, what="watchdog file written")
         first.close()
         listener.accept()[0].close()
         listener.settimeout(5)
         accepted, _ = listener.accept()
         accepted.settimeout(5)
-        asked = b""
-        while b"<ref>mib2_settings</ref>" not in asked:
+        requests = b""
+        while b"<ref>mib2_settings</ref>" not in requests:
             chunk = accepted.recv(65536)
-            assert chunk, asked
-            asked += chunk
+            assert chunk, requests
+            requests += chunk
         accepted.close()
     path.unlink()
     service = DataService(path)

@@ -1,4 +1,4 @@
-"""The device itself: what scripts/device promises to the people who type it."""
+"""scripts/device, as a person uses it."""
 from __future__ import annotations
 
 import os
@@ -17,7 +17,7 @@ SCRIPT = str(CHECKOUT / "scripts/device")
 
 
 class Typed:
-    """scripts/device as a person starts it: its words come on a pipe."""
+    """scripts/device as a person starts it, its output on a pipe."""
 
     def __init__(self, *options: str) -> None:
         self.name = f"typed{os.getpid()}-{time.monotonic_ns()}"
@@ -25,15 +25,15 @@ class Typed:
         self.process = subprocess.Popen([SCRIPT, "--name", self.name, "--bin", str(bin_dir()), *options],
                                         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         os.set_blocking(self.process.stdout.fileno(), False)
-        self.said = ""
+        self.printed = ""
 
-    def wait_said(self, text: str, timeout: float = 20.0) -> str:
+    def wait_printed(self, text: str, timeout: float = 20.0) -> str:
         def look() -> bool:
-            self.said += (self.process.stdout.read() or b"").decode()
-            return text in self.said
+            self.printed += (self.process.stdout.read() or b"").decode()
+            return text in self.printed
 
-        wait_until(look, timeout, what=f"{text!r} said")
-        return self.said
+        wait_until(look, timeout, what=f"{text!r} printed")
+        return self.printed
 
     def first_process(self) -> int:
         return registry.find(self.name).first_process
@@ -41,7 +41,7 @@ class Typed:
     def end(self, number: signal.Signals = signal.SIGTERM) -> int:
         self.process.send_signal(number)
         status = self.process.wait(20)
-        self.said += (self.process.stdout.read() or b"").decode()
+        self.printed += (self.process.stdout.read() or b"").decode()
         return status
 
 
@@ -101,23 +101,24 @@ def test_devices_on_ports_of_the_host_answer_side_by_side_and_print_their_traps(
     for model, port in ports.items():
         wait_until(lambda port=port, model=model: ask(port) == str(model), 20, 0.1, f"answer on port {port}")
     for model, device in devices.items():
-        device.wait_said(f"snmpwalk -v2c -c public 127.0.0.1:{ports[model]} .1.3.6.1.4.1.52717")
+        device.wait_printed(f"snmpwalk -v2c -c public 127.0.0.1:{ports[model]} .1.3.6.1.4.1.52717")
         inside = ["exec", "--name", device.name, "--", "talctl"]
         wait_until(lambda inside=inside: "kvsnmp_sys_messages" in script(*inside, "subscriptions").stdout, 10, 0.1)
         assert script(*inside, "trap", "enable", "Cooling Fan Fault").returncode == 0
-        assert script(*inside, "fault", "raise", "amp", "1", "fan_not_running", "crit", f"Fan of {model}").returncode == 0
+        fault = ["fault", "raise", "amp", "1", "fan_not_running", "crit", f"Fan of {model}"]
+        assert script(*inside, *fault).returncode == 0
     for model, device in devices.items():
-        said = device.wait_said(f"trapDescription.0 = Fan of {model}", 10)
-        trap = next(line for line in said.splitlines() if f"Fan of {model}" in line)
+        printed = device.wait_printed(f"trapDescription.0 = Fan of {model}", 10)
+        trap = next(line for line in printed.splitlines() if f"Fan of {model}" in line)
         assert " coolingFanFault: trapProduct.0 = Orvane IPKiosk, trapHostName.0 = device, " in trap
         assert ", trapLevel.0 = critical, " in trap
         other_model = next(number for number in ports if number != model)
-        assert f"Fan of {other_model}" not in said
+        assert f"Fan of {other_model}" not in printed
 
 
 def test_exec_list_and_stop(typed):
     device = typed("--model", "6764", "--no-kvsnmp", "--no-simulator", "--no-traps", "--no-dbus")
-    device.wait_said("end it:")
+    device.wait_printed("end it:")
     inside = ["exec", "--name", device.name, "--"]
     assert script(*inside, "printf", "%s|", "a b", "", "$HOME").stdout == "a b||$HOME|"
     assert script(*inside, "cat", input="over the pipe").stdout == "over the pipe"
@@ -133,17 +134,17 @@ def test_exec_list_and_stop(typed):
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP], ids=lambda number: number.name)
 def test_end_leaves_nothing_behind(typed, number):
     device = typed("--model", "6410")
-    device.wait_said("end it:")
+    device.wait_printed("end it:")
     first_process = device.first_process()
     assert device.end(number) == 0
     assert is_gone(first_process)
     assert not device.folder.exists()
-    assert "kvsnmp does not end" not in device.said
+    assert "kvsnmp does not end" not in device.printed
 
 
 def test_killed_device_ends_all_it_started_and_is_swept_later(typed):
     device = typed("--model", "6410")
-    device.wait_said("end it:")
+    device.wait_printed("end it:")
     first_process = device.first_process()
     device.process.kill()
     device.process.wait()
@@ -154,7 +155,7 @@ def test_killed_device_ends_all_it_started_and_is_swept_later(typed):
         assert listed.returncode == 0 and device.name not in listed.stdout
         return not device.folder.exists()
 
-    wait_until(swept, 5, what="folder swept")  # another start on this machine may be sweeping it just now
+    wait_until(swept, 5, what="folder swept")  # another start on this machine may be sweeping it
 
 
 def test_health_probe_answer_of_the_device(start_device):
@@ -166,26 +167,26 @@ def test_health_probe_answer_of_the_device(start_device):
     assert 2000 < int(device.run(probe).stdout) < 100000
     device.path("/run/device/snmpd-rss").write_text("8192\n")
     assert device.run(probe).stdout == "8192\n"
-    assert " snmpd\n" in device.run(["ps", "-e"]).stdout  # any other question goes to the machine's own ps
+    assert " snmpd\n" in device.run(["ps", "-e"]).stdout  # other options run the machine's ps
 
 
 # Clear errors
 
 
-@pytest.mark.parametrize("arguments, said", [
+@pytest.mark.parametrize("arguments, printed", [
     (["--model", "9999"], "invalid choice: 9999"),
     (["--port", "70000"], "a port is 1 to 65535"),
     (["--bin", "/nonexistent"], "no kvsnmp in /nonexistent; build it:"),
     (["exec", "--name", "nobody", "--", "true"], "no device named nobody is running"),
     (["stop", "--name", "nobody"], "no device named nobody is running"),
 ], ids=["model", "port", "no build", "exec", "stop"])
-def test_errors_are_told_in_a_line(arguments, said):
+def test_errors_are_one_line(arguments, printed):
     done = script(*arguments)
     assert done.returncode != 0
-    assert said in done.stderr and "Traceback" not in done.stderr
+    assert printed in done.stderr and "Traceback" not in done.stderr
 
 
-def test_what_the_machine_does_not_give_is_told(tmp_path):
+def test_what_the_machine_lacks_is_reported(tmp_path):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as taken:
         taken.bind(("127.0.0.1", 0))
         done = script("--bin", str(bin_dir()), "--port", str(port := taken.getsockname()[1]))

@@ -1,5 +1,5 @@
-"""Commands that documents show, typed at a device: the README's, and those of docs/gpio.md, docs/traps.md and
-monitoring/checks. test_guide.py types those of docs/mib.md and docs/operators.md."""
+"""Commands of the README, docs/gpio.md, docs/traps.md and monitoring/checks, run on devices. test_guide.py runs those
+of docs/mib.md and docs/operators.md."""
 from __future__ import annotations
 
 import json
@@ -22,7 +22,8 @@ def section(document: str, heading: str) -> str:
 
 
 def test_scripts_and_presets_that_documents_name_are_there():
-    text = "\n".join(place.read_text() for folder in (".", "docs", "monitoring/*") for place in CHECKOUT.glob(f"{folder}/*.md"))
+    text = "\n".join(place.read_text() for folder in (".", "docs", "monitoring/*")
+                     for place in CHECKOUT.glob(f"{folder}/*.md"))
     presets = json.loads((CHECKOUT / "CMakePresets.json").read_text())
     kinds = {"cmake": "configurePresets", "--build": "buildPresets", "ctest": "testPresets"}
     named = set(re.findall(r"(cmake|--build|ctest) --preset (\w+)", text))
@@ -32,10 +33,10 @@ def test_scripts_and_presets_that_documents_name_are_there():
     assert len(scripts) > 5 and [script for script in scripts if not os.access(CHECKOUT / script, os.X_OK)] == []
 
 
-# Run as they stand; for the name of the device, and for the port, which is that of a network of its own
+# Commands are run unchanged, except the device's name and port
 
 
-def start_as_told(start_device, command: str, *options: str) -> Device:
+def start_as_shown(start_device, command: str, *options: str) -> Device:
     words = shlex.split(command.removesuffix(" --port 1161"))
     assert words[:2] == ["scripts/device", "--model"], command
     return start_device(int(words[2]), *words[3:], *options).wait_answering().wait_subscribed()
@@ -77,9 +78,9 @@ def without_times(line: str) -> str:
 
 @pytest.fixture(scope="module")
 def amplifier(start_shared_device) -> Device:
-    """The one that the README starts."""
+    """The device that the README starts."""
     start, *_ = COMMAND.findall(section("README.md", "A device of your own"))
-    return start_as_told(start_shared_device, start, "--clock-shift")
+    return start_as_shown(start_shared_device, start, "--clock-shift")
 
 
 def test_check_snmp_prints_what_stands_below_it(amplifier):
@@ -108,18 +109,18 @@ def test_the_device_of_the_readme_and_of_the_traps(amplifier):
 def test_readable_lines_tried(start_device):
     text = section("docs/traps.md", "Readable log lines on the manager")
     start, *orders, grep = COMMAND.findall(text)
-    device = start_as_told(start_device, start)
+    device = start_as_shown(start_device, start)
     for order in orders:
         run(device, order)
     shown = re.findall(r"^    (.* kvsnmp-trap: .*)$", text, re.MULTILINE)
     wait_until(lambda: device.read("/var/log/syslog").count("kvsnmp-trap: ") == len(shown) > 1, what="log lines")
-    # Each trap has a process of its own, which may overtake another.
+    # One process per trap, in any order.
     assert sorted(map(without_times, run(device, grep).splitlines())) == sorted(map(without_times, shown))
 
 
 def test_gpio_tried(start_device):
     start, listing, *orders, inputs, relays = COMMAND.findall(section("docs/gpio.md", "Trying it"))
-    device = start_as_told(start_device, start, "--clock-shift", "--no-traps")
+    device = start_as_shown(start_device, start, "--clock-shift", "--no-traps")
 
     def levels() -> dict[str, str]:
         lines = [line.split("\t") for line in run(device, listing).splitlines()]

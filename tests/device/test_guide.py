@@ -1,6 +1,6 @@
-"""docs/mib.md and docs/operators.md: each of their commands, typed at a device, prints what stands below it.
+"""docs/mib.md and docs/operators.md: each of their commands prints the output that the document shows.
 
-KVSNMP_WRITE_GOLDEN=1 in the environment writes the outputs anew.
+KVSNMP_WRITE_GOLDEN=1 in the environment writes the outputs again.
 """
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ from typing import NamedTuple
 
 import pytest
 from support import steps
-from support.catalogue import COLUMN_OIDS, EXTENDED, MODELS, OBJECTS, TABLE_NAMES, Table
+from support.catalogue import COLUMN_OIDS, EXTENDED, MODELS, TABLES, Table
 from support.device import CHECKOUT, Device
 from support.mib import mib
 from support.polling import wait_until
@@ -30,7 +30,7 @@ class Example(NamedTuple):
 
 
 def examples(guide: Path) -> list[Example]:
-    """Indented lines that begin with a dollar sign, and what is indented below them."""
+    """Indented lines that begin with a dollar sign, and the indented lines after them."""
     found = re.findall(r"^    \$ (.*)\n((?:(?:    (?!\$ ).*)?\n)*)", guide.read_text() + "\n", re.MULTILINE)
     return [Example(command, re.sub("^    ", "", output, flags=re.MULTILINE).rstrip("\n").splitlines(), guide)
             for command, output in found]
@@ -60,7 +60,7 @@ def devices(start_shared_device) -> dict[str, Device]:
 
 
 def ask(devices: dict[str, Device], question: Example) -> list[str]:
-    """Runs the command beside its device, as the guide has it done beside port 1161 or 1171 of the host."""
+    """Runs the command inside its device instead of at port 1161 or 1171 of the host."""
     match = re.search(r"127\.0\.0\.1:(\d+)", question.command)
     device = devices[PORTS[match[1]]]
     device.shift_clock(steps.CACHE_SECONDS)
@@ -80,8 +80,8 @@ def test_command_prints_what_the_guide_says(devices, question):
     question.guide.write_text("\n".join(lines) + "\n")
 
 
-def test_every_table_has_an_example_and_every_example_is_typed():
-    assert {question.command.split()[-1] for question in QUESTIONS} >= set(TABLE_NAMES)
+def test_every_table_has_an_example_and_every_example_is_run():
+    assert {question.command.split()[-1] for question in QUESTIONS} >= set(TABLES)
     assert len(EXPORTS) == 1 and {example.guide for example in QUESTIONS} == {GUIDE, FIRST_STEPS}
     assert {example.command for example in EXAMPLES} == EXPORTS | {example.command for example in ORDERS + QUESTIONS}
 
@@ -94,7 +94,7 @@ def test_numbers_of_rows_are_those_of_the_golden_walks():
              re.search(r"^\| table \|.*?\n\n", GUIDE.read_text(), re.MULTILINE | re.DOTALL)[0].strip().splitlines()]
     assert table[0] == ["table", *map(str, MODELS)]
     described = {name: row[1:] for row in table[2:] for name in re.findall(r"`(\w+)`", row[0])}
-    assert described == {item.name: [number_of_rows(item, model) for model in MODELS] for item in OBJECTS if isinstance(item, Table)}
+    assert described == {name: [number_of_rows(table, model) for model in MODELS] for name, table in TABLES.items()}
 
 
 def number_of_rows(table: Table, model: int) -> str:

@@ -1,4 +1,4 @@
-"""The init script, for devices without systemd: start, a second start, status, restart, stop, and what stands in its way."""
+"""The init script, for devices without systemd: start, second start, status, restart, stop, and errors."""
 from __future__ import annotations
 
 import shutil
@@ -24,7 +24,7 @@ def shared(start_shared_device) -> Device:
 
 @pytest.fixture
 def device(shared: Device):
-    """Nothing runs, and the build under test is what is started."""
+    """No daemon runs, and the script starts the build under test."""
     environment = "ASAN_OPTIONS=verify_asan_link_order=0:log_path=/var/log/sanitizer\nLSAN_OPTIONS=exitcode=0\n"
     shared.path("/etc/default/kvsnmp").write_text("DAEMON=/run/device/bin/kvsnmp\n" + environment)
     shared.path(MODEL_FILE).write_text("6420\n")
@@ -81,8 +81,8 @@ def test_options_and_variables_come_from_etc_default(device):
     assert "TAL_SOCKET=/run/other.sock" in device.run(["cat", f"/proc/{pid}/environ"]).stdout.split("\0")
 
 
-def test_a_pid_file_that_names_another_program_does_not_stand_in_the_way(device):
-    """The daemon by itself would refuse to start, and the number stays another's until the device is started anew."""
+def test_a_pid_file_that_names_another_program_is_ignored(device):
+    """The daemon itself would refuse to start."""
     sleeper = device.popen(["sleep", "100"])
     number = wait_until(lambda: device.pids("sleep"), what="sleep running")[0]
     device.path(PID_FILE).write_text(f"{number}\n")
@@ -90,18 +90,18 @@ def test_a_pid_file_that_names_another_program_does_not_stand_in_the_way(device)
     assert (dead.returncode, dead.stdout) == (1, f"kvsnmp does not run, but {PID_FILE} is there\n")
     assert init(device, "stop").returncode == 0
     assert init(device, "start").returncode == 0
-    assert device.pids("sleep") == [number], "not ended in kvsnmp's place"
+    assert device.pids("sleep") == [number], "not ended instead of kvsnmp"
     sleeper.terminate()
 
 
 @pytest.mark.parametrize("content", ["", "x\n", "-1\n", "99999999\n"])
-def test_an_odd_pid_file_does_not_stand_in_the_way(device, content):
+def test_an_odd_pid_file_is_ignored(device, content):
     device.path(PID_FILE).write_text(content)
     assert init(device, "status").returncode == 1
     assert init(device, "start").returncode == 0
 
 
-def test_what_cannot_be_started_is_told(device):
+def test_a_failed_start_is_reported(device):
     device.path(MODEL_FILE).unlink()
     started = init(device, "start")
     assert (started.returncode, started.stderr) == (6, f"kvsnmp: {MODEL_FILE} is missing: this is not a device\n")

@@ -1,4 +1,4 @@
-"""kvsnmp killed at any moment and started again: pid file, snmpd, registration, values, and the faults of that time."""
+"""kvsnmp killed at any moment and started again: pid file, snmpd, registration, values and faults."""
 from __future__ import annotations
 
 import os
@@ -38,7 +38,7 @@ def manager(device):
 
 
 def daemon(device: Device, other_than: int = 0) -> int:
-    """The one kvsnmp that runs and has written its pid file."""
+    """The only kvsnmp, once it has written its pid file."""
     def look() -> int:
         pids = device.pids("kvsnmp")
         if len(pids) != 1 or pids[0] == other_than:
@@ -58,8 +58,8 @@ def kill_all(device: Device) -> None:
 
 
 def let_all_timers_run(device: Device) -> None:
-    """Moves the clock on until whatever was to happen has happened. The watchdog file, written each 5 s, tells that the
-    daemon has looked at the clock; what one timer brings about may start another."""
+    """The watchdog file, written each 5 s, shows that the daemon has seen the new time; a timer may start another
+    one."""
     for _ in range(3):
         device.path(WATCHDOG_FILE).unlink(missing_ok=True)
         device.shift_clock(6)
@@ -67,9 +67,8 @@ def let_all_timers_run(device: Device) -> None:
 
 
 def wait_other_snmpd(device: Device, old: int, hurry: float) -> int:
-    """Until an snmpd runs alone that is not the old one; the clock goes on by `hurry` seconds at each look. A clock that
-    goes faster leaves an snmpd less than its half second to end, and the next one finds the port still held by it; then
-    none is left, and the health probe finds that."""
+    """Until a single snmpd runs that is not the old one. At each look the clock moves by `hurry` seconds. With a faster
+    clock an ending snmpd may still hold the port when the next one starts; then none is left until the health probe."""
     seen = time.monotonic()
 
     def look() -> int:
@@ -87,8 +86,8 @@ def wait_other_snmpd(device: Device, old: int, hurry: float) -> int:
 
 
 def wait_golden(device: Device, manager: RawManager, snmpd: int) -> int:
-    """Until another snmpd runs, alone, and all the values are served. The clock divides what would be one restart of
-    snmpd, so there may be two. Returns the last."""
+    """Until another snmpd runs and all values are served. With the fast clock snmpd may be restarted twice. Returns the
+    last."""
     wait_other_snmpd(device, snmpd, 0.15)
     let_all_timers_run(device)
     snmpd = wait_other_snmpd(device, snmpd, 0)
@@ -120,7 +119,7 @@ def test_kvsnmp_killed_and_started_during_walks(device, manager):
 
 
 def test_kvsnmp_killed_at_any_moment_of_its_start(device, manager):
-    """Before and behind the pid file, the connection to the data service, the end of the old snmpd, the new one."""
+    """Before and after its pid file, its connection to the data service, the end of the old snmpd, the new one."""
     chance = random.Random(SEED)
     device.kill_and_wait(daemon(device))
     for _ in range(KILLS_AT_START):
@@ -130,7 +129,7 @@ def test_kvsnmp_killed_at_any_moment_of_its_start(device, manager):
         assert len(device.pids("snmpd")) <= 1
         kill_all(device)
         starting.wait(20)
-        kill_all(device)  # the one that had no name of its own yet
+        kill_all(device)  # one that had not yet its name
     snmpd = (device.pids("snmpd") or [0])[0]
     start(device)
     daemon(device)
@@ -142,8 +141,8 @@ def test_kvsnmp_killed_at_any_moment_of_its_start(device, manager):
 
 
 def test_faults_raised_while_kvsnmp_is_killed_and_restarted(device):
-    """Nobody remembers what was sent: each life tells once what is there. So a fault that is still there is never lost,
-    one that came and went between two lives is never told, and none is told twice in one life."""
+    """Each life of the daemon sends every active fault once: none is lost, none is sent twice in one life, and one that
+    came and went between two lives is never sent."""
     traps, faults = TrapReceiver(device), Faults(device)
     daemon(device)
     faults.mark(traps, timeout=30)
@@ -155,7 +154,7 @@ def test_faults_raised_while_kvsnmp_is_killed_and_restarted(device):
         stays_for |= dict.fromkeys(before, lives - life + 1)
         faults.raise_all("let_fail", before)
         traps.wait_for(*before, timeout=20)
-        faults.raise_all("let_fail", after)  # told or not when it dies
+        faults.raise_all("let_fail", after)  # sent or not when it dies
         stays_for |= dict.fromkeys(after, lives - life + 1)
         device.kill_and_wait(daemon(device))
         faults.raise_all("let_fail", away)
@@ -172,6 +171,6 @@ def test_faults_raised_while_kvsnmp_is_killed_and_restarted(device):
     assert set(counts) == set(stays_for)
     assert {text: count for text, count in counts.items() if count > stays_for[text]} == {}
     assert traps.counts("away ") == {}
-    # Told in each life that saw it, but for the death of the first.
+    # Sent in each life that saw it, perhaps not in the first, which was killed.
     assert all(counts[text] >= lives_seen - 1 for text, lives_seen in stays_for.items() if lives_seen > 1)
     faults.clear_everything()

@@ -1,4 +1,4 @@
-"""Managers that send what is no request, or a broken one. snmpd keeps most of it from the daemon; sanitizers look on."""
+"""Packets that are no requests, and broken requests. snmpd drops most of them; the sanitizers watch the daemon."""
 from __future__ import annotations
 
 import random
@@ -11,7 +11,7 @@ from support.target import GREATEST, MODEL, SEED, VOLTAGE, target_of, unharmed  
 
 
 def samples(version: int) -> dict[str, bytes]:
-    """A right message of each kind."""
+    """A good message of each kind."""
     voltage = VOLTAGE + (3,)
     messages = {
         "GET": ber.message(GET, 1000, [ber.varbind(MODEL), ber.varbind(voltage)], version),
@@ -26,7 +26,7 @@ def samples(version: int) -> dict[str, bytes]:
 def test_random_bytes(unharmed):
     chance = random.Random(SEED)
     packets = [chance.randbytes(chance.choice((0, 1, 2, 10, 100, 1000))) for _ in range(1000)]
-    for _ in range(1000):  # behind a right beginning
+    for _ in range(1000):  # after a good beginning
         pdu = ber.field(chance.choice((GET, GETNEXT, SET, GETBULK, 0xA4, 0xA6, 0xA7, 0xA8)),
                         chance.randbytes(chance.randrange(80)))
         packets.append(ber.sequence(ber.integer(chance.choice((V1, V2C, ber.V3, 2, -1))),
@@ -36,24 +36,25 @@ def test_random_bytes(unharmed):
 
 @pytest.mark.parametrize("version", [V1, V2C], ids=["v1", "v2c"])
 def test_each_message_cut_and_with_each_bit_flipped(unharmed, version):
-    """A changed name or number makes another request, answered as such; a changed community none."""
+    """A changed name or number is another request, which is answered; one with a changed community is not."""
+    asked = []
     for message in samples(version).values():
-        # Cut; and the same with lengths that are right on the outside, as far as there is an outside.
+        # Cut, also with an outer length that fits.
         cut = [message[:size] for size in range(len(message))]
         cut += [ber.field(ber.SEQUENCE, message[2:size]) for size in range(2, len(message))]
         assert unharmed.flood(cut) == []
         community = message.index(b"public")
-        asked, silent = [], []
+        silent = []
         for bit in range(8 * len(message)):
             flipped = bytearray(message)
             flipped[bit // 8] ^= 1 << bit % 8
             (silent if community <= bit // 8 < community + 6 else asked).append(bytes(flipped))
         assert unharmed.flood(silent) == []
-        answers = unharmed.flood(asked)
-        assert len(answers) < len(asked) and {answer.kind for answer in answers} == {ber.RESPONSE}
+    answers = unharmed.flood(asked)  # last: an answer may be late
+    assert len(answers) < len(asked) and {answer.kind for answer in answers} == {ber.RESPONSE}
 
 
-ODD = {  # and still a request
+ODD = {  # and still requests
     "greatest number": ber.message(GET, GREATEST, [ber.varbind(MODEL)]),
     "error status and index in a request": ber.message(GET, 1000, [ber.varbind(MODEL)], first=-7, second=99),
     "value in a GET": ber.message(GET, 1000, [ber.varbind(MODEL, ber.field(ber.OCTETS, b"x" * 60000))]),
@@ -67,7 +68,7 @@ def test_odd_request_is_answered(unharmed, message):
     assert (answer.error, answer.bindings) == (0, [(MODEL, ("INTEGER", "6420"))])
 
 
-def test_unknown_user_of_version_3_is_told_nothing(unharmed):
+def test_unknown_user_of_version_3_receives_nothing(unharmed):
     done = unharmed.device.snmp.tool("snmpwalk", [PRIVATE_MIB], check=False,
                                      access=["-v3", "-u", "nobody", "-l", "noAuthNoPriv", "-r", "0", "-t", "1"])
     assert done.returncode != 0 and done.stdout == "" and "Unknown user name" in done.stderr

@@ -1,5 +1,5 @@
-"""The recordings that monitoring/recordings/generate makes: what snmpsim serves from them, held to the golden walks and
-to a device."""
+"""The recordings of monitoring/recordings/generate: snmpsim serves the golden walks and the system group of a
+device."""
 from __future__ import annotations
 
 import os
@@ -28,7 +28,7 @@ class Simulator:
             self.port = probe.getsockname()[1]
         command = ["snmpsimd", f"--data-dir={data}", f"--cache-dir={folder}/cache", "--logging-method=stdout",
                    f"--agent-udpv4-endpoint=127.0.0.1:{self.port}"]
-        if os.geteuid() == 0:  # it serves as nobody else
+        if os.geteuid() == 0:  # it drops its rights
             for parent in [folder, *list(folder.parents)[:2]]:
                 parent.chmod(0o755)
             (folder / "cache").chmod(0o777)
@@ -45,7 +45,7 @@ class Simulator:
     def walk(self, name: str, oid: str) -> str:
         done = subprocess.run(["snmpbulkwalk", *NUMERIC, "-Cr50", "-v2c", "-c", name, f"127.0.0.1:{self.port}", oid],
                               capture_output=True, text=True, check=True, timeout=60, env=os.environ | {"MIBS": ""})
-        # The recording ends there, the device's own agent goes on.
+        # The recording ends there, a device goes on.
         return re.sub(r"^\S+ = No more variables left in this MIB View .*\n", "", done.stdout, flags=re.MULTILINE)
 
 

@@ -1,7 +1,7 @@
-"""Requests of managers that ask for many names at once, for what is not there or for too much, or are simply many."""
+"""Requests for many names at once, for too much, and from many managers. test_random_requests.py has names that are
+absent."""
 from __future__ import annotations
 
-import itertools
 import selectors
 import time
 
@@ -9,19 +9,16 @@ import pytest
 from support import ber
 from support.ber import GET, GETBULK, GETNEXT, V1, V2C
 from support.rawmanager import RawManager, sockets
-from support.snmp import NO_SUCH_INSTANCE, NO_SUCH_OBJECT, PRIVATE_MIB
-from support.target import (AMPLIFIER, GREATEST, MODEL, STATION, TABLES, Target, entry_of, options, tables_of,
-                            target_of, unharmed)  # noqa: F401
+from support.snmp import PRIVATE_MIB
+from support.target import GREATEST, MODEL, Target, options, target_of, unharmed  # noqa: F401
 from support.walks import Walk
-
-NO_SUCH = (NO_SUCH_INSTANCE, NO_SUCH_OBJECT)
 
 
 def below_enterprise(arcs: str) -> ber.Oid:
     return ber.numbers(f"{PRIVATE_MIB}.{arcs}")
 
 
-# Many names. test_random_requests.py asks at random; these once did something together: model, names
+# Many names: combinations that once failed
 
 CASES = {
     "crash: a cell beside a name behind the entry": (6420, ["3.4.2.1.3.1", "3.4.2.2"]),
@@ -68,7 +65,7 @@ def test_all_names_at_once(unharmed):
 
 
 def test_a_manager_that_reads_a_count_and_columns_together_gets_past_the_table(unharmed):
-    """As snmpbulkwalk and graphing tools do: the answers to the last request are the names of the next."""
+    """As graphing tools do: the answers to the last request are the names of the next."""
     module = below_enterprise("3.4")
     names = [below_enterprise(name) for name in ("3.4.1", "3.4.2.1.1", "3.4.2.1.2", "3.4.2.1.3")]
     while any(name[:len(module)] == module for name in names):
@@ -79,7 +76,7 @@ def test_a_manager_that_reads_a_count_and_columns_together_gets_past_the_table(u
 
 @pytest.mark.parametrize("model, names", [
     pytest.param(*case, id=name) for name, case in CASES.items() if name.startswith("endless")])
-def test_the_daemon_still_ends_when_it_is_told_to(start_device, model, names):
+def test_the_daemon_still_ends_after_such_a_request(start_device, model, names):
     device = start_device(model, *options(Walk(model))).wait_answering()
     manager = RawManager.of(device)
     manager.begin(GETNEXT, [below_enterprise(name) for name in names])
@@ -89,8 +86,8 @@ def test_the_daemon_still_ends_when_it_is_told_to(start_device, model, names):
     assert device.kvsnmp_status() == 0
 
 
-# More names than one message between snmpd and the sub-agent holds, of 64 KiB. In AgentX a name of 13 arcs below the
-# enterprise arc takes 36 bytes, the end of the search behind it 24, a Gauge32's answer 44, its text's at least 40.
+# More names than a message of 64 KiB between snmpd and the sub-agent holds. In AgentX a name of 13 arcs below the
+# enterprise arc is 36 bytes long, the end of its search 24, the answer with a Gauge32 44, with a text at least 40.
 
 CELL, TEXT = below_enterprise("3.4.2.1.3.1"), below_enterprise("3.4.2.1.2.1")
 GET_LIMIT = (65536 - 28) // 44
@@ -107,13 +104,13 @@ TOO_MANY = {  # kind, name, number of names, fields of the message; what is too 
 
 
 @pytest.mark.parametrize("kind, name, count, fields", TOO_MANY.values(), ids=TOO_MANY)
-def test_too_many_names_are_refused_at_once_and_cost_nothing(unharmed, kind, name, count, fields):
-    """The session to snmpd stays. A sub-agent that is silent loses it after 6 s."""
+def test_too_many_names_are_refused_at_once(unharmed, kind, name, count, fields):
+    """The session with snmpd stays. A sub-agent that does not answer loses it after 6 s."""
     begin = time.monotonic()
     answer = unharmed.manager.answer_to(unharmed.manager.begin(kind, [name] * count, **fields), 20)
     refused = time.monotonic()
     assert unharmed.manager.ask(GET, [CELL], timeout=10).bindings == [(CELL, unharmed.value_of(CELL))]
-    # snmpd has another word for the failure of any GET of version 1, and names the last variable.
+    # For any failed GET of version 1 snmpd reports another error, at the last variable.
     failed = (ber.NO_SUCH_NAME, count) if kind == GET and fields else (ber.TOO_BIG, 1)
     assert (answer.error, answer.index, len(answer.bindings)) == (*failed, count)
     assert refused - begin < 5 and time.monotonic() - refused < 1
@@ -122,9 +119,8 @@ def test_too_many_names_are_refused_at_once_and_cost_nothing(unharmed, kind, nam
 
 @pytest.mark.parametrize("names", [100, GETNEXT_LIMIT])
 def test_long_requests_in_a_row_block_nobody(start_device, names):
-    """snmpd takes one datagram a turn from each of its sockets, but reads less than two long answers. It does not read
-    while it sends: a sub-agent that waits for it to read would wait forever. snmpd sends faster than the sub-agent
-    answers: one that reads ahead without limit needs a gigabyte, and answers the next request after half a minute."""
+    """snmpd does not read while it sends: a sub-agent that waits until snmpd reads would block both. snmpd sends faster
+    than the sub-agent answers: one that reads ahead without limit would need a gigabyte, and half a minute to answer."""
     device = start_device(6420, "--no-dbus", "--no-traps").wait_answering()
     flooding = [RawManager.of(device, address) for address in ("127.0.0.1", "::1")]
     end = time.monotonic() + 3
@@ -156,7 +152,7 @@ def test_too_many_names_are_refused_after_a_restart_of_snmpd(start_device):
 
 
 def test_as_many_names_as_there_is_room_for(unharmed):
-    """As docs/mib.md says, eight hundred always fit, also those whose answers are longest."""
+    """Eight hundred names always fit (docs/mib.md), also those with the longest answers."""
     longest = max(unharmed.walk, key=lambda binding: len(binding.value[1]) if binding.value[0] == "STRING" else 0).oid
     for kind, name, count in [(GET, CELL, GET_LIMIT), (GETNEXT, CELL, GETNEXT_LIMIT), (GET, longest, 800),
                               (GETNEXT, longest, 800)]:
@@ -170,8 +166,8 @@ def test_as_many_names_as_there_is_room_for(unharmed):
     (10, 10, GREATEST), (100, 5, GREATEST), (10, GREATEST, GREATEST), (0, 0, GREATEST),
     (1, -1, 10), (1, 0, -1), (1, -GREATEST - 1, -GREATEST - 1), (1, 0, 0),
 ], ids=str)
-def test_getbulk_without_measure_is_answered_in_measure(unharmed, repeaters, first, repetitions):
-    """snmpd gives 100 variables at most, in whole rows; negative numbers count as 0."""
+def test_getbulk_for_too_much_is_answered_with_100_variables(unharmed, repeaters, first, repetitions):
+    """At most, in whole rows; negative numbers count as 0."""
     names = [unharmed.oids()[place % 40] for place in range(repeaters)]
     begin = time.monotonic()
     answer = unharmed.manager.ask(GETBULK, names, first=first, second=repetitions)
@@ -187,33 +183,6 @@ def test_getbulk_without_measure_is_answered_in_measure(unharmed, repeaters, fir
             assert binding == unharmed.following(names[first + column])[row]
 
 
-# A request that mixes what is absent in two ways
-
-
-@pytest.mark.parametrize("version", [V1, V2C], ids=["v1", "v2c"])
-@pytest.mark.parametrize("unharmed, name", [
-    (model, name) for model in (AMPLIFIER, STATION) for name in tables_of(model)
-], indirect=["unharmed"], ids=lambda value: value.name if isinstance(value, Walk) else value)
-def test_absent_index_beside_a_column_beyond_the_last_fails_the_whole_pdu(unharmed, name, version):
-    """In each order: no value, not even that of the cell which is there. Intended."""
-    table = TABLES[name]
-    entry = entry_of(table)
-    present = next(oid for oid in unharmed.oids() if oid[:len(entry)] == entry)
-    absent, another = entry + (1, 99), entry + (1, 98)
-    beyond = entry + (len(table.columns) + 1, present[-1])
-    for names in itertools.permutations((absent, beyond, present)):
-        answer = unharmed.manager.ask(GET, names, version=version)
-        # Version 1 has another word for it, and snmpd then names the last of the variables, whichever that is.
-        assert (answer.error, answer.index) == ((ber.NO_SUCH_NAME, 3) if version == V1 else (ber.GENERAL_ERROR, 1))
-        assert [binding.oid for binding in answer.bindings] == list(names)
-        assert not any(value[0] in ("INTEGER", "Gauge32", "STRING") for _, value in answer.bindings)
-    # Each of the two alone does no harm.
-    assert unharmed.manager.ask(GET, [absent]).bindings == [(absent, NO_SUCH_INSTANCE)]
-    assert unharmed.manager.ask(GET, [beyond]).bindings == [(beyond, NO_SUCH_OBJECT)]
-    values = [value for _, value in unharmed.manager.ask(GET, [absent, present, another]).bindings]
-    assert values[0] == values[2] == NO_SUCH_INSTANCE and values[1] not in NO_SUCH
-
-
 # Many kinds of walk, and many managers
 
 
@@ -223,8 +192,8 @@ def test_every_kind_of_walk_gives_the_same(unharmed, version, repetitions):
     assert unharmed.manager.walk(repetitions=repetitions, version=version) == unharmed.walk
 
 
-def test_two_hundred_and_fifty_six_managers_each_get_their_own_answers(unharmed):
-    """Each asks for cells of its own, all at once, and the next when it has its answer, or the same after 2 s without."""
+def test_each_of_256_managers_gets_its_answers(unharmed):
+    """All ask at once, each for different cells; after an answer for the next cell, after 2 s without one again."""
     count, questions = 256, 20
     managers = [RawManager(one) for one in sockets(unharmed.device, count)]
     asked: dict[RawManager, tuple[int, ber.Binding, float]] = {}
@@ -251,7 +220,7 @@ def test_two_hundred_and_fifty_six_managers_each_get_their_own_answers(unharmed)
                     ask(manager)
             for manager in [manager for manager, (_, _, since) in asked.items() if time.monotonic() > since + 2]:
                 ask(manager)
-            assert time.monotonic() < begin + 60, f"{len(asked)} managers wait"
+            assert time.monotonic() < begin + 60, f"{len(asked)} managers still wait"
     print(f"{count} managers: {count * questions / (time.monotonic() - begin):.0f} GETs per second")
     for manager in managers:
         manager.close()

@@ -1,5 +1,5 @@
-"""Settings that change a moment after each other: in the end one snmpd runs, with the newest of them, and none that ran
-well was killed with signal 9.
+"""Settings that change in quick succession: in the end one snmpd runs, with the newest of them, and no healthy one was
+killed with signal 9.
 
 KVSNMP_RESTART_TRIALS in the environment is how many spacings are tried (some 3 s each), KVSNMP_RESTART_SEED which;
 tst_snmpdrestarts tries each of them without a device.
@@ -21,20 +21,19 @@ SEED = int(os.environ.get("KVSNMP_RESTART_SEED", "11"))
 SYS_NAME, SYS_LOCATION = ".1.3.6.1.2.1.1.5.0", ".1.3.6.1.2.1.1.6.0"
 JOURNAL = "/tmp/commands"
 
-# In front of the commands: each notes that it was run, with the name in the file and the process it is about, before it
-# does what it is for.
+# Found before the commands: each logs the system name in the file and its process, and then runs the command.
 NAME = "$(sed -n 's/^sysName //p' /etc/snmp/snmpd.conf)"
 COMMANDS = {
     "killall": f'#!/bin/sh\necho "stop {NAME} $(cat /run/snmpd.pid)" >> {JOURNAL}\nexec /usr/bin/killall "$@"\n',
     "kill": f'#!/bin/sh\necho "kill {NAME} $2" >> {JOURNAL}\nexec /bin/kill "$@"\n',
     "snmpd": f'#!/bin/sh\necho "start {NAME} -" >> {JOURNAL}\nexec /usr/sbin/snmpd "$@"\n',
 }
-# As on a busy device, and not to be stopped in all that time.
+# As on a busy device; it cannot be stopped meanwhile.
 SLOW_SNMPD = f'#!/bin/sh\ntrap "" TERM\necho "start {NAME} -" >> {JOURNAL}\nsleep 0.7\nexec /usr/sbin/snmpd "$@"\n'
 
 
 class Restarted(Played):
-    """The commands that its daemon runs are noted."""
+    """With a journal of the commands that the daemon runs."""
 
     def __init__(self, device: Device) -> None:
         super().__init__(device)
@@ -54,13 +53,13 @@ class Restarted(Played):
         return [line.split() for line in self.device.read(JOURNAL).splitlines()]
 
     def change_names(self) -> str:
-        """Another system name and location, at once; the name."""
+        """Changes the system name and the location; returns the name."""
         self.count += 1
         self.change(SnmpSettings(sys_name=f"amp-{self.count}", sys_location=f"rack {self.count}"))
         return self.sent.sys_name
 
     def wait_restarted(self, name: str) -> None:
-        """Until snmpd was stopped and started with the newest file; nothing restarts it any more then."""
+        """Until snmpd was stopped and started with the newest file, the last restart."""
         wait_until(lambda: [entry[:2] for entry in self.journal()][-1:] == [["start", name]] and any(
             entry[:2] == ["stop", name] for entry in self.journal()), 15, what=f"restart with {name}")
 
@@ -92,14 +91,14 @@ def restarted(start_device):
 
 
 def test_restarts_of_any_spacing(restarted):
-    """One or two, most of them near the moments at which one restart meets another."""
+    """One or two changes, most of them when one restart overlaps another."""
     chooser = random.Random(SEED)
     for trial in range(TRIALS):
         low, high = [(470, 550), (470, 550), (550, 700), (0, 1200)][trial % 4]
         restarted.trial([chooser.randint(low, high) for _ in range(1 + trial // 4 % 2)])
 
 
-def test_snmpd_that_starts_slowly_is_not_stopped_before_it_is_there(restarted):
+def test_snmpd_that_starts_slowly_is_not_stopped_before_it_runs(restarted):
     restarted.install("snmpd", SLOW_SNMPD)
     chooser = random.Random(SEED)
     for _ in range(max(2, TRIALS // 5)):

@@ -1,4 +1,4 @@
-"""monitoring/checks: every service definition, run by check_snmp against a device of each kind."""
+"""monitoring/checks: every service definition, run with check_snmp on a device of each kind."""
 from __future__ import annotations
 
 import re
@@ -12,7 +12,8 @@ from support import steps
 from support.catalogue import EXTENDED, MODELS
 from support.device import CHECKOUT, Device
 from support.polling import wait_until
-from support.snmp import TABLES, parse
+from support.snmp import TABLES
+from support.walks import Walk, wait_for_lines
 
 FOLDER = CHECKOUT / "monitoring/checks"
 PLUGINS = "/usr/lib/nagios/plugins"
@@ -43,7 +44,7 @@ for block in blocks("kvsnmp-services.cfg", "service"):
     command, *arguments = block["check_command"].split("!")
     SERVICES.append(Service(block["hostgroup_name"], block["service_description"], command, arguments))
 
-# One device for each kind of service; the models of a line have the same services but for their numbers.
+# Models with the same services; the first of each has a device here.
 KINDS = [[6211, 6891], [6214, 6259], [6410], [6420], [6425], [6601, 6602], [6720], [6764], [6913, 6914]]
 
 
@@ -52,7 +53,7 @@ def services_of(group: str) -> dict[str, Service]:
 
 
 def check(device: Device, service: Service, oid: str = "") -> tuple[int, str]:
-    """Runs it as the monitoring system would, beside the device; `oid` in the place of its first object."""
+    """Runs it as the monitoring system would; `oid` replaces its first object."""
     line = COMMANDS[service.command]
     macros = {"USER1": PLUGINS, "HOSTADDRESS": "127.0.0.1", "_HOSTSNMP_PORT": "161", "_HOSTSNMP_COMMUNITY": "public"}
     arguments = list(service.arguments)
@@ -67,29 +68,23 @@ def check(device: Device, service: Service, oid: str = "") -> tuple[int, str]:
 
 
 def healthy(kind: list[int]) -> Device:
-    """With all that a device in order reports."""
+    """A device whose channels and ports are announced as in order, and whose relays were read."""
     model = kind[0]
-    options = ["--model-text", EXTENDED] if model == 6214 else []
+    walk = Walk(model, EXTENDED if model == 6214 else None)
+    options = ["--model-text", walk.text] if walk.text else []
     device = Device(model, "--clock-shift", "--no-traps", *options)
     try:
         device.wait_ready().wait_answering(60).wait_subscribed(60)
-        commands = [["monitor", "amp", str(channel), "2"] for channel in (0, 1)] if model in (6420, 6425, 6720, 6764) else []
+        commands = [["monitor", "amp", channel, "2"] for channel in "01" if model in (6420, 6425, 6720, 6764)]
         if model != 6211:
             commands.append(steps.put("/state/config/os_ip/eth_switch/port[port_id='Eth2']/monitored", "true"))
         steps.apply(device, commands)
-        if model in (6211, 6214):
-            wait_until(lambda: relays_read(device), 60, what="relays read")
+        wait_for_lines(device, walk)
     except Exception as failure:
         logs = device.logs()
         device.stop()
         raise AssertionError(f"model {model}: {failure}\n{logs}") from failure
     return device
-
-
-def relays_read(device: Device) -> bool:
-    device.shift_clock(steps.CACHE_SECONDS)
-    states = parse(device.snmp.tool("snmpwalk", [f"{TABLES}.12.1.1.3"]).stdout)
-    return all(state.text != "1" for state in states)
 
 
 @pytest.fixture(scope="module")
@@ -126,7 +121,7 @@ def test_a_healthy_device_is_ok(devices, model):
 
 @pytest.mark.parametrize("model", [6420, 6214])
 def test_a_missing_object_is_not_ok(devices, model):
-    """Neither when it is the only one nor beside others; without thresholds it would be."""
+    """Whether it is the only one or not. Without thresholds it would be."""
     device = devices[model]
     for service in services_of(f"kvsnmp-{model}").values():
         missing = service.arguments[0].split(",")[0].rpartition(".")[0] + ".99"
@@ -135,7 +130,7 @@ def test_a_missing_object_is_not_ok(devices, model):
         assert "No Such Instance" in said
     bare = device.run([f"{PLUGINS}/check_snmp", "-H", "127.0.0.1", "-P", "2c", "-C", "public",
                        "-o", f"{TABLES}.4.2.1.3.99"], check=False)
-    assert bare.returncode == OK  # why every example has them
+    assert bare.returncode == OK  # so every service has thresholds
 
 
 def test_a_device_of_another_model_is_critical(devices):
@@ -155,7 +150,7 @@ TONE = "/state/lines/line[kid='ln1']/pilot_tone_state"
 LINE = "/state/lines/line[kid='ch1']/characteristics/line_state"
 ETH = "/state/config/os_ip/eth_switch/port[port_id='Eth1']/monitored"
 
-FAULTS = [  # model, service, what is said, order, order that ends it
+FAULTS = [  # model, service, its status, command, command that ends the fault
     (6420, "Temperatures", WARNING, *setting(TEMPERATURE, "70.1", "52.4")),
     (6420, "Temperatures", WARNING, *setting(TEMPERATURE, "0", "52.4")),
     (6420, "Temperatures", CRITICAL, *setting(TEMPERATURE, "85.1", "52.4")),
@@ -183,8 +178,8 @@ FAULTS = [  # model, service, what is said, order, order that ends it
 
 
 @pytest.mark.parametrize("model, name, expected, order, end", FAULTS,
-                         ids=[f"{model} {name} {WORDS[status]} {' '.join(order[-1:])}" for model, name, status, order, _ in FAULTS])
-def test_a_fault_is_told(devices, model, name, expected, order, end):
+                         ids=[f"{model} {name} {WORDS[status]} {order[-1]}" for model, name, status, order, _ in FAULTS])
+def test_a_fault_is_reported(devices, model, name, expected, order, end):
     device = devices[model]
     service = services_of("kvsnmp-expanders" if name.startswith("External") else f"kvsnmp-{model}")[name]
 
@@ -202,9 +197,8 @@ def test_a_fault_is_told(devices, model, name, expected, order, end):
 
 
 def test_every_kind_of_service_has_a_fault_here_and_a_line_in_the_manual():
-    told = {name for _, name, *_ in FAULTS} | {"Device", "Loudspeaker line 2", "External control inputs", "Relays"}
-    assert {service.name for service in SERVICES} == told
+    tested = {name for _, name, *_ in FAULTS} | {"Device", "Loudspeaker line 2", "External control inputs", "Relays"}
+    assert {service.name for service in SERVICES} == tested
     manual = (FOLDER / "README.md").read_text()
     names = {re.sub(r"(Loudspeaker line|Transponders of channel) [12]", r"\1 1, 2", service.name) for service in SERVICES}
-    told = set(re.findall(r"^\| ([A-Z][\w ,]+?) +\|", manual, re.MULTILINE)) - {"service"}
-    assert told == names
+    assert set(re.findall(r"^\| ([A-Z][\w ,]+?) +\|", manual, re.MULTILINE)) - {"service"} == names

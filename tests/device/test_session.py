@@ -6,7 +6,7 @@ import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
 from support.device import is_sanitized
-from support.outages import AT_REST, rests
+from support.outages import assert_idle
 from support.snmp import TABLES
 
 VALGRIND_LOG = "/var/log/valgrind.xml"
@@ -44,6 +44,6 @@ def test_session_without_an_error_or_a_leak(start_device):
     assert is_sanitized() or valgrind_errors(device) == []
 
 
-def test_wake_ups_at_rest(start_device):
+def test_wake_ups_of_an_idle_daemon(start_device):
     """Ten a second of the process timer, one a second of the agent's ping, one in 5 s of the watchdog file."""
-    rests(start_device(6420, "--no-traps").wait_answering().wait_subscribed(), AT_REST)
+    assert_idle(start_device(6420, "--no-traps").wait_answering().wait_subscribed())

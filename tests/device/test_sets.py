@@ -1,12 +1,13 @@
-"""Managers that set what nobody may set."""
+"""SET requests: every one is refused."""
 from __future__ import annotations
 
 import pytest
 from support import ber, steps
 from support.ber import GET, SET, V1, V2C
+from support.catalogue import TABLES
 from support.dataservice import SETTINGS
 from support.mib import mib
-from support.target import AMPLIFIER, NULL, STATION, TABLES, entry_of, has_rows, make_target, options, tables_of
+from support.target import AMPLIFIER, NULL, STATION, entry_of, make_target, options
 
 WRITABLE = """\
 master agentx
@@ -17,13 +18,12 @@ rwcommunity private 127.0.0.1
 
 @pytest.fixture(scope="module", params=[AMPLIFIER, STATION], ids=lambda model: model.name)
 def writable(request, start_shared_device):
-    """A device whose own snmpd.conf lets a community write whatever can be written."""
+    """A device whose snmpd.conf allows a community to write everything."""
     model = request.param
     device = start_shared_device(model.model, *options(model), "--no-kvsnmp", "--set", f"{SETTINGS}/custom_config=true")
     device.path("/etc/snmp/snmpd.conf").write_text(WRITABLE)
     device.start_kvsnmp("-d", clock_shift=True)
     target = make_target(device, model)
-    assert {name for name, table in TABLES.items() if has_rows(table, target.oids())} == set(tables_of(model))
     yield target
     target.manager.close()
 
@@ -46,7 +46,7 @@ def test_set_of_every_object_is_refused_and_changes_nothing(writable, community,
     for binding in writable.walk:
         for value in (value_like(binding), ber.integer(1), ber.field(ber.OCTETS, b"x" * 1000)):
             refused.append(writable.manager.ask(SET, [binding.oid], value, **access))
-    absent = [binding.oid[:-1] + (77,) for binding in writable.walk] + [  # rows and columns that are not there, tables
+    absent = [binding.oid[:-1] + (77,) for binding in writable.walk] + [  # absent rows and columns, and tables
         entry_of(table) + tail for table in TABLES.values() for tail in ((), (len(table.columns) + 1, 1))]
     absent += [ber.numbers(item.oid) + (0,) for item in mib().objects.values() if "notify" in item.access]
     refused += [writable.manager.ask(SET, [oid], ber.integer(1), **access) for oid in absent]
@@ -58,7 +58,7 @@ def test_set_of_every_object_is_refused_and_changes_nothing(writable, community,
     assert writable.manager.walk() == writable.walk
 
 
-def test_the_community_that_may_write_writes_what_snmpd_lets_it(writable):
+def test_the_community_that_may_write_can_write_an_object_of_snmpd(writable):
     contact = ber.numbers(".1.3.6.1.2.1.1.4.0")
     assert writable.manager.ask(SET, [contact], ber.field(ber.OCTETS, b"me"), community=b"private").error == 0
     assert writable.manager.ask(GET, [contact]).bindings == [(contact, ("STRING", "me"))]

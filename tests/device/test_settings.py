@@ -1,5 +1,5 @@
-"""From the settings of the data service to snmpd.conf, byte for byte, and to the restarted snmpd; what becomes of them on
-a disk that does not take them, and in a folder that was replaced."""
+"""From the settings of the data service to snmpd.conf and to the restarted snmpd; full and read-only disks, and a
+folder that was replaced. The unit test of the text has each line of the file."""
 from __future__ import annotations
 
 import stat
@@ -10,7 +10,7 @@ import pytest
 from support.dataservice import SETTINGS
 from support.disk import SmallDisk
 from support.inotify import FolderEvents
-from support.outages import let_the_probe_come
+from support.outages import run_probe
 from support.played import Played
 from support.polling import stays, wait_until
 from support.settingsfile import DISABLED, HEAD, NAMES, READ, SnmpSettings
@@ -46,7 +46,7 @@ class Configured(Played):
         self.wait_contact(contact, running)
 
     def conf(self, path: str = CONF) -> str | None:
-        """As the device sees it, whatever is mounted there."""
+        """As the device sees it, with its mounts."""
         file = Path(f"/proc/{self.device.first_process}/root{path}")
         return file.read_text() if file.exists() else None
 
@@ -67,14 +67,10 @@ CASES = {
     "other port, disabled": (SnmpSettings(access="Disabled", snmp_port="1611"),
                              HEAD + NAMES + DISABLED.replace(":161", ":1611")),
     "unknown access": (SnmpSettings(access="Write"), ""),
-    "version 1 off": (SnmpSettings(version_1="false"),
-                      HEAD + NAMES + READ.replace("group MyROGroup v1 ", "#group MyROGroup v1 ")),
-    "only a contact": (SnmpSettings(sys_name="", sys_location=" "), HEAD + "sysContact ops\n" + READ),
-    "receivers": (SnmpSettings(trap_address="127.0.0.1:1162", inform_address="127.0.0.1:1163"),
-                  HEAD + NAMES + "informsink 127.0.0.1:1163\ntrap2sink 127.0.0.1:1162\n" + READ),
-    "other manager": (SnmpSettings(nms_ip="192.0.2.0/24", nms_ipv6="2001:db8::/32", community="  secret word "),
-                      HEAD + NAMES + READ.replace("127.0.0.1 public", "192.0.2.0/24   secret word ")
-                      .replace("::1 public", "2001:db8::/32   secret word ")),
+    "no version 1, receivers": (SnmpSettings(version_1="false", trap_address="127.0.0.1:1162",
+                                             inform_address="127.0.0.1:1163"),
+                                HEAD + NAMES + "informsink 127.0.0.1:1163\ntrap2sink 127.0.0.1:1162\n"
+                                + READ.replace("group MyROGroup v1 ", "#group MyROGroup v1 ")),
     "text beyond ASCII": (SnmpSettings(sys_location="Gebäude 3, Ü-Raum"),
                           HEAD + NAMES.replace("rack 7", "Gebäude 3, Ü-Raum") + READ),
     "read again": (SnmpSettings(), WHOLE),
@@ -109,11 +105,11 @@ ATTACK = "extend evil /usr/bin/touch /tmp/witness"
 
 
 def test_line_feed_in_the_contact_runs_no_command(configured):
-    """The line that it would add runs one indeed when it stands in a file made by hand."""
+    """The same line in a file made by hand does run it."""
     device = configured.device
     configured.sent = SnmpSettings(sys_contact=f"ops 7\n{ATTACK}")
     configured.start()
-    wait_until(lambda: device.snmp.try_get(CONTACT) == ("STRING", "ops 7"), 20, what="snmpd with what is left of it")
+    wait_until(lambda: device.snmp.try_get(CONTACT) == ("STRING", "ops 7"), 20, what="snmpd with the first line")
     assert [variable.text for variable in device.snmp.walk(EXTEND_TABLE)] in ([], ["0"])
     assert not device.path("/tmp/witness").exists()
     assert configured.count("warning: Setting sysContact cut at its first line end or NUL") == 1
@@ -125,8 +121,8 @@ def test_line_feed_in_the_contact_runs_no_command(configured):
 
 
 def test_restart_sequence_and_its_times(start_device):
-    """300 ms of quiet, the file, 500 ms, the old snmpd ended, 500 ms, the new snmpd. By kvagent.conf the sub-agent then
-    looks for it every second: 0.5 to 1.1 s are usual; without that file it looks more than 14 s later."""
+    """300 ms without a change, the file, 500 ms, the old snmpd ended, 500 ms, the new snmpd. The sub-agent then tries
+    to connect every second, as kvagent.conf says; without that file it would try more than 14 s later."""
     device = start_device(6420, "--no-traps").wait_answering()
     old = device.wait_snmpd()
     events = FolderEvents(device.path(FOLDER), device.path("/run"))
@@ -141,7 +137,7 @@ def test_restart_sequence_and_its_times(start_device):
         ("create", "snmpd.conf"), ("delete", "snmpd.pid"), ("create", "snmpd.pid")])
     assert written and ended and started, events.events
     assert asked < written.at < ended.at < started.at
-    # Lower bounds are the daemon's own timers, upper ones leave room for a busy machine.
+    # Lower bounds are the daemon's timers, upper ones leave room for a busy machine.
     assert 0.28 <= written.at - asked < 2.0
     assert 0.48 <= ended.at - written.at < 2.5
     assert 0.40 <= started.at - ended.at < 2.5  # snmpd needs a little of the 500 ms to end
@@ -155,21 +151,9 @@ def test_restart_sequence_and_its_times(start_device):
 # Disks
 
 
-def test_disk_full_from_the_start_leaves_no_settings_file(configured):
-    """Then snmpd is not started either, until a change of the settings can be written."""
-    disk = SmallDisk(configured.device, FOLDER)
-    disk.fill()
-    configured.start()
-    wait_until(lambda: configured.count(FULL) == 1, 5, what="error in the system log")
-    wait_until(lambda: CANCELLED in configured.device.kvsnmp_err(), 5, what="start of snmpd cancelled")
-    assert configured.conf() is None and not configured.device.pids("snmpd")
-    disk.free()
-    configured.assert_change_is_served("after")
-
-
 @pytest.mark.parametrize("mounted", [False, True], ids=["deleted", "in place, emptied"])
 def test_half_written_settings_file_is_not_kept(configured, mounted):
-    """The disk takes one page of two. snmpd goes on with what it has read before. A file that is a mount cannot be
+    """The disk has room for one page of two. snmpd goes on with its old settings. A file that is a mount cannot be
     deleted: it is written in place."""
     device = configured.device
     if mounted:
@@ -204,9 +188,9 @@ def test_read_only_disk_keeps_the_settings_file_and_snmpd_as_they_are(configured
     disk.protect()
     settled = configured.count(SETTLED)
     configured.change(SnmpSettings(sys_contact="cannot be written"))
-    wait_until(lambda: configured.count(SETTLED) > settled, 5, what="settings taken")
+    wait_until(lambda: configured.count(SETTLED) > settled, 5, what="settings received")
     stays(lambda: configured.conf() == WHOLE and device.pids("snmpd") == [snmpd], 1.5, what="all as before")
-    assert device.kvsnmp_err().count(GENERATING) == 1  # silence about the second
+    assert device.kvsnmp_err().count(GENERATING) == 1  # intended: no line about the second
     disk.protect(False)
     configured.assert_change_is_served("after")
 
@@ -215,7 +199,6 @@ def test_read_only_disk_keeps_the_settings_file_and_snmpd_as_they_are(configured
 
 
 def test_folder_that_was_moved_away_and_copied_back_is_watched(configured):
-    """As an operator does it: a copy to work on, the old one kept."""
     configured.start()
     device, snmpd = configured.device, configured.wait_contact("ops", [])
     device.run(["sh", "-e", "-c", f"mv {FOLDER} {FOLDER}.old; cp -a {FOLDER}.old {FOLDER}"])
@@ -224,17 +207,17 @@ def test_folder_that_was_moved_away_and_copied_back_is_watched(configured):
     snmpd = configured.wait_contact("by hand", [snmpd])
     device.path(f"{FOLDER}.old/another").write_text("")
     device.path("/etc/another").write_text("")
-    stays(lambda: device.pids("snmpd") == [snmpd], 1.5, what="neither the old folder nor what stands beside is watched")
+    stays(lambda: device.pids("snmpd") == [snmpd], 1.5, what="neither the old folder nor its parent is watched")
     configured.assert_change_is_served("by settings")
 
 
 def test_folder_that_was_mounted_over_is_found_by_the_probe(configured):
-    """A mount is no event; the probe comes every ten minutes."""
+    """A mount causes no event; the probe runs every ten minutes."""
     configured.start()
     snmpd = configured.wait_contact("ops", [])
     disk = SmallDisk(configured.device, FOLDER)
     (disk.folder / "snmpd.conf").write_text(with_contact("mounted"))
     stays(lambda: configured.device.pids("snmpd") == [snmpd], 1.0, what="not noticed")
-    let_the_probe_come(configured.device)
+    run_probe(configured.device)
     configured.wait_contact("mounted", [snmpd])
     configured.assert_change_is_served("by settings")

@@ -1,5 +1,5 @@
-"""snmpd kept running: one that is killed, missing, stopped, swollen, hung or cannot be started, custom configuration, stale
-pid file; the daemon goes on, and serves again when it is good.
+"""The daemon keeps snmpd running: killed, missing, stopped, hung, too large, or impossible to start; custom
+configuration.
 
 KVSNMP_SNMPD_KILLS in the environment is how often snmpd is killed during walks.
 """
@@ -10,10 +10,9 @@ import signal
 import time
 
 import pytest
-from support import steps
 from support.dataservice import SETTINGS
 from support.device import Device
-from support.outages import (AT_REST, change_a_setting, hurry, let_the_probe_come, rests, serve, wait_for_another_snmpd,
+from support.outages import (PROBES, assert_idle, change_a_setting, hurry, run_probe, serve, wait_for_another_snmpd,
                              wait_served)
 from support.polling import stays, wait_until
 from support.pollset import watched_and_open
@@ -21,7 +20,7 @@ from support.press import Press
 from support.settingsfile import READ
 
 KILLS = int(os.environ.get("KVSNMP_SNMPD_KILLS", "20"))
-CONF, PID_FILE, PROBES = "/etc/snmp/snmpd.conf", "/run/snmpd.pid", "/run/device/probes"
+CONF, PID_FILE = "/etc/snmp/snmpd.conf", "/run/snmpd.pid"
 STUB = "/run/device/bin/snmpd"  # found before the machine's own
 NOT_RUNNING = "err: Snmpd health check: snmpd is not running"
 NOT_CLOSED = "err: Snmpd was not properly closed last time"
@@ -42,24 +41,17 @@ def device(served):
     return served.device
 
 
-def probe(device: Device) -> None:
-    """Lets the ten minutes pass and waits until the health probe has asked."""
-    count = device.read(PROBES).count("\n")
-    let_the_probe_come(device)
-    wait_until(lambda: device.read(PROBES).count("\n") > count, 5, what="health probe")
-
-
 def test_probe_leaves_a_healthy_snmpd_alone_and_restarts_one_at_the_memory_limit(device):
     pid = device.wait_snmpd()
     rss = device.path("/run/device/snmpd-rss")
     restarts = device.kvsnmp_err().count(RESTART)
     rss.write_text("10239\n")
-    probe(device)
+    run_probe(device)
     assert device.read(PROBES).splitlines()[-1] == "--noheaders -C snmpd -o rss"
     stays(lambda: device.pids("snmpd") == [pid], 1.5, what="the same snmpd at 10239 kB")
     assert device.kvsnmp_err().count(RESTART) == restarts
     rss.write_text("10240\n")
-    probe(device)
+    run_probe(device)
     rss.write_text("8192\n")
     device.wait_snmpd(other_than=[pid])
     assert "err: Snmpd health check: memory usage too high: 10240 kB" in device.syslog_texts()
@@ -67,50 +59,35 @@ def test_probe_leaves_a_healthy_snmpd_alone_and_restarts_one_at_the_memory_limit
     device.wait_answering()
 
 
-def test_daemon_rests_while_there_is_no_snmpd_and_the_probe_starts_another(served, device):
+def test_daemon_is_idle_without_snmpd_and_the_probe_starts_another(served, device):
     kvsnmp, snmpd = device.kvsnmp_pid(), device.wait_snmpd()
     _, opened = watched_and_open(device, kvsnmp)
     device.kill(snmpd, signal.SIGKILL)
     wait_until(lambda: device.kvsnmp_err().endswith(f"{ATTEMPT}\n"), what="first attempt to connect logged")
     lines = len(device.kvsnmp_err().splitlines())
-    rests(device, AT_REST)
+    assert_idle(device)
     now_watched, now_open = watched_and_open(device, kvsnmp)
     said = device.kvsnmp_err().splitlines()[lines:]
     assert set(now_watched) <= set(now_open) and len(now_open) <= len(opened)
     assert set(said) == {ATTEMPT} and len(said) <= 7  # the agent library's line, one for each second
     assert device.read(PID_FILE).strip() == str(snmpd)  # left behind
     closed, missing = (device.syslog_texts().count(text) for text in (NOT_CLOSED, NOT_RUNNING))
-    wait_for_another_snmpd(device, snmpd, probe)
+    wait_for_another_snmpd(device, snmpd, run_probe)
     assert [device.syslog_texts().count(text) for text in (NOT_CLOSED, NOT_RUNNING)] == [closed + 1, missing + 1]
     assert "SnmpdConfHandler watchdogSnmpd watchdog restarting snmpd, snmpd not running\n" in device.kvsnmp_err()
     wait_served(served)
 
 
 def test_stale_pid_file_is_removed_and_its_process_killed(device):
-    """A process that the pid file names, here no snmpd at all, is killed with signal 9."""
+    """Here the pid file names another program: it is killed with signal 9."""
     pid = device.wait_snmpd()
     victim = device.popen(["sh", "-c", "echo $$ > /tmp/victim; exec sleep 1000"])
     victim_pid = int(wait_until(lambda: device.read("/tmp/victim"), what="victim running"))
     device.kill(pid, signal.SIGKILL)
     wait_until(lambda: not device.pids("snmpd"), what="snmpd gone")
     device.path(PID_FILE).write_text(f"{victim_pid}\nsecond line\n")
-    wait_for_another_snmpd(device, pid, probe)
+    wait_for_another_snmpd(device, pid, run_probe)
     assert victim.wait(10) in (-signal.SIGKILL, 128 + signal.SIGKILL)
-    device.wait_answering()
-
-
-def test_change_of_the_folder_restarts_snmpd_unless_the_file_is_gone(device):
-    pid = device.wait_snmpd()
-    device.path("/etc/snmp/another.file").write_text("")
-    pid = wait_for_another_snmpd(device, pid, lambda _: None)
-    kept = device.read(CONF)
-    device.path(CONF).unlink()
-    device.path("/etc/snmp/another.file").unlink()
-    hurry(device, lambda: "SnmpdConfHandler onRestartSnmpdTimeout Cancel restart snmp, no config file\n"
-          in device.kvsnmp_err(), "restart cancelled")
-    stays(lambda: device.pids("snmpd") == [pid], 1.0, what="snmpd runs on")
-    device.path(CONF).write_text(kept)
-    wait_for_another_snmpd(device, pid, lambda _: None)
     device.wait_answering()
 
 
@@ -131,7 +108,7 @@ def test_snmpd_stopped_during_walks_goes_on_where_it_was(served, device):
 
 
 def test_stopped_snmpd_is_replaced_when_a_setting_changes(served, device):
-    """SIGTERM does not reach it; its pid file stays and names it, so it is killed with signal 9."""
+    """SIGTERM has no effect on it; its pid file stays, so it is killed with signal 9."""
     snmpd = device.wait_snmpd()
     improper = device.syslog_texts().count(NOT_CLOSED)
     device.kill(snmpd, signal.SIGSTOP)
@@ -143,8 +120,8 @@ def test_stopped_snmpd_is_replaced_when_a_setting_changes(served, device):
 
 
 def test_snmpd_killed_over_and_over_during_walks(served, device):
-    """It comes back by turns through a changed setting and through the health probe. Each time all is served again, and
-    the daemon waits for as many descriptors as before, all of them open."""
+    """It is restarted by turns after a changed setting and by the health probe. Each time all values are served again,
+    and the daemon waits for as many descriptors as before, all of them open."""
     pid, snmpd = device.kvsnmp_pid(), device.wait_snmpd()
     watched, opened = watched_and_open(device, pid)
     assert set(watched) <= set(opened)
@@ -154,16 +131,16 @@ def test_snmpd_killed_over_and_over_during_walks(served, device):
             pressed = press.answered
             wait_until(lambda: press.answered > pressed + 2, what="a walk under way")
             device.kill(snmpd, signal.SIGKILL)
-            snmpd = wait_for_another_snmpd(device, snmpd, (change_a_setting, let_the_probe_come)[number % 2])
+            snmpd = wait_for_another_snmpd(device, snmpd, (change_a_setting, run_probe)[number % 2])
             wait_served(served)
             now_watched, now_open = watched_and_open(device, pid)
-            assert set(now_watched) <= set(now_open), f"a descriptor that is gone is watched after {number + 1} kills"
+            assert set(now_watched) <= set(now_open), f"a closed descriptor is watched after {number + 1} kills"
             assert (len(now_watched), len(now_open)) == (len(watched), len(opened)), f"after {number + 1} kills"
         press.check()
     print(f"{KILLS} kills in {time.monotonic() - begin:.0f} s, {press.answered} GETBULKs answered meanwhile")
     assert device.kvsnmp_pid() == pid
-    assert "QSocketNotifier" not in device.kvsnmp_err()  # which complains about descriptors that are gone
-    rests(device, AT_REST)
+    assert "QSocketNotifier" not in device.kvsnmp_err()  # no complaint about closed descriptors
+    assert_idle(device)
 
 
 # Custom configuration
@@ -198,17 +175,12 @@ def test_custom_configuration_is_left_alone_and_snmpd_started_with_it(start_devi
     device.wait_answering()
 
 
-def test_custom_configuration_whose_file_is_gone_is_replaced(start_device):
-    device = start_device(6420, "--no-traps", "--set", f"{SETTINGS}/custom_config=true").wait_answering()
-    assert device.read(CONF).startswith("master agentx\n")
-
-
-# One that cannot be started, or that does nothing
+# A snmpd that cannot be started, or that does nothing
 
 
 @pytest.fixture
 def with_stub(start_device):
-    """Starts a device whose snmpd is a script of the test's."""
+    """Starts a device whose snmpd is a script."""
     def start(script: str) -> Device:
         device = start_device(6420, "--no-dbus", "--no-traps", "--no-kvsnmp")
         device.path(STUB).write_text(f"#!/bin/sh\necho $$ >> /tmp/starts\n{script}\n")
@@ -222,31 +194,16 @@ def with_stub(start_device):
 
 
 def goes_on(device: Device) -> None:
-    """Values are taken in, and nothing spins."""
+    """It receives values, and is idle."""
     device.wait_subscribed()
-    steps.apply(device, dbus=False)
-    rests(device, AT_REST)
-
-
-def test_snmpd_that_is_not_there_is_found_by_the_probe_when_it_is(start_device):
-    device = start_device(6420, "--no-traps", "--no-kvsnmp")
-    device.start_kvsnmp("-d", clock_shift=True, env={"PATH": "/run/device/bin:/usr/bin:/bin"})
-    wait_until(lambda: STARTING in device.syslog_texts(), 10, what="attempt")
-    wait_until(lambda: "FINISH kaAgentStart()\n" in device.kvsnmp_out(), 5, what="agent started")
-    probe(device)
-    wait_until(lambda: NOT_RUNNING in device.syslog_texts(), 5, what="finding")
-    assert not device.pids("snmpd")
-    device.path(STUB).symlink_to("/usr/sbin/snmpd")
-    probe(device)
-    device.wait_snmpd()
-    device.wait_answering()
+    assert_idle(device)
 
 
 def test_snmpd_that_ends_at_once_is_tried_again_at_each_probe(with_stub):
     device = with_stub("exit 1")
     goes_on(device)
     for number in range(1, 4):
-        let_the_probe_come(device)
+        run_probe(device)
         wait_until(lambda: device.syslog_texts().count(NOT_RUNNING) == number, what="finding logged")
         hurry(device, lambda: device.syslog_texts().count(STARTING) == number + 1, "another attempt")
         wait_until(lambda: len(device.read("/tmp/starts").split()) == number + 1, what="stub started again")
@@ -256,18 +213,18 @@ def test_snmpd_that_ends_at_once_is_tried_again_at_each_probe(with_stub):
     states = device.run(["sh", "-c", "cat /proc/[0-9]*/stat 2>/dev/null || :"]).stdout
     assert "(snmpd)" not in states  # no zombie either
     device.path(STUB).unlink()
-    let_the_probe_come(device)
+    run_probe(device)
     hurry(device, lambda: device.pids("snmpd"), "snmpd running")
     device.wait_answering()
 
 
 @pytest.mark.parametrize("ends", [True, False], ids=["ends", "ignores SIGTERM"])
 def test_snmpd_that_hangs_is_replaced_when_a_setting_changes(with_stub, ends):
-    """It runs, and that is all that the health probe asks for. One that does not end gets a good one beside it."""
+    """The health probe only checks that it runs. If it does not end, a good one is started beside it."""
     device = with_stub(("" if ends else "trap '' TERM\n") + "while :; do sleep 1; done")
     goes_on(device)
     hanging, = device.pids("snmpd")
-    probe(device)
+    run_probe(device)
     stays(lambda: device.pids("snmpd") == [hanging], 1.5, what="left alone")
     assert NOT_RUNNING not in device.syslog_texts()
     device.path(STUB).unlink()

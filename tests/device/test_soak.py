@@ -1,4 +1,4 @@
-"""scripts/soak: that it finds what is lost, doubled or grows, and a short run of the whole, which finds nothing."""
+"""scripts/soak: it finds what is lost, doubled or grows, and a short run finds nothing."""
 from __future__ import annotations
 
 import os
@@ -18,7 +18,7 @@ from soak.faultbook import FaultBook  # noqa: E402
 from soak.process import RSS_GROWTH_LIMIT_KB, Growth, Sample  # noqa: E402
 
 
-def test_lost_and_doubled_faults_are_found():
+def test_lost_and_doubled_faults_and_growth_are_found():
     book = FaultBook()
     for text in ("lost", "doubled", "late", "to a dying master"):
         book.raised(text, "LET Fault", 1.0)
@@ -26,22 +26,15 @@ def test_lost_and_doubled_faults_are_found():
     book.handed_over("to a dying master", True, 2.0)
     assert book.received("doubled") and not book.received("doubled")
     assert book.doubled() == ["doubled"]
-    assert book.lost(1.0 + FaultBook.PATIENCE) == []
-    assert book.lost(2.0 + FaultBook.PATIENCE) == ["lost"]
-    assert book.lost(21.0 + FaultBook.PATIENCE) == ["lost", "late"]
-
-
-@pytest.mark.parametrize("kilobytes, descriptors, word", [
-    (20000 + RSS_GROWTH_LIMIT_KB, 16, ""), (20001 + RSS_GROWTH_LIMIT_KB, 16, "RSS grew"), (20000, 17, "descriptors")])
-def test_growth_is_found(kilobytes, descriptors, word):
-    growth = Growth(1200)
-    for at in range(1200):
-        growth.add(Sample(at, 20000 if at < 600 else kilobytes, 7000, 16, 2, 0, 0))
-    findings = growth.findings(Sample(0, 20000, 7000, 16, 2, 0, 0), Sample(0, 20000, 7000, descriptors, 2, 0, 0))
-    assert [word in finding for finding in findings] == [True] * bool(word)
-
-
-# The whole
+    for seconds, lost in [(1.0, []), (2.0, ["lost"]), (21.0, ["lost", "late"])]:
+        assert book.lost(seconds + FaultBook.PATIENCE) == lost
+    for kilobytes, descriptors, word in [(20000 + RSS_GROWTH_LIMIT_KB, 16, ""),
+                                         (20001 + RSS_GROWTH_LIMIT_KB, 16, "RSS grew"), (20000, 17, "descriptors")]:
+        growth = Growth(1200)
+        for at in range(1200):
+            growth.add(Sample(at, 20000 if at < 600 else kilobytes, 7000, 16, 2, 0, 0))
+        findings = growth.findings(Sample(0, 20000, 7000, 16, 2, 0, 0), Sample(0, 20000, 7000, descriptors, 2, 0, 0))
+        assert [word in finding for finding in findings] == [True] * bool(word)
 
 
 @pytest.fixture
@@ -51,7 +44,7 @@ def log(tmp_path: Path) -> Path:
 
 @pytest.fixture
 def soak(log: Path):
-    """Starts scripts/soak's program in a session of its own; ends what a failed test leaves behind."""
+    """Starts the program in another session; ends it after a failed test."""
     started: list[subprocess.Popen] = []
 
     def start(minutes: float) -> subprocess.Popen:
@@ -72,16 +65,16 @@ def soak(log: Path):
 def test_a_short_run_finds_nothing(soak, log):
     process = soak(0.3)
     process.wait(120)
-    told = log.read_text()
-    print(told)
-    assert process.returncode == 0, told
-    assert told.endswith("soak: nothing lost, nothing doubled, nothing grew\n")
-    counts = re.search(r"(\d+) faults raised: (\d+) sent, (\d+) received", told)
+    report = log.read_text()
+    print(report)
+    assert process.returncode == 0, report
+    assert report.endswith("soak: nothing lost, nothing doubled, nothing grew\n")
+    counts = re.search(r"(\d+) faults raised: (\d+) sent, (\d+) received", report)
     raised, handed_over, received = map(int, counts.groups())
-    restarts = int(re.search(r"(\d+) restarts of snmpd", told)[1])
+    restarts = int(re.search(r"(\d+) restarts of snmpd", report)[1])
     assert raised > 50 and restarts >= 2
     assert raised == handed_over >= received
-    kinds = re.findall(r"^    (\S.*?) +(\d+) answers:", told, re.MULTILINE)
+    kinds = re.findall(r"^    (\S.*?) +(\d+) answers:", report, re.MULTILINE)
     assert {kind for kind, count in kinds if int(count)} == {"GET", "GET v1", "GETNEXT", "GETBULK 10", "GETBULK 50"}
 
 

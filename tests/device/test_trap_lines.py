@@ -1,14 +1,16 @@
-"""What operators load into their trap receivers, the handler of snmptrapd and the entries of SNMPTT, and what docs/traps.md
-tells them, held against a device and the catalogue."""
+"""What operators load into their trap receivers: the handler of snmptrapd and the entries of SNMPTT; and
+docs/traps.md."""
 from __future__ import annotations
 
 import re
 from pathlib import Path
 
 import pytest
+from support.catalogue import TRAPS
+from support.dataservice import SETTINGS
 from support.device import CHECKOUT, Device
 from support.polling import wait_until
-from support.traps import CATALOGUE, E, SETTINGS, Faults
+from support.traps import E, Faults
 
 EXAMPLE = CHECKOUT / "monitoring/snmptrapd"
 CONF = "/tmp/snmptrapd.conf"
@@ -20,14 +22,10 @@ class Manager:
     def __init__(self, start_device, configuration: str) -> None:
         self.device: Device = start_device(6420, "--no-traps")
         self.faults = Faults(self.device)
-        self.prepare()
         self.device.path(CONF).write_text(configuration)
         with open(self.device.path("/var/log/snmptrapd.log"), "wb") as log:
             self.device.popen(["snmptrapd", "-f", "-n", "-C", "-c", CONF, "-Le"], stdout=log, stderr=log)
         self.device.wait_answering().wait_subscribed()
-
-    def prepare(self) -> None:
-        pass
 
     def lines(self) -> list[str]:
         raise NotImplementedError
@@ -39,9 +37,9 @@ class Manager:
 
     def raise_all(self, prefix: str, **arguments) -> dict[str, str]:
         """A fault of every kind; notification to text."""
-        texts = {row.name: f"{prefix} {row.name}" for row in CATALOGUE}
-        self.device.talctl_batch([self.faults.raise_line(row.identifiers[0], texts[row.name], **arguments)
-                                  for row in CATALOGUE])
+        texts = {trap.name: f"{prefix} {trap.name}" for trap in TRAPS}
+        self.device.talctl_batch([self.faults.raise_line(trap.identifiers[0], texts[trap.name], **arguments)
+                                  for trap in TRAPS])
         return texts
 
     def forget_the_system_name(self) -> None:
@@ -69,10 +67,9 @@ def handler(start_shared_device):
 
 def test_each_notification_becomes_one_line_with_its_name(handler):
     for name, text in handler.raise_all("text of", timestamp="").items():
-        # The line feed that ends the time is gone: all stands on one line.
         assert re.fullmatch(rf"err: 127\.0\.0\.1 pa-device \(device\): {name} error since "
                             rf"\d{{4}}-\d\d-\d\d \d\d:\d\d:\d\d: {text}", handler.line_with(text))
-    assert len(handler.lines()) == len(CATALOGUE)
+    assert len(handler.lines()) == len(TRAPS)
 
 
 @pytest.mark.parametrize("level, severity, word", [
@@ -99,7 +96,7 @@ def test_any_text_stays_on_its_line(handler, text, shown):
     assert line.startswith("err: ") and line.endswith(f": {shown}") and " customFault error since " in line
 
 
-def test_without_a_system_name_the_host_name_stands_alone(handler):
+def test_without_a_system_name_the_line_has_the_host_name_alone(handler):
     handler.forget_the_system_name()
     handler.faults.raise_one("fuse_broken", "nameless", timestamp="0")
     # 0 is the epoch in the device's local time.
@@ -107,33 +104,27 @@ def test_without_a_system_name_the_host_name_stands_alone(handler):
                         "nameless", handler.line_with("nameless"))
 
 
-def test_the_handler_names_every_notification(handler):
+def test_the_handler_the_snmptt_entries_and_the_manual_have_the_traps_of_the_catalogue():
     names = dict(re.findall(r'\b(\d+): "(\w+)"', (EXAMPLE / "kvsnmp-trap-line").read_text()))
-    assert names == {str(row.arc): row.name for row in CATALOGUE}
-    assert handler.device.run([str(EXAMPLE / "kvsnmp-trap-line")], check=False, input="host\nUDP: [127.0.0.1]\n"
-                            ".1.3.6.1.6.3.1.1.4.1.0 .1.3.6.1.6.3.1.1.5.1\n").returncode == 1
-
-
-def test_the_snmptt_entries_are_those_of_the_catalogue():
-    """Each notification with and without sysName."""
+    assert names == {str(trap.arc): trap.name for trap in TRAPS}
     text = (EXAMPLE / "snmptt.conf.kvsnmp").read_text()
     entries = re.findall(r'^EVENT (\w+) (\S+) "kvsnmp" \w+\nFORMAT (.*)\nMATCH \$#: (\d)$', text, re.MULTILINE)
     expected = []
-    for row in CATALOGUE:
-        expected += [(row.name, f"{E}.2.8.{row.arc}", "$N: $3 ($2): level $4 since $5: $6", "6"),
-                     (row.name, f"{E}.2.8.{row.arc}", "$N: $2: level $3 since $4: $5", "5")]
+    for trap in TRAPS:  # with and without sysName
+        expected += [(trap.name, f"{E}.2.8.{trap.arc}", "$N: $3 ($2): level $4 since $5: $6", "6"),
+                     (trap.name, f"{E}.2.8.{trap.arc}", "$N: $2: level $3 since $4: $5", "5")]
+        assert f"# {trap.switch}: {', '.join(trap.identifiers)}\n" in text
     assert entries == expected
-    for row in CATALOGUE:
-        assert f"# {row.switch}: {', '.join(row.identifiers)}\n" in text
-
-
-def test_the_manual_has_the_rows_of_the_catalogue():
-    text = (CHECKOUT / "docs/traps.md").read_text()
-    rows = [[cell.strip() for cell in line.strip("|").split("|")] for line in text.splitlines()
-            if re.match(r"\| \d+ \| `", line)]
+    rows = [[cell.strip() for cell in line.strip("|").split("|")] for line in
+            (CHECKOUT / "docs/traps.md").read_text().splitlines() if re.match(r"\| \d+ \| `", line)]
     assert [row[:4] for row in rows] == [
-        [str(row.arc), f"`{row.name}`", row.switch, ", ".join(f"`{identifier}`" for identifier in row.identifiers)]
-        for row in CATALOGUE]
+        [str(trap.arc), f"`{trap.name}`", trap.switch, ", ".join(f"`{identifier}`" for identifier in trap.identifiers)]
+        for trap in TRAPS]
+
+
+def test_the_handler_refuses_other_traps(handler):
+    other = "host\nUDP: [127.0.0.1]\n.1.3.6.1.6.3.1.1.4.1.0 .1.3.6.1.6.3.1.1.5.1\n"
+    assert handler.device.run([str(EXAMPLE / "kvsnmp-trap-line")], check=False, input=other).returncode == 1
 
 
 # SNMPTT, Debian's
@@ -144,18 +135,7 @@ EVENTS = ("softwareFault", "customFault")  # may mean nothing bad
 
 
 class Snmptt(Manager):
-    """Gets every trap from snmptrapd, set up as the manual says."""
-
-    def prepare(self) -> None:
-        ini = INI.read_text()
-        # ipv6_enable, on by default, needs a Perl module that the package does not depend on.
-        for name, value in [("ipv6_enable", "0"), ("log_file", LOG), ("syslog_enable", "0"), ("syslog_system_enable", "0"),
-                            ("unknown_trap_log_enable", "1"), ("unknown_trap_log_file", UNKNOWN_LOG)]:
-            ini, count = re.subn(rf"^{name} = .*$", f"{name} = {value}", ini, flags=re.MULTILINE)
-            assert count == 1, name
-        ini, count = re.subn(r"(?<=\n)/etc/snmptt/snmptt\.conf(?=\n)", str(EXAMPLE / "snmptt.conf.kvsnmp"), ini)
-        assert count == 1
-        self.device.path("/tmp/snmptt.ini").write_text(ini)
+    """Receives every trap from snmptrapd, set up as the manual says."""
 
     def lines(self) -> list[str]:
         return self.device.read(LOG).splitlines()
@@ -163,13 +143,23 @@ class Snmptt(Manager):
 
 @pytest.fixture(scope="module")
 def snmptt(start_shared_device):
-    return Snmptt(start_shared_device, "disableAuthorization yes\n[snmp] printNumericOids yes\n[snmp] mibs :\n"
-                                       "traphandle default /usr/sbin/snmptt --ini=/tmp/snmptt.ini\n")
+    ini = INI.read_text()
+    # ipv6_enable, on by default, needs a Perl module that the package does not depend on.
+    for name, value in [("ipv6_enable", "0"), ("log_file", LOG), ("syslog_enable", "0"), ("syslog_system_enable", "0"),
+                        ("unknown_trap_log_enable", "1"), ("unknown_trap_log_file", UNKNOWN_LOG)]:
+        ini, count = re.subn(rf"^{name} = .*$", f"{name} = {value}", ini, flags=re.MULTILINE)
+        assert count == 1, name
+    ini, count = re.subn(r"(?<=\n)/etc/snmptt/snmptt\.conf(?=\n)", str(EXAMPLE / "snmptt.conf.kvsnmp"), ini)
+    assert count == 1
+    manager = Snmptt(start_shared_device, "disableAuthorization yes\n[snmp] printNumericOids yes\n[snmp] mibs :\n"
+                                          "traphandle default /usr/sbin/snmptt --ini=/tmp/snmptt.ini\n")
+    manager.device.path("/tmp/snmptt.ini").write_text(ini)  # read at each trap
+    return manager
 
 
 def of(name: str) -> str:
-    """What stands in front of a line's own text: the manager's time, the OID, the name."""
-    arc = next(row.arc for row in CATALOGUE if row.name == name)
+    """The beginning of a line: the manager's time, the OID, the name."""
+    arc = next(trap.arc for trap in TRAPS if trap.name == name)
     severity = "Normal" if name in EVENTS else "Warning"
     return rf"\w{{3}} \w{{3}} [ \d]\d [\d:]{{8}} \d{{4}} {re.escape(E)}\.2\.8\.{arc} {severity} \"kvsnmp\" \S+ - {name}: "
 
@@ -180,7 +170,7 @@ SINCE = r"since \w{3} \w{3} \d{1,2} \d\d\.\d\d\.\d\d 2024: "
 def test_snmptt_writes_one_line_for_each_notification(snmptt):
     for name, text in snmptt.raise_all("with sysName").items():
         assert re.fullmatch(of(name) + rf"pa-device \(device\): error {SINCE}{text}", snmptt.line_with(text))
-    assert len(snmptt.lines()) == len(CATALOGUE)
+    assert len(snmptt.lines()) == len(TRAPS)
 
 
 @pytest.mark.parametrize("level, word", [("crit", "critical"), ("odd", "unclassified")])
@@ -190,7 +180,7 @@ def test_snmptt_writes_the_level_as_a_word(snmptt, level, word):
 
 
 @pytest.mark.parametrize("text, shown", [
-    # What could mean something to a shell SNMPTT itself takes out.
+    # SNMPTT itself removes what a shell could interpret.
     ("door: rack 7 | open; 50 % $5 `id` (x)", "door: rack 7 open 50 % 5 'id' (x)"),
     ("one\n\ntwo", "one two"),
 ], ids=["marks", "line feeds"])
@@ -203,6 +193,6 @@ def test_snmptt_without_a_system_name(snmptt):
     snmptt.forget_the_system_name()
     for name, text in snmptt.raise_all("without sysName").items():
         assert re.fullmatch(of(name) + rf"device: error {SINCE}{text}", snmptt.line_with(text))
-    # Of snmpd's own start and end alone there is no entry.
+    # Only snmpd's own start and end have no entry.
     unknown = re.findall(r"Unknown trap \(([\w.]+)\)", snmptt.device.read(UNKNOWN_LOG))
     assert unknown and not [oid for oid in unknown if oid.startswith(E)]

@@ -1,4 +1,4 @@
-"""What stands in monitoring/prometheus, and the programs that read it."""
+"""The files of monitoring/prometheus, and the programs that read them."""
 from __future__ import annotations
 
 import functools
@@ -14,22 +14,23 @@ import yaml
 
 CHECKOUT = Path(__file__).resolve().parents[2]
 FOLDER = CHECKOUT / "monitoring/prometheus"
-sys.path.append(str(FOLDER.parent))
+sys.path[:0] = [str(FOLDER.parent), str(CHECKOUT / "tests/device")]
 
 import walks  # noqa: E402, F401  (the path has to be set first)
+from support.catalogue import TABLES  # noqa: E402, F401
 
 BEFORE, SINCE = FOLDER / "snmp-before-0.23.yml", FOLDER / "snmp-from-0.23.yml"
 RULES = FOLDER / "kvsnmp.rules.yml"
 DASHBOARD = FOLDER / "kvsnmp-dashboard.json"
 UNPACKED = CHECKOUT / "build/monitoring/root"  # by scripts/install-deps monitoring
 
-# Names of PromQL that look like metrics, and what Prometheus and the exporter themselves make.
+# Metrics of Prometheus and of the exporter.
 FOREIGN = {"up", "ALERTS", "snmp_scrape_duration_seconds"}
 METRIC = re.compile(r"\b(kvsnmp[_:][\w:]+|up|ALERTS|snmp_\w+)\b(?=[{\[\s)=+*/-]|$)")
 
 
 def program(name: str) -> str:
-    """A program of Debian's, installed or only unpacked."""
+    """A program of a Debian package that is installed or only unpacked."""
     found = shutil.which(name, path=f"{os.environ.get('PATH', '')}:{UNPACKED}/usr/bin")
     assert found, f"no {name}; scripts/install-deps monitoring fetches it"
     return found

@@ -1,4 +1,4 @@
-"""What the generators of monitoring/ make is what is tracked, and --check finds each file that is stale."""
+"""The generators of monitoring/ make the tracked files, and --check finds each stale file."""
 from __future__ import annotations
 
 import shutil
@@ -19,7 +19,7 @@ UNTRACKED = "recordings"  # the device tests read what it makes
 
 @pytest.fixture(scope="module")
 def copy(tmp_path_factory) -> Path:
-    """The folder monitoring/ with nothing in it but the generators, and what they read beside it."""
+    """The folder monitoring/ with the generators only, beside what they read."""
     tree = tmp_path_factory.mktemp("tree")
     for scripts in ("*.py", "*/*.py", "*/generate"):
         for script in (CHECKOUT / "monitoring").glob(scripts):
@@ -59,5 +59,5 @@ def test_makes_what_is_tracked_and_finds_what_is_stale(copy, name):
         assert f"Made by monitoring/{name}/generate; changes are lost" in first
 
 
-def test_every_generator_is_looked_at():
+def test_every_generator_is_tested():
     assert {script.parent.name for script in (CHECKOUT / "monitoring").glob("*/generate")} == {*MADE, UNTRACKED}

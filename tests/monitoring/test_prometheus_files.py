@@ -1,15 +1,15 @@
-"""The files of monitoring/prometheus, without a program that reads them: of the right structure, and
-each name that one of them uses made by another."""
+"""The files of monitoring/prometheus, without a program that reads them: their structure, and that each name that one
+of them uses is made by another."""
 from __future__ import annotations
 
 import json
 import re
 
 import yaml
-from prometheus_files import (BEFORE, DASHBOARD, FOLDER, FOREIGN, RULES, SINCE, alerts, groups, modules, names_in, panel_queries,
-                              rules, scraped_names, states)
+from prometheus_files import (BEFORE, DASHBOARD, FOLDER, FOREIGN, RULES, SINCE, TABLES, alerts, groups, modules, names_in,
+                              panel_queries, rules, scraped_names, states)
 
-# What the exporter takes, which refuses every other key: in both versions, and around it.
+# The exporter accepts no other keys.
 MODULE_KEYS = {"walk", "get", "metrics", "max_repetitions", "retries", "timeout"}
 METRIC_KEYS = {"name", "oid", "type", "help", "indexes", "lookups", "regex_extracts", "enum_values"}
 TYPES = {"gauge", "DisplayString", "EnumAsInfo", "EnumAsStateSet"}
@@ -49,7 +49,7 @@ def test_structure_of_the_metrics():
 
 
 def test_scaling():
-    """As the exporter does it: the first expression that fits makes the number."""
+    """In the exporter the first matching expression makes the number."""
     for metric, text, number in [
             ("kvsnmp_voltage_value", "24100", 24.1), ("kvsnmp_voltage_value", "0", 0), ("kvsnmp_voltage_value", "7", 0.007),
             ("kvsnmp_voltage_value", "42", 0.042), ("kvsnmp_voltage_value", "999", 0.999),
@@ -63,14 +63,10 @@ def test_scaling():
 # Rules
 
 
-def recorded() -> set[str]:
-    return {rule["record"] for rule in rules() if "record" in rule}
-
-
 def test_rules_and_panels_use_what_exists():
+    made = scraped_names() | FOREIGN | {rule["record"] for rule in rules() if "record" in rule}
     for query in [*(rule["expr"] for rule in rules()), *panel_queries()]:
-        used = names_in(query)
-        assert used and used <= scraped_names() | recorded() | FOREIGN, (query, used)
+        assert names_in(query) and names_in(query) <= made, query
     objects = {rule["labels"]["object"] for rule in rules() if rule.get("record") == "kvsnmp:state"}
     for query in panel_queries():
         assert "$datasource" not in query and set(re.findall(r"\$\{?(\w+)", query)) <= {"instance"}
@@ -80,13 +76,12 @@ def test_rules_and_panels_use_what_exists():
 
 def test_every_table_with_states_or_values_has_its_group():
     names = {group["name"] for group in groups()}
-    assert names == {"kvsnmp-device"} | {f"kvsnmp-{table}" for table in [
-        "tempTable", "fanTable", "voltageTable", "powerTable", "lineInTable", "ampChannelTable", "letChannelTables",
-        "controlInputTable", "controlOutputTable", "ethMonitoringTable", "relayTable"]}
+    tables = {re.sub(r"Channel\dTable", "ChannelTables", name) for name in TABLES}
+    assert names == {"kvsnmp-device"} | {f"kvsnmp-{table}" for table in tables}
 
 
 def test_every_state_is_recorded_before_it_is_used():
-    """A group evaluates its rules in order; across groups there is none."""
+    """A group evaluates its rules in order; groups run in no order."""
     found = set()
     for group in groups():
         objects = set()
@@ -118,7 +113,7 @@ def test_every_alert_says_what_and_what_to_do():
 
 
 def test_names_in_a_query():
-    """The reader of queries that the tests above and below rely on."""
+    """The reader of queries that other tests use."""
     assert names_in('sum by (up) (kvsnmp:state{object="kvsnmp_x", a="1"} == 1) and on (job) up > 2') == {"kvsnmp:state", "up"}
     assert names_in('kvsnmp_power_live{kvsnmp_power_live="live"} unless max_over_time(kvsnmp_x[1d])') == {
         "kvsnmp_power_live", "kvsnmp_x"}
@@ -136,7 +131,7 @@ def test_structure_of_the_dashboard():
     assert len({panel["id"] for panel in panels}) == len(panels) == len({panel["title"] for panel in panels})
     cells = [(x, y) for place in (panel["gridPos"] for panel in panels) for x in range(place["x"], place["x"] + place["w"])
              for y in range(place["y"], place["y"] + place["h"])]
-    assert len(set(cells)) == len(cells) and max(x for x, _ in cells) < 24, "none covers another"
+    assert len(set(cells)) == len(cells) and max(x for x, _ in cells) < 24, "none overlaps another"
     for panel in panels:
         assert panel["type"] in ("stat", "timeseries", "table") and panel["targets"]
         assert panel["datasource"] == {"type": "prometheus", "uid": "${datasource}"}
@@ -149,7 +144,7 @@ def test_scrape_configuration():
     config = yaml.safe_load((FOLDER / "prometheus.yml").read_text())
     (job,) = config["scrape_configs"]
     assert job["job_name"] == "kvsnmp" and job["params"]["module"] == ["kvsnmp"], "the rules ask for up{job=\"kvsnmp\"}"
-    assert job["scrape_interval"] == "60s", "a device keeps what it has read for 60 s"
+    assert job["scrape_interval"] == "60s", "a device caches its values for 60 s"
     timeout = int(modules()[BEFORE.name]["timeout"].rstrip("s"))
     assert timeout * (modules()[BEFORE.name]["retries"] + 1) <= int(job["scrape_timeout"].rstrip("s")) <= 60
     assert config["rule_files"] == [f"/etc/prometheus/{RULES.name}"]

@@ -1,4 +1,4 @@
-"""promtool's own view of the rules: checked, and each alert evaluated minute by minute on made-up series."""
+"""The rules in promtool: checked, and each alert evaluated minute by minute on made-up series."""
 from __future__ import annotations
 
 import json
@@ -48,7 +48,7 @@ def steady(value: float) -> str:
 
 
 def passing(good: float | str, bad: float | str) -> str:
-    """The value in which the fault shows from minute FAULT until before END; "stale" is a series that is gone."""
+    """The bad value from minute FAULT until before END; "stale" ends the series."""
     return " ".join([str(good)] * FAULT + [str(bad)] * (END - FAULT) + [str(good)] * (LAST - END + 1))
 
 
@@ -193,7 +193,7 @@ def expectation(case: Case, minute: int, fires: bool) -> dict:
 
 
 def summary_with_value(case: Case, text: str, minute: int) -> str:
-    """Puts in the value that the alert has in the middle of the fault."""
+    """With the alert's value during the fault."""
     if "$value" not in text:
         return text
     values = {entry["series"].partition("{")[0]: entry["values"].split() for entry in case.series
@@ -209,7 +209,7 @@ def summary_with_value(case: Case, text: str, minute: int) -> str:
 
 @pytest.mark.parametrize("alert", sorted(alerts()))
 def test_alert(tmp_path, alert):
-    """Pending for its time, then firing with its labels and texts until the fault ends; never in the cases beside it."""
+    """Pending for its time, then firing with its labels and texts until the fault ends; never in the other cases."""
     wait = int(alerts()[alert]["for"].removesuffix("m"))
     tests = []
     for case in (case for case in CASES if case.alert == alert):

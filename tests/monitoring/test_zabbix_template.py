@@ -1,5 +1,5 @@
-"""monitoring/zabbix, read without a server: whole, and held to the MIB and to the trap catalogue. scripts/test-zabbix
-imports the template into a server."""
+"""monitoring/zabbix, read without a server and compared with the MIB and the catalogue. scripts/test-zabbix imports the
+template into a server."""
 from __future__ import annotations
 
 import re
@@ -17,9 +17,9 @@ sys.dont_write_bytecode = True
 CHECKOUT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(CHECKOUT / "tests/device"))
 
-from support.catalogue import COLUMN_OIDS, OBJECTS, SCALAR_OIDS, Table  # noqa: E402  (the path has to be set first)
+from support.catalogue import COLUMN_OIDS, SCALAR_OIDS, TABLES, TRAPS  # noqa: E402  (the path has to be set first)
 from support.mib import mib  # noqa: E402
-from support.traps import CATALOGUE, E  # noqa: E402
+from support.traps import E  # noqa: E402
 
 FOLDER = CHECKOUT / "monitoring/zabbix"
 HANDLER = CHECKOUT / "monitoring/snmptrapd/kvsnmp-trap-line"
@@ -42,11 +42,11 @@ def nodes(value: Any) -> Iterator[dict]:
             yield from nodes(one)
 
 
-def test_uuids_are_valid_each_there_once_and_stay_as_they_are():
+def test_uuids_are_valid_unique_and_unchanged():
     found = [node["uuid"] for node in nodes(EXPORT) if "uuid" in node]
     assert len(found) == len(set(found)) > 100
     assert all(re.fullmatch("[0-9a-f]{32}", text) and uuid.UUID(text).version == 4 for text in found)
-    # A server takes a thing with another uuid for another thing, and its history ends.
+    # An item with another uuid is another item to a server, and its history ends.
     assert TEMPLATE["uuid"] == "f6845fdba60e45a8872e5c8e77431ce7"
     assert {item["key"]: item["uuid"] for item in PROTOTYPES}["kvsnmp.voltageValue[{#SNMPINDEX}]"] == "99454cfaf687487a8e92c379cb52f99d"
 
@@ -61,11 +61,10 @@ def test_every_served_object_is_an_item_or_names_one():
 
 
 def test_every_table_is_discovered_by_its_description():
-    tables = [table for table in OBJECTS if isinstance(table, Table)]
     found = {rule["key"]: rule["snmp_oid"] for rule in RULES}
     assert found == {f"kvsnmp.{table.name}.discovery": "discovery[{#DESCRIPTION}," + next(
         table.oid(column) for column, _ in table.columns if column.endswith("Description")).removeprefix(".") + "]"
-        for table in tables}
+        for table in TABLES.values()}
 
 
 def test_every_oid_exists_in_the_mib():
@@ -112,14 +111,14 @@ def test_macros_dependencies_and_triggers_fit_together():
 TRAP_KEYS = {item["key"]: item for item in TEMPLATE["items"] if item["type"] == "SNMP_TRAP"}
 
 
-def items_that_take(text: str) -> list[str]:
+def items_that_match(text: str) -> list[str]:
     patterns = {key: re.fullmatch(r'snmptrap\["(.*)"\]', key)[1] for key in TRAP_KEYS}
     return [TRAP_KEYS[key]["description"].partition(",")[0] for key, pattern in patterns.items()
             if re.search(pattern, text, re.MULTILINE)]
 
 
 def handled(tmp_path: Path, arc: int, description: str, with_sys_name: bool) -> str:
-    """What the handler writes for a trap as snmptrapd hands it over."""
+    """What the handler writes for a trap from snmptrapd."""
     name = '.1.3.6.1.2.1.1.5 "pa-device"\n' if with_sys_name else ""
     trap = (f"localhost\nUDP: [192.0.2.7]:40000->[192.0.2.1]:162\n.1.3.6.1.2.1.1.3.0 0:0:00:07.00\n"
             f".1.3.6.1.6.3.1.1.4.1.0 {E}.2.8.{arc}\n{E}.2.4.1.0 \"Orvane IPKiosk\"\n{E}.2.4.2.0 \"device\"\n{name}"
@@ -130,20 +129,20 @@ def handled(tmp_path: Path, arc: int, description: str, with_sys_name: bool) -> 
     return file.read_text()
 
 
-@pytest.mark.parametrize("row", CATALOGUE, ids=[row.name for row in CATALOGUE])
+@pytest.mark.parametrize("trap", TRAPS, ids=[trap.name for trap in TRAPS])
 @pytest.mark.parametrize("with_sys_name", [True, False], ids=["with sysName", "without sysName"])
-def test_a_trap_is_taken_by_its_item_alone(tmp_path, row, with_sys_name):
-    line = handled(tmp_path, row.arc, f"see {E}.2.8.3 and ZBXTRAP 10.0.0.1 {E}.2.8.4 ", with_sys_name)
+def test_a_trap_matches_only_its_item(tmp_path, trap, with_sys_name):
+    line = handled(tmp_path, trap.arc, f"see {E}.2.8.3 and ZBXTRAP 10.0.0.1 {E}.2.8.4 ", with_sys_name)
     device = "pa-device (device)" if with_sys_name else "device"
     assert line.count("\n") == 1 and line.count("ZBXTRAP") == 1
-    assert f" ZBXTRAP 192.0.2.7 {E}.2.8.{row.arc} {device}: {row.name} error since 2024-06-01 10:02:03: see " in line
-    # The server cuts its mark and the address out.
-    assert items_that_take(line.replace("ZBXTRAP 192.0.2.7", "", 1)) == [row.name]
+    assert f" ZBXTRAP 192.0.2.7 {E}.2.8.{trap.arc} {device}: {trap.name} error since 2024-06-01 10:02:03: see " in line
+    # The server removes its mark and the address.
+    assert items_that_match(line.replace("ZBXTRAP 192.0.2.7", "", 1)) == [trap.name]
 
 
-def test_there_is_an_item_for_each_notification_also_when_it_is_written_out_by_variables():
-    assert items_that_take(f"2026-11-21T12:00:00+0000 \nVARBINDS:\n  .1.3.6.1.6.3.1.1.4.1.0  type=6  value=OID: {E}.2.8.2\n"
+def test_each_notification_has_an_item_also_for_a_trap_that_is_logged_by_variables():
+    assert items_that_match(f"2026-11-21T12:00:00+0000 \nVARBINDS:\n  .1.3.6.1.6.3.1.1.4.1.0  type=6  value=OID: {E}.2.8.2\n"
                            f"  {E}.2.4.5.0  type=4  value=STRING: \"text {E}.2.8.1\"\n") == ["missingAmplifierModule"]
     assert sorted(item["description"].partition(",")[0] for item in TRAP_KEYS.values()) == sorted(
-        row.name for row in CATALOGUE)
-    assert {item["name"] for item in TRAP_KEYS.values()} == {f"Trap: {row.switch}" for row in CATALOGUE}
+        trap.name for trap in TRAPS)
+    assert {item["name"] for item in TRAP_KEYS.values()} == {f"Trap: {trap.switch}" for trap in TRAPS}

@@ -1,4 +1,4 @@
-"""One Debian for the whole file: the tests are the stations of its life, in the order in which they stand."""
+"""One Debian for the whole file: the tests run in order and depend on each other."""
 from __future__ import annotations
 
 import sys

@@ -1,4 +1,4 @@
-"""A Debian of its own in a folder: made with mmdebstrap, entered with bubblewrap, started with its systemd."""
+"""A separate Debian in a folder: made with mmdebstrap, entered with bubblewrap, started with its systemd."""
 from __future__ import annotations
 
 import os
@@ -22,7 +22,7 @@ def wait_until(look: Callable[[], object], seconds: float, what: str) -> None:
 
 
 def debian_sources() -> str:
-    """Where this machine takes Debian's packages from: one line per suite and component, for apt."""
+    """This machine's sources of Debian packages: one line per suite and component, for apt."""
     command = ["apt-get", "indextargets", "--format", "deb $(REPO_URI) $(RELEASE) $(COMPONENT)",
                "Identifier: Packages", "Origin: Debian"]
     if not (lines := subprocess.run(command, capture_output=True, text=True, check=True).stdout):
@@ -37,7 +37,7 @@ def suite_of(sources: str) -> str:
 
 
 def apt_proxy() -> list[str]:
-    """What this machine's apt says of proxies."""
+    """The proxies of this machine's apt."""
     answer = subprocess.run(["apt-config", "dump"], capture_output=True, text=True, check=True).stdout
     return [line for line in answer.splitlines() if line.startswith(("Acquire::http::Proxy ", "Acquire::https::Proxy "))]
 
@@ -57,7 +57,7 @@ class DebianRoot:
                         suite_of(sources), str(self.folder), "-"],
                        input=sources, text=True, check=True)
         (self.folder / DEBS[1:]).mkdir()
-        # No service is started in it, until its own systemd runs.
+        # No service is started before its systemd runs.
         self.service_policy.write_text("#!/bin/sh\nexit 101\n")
         self.service_policy.chmod(0o755)
 
@@ -66,7 +66,7 @@ class DebianRoot:
         return self.path("/usr/sbin/policy-rc.d")
 
     def run(self, *command: str, check: bool = True) -> subprocess.CompletedProcess[str]:
-        """In the root, with processes of its own, and the machine's network for apt."""
+        """In the root, with a separate process namespace, and the machine's network for apt."""
         return _run(self.bwrap(*command), check)
 
     def bwrap(self, *command: str) -> list[str]:
@@ -93,7 +93,7 @@ def remove_tree(folder: Path) -> None:
 
 
 class Booted:
-    """The root while its own systemd is the first process of its namespaces."""
+    """The root, with its systemd as the first process of its namespaces."""
 
     def __init__(self, root: DebianRoot) -> None:
         self.root = root

@@ -1,4 +1,4 @@
-"""docs/integration.md as the tests use it: the files that it shows, and the commands that it tells to type."""
+"""The files and commands that docs/integration.md shows."""
 from __future__ import annotations
 
 import re
@@ -9,7 +9,7 @@ GUIDE = Path(__file__).resolve().parents[2] / "docs/integration.md"
 
 
 def blocks() -> list[str]:
-    """Indented blocks, without what stands around them."""
+    """The indented blocks."""
     found = re.findall(r"(?:(?<=\n\n)|^)((?:(?: {4,}.*)?\n)+)", GUIDE.read_text(), flags=re.MULTILINE)
     return [textwrap.dedent(block).strip("\n") + "\n" for block in found if block.strip()]
 

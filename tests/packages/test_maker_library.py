@@ -1,5 +1,5 @@
-"""A build for another image, as docs/integration.md tells it: with the platform's library installed somewhere (here that
-is the stand-in), without systemd."""
+"""A build for another image, as in docs/integration.md: with an installed platform library (here the stand-in), without
+systemd."""
 from __future__ import annotations
 
 import os
@@ -22,7 +22,7 @@ def cmake(*arguments: object, check: bool = True) -> subprocess.CompletedProcess
 
 
 def configure(folder: Path, *options: str, check: bool = True) -> subprocess.CompletedProcess[str]:
-    """Without optimization: the programs are linked, not run."""
+    """Without optimization: the programs are only linked."""
     return cmake("-G", "Ninja", "-S", CHECKOUT, "-B", folder, "-DCMAKE_BUILD_TYPE=", "-DBUILD_TESTING=OFF", *options, check=check)
 
 
@@ -50,7 +50,7 @@ def test_the_daemon_links_to_the_library_of_the_root(library: Path, daemon: Path
 
 
 def test_without_systemd_the_daemon_does_not_need_its_library(daemon: Path) -> None:
-    """Of itself: the D-Bus library may."""
+    """Only the D-Bus library may."""
     needed = subprocess.run(["objdump", "-p", str(daemon)], capture_output=True, text=True, check=True).stdout
     assert re.search(r"NEEDED +libxrcommon\.so", needed)
     assert not re.search(r"NEEDED +libsystemd", needed)
@@ -64,5 +64,5 @@ def test_a_root_in_which_something_is_missing_is_refused(library: Path, missing:
     os.unlink(broken / missing)
     done = configure(WORK / "refused", f"-DKVSNMP_XRCOMMON_ROOT={broken}", check=False)
     assert done.returncode != 0
-    said = " ".join(done.stderr.split())  # cmake breaks its lines where the path's length has them end
+    said = " ".join(done.stderr.split())  # cmake wraps its lines
     assert f"KVSNMP_XRCOMMON_ROOT: {broken} has no" in said, said

@@ -1,4 +1,4 @@
-"""The packages in a Debian of their own: installed, tried, started by systemd, upgraded, removed, purged."""
+"""The packages in a separate Debian: installed, tried, started by systemd, upgraded, removed, purged."""
 from __future__ import annotations
 
 import errno
@@ -33,7 +33,7 @@ TALSERVICE = """\
 Type=exec
 ExecStart=/usr/bin/talservice --model 6420 --bus system --gpio-root /run/gpio
 """
-# Commands of the guide that other tests type, or that were typed by hand.
+# Commands of the guide that other tests run.
 TYPED_ELSEWHERE = {
     *(f"/etc/init.d/kvsnmp {word}" for word in ("start", "status", "restart", "stop")),  # tests/device/test_init.py
     "cmake --preset release -B build/maker -DKVSNMP_XRCOMMON_ROOT=/opt/xrcommon",  # test_maker_library.py, with less to build
@@ -43,7 +43,7 @@ typed: set[str] = set()
 
 
 def type_in(system: DebianRoot | Booted, line: str, folder: str = "/") -> str:
-    """A line of the guide, as a person would type it."""
+    """Runs a line of the guide."""
     typed.add(line)
     return system.run("/bin/sh", "-c", f"cd {folder} && {line}").stdout
 
@@ -76,7 +76,7 @@ def documents_of(package: str, debs: Path) -> list[str]:
                                                 ("kvsnmp-monitoring", {"operators.md", "traps.md", "README.md"})])
 def test_the_links_and_paths_in_a_package_s_documents_lead_to_files(root: DebianRoot, debs: Path, package: str,
                                                                  documents: set[str]) -> None:
-    """Whoever has the package alone can follow them."""
+    """Inside the package alone."""
     own = {file.rstrip("/") for file in files_of(package, debs)}
     found = documents_of(package, debs)
     assert documents <= {Path(document).name for document in found}
@@ -160,7 +160,7 @@ def test_the_unit_is_sound_and_hardened(root: DebianRoot) -> None:
     assert f"--threshold=40 {unit}` rates it {exposure[1]}" in text
 
 
-def test_on_a_machine_that_is_no_device_the_unit_is_passed_over(booted: Booted) -> None:
+def test_on_a_machine_that_is_no_device_the_unit_is_skipped(booted: Booted) -> None:
     booted.run("systemctl", "start", "kvsnmp.service")
     assert shown(booted, "ConditionResult") == "no"
     assert booted.output("pgrep", "-x", "kvsnmp") == ""
@@ -311,7 +311,7 @@ def test_snmpd_outlives_a_stop_and_is_taken_over(booted: Booted) -> None:
 
 
 def test_it_is_active_once_its_event_loop_runs(booted: Booted) -> None:
-    """Held up by an identity file whose open() waits for a writer."""
+    """Delayed by an identity file whose open() waits for a writer."""
     booted.run("systemctl", "stop", "kvsnmp.service")
     file = booted.root.path("/etc/xr-pkgver")
     file.unlink()
@@ -325,7 +325,7 @@ def test_it_is_active_once_its_event_loop_runs(booted: Booted) -> None:
             os.close(os.open(file, os.O_WRONLY | os.O_NONBLOCK))
             return True
         except OSError as error:
-            assert error.errno == errno.ENXIO  # nobody has opened it yet
+            assert error.errno == errno.ENXIO  # not opened yet
             return False
 
     wait_until(let_it_go_on, 10, "the daemon at the file")
@@ -336,7 +336,7 @@ def test_it_is_active_once_its_event_loop_runs(booted: Booted) -> None:
     restart(booted)
 
 
-def test_a_hung_daemon_is_noticed_and_started_anew(booted: Booted) -> None:
+def test_a_hung_daemon_is_noticed_and_restarted(booted: Booted) -> None:
     assert [shown(booted, name) for name in ("Type", "WatchdogUSec", "Restart")] == ["notify", "2min", "on-failure"]
     drop_in = add_drop_in(booted, "watchdog", "WatchdogSec=15")
     booted.run("systemctl", "restart", "kvsnmp.service")
@@ -363,7 +363,7 @@ def test_neither_an_idle_nor_a_polled_device_writes_to_the_journal(booted: Boote
     lines = booted.output("journalctl", "-q", "-t", "kvsnmp", f"_PID={main_pid(booted)}").splitlines()
     print(*lines, sep="\n")
     assert "AgentX subagent connected" in lines[-1]
-    # Until snmpd is there; the one before may still take an attempt and end.
+    # Before snmpd runs; the one before may still accept an attempt while it ends.
     assert all("Failed to connect to the agentx master" in line or "AgentX master disconnected us" in line
                for line in lines[:-1])
     cursor = booted.output("journalctl", "-n", "0", "--show-cursor").removeprefix("-- cursor: ")
@@ -387,7 +387,7 @@ def test_a_killed_daemon_comes_back(booted: Booted) -> None:
     wait_answering(booted)
 
 
-def test_a_wrong_model_number_is_not_tried_again(booted: Booted) -> None:
+def test_a_wrong_model_number_causes_no_restart(booted: Booted) -> None:
     booted.run("systemctl", "stop", "kvsnmp.service")
     model = booted.root.path("/etc/xr-modelnumber")
     model.write_text("9999\n")
@@ -416,7 +416,7 @@ def test_options_come_from_etc_default(booted: Booted) -> None:
     options.unlink()
 
 
-def test_the_drop_in_brings_debug_lines_into_the_journal(booted: Booted) -> None:
+def test_the_drop_in_writes_debug_lines_to_the_journal(booted: Booted) -> None:
     drop_in = "/etc/systemd/system/kvsnmp.service.d/debug.conf"
     assert "readModelNumber" not in booted.output("journalctl", "-u", "kvsnmp.service")
     write_shown_file(booted, drop_in)
@@ -426,7 +426,7 @@ def test_the_drop_in_brings_debug_lines_into_the_journal(booted: Booted) -> None
     lines = type_in(booted, "journalctl -u kvsnmp.service")
     assert "kvsnmp: forking as application.." in lines and "readModelNumber modelNumber: 6420 len: 4" in lines
 
-    assert booted.output("talctl", "monitor", "status") == "up", "the guide's policy lets it own its name"
+    assert booted.output("talctl", "monitor", "status") == "up", "the guide's policy allows it its name"
     booted.run("talctl", "monitor", "amp", "1", "5")
     wait_until(lambda: "dbusDoAmpChannelStatusUpdateSlot Amp: 1 Status: 5" in
                booted.output("journalctl", "-u", "kvsnmp.service"), 5, "the monitor's announcement")
@@ -442,7 +442,7 @@ def test_the_drop_in_for_the_library_is_accepted(booted: Booted) -> None:
     booted.root.path(drop_in).unlink()
 
 
-def test_the_guide_s_ps_takes_the_health_probe_s_words(booted: Booted) -> None:
+def test_the_guide_s_ps_accepts_the_health_probe_s_options(booted: Booted) -> None:
     probe = ["--noheaders", "-C snmpd", "-o rss"]
     assert booted.run("ps", *probe, check=False).stdout == "", "Debian's refuses them, as the guide says"
     write_shown_file(booted, "/usr/local/lib/kvsnmp/ps", 0o755)
@@ -455,7 +455,7 @@ def test_the_guide_s_ps_takes_the_health_probe_s_words(booted: Booted) -> None:
 
 
 def test_further_directives_stand_in_snmpd_local_conf(booted: Booted) -> None:
-    """Here that snmpd shall run as another user, which takes the capabilities that the unit leaves."""
+    """Here another user for snmpd, which needs the capabilities of the unit."""
     local = booted.root.path("/etc/snmp/snmpd.local.conf")
     local.write_text("agentUser Debian-snmp\n")
     before = snmpd_pids(booted)
@@ -480,7 +480,7 @@ def test_another_folder_in_place_of_etc_snmp_is_followed_and_writable_after_a_re
 
     settled = booted.output("journalctl", "-t", "kv-snmp").count("settled")
     booted.run("talctl", "set", "/state/config/snmp_settings/mib_2_settings/sys_contact", "replaced")
-    wait_until(lambda: booted.output("journalctl", "-t", "kv-snmp").count("settled") > settled, 10, "settings taken")
+    wait_until(lambda: booted.output("journalctl", "-t", "kv-snmp").count("settled") > settled, 10, "settings received")
     assert "replaced" not in config.read_text(), "the unit has it read-only"
     type_in(booted, "systemctl restart kvsnmp.service")
     wait_until(lambda: "sysContact replaced\n" in config.read_text(), 20, "the settings in the new folder")
@@ -499,7 +499,7 @@ def test_an_upgrade_of_snmpd_keeps_what_the_daemon_wrote(booted: Booted) -> None
     type_in(booted, "apt-get -o Dpkg::Options::=--force-confold install --reinstall snmpd")
     assert config.read_text() == before
     assert booted.output("systemctl", "is-active", "snmpd.service") in ("inactive", "failed")
-    wait_answering(booted)  # dpkg's own files came and went in the folder
+    wait_answering(booted)  # dpkg created and removed files in the folder
     type_in(booted, "systemctl restart kvsnmp.service")
     wait_answering(booted)
 
@@ -538,7 +538,7 @@ def test_an_upgrade_restarts_the_daemon_and_keeps_a_changed_kvagent_conf(booted:
     wait_answering(booted)
 
 
-def test_ending_it_for_good_takes_both_processes(booted: Booted) -> None:
+def test_the_guide_s_commands_end_both_processes(booted: Booted) -> None:
     type_in(booted, "systemctl disable --now kvsnmp.service")
     type_in(booted, "start-stop-daemon --stop --pidfile /run/snmpd.pid --exec /usr/sbin/snmpd")
     wait_until(lambda: not snmpd_pids(booted), 10, "the end of snmpd")
@@ -559,14 +559,14 @@ def test_purging_leaves_nothing_of_the_packages(booted: Booted, debs: Path) -> N
     booted.run("apt-get", "purge", "kvsnmp")  # the others had no conffiles and are gone already
     assert booted.output("dpkg-query", "-W", "-f", "${db:Status-Abbrev}", *PACKAGES) == ""
     for path in ("/etc/systemd/system/kvsnmp.service.d", "/usr/local/lib/kvsnmp", "/etc/default/kvsnmp"):
-        shutil.rmtree(booted.root.path(path), ignore_errors=True)  # the test's own
+        shutil.rmtree(booted.root.path(path), ignore_errors=True)  # of this test
     ours = set().union(*(files_of(package, debs) for package in PACKAGES))
     left = {path for path in ours if not path.endswith("/") and booted.root.path(path).exists()}
     assert left == set()
     found = booted.output("find", "/", "-xdev", "(", "-path", "/proc", "-o", "-path", DEBS, "-o", "-path", "/var/log/journal",
                           ")", "-prune", "-o", "(", "-iname", "*kvsnmp*", "-o", "-iname", "kvagent*", "-o", "-iname",
                           "tal[cs]*", "-o", "-iname", "agentx", ")", "-print")
-    # The local administrator's, here the test's.
+    # The administrator's, here the test's.
     ignored = {"/etc/systemd/system/talservice.service", "/run/tal.sock", "/run/talctl.sock"}
     assert set(found.splitlines()) - ignored == set()
 

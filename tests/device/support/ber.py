@@ -1,4 +1,4 @@
-"""SNMPv1 and v2c messages as bytes: those that a manager sends, right ones and wrong ones, and the answers to them."""
+"""SNMPv1 and v2c messages as bytes: good and bad requests, and their answers."""
 from __future__ import annotations
 
 from collections.abc import Sequence
@@ -157,6 +157,6 @@ def _value(tag: int, content: bytes) -> tuple[str, str]:
     if tag == OBJECT:
         return ("OID", dotted(_arcs(content)))
     names = {INTEGER: "INTEGER", GAUGE: "Gauge32", COUNTER: "Counter32", TICKS: "Timeticks"}
-    if tag not in names:  # what somebody tried to set, sent back with the refusal
+    if tag not in names:  # of a SET, sent back with the refusal
         return (f"type {tag:#x}", content.hex())
     return (names[tag], str(int.from_bytes(content, "big", signed=tag == INTEGER)))

@@ -1,4 +1,4 @@
-"""A client of a device's system bus, from the socket up, so that it can say what no proper library would send."""
+"""A client of a device's system bus that can send what no D-Bus library would."""
 from __future__ import annotations
 
 import socket
@@ -44,11 +44,11 @@ class BusClient:
 
     def call(self, member: str, signature: str = "", *values: object, destination: str, path: str = OBJECT,
              interface: str = MONITOR) -> None:
-        """A call of a method, whose answer is not waited for."""
+        """Calls a method without waiting for its answer."""
         self._send(_METHOD_CALL, path, interface, member, signature, values, destination)
 
     def sync(self) -> None:
-        """Until the bus has passed on all that was sent so far."""
+        """Until the bus has passed on all messages so far."""
         self._call("GetId")
 
     def send_raw(self, data: bytes) -> None:
@@ -67,7 +67,7 @@ class BusClient:
         asked = self._serial
         while True:
             kind, answered, body = self._receive()
-            if answered != asked:  # a signal, or what somebody else has answered
+            if answered != asked:  # a signal, or an answer to another call
                 continue
             text = body[4:4 + struct.unpack_from("<I", body)[0]] if len(body) > 4 else b""
             if kind == _ERROR:

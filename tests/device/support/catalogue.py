@@ -1,16 +1,13 @@
-"""The facts of the devices in tests/catalogue: objects, rows, keys, words and their codes.
-
-Nothing here is read from the program or from its MIB. The golden walks, the MIB and the daemon are each held to it.
-"""
+"""The tables of tests/catalogue: objects, rows, keys, words and their codes, traps."""
 from __future__ import annotations
 
 import re
+from collections.abc import Iterator
 from pathlib import Path
 from typing import NamedTuple
 
-from .snmp import TABLES
+from .snmp import TABLES as ROOT
 
-Rows = list[tuple[int, str]]  # index, description
 _RANGE = re.compile(r"(\d+)\.\.(\d+)")
 
 
@@ -35,7 +32,7 @@ def read(name: str) -> list[dict[str, str]]:
 _MODELS = read("models")
 MODELS = [int(row["model"]) for row in _MODELS]
 STATIONS = [int(row["model"]) for row in _MODELS if row["gpio"]]
-AMP_TYPES = {int(row["model"]): int(row["ampType"]) for row in _MODELS if row["ampType"] != "1"}  # 1 on every other model
+AMP_TYPES = {int(row["model"]): int(row["ampType"]) for row in _MODELS}
 COMPACT = "Orvane Brisel Compact - IP-QRM-B"
 EXTENDED = "Orvane Brisel Extended - IP-QRM-B"
 
@@ -47,16 +44,17 @@ class Scalar(NamedTuple):
 
     @property
     def oid(self) -> str:
-        return f"{TABLES}.{self.arc}.0"
+        return f"{ROOT}.{self.arc}.0"
 
 
 class Table(NamedTuple):
     name: str
     arc: str
     columns: list[tuple[str, str]]  # name, type; column n is columns[n - 1]
+    contents: dict[str, str]  # column to what it shows: index, description, a text in quotes, a field of its record
 
     def oid(self, column: str) -> str:
-        return f"{TABLES}.{self.arc}.1.{[name for name, _ in self.columns].index(column) + 1}"
+        return f"{ROOT}.{self.arc}.1.{[name for name, _ in self.columns].index(column) + 1}"
 
 
 def _objects() -> list[Scalar | Table]:
@@ -64,9 +62,10 @@ def _objects() -> list[Scalar | Table]:
     for row in read("objects"):
         name, arc, syntax = row["object"], row["arc"], row["syntax"]
         if syntax == "table":
-            objects.append(Table(name, arc, []))
+            objects.append(Table(name, arc, [], {}))
         elif objects and isinstance(table := objects[-1], Table) and arc.startswith(f"{table.arc}.1."):
             table.columns.append((name, syntax))
+            table.contents[name] = row["content"]
             assert arc == f"{table.arc}.1.{len(table.columns)}"
         else:
             objects.append(Scalar(name, arc, syntax))
@@ -74,104 +73,118 @@ def _objects() -> list[Scalar | Table]:
 
 
 OBJECTS = _objects()  # in the order of a walk
-TABLE_NAMES = [item.name for item in OBJECTS if isinstance(item, Table)]
-COLUMN_OIDS = {column: table.oid(column) for table in OBJECTS if isinstance(table, Table)
-               for column, _ in table.columns}
+TABLES = {item.name: item for item in OBJECTS if isinstance(item, Table)}
+COLUMN_OIDS = {column: table.oid(column) for table in TABLES.values() for column, _ in table.columns}
 SCALAR_OIDS = {scalar.name: scalar.oid for scalar in OBJECTS if isinstance(scalar, Scalar)}
 
-# Rows by model.
+# Rows by model, and what feeds their cells
 
-_ROWS = read("rows")
-_KEYS = read("keys")
-
-
-def _models(row: dict[str, str]) -> list[int]:
-    return MODELS if row["models"] == "all" else [int(model) for model in row["models"].split()]
-
-
-def _rows(table: str, model: int, expanders: bool = False) -> list[dict[str, str]]:
-    return [row for row in _ROWS
-            if row["table"] == table and model in _models(row) and (expanders or not row["expanders"])]
+_ROWS, _KEYS = read("rows"), read("keys")
+PARSERS = {row["parser"]: row for row in read("parsers")}
+WORDS = {name: {word: int(code) for word, _, code in (pair.partition("=") for pair in parser["words"].split())}
+         for name, parser in PARSERS.items()}
+_TEMPERATURES = {f"temp_{field}": f".{field}" for field in ("current", "peak", "average")}
 
 
-def _keyed(table: str, parser: str, field: str = "", expanders: bool = False) -> dict[int, list[tuple[int, str, str]]]:
-    """Index, description and the data service's key of each row, on the models that have such keys."""
-    keys = {(model, key["field"]): key["key"] for key in _KEYS if parser in key["parser"].split()
-            for model in _models(key) if expanders or not key["expanders"]}
-    found = {model: [(int(row["index"]), row["description"], keys[model, row["source"] + field])
-                     for row in _rows(table, model, expanders) if (model, row["source"] + field) in keys]
-             for model in MODELS}
-    return {model: rows for model, rows in found.items() if rows}
+def _has(row: dict[str, str], model: int, expanders: bool) -> bool:
+    if row.get("expanders") and not expanders:
+        return False
+    return row["models"] == "all" or str(model) in row["models"].split()
 
 
-VOLTAGES = _keyed("voltageTable", "voltage")
-TEMPERATURES = {model: [(index, text.removeprefix("Temperature Sensor: "), key) for index, text, key in rows]
-                for model, rows in _keyed("tempTable", "temp_current").items()}
-FANS = _keyed("fanTable", "fan")
-POWERS = {model: [int(row["index"]) for row in _rows("powerTable", model)]
-          for model in MODELS if _rows("powerTable", model)}
-POWER_KEYS = {int(row["index"]): row["description"] for row in _ROWS if row["table"] == "powerTable"}
-LINE_INPUTS = _keyed("lineInTable", "tone_monitoring", ".lineInMonitoring")
-MICROPHONES = _keyed("lineInTable", "mic_monitoring", ".lineInMonitoring")
-TWO_CHANNELS = [model for model in MODELS if len(_rows("ampChannelTable", model)) == 2]
-ONE_OUTPUT = [model for model in MODELS if len(_rows("ampChannelTable", model)) == 1]
-LETS = [model for model in MODELS if _rows("letChannel1Table", model)]
-WITHOUT_PORTS = [model for model in MODELS if not _rows("ethMonitoringTable", model)]
+def rows(table: str, model: int, expanders: bool = False) -> list[tuple[int, str]]:
+    """Index and description."""
+    return [(int(row["index"]), row["description"]) for row in _ROWS
+            if row["table"] == table and _has(row, model, expanders)]
 
 
-def relays(model: int, expanders: bool) -> list[tuple[int, str, str]]:
-    """Index, description, key. On the models with four relays the expander's first two keys feed two rows each."""
-    return _keyed("relayTable", "relay_delay", ".delay", expanders).get(model, [])
+class Feed(NamedTuple):
+    """A value of the data service, and the cell that serves it."""
+    parser: str
+    path: str
+    column: str
+    index: int
+
+    @property
+    def oid(self) -> str:
+        return f"{COLUMN_OIDS[self.column]}.{self.index}"
 
 
-def _plain(table: str, expanders: bool = False) -> Rows:
-    return [(int(row["index"]), row["description"]) for row in _rows(table, MODELS[0], expanders)]
+def path_of(parser: dict[str, str], key: str) -> str:
+    """The path of a changed leaf. A LET has two keys."""
+    return parser["path"].replace("%1", key.split()[0]).replace("%2", key.split()[-1])
 
 
-def control_inputs(expanders: bool) -> Rows:
-    return _plain("controlInputTable", expanders)
+def feeds(model: int, expanders: bool = False) -> list[Feed]:
+    found = []
+    for key in (key for key in _KEYS if _has(key, model, expanders)):
+        for parser in key["parser"].split():
+            path = path_of(PARSERS[parser], key["key"])
+            for column, index in _cells(model, expanders, key["field"] + _TEMPERATURES.get(parser, "")):
+                found.append(Feed(parser, path, column, index))
+    return found
 
 
-def control_outputs() -> Rows:
-    return _plain("controlOutputTable")
+def _cells(model: int, expanders: bool, field: str) -> Iterator[tuple[str, int]]:
+    for row in _ROWS:
+        source = row["source"]
+        if source and f"{field}.".startswith(f"{source}.") and _has(row, model, expanders):
+            content = field.removeprefix(source) or "."
+            for column in (name for name, shown in TABLES[row["table"]].contents.items() if shown == content):
+                yield column, int(row["index"])
 
 
-# Words of the data service and of the amplifier monitor, and the codes that are served for them.
+_STARTING = read("startvalues")
 
-_WORDS = {row["parser"]: {word: int(code) for word, _, code in (pair.partition("=") for pair in row["words"].split())}
-          for row in read("parsers")}
-LINE_STATES = _WORDS["line_state"]
-PILOT_TONES = _WORDS["pilot_tone"]
-MIC_STATES = _WORDS["mic_status"]
-LINE_IN_MONITORING = _WORDS["tone_monitoring"]
-ETH_MONITORED = _WORDS["eth_monitored"]
-POWER_LIVE = _WORDS["power_live"]
-POWER_MONITORED = _WORDS["power_monitored"]
-INPUT_MONITORED = _WORDS["input_monitored"]
-IDLE_MODES = _WORDS["relay_idle_mode"]
-OUTPUT_STATES = _WORDS["output_state"]
-INPUT_STATES = _WORDS["input_state"]
 
-# Every code that a column can serve: the words', that of "delete" or of other words, the starting value, and 0 where
-# a word that is not known may come before any that is.
-_LET_STATUS = {1, 2, 3, 4}
-CODES = {
-    "infoDisablement": {0, 2},  # 0 until the agent has copied the device's information
-    "ampType": {1, 2, 3, 4, 5, 6, 7, 8},
-    "powerKind": {1, 2},
-    "powerLive": {0, 1, *POWER_LIVE.values()},
-    "powerMonitored": {0, 1, *POWER_MONITORED.values()},
-    "lineInStatus": {0, 1, *PILOT_TONES.values()},
-    "lineInMicStatus": {0, 4, *MIC_STATES.values()},
-    "lineInMonitoring": {0, 1, *LINE_IN_MONITORING.values()},
-    "ampChannelStatus": {1, 2, 3, 4, 5},
-    "ampChannelLineState": {0, *LINE_STATES.values()},
-    "letChannel1Status": _LET_STATUS,
-    "letChannel2Status": _LET_STATUS,
-    "controlInputStatus": {1, *INPUT_STATES.values()},
-    "controlInputMonitored": {1, *INPUT_MONITORED.values()},
-    "controlOutputState": {1, *OUTPUT_STATES.values()},
-    "ethMonitoringMonitored": {0, 1, *ETH_MONITORED.values()},
-    "relayStatus": {1, 2, 3, 4},
-    "relayIdleMode": {0, 1, *IDLE_MODES.values()},
-}
+def first_values(model: int, expanders: bool) -> dict[str, list[str]]:
+    """Column to what its rows serve before anything was reported, without indices, descriptions and fixed texts."""
+    fields = {row["field"]: row["value"] for row in _STARTING if _has(row, model, True)}
+    found: dict[str, list[str]] = {}
+    for item in read("objects"):
+        for row in _ROWS:
+            table = TABLES[row["table"]]
+            content = table.contents.get(item["object"], "")
+            if content.startswith(".") and _has(row, model, expanders):
+                # The row of a LET keeps its own starting values until that LET was reported.
+                field = row["source"] + content.rstrip(".")
+                own = not row["source"] or row["source"].startswith("let.")
+                found.setdefault(item["object"], []).append(item["start"] if own else fields.get(field, "0"))
+    return found
+
+
+def _codes() -> dict[str, set[int]]:
+    """Each code that a column can serve. 0 comes before the first word that is known."""
+    found = {"infoDisablement": {0, 2},  # 0 until the agent has the information
+             "ampType": set(range(1, 9)), "powerKind": {1, 2}, "relayStatus": {1, 2, 3, 4},
+             "ampChannelStatus": {1, 2, 3, 4, 5}, "letChannel1Status": {1, 2, 3, 4}, "letChannel2Status": {1, 2, 3, 4},
+             "controlInputStatus": {1, *WORDS["input_state"].values()},
+             "controlOutputState": {1, *WORDS["output_state"].values()}}
+    for model in MODELS:
+        first = first_values(model, True)
+        for feed in feeds(model, True):
+            if words := WORDS[feed.parser]:
+                others = [PARSERS[feed.parser][name] for name in ("delete", "other")]
+                found.setdefault(feed.column, set()).update(
+                    words.values(), (int(code) for code in [*first[feed.column], *others] if code.isdigit()),
+                    [0] if others[1] == "last" else [])
+    return found
+
+
+CODES = _codes()
+
+
+# Traps, in the order of their arcs
+
+
+class Trap(NamedTuple):
+    arc: int
+    name: str
+    switch: str  # in the settings
+    identifiers: tuple[str, ...]  # of the messages that raise it
+
+
+TRAPS = sorted(Trap(int(row["arc"]), row["notification"], row["switch"], tuple(row["identifiers"].split()))
+               for row in read("traps"))
+TRAP_OF = {identifier: trap for trap in TRAPS for identifier in trap.identifiers}
+SEVERITIES = {row["level"]: int(row["severity"]) for row in read("severities")}

@@ -1,4 +1,4 @@
-"""A data service that a test plays itself: it keeps what it is asked and sends what the test tells it to."""
+"""A data service for tests: it records the requests, and sends the messages of the test."""
 from __future__ import annotations
 
 import select
@@ -23,7 +23,7 @@ class Subscription(NamedTuple):
 class DataService:
     def __init__(self, socket_path: Path) -> None:
         self.subscriptions: list[Subscription] = []
-        self.others: list[str] = []  # requests that are no subscriptions
+        self.others: list[str] = []  # other requests
         self.connections = 0
         self._client: socket.socket | None = None
         self._lock = threading.Lock()
@@ -86,11 +86,11 @@ class DataService:
                     continue
                 *messages, pending = (pending + chunk).split(b"\0")
                 for message in messages:
-                    self._take(message.decode())
+                    self._receive(message.decode())
         if self._client:
             self._client.close()
 
-    def _take(self, message: str) -> None:
+    def _receive(self, message: str) -> None:
         request = ElementTree.fromstring(message)
         subscribe = request.find("subscribe")
         if subscribe is None:

@@ -1,7 +1,8 @@
-"""One device under test: started by scripts/device, looked at from the host through its folders and namespaces."""
+"""One device under test, started by scripts/device; the host reads its folders and enters its namespaces."""
 from __future__ import annotations
 
 import itertools
+import json
 import os
 import re
 import signal
@@ -31,7 +32,7 @@ def bin_dir() -> Path:
 
 
 def build_options() -> list[str]:
-    """Options that the build under test asks for: one that counts lines writes its counters beside its objects."""
+    """A build that counts lines writes its counters beside its objects."""
     if os.environ.get("KVSNMP_COVERAGE", "") in ("", "OFF"):
         return []
     return ["--writable", str(bin_dir().parent)]
@@ -42,8 +43,7 @@ def is_sanitized() -> bool:
 
 
 def sanitizer_findings(report: str) -> list[str]:
-    """A report without the leaks of the agent library itself, which forgets a socket address of 110 bytes each time it
-    loses its master."""
+    """A report without the agent library's leaks: a socket address of 110 bytes for each loss of its master."""
     if "LeakSanitizer" not in report:
         return [report]
     leaks = re.split(r"^(?=(?:Direct|Indirect) leak of )", report.partition("SUMMARY:")[0], flags=re.MULTILINE)[1:]
@@ -53,17 +53,18 @@ def sanitizer_findings(report: str) -> list[str]:
 
 
 class Device:
-    """Options are those of scripts/device, e.g. Device(6420, "--daemon", "--clock-shift"). With `own_session` a Ctrl-C in
-    the terminal does not reach the device."""
+    """Options are those of scripts/device, e.g. Device(6420, "--daemon", "--clock-shift"). With `own_session` a Ctrl-C
+    in the terminal does not reach the device."""
 
     def __init__(self, model: int, *options: str, own_session: bool = False) -> None:
         self.model = model
         self.name = f"t{os.getpid()}-{next(_numbers)}"
         self.started = time.monotonic()
+        self._options = options
         self._script = subprocess.Popen(
             [str(CHECKOUT / "scripts/device"), "--model", str(model), "--name", self.name, "--bin", str(bin_dir()),
-             *build_options(), *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-            start_new_session=own_session)
+             *build_options(), *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+            text=True, start_new_session=own_session)
         self._shift = 0
         self._time_of_day_shift = 0
         self._commands: list[subprocess.Popen] = []
@@ -72,7 +73,7 @@ class Device:
         self.snmp = Snmp(self.run)
 
     def wait_ready(self) -> Device:
-        """Until all that was asked for runs; that is before kvsnmp has answered anything."""
+        """Until all programs of the device run; kvsnmp does not answer yet."""
         def look() -> registry.Running | None:
             if self._script.poll() is not None:
                 raise AssertionError(f"scripts/device ended:\n{self._script.stdout.read()}")
@@ -90,8 +91,11 @@ class Device:
         return self
 
     def wait_subscribed(self, timeout: float = 20.0) -> Device:
-        """Until the daemon has asked for its data, 3 s after it reached the data service."""
+        """Until the daemon has subscribed to its data, 3 s after it connected to the data service, and has received all
+        first values from the simulator. A table that is read earlier serves its starting values for 60 s."""
         wait_until(lambda: "requestStateDataSubscribeSysMessages" in self.kvsnmp_err(), timeout, what="subscriptions")
+        if "--no-simulator" not in self._options:
+            self.carry_out([], timeout)
         return self
 
     # Commands inside
@@ -115,14 +119,14 @@ class Device:
 
     def start_kvsnmp(self, *arguments: str, wrapper: Sequence[str] = (), clock_shift: bool = False,
                      env: dict[str, str] | None = None) -> subprocess.Popen:
-        """A kvsnmp of the test's own, its output appended to the device's logs."""
+        """Starts a kvsnmp, its output appended to the device's logs."""
         library = str(bin_dir().parent / "lib/libclockshift.so")
         with open(self.path("/var/log/kvsnmp.out"), "ab") as out, open(self.path("/var/log/kvsnmp.err"), "ab") as err:
-            return self.popen([*wrapper, "kvsnmp", *arguments],
-                              env=settings.kvsnmp_environment(clock_shift, library) | (env or {}), stdout=out, stderr=err)
+            variables = settings.kvsnmp_environment(clock_shift, library) | (env or {})
+            return self.popen([*wrapper, "kvsnmp", *arguments], env=variables, stdout=out, stderr=err)
 
     def run_kvsnmp(self, *arguments: str, timeout: float = 10.0) -> subprocess.CompletedProcess:
-        """A kvsnmp that is expected to end by itself."""
+        """A kvsnmp that should end by itself."""
         return self.run(["kvsnmp", *arguments], check=False, timeout=timeout,
                         env=settings.kvsnmp_environment(False, ""))
 
@@ -131,6 +135,20 @@ class Device:
 
     def talctl_batch(self, lines: Sequence[str]) -> str:
         return self.run(["talctl", "batch"], input="".join(f"{line}\n" for line in lines)).stdout
+
+    def carry_out(self, commands: Sequence[list[str]], timeout: float = 30.0, dbus: bool = False) -> None:
+        """Runs commands of talctl and waits until the daemon has received everything that they send, and everything
+        that the simulator sent before: the daemon logs a last fault without a trap, and a last announcement on the bus
+        of an input that no table has."""
+        mark = f"mark{next(_numbers)}"
+        marks = [["fault", "raise", "device", mark, "", "notice", mark]]
+        awaited = [f"New Fault: [device] [{mark}]"]
+        if dbus:
+            marks.append(["monitor", "gpi", "99", mark])
+            awaited.append(f"State: {mark}")
+        self.talctl_batch([json.dumps(command) for command in [*commands, *marks]])
+        wait_until(lambda: all(line in self.kvsnmp_err() for line in awaited), timeout, what=f"{awaited} logged")
+        self.talctl("fault", "clear", "device", mark)
 
     # Files and logs
 
@@ -172,12 +190,12 @@ class Device:
         return sorted(int(line.split("/")[2]) for line in lines)
 
     def kvsnmp_pid(self) -> int:
-        """The daemon, whatever it runs under."""
+        """The daemon, also under valgrind."""
         pids = wait_until(lambda: self.pids("kvsnmp") or self.pids("memcheck-amd64-"), 5, what="kvsnmp running")
         return pids[0]
 
     def wait_running(self) -> int:
-        """Until the daemon has its signal handlers, the last thing before its event loop; its process number."""
+        """Until the daemon has its signal handlers, right before its event loop; its process number."""
         pid = self.kvsnmp_pid()
         wait_until(lambda: self.handles_sigterm(pid), what="signal handlers installed")
         return pid
@@ -190,25 +208,24 @@ class Device:
         self.run(["sh", "-c", f"kill -{number.value} {pid}"])
 
     def kill_and_wait(self, pid: int) -> None:
-        """Kills with SIGKILL, if it has not ended yet, and waits until nobody has the number: that of a zombie still
-        counts as one of a living process for whoever asks with signal 0."""
+        """Kills with SIGKILL, if it has not ended yet, and waits until no process has the number, not even a zombie."""
         self.run(["sh", "-c", f"kill -9 {pid}"], check=False)
         asked = ["sh", "-c", f"kill -0 {pid}"]
         wait_until(lambda: self.run(asked, check=False).returncode != 0, what=f"process {pid} gone")
 
     def stir_snmpd_folder(self) -> None:
-        """A file comes and goes beside snmpd.conf: the daemon restarts snmpd with the files as they are."""
+        """Creates and removes a file beside snmpd.conf: the daemon restarts snmpd with the files as they are."""
         stirred = self.path("/etc/snmp/stirred")
         stirred.write_text("")
         stirred.unlink()
 
     def running_snmpd(self) -> int:
-        """The one snmpd that runs and has written its pid file, so that it is not on its way to the background; else 0."""
+        """The only snmpd, if it has written its pid file and so is in the background; else 0."""
         pids = self.pids("snmpd")
         return pids[0] if len(pids) == 1 and self.read("/run/snmpd.pid").strip() == str(pids[0]) else 0
 
     def wait_snmpd(self, other_than: Sequence[int] = (), timeout: float = 10.0) -> int:
-        """The one snmpd that runs and has written its pid file, when it is none of the given ones."""
+        """Until a single snmpd runs, other than these, and has written its pid file."""
         def look() -> int:
             pid = self.running_snmpd()
             return 0 if pid in other_than else pid
@@ -225,7 +242,7 @@ class Device:
         self._write_shifts()
 
     def set_time_of_day(self, seconds: float) -> None:
-        """Sets the time that kvsnmp takes for that of the day, as seconds since 1970; it goes on from there."""
+        """Sets kvsnmp's time of day, in seconds since 1970; it goes on from there."""
         self._time_of_day_shift = int((seconds - time.time()) * 1e9)
         self._write_shifts()
 
@@ -236,17 +253,17 @@ class Device:
     # The end
 
     def wait_stopped(self) -> None:
-        """Until somebody else has ended the device."""
+        """Until another program has ended the device."""
         self._script.wait()
 
     def end_kvsnmp(self) -> None:
-        """SIGTERM to every kvsnmp, and its end."""
+        """Ends every kvsnmp with SIGTERM."""
         for pid in self.pids("kvsnmp") + self.pids("memcheck-amd64-"):
             self.run(["sh", "-c", f"kill {pid}"], check=False)
         wait_until(lambda: not self.pids("kvsnmp") and not self.pids("memcheck-amd64-"), 30, what="kvsnmp ended")
 
     def complaints(self) -> list[str]:
-        """What no kvsnmp may ever write: sanitizer reports and connections that Qt refused."""
+        """Sanitizer reports, and connections that Qt refused."""
         found = [line for line in self.kvsnmp_err().splitlines()
                  if "QObject::connect" in line or "QObject::disconnect" in line or "runtime error:" in line]
         for file in sorted(self.path("/var/log").glob("sanitizer.*")):

@@ -1,4 +1,4 @@
-"""A small disk of its own for one of a device's folders, to be filled and write-protected."""
+"""A small disk for one of a device's folders, to be filled and write-protected."""
 from __future__ import annotations
 
 import errno
@@ -10,8 +10,8 @@ from .device import CHECKOUT, Device
 
 
 class SmallDisk:
-    """Mounted inside the device, over the folder, with copies of what stands there. A daemon that watches the folder
-    has to be started afterwards. A checkout below the folder, with the programs, stays in its place."""
+    """Mounted over the folder inside the device, with copies of its files, before a daemon that watches the folder is
+    started. A checkout below the folder, with the programs, stays visible."""
 
     def __init__(self, device: Device, folder: str, kilobytes: int = 64) -> None:
         self._device = device
@@ -23,7 +23,7 @@ class SmallDisk:
             mount = (f"mkdir /run/checkout && mount --bind {checkout} /run/checkout && {mount} && mkdir -p {checkout} && "
                      f"mount --bind /run/checkout {checkout}")
         device.run(["sh", "-e", "-c", mount])
-        # The host's view of what only the device sees.
+        # On the host.
         self.folder = Path(f"/proc/{device.first_process}/root{folder}")
         for name, content in kept.items():
             (self.folder / name).write_bytes(content)
@@ -36,7 +36,6 @@ class SmallDisk:
             return None
 
     def fill(self) -> None:
-        """To the last byte."""
         with open(self._filler, "wb", buffering=0) as filler:
             try:
                 while True:

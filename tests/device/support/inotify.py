@@ -1,4 +1,4 @@
-"""What happens to the files of a folder, with the time at which it happened."""
+"""Events of the files in a folder, with their times."""
 from __future__ import annotations
 
 import ctypes
@@ -24,7 +24,7 @@ class Event(NamedTuple):
 
 
 class FolderEvents:
-    """Collects the events of some folders from its making on: the changes, or with `accesses` whatever is done."""
+    """Collects the changes in some folders, with `accesses` every event."""
 
     def __init__(self, *folders: Path, accesses: bool = False) -> None:
         self.events: list[Event] = []

@@ -1,4 +1,4 @@
-"""Served values held to the project's MIB."""
+"""Served values, checked with the project's MIB."""
 from __future__ import annotations
 
 import functools
@@ -22,7 +22,7 @@ class ServedMib(Mib):
         return {f".{item.oid}": item for item in self.objects.values()}
 
     def resolve(self, oid: str) -> tuple[Object, list[int]]:
-        """The object that an instance belongs to, and what stands behind the object's own OID."""
+        """The object of an instance, and the arcs after the object's OID."""
         head, instance = oid, []
         while head and head not in self.by_oid:
             head, _, arc = head.rpartition(".")
@@ -31,7 +31,7 @@ class ServedMib(Mib):
         return self.by_oid[head], instance
 
     def complaint(self, variable: Variable) -> str:
-        """What is wrong with a served value; empty when nothing is."""
+        """The error in a served value; empty if it is good."""
         item, instance = self.resolve(variable.oid)
         if not item.table and instance != [0]:
             return f"{item.name}: a scalar has the instance 0, not {instance}"

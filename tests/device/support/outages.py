@@ -1,4 +1,4 @@
-"""Outages of snmpd: its ends, the two ways in which it comes back, and the daemon at rest meanwhile."""
+"""Outages of snmpd: the two ways in which it comes back, and the idle daemon meanwhile."""
 from __future__ import annotations
 
 import time
@@ -15,7 +15,8 @@ from .rawmanager import RawManager
 
 MODEL = ber.numbers(MODEL_NUMBER)
 HEALTH_PERIOD = 601
-AT_REST = 14  # wake-ups a second: ten of the process timer, one of the ping, one in 5 s of the watchdog file
+PROBES = "/run/device/probes"
+IDLE = 14  # wake-ups a second at most: ten of the process timer, one of the ping, one in 5 s of the watchdog file
 
 
 class Served(NamedTuple):
@@ -25,7 +26,7 @@ class Served(NamedTuple):
 
 
 def serve(device: Device) -> Served:
-    """A device, started with a clock that can be moved, that serves all its values; what those are."""
+    """A device started with --clock-shift, once it serves all its values."""
     device.wait_answering().wait_subscribed()
     steps.apply(device, dbus=False)
     manager = RawManager.of(device)
@@ -39,12 +40,15 @@ def change_a_setting(device: Device) -> None:
     device.talctl("set", f"{SETTINGS}/mib_2_settings/sys_contact", f"contact {next(_contacts)}")
 
 
-def let_the_probe_come(device: Device) -> None:
+def run_probe(device: Device) -> None:
+    """Lets the ten minutes pass and waits until the health probe has run."""
+    count = device.read(PROBES).count("\n")
     device.shift_clock(HEALTH_PERIOD)
+    wait_until(lambda: device.read(PROBES).count("\n") > count, 5, what="health probe")
 
 
 def hurry(device: Device, condition: Callable[[], object], what: str, timeout: float = 20) -> None:
-    """Waits with a clock that goes faster, for what the daemon does after a delay."""
+    """Waits with a faster clock for what the daemon does after a delay."""
     def look() -> object:
         found = condition()
         if not found:
@@ -68,9 +72,9 @@ def wait_served(served: Served, timeout: float = 20) -> None:
     assert served.manager.walk() == served.walk
 
 
-def rests(device: Device, wake_ups: float) -> None:
+def assert_idle(device: Device, wake_ups: float = IDLE) -> None:
     pid = device.kvsnmp_pid()
-    time.sleep(1)  # the idle passes after the last answer are over
+    time.sleep(1)  # until the passes after the last answer are over
     before = processor_seconds(device, pid)
     rate = wake_ups_per_second(device, pid, 4)
     spent = processor_seconds(device, pid) - before

@@ -19,12 +19,12 @@ class Played:
         self.sent = settings
 
     def start(self, **environment) -> None:
-        """A daemon of the test's, and the settings, which start snmpd."""
+        """Starts the daemon and sends the settings, which start snmpd."""
         self.device.start_kvsnmp("-d", clock_shift=True, **environment)
         self.send()
 
     def send(self) -> None:
-        """All the settings, once the daemon has asked for them."""
+        """Sends all settings once the daemon has subscribed to them."""
         wait_until(lambda: self.service.has("custom_config"), 30, what="settings subscribed")
         self.sent.send_all(self.service)
 
@@ -35,9 +35,11 @@ class Played:
     def wait_subscribed(self) -> None:
         wait_until(lambda: self.service.has("kvsnmp_sys_messages"), 30, what="everything subscribed")
 
-    def wait_taken(self, timeout: float = 60.0) -> None:
-        """Until the daemon has taken a proper message that comes after all others."""
+    def wait_received(self, timeout: float = 60.0) -> None:
+        """Until the daemon has received a good message that comes after all others."""
         mark = f"mark{next(_marks)}"
-        self.service.notify("kvsnmp_sys_messages", "create", f"{MESSAGES}[reporter='played'][rep_ref='{mark}']",
-                            f"<sys_message><reporter>played</reporter><rep_ref>{mark}</rep_ref></sys_message>", MESSAGES)
-        wait_until(lambda: f"New Fault: [played] [{mark}]" in self.device.kvsnmp_err(), timeout, what=f"{mark} taken")
+        node = f"<sys_message><reporter>played</reporter><rep_ref>{mark}</rep_ref></sys_message>"
+        self.service.notify("kvsnmp_sys_messages", "create", f"{MESSAGES}[reporter='played'][rep_ref='{mark}']", node,
+                            MESSAGES)
+        logged = f"New Fault: [played] [{mark}]"
+        wait_until(lambda: logged in self.device.kvsnmp_err(), timeout, what=logged)

@@ -9,7 +9,7 @@ T = TypeVar("T")
 
 
 def wait_until(condition: Callable[[], T], timeout: float = 10.0, interval: float = 0.02, what: str = "") -> T:
-    """The first true answer of `condition`; fails the test when none comes in time."""
+    """The first true result of `condition`; fails the test if there is none in time."""
     limit = time.monotonic() + timeout
     while True:
         answer = condition()

@@ -1,4 +1,4 @@
-"""What an event loop waits for, read from outside of the process."""
+"""The descriptors that an event loop waits for, read from outside of the process."""
 from __future__ import annotations
 
 import json

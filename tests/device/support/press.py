@@ -1,4 +1,4 @@
-"""A manager that never rests: it walks the private MIB over and over, whatever happens to the device."""
+"""A manager that walks the private MIB again and again, whatever happens to the device."""
 from __future__ import annotations
 
 import threading
@@ -9,8 +9,8 @@ from .rawmanager import ROOT, RawManager
 
 
 class Press:
-    """Walks in a thread of its own from entering to leaving. Whatever it is told of the private MIB has to be one of
-    the reference's values; what it is not told it does not mind."""
+    """Walks in a thread inside a `with` block. Each answer about the private MIB must be one of the reference's values;
+    missing answers are ignored."""
 
     def __init__(self, device: Device, reference: list[ber.Binding], repetitions: int = 25) -> None:
         self._manager = RawManager.of(device)
@@ -44,8 +44,8 @@ class Press:
                     last = ROOT
                     continue
                 self.answered += 1
-                told = {binding for binding in answer.bindings if binding.oid[:len(ROOT)] == ROOT}
-                self.strangers |= {binding for binding in told - self._reference if binding.value[0] != "endOfMibView"}
-                last = answer.bindings[-1].oid if len(told) == len(answer.bindings) else ROOT
-        except Exception as failure:  # told by check()
+                ours = {binding for binding in answer.bindings if binding.oid[:len(ROOT)] == ROOT}
+                self.strangers |= {binding for binding in ours - self._reference if binding.value[0] != "endOfMibView"}
+                last = answer.bindings[-1].oid if len(ours) == len(answer.bindings) else ROOT
+        except Exception as failure:  # check() reports it
             self.failure = failure

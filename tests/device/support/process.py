@@ -1,4 +1,4 @@
-"""What the kernel tells of a process inside a device."""
+"""Memory, descriptors and processor time of a process inside a device."""
 from __future__ import annotations
 
 import subprocess
@@ -11,13 +11,13 @@ from .device import Device
 
 
 def lean_environment() -> dict[str, str]:
-    """For a kvsnmp whose memory is looked at: the sanitizer gives back at once what was freed."""
+    """For a kvsnmp whose memory is measured: the sanitizer keeps no freed memory."""
     options = settings.kvsnmp_environment(False, "")["ASAN_OPTIONS"]
     return {"ASAN_OPTIONS": f"{options}:quarantine_size_mb=0:thread_local_quarantine_size_kb=0"}
 
 
 def memory_kb(device: Device, pid: int, field: str = "VmHWM") -> int:
-    """Resident memory: VmHWM is the greatest so far, VmRSS the present one."""
+    """Resident memory: VmHWM is the maximum, VmRSS the present one."""
     status = device.run(["cat", f"/proc/{pid}/status"]).stdout
     return int(status.partition(f"{field}:")[2].split()[0])
 
@@ -34,7 +34,7 @@ def processor_seconds(device: Device, pid: int) -> float:
 class Ended(NamedTuple):
     status: int
     err: str
-    memory_kb: int  # resident, at most
+    memory_kb: int  # resident, maximum
 
 
 _MEASURE = ("import resource, subprocess, sys; status = subprocess.call(sys.argv[1:]); "
@@ -42,7 +42,6 @@ _MEASURE = ("import resource, subprocess, sys; status = subprocess.call(sys.argv
 
 
 def run_measured(device: Device, command: Sequence[str], timeout: float = 60.0) -> Ended:
-    """A command that ends by itself."""
     done = subprocess.run(device.command(["/usr/bin/python3", "-c", _MEASURE, *command], lean_environment()),
                           stdin=subprocess.DEVNULL, capture_output=True, timeout=timeout, check=False)
     return Ended(done.returncode, done.stderr.decode(errors="replace"), int(done.stdout.split()[-1]))

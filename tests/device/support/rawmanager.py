@@ -1,4 +1,4 @@
-"""Managers that send bytes of a test's choice: sockets made inside a device, held and used outside of it."""
+"""Managers that send any bytes: sockets made inside a device and used outside of it."""
 from __future__ import annotations
 
 import itertools
@@ -13,9 +13,9 @@ from .device import Device
 from .snmp import END_OF_VIEW, PRIVATE_MIB
 
 ROOT = ber.numbers(PRIVATE_MIB)
-_AT_ONCE = 100  # descriptors that one message takes along; the kernel's limit is 253
+_AT_ONCE = 100  # descriptors in one message; the kernel's limit is 253
 
-# Runs inside the device, with the socket on which it hands over as its standard input.
+# Runs inside the device and sends the sockets through its standard input.
 _MAKE_SOCKETS = """
 import socket, sys
 out = socket.socket(fileno=0)
@@ -32,7 +32,7 @@ for count in map(int, sys.argv[2:]):
 
 
 def sockets(device: Device, count: int, address: str = "127.0.0.1") -> list[socket.socket]:
-    """UDP sockets in the device's network, connected to its snmpd, each with a port of its own."""
+    """UDP sockets in the device's network, connected to its snmpd, each with another port."""
     parts = [_AT_ONCE] * (count // _AT_ONCE) + [count % _AT_ONCE] * (count % _AT_ONCE > 0)
     here, there = socket.socketpair(socket.AF_UNIX, socket.SOCK_STREAM)
     with here, there:
@@ -50,9 +50,9 @@ def sockets(device: Device, count: int, address: str = "127.0.0.1") -> list[sock
 
 
 class RawManager:
-    """One manager. Its questions are repeated when they are not answered, as managers do."""
+    """One manager. It repeats requests without an answer."""
 
-    _numbers = itertools.count(1_000_000)  # none that a test gives itself
+    _numbers = itertools.count(1_000_000)  # unlike those of the tests
 
     def __init__(self, socket_inside: socket.socket) -> None:
         self.socket = socket_inside
@@ -67,7 +67,7 @@ class RawManager:
     def send(self, data: bytes) -> None:
         try:
             self.socket.send(data)
-        except ConnectionRefusedError:  # what the packet before met
+        except ConnectionRefusedError:  # of the packet before
             self.socket.send(data)
 
     def receive(self, timeout: float) -> bytes | None:
@@ -76,19 +76,16 @@ class RawManager:
         while select.select([self.socket], [], [], max(0.0, limit - time.monotonic()))[0]:
             try:
                 return self.socket.recv(65536)
-            except ConnectionRefusedError:  # nobody listens there at the moment
+            except ConnectionRefusedError:  # snmpd does not run
                 pass
         return None
 
     def drain(self) -> list[bytes]:
-        """All that has come."""
-        come = []
-        while (data := self.receive(0)) is not None:
-            come.append(data)
-        return come
+        """All datagrams that have arrived."""
+        return list(iter(lambda: self.receive(0), None))
 
     def begin(self, kind: int, oids: Sequence[ber.Oid], value: bytes = ber.field(ber.NULL, b""), **message) -> int:
-        """Sends one request and does not wait; its number."""
+        """Sends one request; returns its number."""
         number = next(self._numbers)
         self.send(ber.message(kind, number, [ber.varbind(oid, value) for oid in oids], **message))
         return number
@@ -115,7 +112,7 @@ class RawManager:
         return answer.bindings[0].value if answer is not None and answer.error == 0 else None
 
     def walk(self, root: ber.Oid = ROOT, repetitions: int = 0, version: int = ber.V2C) -> list[ber.Binding]:
-        """With GETBULK, unless `repetitions` is 0. It has to ascend."""
+        """With GETBULK, unless `repetitions` is 0. The names must ascend."""
         found: list[ber.Binding] = []
         last = root
         while True:

@@ -8,8 +8,8 @@ from .device import Device
 
 
 class SelfCheck:
-    """One run. The waits are short: what answers at all on a throw-away device answers at once. Whatever has failed or
-    gives a warning comes with a hint."""
+    """One run. The waits are short: on a throw-away device everything answers at once or never. Each failure and each
+    warning has a hint."""
 
     def __init__(self, device: Device, *arguments: str, timeout: str = "2") -> None:
         done = device.run(["kvsnmp-check", "--json", "--timeout", timeout, *arguments], check=False)
@@ -44,11 +44,11 @@ def assert_healthy(check: SelfCheck) -> None:
 
 
 def assert_cause(check: SelfCheck, cause: str, *texts: str) -> None:
-    """That one cause is named, with these words and a hint, and whatever else has failed follows from it."""
+    """One cause is named, with these words, and every other failure follows from it."""
     assert check.causes == [cause], str(check)
     assert check.status == 1
     found = check.checks[cause]
-    assert found["status"] == "failed" and found["hint"]
+    assert found["status"] == "failed"
     for text in texts:
         assert text in found["text"]
     others = set(check.ids("failed")) - {cause}
@@ -59,4 +59,25 @@ def assert_cause(check: SelfCheck, cause: str, *texts: str) -> None:
 def assert_only_warnings(check: SelfCheck, *warned: str) -> None:
     assert check.ids("warning") == list(warned), str(check)
     assert check.status == 0 and check.causes == [], str(check)
-    assert all(check.checks[name]["hint"] for name in warned)
+
+
+def assert_reports(check: SelfCheck, report: str) -> None:
+    """Each line of the report holds: "cause ID: TEXT" the only cause, "warning ID: TEXT" the only warning, "text ID:
+    TEXT" and "hint ID: TEXT" part of that check's text or hint, "ok IDS", "because IDS" checks that fail or are skipped
+    because of the cause, "because only IDS" all of these."""
+    for line in report.strip().splitlines():
+        word, _, rest = line.strip().partition(" ")
+        name, _, text = rest.partition(": ")
+        if word == "cause":
+            assert_cause(check, name, text)
+        elif word == "warning":
+            assert_only_warnings(check, name)
+        if word in ("warning", "text", "hint"):
+            assert text in check.checks[name]["hint" if word == "hint" else "text"], str(check)
+        elif word == "ok":
+            assert set(rest.split()) <= set(check.ids("ok")), str(check)
+        elif word == "because":
+            names, consequences = set(rest.split()), set(check.consequences())
+            assert names <= consequences or "only" in names and names == {"only"} | consequences, str(check)
+        else:
+            assert word == "cause", line

@@ -1,4 +1,4 @@
-"""The SNMP settings as a data service sends them, and the snmpd.conf that has to come of them."""
+"""The SNMP settings as a data service sends them, and the lines of snmpd.conf that follow."""
 from __future__ import annotations
 
 import dataclasses

@@ -33,7 +33,7 @@ class Variable(NamedTuple):
 
 
 def parse(output: str) -> list[Variable]:
-    """net-snmp's numeric lines; a text with line feeds in it goes on in the lines below its first."""
+    """net-snmp's numeric lines; a text with line feeds continues in the next lines."""
     variables: list[Variable] = []
     for line in output.splitlines():
         match = re.match(r"(\.[\d.]+) = (.*)$", line)
@@ -73,26 +73,10 @@ class Snmp:
         return [variable.value for variable in parse(self.tool("snmpget", oids, **arguments).stdout)]
 
     def try_get(self, oid: str) -> tuple[str, str] | None:
-        """None when no answer comes at once."""
+        """None if no answer arrives within 1 s."""
         done = self.tool("snmpget", [oid], check=False, access=[*COMMUNITY, "-r", "0", "-t", "1"])
         return parse(done.stdout)[0].value if done.returncode == 0 else None
 
-    def getnext(self, *oids: str) -> list[Variable]:
-        return parse(self.tool("snmpgetnext", oids).stdout)
-
-    def bulkget(self, repetitions: int, *oids: str) -> list[Variable]:
-        return parse(self.tool("snmpbulkget", [*oids], access=[*COMMUNITY, f"-Cr{repetitions}"]).stdout)
-
     def walk(self, oid: str = PRIVATE_MIB) -> list[Variable]:
-        return self._walked(self.tool("snmpwalk", [oid]).stdout)
-
-    def bulkwalk(self, oid: str = PRIVATE_MIB, repetitions: int = 10) -> list[Variable]:
-        return self._walked(self.tool("snmpbulkwalk", [oid], access=[*COMMUNITY, f"-Cr{repetitions}"]).stdout)
-
-    @staticmethod
-    def _walked(output: str) -> list[Variable]:
-        return [variable for variable in parse(output)
+        return [variable for variable in parse(self.tool("snmpwalk", [oid]).stdout)
                 if variable.value not in (NO_SUCH_INSTANCE, NO_SUCH_OBJECT, END_OF_VIEW)]
-
-    def set(self, oid: str, kind: str, value: str) -> subprocess.CompletedProcess:
-        return self.tool("snmpset", [oid, kind, value], check=False)

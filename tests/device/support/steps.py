@@ -1,13 +1,11 @@
-"""Edits given to a device in one go, and the moment at which the daemon has taken them all."""
+"""Changes at a device that the daemon has received, and its tables read after them."""
 from __future__ import annotations
 
 import itertools
-import json
 from collections.abc import Sequence
 from xml.sax.saxutils import escape
 
 from .device import Device
-from .polling import wait_until
 
 CACHE_SECONDS = 61  # a table keeps what it has read for 60 s
 
@@ -16,30 +14,19 @@ _numbers = itertools.count(1)
 
 
 def put(path: str, text: str) -> Command:
-    """Gives a leaf a text, or makes it. Nothing is sent when it has that text already."""
+    """Sets a leaf, or creates it. The data service sends nothing if the text is the same."""
     name = path.rsplit("/", 1)[-1]
     return ["patch", path, f"<{name}>{escape(text)}</{name}>"]
 
 
 def write(path: str, text: str) -> list[Command]:
-    """The same, and the text is sent whatever the leaf held before."""
+    """The same, but the text is always sent."""
     return [put(path, f"before {next(_numbers)}"), put(path, text)]
 
 
 def apply(device: Device, commands: Sequence[Command] = (), dbus: bool = True) -> None:
-    """Carries out commands of talctl, waits until the daemon has taken what they sent, and lets its tables expire.
-
-    What comes last on each of the two ways into the daemon is something that it logs: a fault without a trap from the
-    data service, an input that no table has from the amplifier monitor.
-    """
-    mark = f"mark{next(_numbers)}"
-    commands = [*commands, ["fault", "raise", "steps", mark, "", "notice", mark]]
-    awaited = [f"New Fault: [steps] [{mark}]"]
-    if dbus:
-        commands.append(["monitor", "gpi", "99", mark])
-        awaited.append(f"State: {mark}")
-    device.talctl_batch([json.dumps(command) for command in commands])
-    wait_until(lambda: all(line in device.kvsnmp_err() for line in awaited), 30, what=f"{awaited} logged")
+    """Runs commands of talctl, waits until the daemon has received what they send, and lets its tables expire."""
+    device.carry_out(commands, dbus=dbus)
     device.shift_clock(CACHE_SECONDS)
 
 

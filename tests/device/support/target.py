@@ -1,15 +1,15 @@
-"""What hostile managers aim at: a device whose daemon, snmpd and values are the same behind each test as before."""
+"""A device for tests of managers: its daemon, snmpd and values are the same after each test as before it."""
 from __future__ import annotations
 
 import bisect
-from collections.abc import Iterable, Iterator
+from collections.abc import Iterator
 from typing import NamedTuple
 
 import pytest
 
 from . import ber, steps
 from .ber import GET
-from .catalogue import COLUMN_OIDS, COMPACT, OBJECTS, Table
+from .catalogue import COLUMN_OIDS, COMPACT, Table
 from .device import MODEL_NUMBER, Device
 from .rawmanager import RawManager
 from .walks import Walk, wait_for_lines
@@ -36,7 +36,7 @@ class Target(NamedTuple):
         return self.walk[bisect.bisect_right(self.oids(), oid):]
 
     def flood(self, packets: list[bytes]) -> list[ber.Answer]:
-        """Sends them all, no faster than snmpd reads; the answers, each of which is well-formed."""
+        """Sends them all, no faster than snmpd reads. Returns the answers, each of which is well-formed."""
         answers: list[ber.Answer] = []
         for start in range(0, len(packets), 50):
             for packet in packets[start:start + 50]:
@@ -54,16 +54,15 @@ class Target(NamedTuple):
                 assert answer.bindings == [(MODEL, ("INTEGER", str(self.device.model)))]
                 return answers
             answers.append(answer)
-        raise AssertionError("no answer to a GET behind what was sent")
+        raise AssertionError("no answer to the GET that was sent last")
 
 
 AMPLIFIER = Walk(6420)
 STATION = Walk(6214, COMPACT)  # with microphones, and with expanders: all the relays
-OPTIONS = ["--no-dbus", "--no-traps", "--clock-shift"]
 
 
 def options(model: Walk) -> list[str]:
-    return [*OPTIONS, *(["--model-text", model.text] if model.text else [])]
+    return ["--no-dbus", "--no-traps", "--clock-shift", *(["--model-text", model.text] if model.text else [])]
 
 
 def make_target(device: Device, model: Walk) -> Target:
@@ -76,7 +75,7 @@ def make_target(device: Device, model: Walk) -> Target:
 
 @pytest.fixture(scope="module")
 def target_of(start_shared_device):
-    """One of each model that is asked for."""
+    """One device of each model that a test uses."""
     targets: dict[Walk, Target] = {}
 
     def find(model: Walk) -> Target:
@@ -91,7 +90,7 @@ def target_of(start_shared_device):
 
 @pytest.fixture
 def unharmed(target_of, request):
-    """The target, an amplifier unless the test names another, and what holds behind the test."""
+    """The target, an amplifier unless the test names another; it is checked after the test."""
     yield from intact(target_of(getattr(request, "param", AMPLIFIER)))
 
 
@@ -105,18 +104,5 @@ def intact(target: Target) -> Iterator[Target]:
     assert target.device.complaints() == []
 
 
-TABLES = {item.name: item for item in OBJECTS if isinstance(item, Table)}
-
-
 def entry_of(table: Table) -> ber.Oid:
     return ber.numbers(table.oid(table.columns[0][0]))[:-1]
-
-
-def has_rows(table: Table, oids: Iterable[ber.Oid]) -> bool:
-    return any(oid[:len(entry_of(table))] == entry_of(table) for oid in oids)
-
-
-def tables_of(model: Walk) -> list[str]:
-    """Those that have rows, by its golden walk."""
-    oids = [ber.numbers(variable.oid) for variable in model.golden]
-    return [name for name, table in TABLES.items() if has_rows(table, oids)]

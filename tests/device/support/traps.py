@@ -1,4 +1,4 @@
-"""Traps: a snmptrapd of the test's own inside a device, the catalogue they are held against, faults that raise them."""
+"""Traps: a snmptrapd inside a device, and faults that raise traps."""
 from __future__ import annotations
 
 import datetime
@@ -10,6 +10,7 @@ from collections import Counter
 from collections.abc import Iterable
 from typing import NamedTuple
 
+from .catalogue import TRAP_OF
 from .polling import wait_until
 
 E = ".1.3.6.1.4.1.52717"
@@ -17,46 +18,6 @@ SYS_UP_TIME = ".1.3.6.1.2.1.1.3.0"
 TRAP_OID = ".1.3.6.1.6.3.1.1.4.1.0"
 SYS_NAME = ".1.3.6.1.2.1.1.5"
 PRODUCT, HOST_NAME, LEVEL, TIME, DESCRIPTION = (f"{E}.2.4.{number}.0" for number in range(1, 6))
-SETTINGS = "/state/config/snmp_settings"
-
-
-class Row(NamedTuple):
-    """One row of the trap catalogue, as an operator sees it: the last arc of the notification, its name in the MIB, the
-    name of its switch in the settings, the message identifiers that raise it."""
-    arc: int
-    name: str
-    switch: str
-    identifiers: tuple[str, ...]
-
-
-CATALOGUE = [
-    Row(1, "coolingFanFault", "Cooling Fan Fault", ("fan_not_running", "fan_speed_slow", "fan_speed_high")),
-    Row(2, "missingAmplifierModule", "Missing Amplifier Module", ("amplifier_module_missing",)),
-    Row(3, "psuVoltageFault", "PSU Voltage Fault",
-        ("voltage_limit_high_alert", "voltage_limit_low_alert", "voltage_limit_high_warning",
-         "voltage_limit_low_warning")),
-    Row(4, "selectedLineVoltageFault", "Selected Line Voltage Fault", ("line_voltage_fault",)),
-    Row(5, "letFault", "LET Fault", ("let_fail",)),
-    Row(6, "amplifierShutdown", "Amplifier Shutdown", ("audio_channel_failed",)),
-    Row(7, "speakerLineMonitoringFault", "Speaker Line Monitoring Fault",
-        ("line_uncalibrated", "slm_com_fail", "incorrect_slm_version", "line_fault")),
-    Row(8, "fuseBroken", "Fuse Broken", ("fuse_broken",)),
-    Row(9, "amplifierDisabled", "Amplifier Disabled", ("audio_channel_disabled",)),
-    Row(10, "lineInFault", "Line In Fault", ("line_in_disconnected",)),
-    Row(11, "rcoFault", "RCO Fault", ("control_output_active_fail", "control_output_not_active_fail")),
-    Row(12, "rciFault", "RCI Fault", ("control_input_shorted", "control_input_disconnected")),
-    Row(13, "dcPowerFault", "DC Power Fault", ("dc_power_disconnected", "dc_power_not_monitored")),
-    Row(14, "acPowerFault", "AC Power Fault", ("ac_power_disconnected", "ac_power_not_monitored")),
-    Row(15, "ethPortDisconnected", "ETH Port Disconnected",
-        ("switch_port_1_down", "switch_port_2_down", "switch_port_down")),
-    Row(16, "microphoneError", "Microphone Error", ("station_mic_status", "phantom_mic_fail")),
-    Row(17, "missingEmbdrModule", "Missing EMBDR Module", ("expansion_module_missing",)),
-    Row(18, "softwareFault", "Software Fault", ("software_reboot",)),
-    Row(19, "overtemperature", "Overtemperature",
-        ("temp_fan_max_on", "temp_graceful_degradation_on", "temp_alarm_high_on", "temp_warn_on")),
-    Row(20, "customFault", "Custom Fault", ("custom_msg",)),
-]
-ROW_OF = {identifier: row for row in CATALOGUE for identifier in row.identifiers}
 
 
 class Variable(NamedTuple):
@@ -89,13 +50,13 @@ class Trap(NamedTuple):
         return value.decode() if isinstance(value, bytes) else ""
 
 
-# Between bytes of no text: the security line, which names the kind, and the variables, texts in hexadecimal.
+# Between bytes that no text has: the security line, which names the kind, and the variables, texts in hexadecimal.
 _FORMAT = r"\x02%P\x1d%V\x1f%v\x1e\n"
 
 
 class TrapReceiver:
-    """A snmptrapd on a port of the device's loopback, and what it has received so far. With `names` it decodes with the
-    project's MIB, and the variables stay texts as printed."""
+    """A snmptrapd on a port of the device's loopback. With `names` it decodes with the project's MIB, and the variables
+    are the printed texts."""
 
     def __init__(self, device, port: int = 162, names: bool = False) -> None:
         self._names = names
@@ -117,7 +78,7 @@ class TrapReceiver:
 
     @property
     def received(self) -> list[Trap]:
-        """All of the device's faults so far, in order; snmpd tells of its own start and end, too, which is left out."""
+        """All fault traps so far, in order, without those that snmpd sends about its start and end."""
         with open(self._log, "rb") as log:
             log.seek(self._place)
             self._pending += log.read()
@@ -131,7 +92,7 @@ class TrapReceiver:
         return [trap for trap in self.received if trap.description in descriptions]
 
     def wait_for(self, *descriptions: str, timeout: float = 10.0) -> list[Trap]:
-        """Until there is a trap for each of the descriptions; all traps with them, in the order of arrival."""
+        """Until each description has a trap; all traps with these descriptions, in the order of arrival."""
         def missing() -> set[str]:
             return set(descriptions) - {trap.description for trap in self.received}
 
@@ -139,7 +100,7 @@ class TrapReceiver:
         return self.with_description(*descriptions)
 
     def counts(self, prefix: str) -> Counter[str]:
-        """How often each description that begins so was received."""
+        """How often each description with this prefix was received."""
         return Counter(trap.description for trap in self.received if trap.description.startswith(prefix))
 
     def _trap(self, record: str) -> Trap:
@@ -161,7 +122,7 @@ class TrapReceiver:
 
 
 class Faults:
-    """Raises faults on a device whose data service is the simulator, each with a reference and a text of its own."""
+    """Raises faults in the simulator, each with its own reference and text."""
 
     def __init__(self, device) -> None:
         self._device = device
@@ -195,7 +156,7 @@ class Faults:
         self._device.talctl_batch([json.dumps(["fault", "clear", *names]) for names in listed])
 
     def mark(self, receiver: TrapReceiver, timeout: float = 10.0) -> None:
-        """Raises one more fault and waits for its trap: what was to come before it has come."""
+        """Raises one more fault and waits for its trap, so that all earlier traps have arrived."""
         text = self.new_texts("mark", 1)[0]
         self.raise_one("custom_msg", text)
         receiver.wait_for(text, timeout=timeout)
@@ -207,21 +168,21 @@ def switch(device, trap: str, on: bool) -> None:
 
 
 def time_text(seconds: int, zone: datetime.tzinfo) -> bytes:
-    """As the C library's asctime writes it, with points for colons and the line feed at its end."""
+    """As asctime() writes it, with points for colons, and with its final line feed."""
     at = datetime.datetime(1970, 1, 1, tzinfo=datetime.timezone.utc) + datetime.timedelta(seconds=seconds)
     local = at.astimezone(zone)
     return f"{local:%a %b} {local.day:2} {local:%H.%M.%S} {local.year}\n".encode()
 
 
 def send_results(device, text: str) -> list[str]:
-    """What the daemon has logged of its attempts to send the trap of this text: SUCCESS or FAILED."""
+    """The logged results of the attempts to send the trap with this text: SUCCESS or FAILED."""
     return re.findall(rf"Trap fault ID: \d+ description: {re.escape(text)} ->Send (\w+)\n", device.kvsnmp_err())
 
 
 def expected_variables(identifier: str, text: str, level: int, at: bytes, system_name: bytes = b"") -> list[Variable]:
-    """All that a trap carries, in order, sysUpTime left out."""
+    """All variables of a trap after sysUpTime, in order."""
     return [
-        Variable(TRAP_OID, "OID", f"{E}.2.8.{ROW_OF[identifier].arc}"),
+        Variable(TRAP_OID, "OID", f"{E}.2.8.{TRAP_OF[identifier].arc}"),
         Variable(PRODUCT, "STRING", b"Orvane IPKiosk"),
         Variable(HOST_NAME, "STRING", b"device"),
         *([Variable(SYS_NAME, "STRING", system_name)] if system_name else []),

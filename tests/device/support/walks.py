@@ -1,11 +1,11 @@
-"""The walks of all models: which there are, their golden record, and what they hold by the catalogue."""
+"""The golden walks: one of each model, and of each station with expanders."""
 from __future__ import annotations
 
 import fnmatch
 from typing import NamedTuple
 
-from . import catalogue, steps
-from .catalogue import COLUMN_OIDS, COMPACT, EXTENDED, OBJECTS, STATIONS, Table
+from . import steps
+from .catalogue import COLUMN_OIDS, COMPACT, EXTENDED, MODELS, OBJECTS, STATIONS, Table, rows
 from .device import Device
 from .mib import walks as golden
 from .polling import wait_until
@@ -33,18 +33,16 @@ class Walk(NamedTuple):
         return golden.text_of(self.name)
 
 
-WALKS = [Walk(model) for model in catalogue.MODELS] + [Walk(model, text) for model in STATIONS
+WALKS = [Walk(model) for model in MODELS] + [Walk(model, text) for model in STATIONS
                                                        for text in (COMPACT, EXTENDED)]
 
-# One line input has no pilot tone, so that the walks show what the line states do to lineInStatus: each copies
-# the pilot tone that was reported last.
+# One line input has no pilot tone, so that the walks show that each line state copies the last pilot tone.
 FAILED_TONE = "/state/lines/line[kid='ln1']/pilot_tone_state=failed"
-
 
 GOLDEN_HEAD = """\
 # What each model serves on a device with the simulator's data. Below "== NAME ARC TYPES" a line is one row of a table:
-# the walks that have it, its index, its cells. ARC is below the private MIB's .3, and cell n stands at ARC.n.index;
-# scalars have the index 0. KVSNMP_WRITE_GOLDEN=1 writes this file anew (test_walks.py): read every difference.
+# the walks that have it, its index, its cells. ARC is below the private MIB's .3, and cell n is at ARC.n.index;
+# scalars have the index 0. KVSNMP_WRITE_GOLDEN=1 writes this file again (test_walks.py): check every difference.
 """
 
 
@@ -52,11 +50,11 @@ def write_golden(served: dict[str, list[Variable]]) -> None:
     sections: dict[str, dict[str, dict[tuple[Variable, ...], set[str]]]] = {}  # arc, index, cells, walks
     names: dict[str, str] = {}
     for walk, variables in served.items():
-        rows: dict[tuple[str, str], list[Variable]] = {}
+        cells_of: dict[tuple[str, str], list[Variable]] = {}
         for variable in variables:
             arc, _, index = variable.oid.removeprefix(f"{TABLES}.").rpartition(".")
-            rows.setdefault((arc.rpartition(".")[0], index), []).append(variable)
-        for (arc, index), cells in rows.items():
+            cells_of.setdefault((arc.rpartition(".")[0], index), []).append(variable)
+        for (arc, index), cells in cells_of.items():
             sections.setdefault(arc, {}).setdefault(index, {}).setdefault(tuple(cells), set()).add(walk)
     for item in OBJECTS:
         arc = f"{item.arc}.1" if isinstance(item, Table) else item.arc.rpartition(".")[0]
@@ -65,8 +63,8 @@ def write_golden(served: dict[str, list[Variable]]) -> None:
     for arc in sorted(sections, key=lambda text: [int(part) for part in text.split(".")]):
         first = next(iter(next(iter(sections[arc].values()))))
         lines.append(f"\n== {names[arc]} {arc} {' '.join(cell.type for cell in first)}")
-        for index, rows in sections[arc].items():
-            for cells, having in rows.items():
+        for index, found in sections[arc].items():
+            for cells, having in found.items():
                 texts = " ".join(golden.Variable(*cell).cell for cell in cells)
                 lines.append(f"{patterns(having, list(served))} | {index} | {texts}")
     text = GOLDEN_HEAD + "\n".join(lines) + "\n"
@@ -75,7 +73,7 @@ def write_golden(served: dict[str, list[Variable]]) -> None:
 
 
 def patterns(having: set[str], names: list[str]) -> str:
-    """As few words as name these walks and no other."""
+    """The fewest patterns that match these walks and no others."""
     words, left = [], set(having)
     for pattern in ["*", *(f"{model}*" for model in STATIONS), "*-compact", "*-extended", *names]:
         matched = set(fnmatch.filter(names, pattern))
@@ -86,35 +84,17 @@ def patterns(having: set[str], names: list[str]) -> str:
 
 
 def wait_for_lines(device: Device, walk: Walk) -> None:
-    """Until each GPIO line that has a meaning has been read; the stations read one line a second."""
+    """Until each GPIO line that has a meaning was read; the stations read one line a second."""
     if walk.model not in STATIONS:
         return
-    lines = [f"{COLUMN_OIDS['controlInputStatus']}.{index}" for index in (1, 2, 3)]
-    lines += [f"{COLUMN_OIDS['controlInputStatus']}.{index}" for index in range(7, 15) if walk.expanders]
+    lines = [f"{COLUMN_OIDS['controlInputStatus']}.{index}" for index in (1, 2, 3, *range(7, 15))
+             if index < 7 or walk.expanders]
     lines += [f"{COLUMN_OIDS['controlOutputState']}.{index}" for index in (4, 5)]
-    lines += [f"{COLUMN_OIDS['relayStatus']}.{row[0]}" for row in catalogue.relays(walk.model, walk.expanders)]
+    lines += [f"{COLUMN_OIDS['relayStatus']}.{index}" for index, _ in rows("relayTable", walk.model, walk.expanders)]
 
     def all_read() -> bool:
+        """On a busy machine the sub-agent may have lost its session for a moment."""
         device.shift_clock(steps.CACHE_SECONDS)
-        return 1 not in steps.integers(device, lines)
+        return all(kind == "INTEGER" and text != "1" for kind, text in device.snmp.get(*lines))
 
     wait_until(all_read, 60, what="all GPIO lines read")
-
-
-def catalogue_rows(walk: Walk) -> dict[str, list[tuple[int, str]]]:
-    """Index and description of each row that the catalogue has, by table."""
-    model = walk.model
-    ports = [] if model in catalogue.WITHOUT_PORTS else [(index, f"Eth {index}") for index in (1, 2)]
-    channels = [(channel, f"Channel {channel}") for channel in (1, 2) if model in catalogue.TWO_CHANNELS]
-    rows = {
-        "tempTable": [(index, f"Temperature Sensor: {text}") for index, text, _ in catalogue.TEMPERATURES.get(model, [])],
-        "fanTable": catalogue.FANS.get(model, []), "voltageTable": catalogue.VOLTAGES.get(model, []),
-        "powerTable": [(index, catalogue.POWER_KEYS[index]) for index in catalogue.POWERS.get(model, [])],
-        "lineInTable": [*catalogue.LINE_INPUTS.get(model, []), *catalogue.MICROPHONES.get(model, [])],
-        "ampChannelTable": [(1, "Brisel output")] if model in catalogue.ONE_OUTPUT else channels,
-        "controlInputTable": catalogue.control_inputs(walk.expanders), "controlOutputTable": catalogue.control_outputs(),
-        "ethMonitoringTable": ports, "relayTable": catalogue.relays(model, walk.expanders)}
-    for channel in (1, 2):
-        rows[f"letChannel{channel}Table"] = [(index, f"LET {index} Channel {channel}") for index in range(1, 11)
-                                             if model in catalogue.LETS]
-    return {name: [tuple(row[:2]) for row in found] for name, found in rows.items()}

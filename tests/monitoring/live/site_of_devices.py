@@ -1,4 +1,4 @@
-"""Devices, the exporter, Prometheus and a browser side by side; run in a network of its own (scripts/test-monitoring)."""
+"""Devices, the exporter, Prometheus and a browser, in a separate network (scripts/test-monitoring)."""
 from __future__ import annotations
 
 import html
@@ -18,7 +18,7 @@ sys.path[:0] = [str(HERE.parent), str(HERE.parents[1] / "device")]
 
 from prometheus_files import BEFORE, CHECKOUT, FOLDER, RULES, UNPACKED  # noqa: E402  (the paths have to be set first)
 from support import steps  # noqa: E402
-from support.catalogue import EXTENDED, MODELS, TWO_CHANNELS  # noqa: E402
+from support.catalogue import EXTENDED, MODELS, rows  # noqa: E402
 from support.device import Device  # noqa: E402
 from support.polling import wait_until  # noqa: E402
 from support.snmp import Snmp  # noqa: E402
@@ -32,7 +32,7 @@ Alert = tuple[str, str, str]  # name, device, index or ""
 
 
 class SnmpAt(Snmp):
-    """The devices share one network and are told apart by their ports."""
+    """The devices share one network and have different ports."""
 
     def __init__(self, run, address: str) -> None:
         super().__init__(run)
@@ -71,7 +71,8 @@ class Site:
         for device in self.devices.values():
             device.wait_answering(60).wait_subscribed(60)
         for name in self.devices:
-            self.apply(name, [["monitor", "amp", channel, "2"] for channel in "01"] if int(name[:4]) in TWO_CHANNELS else [])
+            channels = rows("ampChannelTable", int(name[:4]))
+            self.apply(name, [["monitor", "amp", channel, "2"] for channel in "01"] if len(channels) == 2 else [])
 
     def start_kvsnmp(self, name: str) -> None:
         self.devices[name].start_kvsnmp("-d", clock_shift=True)
@@ -92,8 +93,7 @@ class Site:
         wait_until(lambda: fetch(f"http://{EXPORTER}/") is not None, 20, 0.2, "exporter")
 
     def start_prometheus(self) -> None:
-        """With the files of monitoring/prometheus, but for the times: there a minute between scrapes and minutes until an
-        alert fires, here seconds."""
+        """With the files of monitoring/prometheus, but with seconds instead of minutes."""
         config = (FOLDER / "prometheus.yml").read_text()
         targets = ", ".join(self.addresses.values())
         for old, new in [("scrape_interval: 60s", "scrape_interval: 3s"), ("scrape_timeout: 30s", "scrape_timeout: 3s"),
@@ -106,7 +106,7 @@ class Site:
         rules, changed = re.subn(r"^( +for: )\d+m$", r"\g<1>1s", RULES.read_text(), flags=re.MULTILINE)
         assert changed == RULES.read_text().count("- alert:")
         (etc / RULES.name).write_text(rules)
-        # Its pages come from /usr/share, where an unpacked package is not.
+        # Its pages are in /usr/share, without an unpacked package.
         for place in ("lib", "lib64"):
             (UNPACKED / "usr" / place).mkdir(exist_ok=True)
         self._spawn("prometheus", [
@@ -145,7 +145,7 @@ class Site:
                 alert for alert in self.ask("alerts")["alerts"]}
 
     def wait_for_alerts(self, expected: set[Alert], timeout: float) -> dict[Alert, dict[str, Any]]:
-        """Until just these fire, and nothing else does or is about to."""
+        """Until exactly these alerts fire, and no other is pending."""
         found: dict[Alert, dict[str, Any]] = {}
 
         def look() -> bool:

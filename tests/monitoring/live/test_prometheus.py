@@ -1,5 +1,5 @@
-"""Debian's exporter and Prometheus against a device of every model: every served object is there with its text labels, and
-each alert fires on a fault and clears again. Run by scripts/test-monitoring."""
+"""Debian's exporter and Prometheus with a device of every model: each served object is a metric with its text labels,
+and each alert fires on a fault and clears again. Run by scripts/test-monitoring."""
 from __future__ import annotations
 
 import re
@@ -52,7 +52,7 @@ def snake(name: str) -> str:
 
 
 def expected_series(walk: list[Variable]) -> Series:
-    """What a walk of a device has to become; every variable of it is looked at."""
+    """The metrics for a walk of a device; every variable is checked."""
     rows: dict[tuple[str, int], dict[str, str]] = {}  # texts that label a row, by table and index
     values: list[tuple[str, str, int, str]] = []  # object, table, index, value
     info: dict[str, str] = {}
@@ -111,7 +111,7 @@ def test_every_served_object_is_a_metric_with_its_texts(site, name):
 
 
 def test_a_walk_takes_few_packets(site):
-    """What the exporter's module says of repetitions and times suits the devices."""
+    """The repetitions and times of the exporter's module suit the devices."""
     text = fetch(f"http://{EXPORTER}/snmp?module=kvsnmp&target={site.addresses['6420']}")
     facts = dict(line.split() for line in text.splitlines() if line.startswith("snmp_scrape_"))
     assert float(facts["snmp_scrape_packets_retried"]) == 0 and float(facts["snmp_scrape_packets_sent"]) < 20
@@ -135,7 +135,7 @@ def test_rules_are_evaluated_without_a_complaint_and_give_something(site):
 
 
 def test_panels_of_the_dashboard(site):
-    """With the variable as Grafana puts it in for all devices. Two panels show alerts, of which there are none now."""
+    """With the variable that Grafana inserts for all devices. Two panels show alerts; there are none now."""
     for query in panel_queries():
         assert query.startswith("ALERTS") or site.query(query.replace("$instance", ".*")), query
 
@@ -231,8 +231,8 @@ EXPECTED: set[Alert] = RESTART_FAULTS | {(alert, fault.device, index) for fault 
 
 
 def begin_restarts(site: Site) -> str:
-    """What kvsnmp itself can suffer: started anew without data and without the amplifier monitor's word, ended, and ended
-    together with snmpd. Returns the voltages that were taken from the data service."""
+    """One kvsnmp is started again without voltages and announcements, one is ended, one is ended together with snmpd.
+    Returns the deleted voltages."""
     voltages = site.devices["6425"].talctl("get", "/state/power_lines").strip()
     site.devices["6425"].talctl("delete", "/state/power_lines")
     for name in RESTARTED:
@@ -262,7 +262,7 @@ class History(NamedTuple):
 
 @pytest.fixture(scope="module")
 def history(site) -> History:
-    """Nothing, then everything, then nothing again; pictures are taken meanwhile."""
+    """Without faults, with all faults, without faults again; with pictures."""
     before, begin = site.wait_for_alerts(set(), 90), time.monotonic() - 5
     voltages = begin_restarts(site)
     for name in dict.fromkeys(fault.device for fault in FAULTS):
@@ -333,8 +333,8 @@ def test_query_of_the_readme(site, history):
 
 
 def test_a_text_outside_ascii(site, history):
-    """A system name may have any letter. A version of a transponder outside ASCII, in Latin-1, is more than the exporter of
-    this version takes: it refuses the whole answer (README)."""
+    """A system name may have any letter. This exporter refuses the whole answer if a transponder's version has a letter
+    outside ASCII (README)."""
     device, version = site.devices["6420"], "/state/lines/line[kid='ch1']/lets/let[kid='1']/sw_version"
     name = "/state/config/snmp_settings/mib_2_settings/sys_name"
     target = f"http://{EXPORTER}/snmp?module=kvsnmp&target={site.addresses['6420']}"

@@ -10,18 +10,18 @@ import pytest
 import yaml
 from server import Server
 from support import catalogue, steps
-from support.catalogue import EXTENDED, OBJECTS, Table
+from support.catalogue import EXTENDED, TRAPS
 from support.device import CHECKOUT, Device
 from support.mib import mib
 from support.polling import wait_until
 from support.snmp import COMMUNITY, NUMERIC, TABLES, parse
-from support.traps import CATALOGUE, E, Faults
+from support.traps import E, Faults
 
 TEMPLATE = (CHECKOUT / "monitoring/zabbix/kvsnmp-template.yaml").read_text()
 EXPORTED = yaml.safe_load(TEMPLATE)["zabbix_export"]["templates"][0]
 RULES = EXPORTED["discovery_rules"]
 TRAPS_TO = "/state/config/snmp_settings/trap_settings/trap_address=127.0.0.1:1162"
-# Everything faster than for people; a device's own 60 s are passed by moving its clock.
+# Short times; the 60 s of a device's cache pass by moving its clock.
 MACROS = {"{$KV.INTERVAL}": "3s", "{$KV.INTERVAL.TEXT}": "5s", "{$KV.INTERVAL.DISCOVERY}": "5s", "{$KV.NODATA}": "40s",
           "{$KV.HOLD}": "6s", "{$KV.TRAP.HOLD}": "60s"}
 
@@ -47,7 +47,8 @@ class Watched(NamedTuple):
         self.device.shift_clock(steps.CACHE_SECONDS)
 
 
-# Name, model, options of the device, address. Traps carry the sender's address alone: only the first device sends any.
+# Name, model, options of the device, address. A trap has only the sender's address, so only the first device sends
+# traps.
 HOSTS = [
     ("pa-6420", 6420, ["--set", TRAPS_TO], "127.0.0.1"),
     ("pa-6410", 6410, [], "127.0.0.2"),
@@ -137,7 +138,7 @@ KINDS = [("item", "key_", [item["key"] for item in EXPORTED["items"]]),
                                               for one in place.get("trigger_prototypes", [])])]
 
 
-def test_import_makes_what_the_file_has_and_a_second_one_changes_nothing(bench):
+def test_import_creates_everything_and_a_second_one_changes_nothing(bench):
     def facts() -> list[list[dict[str, str]]]:
         template = bench.server.call("template.get", filter={"host": EXPORTED["template"]})[0]["templateid"]
         found = [bench.server.call(f"{kind}.get", templateids=[template], output=[name]) for kind, name, _ in KINDS]
@@ -199,15 +200,13 @@ def test_every_served_value_is_an_item(bench, host):
         wait_until(same, 120, 1.0)
     except AssertionError as failure:
         raise AssertionError(f"{failure}\n{differing}\n{bench.server.logs()}") from failure
-    tables = {item.name for item in OBJECTS if isinstance(item, Table)
-              and any(f"{column}." in name for column, _ in item.columns for name in watched.walk())}
+    tables = [name for name, table in catalogue.TABLES.items() if f"{table.columns[0][0]}." in "\n".join(watched.walk())]
     assert len(tables) == {"pa-6420": 11, "pa-6410": 8, "pa-6764": 10, "pa-6214": 6}[host]
 
 
 def test_every_table_is_seen_on_some_device(bench):
     names = {name.partition(".")[0] for watched in bench.hosts.values() for name in watched.walk()}
-    assert {table.name for table in OBJECTS if isinstance(table, Table)
-            and table.columns[0][0] in names} == set(catalogue.TABLE_NAMES)
+    assert [name for name, table in catalogue.TABLES.items() if table.columns[0][0] not in names] == []
 
 
 def test_names_units_and_words(bench):
@@ -271,7 +270,7 @@ FAULTS = [Fault(host, problem, [*order, bad], [*order, good]) for host, problem,
 
 @pytest.fixture(scope="session")
 def healthy(bench) -> Bench:
-    """Both channels of the amplifiers announced as in operation, and their transponders."""
+    """With both channels of the amplifiers and their transponders announced as in operation."""
     for name in ("pa-6420", "pa-6764"):
         device = bench.hosts[name].device
         for channel in (0, 1):
@@ -306,9 +305,9 @@ def test_every_trigger_prototype_has_a_fault_here():
 
 def test_each_notification_is_a_value_of_its_item_alone(bench):
     faults = Faults(bench.hosts["pa-6420"].device)
-    others = f"see {E}.2.8.3 and ZBXTRAP 127.0.0.2 {E}.2.8.4 "  # in a text these are neither a trap nor another host's
-    texts = {row.name: f"text of {row.name}, {others}" for row in CATALOGUE}
-    for row in CATALOGUE:
+    others = f"see {E}.2.8.3 and ZBXTRAP 127.0.0.2 {E}.2.8.4 "  # in a text, these are neither traps nor other hosts
+    texts = {row.name: f"text of {row.name}, {others}" for row in TRAPS}
+    for row in TRAPS:
         faults.raise_one(row.identifiers[0], texts[row.name])
 
     def values() -> dict[str, list[str]]:
@@ -319,9 +318,9 @@ def test_each_notification_is_a_value_of_its_item_alone(bench):
             found[by_id[entry["itemid"]]].append(entry["value"])
         return found
 
-    wait_until(lambda: sum(map(len, values().values())) >= len(CATALOGUE), 60, 1.0, what="all traps in the server")
+    wait_until(lambda: sum(map(len, values().values())) >= len(TRAPS), 60, 1.0, what="all traps in the server")
     found = values()
-    for row in CATALOGUE:
+    for row in TRAPS:
         number = f"{E}.2.8.{row.arc}".replace(".", "\\.")
         [value] = found.pop(f'snmptrap["(^\\S+ +|OID: ){number}(\\s|$)"]')
         text = re.escape(texts[row.name].replace("ZBXTRAP", "ZBX-TRAP").strip())
@@ -335,7 +334,7 @@ def test_each_notification_is_a_value_of_its_item_alone(bench):
     bench.wait_problem("pa-6420", "Trap: Cooling Fan Fault", False, timeout=200)  # 60 s after the trap
 
 
-def test_a_daemon_that_is_gone_and_a_device_that_is_gone_are_told_apart(healthy):
+def test_a_missing_daemon_and_a_missing_device_are_different_problems(healthy):
     bench = healthy
     silent, unreachable = "Nothing of KVSNMP-MIB is answered", "No answer by SNMP"
     device = bench.hosts["pa-6410"].device

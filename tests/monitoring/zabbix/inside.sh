@@ -1,6 +1,6 @@
 #!/bin/sh
 # The first process of a Zabbix server's sandbox, as an ordinary user: database, web interface, trap receiver, server.
-# /srv is the test's folder: it has the configuration files, and takes the data and the logs.
+# /srv is the test's folder, for the configuration files, the data and the logs.
 set -eu
 PATH=/usr/lib/postgresql/15/bin:/usr/sbin:/usr/bin:/sbin:/bin
 export PATH LANG=C.UTF-8 PGHOST=/srv/run PGUSER=zabbix
