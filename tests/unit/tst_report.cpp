@@ -61,12 +61,15 @@ private Q_SLOTS:
     void causesAndConsequences()
     {
         // clang-format off
-        const struct { const char *name; std::vector<Check> checks; int badLooks; const char *findings; const char *summary; } rows[] = {
+        const struct {
+            const char *name; std::vector<Check> checks; int badLooks; const char *findings; const char *summary;
+        } rows[] = {
             {"a failure that follows from an earlier one is no cause",
              {{"a", "A", {}, {}, bad}, {"b", "B", {}, {"a"}, bad}, {"c", "C", {}, {"a"}, good}}, 2,
              "a failed, b failed because of a, c ok", "1 ok, 2 failed\ncause: a: bad\n"},
             {"the cause is the first of the chain, and nobody looks at a check that needs a failed one",
-             {{"a", "A", {}, {}, bad}, {"b", "B", {"a"}, {}, bad}, {"c", "C", {}, {"b"}, bad}, {"d", "D", {"c"}, {}, bad}}, 2,
+             {{"a", "A", {}, {}, bad}, {"b", "B", {"a"}, {}, bad}, {"c", "C", {}, {"b"}, bad},
+              {"d", "D", {"c"}, {}, bad}}, 2,
              "a failed, b skipped because of a, c failed because of a, d skipped because of a",
              "2 failed, 2 skipped\ncause: a: bad\n"},
             {"a cause by itself stays one",
