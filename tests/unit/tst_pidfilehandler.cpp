@@ -69,41 +69,28 @@ private Q_SLOTS:
 
     void contentAndCheck()
     {
-        const pid_t deadNumber = deadPid();
-        const pid_t alive = getppid();
-        const QByteArray dead = QByteArray::number(deadNumber);
-        const QByteArray parent = QByteArray::number(alive);
-        const pid_t group = getpgrp();
-        const struct {
-            const char *name;
-            QByteArray content; // null: no file
-            pid_t read;
-            pid_t blocking;
-        } rows[] = {
-            {"no file", {}, 0, 0},
-            {"empty", "", 0, 0},
-            {"letters", "none\n", 0, 0},
-            {"NUL bytes", QByteArray(8, '\0'), 0, 0},
-            {"0", "0\n", 0, 0},
-            {"a process that has ended", dead + "\n", deadNumber, 0},
-            {"our own number", lineOf(getpid()), getpid(), 0},
-            {"a process that lives", parent + "\n", alive, alive},
-            {"no line end", parent, alive, alive},
-            {"blanks before it", "  " + parent + "\n", alive, alive},
-            {"rest of a longer number", parent + "\n45\n", alive, alive},
-            {"letters behind it", parent + "ab\n", alive, alive},
-            // For kill() a number below zero is a process group.
-            {"a process group that exists", "-" + lineOf(group), -group, -group},
-            {"a process group that does not", "-" + dead + "\n", -deadNumber, 0},
+        const auto expectPid = [this](const QByteArray &content, pid_t read, pid_t blocking) {
+            const AtRow at(content.constData());
+            const PidFileHandler handler(m_path.constData()); // removes the file
+            if (!content.isNull())
+                writeFile(m_path, content);
+            QCOMPARE(handler.readPid(), read);
+            QCOMPARE(handler.checkPid(), blocking);
         };
-        for (const auto &row : rows) {
-            const AtRow at(row.name);
-            const PidFileHandler handler(m_path.constData()); // removes the file at the end of the loop's body
-            if (!row.content.isNull())
-                writeFile(m_path, row.content);
-            QCOMPARE(handler.readPid(), row.read);
-            QCOMPARE(handler.checkPid(), row.blocking);
-        }
+        for (const QByteArray &noNumber : {QByteArray(), QByteArray(""), QByteArray("none\n"), QByteArray(8, '\0')})
+            expectPid(noNumber, 0, 0);
+        expectPid("0\n", 0, 0);
+        expectPid(lineOf(getpid()), getpid(), 0);
+        const pid_t dead = deadPid();
+        expectPid(lineOf(dead), dead, 0);
+        const pid_t alive = getppid();
+        const QByteArray digits = QByteArray::number(alive);
+        for (const QByteArray &content :
+             {digits + "\n", digits, "  " + digits + "\n", digits + "\n45\n", digits + "ab\n"})
+            expectPid(content, alive, alive);
+        // For kill() a number below zero is a process group, which exists or not.
+        expectPid(lineOf(-getpgrp()), -getpgrp(), -getpgrp());
+        expectPid(lineOf(-dead), -dead, 0);
     }
 
     void unreadableFileReadsAsNone()
