@@ -35,7 +35,8 @@ private Q_SLOTS:
         static constexpr struct {
             const char *name; QString Access::*field; const char *value; Status status; const char *text;
         } rows[] = {
-            {"as it should be",      &Access::access,    "Read",     Status::Ok,      "for 10.0.0.1 and ::1 on port 161"},
+            {"as it should be",      &Access::access,    "Read",     Status::Ok,
+             "read access for 10.0.0.1 and ::1 on port 161"},
             {"disabled",             &Access::access,    "Disabled", Status::Failed,  "\"Disabled\""},
             {"another word",         &Access::access,    "Write",    Status::Failed,  "left empty"},
             {"no word",              &Access::access,    "",         Status::Failed,  "left empty"},

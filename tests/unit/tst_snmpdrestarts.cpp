@@ -1,5 +1,5 @@
 // Restarts of snmpd after changes of any spacing. The clock moves in steps, so each trial is the same on every machine,
-// and snmpd is a model of one: it takes a while to start and to end, and killall misses it while it starts.
+// and snmpd is a model of one: it needs a while to start and to end, and killall misses it while it starts.
 #include "support/snmpdbench.h"
 #include "support/testprogram.h"
 
@@ -16,7 +16,7 @@ namespace {
 
 constexpr int stepMs = 10;
 constexpr int killallMs = 20;  // how long killall runs
-constexpr int endMs = 40;      // how long snmpd takes to end
+constexpr int endMs = 40;      // how long snmpd needs to end
 constexpr int settleMs = 4500; // until the last restart is over
 
 qint64 nowMs = 0; // CLOCK_MONOTONIC of the main thread; 0: the machine's own
@@ -24,7 +24,7 @@ thread_local bool isMainThread = false;
 
 } // namespace
 
-// Stands in front of the system's own. Other threads keep that one: one of them ends a test that takes too long.
+// Stands in front of the system's own. Other threads keep that one: one of them ends a test that runs too long.
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the library's own names are reserved
 extern "C" int clock_gettime(clockid_t id, timespec *time) noexcept
 {

@@ -19,7 +19,7 @@
 
 #include <memory>
 
-/// The identity files, the GPIO tree and every path of the supervision in a folder of its own; commands do nothing.
+/// The identity files, the GPIO tree and every path of the supervision in a temporary folder; commands do nothing.
 class Device {
 public:
     explicit Device(int model)
@@ -59,7 +59,7 @@ public:
     QByteArray watchdogFile;
 };
 
-/// An application object on a device of its own.
+/// An application object on a new device.
 class Bench {
 public:
     explicit Bench(int model, TalPeer::Start start = TalPeer::Start::NotListening)

@@ -1,4 +1,4 @@
-// A settings handler on the bench: files in a folder of its own, commands and system log lines only written down.
+// A settings handler on the bench: files in a temporary folder, commands and system log lines only written down.
 #pragma once
 
 #include "support/files.h"
