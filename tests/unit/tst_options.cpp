@@ -4,8 +4,6 @@
 #include "support/childprocess.h"
 #include "support/testprogram.h"
 
-#include <QtTest>
-
 #include <vector>
 
 namespace {
@@ -17,22 +15,22 @@ constexpr char usage[] = "\nUsage: kvsnmp options\n"
                          "  -d  --daemon       Dont run as an daemon\n"
                          "\n";
 
-Options parse(QList<QByteArray> words)
-{
-    words.prepend("kvsnmp");
-    std::vector<char *> arguments;
-    for (QByteArray &word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    return parseOptions(words.size(), arguments.data());
-}
+/// The settings come back as the child's exit status, a sum of these.
+constexpr int readOn = 10;
+constexpr int asDaemon = 1;
+constexpr int talDebug = 2;
+constexpr int aborted = -1;
 
-/// The settings come back as the child's exit status: 10, plus 1 for daemon, plus 2 for taldebug.
-ChildResult parseInChild(const QList<QByteArray> &words)
+ChildResult parseInChild(const char *line)
 {
-    return inChild([words] {
-        const Options options = parse(words);
-        return 10 + (options.daemon ? 1 : 0) + (options.talDebug ? 2 : 0);
+    return inChild([line] {
+        QByteArrayList words = QByteArray(line).split(' ');
+        std::vector<char *> arguments;
+        for (QByteArray &word : words)
+            arguments.push_back(word.data());
+        arguments.push_back(nullptr);
+        const Options options = parseOptions(words.size(), arguments.data());
+        return readOn + (options.daemon ? asDaemon : 0) + (options.talDebug ? talDebug : 0);
     });
 }
 
@@ -42,90 +40,41 @@ class TestOptions : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void settings_data()
+    void commandLine()
     {
-        QTest::addColumn<QList<QByteArray>>("words");
-        QTest::addColumn<bool>("daemon");
-        QTest::addColumn<bool>("talDebug");
-
-        QTest::newRow("none: a daemon") << QList<QByteArray>{} << true << false;
-        QTest::newRow("-d") << QList<QByteArray>{"-d"} << false << false;
-        QTest::newRow("--daemon") << QList<QByteArray>{"--daemon"} << false << false;
-        QTest::newRow("-z") << QList<QByteArray>{"-z"} << true << true;
-        QTest::newRow("--taldebug") << QList<QByteArray>{"--taldebug"} << true << true;
-        QTest::newRow("-dz") << QList<QByteArray>{"-dz"} << false << true;
-        QTest::newRow("a word that is no option") << QList<QByteArray>{"word", "-d"} << false << false;
-    }
-
-    void settings()
-    {
-        QFETCH(QList<QByteArray>, words);
-        QFETCH(bool, daemon);
-        QFETCH(bool, talDebug);
-
-        const ChildResult child = parseInChild(words);
-        QVERIFY(child.exitedWith(10 + (daemon ? 1 : 0) + (talDebug ? 2 : 0)));
-        QCOMPARE(child.out, QByteArray());
-        QCOMPARE(child.err, QByteArray());
-    }
-
-    void helpGoesToStandardOutput_data()
-    {
-        QTest::addColumn<QList<QByteArray>>("words");
-
-        QTest::newRow("-h") << QList<QByteArray>{"-h"};
-        QTest::newRow("--help") << QList<QByteArray>{"--help"};
-        QTest::newRow("before an unknown option") << QList<QByteArray>{"-d", "-h", "-x"};
-    }
-
-    void helpGoesToStandardOutput()
-    {
-        QFETCH(QList<QByteArray>, words);
-
-        const ChildResult child = parseInChild(words);
-        QVERIFY(child.exitedWith(0));
-        QCOMPARE(child.out, QByteArray(usage));
-        QCOMPARE(child.err, QByteArray());
-    }
-
-    void unknownOptionGivesUsageOnStandardError_data()
-    {
-        QTest::addColumn<QList<QByteArray>>("words");
-
-        QTest::newRow("-x") << QList<QByteArray>{"-x"};
-        QTest::newRow("--unknown") << QList<QByteArray>{"--unknown"};
-        QTest::newRow("--daemon=yes: takes no argument") << QList<QByteArray>{"--daemon=yes"};
-    }
-
-    void unknownOptionGivesUsageOnStandardError()
-    {
-        QFETCH(QList<QByteArray>, words);
-
-        const ChildResult child = parseInChild(words);
-        QVERIFY(child.exitedWith(1));
-        QCOMPARE(child.out, QByteArray());
-        QVERIFY2(child.err.endsWith(usage), child.err.constData());
-    }
-
-    void acceptedButNotImplementedAborts_data()
-    {
-        QTest::addColumn<QList<QByteArray>>("words");
-
-        QTest::newRow("-t") << QList<QByteArray>{"-t"};
-        QTest::newRow("-v") << QList<QByteArray>{"-v"};
-        QTest::newRow("--testmode") << QList<QByteArray>{"--testmode"};
-        QTest::newRow("--NULL") << QList<QByteArray>{"--NULL"};
-        QTest::newRow("after -d") << QList<QByteArray>{"-d", "-t"};
-    }
-
-    void acceptedButNotImplementedAborts()
-    {
-        QFETCH(QList<QByteArray>, words);
-
-        const ChildResult child = parseInChild(words);
-        QVERIFY(child.endedBy(SIGABRT));
-        QCOMPARE(child.out, QByteArray());
-        QCOMPARE(child.err, QByteArray());
+        static constexpr struct {
+            const char *line;
+            int status;
+            const char *out;
+            const char *err; // its end
+        } rows[] = {
+            {"kvsnmp", readOn + asDaemon, "", ""},
+            {"kvsnmp -d", readOn, "", ""},
+            {"kvsnmp --daemon", readOn, "", ""},
+            {"kvsnmp -z", readOn + asDaemon + talDebug, "", ""},
+            {"kvsnmp --taldebug", readOn + asDaemon + talDebug, "", ""},
+            {"kvsnmp -dz", readOn + talDebug, "", ""},
+            {"kvsnmp word -d", readOn, "", ""},
+            {"kvsnmp -h", 0, usage, ""},
+            {"kvsnmp --help", 0, usage, ""},
+            {"kvsnmp -d -h -x", 0, usage, ""},
+            {"kvsnmp -x", 1, "", usage},
+            {"kvsnmp --unknown", 1, "", usage},
+            {"kvsnmp --daemon=yes", 1, "", usage},
+            {"kvsnmp -t", aborted, "", ""}, // accepted, but not implemented
+            {"kvsnmp -v", aborted, "", ""},
+            {"kvsnmp --testmode", aborted, "", ""},
+            {"kvsnmp --NULL", aborted, "", ""},
+            {"kvsnmp -d -t", aborted, "", ""},
+        };
+        for (const auto &row : rows) {
+            const AtRow at(row.line);
+            const ChildResult child = parseInChild(row.line);
+            QVERIFY(row.status == aborted ? child.endedBy(SIGABRT) : child.exitedWith(row.status));
+            QCOMPARE(child.out, row.out);
+            QVERIFY2(child.err.endsWith(row.err), child.err.constData());
+            QCOMPARE(child.err.isEmpty(), row.err[0] == '\0');
+        }
     }
 };
 

@@ -2,20 +2,23 @@
 #include "app/pidfilehandler.h"
 
 #include "support/childprocess.h"
+#include "support/files.h"
 #include "support/testprogram.h"
 
-#include <QFile>
 #include <QTemporaryDir>
-#include <QtTest>
 
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 
 namespace {
 
 constexpr uid_t nobody = 65534;
+
+QByteArray lineOf(pid_t pid)
+{
+    return QByteArray::number(pid) + '\n';
+}
 
 /// The pid of a process that has ended and been waited for.
 pid_t deadPid()
@@ -38,6 +41,19 @@ ChildResult asOrdinaryUser(Function function)
     });
 }
 
+/// A locked file; unlocked when this object is destroyed.
+struct HeldLock {
+    explicit HeldLock(const QByteArray &path) : descriptor(open(path.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600))
+    {
+        QCOMPARE(flock(descriptor, LOCK_EX | LOCK_NB), 0);
+    }
+    ~HeldLock() { close(descriptor); }
+    HeldLock(const HeldLock &) = delete;
+    HeldLock &operator=(const HeldLock &) = delete;
+
+    int descriptor;
+};
+
 } // namespace
 
 class TestPidFileHandler : public QObject {
@@ -47,55 +63,39 @@ private Q_SLOTS:
     void init()
     {
         m_folder.reset(new QTemporaryDir);
-        QVERIFY(m_folder->isValid());
         QCOMPARE(chmod(QFile::encodeName(m_folder->path()).constData(), 0755), 0);
         m_path = QFile::encodeName(m_folder->filePath(QStringLiteral("kvsnmp.pid")));
     }
 
-    void cleanup() { m_folder.reset(); }
-
-    void contentAndCheck_data()
-    {
-        QTest::addColumn<QByteArray>("content"); // null: no file
-        QTest::addColumn<int>("read");
-        QTest::addColumn<int>("blocking");
-        const QByteArray dead = QByteArray::number(deadPid());
-        const QByteArray parent = QByteArray::number(getppid());
-        // clang-format off
-        QTest::newRow("no file")                      << QByteArray() << 0 << 0;
-        QTest::newRow("empty")                        << QByteArray("") << 0 << 0;
-        QTest::newRow("letters")                      << QByteArray("none\n") << 0 << 0;
-        QTest::newRow("NUL bytes")                    << QByteArray(8, '\0') << 0 << 0;
-        QTest::newRow("0")                            << QByteArray("0\n") << 0 << 0;
-        QTest::newRow("a process that has ended")     << dead + "\n" << dead.toInt() << 0;
-        QTest::newRow("the own number")               << QByteArray::number(getpid()) + "\n" << getpid() << 0;
-        QTest::newRow("a process that lives")         << parent + "\n" << getppid() << getppid();
-        QTest::newRow("no line end")                  << parent << getppid() << getppid();
-        QTest::newRow("blanks before it")             << "  " + parent + "\n" << getppid() << getppid();
-        QTest::newRow("rest of a longer number")      << parent + "\n45\n" << getppid() << getppid();
-        QTest::newRow("letters behind it")            << parent + "ab\n" << getppid() << getppid();
-        // To kill() a number below zero is a process group, which may be there or not.
-        QTest::newRow("a process group that is there") << "-" + QByteArray::number(getpgrp()) + "\n" << -getpgrp() << -getpgrp();
-        QTest::newRow("a process group that is not")  << "-" + dead + "\n" << -dead.toInt() << 0;
-        // clang-format on
-    }
-
     void contentAndCheck()
     {
-        QFETCH(QByteArray, content);
-        QFETCH(int, read);
-        QFETCH(int, blocking);
-
-        if (!content.isNull())
-            write(content);
-        const PidFileHandler handler(m_path.constData());
-        QCOMPARE(handler.readPid(), read);
-        QCOMPARE(handler.checkPid(), blocking);
+        const auto expectPid = [this](const QByteArray &content, pid_t read, pid_t blocking) {
+            const AtRow at(content.constData());
+            const PidFileHandler handler(m_path.constData()); // removes the file
+            if (!content.isNull())
+                writeFile(m_path, content);
+            QCOMPARE(handler.readPid(), read);
+            QCOMPARE(handler.checkPid(), blocking);
+        };
+        for (const QByteArray &noNumber : {QByteArray(), QByteArray(""), QByteArray("none\n"), QByteArray(8, '\0')})
+            expectPid(noNumber, 0, 0);
+        expectPid("0\n", 0, 0);
+        expectPid(lineOf(getpid()), getpid(), 0);
+        const pid_t dead = deadPid();
+        expectPid(lineOf(dead), dead, 0);
+        const pid_t alive = getppid();
+        const QByteArray digits = QByteArray::number(alive);
+        for (const QByteArray &content :
+             {digits + "\n", digits, "  " + digits + "\n", digits + "\n45\n", digits + "ab\n"})
+            expectPid(content, alive, alive);
+        // For kill() a number below zero is a process group, which exists or not.
+        expectPid(lineOf(-getpgrp()), -getpgrp(), -getpgrp());
+        expectPid(lineOf(-dead), -dead, 0);
     }
 
     void unreadableFileReadsAsNone()
     {
-        write(QByteArray::number(getpid()));
+        writeFile(m_path, lineOf(getpid()));
         QCOMPARE(chmod(m_path.constData(), 0), 0);
         const ChildResult child = asOrdinaryUser([this] {
             if (open(m_path.constData(), O_RDONLY) >= 0)
@@ -108,75 +108,90 @@ private Q_SLOTS:
 
     void errnoOfTheCheckIsThatOfKill()
     {
-        write("1\n");
+        writeFile(m_path, "1\n");
         const ChildResult otherUser = asOrdinaryUser([this] {
             const PidFileHandler handler(m_path.constData());
             return handler.checkPid() == 1 && errno == EPERM ? 0 : 1;
         });
         QVERIFY(otherUser.exitedWith(0));
 
-        write(QByteArray::number(getppid()) + '\n');
+        writeFile(m_path, lineOf(getppid()));
         const PidFileHandler handler(m_path.constData());
-        errno = EAGAIN; // of something before
+        errno = EAGAIN; // of an earlier call
         const pid_t pid = handler.checkPid();
         const int error = errno;
         QCOMPARE(pid, getppid());
         QCOMPARE(error, 0);
     }
 
-    void writesTheOwnPid()
+    void fileIsWrittenUnlockedAndRemovedAtTheEnd()
     {
-        const PidFileHandler handler(m_path.constData());
-        const mode_t savedMask = umask(0);
-        QCOMPARE(handler.writePid(), getpid());
-        umask(savedMask);
-        QCOMPARE(content(), QByteArray::number(getpid()) + '\n');
-        struct stat info {};
-        QCOMPARE(stat(m_path.constData(), &info), 0);
-        QCOMPARE(info.st_mode & 07777U, mode_t{0644});
+        {
+            const PidFileHandler handler(m_path.constData());
+            const mode_t savedMask = umask(0);
+            QCOMPARE(handler.writePid(), getpid());
+            umask(savedMask);
+            QCOMPARE(readFile(m_path), lineOf(getpid()));
+            QCOMPARE(statusOf(m_path).st_mode, mode_t{S_IFREG | 0644});
+            const HeldLock lock(m_path);
+        }
+        QVERIFY(!QFile::exists(QFile::decodeName(m_path)));
     }
 
-    void writesOverALongerNumberWithoutTruncating()
+    void longerNumberIsNotTruncated()
     {
-        write("12345678901234567890\n");
+        writeFile(m_path, "12345678901234567890\n");
         const PidFileHandler handler(m_path.constData());
         QCOMPARE(handler.writePid(), getpid());
-        const QByteArray pid = QByteArray::number(getpid()) + '\n';
-        QCOMPARE(content(), pid + QByteArray("12345678901234567890\n").mid(pid.size()));
+        const QByteArray pid = lineOf(getpid());
+        QCOMPARE(readFile(m_path), pid + QByteArray("12345678901234567890\n").mid(pid.size()));
         QCOMPARE(handler.readPid(), getpid());
     }
 
-    void lockIsNotKept()
+    void failureHasItsMessageAndErrno()
     {
-        const PidFileHandler handler(m_path.constData());
-        QCOMPARE(handler.writePid(), getpid());
-        const int descriptor = open(m_path.constData(), O_RDWR);
-        QCOMPARE(flock(descriptor, LOCK_EX | LOCK_NB), 0);
-        close(descriptor);
+        const struct {
+            const char *target; // of a link at the path; null: a file whose lock is held
+            int error;
+            QByteArray out;
+            QByteArray err;
+        } rows[] = {
+            {"/nonexistent/kvsnmp.pid", ENOENT, {}, "Can't open or create " + m_path + ".\n"},
+            {nullptr, EWOULDBLOCK, "Can't lock, lock is held by pid 4711.\n", {}},
+            {"/dev/full", ENOSPC, "Can't write pid , No space left on device.\n", {}},
+        };
+        for (const auto &row : rows)
+            for (const bool canPrint : {true, false}) { // a lost message does not change errno
+                const AtRow at(row.target == nullptr ? "held lock" : row.target);
+                QScopedPointer<HeldLock> lock;
+                if (row.target != nullptr) {
+                    QCOMPARE(symlink(row.target, m_path.constData()), 0);
+                } else {
+                    writeFile(m_path, "4711\n");
+                    lock.reset(new HeldLock(m_path));
+                }
+                const ChildResult child = inChild([&] {
+                    std::setvbuf(stdout, nullptr, _IONBF, 0);
+                    if (!canPrint) {
+                        close(STDOUT_FILENO);
+                        close(STDERR_FILENO);
+                    }
+                    const PidFileHandler handler(m_path.constData());
+                    _exit(handler.writePid() == 0 && errno == row.error ? 0 : 1); // the file stays
+                    return 0;
+                });
+                QVERIFY(child.exitedWith(0));
+                QCOMPARE(child.out, canPrint ? row.out : QByteArray());
+                QCOMPARE(child.err, canPrint ? row.err : QByteArray());
+                if (canPrint && row.target == nullptr)
+                    QCOMPARE(readFile(m_path), "4711\n");
+                QCOMPARE(unlink(m_path.constData()), 0);
+            }
     }
 
-    void heldLockIsReportedWithItsHolder()
-    {
-        write("4711\n");
-        const int descriptor = open(m_path.constData(), O_RDWR);
-        QCOMPARE(flock(descriptor, LOCK_EX | LOCK_NB), 0);
-        const ChildResult child = inChild([this] { // its own open file: the lock is not its own
-            const PidFileHandler handler(m_path.constData());
-            const int status = handler.writePid() == 0 ? 0 : 1;
-            std::fflush(stdout);
-            _exit(status); // the file stays
-            return status;
-        });
-        QVERIFY(child.exitedWith(0));
-        QCOMPARE(child.out, QByteArray("Can't lock, lock is held by pid 4711.\n"));
-        QCOMPARE(content(), QByteArray("4711\n"));
-        close(descriptor);
-    }
-
+    /// Whoever gets the lock writes; the other one waits or is refused. The file never holds a mix.
     void twoWritersAtOnce()
     {
-        // Whoever gets the lock writes; the other one either waits his turn or is refused. Never does a mix stand
-        // there.
         for (int round = 0; round < 20; ++round) {
             QFile::remove(QFile::decodeName(m_path));
             pid_t writers[2];
@@ -191,110 +206,27 @@ private Q_SLOTS:
             for (const pid_t writer : writers) {
                 int status = -1;
                 waitpid(writer, &status, 0);
-                if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
-                    ++successes;
+                successes += WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 1 : 0;
             }
             QVERIFY(successes >= 1);
-            // The first line: behind it may stand the end of a longer number, when the pids began anew between the two.
-            const QByteArray found = content().split('\n').first();
-            QVERIFY2(found == QByteArray::number(writers[0]) || found == QByteArray::number(writers[1]),
-                     found.constData());
+            // Only the first line: the end of a longer number may follow it, if the pids began anew in between.
+            const QByteArray found = readFile(m_path).split('\n').first() + '\n';
+            QVERIFY2(found == lineOf(writers[0]) || found == lineOf(writers[1]), found.constData());
         }
     }
 
-    void folderThatIsNotThere()
-    {
-        const QByteArray path = m_path + "/not/there";
-        const ChildResult child = inChild([path] {
-            const PidFileHandler handler(path.constData());
-            return handler.writePid() == 0 ? 0 : 1;
-        });
-        QVERIFY(child.exitedWith(0));
-        QCOMPARE(child.err, "Can't open or create " + path + ".\n");
-        QCOMPARE(child.out, QByteArray());
-    }
-
-    void fullDisk()
-    {
-        // A link, because the handler removes its file when it goes.
-        QCOMPARE(symlink("/dev/full", m_path.constData()), 0);
-        const ChildResult child = inChild([this] {
-            const PidFileHandler handler(m_path.constData());
-            return handler.writePid() == 0 ? 0 : 1;
-        });
-        QVERIFY(child.exitedWith(0));
-        QCOMPARE(child.out, QByteArray("Can't write pid , No space left on device.\n"));
-    }
-
-    void errnoIsThatOfTheFailure_data()
-    {
-        QTest::addColumn<QByteArray>("target"); // of a link at the path; empty: a file whose lock is held
-        QTest::addColumn<int>("error");
-
-        QTest::newRow("no folder") << QByteArray("/nonexistent/kvsnmp.pid") << ENOENT;
-        QTest::newRow("held lock") << QByteArray() << EWOULDBLOCK;
-        QTest::newRow("full disk") << QByteArray("/dev/full") << ENOSPC;
-    }
-
-    void errnoIsThatOfTheFailure()
-    {
-        QFETCH(QByteArray, target);
-        QFETCH(int, error);
-
-        int locked = -1;
-        if (target.isEmpty()) {
-            locked = open(m_path.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-            QCOMPARE(flock(locked, LOCK_EX | LOCK_NB), 0);
-        } else {
-            QCOMPARE(symlink(target.constData(), m_path.constData()), 0);
-        }
-        const ChildResult child = inChild([this, error] {
-            std::setvbuf(stdout, nullptr, _IONBF, 0);
-            close(STDOUT_FILENO);
-            close(STDERR_FILENO); // so that the message fails, too
-            const PidFileHandler handler(m_path.constData());
-            return handler.writePid() == 0 && errno == error ? 0 : 1;
-        });
-        QVERIFY(child.exitedWith(0));
-        close(locked);
-    }
-
-    void destructorRemovesTheFile()
-    {
-        {
-            const PidFileHandler handler(m_path.constData());
-            QCOMPARE(handler.writePid(), getpid());
-            QVERIFY(QFile::exists(QFile::decodeName(m_path)));
-        }
-        QVERIFY(!QFile::exists(QFile::decodeName(m_path)));
-    }
-
-    void removesALinkAndNotItsTarget()
+    void linkIsRemovedAndNotItsTarget()
     {
         const QString target = m_folder->filePath(QStringLiteral("target"));
-        QFile file(target);
-        QVERIFY(file.open(QIODevice::WriteOnly));
+        writeFile(target, {});
         QVERIFY(QFile::link(target, QFile::decodeName(m_path)));
         const PidFileHandler handler(m_path.constData());
         handler.removePid();
-        QVERIFY(!QFileInfo(QFile::decodeName(m_path)).isSymLink());
+        QCOMPARE(statusOf(m_path).st_mode, mode_t{0});
         QVERIFY(QFile::exists(target));
     }
 
 private:
-    void write(const QByteArray &content) const
-    {
-        QFile file(QFile::decodeName(m_path));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        QCOMPARE(file.write(content), qint64{content.size()});
-    }
-
-    QByteArray content() const
-    {
-        QFile file(QFile::decodeName(m_path));
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(no file)");
-    }
-
     QScopedPointer<QTemporaryDir> m_folder;
     QByteArray m_path;
 };

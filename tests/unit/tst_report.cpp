@@ -1,4 +1,4 @@
-// The report of the self-check: causes, consequences, what is not looked at, and its two forms.
+// The report of the self-check: causes, consequences, skipped checks, and its two forms.
 #include "support/testprogram.h"
 
 #include "check/checks.h"
@@ -9,36 +9,21 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSet>
-#include <QtTest>
 
 namespace {
 
-int looks = 0;
+int badLooks = 0;
 
-Outcome good(Subject &)
-{
-    return ok(QStringLiteral("good"));
-}
-
-Outcome bad(Subject &)
-{
-    ++looks;
+constexpr auto good = [](Subject &) { return ok(QStringLiteral("good")); };
+constexpr auto doubtful = [](Subject &) { return warning(QStringLiteral("doubtful"), QStringLiteral("look at it")); };
+constexpr auto bad = [](Subject &) {
+    ++badLooks;
     return failed(QStringLiteral("bad"), QStringLiteral("mend it"));
-}
+};
+constexpr auto badByItself = [](Subject &) { return failedByItself(QStringLiteral("bad"), QStringLiteral("mend it")); };
 
-Outcome badByItself(Subject &)
+Report reportOf(const std::vector<Check> &checks)
 {
-    return failedByItself(QStringLiteral("bad"), QStringLiteral("mend it"));
-}
-
-Outcome doubtful(Subject &)
-{
-    return warning(QStringLiteral("doubtful"), QStringLiteral("look at it"));
-}
-
-Report reportOf(std::span<const Check> checks)
-{
-    looks = 0;
     Subject subject(100);
     Report report;
     for (const Check &check : checks)
@@ -46,13 +31,26 @@ Report reportOf(std::span<const Check> checks)
     return report;
 }
 
-QStringList becauses(const Report &report)
+/// "a failed, b skipped because of a".
+QString findingsOf(const Report &report)
 {
-    QStringList because;
+    QStringList findings;
     for (const Finding &finding : report.findings())
-        because.append(finding.because);
-    return because;
+        findings += finding.id + QLatin1Char(' ') + wordOf(finding.outcome.status) +
+                    (finding.because.isEmpty() ? QString() : QStringLiteral(" because of ") + finding.because);
+    return findings.join(QStringLiteral(", "));
 }
+
+QJsonObject objectOf(const QByteArray &text)
+{
+    return QJsonDocument::fromJson(text).object();
+}
+
+constexpr char wholeJson[] = R"({
+    "format": 1, "version": ")" KVSNMP_VERSION R"(", "model": 6420, "failed": true, "causes": ["a"],
+    "counts": {"ok": 1, "warning": 0, "failed": 2, "skipped": 0, "not-applicable": 0}})";
+constexpr char consequenceJson[] =
+    R"({"id": "b", "title": "B", "status": "failed", "text": "bad", "hint": "mend it", "because": "a"})";
 
 } // namespace
 
@@ -60,77 +58,57 @@ class TestReport : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void aFailureThatFollowsFromAnEarlierOneIsNoCause()
+    void causesAndConsequences()
     {
-        const Check checks[] = {{"a", "A", {}, {}, bad}, {"b", "B", {}, {"a"}, bad}, {"c", "C", {}, {"a"}, good}};
-        const Report report = reportOf(checks);
-        QCOMPARE(becauses(report), (QStringList{QString(), QStringLiteral("a"), QString()}));
-        QCOMPARE(report.causes().size(), std::size_t{1});
-        QCOMPARE(report.count(Status::Failed), 2);
-        QVERIFY(report.hasFailed());
-    }
-
-    void theCauseIsTheFirstOfTheChain()
-    {
-        const Check checks[] = {{"a", "A", {}, {}, bad},
-                                {"b", "B", {"a"}, {}, bad},
-                                {"c", "C", {}, {"b"}, bad},
-                                {"d", "D", {"c"}, {}, bad}};
-        QCOMPARE(becauses(reportOf(checks)),
-                 (QStringList{QString(), QStringLiteral("a"), QStringLiteral("a"), QStringLiteral("a")}));
-    }
-
-    void whatNeedsAFailedCheckIsNotLookedAt()
-    {
-        const Check checks[] = {{"a", "A", {}, {}, bad}, {"b", "B", {"a"}, {}, bad}};
-        const Report report = reportOf(checks);
-        QCOMPARE(looks, 1);
-        QCOMPARE(report.findings()[1].outcome.status, Status::Skipped);
-    }
-
-    void aCauseOfItsOwnStaysOne()
-    {
-        const Check checks[] = {{"a", "A", {}, {}, bad}, {"b", "B", {}, {"a"}, badByItself}};
-        QCOMPARE(reportOf(checks).causes().size(), std::size_t{2});
-    }
-
-    void aWarningIsNoCause()
-    {
-        const Check checks[] = {
-            {"a", "A", {}, {}, doubtful}, {"b", "B", {"a"}, {}, good}, {"c", "C", {}, {"a"}, doubtful}};
-        const Report report = reportOf(checks);
-        QVERIFY(!report.hasFailed());
-        QVERIFY(report.causes().empty());
-        QCOMPARE(summaryOf(report), QStringLiteral("1 ok, 2 warning\n"));
+        // clang-format off
+        const struct {
+            const char *name; std::vector<Check> checks; int badLooks; const char *findings; const char *summary;
+        } rows[] = {
+            {"a failure that follows from an earlier one is no cause",
+             {{"a", "A", {}, {}, bad}, {"b", "B", {}, {"a"}, bad}, {"c", "C", {}, {"a"}, good}}, 2,
+             "a failed, b failed because of a, c ok", "1 ok, 2 failed\ncause: a: bad\n"},
+            {"the cause is the first of the chain, and nobody looks at a check that needs a failed one",
+             {{"a", "A", {}, {}, bad}, {"b", "B", {"a"}, {}, bad}, {"c", "C", {}, {"b"}, bad},
+              {"d", "D", {"c"}, {}, bad}}, 2,
+             "a failed, b skipped because of a, c failed because of a, d skipped because of a",
+             "2 failed, 2 skipped\ncause: a: bad\n"},
+            {"a cause by itself stays one",
+             {{"a", "A", {}, {}, bad}, {"b", "B", {}, {"a"}, badByItself}}, 1,
+             "a failed, b failed", "2 failed\ncause: a: bad\ncause: b: bad\n"},
+            {"a warning is no cause",
+             {{"a", "A", {}, {}, doubtful}, {"b", "B", {"a"}, {}, good}, {"c", "C", {}, {"a"}, doubtful}}, 0,
+             "a warning, b ok, c warning", "1 ok, 2 warning\n"},
+        };
+        // clang-format on
+        for (const auto &row : rows) {
+            const AtRow at(row.name);
+            badLooks = 0;
+            const Report report = reportOf(row.checks);
+            QCOMPARE(badLooks, row.badLooks);
+            QCOMPARE(findingsOf(report), QLatin1String(row.findings));
+            QCOMPARE(summaryOf(report), QLatin1String(row.summary));
+            QCOMPARE(report.hasFailed(), badLooks > 0);
+        }
     }
 
     void textHasTheHintOfACauseOnly()
     {
-        const Check checks[] = {{"a", "A", {}, {}, bad}, {"b", "B", {}, {"a"}, bad}};
-        const Report report = reportOf(checks);
+        const Report report = reportOf({{"a", "A", {}, {}, bad}, {"b", "B", {}, {"a"}, bad}});
         QCOMPARE(textOf(report.findings()[0]),
                  QStringLiteral("failed         a                     bad\n    hint: mend it\n"));
         QCOMPARE(textOf(report.findings()[1]),
                  QStringLiteral("failed         b                     bad (follows from a)\n"));
-        QCOMPARE(summaryOf(report), QStringLiteral("2 failed\ncause: a: bad\n"));
     }
 
     void json()
     {
-        const Check checks[] = {{"a", "A", {}, {}, bad}, {"b", "B", {}, {"a"}, bad}, {"c", "C", {}, {}, good}};
-        const Report report = reportOf(checks);
-        const QJsonObject whole = QJsonDocument::fromJson(jsonOf(report, 6420)).object();
-        QCOMPARE(whole[QStringLiteral("format")].toInt(), 1);
-        QCOMPARE(whole[QStringLiteral("model")].toInt(), 6420);
-        QCOMPARE(whole[QStringLiteral("failed")].toBool(), true);
-        QCOMPARE(whole[QStringLiteral("causes")].toArray(), QJsonArray{QStringLiteral("a")});
-        QCOMPARE(whole[QStringLiteral("counts")].toObject()[QStringLiteral("failed")].toInt(), 2);
-        QCOMPARE(whole[QStringLiteral("counts")].toObject()[QStringLiteral("skipped")].toInt(-1), 0);
-        const QJsonObject second = whole[QStringLiteral("checks")].toArray()[1].toObject();
-        QCOMPARE(second[QStringLiteral("id")].toString(), QStringLiteral("b"));
-        QCOMPARE(second[QStringLiteral("because")].toString(), QStringLiteral("a"));
-        QCOMPARE(second[QStringLiteral("status")].toString(), QStringLiteral("failed"));
-        QVERIFY(QJsonDocument::fromJson(jsonOf(report, 0)).object()[QStringLiteral("model")].isNull());
+        const Report report = reportOf({{"a", "A", {}, {}, bad}, {"b", "B", {}, {"a"}, bad}, {"c", "C", {}, {}, good}});
+        QJsonObject whole = objectOf(jsonOf(report, 6420));
+        const QJsonArray checks = whole.take(QStringLiteral("checks")).toArray();
+        QCOMPARE(whole, objectOf(wholeJson));
+        QCOMPARE(checks.size(), 3);
+        QCOMPARE(checks[1].toObject(), objectOf(consequenceJson));
+        QVERIFY(objectOf(jsonOf(report, 0))[QStringLiteral("model")].isNull());
     }
 
     void orderOfTheChecksIsTested()

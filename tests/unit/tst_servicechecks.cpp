@@ -4,11 +4,9 @@
 #include "check/checks.h"
 #include "check/subject.h"
 
-#include <QtTest>
-
-Q_DECLARE_METATYPE(Status)
-
 namespace {
+
+using Access = SnmpAccessSettings;
 
 /// Settings with which a device answers.
 Subject goodSubject()
@@ -19,12 +17,8 @@ Subject goodSubject()
     subject.service.isComplete = true;
     subject.service.groups = {settingsGroups.begin(), settingsGroups.end()};
     subject.service.customConfig = false;
-    SnmpAccessSettings &access = subject.service.settings.access;
-    access.access = QStringLiteral("Read");
-    access.community = QStringLiteral("public");
-    access.nmsIp = QStringLiteral("10.0.0.1");
-    access.nmsIpv6 = QStringLiteral("::1");
-    access.snmpPort = QStringLiteral("161");
+    subject.service.settings.access = {QStringLiteral("public"), QStringLiteral("Read"), QStringLiteral("10.0.0.1"),
+                                       QStringLiteral("::1"), QStringLiteral("161")};
     subject.service.settings.version.version2c = true;
     return subject;
 }
@@ -35,50 +29,42 @@ class TestServiceChecks : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void accessText_data()
-    {
-        QTest::addColumn<int>("field");
-        QTest::addColumn<QString>("value");
-        QTest::addColumn<Status>("status");
-        QTest::addColumn<QString>("text");
-        const auto row = [](const char *name, int field, const char *value, Status status, const char *text) {
-            QTest::newRow(name) << field << QString::fromLatin1(value) << status << QString::fromLatin1(text);
-        };
-        row("as it should be", 0, "Read", Status::Ok, "read access for 10.0.0.1 and ::1 on port 161");
-        row("disabled", 0, "Disabled", Status::Failed, "\"Disabled\"");
-        row("another word", 0, "Write", Status::Failed, "left empty");
-        row("no word", 0, "", Status::Failed, "left empty");
-        row("no community", 1, "", Status::Failed, "community is empty");
-        row("no manager", 2, "", Status::Failed, "manager's address is empty");
-        row("no IPv6 manager", 3, "", Status::Warning, "none over IPv6");
-        row("no port", 4, "", Status::Failed, "the port is \"\"");
-        row("port 0", 4, "0", Status::Failed, "the port is \"0\"");
-        row("port beyond the last", 4, "65536", Status::Failed, "the port is \"65536\"");
-        row("port by name", 4, "snmp", Status::Failed, "the port is \"snmp\"");
-        row("the last port", 4, "65535", Status::Ok, "on port 65535");
-    }
-
     void accessText()
     {
-        QFETCH(int, field);
-        QFETCH(QString, value);
-        QFETCH(QString, text);
-        constexpr QString SnmpAccessSettings::*fields[] = {&SnmpAccessSettings::access, &SnmpAccessSettings::community,
-                                                           &SnmpAccessSettings::nmsIp, &SnmpAccessSettings::nmsIpv6,
-                                                           &SnmpAccessSettings::snmpPort};
-        Subject subject = goodSubject();
-        subject.service.settings.access.*fields[field] = value;
-        const Outcome outcome = checkSnmpAccess(subject);
-        QTEST(outcome.status, "status");
-        QVERIFY2(outcome.text.contains(text), qPrintable(outcome.text));
-        QCOMPARE(outcome.hint.isEmpty(), outcome.status == Status::Ok);
+        // clang-format off
+        static constexpr struct {
+            const char *name; QString Access::*field; const char *value; Status status; const char *text;
+        } rows[] = {
+            {"as it should be",      &Access::access,    "Read",     Status::Ok,
+             "read access for 10.0.0.1 and ::1 on port 161"},
+            {"disabled",             &Access::access,    "Disabled", Status::Failed,  "\"Disabled\""},
+            {"another word",         &Access::access,    "Write",    Status::Failed,  "left empty"},
+            {"no word",              &Access::access,    "",         Status::Failed,  "left empty"},
+            {"no community",         &Access::community, "",         Status::Failed,  "community is empty"},
+            {"no manager",           &Access::nmsIp,     "",         Status::Failed,  "manager's address is empty"},
+            {"no IPv6 manager",      &Access::nmsIpv6,   "",         Status::Warning, "none over IPv6"},
+            {"no port",              &Access::snmpPort,  "",         Status::Failed,  "the port is \"\""},
+            {"port 0",               &Access::snmpPort,  "0",        Status::Failed,  "the port is \"0\""},
+            {"port beyond the last", &Access::snmpPort,  "65536",    Status::Failed,  "the port is \"65536\""},
+            {"port by name",         &Access::snmpPort,  "snmp",     Status::Failed,  "the port is \"snmp\""},
+            {"the last port",        &Access::snmpPort,  "65535",    Status::Ok,      "on port 65535"},
+        };
+        // clang-format on
+        for (const auto &row : rows) {
+            const AtRow at(row.name);
+            Subject subject = goodSubject();
+            subject.service.settings.access.*row.field = QLatin1String(row.value);
+            const Outcome outcome = checkSnmpAccess(subject);
+            QCOMPARE(outcome.status, row.status);
+            QVERIFY2(outcome.text.contains(QLatin1String(row.text)), qPrintable(outcome.text));
+            QCOMPARE(outcome.hint.isEmpty(), outcome.status == Status::Ok);
+        }
     }
 
     void versions()
     {
         Subject subject = goodSubject();
-        subject.service.settings.version = {};
-        subject.service.settings.version.version3 = true; // gives no access
+        subject.service.settings.version = {false, false, true}; // version 3 gives no access
         QCOMPARE(checkSnmpAccess(subject).status, Status::Failed);
         subject.service.settings.version.version1 = true;
         QCOMPARE(checkSnmpAccess(subject).status, Status::Ok);

@@ -5,7 +5,6 @@
 
 #include <QFile>
 #include <QTemporaryDir>
-#include <QtTest>
 
 #include <algorithm>
 #include <sys/socket.h>
@@ -26,7 +25,7 @@ public:
             address.sun_path[0] = '\0';
         const auto length =
             static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + static_cast<std::size_t>(name.size()));
-        bound = bind(m_descriptor, reinterpret_cast<const sockaddr *>(&address), length) == 0;
+        QCOMPARE(bind(m_descriptor, reinterpret_cast<const sockaddr *>(&address), length), 0);
         qputenv("NOTIFY_SOCKET", name);
     }
     ~NotifySocket()
@@ -45,8 +44,6 @@ public:
         return got < 0 ? QByteArray() : QByteArray(buffer, static_cast<int>(got));
     }
 
-    bool bound = false;
-
 private:
     int m_descriptor;
 };
@@ -57,46 +54,32 @@ class TestServiceNotify : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void eachStateIsOneMessage_data()
-    {
-        QTest::addColumn<QByteArray>("name");
-
-        QTest::newRow("in a folder") << QFile::encodeName(m_folder.filePath(QStringLiteral("notify")));
-        QTest::newRow("abstract") << "@kvsnmp-test-" + QByteArray::number(getpid());
-    }
-
     void eachStateIsOneMessage()
     {
-        QFETCH(QByteArray, name);
-
-        const NotifySocket manager(name);
-        QVERIFY(manager.bound);
-        notifyService("READY=1");
-        notifyService("WATCHDOG=1");
-        notifyService("STOPPING=1");
-        QCOMPARE(manager.take(), QByteArray("READY=1"));
-        QCOMPARE(manager.take(), QByteArray("WATCHDOG=1"));
-        QCOMPARE(manager.take(), QByteArray("STOPPING=1"));
-        QVERIFY(manager.take().isNull());
+        for (const QByteArray &name : {pathOf("notify"), "@kvsnmp-test-" + QByteArray::number(getpid())}) {
+            const AtRow at(name.constData());
+            const NotifySocket manager(name);
+            for (const char *state : {"READY=1", "WATCHDOG=1", "STOPPING=1"})
+                notifyService(state);
+            for (const char *state : {"READY=1", "WATCHDOG=1", "STOPPING=1"})
+                QCOMPARE(manager.take(), state);
+            QVERIFY(manager.take().isNull());
+        }
     }
 
     void withoutASocketNothingIsSent()
     {
-        const NotifySocket manager(QFile::encodeName(m_folder.filePath(QStringLiteral("unnamed"))));
-        QVERIFY(manager.bound);
+        const NotifySocket manager(pathOf("unnamed"));
         qunsetenv("NOTIFY_SOCKET");
         notifyService("READY=1");
         QVERIFY(manager.take().isNull());
-    }
-
-    void aSocketThatIsGoneIsNoHarm()
-    {
-        qputenv("NOTIFY_SOCKET", QFile::encodeName(m_folder.filePath(QStringLiteral("gone"))));
-        notifyService("READY=1");
-        qunsetenv("NOTIFY_SOCKET");
+        qputenv("NOTIFY_SOCKET", pathOf("nothing there"));
+        notifyService("READY=1"); // no harm
     }
 
 private:
+    QByteArray pathOf(const char *name) const { return QFile::encodeName(m_folder.filePath(QLatin1String(name))); }
+
     QTemporaryDir m_folder;
 };
 

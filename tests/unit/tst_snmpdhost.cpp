@@ -1,24 +1,28 @@
 // How commands are run for the snmpd supervision, with harmless ones.
+#include "support/files.h"
 #include "support/testprogram.h"
 
 #include "snmpdconf/snmpdhost.h"
 
 #include <QElapsedTimer>
-#include <QFile>
 #include <QTemporaryDir>
-#include <QtTest>
 
 #include <cerrno>
 #include <csignal>
 
 namespace {
 
-Command shell(const QString &script)
-{
-    return {QStringLiteral("sh"), {QStringLiteral("-c"), script}};
-}
-
+const SnmpdHost host = deviceHost();
 const Command missingCommand{QStringLiteral("no-such-command-anywhere"), {}};
+constexpr int longMs = 30000;
+
+/// Each %1 in the script is `file`.
+Command shell(const char *script, const QString &file = {})
+{
+    const QString text =
+        QString::fromLatin1(script).replace(QStringLiteral("%1"), QLatin1Char('\'') + file + QLatin1Char('\''));
+    return {QStringLiteral("sh"), {QStringLiteral("-c"), text}};
+}
 
 } // namespace
 
@@ -26,102 +30,82 @@ class TestSnmpdHost : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
+    void init()
+    {
+        m_dir.reset(new QTemporaryDir);
+        m_file = m_dir->filePath(QStringLiteral("file"));
+        m_timer.start();
+    }
+
     void pathsAreTheSystems()
     {
-        const SnmpdHost host = deviceHost();
         QCOMPARE(host.configFile, QStringLiteral("/etc/snmp/snmpd.conf"));
         QCOMPARE(host.configFolder, QStringLiteral("/etc/snmp/"));
         QCOMPARE(host.pidFile, QStringLiteral("/var/run/snmpd.pid"));
     }
 
-    void runWaitsForTheEnd()
+    void runWaitsForTheEndAndIgnoresFailures()
     {
-        const QTemporaryDir dir;
-        const QString file = dir.filePath(QStringLiteral("done"));
-        deviceHost().run(shell(QStringLiteral("sleep 0.3; echo noise; echo noise >&2; : > '%1'").arg(file)));
-        QVERIFY(QFile::exists(file));
-    }
-
-    void runIgnoresFailures()
-    {
-        deviceHost().run(shell(QStringLiteral("exit 3")));
-        QElapsedTimer timer;
-        timer.start();
-        deviceHost().run(missingCommand);
-        QVERIFY(timer.elapsed() < 5000);
+        host.run(shell("sleep 0.3; echo noise; echo noise >&2; : > %1; exit 3", m_file));
+        QVERIFY(QFile::exists(m_file));
+        host.run(missingCommand);
+        QVERIFY(m_timer.elapsed() < 5000);
     }
 
     void startDetachedDoesNotWait()
     {
-        const QTemporaryDir dir;
-        const QString file = dir.filePath(QStringLiteral("done"));
-        QElapsedTimer timer;
-        timer.start();
-        deviceHost().startDetached(shell(QStringLiteral("sleep 1; : > '%1'").arg(file)));
-        deviceHost().startDetached(missingCommand);
-        QVERIFY2(timer.elapsed() < 900, "it did not wait");
-        QTRY_VERIFY(QFile::exists(file));
+        host.startDetached(shell("sleep 1; : > %1", m_file));
+        host.startDetached(missingCommand);
+        QVERIFY2(m_timer.elapsed() < 900, "it did not wait");
+        QTRY_VERIFY(QFile::exists(m_file));
     }
 
-    void startDetachedHandsOnNoServiceManager()
+    void startDetachedHidesTheServiceManager()
     {
-        const QTemporaryDir dir;
-        const QString file = dir.filePath(QStringLiteral("environment"));
-        qputenv("NOTIFY_SOCKET", "/run/systemd/notify");
-        qputenv("WATCHDOG_USEC", "120000000");
-        qputenv("WATCHDOG_PID", "1");
-        qputenv("KVSNMP_TEST_ENVIRONMENT", "handed on");
-        deviceHost().startDetached(shell(QStringLiteral("env > '%1.new'; mv '%1.new' '%1'").arg(file)));
-        for (const char *name : {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID", "KVSNMP_TEST_ENVIRONMENT"})
+        static constexpr const char *hidden[] = {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"};
+        for (const char *name : hidden)
+            qputenv(name, "1");
+        qputenv("KVSNMP_TEST_ENVIRONMENT", "inherited");
+        host.startDetached(shell("env > %1.new; mv %1.new %1", m_file));
+        for (const char *name : hidden)
             qunsetenv(name);
-        QTRY_VERIFY(QFile::exists(file));
-        QFile written(file);
-        QVERIFY(written.open(QIODevice::ReadOnly));
-        const QByteArray environment = written.readAll();
-        QVERIFY(environment.contains("KVSNMP_TEST_ENVIRONMENT=handed on\n"));
-        QVERIFY(!environment.contains("NOTIFY_SOCKET"));
-        QVERIFY(!environment.contains("WATCHDOG_"));
+        qunsetenv("KVSNMP_TEST_ENVIRONMENT");
+        QTRY_VERIFY(QFile::exists(m_file));
+        const QByteArray environment = readFile(m_file);
+        QVERIFY(environment.contains("KVSNMP_TEST_ENVIRONMENT=inherited\n"));
+        for (const char *name : hidden)
+            QVERIFY2(!environment.contains(name), name);
     }
 
-    void outputOfReadsAllOutput()
+    void outputIsReadWhateverItsSizeAndTheExitStatus()
     {
-        // More than a pipe holds, so that a reader that only waits would wait for ever.
-        const QByteArray output = deviceHost().outputOf(
-            shell(QStringLiteral("head -c 300000 /dev/zero; printf '8192\\n'; echo 'not this' >&2")), 30000);
+        // More than a pipe holds: a reader that only waits would wait forever.
+        const QByteArray output =
+            host.outputOf(shell("head -c 300000 /dev/zero; printf '8192\\n'; echo 'not this' >&2"), longMs);
         QCOMPARE(output.size(), 300005);
         QVERIFY(output.endsWith("8192\n"));
+        for (const char *script : {"echo 8192; exit 1", "echo 8192; kill -9 $$"})
+            QCOMPARE(host.outputOf(shell(script), longMs), "8192\n");
+        QCOMPARE(host.outputOf(missingCommand, longMs), QByteArray());
     }
 
-    void outputCountsWhateverTheExitStatus()
+    void outputOfASlowCommandIsEmpty()
     {
-        QCOMPARE(deviceHost().outputOf(shell(QStringLiteral("echo 8192; exit 1")), 30000), QByteArray("8192\n"));
-        QCOMPARE(deviceHost().outputOf(shell(QStringLiteral("echo 8192; kill -9 $$")), 30000), QByteArray("8192\n"));
-    }
-
-    void outputOfACommandThatIsTooSlowIsEmpty()
-    {
-        const QTemporaryDir dir;
-        const QString pidFile = dir.filePath(QStringLiteral("pid"));
-        QElapsedTimer timer;
-        timer.start();
-        const QByteArray output =
-            deviceHost().outputOf(shell(QStringLiteral("echo $$ > '%1'; echo 8192; exec sleep 60").arg(pidFile)), 500);
-        QVERIFY(timer.elapsed() >= 495);
-        QVERIFY(timer.elapsed() < 5000);
+        const QByteArray output = host.outputOf(shell("echo $$ > %1; echo 8192; exec sleep 60", m_file), 500);
+        QVERIFY(m_timer.elapsed() >= 495);
+        QVERIFY(m_timer.elapsed() < 5000);
         QCOMPARE(output, QByteArray());
 
-        // It is gone for good, not left behind as a zombie.
-        QFile file(pidFile);
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        const pid_t pid = file.readAll().trimmed().toInt();
+        // Killed, and not left behind as a zombie.
+        const pid_t pid = readFile(m_file).trimmed().toInt();
         QVERIFY(pid > 0);
         QTRY_VERIFY(kill(pid, 0) == -1 && errno == ESRCH);
     }
 
-    void outputOfACommandThatCannotStartIsEmpty()
-    {
-        QCOMPARE(deviceHost().outputOf(missingCommand, 30000), QByteArray());
-    }
+private:
+    QScopedPointer<QTemporaryDir> m_dir;
+    QString m_file;
+    QElapsedTimer m_timer;
 };
 
 const TestEntry entry("tst_snmpdhost", runTest<TestSnmpdHost>);

@@ -2,42 +2,34 @@
 #include "support/talbench.h"
 #include "support/testprogram.h"
 
-#include <QSignalSpy>
-
 namespace {
 
 const QString listPath = QStringLiteral("/state/sys_messages/sys_message");
 const QString messagePath = listPath + qs("[reporter='amp'][rep_ref='7']");
 
-/// The reports as one line each.
-QStringList reports(const QSignalSpy &spy)
-{
-    QStringList all;
-    for (const QList<QVariant> &arguments : spy) {
-        QStringList texts;
-        for (int i = 0; i < 6; ++i)
-            texts << arguments[i].toString();
-        all << texts.join(QLatin1Char('|')) + (arguments[6].toBool() ? qs(" on") : qs(" off"));
-    }
-    return all;
-}
-
+/// A bench that keeps each report as one line.
 class FaultBench : public TalBench {
 public:
-    FaultBench()
-        : TalBench(6914),
-          spy(&handler, SIGNAL(signalReportFault(QString, QString, QString, QString, QString, QString, bool)))
-    {}
-
-    /// One system message notification and what is reported for it.
-    QStringList message(const char *op, const QString &rPath, const QString &data)
+    FaultBench() : TalBench(6914)
     {
-        spy.clear();
-        notify("kvsnmp_sys_messages", op, rPath, data, listPath);
-        return reports(spy);
+        QObject::connect(&handler, &TalHandler::signalReportFault, &handler,
+                         [this](const QString &reporter, const QString &ref, const QString &id, const QString &text,
+                                const QString &time, const QString &level, bool active) {
+                             const QStringList texts{reporter, ref, id, text, time, level};
+                             m_reports << texts.join(QLatin1Char('|')) + (active ? qs(" on") : qs(" off"));
+                         });
     }
 
-    QSignalSpy spy;
+    /// What one system message notification reports.
+    QString message(const char *op, const QString &rPath, const QString &data)
+    {
+        m_reports.clear();
+        notify("kvsnmp_sys_messages", op, rPath, data, listPath);
+        return m_reports.join(QLatin1Char('\n'));
+    }
+
+private:
+    QStringList m_reports;
 };
 
 QString messageXml(const char *msgdata)
@@ -49,8 +41,6 @@ QString messageXml(const char *msgdata)
 
 } // namespace
 
-// Behind a whole message, of which nothing may be left over.
-
 class TestSystemMessages : public QObject {
     Q_OBJECT
 
@@ -60,128 +50,108 @@ private Q_SLOTS:
         FaultBench bench;
         for (const char *op : {"create", "replace"})
             QCOMPARE(bench.message(op, messagePath, messageXml("<msgdata><fan_not_running/></msgdata>")),
-                     QStringList{qs("amp|7|fan_not_running|Fan stands still|1700000000|err on")});
+                     qs("amp|7|fan_not_running|Fan stands still|1700000000|err on"));
         for (const char *op : {"patch", "Create", "DELETE", ""})
-            QCOMPARE(bench.message(op, messagePath, messageXml("<msgdata><let_fail/></msgdata>")), QStringList());
+            QCOMPARE(bench.message(op, messagePath, messageXml("<msgdata><let_fail/></msgdata>")), QString());
         QCOMPARE(bench.log.lines(), QStringList());
-    }
-
-    void identifier_data()
-    {
-        QTest::addColumn<QString>("msgdata");
-        QTest::addColumn<QString>("identifier");
-        const auto row = [](const char *name, const char *msgdata, const char *identifier) {
-            QTest::newRow(name) << qs(msgdata) << qs(identifier);
-        };
-        row("empty child", "<msgdata><fan_not_running/></msgdata>", "fan_not_running");
-        row("child with content", "<msgdata><let_fail><let>3</let><channel>1</channel></let_fail></msgdata>",
-            "let_fail");
-        row("child with attribute", "<msgdata><let_fail let=\"3\"/></msgdata>", "let_fail");
-        row("first child of several", "<msgdata><fuse_broken/><let_fail/></msgdata>", "fuse_broken");
-        row("no child", "<msgdata/>", "");
-        row("text only", "<msgdata>fuse_broken</msgdata>", "");
-        row("text before the child", "<msgdata>x<fuse_broken/></msgdata>", "");
-        row("white space before the child", "<msgdata> <fuse_broken/></msgdata>", "");
-        row("comment before the child", "<msgdata><!-- --><fuse_broken/></msgdata>", "");
-        row("no msgdata", "", "");
-        row("other case", "<MsgData><fuse_broken/></MsgData>", "");
-        row("a later one overrides", "<msgdata><fuse_broken/></msgdata><msgdata><let_fail/></msgdata>", "let_fail");
-        row("a later empty one does not", "<msgdata><fuse_broken/></msgdata><msgdata/>", "fuse_broken");
-        row("deeper down", "<details><msgdata><fuse_broken/></msgdata></details>", "fuse_broken");
-        row("not a known identifier", "<msgdata><coffee_is_cold/></msgdata>", "coffee_is_cold");
     }
 
     void identifier()
     {
-        QFETCH(QString, msgdata);
-        QFETCH(QString, identifier);
-
-        FaultBench bench;
-        QCOMPARE(bench.message("create", messagePath, messageXml(msgdata.toUtf8())),
-                 QStringList{QStringLiteral("amp|7|%1|Fan stands still|1700000000|err on").arg(identifier)});
-    }
-
-    void leaves_data()
-    {
-        QTest::addColumn<QString>("rPath");
-        QTest::addColumn<QString>("data");
-        QTest::addColumn<QString>("report"); // empty: none
-        // clang-format off
-        const struct { const char *name; const char *predicates; const char *data; const char *report; } rows[] = {
-            {"leaves that are not there are empty", "[reporter='a'][rep_ref='b']",
-             "<sys_message><reporter>a</reporter><rep_ref>b</rep_ref></sys_message>", "a|b|||| on"},
-            {"texts come as they are", "[reporter=' a/b ]'][rep_ref='x y']",
-             "<sys_message><reporter> a/b ]</reporter><rep_ref>x y</rep_ref><text> Gr\xc3\xbc\xc3\x9f" "e &lt;1&gt; </text>"
-             "<timestamp> </timestamp><level>Err</level></sys_message>", " a/b ]|x y|| Gr\xc3\xbc\xc3\x9f" "e <1> | |Err on"},
-            {"keys from the path alone", "[reporter='amp'][rep_ref='7']", "<sys_message><level>crit</level></sys_message>", "amp|7||||crit on"},
-            {"one leaf", "[reporter='amp'][rep_ref='7']/text", "<text>Fan turns again</text>", ""},
-            {"no rep_ref", "[reporter='amp']", "<sys_message><reporter>amp</reporter><msgdata><let_fail/></msgdata></sys_message>", ""},
-            {"no reporter", "[rep_ref='7']", "<sys_message><rep_ref>7</rep_ref><msgdata><let_fail/></msgdata></sys_message>", ""},
-            {"neither", "", "<sys_message><text>x</text></sys_message>", ""},
-            {"no data", "", "", ""},
-            {"not well-formed", "[reporter='amp'][rep_ref='7']",
-             "<sys_message><reporter>amp</reporter><rep_ref>7</rep_ref><msgdata><let_fail/></msgdata><text>x</sys_message>", ""},
+        static constexpr const char *rows[][2] = {
+            {"<msgdata><fan_not_running/></msgdata>", "fan_not_running"},
+            {"<msgdata><let_fail><let>3</let><channel>1</channel></let_fail></msgdata>", "let_fail"},
+            {"<msgdata><let_fail let=\"3\"/></msgdata>", "let_fail"},
+            {"<msgdata><fuse_broken/><let_fail/></msgdata>", "fuse_broken"},
+            {"<msgdata/>", ""},
+            {"<msgdata>fuse_broken</msgdata>", ""},
+            {"<msgdata>x<fuse_broken/></msgdata>", ""},
+            {"<msgdata> <fuse_broken/></msgdata>", ""},
+            {"<msgdata><!-- --><fuse_broken/></msgdata>", ""},
+            {"", ""},
+            {"<MsgData><fuse_broken/></MsgData>", ""},
+            {"<msgdata><fuse_broken/></msgdata><msgdata><let_fail/></msgdata>", "let_fail"}, // a later one overrides
+            {"<msgdata><fuse_broken/></msgdata><msgdata/>", "fuse_broken"},                  // unless it is empty
+            {"<details><msgdata><fuse_broken/></msgdata></details>", "fuse_broken"},
+            {"<msgdata><coffee_is_cold/></msgdata>", "coffee_is_cold"}, // not a known one
         };
-        // clang-format on
-        for (const auto &row : rows)
-            QTest::newRow(row.name) << listPath + qs(row.predicates) << qs(row.data) << qs(row.report);
+        for (const auto &[msgdata, identifier] : rows) {
+            const AtRow at(msgdata);
+            FaultBench bench;
+            QCOMPARE(bench.message("create", messagePath, messageXml(msgdata)),
+                     qs("amp|7|%1|Fan stands still|1700000000|err on").arg(qs(identifier)));
+        }
     }
 
+    /// After a whole message, of which nothing may be left over.
     void leaves()
     {
-        QFETCH(QString, rPath);
-        QFETCH(QString, data);
-        QFETCH(QString, report);
-
-        FaultBench bench;
-        QCOMPARE(bench.message("create", messagePath, messageXml("<msgdata><let_fail/></msgdata>")).size(), 1);
-        for (const char *op : {"create", "replace"})
-            QCOMPARE(bench.message(op, rPath, data), report.isEmpty() ? QStringList() : QStringList{report});
-        QCOMPARE(bench.log.lines(), QStringList());
-    }
-
-    void deletedMessage_data()
-    {
-        QTest::addColumn<QString>("rPath");
-        QTest::addColumn<QStringList>("reported");
-        const auto row = [](const char *name, const QString &rPath, const char *report) {
-            QTest::newRow(name) << rPath << (report ? QStringList{qs(report)} : QStringList());
+        static constexpr struct {
+            const char *predicates;
+            const char *message;
+            const char *report;
+        } rows[] = {
+            {"[reporter='a'][rep_ref='b']", "<reporter>a</reporter><rep_ref>b</rep_ref>", "a|b|||| on"},
+            {"[reporter=' a/b ]'][rep_ref='x y']",
+             "<reporter> a/b ]</reporter><rep_ref>x y</rep_ref><text> K\xc3\xb6ln &lt;1&gt; </text>"
+             "<timestamp> </timestamp><level>Err</level>",
+             " a/b ]|x y|| K\xc3\xb6ln <1> | |Err on"},
+            {"[reporter='amp'][rep_ref='7']", "<level>crit</level>", "amp|7||||crit on"}, // keys from the path alone
+            {"[reporter='amp']", "<reporter>amp</reporter><msgdata><let_fail/></msgdata>", ""},
+            {"[rep_ref='7']", "<rep_ref>7</rep_ref><msgdata><let_fail/></msgdata>", ""},
+            {"", "<text>x</text>", ""},
+            {"[reporter='amp'][rep_ref='7']",
+             "<reporter>amp</reporter><rep_ref>7</rep_ref><msgdata><let_fail/></msgdata><text>not well-formed", ""},
         };
-        row("reporter first", listPath + qs("[reporter='amp'][rep_ref='7']"), "amp|7|||| off");
-        row("rep_ref first", listPath + qs("[rep_ref='7'][reporter='amp']"), "amp|7|||| off");
-        row("both in one predicate", listPath + qs("[reporter='amp' and rep_ref='7']"), "amp|7|||| off");
-        row("values with slash, bracket and blank", listPath + qs("[reporter='a/b ]'][rep_ref='x [1]']"),
-            "a/b ]|x [1]|||| off");
-        row("empty values", listPath + qs("[reporter=''][rep_ref='']"), "||||| off");
-        row("a value named like the other key", listPath + qs("[reporter='rep_ref'][rep_ref='reporter']"),
-            "rep_ref|reporter|||| off");
-        row("a list named like the second key", qs("/rep_refs/sys_message[reporter='amp'][rep_ref='7']"),
-            "amp|7|||| off");
-        row("a list named like the first key", qs("/reporters/sys_message[rep_ref='7'][reporter='amp']"),
-            "7|7|||| off");
-        row("one leaf, as the end of the message", messagePath + qs("/text"), "amp|7|||| off");
-        row("no predicate", listPath, nullptr);
-        row("empty path", QString(), nullptr);
-        row("reporter alone", listPath + qs("[reporter='amp']"), nullptr);
-        row("rep_ref alone", listPath + qs("[rep_ref='7']"), nullptr);
-        row("one apostrophe", listPath + qs("[reporter='amp"), nullptr);
-        row("neither name", listPath + qs("[kid='1'][id='2']"), nullptr);
-        row("a foreign second predicate", listPath + qs("[reporter='amp'][id='7']"), nullptr);
-        row("names in other case", listPath + qs("[Reporter='amp'][Rep_ref='7']"), nullptr);
-        row("no apostrophes", listPath + qs("[reporter=amp][rep_ref=7]"), nullptr);
-        row("path cut off behind the second name", listPath + qs("[rep_ref='7'][reporter="), nullptr);
-        row("path cut off behind the second name, reporter first", listPath + qs("[reporter='amp'][rep_ref="), nullptr);
+        for (const auto &row : rows) {
+            const AtRow at(row.message);
+            FaultBench bench;
+            QVERIFY(!bench.message("create", messagePath, messageXml("<msgdata><let_fail/></msgdata>")).isEmpty());
+            for (const char *op : {"create", "replace"})
+                QCOMPARE(bench.message(op, listPath + qs(row.predicates),
+                                       qs("<sys_message>%1</sys_message>").arg(qs(row.message))),
+                         qs(row.report));
+            QCOMPARE(bench.message("create", messagePath + qs("/text"), qs("<text>Fan turns again</text>")), QString());
+            QCOMPARE(bench.message("create", listPath, QString()), QString());
+            QCOMPARE(bench.log.lines(), QStringList());
+        }
     }
 
     void deletedMessage()
     {
-        QFETCH(QString, rPath);
-        QFETCH(QStringList, reported);
-
-        FaultBench bench;
-        QCOMPARE(bench.message("delete", rPath, messageXml("<msgdata><let_fail/></msgdata>")), reported);
-        QCOMPARE(bench.message("delete", rPath, QString()), reported); // the data is not looked at
-        QCOMPARE(bench.log.lines(), QStringList());
+        // clang-format off
+        static constexpr const char *rows[][2] = { // predicates, or a whole path
+            {"[reporter='amp'][rep_ref='7']",       "amp|7|||| off"},
+            {"[rep_ref='7'][reporter='amp']",       "amp|7|||| off"},
+            {"[reporter='amp' and rep_ref='7']",    "amp|7|||| off"},
+            {"[reporter='a/b ]'][rep_ref='x [1]']", "a/b ]|x [1]|||| off"},
+            {"[reporter=''][rep_ref='']",           "||||| off"},
+            {"[reporter='rep_ref'][rep_ref='reporter']", "rep_ref|reporter|||| off"},
+            {"[reporter='amp'][rep_ref='7']/text",  "amp|7|||| off"}, // one leaf, as the end of the message
+            {"/rep_refs/sys_message[reporter='amp'][rep_ref='7']",  "amp|7|||| off"}, // a list named like a key
+            {"/reporters/sys_message[rep_ref='7'][reporter='amp']", "7|7|||| off"},
+            {"", ""},
+            {"[reporter='amp']", ""},
+            {"[rep_ref='7']", ""},
+            {"[reporter='amp", ""},
+            {"[kid='1'][id='2']", ""},
+            {"[reporter='amp'][id='7']", ""},
+            {"[Reporter='amp'][Rep_ref='7']", ""},
+            {"[reporter=amp][rep_ref=7]", ""},
+            {"[rep_ref='7'][reporter=", ""},
+            {"[reporter='amp'][rep_ref=", ""},
+        };
+        // clang-format on
+        for (const auto &[text, report] : rows) {
+            const AtRow at(text);
+            FaultBench bench;
+            const QString path = *text == '/' ? qs(text) : listPath + qs(text);
+            for (const char *msgdata : {"<msgdata><let_fail/></msgdata>", ""}) // the data is not looked at
+                QCOMPARE(bench.message("delete", path, messageXml(msgdata)), qs(report));
+            QCOMPARE(bench.message("delete", path, QString()), qs(report));
+            QCOMPARE(bench.message("delete", QString(), QString()), QString());
+            QCOMPARE(bench.log.lines(), QStringList());
+        }
     }
 };
 

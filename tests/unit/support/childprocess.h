@@ -1,4 +1,4 @@
-// Runs a function in a child process and tells how the child ended and what it printed.
+// Runs a function in a child process; returns how the child ended and what it printed.
 #pragma once
 
 #include <QByteArray>
@@ -30,7 +30,7 @@ inline QByteArray contentOf(int descriptor)
     return content;
 }
 
-/// An exit() of the child must not run what the test program has registered for its own.
+/// An exit() of the child must not run the exit functions of the test program.
 inline void endAtOnce(int status, void *)
 {
     std::fflush(nullptr);

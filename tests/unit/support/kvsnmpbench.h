@@ -2,6 +2,7 @@
 // touched.
 #pragma once
 
+#include "support/files.h"
 #include "support/messagelog.h"
 #include "support/talbench.h"
 #include "support/talpeer.h"
@@ -13,34 +14,29 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 #include <QTemporaryDir>
 #include <QTimer>
-#include <QtTest>
 
 #include <memory>
 
-inline void writeFile(const QString &path, const QByteArray &content)
-{
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    QCOMPARE(file.write(content), qint64{content.size()});
-}
-
-/// The identity files, the GPIO tree and every path of the supervision in a folder of its own; commands do nothing.
+/// The identity files, the GPIO tree and every path of the supervision in a temporary folder; commands do nothing.
 class Device {
 public:
     explicit Device(int model)
     {
-        QDir(folder.path()).mkpath(QStringLiteral("etc"));
-        QDir(folder.path()).mkpath(QStringLiteral("snmp"));
-        writeFile(folder.filePath(qs("etc/xr-modelnumber")), QByteArray::number(model) + '\n');
-        writeFile(folder.filePath(qs("etc/xr-amptype")), "VQ9C\n");
-        writeFile(folder.filePath(qs("etc/xr-powertype")), "200\n");
-        writeFile(folder.filePath(qs("etc/xr-pkgver")), "1.2.3\n");
-        writeFile(folder.filePath(qs("etc/xr-model")), "Some Device\n");
-        writeFile(folder.filePath(qs("etc/xr-kernelver")), "5.10\n");
-        writeFile(folder.filePath(qs("etc/xr-oftreever")), "7\n");
+        for (const char *name : {"etc", "snmp"})
+            QDir(folder.path()).mkdir(qs(name));
+        const QByteArray files[][2] = {
+            {"modelnumber", QByteArray::number(model)},
+            {"amptype", "VQ9C"},
+            {"powertype", "200"},
+            {"pkgver", "1.2.3"},
+            {"model", "Some Device"},
+            {"kernelver", "5.10"},
+            {"oftreever", "7"},
+        };
+        for (const auto &[name, line] : files)
+            writeFile(folder.filePath(qs("etc/xr-") + qs(name)), line + '\n');
         qputenv("XR_GPIO_ROOT", QFile::encodeName(folder.filePath(qs("gpio"))));
         watchdogFile = QFile::encodeName(folder.filePath(qs("watchdog")));
     }
@@ -63,7 +59,7 @@ public:
     QByteArray watchdogFile;
 };
 
-/// An application object on a device of its own.
+/// An application object on a new device.
 class Bench {
 public:
     explicit Bench(int model, TalPeer::Start start = TalPeer::Start::NotListening)

@@ -1,6 +1,7 @@
-// A settings handler on the bench: files in a folder of its own, commands and system log lines only written down.
+// A settings handler on the bench: files in a temporary folder, commands and system log lines only written down.
 #pragma once
 
+#include "support/files.h"
 #include "support/talbench.h"
 
 #include "agent/kvagent.h"
@@ -9,15 +10,22 @@
 
 #include <QAbstractEventDispatcher>
 #include <QDir>
-#include <QFile>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTimer>
-#include <QtTest>
 
 #include <functional>
 
 #include <syslog.h>
+
+inline QString logEvent(int priority, const char *text)
+{
+    return qs("log(%1): %2").arg(QString::number(priority), qs(text));
+}
+
+inline const QString settledEvent = logEvent(LOG_INFO, "Tal System Config settled");
+inline const QString killallEvent = qs("run: killall|snmpd");
+inline const QString finishEvent = qs("finish");
 
 /// Nothing leaves the bench: what the handler would have run or logged becomes one event text each, in order.
 class SnmpdBench {
@@ -32,7 +40,7 @@ public:
         tal.log.takeLines();
         handler.reset(new SnmpdConfHandler(nullptr, &tal.handler, host()));
         QObject::connect(handler.data(), &SnmpdConfHandler::signalSnmpdConfFinish, handler.data(),
-                         [this] { events.append(QStringLiteral("finish")); });
+                         [this] { events.append(finishEvent); });
     }
     ~SnmpdBench()
     {
@@ -42,19 +50,32 @@ public:
     SnmpdBench(const SnmpdBench &) = delete;
     SnmpdBench &operator=(const SnmpdBench &) = delete;
 
-    /// The usual settings with read access, and no custom file, as the data service tells them at its start.
-    void deliverSettings()
+    /// One signal of the data service's client: "mib2 NAME LOCATION CONTACT", "access COMMUNITY ACCESS IP IPV6 PORT",
+    /// "trap ADDRESS INFORM", "version 1 1 0", "custom 1". An empty text is a "-".
+    void change(const char *signal)
     {
-        Q_EMIT tal.handler.signalSnmpdConfMib2Settings({qs("amp-1"), qs("cellar"), qs("ops")});
-        Q_EMIT tal.handler.signalSnmpdConfAccessSettings(access());
-        Q_EMIT tal.handler.signalSnmpdConfTrapSettings({qs("192.0.2.7"), qs("192.0.2.8")});
-        Q_EMIT tal.handler.signalSnmpdConfVersionSettings({false, true, false});
-        Q_EMIT tal.handler.signalSnmpdConfUseCustomConfFile(false);
+        QStringList words = qs(signal).split(QLatin1Char(' '));
+        words.replaceInStrings(QRegularExpression(qs("^-$")), QString());
+        const QString kind = words.takeFirst();
+        const auto isOn = [&](int place) { return words[place] == QLatin1String("1"); };
+        if (kind == qs("mib2"))
+            Q_EMIT tal.handler.signalSnmpdConfMib2Settings({words[0], words[1], words[2]});
+        else if (kind == qs("access"))
+            Q_EMIT tal.handler.signalSnmpdConfAccessSettings({words[0], words[1], words[2], words[3], words[4]});
+        else if (kind == qs("trap"))
+            Q_EMIT tal.handler.signalSnmpdConfTrapSettings({words[0], words[1]});
+        else if (kind == qs("version"))
+            Q_EMIT tal.handler.signalSnmpdConfVersionSettings({isOn(0), isOn(1), isOn(2)});
+        else
+            Q_EMIT tal.handler.signalSnmpdConfUseCustomConfFile(isOn(0));
     }
 
-    static SnmpAccessSettings access()
+    /// The usual settings with read access, as the data service delivers them at its start.
+    void deliverSettings(const char *custom = "custom 0")
     {
-        return {qs("public"), qs("Read"), qs("192.0.2.1"), qs("2001:db8::1"), qs("161")};
+        for (const char *signal : {"mib2 amp-1 cellar ops", "access public Read 192.0.2.1 2001:db8::1 161",
+                                   "trap 192.0.2.7 192.0.2.8", "version 0 1 0", custom})
+            change(signal);
     }
 
     /// One of the handler's timers, by its interval.
@@ -69,7 +90,7 @@ public:
     QTimer *restartTimer() const { return timer(500); }
     QTimer *watchdogTimer() const { return timer(600000); }
 
-    /// Lets the running countdown of a timer last a minute, so that a start anew is seen without waiting.
+    /// Lets the running countdown of a timer last a minute, so that a new start shows without waiting.
     static void prolong(QTimer *timer)
     {
         auto *dispatcher = QAbstractEventDispatcher::instance();
@@ -81,29 +102,16 @@ public:
     /// Runs the settings timer out at once.
     void settle() { handler->slotSnmpdConfSysSettingUpdate(); }
 
-    QByteArray configText() const { return read(configFile); }
-
-    static QByteArray read(const QString &path)
-    {
-        QFile file(path);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(cannot be read)");
-    }
-    static void write(const QString &path, const QByteArray &text)
-    {
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        QCOMPARE(file.write(text), qint64{text.size()});
-    }
-
+    QByteArray configText() const { return readFile(configFile); }
+    QString startEvent() const { return qs("start: snmpd|-p|") + pidFile; }
     int count(const QString &event) const { return static_cast<int>(events.count(event)); }
 
-    /// The agent's record is there from now on; its system name starts as "before".
+    /// The agent's record exists from now on; its system name starts as "before".
     void startAgent()
     {
         copyBounded(agent.systemName, "before");
         kvAgent = &agent;
     }
-    QString agentName() const { return QString::fromLatin1(agent.systemName); }
 
     QTemporaryDir dir;
     QString folder;
@@ -150,11 +158,7 @@ private:
                 events.append(qs("probe(%1): %2").arg(QString::number(timeoutMs), words(command)));
                 return probeOutput;
             },
-            [this](int priority, const QByteArray &text) {
-                events.append(qs("log(%1): %2").arg(QString::number(priority), QString::fromUtf8(text)));
-            },
+            [this](int priority, const QByteArray &text) { events.append(logEvent(priority, text.constData())); },
         };
     }
 };
-
-inline const QString settledEvent = qs("log(%1): Tal System Config settled").arg(LOG_INFO);

@@ -11,15 +11,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-/// Takes the file's folder its write permission, until it is destroyed. The folder above, root's own in a test that
-/// root runs, can be entered by everybody from then on.
+/// The file's folder is read-only until this object is destroyed. Everybody may enter the folder above from then on.
 class Undeletable {
 public:
-    explicit Undeletable(const QString &path) : m_folder(QFile::encodeName(QFileInfo(path).path()))
+    /// If root runs the test, `owner` becomes the file's owner.
+    explicit Undeletable(const QString &path, uid_t owner = AsOrdinaryUser::nobody)
+        : m_folder(QFile::encodeName(QFileInfo(path).path()))
     {
         const QByteArray above = QFile::encodeName(QFileInfo(QFile::decodeName(m_folder)).path());
         if (geteuid() == 0)
-            QCOMPARE(lchown(QFile::encodeName(path).constData(), AsOrdinaryUser::nobody, 0), 0);
+            QCOMPARE(lchown(QFile::encodeName(path).constData(), owner, 0), 0);
         QCOMPARE(chmod(above.constData(), 0711), 0);
         QCOMPARE(chmod(m_folder.constData(), 0555), 0);
     }
