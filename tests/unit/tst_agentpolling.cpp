@@ -144,22 +144,6 @@ private Q_SLOTS:
         kvAgent->sendTrap = realSender;
     }
 
-    void trapsBeyondOnePassGoOutWithTheNext()
-    {
-        Bench &bench = serving();
-        callSession(SNMPD_CALLBACK_INDEX_START);
-        enableTrap(bench, "Cooling Fan Fault");
-        QCoreApplication::processEvents();
-        bench.poll();
-        bench.log.takeLines();
-        const auto sent = [&bench] { return bench.log.lines().filter(qs("->Send SUCCESS")).size(); };
-        for (int i = 0; i < 410; ++i)
-            raiseFault(bench, qs("fault %1").arg(i));
-        QCOMPARE(sent(), 200);
-        QTRY_COMPARE(sent(), 410);
-        callSession(SNMPD_CALLBACK_INDEX_STOP);
-    }
-
 private:
     Bench &serving()
     {

@@ -1,5 +1,6 @@
 // The watch over the agent library's descriptors: they come, go and come back under the same number.
 #include "support/messagelog.h"
+#include "support/socketpair.h"
 #include "support/testprogram.h"
 
 #include "app/descriptorwatch.h"
@@ -9,40 +10,6 @@
 #include <QtTest>
 
 #include <array>
-#include <fcntl.h>
-#include <unistd.h>
-
-namespace {
-
-/// A pipe with one byte in it on demand.
-class Pipe {
-public:
-    Pipe()
-    {
-        if (pipe2(m_ends.data(), O_CLOEXEC | O_NONBLOCK) != 0)
-            qFatal("no pipe");
-    }
-    ~Pipe()
-    {
-        close(m_ends[0]);
-        close(m_ends[1]);
-    }
-    Pipe(const Pipe &) = delete;
-    Pipe &operator=(const Pipe &) = delete;
-
-    int readingEnd() const { return m_ends[0]; }
-    bool put() const { return write(m_ends[1], "x", 1) == 1; }
-    bool take() const
-    {
-        char byte = 0;
-        return read(m_ends[0], &byte, 1) == 1;
-    }
-
-private:
-    std::array<int, 2> m_ends{};
-};
-
-} // namespace
 
 class TestDescriptorWatch : public QObject {
     Q_OBJECT
@@ -65,9 +32,9 @@ private Q_SLOTS:
 
     void wakesWhileItIsReadable()
     {
-        const Pipe one;
-        const Pipe two;
-        m_watch->watch(std::array{one.readingEnd(), two.readingEnd()});
+        const SocketPair one;
+        const SocketPair two;
+        m_watch->watch(std::array{one.nearEnd(), two.nearEnd()});
         QVERIFY(isSilent());
         QVERIFY(two.put());
         QTRY_VERIFY(m_readable->count() >= 3);
@@ -80,10 +47,10 @@ private Q_SLOTS:
 
     void sameSetKeepsTheNotifiers()
     {
-        const Pipe pipe;
-        m_watch->watch(std::array{pipe.readingEnd()});
+        const SocketPair pipe;
+        m_watch->watch(std::array{pipe.nearEnd()});
         const auto *before = m_watch->findChild<QSocketNotifier *>();
-        m_watch->watch(std::array{pipe.readingEnd()});
+        m_watch->watch(std::array{pipe.nearEnd()});
         QCOMPARE(m_watch->findChild<QSocketNotifier *>(), before);
         QCOMPARE(notifiers(), 1);
     }
@@ -91,8 +58,8 @@ private Q_SLOTS:
     void descriptorThatCameBackUnderItsNumber()
     {
         for (const bool loopTurnsBetween : {false, true}) {
-            auto pipe = std::make_unique<Pipe>();
-            const int number = pipe->readingEnd();
+            auto pipe = std::make_unique<SocketPair>();
+            const int number = pipe->nearEnd();
             m_watch->watch(std::array{number});
             pipe.reset();
             if (loopTurnsBetween) { // Qt switches the notifier off
@@ -100,8 +67,8 @@ private Q_SLOTS:
                 QVERIFY(!m_watch->findChild<QSocketNotifier *>()->isEnabled());
                 QCOMPARE(m_log->takeLines().size(), 1); // and warns
             }
-            pipe = std::make_unique<Pipe>();
-            QCOMPARE(pipe->readingEnd(), number);
+            pipe = std::make_unique<SocketPair>();
+            QCOMPARE(pipe->nearEnd(), number);
             m_watch->watch(std::array{number});
             QVERIFY(wakes(*pipe));
         }
@@ -109,12 +76,12 @@ private Q_SLOTS:
 
     void changeFromItsOwnSlot()
     {
-        auto first = std::make_unique<Pipe>();
-        const Pipe second;
-        m_watch->watch(std::array{first->readingEnd()});
+        auto first = std::make_unique<SocketPair>();
+        const SocketPair second;
+        m_watch->watch(std::array{first->nearEnd()});
         connect(m_watch.get(), &DescriptorWatch::readable, m_watch.get(), [&] {
             first.reset();
-            m_watch->watch(std::array{second.readingEnd()});
+            m_watch->watch(std::array{second.nearEnd()});
         });
         QVERIFY(first->put());
         QTRY_VERIFY(!first);
@@ -124,13 +91,13 @@ private Q_SLOTS:
 
     void manyChangesLeaveNothingBehind()
     {
-        const Pipe stays;
+        const SocketPair stays;
         for (int round = 0; round < 200; ++round) {
-            const Pipe comes;
-            m_watch->watch(std::array{stays.readingEnd(), comes.readingEnd()});
+            const SocketPair comes;
+            m_watch->watch(std::array{stays.nearEnd(), comes.nearEnd()});
             QVERIFY(comes.put());
             QCoreApplication::processEvents();
-            m_watch->watch(std::array{stays.readingEnd()});
+            m_watch->watch(std::array{stays.nearEnd()});
             QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         }
         QTRY_COMPARE(notifiers(), 1);
@@ -148,7 +115,7 @@ private:
         return m_readable->isEmpty();
     }
 
-    bool wakes(const Pipe &pipe)
+    bool wakes(const SocketPair &pipe)
     {
         m_readable->clear();
         return pipe.put() && QTest::qWaitFor([this] { return !m_readable->isEmpty(); }) && pipe.take();

@@ -185,33 +185,28 @@ void serveAsModel(std::uint32_t model)
                 AllocationCount::total() - allocatedByLibrary, allocatedByLibrary);
 }
 
+int throughAgentLibrary()
+{
+    netsnmp_variable_list variable{};
+    const char longText[64] = "longer than what the variable itself holds";
+    const int result = __real_snmp_set_var_typed_value(&variable, ASN_OCTET_STR, longText, sizeof longText);
+    snmp_reset_var_buffers(&variable);
+    return result;
+}
+
 /// Ways to allocate, by whichever library.
 constexpr struct {
     const char *name;
     int (*function)();
     bool allocates;
 } ways[] = {
-    {"malloc",
-     [] {
-         void *volatile block = std::malloc(1);
-         std::free(block);
-         return 1;
-     },
-     true},
+    {"malloc", [] { return int{*std::unique_ptr<char, decltype(&std::free)>(strdup("a text"), std::free)}; }, true},
     {"new", [] { return int{*std::unique_ptr<volatile int>(new volatile int(1))}; }, true},
     {"inside the C++ library",
      [] { return int{std::string(static_cast<std::size_t>(std::getenv("PATH") != nullptr ? 100 : 200), 'x').back()}; },
      true},
     {"inside Qt", [] { return QString::fromLatin1("a text").size(); }, true},
-    {"inside the agent library",
-     [] {
-         netsnmp_variable_list variable{};
-         const char longText[64] = "longer than what the variable itself holds";
-         const int result = __real_snmp_set_var_typed_value(&variable, ASN_OCTET_STR, longText, sizeof longText);
-         snmp_reset_var_buffers(&variable);
-         return result;
-     },
-     true},
+    {"inside the agent library", throughAgentLibrary, true},
     {"a line to standard output", [] { return std::puts(""); }, false},
 };
 } // namespace

@@ -5,7 +5,6 @@
 #include "support/messagelog.h"
 #include "support/testprogram.h"
 
-#include <QRegularExpression>
 #include <QtTest>
 
 #include <cerrno>
@@ -65,14 +64,17 @@ private Q_SLOTS:
 
     void line()
     {
+        const QDateTime before = QDateTime::currentDateTime();
         Trace::logId(1, 1, text("Class"), text("function"), text("third"), text("message"));
+        const QDateTime after = QDateTime::currentDateTime();
         const QString expected = text("    1 ") + text("Class").leftJustified(30) + QLatin1Char(' ') +
                                  text("function").leftJustified(20) + QLatin1Char(' ') +
                                  text("third").leftJustified(20) + QLatin1Char(' ') +
                                  text("message").leftJustified(80) + text(", tid=1, ");
         QVERIFY2(m_lines.last().startsWith(expected), qPrintable(m_lines.last()));
-        const QRegularExpression time(text("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}$"));
-        QVERIFY2(time.match(m_lines.last().mid(expected.size())).hasMatch(), qPrintable(m_lines.last()));
+        const QString stamp = m_lines.last().mid(expected.size());
+        const QDateTime time = QDateTime::fromString(stamp, text("yyyy-MM-dd HH:mm:ss.zzz"));
+        QVERIFY2(stamp.size() == 23 && before <= time && time <= after, qPrintable(stamp));
 
         Trace::linenumber = 123456;
         logs("message");
@@ -217,16 +219,7 @@ private Q_SLOTS:
         }
     }
 
-    void timestampForm()
-    {
-        const QDateTime before = QDateTime::currentDateTime();
-        const QString stamp = text(updateTimestamp());
-        const QDateTime after = QDateTime::currentDateTime();
-        const QDateTime time = QDateTime::fromString(stamp, text("yyyy-MM-dd HH:mm:ss.zzz"));
-        QVERIFY2(time.isValid(), qPrintable(stamp));
-        QVERIFY(before <= time && time <= after);
-        QVERIFY(updateTimestamp() == updateTimestamp()); // one shared buffer
-    }
+    void timestampHasOneBuffer() { QVERIFY(updateTimestamp() == updateTimestamp()); }
 
     void inertSwitches() { QVERIFY(!Trace::syncLogging && !Trace::blockOnFullQueue); }
 

@@ -1,6 +1,7 @@
 // The way to the master, every state by every event: where the gate goes, and what becomes of the faults that are
 // there. The gate, the sender and the fault list are the real ones; the library's sending end is replaced here.
 #include "support/agentbench.h"
+#include "support/socketpair.h"
 #include "support/testprogram.h"
 
 #include "agent/modules.h"
@@ -10,11 +11,6 @@
 #include <QtTest>
 
 #include <functional>
-#include <string>
-
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace {
 using State = TrapGate::State;
@@ -44,47 +40,6 @@ struct Step {
 
 QStringList sent; // the descriptions, in order
 
-/// A connection to a master that reads on demand.
-class Connection {
-public:
-    Connection()
-    {
-        if (socketpair(AF_UNIX, SOCK_STREAM, 0, m_ends) != 0)
-            qFatal("no socket pair");
-    }
-    ~Connection()
-    {
-        hangUp();
-        close(m_ends[0]);
-    }
-    Connection(const Connection &) = delete;
-    Connection &operator=(const Connection &) = delete;
-
-    int socket() const { return m_ends[0]; }
-
-    void fill()
-    {
-        const std::string unread(1000, 'x');
-        pollfd writable = {m_ends[0], POLLOUT, 0};
-        while (poll(&writable, 1, 0) == 1 && write(m_ends[0], unread.data(), unread.size()) > 0) {
-        }
-    }
-    void read()
-    {
-        char taken[1000];
-        while (m_ends[1] >= 0 && recv(m_ends[1], taken, sizeof(taken), MSG_DONTWAIT) > 0) {
-        }
-    }
-    void hangUp()
-    {
-        if (m_ends[1] >= 0)
-            close(m_ends[1]);
-        m_ends[1] = -1;
-    }
-
-private:
-    int m_ends[2] = {-1, -1};
-};
 } // namespace
 
 extern "C" void send_v2trap(netsnmp_variable_list *variables)
@@ -102,9 +57,9 @@ private Q_SLOTS:
     {
         agent.sendTrap = sendTrap;
         kvAgent = &agent;
-        master.reset(new Connection);
+        master.reset(new SocketPair);
         handler.reset(new FaultHandler(nullptr));
-        gate.openSession(master->socket());
+        gate.openSession(master->nearEnd());
         enable("LET Fault", true);
         QCoreApplication::processEvents();
         handler->installEventFilter(this);
@@ -152,7 +107,7 @@ private Q_SLOTS:
     {
         bringTo(State::MasterSlow);
         raise("short");
-        master->hangUp();
+        master->closeFarEnd();
         clear("short");
         reopen();
         QCOMPARE(sent, QStringList());
@@ -178,7 +133,7 @@ private Q_SLOTS:
         gate.endPass();
         QCOMPARE(gate.state(), State::MasterSlow);
 
-        master->read();
+        master->drain();
         QVERIFY(!gate.admit()); // so that whoever was refused sees why
         QCOMPARE(gate.state(), State::MasterSlow);
         gate.endPass();
@@ -237,9 +192,12 @@ private:
     QVector<Step> states()
     {
         return {
-            {"no session", [this] { gate.closeSession(); }}, {"master ending", [this] { gate.setMasterEnding(true); }},
-            {"master gone", [this] { master->hangUp(); }},   {"master slow", [this] { master->fill(), gate.admit(); }},
-            {"pass full", [this] { admitAll(); }},           {"open", [] {}},
+            {"no session", [this] { gate.closeSession(); }},
+            {"master ending", [this] { gate.setMasterEnding(true); }},
+            {"master gone", [this] { master->closeFarEnd(); }},
+            {"master slow", [this] { master->fill(), gate.admit(); }},
+            {"pass full", [this] { admitAll(); }},
+            {"open", [] {}},
         };
     }
 
@@ -254,7 +212,7 @@ private:
             {"read and pass", [this] { readAndPass(); }},
             {"session opens", [this] { openAnother(); }},
             {"session closes", [this] { gate.closeSession(); }},
-            {"master hangs up", [this] { master->hangUp(); }},
+            {"master hangs up", [this] { master->closeFarEnd(); }},
             {"ordered to end", [this] { gate.setMasterEnding(true); }},
             {"started", [this] { gate.setMasterEnding(false); }},
         };
@@ -278,15 +236,15 @@ private:
     /// The master reads all that it was sent, then a pass ends.
     void readAndPass()
     {
-        master->read();
+        master->drain();
         gate.endPass();
     }
 
     void openAnother()
     {
         earlier.reset(master.take());
-        master.reset(new Connection);
-        gate.openSession(master->socket());
+        master.reset(new SocketPair);
+        gate.openSession(master->nearEnd());
     }
 
     void meet(State state, int event, const QString &cell)
@@ -346,8 +304,8 @@ private:
 
     KvAgent agent{};
     TrapGate &gate = trapGate();
-    QScopedPointer<Connection> master;
-    QScopedPointer<Connection> earlier;
+    QScopedPointer<SocketPair> master;
+    QScopedPointer<SocketPair> earlier;
     QScopedPointer<FaultHandler> handler;
     int runs = 0;
 };
