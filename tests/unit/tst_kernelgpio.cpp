@@ -60,8 +60,7 @@ QString u(const char *text)
 
 /// Steps on a tree: "line N VALUE", "chip BASE LABEL [BASE TEXT]", "write FILE TEXT", "remove NAME", "folder NAME",
 /// "tree gone" and "tree back"; "read ID" reads line ID of the controller, "read ID@21" and "read ID@22" of an
-/// expander, and
-/// "-> VALUE [NUMBER]" is what it reads and what was exported since the last read.
+/// expander, and "-> VALUE [NUMBER]" is what it reads and what was exported since the last read.
 struct Script {
     const char *name;
     const char *steps;
@@ -70,138 +69,65 @@ struct Script {
 // clang-format off
 const Script scripts[] = {
     {"values change", R"(
-        line 168 0
-        read 168 -> 0
-        write gpio168/value 1
-        read 168 -> 1
-        write gpio168/value 0
-        read 168 -> 0
+        line 168 0; read 168 -> 0
+        write gpio168/value 1; read 168 -> 1
+        write gpio168/value 0; read 168 -> 0
     )"},
     {"an unreadable line is not exported", R"(
-        line 168 0
-        read 168 -> 0
-        remove gpio168/value
-        read 168 -> 255
-        folder gpio168/value
-        read 168 -> 255
-        remove gpio168/value
-        write gpio168/value 1
-        read 168 -> 1
+        line 168 0; read 168 -> 0
+        remove gpio168/value; read 168 -> 255
+        folder gpio168/value; read 168 -> 255
+        remove gpio168/value; write gpio168/value 1; read 168 -> 1
     )"},
     {"exported once, and once more each time it goes", R"(
-        read 168 -> 255 168
-        read 168 -> 255
-        read 168 -> 255
-        line 168 1
-        read 168 -> 1
-        remove gpio168
-        read 168 -> 255 168
-        read 168 -> 255
-        line 168 0
-        read 168 -> 0
-        remove gpio168
-        read 168 -> 255 168
-        read 168 -> 255
+        read 168 -> 255 168; read 168 -> 255; read 168 -> 255
+        line 168 1; read 168 -> 1
+        remove gpio168; read 168 -> 255 168; read 168 -> 255
+        line 168 0; read 168 -> 0
+        remove gpio168; read 168 -> 255 168; read 168 -> 255
     )"},
     {"the tree goes and comes back: nothing is made that is not there, and the export is still owed", R"(
-        line 168 0
-        read 168 -> 0
-        tree gone
-        read 168 -> 255 (no file)
-        read 168 -> 255 (no file)
-        tree back
-        read 168 -> 255 (no file)
-        write export
-        read 168 -> 255 168
-        line 168 1
-        read 168 -> 1
+        line 168 0; read 168 -> 0
+        tree gone; read 168 -> 255 (no file); read 168 -> 255 (no file)
+        tree back; read 168 -> 255 (no file)
+        write export; read 168 -> 255 168
+        line 168 1; read 168 -> 1
     )"},
-    {"a line below 0", R"(
-        read -1 -> 255
-    )"},
+    {"a line below 0", "read -1 -> 255"},
     {"an expander's line is its number behind the chip's base", R"(
-        chip 0 soc
-        chip 464 1-0020
-        chip 480 pca9555 1-0021
-        chip 496 1-0022
-        chip 512 1-0021x
-        line 480 1
-        read 176@21 -> 1
-        line 495 1
-        read 191@21 -> 1
-        line 496 1
-        read 192@22 -> 1
-        line 511 1
-        read 207@22 -> 1
-        line 176 1
-        read 176 -> 1
-        line 474 1
-        read 170@21 -> 1
+        chip 0 soc; chip 464 1-0020; chip 480 pca9555 1-0021; chip 496 1-0022; chip 512 1-0021x
+        line 480 1; read 176@21 -> 1; line 495 1; read 191@21 -> 1
+        line 496 1; read 192@22 -> 1; line 511 1; read 207@22 -> 1
+        line 176 1; read 176 -> 1; line 474 1; read 170@21 -> 1
     )"},
     {"an expander that is missing, or has no base", R"(
-        line 176 1
-        chip 400 1-0022
-        read 176@21 -> 255
-        chip 480 1-0021
-        write gpiochip480/base nonsense
-        read 176@21 -> 255
-        chip 480 1-0021
-        line 480 0
-        read 176@21 -> 0
+        line 176 1; chip 400 1-0022; read 176@21 -> 255
+        chip 480 1-0021; write gpiochip480/base nonsense; read 176@21 -> 255
+        chip 480 1-0021; line 480 0; read 176@21 -> 0
     )"},
     {"an expander with a new base", R"(
-        chip 480 1-0021
-        line 481 1
-        read 177@21 -> 1
-        remove gpiochip480
-        remove gpio481
-        read 177@21 -> 255
-        chip 300 1-0021
-        line 301 0
-        read 177@21 -> 0
+        chip 480 1-0021; line 481 1; read 177@21 -> 1
+        remove gpiochip480; remove gpio481; read 177@21 -> 255
+        chip 300 1-0021; line 301 0; read 177@21 -> 0
     )"},
     {"expanders with swapped bases: the first to be read exports its line", R"(
-        chip 400 1-0021
-        chip 500 1-0022
-        line 404 0
-        line 504 1
-        read 180@21 -> 0
-        read 196@22 -> 1
-        remove gpiochip400
-        remove gpiochip500
-        remove gpio404
-        remove gpio504
-        chip 400 1-0022
-        chip 500 1-0021
-        read 196@22 -> 255 404
-        line 404 1
-        read 180@21 -> 255 504
-        line 504 0
-        read 180@21 -> 0
-        read 196@22 -> 1
+        chip 400 1-0021; chip 500 1-0022; line 404 0; line 504 1; read 180@21 -> 0; read 196@22 -> 1
+        remove gpiochip400; remove gpiochip500; remove gpio404; remove gpio504
+        chip 400 1-0022; chip 500 1-0021; read 196@22 -> 255 404
+        line 404 1; read 180@21 -> 255 504
+        line 504 0; read 180@21 -> 0; read 196@22 -> 1
     )"},
     {"a new base of a line that never came is another line", R"(
-        chip 400 1-0021
-        read 180@21 -> 255 404
-        write gpiochip400/base 500
-        read 180@21 -> 255 504
-        read 180@21 -> 255
+        chip 400 1-0021; read 180@21 -> 255 404
+        write gpiochip400/base 500; read 180@21 -> 255 504; read 180@21 -> 255
     )"},
     {"a chip that goes takes its lines along", R"(
-        chip 400 1-0021
-        line 404 1
-        read 180@21 -> 1
-        remove gpiochip400
-        read 180@21 -> 255
-        chip 400 1-0021
-        read 180@21 -> 1
+        chip 400 1-0021; line 404 1; read 180@21 -> 1
+        remove gpiochip400; read 180@21 -> 255
+        chip 400 1-0021; read 180@21 -> 1
     )"},
-    {"an expander's line is exported by its own number, once", R"(
-        chip 480 1-0022
-        read 195@22 -> 255 483
-        read 195@22 -> 255
-        read 195@22 -> 255
-    )"},
+    {"an expander's line is exported by its own number, once",
+     "chip 480 1-0022; read 195@22 -> 255 483; read 195@22 -> 255; read 195@22 -> 255"},
 };
 // clang-format on
 
@@ -211,51 +137,115 @@ class TestKernelGpio : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void values_data()
-    {
-        QTest::addColumn<QByteArray>("text");
-        QTest::addColumn<uint>("value");
-        QTest::newRow("0") << QByteArray("0\n") << 0U;
-        QTest::newRow("1") << QByteArray("1\n") << 1U;
-        QTest::newRow("0 without a line end") << QByteArray("0") << 0U;
-        QTest::newRow("1 without a line end") << QByteArray("1") << 1U;
-        QTest::newRow("2") << QByteArray("2\n") << 255U;
-        QTest::newRow("11") << QByteArray("11\n") << 255U;
-        QTest::newRow("01") << QByteArray("01\n") << 255U;
-        QTest::newRow("-1") << QByteArray("-1\n") << 255U;
-        QTest::newRow("two lines") << QByteArray("1\n1\n") << 255U;
-        QTest::newRow("words") << QByteArray("high\n") << 255U;
-        QTest::newRow("empty") << QByteArray("") << 255U;
-        QTest::newRow("line end only") << QByteArray("\n") << 255U;
-        QTest::newRow("NUL after it") << QByteArray("1\0", 2) << 255U;
-        QTest::newRow("a long text") << QByteArray("1").leftJustified(100000, ' ') << 255U;
-        QTest::newRow("a long text of zeros") << QByteArray(100000, '0') << 255U;
-    }
-
     void values()
     {
-        QFETCH(QByteArray, text);
-        QFETCH(uint, value);
+        const auto valueOf = [](const QByteArray &text) {
+            const GpioFolder tree;
+            tree.addOutput(168, text);
+            Gpio gpio(nullptr, line(168), GPIO_DIRECTION_AS_IS, GPIO_EDGE_BOTH);
+            return gpio.getGpioInOutValue();
+        };
+        for (const char *end : {"", "\n"}) {
+            QCOMPARE(valueOf(QByteArray("0") + end), 0U);
+            QCOMPARE(valueOf(QByteArray("1") + end), 1U);
+        }
+        const QByteArray others[] = {"2\n",
+                                     "11\n",
+                                     "01\n",
+                                     "-1\n",
+                                     "1\n1\n",
+                                     "high\n",
+                                     "",
+                                     "\n",
+                                     QByteArray("1\0", 2),
+                                     QByteArray("1").leftJustified(100000, ' '),
+                                     QByteArray(100000, '0')};
+        for (const QByteArray &other : others) {
+            const AtRow at(other);
+            QCOMPARE(valueOf(other), 255U);
+        }
+    }
+
+    void linesComeAndGo()
+    {
+        for (const Script &script : scripts) {
+            const AtRow at(script.name);
+            run(script.steps);
+        }
+    }
+
+    void nothingIsTouchedBeforeTheFirstRead()
+    {
         const GpioFolder tree;
-        tree.addOutput(168, text);
-        Gpio gpio(nullptr, line(168), GPIO_DIRECTION_AS_IS, GPIO_EDGE_BOTH);
-        QCOMPARE(gpio.getGpioInOutValue(), value);
+        tree.addOutput(180, "0\n");
+        AccessLog log({tree.root(), tree.path(u("gpio180"))});
+        Gpio gpio(nullptr, line(180), GPIO_DIRECTION_IN, GPIO_EDGE_BOTH);
+        gpio.setI2c0021(); // else the controller's own line 180 would have been turned into an input
+        QCOMPARE(log.take(), QStringList());
     }
 
-    void script_data()
+    void directionAndEdge()
     {
-        QTest::addColumn<QString>("steps");
-        for (const Script &script : scripts)
-            QTest::newRow(script.name) << u(script.steps);
+        // clang-format off
+        static constexpr struct { int direction, edge; const char *directionText, *edgeText; } rows[] = {
+            {0, 0, "in", "none"},      {0, 1, "in", "rising"},    {0, 2, "in", "falling"},   {0, 3, "in", "both"},
+            {0, 4, "in", "none\n"}, // no such edge: as it was
+            {1, 0, "out", "none"},
+            {2, 0, "out\n", "none\n"}, {2, 1, "out\n", "none\n"}, {2, 2, "out\n", "none\n"}, {2, 3, "out\n", "none\n"}, // as it is
+        };
+        // clang-format on
+        for (const auto &row : rows) {
+            const GpioFolder tree;
+            Gpio gpio(nullptr, line(168), static_cast<GpioDirections>(row.direction), static_cast<GpioEdges>(row.edge));
+            for (int appearance = 0; appearance < 2; ++appearance) { // and again when it comes back
+                tree.addOutput(168, "1\n");
+                AccessLog log({tree.path(u("gpio168"))});
+                QCOMPARE(gpio.getGpioInOutValue(), 1U);
+                QCOMPARE(gpio.getGpioInOutValue(), 1U);
+                if (row.direction == GPIO_DIRECTION_AS_IS)
+                    QCOMPARE(log.take().filter(QRegularExpression(u("direction|edge|write"))), QStringList());
+                QCOMPARE(tree.text(u("gpio168/direction")), QByteArray(row.directionText));
+                QCOMPARE(tree.text(u("gpio168/edge")), QByteArray(row.edgeText));
+                tree.remove(u("gpio168"));
+                QCOMPARE(gpio.getGpioInOutValue(), 255U);
+            }
+        }
     }
 
-    void script()
+    void oneReadAndNothingElse()
     {
-        QFETCH(QString, steps);
+        const GpioFolder tree;
+        tree.addOutput(168, "1\n");
+        Gpio gpio(nullptr, line(168), GPIO_DIRECTION_IN, GPIO_EDGE_BOTH);
+        QCOMPARE(gpio.getGpioInOutValue(), 1U);
+        AccessLog log({tree.root(), tree.path(u("gpio168"))});
+        QCOMPARE(gpio.getGpioInOutValue(), 1U);
+        QCOMPARE(log.take(), QStringList({u("gpio168/value: open"), u("gpio168/value: read")}));
+    }
+
+    void onAnExpanderTheChipIsReadToo()
+    {
+        const GpioFolder tree;
+        tree.addChip(400, "1-0021");
+        tree.addOutput(404, "1\n");
+        Gpio gpio(nullptr, line(180), GPIO_DIRECTION_AS_IS, GPIO_EDGE_NONE);
+        gpio.setI2c0021();
+        QCOMPARE(gpio.getGpioInOutValue(), 1U);
+        AccessLog log({tree.root(), tree.path(u("gpiochip400")), tree.path(u("gpio404"))});
+        QCOMPARE(gpio.getGpioInOutValue(), 1U);
+        const QStringList accesses{u("gpiochip400/label: open"), u("gpiochip400/label: read"),
+                                   u("gpiochip400/base: open"),  u("gpiochip400/base: read"),
+                                   u("gpio404/value: open"),     u("gpio404/value: read")};
+        QCOMPARE(log.take(), accesses);
+    }
+
+private:
+    static void run(const char *steps)
+    {
         const GpioFolder tree;
         std::map<QString, std::unique_ptr<Gpio>> gpios; // each lives as long as the script
-        for (const QString &step : steps.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
-            const QStringList words = step.trimmed().split(QLatin1Char(' '));
+        for (const QString &step : u(steps).split(QRegularExpression(u("[\\n;] *")), Qt::SkipEmptyParts)) {
+            const QStringList words = step.split(QLatin1Char(' '));
             const QString &verb = words[0];
             const QString name = words.value(1);
             const QByteArray rest = (words.mid(2).join(QLatin1Char(' ')) + QLatin1Char('\n')).toLatin1();
@@ -288,102 +278,9 @@ private Q_SLOTS:
                 if (!exported.startsWith(QLatin1Char('(')))
                     tree.addExport(); // empty again
                 const QString found = (value + QLatin1Char(' ') + exported).trimmed();
-                QVERIFY2(found == step.section(u("-> "), 1), qPrintable(step.trimmed() + u(", but ") + found));
+                QVERIFY2(found == step.section(u("-> "), 1), qPrintable(step + u(", but ") + found));
             }
         }
-    }
-
-    void nothingIsTouchedBeforeTheFirstRead()
-    {
-        const GpioFolder tree;
-        tree.addOutput(180, "0\n");
-        AccessLog log({tree.root(), tree.path(u("gpio180"))});
-        Gpio gpio(nullptr, line(180), GPIO_DIRECTION_IN, GPIO_EDGE_BOTH);
-        gpio.setI2c0021(); // else the controller's own line 180 would have been turned into an input
-        QCOMPARE(log.take(), QStringList());
-    }
-
-    void directionAsItIs_data()
-    {
-        QTest::addColumn<int>("edge");
-        QTest::newRow("none") << 0;
-        QTest::newRow("rising") << 1;
-        QTest::newRow("falling") << 2;
-        QTest::newRow("both") << 3;
-    }
-
-    void directionAsItIs()
-    {
-        QFETCH(int, edge);
-        const GpioFolder tree;
-        tree.addOutput(168, "1\n");
-        AccessLog log({tree.path(u("gpio168"))});
-        Gpio gpio(nullptr, line(168), GPIO_DIRECTION_AS_IS, static_cast<GpioEdges>(edge));
-        QCOMPARE(gpio.getGpioInOutValue(), 1U);
-        QCOMPARE(gpio.getGpioInOutValue(), 1U);
-        QCOMPARE(log.take().filter(QRegularExpression(u("direction|edge|write"))), QStringList());
-        QCOMPARE(tree.text(u("gpio168/direction")), QByteArray("out\n"));
-        QCOMPARE(tree.text(u("gpio168/edge")), QByteArray("none\n"));
-    }
-
-    void directionAndEdge_data()
-    {
-        QTest::addColumn<int>("direction");
-        QTest::addColumn<int>("edge");
-        QTest::addColumn<QByteArray>("directionText");
-        QTest::addColumn<QByteArray>("edgeText");
-        QTest::newRow("input, none") << 0 << 0 << QByteArray("in") << QByteArray("none");
-        QTest::newRow("input, rising") << 0 << 1 << QByteArray("in") << QByteArray("rising");
-        QTest::newRow("input, falling") << 0 << 2 << QByteArray("in") << QByteArray("falling");
-        QTest::newRow("input, both") << 0 << 3 << QByteArray("in") << QByteArray("both");
-        QTest::newRow("output, none") << 1 << 0 << QByteArray("out") << QByteArray("none");
-        QTest::newRow("input, edge beyond the list") << 0 << 4 << QByteArray("in") << QByteArray("none\n");
-    }
-
-    void directionAndEdge()
-    {
-        QFETCH(int, direction);
-        QFETCH(int, edge);
-        const GpioFolder tree;
-        tree.addOutput(168, "1\n");
-        Gpio gpio(nullptr, line(168), static_cast<GpioDirections>(direction), static_cast<GpioEdges>(edge));
-        QCOMPARE(gpio.getGpioInOutValue(), 1U);
-        QTEST(tree.text(u("gpio168/direction")), "directionText");
-        QTEST(tree.text(u("gpio168/edge")), "edgeText");
-
-        tree.remove(u("gpio168"));
-        QCOMPARE(gpio.getGpioInOutValue(), 255U);
-        tree.addOutput(168, "1\n"); // and again when it comes back
-        QCOMPARE(gpio.getGpioInOutValue(), 1U);
-        QTEST(tree.text(u("gpio168/direction")), "directionText");
-        QTEST(tree.text(u("gpio168/edge")), "edgeText");
-    }
-
-    void oneReadAndNothingElse()
-    {
-        const GpioFolder tree;
-        tree.addOutput(168, "1\n");
-        Gpio gpio(nullptr, line(168), GPIO_DIRECTION_IN, GPIO_EDGE_BOTH);
-        QCOMPARE(gpio.getGpioInOutValue(), 1U);
-        AccessLog log({tree.root(), tree.path(u("gpio168"))});
-        QCOMPARE(gpio.getGpioInOutValue(), 1U);
-        QCOMPARE(log.take(), QStringList({u("gpio168/value: open"), u("gpio168/value: read")}));
-    }
-
-    void onAnExpanderTheChipIsReadToo()
-    {
-        const GpioFolder tree;
-        tree.addChip(400, "1-0021");
-        tree.addOutput(404, "1\n");
-        Gpio gpio(nullptr, line(180), GPIO_DIRECTION_AS_IS, GPIO_EDGE_NONE);
-        gpio.setI2c0021();
-        QCOMPARE(gpio.getGpioInOutValue(), 1U);
-        AccessLog log({tree.root(), tree.path(u("gpiochip400")), tree.path(u("gpio404"))});
-        QCOMPARE(gpio.getGpioInOutValue(), 1U);
-        const QStringList accesses{u("gpiochip400/label: open"), u("gpiochip400/label: read"),
-                                   u("gpiochip400/base: open"),  u("gpiochip400/base: read"),
-                                   u("gpio404/value: open"),     u("gpio404/value: read")};
-        QCOMPARE(log.take(), accesses);
     }
 };
 

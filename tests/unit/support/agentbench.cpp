@@ -1,6 +1,8 @@
 // The agent on the bench.
 #include "support/agentbench.h"
 
+#include "device/boundedtext.h"
+
 #include <QFile>
 #include <QTemporaryDir>
 
@@ -59,29 +61,6 @@ QString shortOid(const oid *name, std::size_t length)
     return (below ? QString() : QStringLiteral(".")) + arcs.join(QLatin1Char('.'));
 }
 
-QString lineOf(const netsnmp_variable_list &variable)
-{
-    const QString name = shortOid(variable.name, variable.name_length) + QLatin1Char(' ');
-    switch (variable.type) {
-    case ASN_INTEGER:
-        return name + QStringLiteral("INTEGER %1").arg(*variable.val.integer);
-    case ASN_GAUGE:
-        return name + QStringLiteral("Gauge32 %1").arg(static_cast<quint32>(*variable.val.integer));
-    case ASN_OCTET_STR:
-        return name + QLatin1String("STRING ") +
-               QString::fromLatin1(reinterpret_cast<const char *>(variable.val.string),
-                                   static_cast<int>(variable.val_len));
-    case SNMP_NOSUCHOBJECT:
-        return name + QLatin1String("noSuchObject");
-    case SNMP_NOSUCHINSTANCE:
-        return name + QLatin1String("noSuchInstance");
-    case SNMP_ENDOFMIBVIEW:
-        return name + QLatin1String("endOfMibView");
-    default:
-        return name + QStringLiteral("type %1").arg(variable.type);
-    }
-}
-
 struct Reply {
     bool arrived = false;
     QStringList lines;
@@ -98,7 +77,8 @@ int takeReply(int operation, netsnmp_session *, int, netsnmp_pdu *pdu, void *mag
     else
         for (const netsnmp_variable_list *variable = pdu->variables; variable != nullptr;
              variable = variable->next_variable)
-            reply->lines.append(lineOf(*variable));
+            reply->lines.append(shortOid(variable->name, variable->name_length) + QLatin1Char(' ') +
+                                typeAndValue(*variable));
     return 1;
 }
 
@@ -205,40 +185,52 @@ QStringList printedInOwnProcess(const std::function<void()> &body)
     return lines;
 }
 
-QStringList snmpGet(const QStringList &objects)
+QStringList answeredInOwnProcess(const std::function<QStringList()> &questions)
+{
+    return printedInOwnProcess([&] {
+        QStringList answers;
+        printed([&] { answers = questions(); });
+        for (const QString &answer : qAsConst(answers))
+            std::puts(qPrintable(answer));
+    });
+}
+
+void startAgent(std::uint32_t model, const char *modelText, std::uint8_t ampType)
+{
+    printed([=] { kaAgentStart(model, ampType, modelText); });
+}
+
+QStringList snmpGet(const Objects &objects)
 {
     return ask(SNMP_MSG_GET, objects);
 }
 
-QStringList snmpGetNext(const QStringList &objects)
+QStringList snmpGetNext(const Objects &objects)
 {
     return ask(SNMP_MSG_GETNEXT, objects);
 }
 
-QStringList snmpGetNextFrom(const QStringList &objects)
+QStringList snmpGetNextFrom(const Objects &objects)
 {
     return ask(SNMP_MSG_GETNEXT, objects, 0, true);
 }
 
-QStringList snmpGetBulk(const QString &object, int repetitions)
+QStringList snmpSet(const Objects &objects)
 {
-    return ask(SNMP_MSG_GETBULK, {object}, repetitions);
+    return ask(SNMP_MSG_SET, objects);
 }
 
-QStringList snmpSet(const QString &object)
+QStringList snmpWalk(const char *object, int repetitions)
 {
-    return ask(SNMP_MSG_SET, {object});
-}
-
-QStringList snmpWalk(const QString &object, int repetitions)
-{
+    const QString below = QString::fromLatin1(object) + QLatin1Char('.');
     QStringList walk;
-    QString last = object;
+    QString last = QString::fromLatin1(object);
     for (;;) {
-        const QStringList answers = repetitions > 0 ? snmpGetBulk(last, repetitions) : snmpGetNext({last});
+        const QStringList answers =
+            repetitions > 0 ? ask(SNMP_MSG_GETBULK, {last}, repetitions) : ask(SNMP_MSG_GETNEXT, {last});
         for (const QString &answer : answers) {
-            const QString name = answer.section(QLatin1Char(' '), 0, 0);
-            if (!name.startsWith(object + QLatin1Char('.')) || answer.endsWith(QLatin1String("endOfMibView")))
+            const QString name = objectsOf({answer}).first();
+            if (!name.startsWith(below) || answer.endsWith(QLatin1String("endOfMibView")))
                 return walk;
             if (name == last || walk.size() > 2000)
                 return walk << QStringLiteral("the walk does not end");
@@ -248,16 +240,29 @@ QStringList snmpWalk(const QString &object, int repetitions)
     }
 }
 
-netsnmp_cache *cacheOf(const QString &tableObject)
+QStringList objectsOf(const QStringList &answers)
 {
-    const std::vector<oid> name = fullOid(tableObject);
+    QStringList objects;
+    for (const QString &answer : answers)
+        objects.append(answer.section(QLatin1Char(' '), 0, 0));
+    return objects;
+}
+
+netsnmp_cache *cacheOf(const char *tableObject)
+{
+    const std::vector<oid> name = fullOid(QString::fromLatin1(tableObject));
     return netsnmp_cache_find_by_oid(name.data(), static_cast<int>(name.size()));
 }
 
-void expireCache(const QString &tableObject)
+void expireCache(const char *tableObject)
 {
     if (netsnmp_cache *cache = cacheOf(tableObject))
         cache->valid = 0;
+}
+
+void fill(InfoText &field, const char *value)
+{
+    field.length = copyBounded(field.text, value);
 }
 
 void handOver(TableRecords &records)
@@ -273,6 +278,27 @@ void handOver(TableRecords &records)
     setTalPowerTableData(&records.power);
     setTalRelayTableData(&records.relay);
     setTalLineInTableData(&records.lineIn);
+}
+
+QString typeAndValue(const netsnmp_variable_list &variable)
+{
+    switch (variable.type) {
+    case ASN_INTEGER:
+        return QStringLiteral("INTEGER %1").arg(*variable.val.integer);
+    case ASN_GAUGE:
+        return QStringLiteral("Gauge32 %1").arg(static_cast<quint32>(*variable.val.integer));
+    case ASN_OCTET_STR:
+        return QLatin1String("STRING ") + QString::fromUtf8(reinterpret_cast<const char *>(variable.val.string),
+                                                            static_cast<int>(variable.val_len));
+    case SNMP_NOSUCHOBJECT:
+        return QStringLiteral("noSuchObject");
+    case SNMP_NOSUCHINSTANCE:
+        return QStringLiteral("noSuchInstance");
+    case SNMP_ENDOFMIBVIEW:
+        return QStringLiteral("endOfMibView");
+    default:
+        return QStringLiteral("type %1").arg(variable.type);
+    }
 }
 
 namespace {

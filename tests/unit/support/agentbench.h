@@ -38,24 +38,44 @@ QStringList printed(const std::function<void()> &body);
 /// end well adds a line that says so.
 QStringList printedInOwnProcess(const std::function<void()> &body);
 
+/// Calls `questions` in a process of its own and returns the answers, without what is printed meanwhile.
+QStringList answeredInOwnProcess(const std::function<QStringList()> &questions);
+
+/// kaAgentStart() without its output.
+void startAgent(std::uint32_t model, const char *modelText = "", std::uint8_t ampType = 1);
+
+/// Names of objects below the enterprise arc, also as one text with blanks between them.
+class Objects : public QStringList {
+public:
+    Objects(const char *names) : Objects(QString::fromLatin1(names)) {}
+    Objects(const QString &names) : QStringList(names.split(QLatin1Char(' '))) {}
+    Objects(const QStringList &names) : QStringList(names) {}
+};
+
+/// "INTEGER 8", "noSuchObject".
+QString typeAndValue(const netsnmp_variable_list &variable);
+
 /// One answer as a line: OID below the enterprise arc, type, value ("3.4.1.0 INTEGER 8", "3.4.2.1.4.1 noSuchObject").
 /// A failed PDU is one line "error NUMBER at INDEX".
-QStringList snmpGet(const QStringList &objects);
-QStringList snmpGetNext(const QStringList &objects);
+QStringList snmpGet(const Objects &objects);
+QStringList snmpGetNext(const Objects &objects);
 /// The same as a master asks when it allows an object itself as the answer.
-QStringList snmpGetNextFrom(const QStringList &objects);
-QStringList snmpGetBulk(const QString &object, int repetitions);
+QStringList snmpGetNextFrom(const Objects &objects);
 /// A SET of INTEGER 1.
-QStringList snmpSet(const QString &object);
-
+QStringList snmpSet(const Objects &objects);
 /// Every answer below `object`, with GETNEXT or, when `repetitions` is above 0, with GETBULK.
-QStringList snmpWalk(const QString &object, int repetitions = 0);
+QStringList snmpWalk(const char *object, int repetitions = 0);
+
+/// The name of the object in front of each answer.
+QStringList objectsOf(const QStringList &answers);
 
 /// The cache in front of a table, null when there is none.
-netsnmp_cache *cacheOf(const QString &tableObject);
-
+netsnmp_cache *cacheOf(const char *tableObject);
 /// Lets the next request for the table load again, as 60 s do.
-void expireCache(const QString &tableObject);
+void expireCache(const char *tableObject);
+
+/// Sets a text with its length.
+void fill(InfoText &field, const char *value);
 
 /// Hands the records to the agent in the application's order.
 void handOver(TableRecords &records);
