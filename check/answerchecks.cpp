@@ -1,9 +1,9 @@
 // The manager's view: snmpd, the sub-agent, and a value.
 #include "check/agentxping.h"
 #include "check/checks.h"
+#include "check/processes.h"
 #include "check/subject.h"
 
-#include <QFile>
 #include <QFileInfo>
 #include <QHostAddress>
 #include <QNetworkInterface>
@@ -85,12 +85,6 @@ int registrationsUnderEnterprise(SnmpClient &client)
     return count;
 }
 
-QByteArray contentsOf(const char *path)
-{
-    QFile file(QString::fromLatin1(path));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 } // namespace
 
 Outcome checkSnmpdAnswer(Subject &subject)
@@ -125,7 +119,7 @@ Outcome checkSnmpdAnswer(Subject &subject)
 Outcome checkAgentxSocket(Subject &subject)
 {
     const QByteArray path = subject.conf.agentxSocket();
-    subject.agentxConnections = agentxConnections(contentsOf("/proc/net/unix"), path);
+    subject.agentxConnections = agentxConnections(contentsOf(QStringLiteral("/proc/net/unix")), path);
     const QString name = QString::fromLocal8Bit(path);
     if (!path.startsWith('/'))
         return skipped(name + QStringLiteral(" is not a local socket"));

@@ -1,9 +1,10 @@
 // Checks the GPIO lines of a station model without exporting any.
 #include "check/gpiosurvey.h"
 
+#include "check/processes.h"
+
 #include <QByteArray>
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 
 #include <optional>
@@ -17,12 +18,6 @@ struct Chip {
 };
 constexpr Chip chips[] = {{Expander::At0x21, "-0021", 176}, {Expander::At0x22, "-0022", 192}};
 
-QByteArray contentsOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed() : QByteArray();
-}
-
 /// The kernel's offset to the numbers of the tables; nothing without the chip.
 std::optional<int> offsetOf(const Chip &chip, const QString &root)
 {
@@ -30,8 +25,8 @@ std::optional<int> offsetOf(const Chip &chip, const QString &root)
          QDir(root).entryList({QStringLiteral("gpiochip*")}, QDir::Dirs | QDir::System, QDir::Name)) {
         const QString path = root + QLatin1Char('/') + folder;
         bool isNumber = false;
-        const int base = contentsOf(path + QStringLiteral("/base")).toInt(&isNumber);
-        if (isNumber && contentsOf(path + QStringLiteral("/label")).endsWith(chip.labelEnd))
+        const int base = contentsOf(path + QStringLiteral("/base")).trimmed().toInt(&isNumber);
+        if (isNumber && contentsOf(path + QStringLiteral("/label")).trimmed().endsWith(chip.labelEnd))
             return base - chip.firstLine;
     }
     return std::nullopt;
@@ -58,7 +53,7 @@ void lookAt(const LineSet &set, const QString &root, GpioSurvey &tree)
         return;
     for (const int line : set.lines) {
         const int number = line + *offset;
-        const QByteArray value = contentsOf(QStringLiteral("%1/gpio%2/value").arg(root).arg(number));
+        const QByteArray value = contentsOf(QStringLiteral("%1/gpio%2/value").arg(root).arg(number)).trimmed();
         if (value != "0" && value != "1")
             tree.unreadable.append(QString::number(number));
     }

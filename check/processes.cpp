@@ -10,14 +10,6 @@
 #include <unistd.h>
 
 namespace {
-
-/// Files of /proc report size 0, so read to the end.
-QByteArray contentsOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 /// Start of the system in seconds since the epoch; 0 if unknown.
 qint64 bootTime(const QString &procFolder)
 {
@@ -34,6 +26,12 @@ QDateTime startTime(qint64 ticks, const QString &procFolder)
 }
 
 } // namespace
+
+QByteArray contentsOf(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
 
 std::optional<Process> processOf(pid_t pid, const QString &procFolder)
 {

@@ -10,6 +10,9 @@
 #include <sys/types.h>
 #include <vector>
 
+/// A file, or nothing if it cannot be read. Also a file of /proc or /sys, which reports size 0.
+QByteArray contentsOf(const QString &path);
+
 struct Process {
     pid_t pid = 0;
     QByteArray name; ///< the kernel's name: at most 15 characters
