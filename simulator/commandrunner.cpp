@@ -36,7 +36,7 @@ Reply listSubscriptions(Device &device, const QStringList &)
     return {Reply::Done, list.join(QLatin1Char('\n'))};
 }
 
-constexpr CommandAction actions[] = {
+constexpr CommandAction runnerTable[] = {
     {"clients", listClients},
     {"clients drop", dropClients},
     {"subscriptions", listSubscriptions},
@@ -46,7 +46,7 @@ constexpr CommandAction actions[] = {
 
 std::span<const CommandAction> clientActions()
 {
-    return actions;
+    return runnerTable;
 }
 
 Reply runCommand(Device &device, const QStringList &words)

@@ -41,7 +41,7 @@ Reply list(Device &device, const QStringList &)
     return reply.code == Reply::Done ? Reply{Reply::Done, rows.join(QLatin1Char('\n'))} : reply;
 }
 
-Reply remove(Device &device, const QStringList &)
+Reply removeTree(Device &device, const QStringList &)
 {
     return onTree(device, [](GpioTree &tree) { return tree.remove(); });
 }
@@ -73,8 +73,8 @@ Reply setLevel(Device &device, const QStringList &arguments)
     return onTree(device, [&](GpioTree &tree) { return tree.setLevel(arguments[0], level); });
 }
 
-constexpr CommandAction actions[] = {
-    {"gpio", setLevel},        {"gpio list", list},         {"gpio remove", remove},
+constexpr CommandAction gpioTable[] = {
+    {"gpio", setLevel},        {"gpio list", list},         {"gpio remove", removeTree},
     {"gpio restore", restore}, {"gpio export", exportLine}, {"gpio unexport", unexportLine},
 };
 
@@ -82,7 +82,7 @@ constexpr CommandAction actions[] = {
 
 std::span<const CommandAction> gpioActions()
 {
-    return actions;
+    return gpioTable;
 }
 
 } // namespace simulator

@@ -64,7 +64,7 @@ Reply status(Device &device, const QStringList &)
     return {Reply::Done, up ? QStringLiteral("up") : QStringLiteral("down")};
 }
 
-constexpr CommandAction actions[] = {
+constexpr CommandAction monitorTable[] = {
     {"monitor gpo", gpo}, {"monitor gpi", gpi},     {"monitor amp", amp},
     {"monitor let", let}, {"monitor power", power}, {"monitor status", status},
 };
@@ -73,7 +73,7 @@ constexpr CommandAction actions[] = {
 
 std::span<const CommandAction> monitorActions()
 {
-    return actions;
+    return monitorTable;
 }
 
 } // namespace simulator

@@ -56,7 +56,7 @@ Reply patch(Device &device, const QStringList &arguments)
     return replyOf(device.tree.patch(arguments[0].toStdString(), arguments[1].toStdString()));
 }
 
-Reply remove(Device &device, const QStringList &arguments)
+Reply removeNode(Device &device, const QStringList &arguments)
 {
     return replyOf(device.tree.remove(arguments[0].toStdString()));
 }
@@ -116,13 +116,13 @@ Reply listTraps(Device &device, const QStringList &)
 }
 
 // clang-format off
-constexpr CommandAction actions[] = {
+constexpr CommandAction treeTable[] = {
     {"get",          get},
     {"set",          set},
     {"create",       create},
     {"replace",      replace},
     {"patch",        patch},
-    {"delete",       remove},
+    {"delete",       removeNode},
     {"fault raise",  raise},
     {"fault clear",  clear},
     {"fault list",   listFaults},
@@ -136,7 +136,7 @@ constexpr CommandAction actions[] = {
 
 std::span<const CommandAction> treeActions()
 {
-    return actions;
+    return treeTable;
 }
 
 } // namespace simulator
