@@ -44,20 +44,6 @@ class TestFraming : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void anyChunking()
-    {
-        const QByteArray bytes = "<a>" + nul + "<b>" + nul + nul + "\xc3\xa4 and more" + nul;
-        for (const int chunk : {1000, 1, 3, 4}) { // all; one byte; the NUL first in a chunk; last in it
-            Reader reader;
-            QByteArrayList messages;
-            for (int at = 0; at < bytes.size(); at += chunk) {
-                messages << reader.after(bytes.mid(at, chunk));
-                QCOMPARE(reader.last, Outcome::Incomplete);
-            }
-            QCOMPARE(messages, QByteArrayList({"<a>", "<b>", "", "\xc3\xa4 and more"}));
-        }
-    }
-
     void sizes()
     {
         static const struct {
@@ -126,11 +112,13 @@ private Q_SLOTS:
             Reader reader;
             QByteArrayList received;
             while (!bytes.isEmpty()) {
-                const int chunk = static_cast<int>(random() % 700);
+                const int chunk = static_cast<int>(random() % (round % 2 == 0 ? 700 : 4));
                 reader.feed(bytes.left(chunk));
                 bytes.remove(0, chunk);
-                if (random() % 3 != 0)
-                    received << reader.after({});
+                if (random() % 3 == 0)
+                    continue;
+                received << reader.after({});
+                QCOMPARE(reader.last, Outcome::Incomplete);
             }
             received << reader.after({});
             QCOMPARE(received, sent);

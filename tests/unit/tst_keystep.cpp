@@ -37,43 +37,26 @@ private Q_SLOTS:
     void scaledIntegerReads()
     {
         // clang-format off
-        static constexpr struct { const char *name; const char *text; uint scale; uint number; } rows[] = {
-            {"two decimals of a volt", "12.34", 1000, 12340},
-            {"three decimals use up the scale", "1.234", 1000, 1234},
-            {"four decimals run out of scale", "1.2345", 1000, 0},
-            {"trailing zeros count as decimals", "1.2000", 1000, 0},
-            {"one decimal of a degree", "3.3", 10, 33},
-            {"revolutions", "1200", 1, 1200},
-            {"revolutions with a fraction", "1200.5", 1, 0},
-            {"revolutions with a point only", "1200.", 1, 1200},
-            {"empty", "", 1000, 0},
-            {"point alone", ".", 1000, 0},
-            {"point first", ".5", 1000, 500},
-            {"second point has no effect of its own", "1.2.3", 1000, 1230},
-            {"minus is ignored", "-5.0", 1000, 5000},
-            {"plus is ignored", "+5.0", 1000, 5000},
-            {"blanks are skipped", " 1 2 . 5 ", 1000, 12500},
-            {"letters are skipped", "3V3", 10, 330},
-            {"exponent letter is skipped", "1e3", 1000, 13000},
-            {"comma is no point", "3,3", 1000, 33000},
-            {"no digits", "unknown", 1000, 0},
-            {"leading zeros", "007", 1, 7},
-            {"Arabic-Indic digits", "\xd9\xa1\xd9\xa2.\xd9\xa3", 1000, 12300},
-            {"full-width digits", "\xef\xbc\x94\xef\xbc\x98", 10, 480},
-            {"digits beyond the first plane", "\xf0\x9d\x9f\x8f.\xf0\x9e\xa5\x92", 1000, 1200}, // bold 1, Adlam 2
-            {"letter beyond the first plane", "1\xf0\x9f\x94\x8a\x35", 1, 15},
-            {"superscript two is no decimal digit", "5\xc2\xb2", 1, 5},
-            {"vulgar half is no decimal digit", "5\xc2\xbd", 1, 5},
-            {"Roman numeral is no decimal digit", "\xe2\x85\xa4", 1, 0},
-            {"full-width point is no point", "1\xef\xbc\x8e" "5", 10, 150},
-            {"largest", "4294967295", 1, 4294967295U},
-            {"32 bits wrap", "4294967296", 1, 0},
-            {"32 bits wrap on scaling", "4294968", 1000, 704},
-            {"more digits than fit", "100000000000000000001", 1, 1661992961U},
+        static constexpr struct { const char *text; uint scale, number; } rows[] = {
+            {"12.34", 1000, 12340}, {"3.3", 10, 33}, {"1200", 1, 1200}, {"007", 1, 7}, {"1200.", 1, 1200},
+            {".5", 1000, 500}, {".", 1000, 0}, {"", 1000, 0}, {"unknown", 1000, 0},
+            // three decimals use up a scale of 1000, with more of them it becomes 0; trailing zeros count
+            {"1.234", 1000, 1234}, {"1.2345", 1000, 0}, {"1.2000", 1000, 0}, {"1200.5", 1, 0},
+            // other characters are skipped: a second point, signs, blanks, letters, a comma, a full-width point
+            {"1.2.3", 1000, 1230}, {"-5.0", 1000, 5000}, {"+5.0", 1000, 5000}, {" 1 2 . 5 ", 1000, 12500},
+            {"3V3", 10, 330}, {"1e3", 1000, 13000}, {"3,3", 1000, 33000}, {"1\xef\xbc\x8e" "5", 10, 150},
+            // decimal digits of any script: Arabic-Indic, full-width, bold and Adlam; no letter beyond the first plane,
+            // no superscript two, vulgar half or Roman five
+            {"\xd9\xa1\xd9\xa2.\xd9\xa3", 1000, 12300}, {"\xef\xbc\x94\xef\xbc\x98", 10, 480},
+            {"\xf0\x9d\x9f\x8f.\xf0\x9e\xa5\x92", 1000, 1200}, {"1\xf0\x9f\x94\x8a\x35", 1, 15},
+            {"5\xc2\xb2", 1, 5}, {"5\xc2\xbd", 1, 5}, {"\xe2\x85\xa4", 1, 0},
+            // 32 bits wrap
+            {"4294967295", 1, 4294967295U}, {"4294967296", 1, 0}, {"4294968", 1000, 704},
+            {"100000000000000000001", 1, 1661992961U},
         };
         // clang-format on
         for (const auto &row : rows) {
-            const AtRow at(row.name);
+            const AtRow at(row.text);
             QCOMPARE(scaledInteger(QString::fromUtf8(row.text), row.scale), row.number);
         }
         const QString halvesOfAPair = QString(QChar(0xd835)) + QLatin1Char('3') + QChar(0xdfcf) + QChar(0xd835);

@@ -82,46 +82,27 @@ constexpr char fanPath[] = "/state/fans/fan[kid='amp_power']/speed_sensor_rpm";
 
 // clang-format off
 /// A line, and its words, each with a | behind it, or its error.
-constexpr struct { const char *name, *line, *result; } lines[] = {
-    {"nothing",                      "",                               ""},
-    {"blanks",                       " \t ",                           ""},
-    {"comment",                      "# set x",                        ""},
-    {"words and a comment",          " get  /state\t# all",            "get|/state|"},
-    {"number sign in a word",        "set /x a#b",                     "set|/x|a#b|"},
-    {"number sign in quotes",        "set /x '#b'",                    "set|/x|#b|"},
-    {"apostrophes are literal",      R"(set /x 'a \n "b"')",           R"(set|/x|a \n "b"|)"},
-    {"quotation marks escape",       R"(set /x "a\n\t\r\"\\'\q")",     "set|/x|a\n\t\r\"\\'q|"},
-    {"empty words",                  R"(fault raise '' "")",           "fault|raise|||"},
-    {"path with quotes",             "get /a/b[kid='x y']/c",          "get|/a/b[kid='x y']/c|"},
-    {"path with quotation marks",    R"(get /a/b[kid="x y"]/c)",       R"(get|/a/b[kid="x y"]/c|)"},
-    {"quoted path",                  R"(get "/a/b[kid='x y']/c")",     "get|/a/b[kid='x y']/c|"},
-    {"apostrophe in a word",         "set /x it's mine",               "set|/x|it's|mine|"},
-    {"JSON",                         R"( ["set", "/x", "a \"b\"\n'"] )", "set|/x|a \"b\"\n'|"},
-    {"beyond ASCII",                 "set /x \xC3\xA4",                "set|/x|\xC3\xA4|"},
-    {"open apostrophe",              "set 'x",                         "a quote is left open"},
-    {"open quotation mark",          R"(set "x\")",                    "a quote is left open"},
-    {"open in a path",               "get /a[kid='x /b",               "a quote is left open"},
-    {"no blank after a quoted word", "set 'x'y",                       "no blank after a quoted word"},
-    {"half a list",                  R"(["get")",                      "malformed JSON list"},
-    {"a list with a number",         R"(["get", 1])",                  "not a list of texts"},
+constexpr struct { const char *line, *result; } lines[] = {
+    {"", ""}, {" \t ", ""}, {"# set x", ""}, {" get  /state\t# all", "get|/state|"}, {"set /x a#b", "set|/x|a#b|"},
+    {"set /x '#b'", "set|/x|#b|"}, {"set /x it's mine", "set|/x|it's|mine|"}, {"set /x \xC3\xA4", "set|/x|\xC3\xA4|"},
+    {R"(set /x 'a \n "b"')", R"(set|/x|a \n "b"|)"}, {R"(set /x "a\n\t\r\"\\'\q")", "set|/x|a\n\t\r\"\\'q|"},
+    {R"(fault raise '' "")", "fault|raise|||"}, {R"( ["set", "/x", "a \"b\"\n'"] )", "set|/x|a \"b\"\n'|"},
+    {"get /a/b[kid='x y']/c", "get|/a/b[kid='x y']/c|"}, {R"(get /a/b[kid="x y"]/c)", R"(get|/a/b[kid="x y"]/c|)"},
+    {R"(get "/a/b[kid='x y']/c")", "get|/a/b[kid='x y']/c|"},
+    {"set 'x", "a quote is left open"}, {R"(set "x\")", "a quote is left open"},
+    {"get /a[kid='x /b", "a quote is left open"}, {"set 'x'y", "no blank after a quoted word"},
+    {R"(["get")", "malformed JSON list"}, {R"(["get", 1])", "not a list of texts"},
 };
 
-/// A replay that is refused, and the error.
+/// A replay that is refused, and the error; "time" stands for the error of a wrong time.
 constexpr struct { const char *text, *error; } wrongReplays[] = {
-    {"get /state",           "line 1: a line begins with the seconds since the start"},
-    {"\n-1 get /state",      "line 2: a line begins with the seconds since the start"},
-    {"0 get /x\n0,5 get /x", "line 2: a line begins with the seconds since the start"},
-    {"nan get /x",           "line 1: a line begins with the seconds since the start"},
-    {"inf get /x",           "line 1: a line begins with the seconds since the start"},
-    {"1e300 get /x",         "line 1: a line begins with the seconds since the start"},
+    {"get /state", "line 1: time"}, {"\n-1 get /state", "line 2: time"}, {"0 get /x\n0,5 get /x", "line 2: time"},
+    {"nan get /x", "line 1: time"}, {"inf get /x", "line 1: time"}, {"1e300 get /x", "line 1: time"},
     {"1 get /x\n0.5 get /x", "line 2: earlier than the line before"},
-    {"1",                    "line 1: no command"},
-    {"1 # x",                "line 1: no command"},
-    {"1 frob",               "line 1: no such command: frob (talctl --help shows all)"},
-    {"1 set x",              "line 1: usage: talctl set PATH VALUE"},
-    {"1 set /x 'y",          "line 1: a quote is left open"},
-    {"1 replay x",           "line 1: replay has no place in a replay"},
-    {"1 batch",              "line 1: batch has no place in a replay"},
+    {"1", "line 1: no command"}, {"1 # x", "line 1: no command"},
+    {"1 frob", "line 1: no such command: frob (talctl --help shows all)"},
+    {"1 set x", "line 1: usage: talctl set PATH VALUE"}, {"1 set /x 'y", "line 1: a quote is left open"},
+    {"1 replay x", "line 1: replay has no place in a replay"}, {"1 batch", "line 1: batch has no place in a replay"},
 };
 
 /// The arguments of talctl, its exit code, its output and, without "talctl: " before and the line end, its error.
@@ -179,7 +160,7 @@ private Q_SLOTS:
     void words()
     {
         for (const auto &row : lines) {
-            const AtRow at(row.name);
+            const AtRow at(row.line);
             QString result;
             const std::optional<QStringList> split = splitWords(QString::fromUtf8(row.line), result);
             for (const QString &word : split.value_or(QStringList()))
@@ -204,7 +185,7 @@ private Q_SLOTS:
             const AtRow at(row.text);
             error.clear();
             QVERIFY(!readReplay(row.text, error));
-            QCOMPARE(error, QString(row.error));
+            QCOMPARE(error.replace("a line begins with the seconds since the start", "time"), QString(row.error));
         }
     }
 

@@ -122,6 +122,11 @@ private Q_SLOTS:
         QTRY_COMPARE(connected.count(), 1);
         QTest::qWait(1500); // it does not try again while it is connected
         QCOMPARE(peer.connections(), 1);
+
+        logLines.clear();
+        qputenv("TAL_SOCKET", QByteArray(200, 'x')); // longer than an address
+        const TalInterface unconnected(nullptr);
+        QTRY_COMPARE(logged(QtDebugMsg).size(), 1);
     }
 
     void reconnectsASecondAfterEachLoss()
@@ -147,14 +152,6 @@ private Q_SLOTS:
             QTRY_COMPARE(b.notified.count(), loss);
         }
         QCOMPARE(logged(QtWarningMsg), QStringList());
-    }
-
-    void pathTooLong()
-    {
-        qputenv("TAL_SOCKET", QByteArray(200, 'x'));
-        const TalInterface tal(nullptr);
-        QTRY_COMPARE(logged(QtDebugMsg).size(), 1);
-        qunsetenv("TAL_SOCKET");
     }
 
     void requests()
@@ -191,9 +188,14 @@ private Q_SLOTS:
         QVERIFY(logLines.isEmpty());
     }
 
-    void requestWithoutInstance()
+    void requestsUseTheNewestInstance()
     {
         Bench b;
+        b.tal = std::make_unique<TalInterface>(nullptr); // the older one ends after this one starts
+        QTRY_COMPARE(b.peer.connections(), 2);
+        request(u("<x/>"));
+        QCOMPARE(b.sent(), u("<x/>"));
+        logLines.clear();
         b.tal.reset();
         subscribe("r", "/a", "change", "true");
         QCOMPARE(logged(QtDebugMsg).size(), 1);
@@ -265,56 +267,21 @@ private Q_SLOTS:
         QCOMPARE(b.sent(), u("anew")); // and nothing of the rest
     }
 
-    void chunking()
-    {
-        for (const int chunk : {100000, 7, 1}) { // several messages in one read; many reads; through characters
-            Bench b;
-            QStringList expected;
-            QByteArray bytes;
-            for (int i = 0; i < 5; ++i) {
-                expected << u("<b>ä€😀%1</b>").arg(i);
-                bytes += notify(expected.last().toUtf8()) + nul;
-            }
-            for (int at = 0; at < bytes.size(); at += chunk) {
-                b.peer.sendRaw(bytes.mid(at, chunk));
-                QCoreApplication::processEvents(); // lets the client read it
-            }
-            QTRY_COMPARE(b.notified.count(), 5);
-            QCOMPARE(b.dataTexts(), expected);
-            QVERIFY(logLines.isEmpty());
-        }
-    }
-
-    void dataIsTheExactText()
+    void notifications()
     {
         // clang-format off
         static const QByteArray exact[] = {
             "<b>1</b>", "", " \t", "<b> \n </b>", "\r\n<b>\r</b>\r\n", "<b>&lt;&amp;&#65;&#x1F600;</b>", "text",
             "<b/><c/>", "<p:b/>", "<b a='\"' c=\"'\"/>", "<data><data/></data>", "<notify><ref>x</ref><op/></notify>",
             "<b><![CDATA[</data>]]></b>", "<![CDATA[</]]>", "<b/><!-- </data> -->", "<b/><?x </data>?>",
-            "<b>" + QByteArray("x\r\n&amp;ä").repeated(50000) + "</b>", // beyond one read
+            "<b>" + QByteArray("x\r\n&amp;ä").repeated(50000) + "</b>", // many reads, also through characters
         };
         static constexpr struct { const char *children, *data; } rows[] = {
             {"", ""}, {"<data/>", ""}, {"<data a=\"/>\"/>", ""}, {"<x></x><data />", ""},
             {"<data a='>'><b/></data>", "<b/>"}, {"<data \n><b/></data \n>", "<b/>"},
             {"<x>😀😀</x><data><b>😀ä</b></data>", "<b>😀ä</b>"},
         };
-        // clang-format on
-        Bench b;
-        for (const QByteArray &data : exact)
-            QCOMPARE(b.received(notify(data)), u("r|replace|/a/b|/a|") + QString::fromUtf8(data));
-        for (const auto &[children, data] : rows) {
-            const AtRow at(children);
-            QCOMPARE(b.received(QByteArray("<notify><ref>r</ref><op>o</op>") + children + "</notify>"),
-                     u("r|o|||") + u(data));
-        }
-        QVERIFY(logLines.isEmpty());
-    }
-
-    void tolerated()
-    {
-        // clang-format off
-        static constexpr struct { const char *message, *texts; } rows[] = {
+        static constexpr struct { const char *message, *texts; } tolerated[] = {
             {"<notify><ref/><op></op><rpath/><spath/><data/></notify>", "||||"},
             {"<notify><data><b/></data><spath>s</spath><rpath>p</rpath><op>o</op><ref>r</ref></notify>", "r|o|p|s|<b/>"},
             {"<notify a='b'><x><ref>n</ref></x>text<ref>r</ref><op>o</op><y/></notify>", "r|o|||"},
@@ -329,7 +296,14 @@ private Q_SLOTS:
         };
         // clang-format on
         Bench b;
-        for (const auto &[message, texts] : rows) {
+        for (const QByteArray &data : exact)
+            QCOMPARE(b.received(notify(data)), u("r|replace|/a/b|/a|") + QString::fromUtf8(data));
+        for (const auto &[children, data] : rows) {
+            const AtRow at(children);
+            QCOMPARE(b.received(QByteArray("<notify><ref>r</ref><op>o</op>") + children + "</notify>"),
+                     u("r|o|||") + u(data));
+        }
+        for (const auto &[message, texts] : tolerated) {
             const AtRow at(message);
             QCOMPARE(b.received(message), u(texts));
         }
@@ -483,15 +457,6 @@ private Q_SLOTS:
         b.peer.sendRaw(notify("<b>1</b>") + nul + notify("<b>2</b>") + nul);
         QTRY_COMPARE(b.connected.count(), 2);
         QCOMPARE(b.dataTexts(), QStringList({u("<b>1</b>")}));
-    }
-
-    void theNewestInstanceIsUsed()
-    {
-        Bench b;
-        const TalInterface newer(nullptr);
-        QTRY_COMPARE(b.peer.connections(), 2); // the peer reads only from the newest connection
-        request(u("<x/>"));
-        QCOMPARE(b.sent(), u("<x/>"));
     }
 
     // last: it stays on

@@ -189,44 +189,38 @@ struct GpioBench {
 };
 
 // clang-format off
-/// Lines for the control socket and the reply to the last of them; the others have the reply "0".
-constexpr struct { const char *name, *lines, *reply; } commands[] = {
-    {"get a leaf", "get FAN/speed_sensor_rpm", "0 1450"},
-    {"get a node", "get FAN", "0 <fan><kid>amp_power</kid><speed_sensor_rpm>1450</speed_sensor_rpm></fan>"},
-    {"get several", "get /state/fans/fan/speed_sensor_rpm",
+/// Lines for the control socket of one service, one after the other, and their replies.
+constexpr struct { const char *line, *reply; } commands[] = {
+    {"get FAN/speed_sensor_rpm", "0 1450"},
+    {"get FAN", "0 <fan><kid>amp_power</kid><speed_sensor_rpm>1450</speed_sensor_rpm></fan>"},
+    {"get /state/fans/fan/speed_sensor_rpm",
      "0 FAN/speed_sensor_rpm\t1450\n/state/fans/fan[kid='amp_class_d']/speed_sensor_rpm\t1600"},
-    {"get nothing", "get /state/x", "1 no such node: /state/x"},
-    {"set", "set FAN/speed_sensor_rpm 12\nget FAN/speed_sensor_rpm", "0 12"},
-    {"set with any text",
-     R"(["set","/state/version/software/version"," \n<'\"> "])" "\nget /state/version/software/version", "0  \n<'\">"},
-    {"set refused", "set /state/x 1", "1 no such node: /state/x"},
-    {"create", "create /state/x '<x><y>1</y></x>'\nget /state/x", "0 <x><y>1</y></x>"},
-    {"replace", "create /state/x '<x><y>1</y></x>'\nreplace /state/x <x/>\nget /state/x", "0"},
-    {"patch", "create /state/x '<x><y>1</y></x>'\npatch /state/x <x><z>2</z></x>\nget /state/x",
-     "0 <x><y>1</y><z>2</z></x>"},
-    {"delete", "delete FAN\nget /state/fans/fan/kid", "0 amp_class_d"},
-    {"fault list", "fault raise amp 7 fan_not_running crit 'no fan' --timestamp 0x10\n"
-     "fault raise psu 8 \"\" err t --timestamp \"\"\nfault list",
-     "0 amp\t7\tfan_not_running\tcrit\t0x10\tno fan\npsu\t8\t\terr\t\tt"},
-    {"fault raised twice", "fault raise amp 7 x crit t\nfault raise amp 7 x crit t", "1 is there already: FAULT"},
-    {"fault replaced", "fault raise amp 7 x crit t --timestamp 1\n"
-     "fault raise amp 7 y err u --replace --timestamp 2\nfault list", "0 amp\t7\ty\terr\t2\tu"},
-    {"fault cleared", "fault raise amp 7 x crit t\nfault clear amp 7\nfault list", "0"},
-    {"fault cleared that is not there", "fault clear amp 7", "1 no such node: FAULT"},
-    {"trap disabled", "trap disable 'LET Fault'\nget \"TRAP\"",
-     "0 <trap><name>LET Fault</name><enabled>false</enabled></trap>"},
-    {"trap enabled", "trap disable 'LET Fault'\ntrap enable 'LET Fault'\nget \"TRAP/enabled\"", "0 true"},
-    {"trap unknown", "trap enable x", "1 no such trap: x"},
-    {"unknown command", "frob", "2 no such command: frob (talctl --help shows all)"},
-    {"no command", "[]", "2 no such command:  (talctl --help shows all)"},
-    {"too few words", "set x", "2 usage: talctl set PATH VALUE"},
-    {"too many words", "get x y", "2 usage: talctl get PATH"},
-    {"fault with a word too many", "fault raise a 1 x crit t u",
+    {"get /state/x", "1 no such node: /state/x"}, {"get x y", "2 usage: talctl get PATH"},
+    {"set FAN/speed_sensor_rpm 12", "0"}, {"get FAN/speed_sensor_rpm", "0 12"},
+    {R"(["set","/state/version/software/version"," \n<'\"> "])", "0"},
+    {"get /state/version", "0 <version><software><kid>firmware</kid><version> \n&lt;'\"&gt; </version></software></version>"},
+    {"set /state/x 1", "1 no such node: /state/x"}, {"set x", "2 usage: talctl set PATH VALUE"},
+    {"create /state/x '<x><y>1</y></x>'", "0"}, {"get /state/x", "0 <x><y>1</y></x>"},
+    {"patch /state/x <x><z>2</z></x>", "0"}, {"get /state/x", "0 <x><y>1</y><z>2</z></x>"},
+    {"replace /state/x <x/>", "0"}, {"get /state/x", "0"},
+    {"delete FAN", "0"}, {"get /state/fans/fan/kid", "0 amp_class_d"},
+    {"fault raise amp 7 fan_not_running crit 'no fan' --timestamp 0x10", "0"},
+    {"fault raise amp 7 x crit t", "1 is there already: FAULT"},
+    {"fault raise psu 8 \"\" err t --timestamp \"\"", "0"},
+    {"fault list", "0 amp\t7\tfan_not_running\tcrit\t0x10\tno fan\npsu\t8\t\terr\t\tt"},
+    {"fault raise amp 7 y err u --replace --timestamp 2", "0"}, {"fault clear psu 8", "0"},
+    {"fault list", "0 amp\t7\ty\terr\t2\tu"},
+    {"fault clear amp 7", "0"}, {"fault list", "0"}, {"fault clear amp 7", "1 no such node: FAULT"},
+    {"fault raise a 1 x crit t u",
      "2 usage: talctl fault raise REPORTER REF ID LEVEL TEXT [--timestamp TIME] [--replace]"},
-    {"talctl's own command", "replay x", "2 replay is carried out by talctl itself"},
-    {"no GPIO tree", "gpio list", "1 no GPIO tree: talservice was started without --gpio-root"},
-    {"monitor without a bus", "monitor status", "0 down"},
-    {"monitor signal without a bus", "monitor gpi 1 ok_open", "1 the amplifier monitor is on no message bus"},
+    {"trap disable 'LET Fault'", "0"},
+    {"get \"TRAP\"", "0 <trap><name>LET Fault</name><enabled>false</enabled></trap>"},
+    {"trap enable 'LET Fault'", "0"}, {"get \"TRAP/enabled\"", "0 true"}, {"trap enable x", "1 no such trap: x"},
+    {"frob", "2 no such command: frob (talctl --help shows all)"},
+    {"[]", "2 no such command:  (talctl --help shows all)"},
+    {"replay x", "2 replay is carried out by talctl itself"},
+    {"gpio list", "1 no GPIO tree: talservice was started without --gpio-root"},
+    {"monitor status", "0 down"}, {"monitor gpi 1 ok_open", "1 the amplifier monitor is on no message bus"},
 };
 // clang-format on
 
@@ -412,10 +406,11 @@ private Q_SLOTS:
     void vanishedClient()
     {
         Service service;
-        auto client = std::make_unique<Client>(service);
-        QCOMPARE(client->messages(1, subscribeRequest("a", "/state")).size(), 1);
-        client->socket.abort();
-        client.reset();
+        {
+            Client client(service);
+            QCOMPARE(client.messages(1, subscribeRequest("a", "/state")).size(), 1);
+            client.socket.abort();
+        }
         Control control(service);
         for (int i = 0; i < 10; ++i)
             QCOMPARE(control.run(QString("set %1 %2").arg(fanPath).arg(i)), QString("0"));
@@ -447,15 +442,11 @@ private Q_SLOTS:
 
     void controlCommands()
     {
-        for (const auto &row : commands) {
-            const AtRow at(row.name);
-            const Service service;
-            Control control(service);
-            QStringList lines = withPaths(row.lines).split('\n');
-            const QString last = lines.takeLast();
-            for (const QString &line : lines)
-                QCOMPARE(control.run(line), QString("0"));
-            QCOMPARE(control.run(last), withPaths(row.reply));
+        const Service service;
+        Control control(service);
+        for (const auto &[line, reply] : commands) {
+            const AtRow at(line);
+            QCOMPARE(control.run(withPaths(line)), withPaths(reply));
         }
     }
 
