@@ -283,10 +283,11 @@ private Q_SLOTS:
         };
         static constexpr struct { const char *message, *texts; } tolerated[] = {
             {"<notify><ref/><op></op><rpath/><spath/><data/></notify>", "||||"},
-            {"<notify><data><b/></data><spath>s</spath><rpath>p</rpath><op>o</op><ref>r</ref></notify>", "r|o|p|s|<b/>"},
+            {"<notify><data><b/></data><spath>s</spath><rpath>p</rpath><op>o</op><ref>r</ref></notify>",
+             "r|o|p|s|<b/>"},
             {"<notify a='b'><x><ref>n</ref></x>text<ref>r</ref><op>o</op><y/></notify>", "r|o|||"},
             {"<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<notify><ref>ä</ref><op>o</op></notify>\n", "ä|o|||"},
-            {"<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><notify><ref>ä</ref><op>o</op><data><b>ä</b></data></notify>",
+            {"<?xml version='1.0' encoding='ISO-8859-1'?><notify><ref>ä</ref><op>o</op><data><b>ä</b></data></notify>",
              "ä|o|||<b>ä</b>"}, // still UTF-8
             {"\xef\xbb\xbf<notify><ref>r</ref><op>o</op><data><b/></data></notify>", "r|o|||<b/>"},
             {"<notify><ref>&#65;<![CDATA[<B>]]><!-- no -->C</ref><op> o </op></notify>", "A<B>C| o |||"},
@@ -326,7 +327,8 @@ private Q_SLOTS:
             "<!DOCTYPE notify>" + notify("<b/>"), "<!DOCTYPE n [<!ENTITY e 'x'>]>" + notify("<b>&e;</b>"),
             "<!DOCTYPE n [<!ENTITY e SYSTEM 'file:///etc/passwd'>]>" + notify("<b>&e;</b>"),
             "<reply>" + good + "</reply>", "<Notify>" + good + "</Notify>", "<notify/>",
-            "<notify><op>o</op></notify>", "<notify><ref>r</ref></notify>", "<notify><ref>r<x/></ref><op>o</op></notify>",
+            "<notify><op>o</op></notify>", "<notify><ref>r</ref></notify>",
+            "<notify><ref>r<x/></ref><op>o</op></notify>",
             "<notify>" + good + "<ref>r</ref></notify>", "<notify>" + good + "<data/><data><b/></data></notify>",
         };
         // clang-format on
