@@ -94,7 +94,7 @@ const char scripts[] = R"(
     monitor 1 1 -> ampChannel.1.ampMonitorStatus=1 ampChannel.1.status=5
     monitor 0 2 -> ampChannel.0.ampMonitorStatus=2 ampChannel.0.status=3
     set ampChannel.1.status 77 -> ampChannel.1.status=77
-    monitor 0 2 & monitor 1 0 ->
+    monitor 0 2 & monitor 0 3 & monitor 1 0 ->
 6425: an enabled channel of a model without class-D status
     amp_enable replace ch2 true -> ampChannel.1.ampEnable=2
     monitor 1 1 -> ampChannel.1.ampMonitorStatus=1 ampChannel.1.status=5

@@ -79,6 +79,8 @@ private Q_SLOTS:
             {"deleted list node, empty data, a leaf of it", "/l/n[k='x']/v", "/l/n[k='x']", "", none},
             {"attribute only", "/l/@a", "/l", "<l a='1'>2</l>", none},
             {"attribute first, then an element", "/l/@a | /l/v", "/l", "<l a='1'><v>2</v></l>", "=2"},
+            {"attribute, then a reverse axis", "/l/@a | /l/c/preceding-sibling::*", "/l",
+             "<l a='1'><a>1</a><b>2</b><c/></l>", "=1"},
             {"text node only", "/l/text()", "/l", "<l>2</l>", none},
             {"document only", "/", "/l", "<l>2</l>", none},
             {"predicate on an attribute", "/l/v[@a='2']", "/l", "<l><v a='1'>x</v><v a='2'>y</v></l>", "=y"},
