@@ -9,7 +9,6 @@
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
-#include <QTest>
 #include <csignal>
 
 using namespace simulator;
@@ -34,30 +33,34 @@ Result runProgram(const char *program, const QStringList &arguments, const QByte
             QString::fromUtf8(process.readAllStandardOutput()), QString::fromUtf8(process.readAllStandardError())};
 }
 
-/// A talservice in a process of its own.
+/// A talservice in a process.
 struct Service {
     QTemporaryDir folder;
+    QString socket = folder.filePath("tal.sock");
+    QString control = folder.filePath("ctl.sock");
     QProcess process;
     QString readyLine;
 
-    QStringList sockets() const
-    {
-        return {"--socket", folder.filePath("tal.sock"), "--control", folder.filePath("ctl.sock")};
-    }
+    explicit Service(const QStringList &more = {}) { start(more); }
 
-    void start(const QStringList &more = {"--model", "6420"})
+    void start(const QStringList &more = {})
     {
         process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        process.start(KVSNMP_TALSERVICE, sockets() + QStringList{"--bus", "none"} + more);
+        process.start(KVSNMP_TALSERVICE, arguments() + more);
         while (!process.canReadLine())
             if (!process.waitForReadyRead(20000))
                 return;
         readyLine = QString::fromUtf8(process.readLine()).trimmed();
     }
 
+    QStringList arguments() const
+    {
+        return {"--socket", socket, "--control", control, "--bus", "none", "--model", "6420"};
+    }
+
     Result talctl(const QStringList &words, const QByteArray &input = {}) const
     {
-        return runProgram(KVSNMP_TALCTL, QStringList{"--control", folder.filePath("ctl.sock")} + words, input);
+        return runProgram(KVSNMP_TALCTL, QStringList{"--control", control} + words, input);
     }
 
     int end(int signal)
@@ -75,7 +78,78 @@ struct Service {
     }
 };
 
-const QString fanPath = "/state/fans/fan[kid='amp_power']/speed_sensor_rpm";
+constexpr char fanPath[] = "/state/fans/fan[kid='amp_power']/speed_sensor_rpm";
+
+// clang-format off
+/// A line, and its words, each with a | behind it, or its error.
+constexpr struct { const char *line, *result; } lines[] = {
+    {"", ""}, {" \t ", ""}, {"# set x", ""}, {" get  /state\t# all", "get|/state|"}, {"set /x a#b", "set|/x|a#b|"},
+    {"set /x '#b'", "set|/x|#b|"}, {"set /x it's mine", "set|/x|it's|mine|"}, {"set /x \xC3\xA4", "set|/x|\xC3\xA4|"},
+    {R"(set /x 'a \n "b"')", R"(set|/x|a \n "b"|)"}, {R"(set /x "a\n\t\r\"\\'\q")", "set|/x|a\n\t\r\"\\'q|"},
+    {R"(fault raise '' "")", "fault|raise|||"}, {R"( ["set", "/x", "a \"b\"\n'"] )", "set|/x|a \"b\"\n'|"},
+    {"get /a/b[kid='x y']/c", "get|/a/b[kid='x y']/c|"}, {R"(get /a/b[kid="x y"]/c)", R"(get|/a/b[kid="x y"]/c|)"},
+    {R"(get "/a/b[kid='x y']/c")", "get|/a/b[kid='x y']/c|"},
+    {"set 'x", "a quote is left open"}, {R"(set "x\")", "a quote is left open"},
+    {"get /a[kid='x /b", "a quote is left open"}, {"set 'x'y", "no blank after a quoted word"},
+    {R"(["get")", "malformed JSON list"}, {R"(["get", 1])", "not a list of texts"},
+};
+
+/// A replay that is refused, and the error; "time" stands for the error of a wrong time.
+constexpr struct { const char *text, *error; } wrongReplays[] = {
+    {"get /state", "line 1: time"}, {"\n-1 get /state", "line 2: time"}, {"0 get /x\n0,5 get /x", "line 2: time"},
+    {"nan get /x", "line 1: time"}, {"inf get /x", "line 1: time"}, {"1e300 get /x", "line 1: time"},
+    {"1 get /x\n0.5 get /x", "line 2: earlier than the line before"},
+    {"1", "line 1: no command"}, {"1 # x", "line 1: no command"},
+    {"1 frob", "line 1: no such command: frob (talctl --help shows all)"},
+    {"1 set x", "line 1: usage: talctl set PATH VALUE"}, {"1 set /x 'y", "line 1: a quote is left open"},
+    {"1 replay x", "line 1: replay has no place in a replay"}, {"1 batch", "line 1: batch has no place in a replay"},
+};
+
+/// The arguments of talctl, its exit code, its output and, without "talctl: " before and the line end, its error.
+constexpr struct { const char *words; int code; const char *out, *err; } calls[] = {
+    {"set FAN 7",                            0, "",     ""},
+    {"get /state/class_d_amp_status/status", 0, "ok\n", ""},
+    {"get /state/x",                         1, "",     "no such node: /state/x"},
+    {"",                                     2, "",     "no command (talctl --help shows all)"},
+    {"x",                                    2, "",     "no such command: x (talctl --help shows all)"},
+    {"--x get",                              2, "",     "no such option: --x (talctl --help shows all)"},
+    {"--wait",                               2, "",     "--wait needs a value"},
+    {"--wait x get",                         2, "",     "--wait needs a number of seconds"},
+    {"--wait nan get /state",                2, "",     "--wait needs a number of seconds"},
+    {"--wait -1 get /state",                 2, "",     "--wait needs a number of seconds"},
+    {"get",                                  2, "",     "usage: talctl get PATH"},
+    {"batch x",                              2, "",     "usage: talctl batch [--answers]"},
+    {"monitor amp x 1",                      2, "",     "not a number: x"},
+    {"replay /nowhere",                      2, "",     "/nowhere: No such file or directory"},
+};
+
+/// The arguments of a talservice that does not start, its exit code and the beginning of its error after
+/// "talservice: ".
+constexpr struct { const char *arguments; int code; const char *err; } refusedStarts[] = {
+    {"",                                            2, "--model is missing (there is a tree for: 6211 6214"},
+    {"--model 1",                                   2, "no tree for model 1, there is one for:"},
+    {"--model 6420 --trees /x",                     2, "no tree files in /x"},
+    {"--x",                                         2, "Unknown option 'x'"},
+    {"--model 6420 x",                              2, "no such argument: x"},
+    {"--model 6420 --bus x",                        2, "--bus is"},
+    {"--model 6420 --gpio-lines x",                 2, "--gpio-lines is"},
+    {"--model 6420 --max-queue 0",                  2, "--max-queue is"},
+    {"--model 6420 --set x",                        2, "--set x: not PATH=VALUE"},
+    {"--model 6420 --set /state/x=1",               2, "--set /state/x=1: no such node: /state/x"},
+    {"--model 6420 --set /state/fans/fan[kid='a]=b']/x=1", 2,
+     "--set /state/fans/fan[kid='a]=b']/x=1: no such node: /state/fans/fan[kid='a]=b']/x\n"},
+    {"--model 6420 --bus none --socket /nowhere/x", 1, "/nowhere/x: its folder is not there"},
+    {"--model 6211 --bus none --gpio-root /proc/x", 1, "cannot make the folder /proc/x"},
+};
+
+/// A leaf, and its text by a setting of talservice.
+constexpr struct { const char *path, *text; } settings[] = {
+    {"/state/config/snmp_settings/access_control/snmp_port",    "1161"},
+    {"/state/config/gpos/gpo[kid='relay1']/delay",              "a=b"},
+    {"/state/config/snmp_settings/mib_2_settings/sys_name",     "a]['=b"},
+    {"/state/config/snmp_settings/mib_2_settings/sys_location", ""},
+};
+// clang-format on
 
 } // namespace
 
@@ -83,497 +157,245 @@ class TestTalctl : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void words_data();
-    void words();
-    void wrongWords_data();
-    void wrongWords();
-    void replayLines();
-    void wrongReplayLines_data();
-    void wrongReplayLines();
+    void words()
+    {
+        for (const auto &row : lines) {
+            const AtRow at(row.line);
+            QString result;
+            const std::optional<QStringList> split = splitWords(QString::fromUtf8(row.line), result);
+            for (const QString &word : split.value_or(QStringList()))
+                result += word + '|';
+            QCOMPARE(result, QString::fromUtf8(row.result));
+        }
+    }
 
-    void exitCodes_data();
-    void exitCodes();
-    void helpForEachCommand();
-    void noService();
-    void serviceThatGoesAway();
-    void waitsForTheService();
-    void controlSocketFromTheEnvironment();
-    void valuesMayLookLikeOptions();
-    void replayKeepsItsTimes();
-    void replayEndsAtTheFirstFailure();
-    void replayIsReadBeforeItBegins();
-    void batch();
-    void batchAnswersAsItGoes();
-    void batchOfManyFaults();
+    void replayLines()
+    {
+        QString error;
+        const auto commands =
+            readReplay("# a day\n\n0 get /state\n 0.25\tset /x 'a b' # why\n1e1 [\"get\", \"/x\"]\n", error);
+        QVERIFY2(commands, qPrintable(error));
+        QCOMPARE(commands->size(), std::size_t{3});
+        QCOMPARE((*commands)[1].line, 4);
+        QCOMPARE((*commands)[1].seconds, 0.25);
+        QCOMPARE((*commands)[1].words, (QStringList{"set", "/x", "a b"}));
+        QCOMPARE((*commands)[2].seconds, 10.0);
+        QCOMPARE((*commands)[2].words, (QStringList{"get", "/x"}));
+        for (const auto &row : wrongReplays) {
+            const AtRow at(row.text);
+            error.clear();
+            QVERIFY(!readReplay(row.text, error));
+            QCOMPARE(error.replace("a line begins with the seconds since the start", "time"), QString(row.error));
+        }
+    }
 
-    void serviceTellsThatItIsReady();
-    void serviceOptions_data();
-    void serviceOptions();
-    void serviceUsage_data();
-    void serviceUsage();
-    void serviceEndsCleanly_data();
-    void serviceEndsCleanly();
-    void serviceTakesOverAfterAKill();
+    void exitCodes()
+    {
+        const Service service;
+        for (const auto &row : calls) {
+            const AtRow at(row.words);
+            const QStringList words = QString(row.words).replace("FAN", fanPath).split(' ', Qt::SkipEmptyParts);
+            const Result result = service.talctl(words);
+            QCOMPARE(result.err, *row.err == '\0' ? QString() : QString("talctl: %1\n").arg(row.err));
+            QCOMPARE(result.out, QString(row.out));
+            QCOMPARE(result.code, row.code);
+        }
+        for (const char *value : {"-5.0", "--control", "", " two words ", "<xml/>", "it's", "\"\\n"}) {
+            QCOMPARE(service.talctl({"set", fanPath, value}).err, QString());
+            QCOMPARE(service.talctl({"get", fanPath}).out, *value != '\0' ? QString(value) + '\n' : QString());
+        }
+    }
+
+    void helpForEachCommand()
+    {
+        const Result help = runProgram(KVSNMP_TALCTL, {"--help"});
+        QCOMPARE(help.code, 0);
+        QVERIFY(help.out.startsWith("usage: talctl [--control PATH] [--wait SECONDS] COMMAND [ARGUMENT...]\n"));
+        const QString commands = "get,set,create,replace,patch,delete,fault raise,fault clear,fault list,trap enable,"
+                                 "trap disable,trap list,monitor gpo,monitor gpi,monitor amp,monitor let,monitor power,"
+                                 "monitor status,gpio list,gpio remove,gpio restore,gpio export,gpio unexport,gpio,"
+                                 "clients,clients drop,subscriptions,replay,batch";
+        for (const QString &command : commands.split(',')) {
+            QVERIFY2(help.out.contains("\n  " + command), qPrintable(command));
+            const Result single = runProgram(KVSNMP_TALCTL, command.split(' ') + QStringList{"--help"});
+            QCOMPARE(single.code, 0);
+            QVERIFY2(single.out.startsWith("usage: talctl " + command) && single.out.count('\n') > 2,
+                     qPrintable(single.out));
+        }
+        const Result group = runProgram(KVSNMP_TALCTL, {"fault", "--help"});
+        QCOMPARE(group.code, 0);
+        QVERIFY2(group.out.startsWith("usage: talctl fault ...\n\n  fault raise REPORTER"), qPrintable(group.out));
+        QVERIFY(group.out.contains("\n  fault clear ") && !group.out.contains("trap"));
+        QCOMPARE(runProgram(KVSNMP_TALCTL, {"x", "--help"}).code, 2);
+        QCOMPARE(runProgram(KVSNMP_TALCTL, {"--control", "/x", "--help"}).out, help.out);
+        QCOMPARE(runProgram(KVSNMP_TALCTL, {"--version"}).out, QString("talctl %1\n").arg(KVSNMP_VERSION));
+        QVERIFY(runProgram(KVSNMP_TALSERVICE, {"--help"}).out.startsWith("usage: talservice --model N [OPTION...]\n"));
+    }
+
+    void noService()
+    {
+        const QTemporaryDir folder;
+        const QString path = folder.filePath("none.sock");
+        const Result result = runProgram(KVSNMP_TALCTL, {"--control", path, "get", "/state"});
+        QCOMPARE(result.code, 3);
+        QCOMPARE(result.err, QString("talctl: no service at %1: No such file or directory\n").arg(path));
+        QCOMPARE(runProgram(KVSNMP_TALCTL, {"--control", path, "batch"}, "get /state\n").code, 3);
+        QCOMPARE(runProgram(KVSNMP_TALCTL, {"--control", path, "--wait", "0.2", "get", "/state"}).code, 3);
+        QCOMPARE(runProgram(KVSNMP_TALCTL, {"--control", "/" + QString(200, 'x'), "get", "/state"}).code, 3);
+        QCOMPARE(runProgram(KVSNMP_TALCTL, {"--control", path, "get"}).code, 2); // needs no service
+    }
+
+    void waitsForTheService()
+    {
+        Service service;
+        QCOMPARE(service.end(SIGTERM), 0);
+        QProcess talctl;
+        talctl.start(KVSNMP_TALCTL, {"--control", service.control, "--wait", "20", "get", "/state/fans"});
+        QVERIFY(talctl.waitForStarted());
+        service.start();
+        QVERIFY(talctl.waitForFinished(20000));
+        QCOMPARE(talctl.exitCode(), 0);
+        qputenv("TAL_CONTROL", service.control.toUtf8());
+        QCOMPARE(runProgram(KVSNMP_TALCTL, {"get", fanPath}).out, QString("1450\n"));
+        qunsetenv("TAL_CONTROL");
+    }
+
+    void replay()
+    {
+        const Service service;
+        const QByteArray fan = fanPath;
+        QElapsedTimer timer;
+        timer.start();
+        const Result timed = service.talctl({"replay", "-"}, "0 set " + fan + " 1 # at once\n0.3 set " + fan +
+                                                                 " 2\n0.6 get " + fan + "\n");
+        QCOMPARE(timed.err, QString());
+        QCOMPARE(timed.out, QString("2\n"));
+        QVERIFY2(timer.elapsed() >= 600, qPrintable(QString::number(timer.elapsed())));
+
+        QFile file(service.folder.filePath("a.replay"));
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write("0 get /state/class_d_amp_status\n") > 0);
+        file.close();
+        QCOMPARE(service.talctl({"replay", file.fileName()}).out,
+                 QString("<class_d_amp_status><status>ok</status></class_d_amp_status>\n"));
+
+        const Result unread = service.talctl({"replay", "-"}, "0 delete /state/fans\n0 frob\n");
+        QCOMPARE(unread.code, 2); // read to its end before it begins
+        QCOMPARE(unread.err,
+                 QString("talctl: standard input, line 2: no such command: frob (talctl --help shows all)\n"));
+        QCOMPARE(service.talctl({"get", fanPath}).code, 0);
+
+        const Result failed = service.talctl(
+            {"replay", "-"}, "0 delete /state/fans\n\n0 get /state/fans\n0 delete /state/class_d_amp_status\n");
+        QCOMPARE(failed.code, 1); // ends at the first failure
+        QCOMPARE(failed.err, QString("talctl: line 3: no such node: /state/fans\n"));
+        QCOMPARE(service.talctl({"get", "/state/class_d_amp_status/status"}).out, QString("ok\n"));
+    }
+
+    void batch()
+    {
+        const Service service;
+        const QByteArray fan = fanPath;
+        const Result good = service.talctl({"batch"}, "# one\nset " + fan + " 5\n\nget " + fan);
+        QCOMPARE(good.err, QString());
+        QCOMPARE(good.out, QString("5\n"));
+        QCOMPARE(good.code, 0);
+        const Result bad = service.talctl({"batch"}, "set /state/x 1\nset 'x\nfrob\nget " + fan + "\n");
+        QCOMPARE(bad.code, 1);
+        QCOMPARE(bad.out, QString("5\n"));
+        QCOMPARE(bad.err, QString("talctl: line 1: no such node: /state/x\ntalctl: line 2: a quote is left open\n"
+                                  "talctl: line 3: no such command: frob (talctl --help shows all)\n"));
+        QCOMPARE(service.talctl({"batch"}).code, 0);
+
+        constexpr int count = 5000;
+        QByteArray raise;
+        QByteArray clear;
+        for (int i = 0; i < count; ++i) {
+            const QByteArray number = QByteArray::number(i);
+            raise += "fault raise amp " + number + " fan_not_running crit 'fan " + number + "'\n";
+            clear += "fault clear amp " + number + '\n';
+        }
+        QCOMPARE(service.talctl({"batch"}, raise).code, 0);
+        QCOMPARE(service.talctl({"fault", "list"}).out.count('\n'), count);
+        QCOMPARE(service.talctl({"batch"}, clear).code, 0);
+        QCOMPARE(service.talctl({"fault", "list"}).out, QString());
+    }
+
+    void batchAnswersAtOnce()
+    {
+        Service service;
+        for (const bool serviceGoesAway : {false, true}) {
+            QProcess batch;
+            batch.start(KVSNMP_TALCTL, {"--control", service.control, "batch", "--answers"});
+            const auto answer = [&](const QByteArray &line) {
+                batch.write(line + '\n');
+                while (!batch.canReadLine())
+                    if (!batch.waitForReadyRead(20000))
+                        return QByteArray("(nothing)");
+                return batch.readLine();
+            };
+            QCOMPARE(answer(QByteArray("get ") + fanPath), QByteArray("{\"code\":0,\"text\":\"1450\"}\n"));
+            QCOMPARE(answer("[\"set\",\"/state/x\",\"1\"]"),
+                     QByteArray("{\"code\":1,\"text\":\"no such node: /state/x\"}\n"));
+            QCOMPARE(answer("fault list"), QByteArray("{\"code\":0,\"text\":\"\"}\n"));
+            if (serviceGoesAway) {
+                service.end(SIGKILL);
+                batch.write("get /state\n");
+            } else {
+                batch.closeWriteChannel();
+            }
+            QVERIFY(batch.waitForFinished(20000));
+            QCOMPARE(batch.exitCode(), serviceGoesAway ? 3 : 0);
+            QCOMPARE(batch.readAllStandardError(),
+                     QByteArray(serviceGoesAway ? "talctl: the service went away\n" : ""));
+        }
+    }
+
+    void serviceOptions()
+    {
+        const QTemporaryDir folder;
+        const QString gpio = folder.filePath("gpio");
+        QStringList options{"--model", "6211", "--trees", KVSNMP_TREES, "--gpio-root", gpio};
+        for (const auto &[path, text] : settings)
+            options += {"--set", QString(path) + '=' + text};
+        const Service service(options);
+        QCOMPARE(service.readyLine, QString("talservice: ready model 6211 socket %1 control %2 gpio %3 bus none")
+                                        .arg(service.socket, service.control, gpio));
+        for (const auto &[path, text] : settings)
+            QCOMPARE(service.talctl({"get", path}).out, *text != '\0' ? QString(text) + '\n' : QString());
+        QVERIFY(service.talctl({"gpio", "list"}).out.contains("gpio4\t171\tgpio171\tout\t")); // the tree's outputs
+    }
+
+    void serviceRefusesToStart()
+    {
+        for (const auto &row : refusedStarts) {
+            const AtRow at(row.arguments);
+            const Result result = runProgram(KVSNMP_TALSERVICE, QString(row.arguments).split(' ', Qt::SkipEmptyParts));
+            QVERIFY2(result.err.startsWith(QString("talservice: ") + row.err), qPrintable(result.err));
+            QCOMPARE(result.code, row.code);
+            QCOMPARE(result.out, QString());
+        }
+    }
+
+    void serviceEndsAndStartsAgain()
+    {
+        Service service;
+        for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+            QCOMPARE(service.end(signal), 0);
+            QVERIFY(!QFile::exists(service.socket));
+            QVERIFY(!QFile::exists(service.control));
+            service.start();
+        }
+        const Result second = runProgram(KVSNMP_TALSERVICE, service.arguments());
+        QCOMPARE(second.code, 1);
+        QVERIFY(second.err.endsWith("is served by another program\n"));
+        service.end(SIGKILL);
+        QVERIFY(QFile::exists(service.socket)); // left behind, and replaced
+        service.readyLine.clear();
+        service.start();
+        QVERIFY(service.readyLine.startsWith("talservice: ready"));
+        QCOMPARE(service.talctl({"get", fanPath}).out, QString("1450\n"));
+    }
 };
-
-void TestTalctl::words_data()
-{
-    QTest::addColumn<QString>("line");
-    QTest::addColumn<QString>("words"); // joined by |
-    // clang-format off
-    const struct { const char *name; const char *line; const char *words; } rows[] = {
-        {"nothing",                   "",                            nullptr},
-        {"blanks",                    " \t ",                        nullptr},
-        {"comment",                   "# set x",                     nullptr},
-        {"words and a comment",       " get  /state\t# all",         "get|/state"},
-        {"number sign in a word",     "set /x a#b",                  "set|/x|a#b"},
-        {"number sign in quotes",     "set /x '#b'",                 "set|/x|#b"},
-        {"apostrophes are literal",   R"(set /x 'a \n "b"')",        R"(set|/x|a \n "b")"},
-        {"quotation marks escape",    R"(set /x "a\n\t\r\"\\'\q")", "set|/x|a\n\t\r\"\\'q"},
-        {"empty words",               R"(fault raise '' "")",        "fault|raise||"},
-        {"path with quotes",          "get /a/b[kid='x y']/c",       "get|/a/b[kid='x y']/c"},
-        {"path with quotation marks", R"(get /a/b[kid="x y"]/c)",    R"(get|/a/b[kid="x y"]/c)"},
-        {"quoted path",               R"(get "/a/b[kid='x y']/c")",  "get|/a/b[kid='x y']/c"},
-        {"apostrophe in a word",      "set /x it's mine",            "set|/x|it's|mine"},
-        {"JSON",                      R"( ["set", "/x", "a \"b\"\n'"] )", "set|/x|a \"b\"\n'"},
-        {"beyond ASCII",              "set /x \xC3\xA4",             "set|/x|\xC3\xA4"},
-    };
-    // clang-format on
-    for (const auto &row : rows)
-        QTest::newRow(row.name) << QString::fromUtf8(row.line) << QString::fromUtf8(row.words);
-}
-
-void TestTalctl::words()
-{
-    QFETCH(const QString, line);
-    QFETCH(const QString, words);
-    QString error;
-    const std::optional<QStringList> split = splitWords(line, error);
-    QVERIFY2(split, qPrintable(error));
-    QCOMPARE(*split, words.isNull() ? QStringList() : words.split('|'));
-}
-
-void TestTalctl::wrongWords_data()
-{
-    QTest::addColumn<QString>("line");
-    QTest::addColumn<QString>("error");
-    // clang-format off
-    const struct { const char *name; const char *line; const char *error; } rows[] = {
-        {"open apostrophe",              "set 'x",             "a quote is left open"},
-        {"open quotation mark",          R"(set "x\")",        "a quote is left open"},
-        {"open in a path",               "get /a[kid='x /b",   "a quote is left open"},
-        {"no blank after a quoted word", "set 'x'y",           "no blank after a quoted word"},
-        {"half a list",                  R"(["get")",          "malformed JSON list"},
-        {"a list with a number",         R"(["get", 1])",      "not a list of texts"},
-    };
-    // clang-format on
-    for (const auto &row : rows)
-        QTest::newRow(row.name) << row.line << row.error;
-}
-
-void TestTalctl::wrongWords()
-{
-    QFETCH(const QString, line);
-    QFETCH(const QString, error);
-    QString found;
-    QVERIFY(!splitWords(line, found));
-    QCOMPARE(found, error);
-}
-
-void TestTalctl::replayLines()
-{
-    QString error;
-    const auto commands =
-        readReplay("# a day\n\n0 get /state\n 0.25\tset /x 'a b' # why\n1e1 [\"get\", \"/x\"]\n", error);
-    QVERIFY2(commands, qPrintable(error));
-    QCOMPARE(commands->size(), std::size_t{3});
-    QCOMPARE((*commands)[1].line, 4);
-    QCOMPARE((*commands)[1].seconds, 0.25);
-    QCOMPARE((*commands)[1].words, (QStringList{"set", "/x", "a b"}));
-    QCOMPARE((*commands)[2].seconds, 10.0);
-    QCOMPARE((*commands)[2].words, (QStringList{"get", "/x"}));
-}
-
-void TestTalctl::wrongReplayLines_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QString>("error");
-    // clang-format off
-    const struct { const char *name; const char *text; const char *error; } rows[] = {
-        {"no time",                 "get /state",             "line 1: a line begins with the seconds since the start"},
-        {"time below 0",            "\n-1 get /state",        "line 2: a line begins with the seconds since the start"},
-        {"no number",               "0 get /x\n0,5 get /x",   "line 2: a line begins with the seconds since the start"},
-        {"not a time",              "nan get /x",             "line 1: a line begins with the seconds since the start"},
-        {"never",                   "inf get /x",             "line 1: a line begins with the seconds since the start"},
-        {"hardly ever",             "1e300 get /x",           "line 1: a line begins with the seconds since the start"},
-        {"earlier",                 "1 get /x\n0.5 get /x",   "line 2: earlier than the line before"},
-        {"no command",              "1",                      "line 1: no command"},
-        {"a comment for a command", "1 # x",                  "line 1: no command"},
-        {"unknown command",         "1 frob",                 "line 1: no such command: frob (talctl --help shows all)"},
-        {"wrong usage",             "1 set x",                "line 1: usage: talctl set PATH VALUE"},
-        {"open quote",              "1 set /x 'y",            "line 1: a quote is left open"},
-        {"a replay in a replay",    "1 replay x",             "line 1: replay has no place in a replay"},
-        {"a batch in a replay",     "1 batch",                "line 1: batch has no place in a replay"},
-    };
-    // clang-format on
-    for (const auto &row : rows)
-        QTest::newRow(row.name) << row.text << row.error;
-}
-
-void TestTalctl::wrongReplayLines()
-{
-    QFETCH(const QString, text);
-    QFETCH(const QString, error);
-    QString found;
-    QVERIFY(!readReplay(text, found));
-    QCOMPARE(found, error);
-}
-
-void TestTalctl::exitCodes_data()
-{
-    QTest::addColumn<QString>("words");
-    QTest::addColumn<int>("code");
-    QTest::addColumn<QString>("out");
-    QTest::addColumn<QString>("err");
-    // clang-format off
-    const struct { const char *name; const char *words; int code; const char *out; const char *err; } rows[] = {
-        {"done",                  "set FAN 7",                             0, "",     ""},
-        {"output",                "get /state/class_d_amp_status/status",  0, "ok\n", ""},
-        {"refused",               "get /state/x",                          1, "",     "talctl: no such node: /state/x\n"},
-        {"no command",            "",                                      2, "",     "talctl: no command (talctl --help shows all)\n"},
-        {"unknown command",       "x",                                     2, "",     "talctl: no such command: x (talctl --help shows all)\n"},
-        {"unknown option",        "--x get",                               2, "",     "talctl: no such option: --x (talctl --help shows all)\n"},
-        {"option without value",  "--wait",                                2, "",     "talctl: --wait needs a value\n"},
-        {"wait for no time",      "--wait x get",                          2, "",     "talctl: --wait needs a number of seconds\n"},
-        {"wait that never ends",  "--wait nan get /state",                 2, "",     "talctl: --wait needs a number of seconds\n"},
-        {"wait of the past",      "--wait -1 get /state",                  2, "",     "talctl: --wait needs a number of seconds\n"},
-        {"wrong usage",           "get",                                   2, "",     "talctl: usage: talctl get PATH\n"},
-        {"wrong usage of batch",  "batch x",                               2, "",     "talctl: usage: talctl batch [--answers]\n"},
-        {"wrong number",          "monitor amp x 1",                       2, "",     "talctl: not a number: x\n"},
-        {"no replay file",        "replay /nowhere",                       2, "",     "talctl: /nowhere: No such file or directory\n"},
-    };
-    // clang-format on
-    for (const auto &row : rows)
-        QTest::newRow(row.name) << row.words << row.code << row.out << row.err;
-}
-
-void TestTalctl::exitCodes()
-{
-    QFETCH(QString, words);
-    QFETCH(const int, code);
-    QFETCH(const QString, out);
-    QFETCH(const QString, err);
-    Service service;
-    service.start();
-    const Result result = service.talctl(words.replace("FAN", fanPath).split(' ', Qt::SkipEmptyParts));
-    QCOMPARE(result.err, err);
-    QCOMPARE(result.out, out);
-    QCOMPARE(result.code, code);
-}
-
-void TestTalctl::helpForEachCommand()
-{
-    const Result help = runProgram(KVSNMP_TALCTL, {"--help"});
-    QCOMPARE(help.code, 0);
-    QVERIFY(help.out.startsWith("usage: talctl [--control PATH] [--wait SECONDS] COMMAND [ARGUMENT...]\n"));
-    const QStringList commands{"get",          "set",           "create",         "replace",     "patch",
-                               "delete",       "fault raise",   "fault clear",    "fault list",  "trap enable",
-                               "trap disable", "trap list",     "monitor gpo",    "monitor gpi", "monitor amp",
-                               "monitor let",  "monitor power", "monitor status", "gpio list",   "gpio remove",
-                               "gpio restore", "gpio export",   "gpio unexport",  "gpio",        "clients",
-                               "clients drop", "subscriptions", "replay",         "batch"};
-    for (const QString &command : commands) {
-        QVERIFY2(help.out.contains("\n  " + command), qPrintable(command));
-        const Result own = runProgram(KVSNMP_TALCTL, command.split(' ') + QStringList{"--help"});
-        QCOMPARE(own.code, 0);
-        QVERIFY2(own.out.startsWith("usage: talctl " + command) && own.out.count('\n') > 2, qPrintable(own.out));
-    }
-    const Result group = runProgram(KVSNMP_TALCTL, {"fault", "--help"});
-    QCOMPARE(group.code, 0);
-    QVERIFY2(group.out.startsWith("usage: talctl fault ...\n\n  fault raise REPORTER"), qPrintable(group.out));
-    QVERIFY(group.out.contains("\n  fault clear ") && !group.out.contains("trap"));
-    QCOMPARE(runProgram(KVSNMP_TALCTL, {"x", "--help"}).code, 2);
-    QCOMPARE(runProgram(KVSNMP_TALCTL, {"--control", "/x", "--help"}).out, help.out);
-    QCOMPARE(runProgram(KVSNMP_TALCTL, {"--version"}).out, QString("talctl %1\n").arg(KVSNMP_VERSION));
-}
-
-void TestTalctl::noService()
-{
-    const QTemporaryDir folder;
-    const QString path = folder.filePath("none.sock");
-    const Result result = runProgram(KVSNMP_TALCTL, {"--control", path, "get", "/state"});
-    QCOMPARE(result.code, 3);
-    QCOMPARE(result.err, QString("talctl: no service at %1: No such file or directory\n").arg(path));
-    QCOMPARE(runProgram(KVSNMP_TALCTL, {"--control", path, "batch"}, "get /state\n").code, 3);
-    QCOMPARE(runProgram(KVSNMP_TALCTL, {"--control", "/" + QString(200, 'x'), "get", "/state"}).code, 3);
-    QCOMPARE(runProgram(KVSNMP_TALCTL, {"--control", path, "get"}).code, 2); // wrong usage is told without a service
-}
-
-void TestTalctl::serviceThatGoesAway()
-{
-    Service service;
-    service.start();
-    QProcess batch;
-    batch.start(KVSNMP_TALCTL, {"--control", service.folder.filePath("ctl.sock"), "batch", "--answers"});
-    batch.write("get /state/sys_messages\n");
-    QVERIFY(batch.waitForReadyRead(20000));
-    service.end(SIGKILL);
-    batch.write("get /state\n");
-    QVERIFY(batch.waitForFinished(20000));
-    QCOMPARE(batch.exitCode(), 3);
-    QCOMPARE(batch.readAllStandardError(), QByteArray("talctl: the service went away\n"));
-}
-
-void TestTalctl::waitsForTheService()
-{
-    Service service;
-    QProcess talctl;
-    talctl.start(KVSNMP_TALCTL,
-                 {"--control", service.folder.filePath("ctl.sock"), "--wait", "20", "get", "/state/fans"});
-    QVERIFY(talctl.waitForStarted());
-    service.start();
-    QVERIFY(talctl.waitForFinished(20000));
-    QCOMPARE(talctl.exitCode(), 0);
-    const Result late = runProgram(KVSNMP_TALCTL, {"--control", "/nowhere/x", "--wait", "0.2", "get", "/state"});
-    QCOMPARE(late.code, 3);
-}
-
-void TestTalctl::controlSocketFromTheEnvironment()
-{
-    Service service;
-    service.start();
-    QProcess talctl;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("TAL_CONTROL", service.folder.filePath("ctl.sock"));
-    talctl.setProcessEnvironment(environment);
-    talctl.start(KVSNMP_TALCTL, {"get", fanPath});
-    QVERIFY(talctl.waitForFinished(20000));
-    QCOMPARE(talctl.readAllStandardOutput(), QByteArray("1450\n"));
-}
-
-void TestTalctl::valuesMayLookLikeOptions()
-{
-    Service service;
-    service.start();
-    for (const char *value : {"-5.0", "--control", "", " two words ", "<xml/>", "it's", "\"\\n"}) {
-        const Result set = service.talctl({"set", fanPath, value});
-        QVERIFY2(set.code == 0, qPrintable(set.err));
-        QCOMPARE(service.talctl({"get", fanPath}).out, *value != '\0' ? QString(value) + '\n' : QString());
-    }
-}
-
-void TestTalctl::replayKeepsItsTimes()
-{
-    Service service;
-    service.start();
-    QElapsedTimer timer;
-    timer.start();
-    const QByteArray text = "0 set " + fanPath.toUtf8() + " 1 # at once\n0.3 set " + fanPath.toUtf8() + " 2\n0.6 get " +
-                            fanPath.toUtf8() + "\n";
-    const Result result = service.talctl({"replay", "-"}, text);
-    QCOMPARE(result.err, QString());
-    QCOMPARE(result.out, QString("2\n"));
-    QVERIFY2(timer.elapsed() >= 600, qPrintable(QString::number(timer.elapsed())));
-
-    QFile file(service.folder.filePath("a.replay"));
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.write("0 get /state/class_d_amp_status\n") > 0);
-    file.close();
-    QCOMPARE(service.talctl({"replay", file.fileName()}).out,
-             QString("<class_d_amp_status><status>ok</status></class_d_amp_status>\n"));
-}
-
-void TestTalctl::replayEndsAtTheFirstFailure()
-{
-    Service service;
-    service.start();
-    const Result result = service.talctl(
-        {"replay", "-"}, "0 delete /state/fans\n\n0 get /state/fans\n0 delete /state/class_d_amp_status\n");
-    QCOMPARE(result.code, 1);
-    QCOMPARE(result.err, QString("talctl: line 3: no such node: /state/fans\n"));
-    QCOMPARE(service.talctl({"get", "/state/class_d_amp_status/status"}).out, QString("ok\n"));
-}
-
-void TestTalctl::replayIsReadBeforeItBegins()
-{
-    Service service;
-    service.start();
-    const Result result = service.talctl({"replay", "-"}, "0 delete /state/fans\n0 frob\n");
-    QCOMPARE(result.code, 2);
-    QCOMPARE(result.err, QString("talctl: standard input, line 2: no such command: frob (talctl --help shows all)\n"));
-    QCOMPARE(service.talctl({"get", fanPath}).code, 0);
-}
-
-void TestTalctl::batch()
-{
-    Service service;
-    service.start();
-    const Result good = service.talctl({"batch"}, "# one\nset " + fanPath.toUtf8() + " 5\n\nget " + fanPath.toUtf8());
-    QCOMPARE(good.err, QString());
-    QCOMPARE(good.out, QString("5\n"));
-    QCOMPARE(good.code, 0);
-    const Result bad = service.talctl({"batch"}, "set /state/x 1\nset 'x\nfrob\nget " + fanPath.toUtf8() + "\n");
-    QCOMPARE(bad.code, 1);
-    QCOMPARE(bad.out, QString("5\n"));
-    QCOMPARE(bad.err, QString("talctl: line 1: no such node: /state/x\ntalctl: line 2: a quote is left open\n"
-                              "talctl: line 3: no such command: frob (talctl --help shows all)\n"));
-    QCOMPARE(service.talctl({"batch"}).code, 0);
-}
-
-void TestTalctl::batchAnswersAsItGoes()
-{
-    Service service;
-    service.start();
-    QProcess batch;
-    batch.start(KVSNMP_TALCTL, {"--control", service.folder.filePath("ctl.sock"), "batch", "--answers"});
-    const auto answer = [&](const QByteArray &line) {
-        batch.write(line + '\n');
-        while (!batch.canReadLine())
-            if (!batch.waitForReadyRead(20000))
-                return QByteArray("(nothing)");
-        return batch.readLine();
-    };
-    QCOMPARE(answer("get " + fanPath.toUtf8()), QByteArray("{\"code\":0,\"text\":\"1450\"}\n"));
-    QCOMPARE(answer("[\"set\",\"/state/x\",\"1\"]"), QByteArray("{\"code\":1,\"text\":\"no such node: /state/x\"}\n"));
-    QCOMPARE(answer("fault list"), QByteArray("{\"code\":0,\"text\":\"\"}\n"));
-    batch.closeWriteChannel();
-    QVERIFY(batch.waitForFinished(20000));
-    QCOMPARE(batch.exitCode(), 0);
-}
-
-void TestTalctl::batchOfManyFaults()
-{
-    constexpr int count = 5000;
-    Service service;
-    service.start();
-    QByteArray raise;
-    QByteArray clear;
-    for (int i = 0; i < count; ++i) {
-        raise +=
-            "fault raise amp " + QByteArray::number(i) + " fan_not_running crit 'fan " + QByteArray::number(i) + "'\n";
-        clear += "fault clear amp " + QByteArray::number(i) + '\n';
-    }
-    QCOMPARE(service.talctl({"batch"}, raise).code, 0);
-    QCOMPARE(service.talctl({"fault", "list"}).out.count('\n'), count);
-    QCOMPARE(service.talctl({"batch"}, clear).code, 0);
-    QCOMPARE(service.talctl({"fault", "list"}).out, QString());
-}
-
-void TestTalctl::serviceTellsThatItIsReady()
-{
-    Service service;
-    const QString gpio = service.folder.filePath("gpio");
-    service.start({"--model", "6214", "--gpio-root", gpio});
-    QCOMPARE(service.readyLine,
-             QString("talservice: ready model 6214 socket %1 control %2 gpio %3 bus none")
-                 .arg(service.folder.filePath("tal.sock"), service.folder.filePath("ctl.sock"), gpio));
-    QVERIFY(QFile::exists(gpio + "/gpio168/value"));
-}
-
-void TestTalctl::serviceOptions_data()
-{
-    QTest::addColumn<QStringList>("options");
-    QTest::addColumn<QStringList>("words");
-    QTest::addColumn<QString>("out");
-    const QString relay = "/state/config/gpos/gpo[kid='relay1']/delay";
-    const QString port = "/state/config/snmp_settings/access_control/snmp_port";
-    QTest::newRow("a setting") << QStringList{"--set", port + "=1161"} << QStringList{"get", port} << "1161\n";
-    QTest::newRow("a setting with a predicate")
-        << QStringList{"--set", relay + "=a=b"} << QStringList{"get", relay} << "a=b\n";
-    const QString sysName = "/state/config/snmp_settings/mib_2_settings/sys_name";
-    QTest::newRow("a bracket and an equals sign in the value")
-        << QStringList{"--set", sysName + "=a]['=b"} << QStringList{"get", sysName} << "a]['=b\n";
-    QTest::newRow("two settings") << QStringList{"--set", port + "=1", "--set", relay + "=2"}
-                                  << QStringList{"get", port} << "1\n";
-    QTest::newRow("an empty setting") << QStringList{"--set", relay + "="} << QStringList{"get", relay} << "";
-    QTest::newRow("output lines drive") << QStringList{} << QStringList{"gpio", "gpio4", "1"} << "";
-    QTest::newRow("trees elsewhere") << QStringList{"--trees", KVSNMP_TREES} << QStringList{"monitor", "status"}
-                                     << "down\n";
-}
-
-void TestTalctl::serviceOptions()
-{
-    QFETCH(const QStringList, options);
-    QFETCH(const QStringList, words);
-    QFETCH(const QString, out);
-    Service service;
-    service.start(QStringList{"--model", "6211", "--gpio-root", service.folder.filePath("gpio")} + options);
-    const Result result = service.talctl(words);
-    QCOMPARE(result.err, QString());
-    QCOMPARE(result.out, out);
-    QVERIFY(service.talctl({"gpio", "list"}).out.contains("gpio4\t171\tgpio171\tout\t"));
-}
-
-void TestTalctl::serviceUsage_data()
-{
-    QTest::addColumn<QString>("arguments");
-    QTest::addColumn<int>("code");
-    QTest::addColumn<QString>("err");
-    // clang-format off
-    const struct { const char *name; const char *arguments; int code; const char *err; } rows[] = {
-        {"no model",             "",                                                2, "talservice: --model is missing (there is a tree for: 6211 6214"},
-        {"unknown model",        "--model 1",                                       2, "talservice: no tree for model 1, there is one for:"},
-        {"no trees",             "--model 6420 --trees /x",                         2, "talservice: no tree files in /x"},
-        {"unknown option",       "--x",                                             2, "talservice: Unknown option 'x'"},
-        {"stray word",           "--model 6420 x",                                  2, "talservice: no such argument: x"},
-        {"unknown bus",          "--model 6420 --bus x",                            2, "talservice: --bus is"},
-        {"unknown lines",        "--model 6420 --gpio-lines x",                     2, "talservice: --gpio-lines is"},
-        {"queue of nothing",     "--model 6420 --max-queue 0",                      2, "talservice: --max-queue is"},
-        {"setting without path", "--model 6420 --set x",                            2, "talservice: --set x: not PATH=VALUE"},
-        {"setting of nothing",   "--model 6420 --set /state/x=1",                   2, "talservice: --set /state/x=1: no such node: /state/x"},
-        {"setting with a bracket in a key", "--model 6420 --set /state/fans/fan[kid='a]=b']/x=1", 2,
-         "talservice: --set /state/fans/fan[kid='a]=b']/x=1: no such node: /state/fans/fan[kid='a]=b']/x\n"},
-        {"no socket",            "--model 6420 --bus none --socket /nowhere/x",     1, "talservice: /nowhere/x: its folder is not there"},
-        {"no GPIO tree",         "--model 6211 --bus none --gpio-root /proc/x",     1, "talservice: cannot make the folder /proc/x"},
-    };
-    // clang-format on
-    for (const auto &row : rows)
-        QTest::newRow(row.name) << row.arguments << row.code << row.err;
-}
-
-void TestTalctl::serviceUsage()
-{
-    QFETCH(const QString, arguments);
-    QFETCH(const int, code);
-    QFETCH(const QString, err);
-    const Result result = runProgram(KVSNMP_TALSERVICE, arguments.split(' ', Qt::SkipEmptyParts));
-    QVERIFY2(result.err.startsWith(err), qPrintable(result.err));
-    QCOMPARE(result.code, code);
-    QCOMPARE(result.out, QString());
-    QVERIFY(runProgram(KVSNMP_TALSERVICE, {"--help"}).out.startsWith("usage: talservice --model N [OPTION...]\n"));
-}
-
-void TestTalctl::serviceEndsCleanly_data()
-{
-    QTest::addColumn<int>("signal");
-    QTest::newRow("SIGTERM") << SIGTERM;
-    QTest::newRow("SIGINT") << SIGINT;
-    QTest::newRow("SIGHUP") << SIGHUP;
-}
-
-void TestTalctl::serviceEndsCleanly()
-{
-    QFETCH(const int, signal);
-    Service service;
-    service.start();
-    QCOMPARE(service.end(signal), 0);
-    QVERIFY(!QFile::exists(service.folder.filePath("tal.sock")));
-    QVERIFY(!QFile::exists(service.folder.filePath("ctl.sock")));
-}
-
-void TestTalctl::serviceTakesOverAfterAKill()
-{
-    Service service;
-    service.start();
-    const Result second =
-        runProgram(KVSNMP_TALSERVICE, service.sockets() + QStringList{"--bus", "none", "--model", "6420"});
-    QCOMPARE(second.code, 1);
-    QVERIFY(second.err.endsWith("is served by another program\n"));
-    service.end(SIGKILL);
-    QVERIFY(QFile::exists(service.folder.filePath("tal.sock")));
-    service.start();
-    QVERIFY(service.readyLine.startsWith("talservice: ready"));
-    QCOMPARE(service.talctl({"get", fanPath}).out, QString("1450\n"));
-}
 
 const TestEntry entry("tst_talctl", runTest<TestTalctl>);
 #include "tst_talctl.moc"

@@ -1,5 +1,4 @@
-// A data-service client on the bench: notifications go in as the data service words them, records and log lines come
-// out.
+// A data-service client on the bench: notifications in, records and log lines out.
 #pragma once
 
 #include "support/messagelog.h"
@@ -35,7 +34,7 @@ inline QString leafXml(const QString &path, const QString &text)
     return QStringLiteral("<%1>%2</%1>").arg(name, text.toHtmlEscaped());
 }
 
-/// No system bus is reachable from here, so that a test means the same on every machine.
+/// No test finds a system bus, so that all machines give the same result.
 inline const bool noSystemBus = qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/system_bus_socket");
 
 class TalBench {
@@ -59,6 +58,6 @@ public:
 
     TableRecords &records() { return handler.tableRecords(); }
 
-    MessageLog log; ///< first, so that it takes what the construction says
+    MessageLog log; ///< first: it keeps the lines of the construction
     TalHandler handler;
 };

@@ -1,4 +1,4 @@
-// A data service for tests: it takes down what it is told and says what the test wants it to say.
+// A data service for tests: it keeps the received messages and sends what a test wants.
 #pragma once
 
 #include <QByteArray>
@@ -12,8 +12,8 @@
 
 class QLocalSocket;
 
-/// Listens on a socket in a folder of its own and sets TAL_SOCKET to it. One connection at a time is looked at: the
-/// newest. All waiting is done by the test with QTRY_COMPARE and the like; nothing here blocks.
+/// Listens on a socket in a temporary folder and sets TAL_SOCKET to it. It reads from the newest connection only.
+/// Nothing here blocks; the test waits, with QTRY_COMPARE and the like.
 class TalPeer {
 public:
     enum class Start { Listening, NotListening };
@@ -23,20 +23,19 @@ public:
     TalPeer(const TalPeer &) = delete;
     TalPeer &operator=(const TalPeer &) = delete;
 
-    QString path() const { return m_path; }
     bool listen();   ///< as a data service that starts
     void shutDown(); ///< as a data service that ends: no connection, no socket in the file system
 
-    int connections() const { return m_connections; } ///< how many were accepted so far
+    int connections() const { return m_connections; } ///< accepted so far
     bool isConnected() const;
-    void drop(); ///< closes the connection and goes on listening
+    void drop(); ///< closes the connection, not the socket
 
     void readNothing(); ///< from now on, as a data service that hangs; until readAgain()
     void readAgain();
     const QByteArrayList &messages() const { return m_messages; } ///< received, without their NUL, over all connections
     QByteArrayList takeMessages();
 
-    void sendRaw(const QByteArray &bytes);   ///< handed to the kernel at once, as far as it takes it
+    void sendRaw(const QByteArray &bytes);   ///< without waiting, as far as the kernel accepts it
     void sendMessage(const QByteArray &xml); ///< the text and its NUL
     void sendNotify(const QString &ref, const QString &op, const QString &rPath, const QString &sPath,
                     const QString &data); ///< texts are escaped, `data` is XML and stays as it is
