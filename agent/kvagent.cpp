@@ -165,6 +165,21 @@ void setTalPowerTableData(const PowerRecord *data) { store(&KvAgent::talPowerTab
 void setTalRelayTableData(const RelayRecord *data) { store(&KvAgent::talRelayTableData, data, {}); }
 // clang-format on
 
+void setTalTableData(TableRecords &records)
+{
+    setTalVoltageTableData(&records.voltage);
+    setTalTempTableData(&records.temp);
+    setTalFanTableData(&records.fan);
+    setTalAmpChannelTableData(&records.ampChannel);
+    setTalControlOutputTableData(&records.controlOutput);
+    setTalControlInputTableData(&records.controlInput);
+    setTalLetChannelTableData(&records.let);
+    setTalEthMonitoringTableData(&records.ethMonitoring);
+    setTalPowerTableData(&records.power);
+    setTalRelayTableData(&records.relay);
+    setTalLineInTableData(&records.lineIn);
+}
+
 void initInfoScalars()
 {
     copyInfoData();

@@ -72,5 +72,8 @@ void setTalEthMonitoringTableData(const EthMonitoringRecord *data);
 void setTalPowerTableData(const PowerRecord *data);
 void setTalRelayTableData(const RelayRecord *data);
 
+/// Calls all setters above.
+void setTalTableData(TableRecords &records);
+
 /// Copies the information record at `infoData` into the agent's copy.
 void initInfoScalars();

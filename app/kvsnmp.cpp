@@ -201,29 +201,13 @@ void KvSnmp::slotSnmpdConfFinish()
         return;
     qDebug().noquote() << "slotSnmpdConfFinish"
                        << "Start checkAndProcessTimer";
-    handRecordsToAgent();
+    setTalTableData(m_talHandler->tableRecords());
     kvAgent->infoData = &m_identity.infoData();
     handSystemNameToAgent();
     initInfoScalars();
     m_processTimer.start(idlePollMs);
     watchAgent();
     m_agentStarted = true;
-}
-
-void KvSnmp::handRecordsToAgent()
-{
-    TableRecords &records = m_talHandler->tableRecords();
-    setTalVoltageTableData(&records.voltage);
-    setTalTempTableData(&records.temp);
-    setTalFanTableData(&records.fan);
-    setTalAmpChannelTableData(&records.ampChannel);
-    setTalControlOutputTableData(&records.controlOutput);
-    setTalControlInputTableData(&records.controlInput);
-    setTalLetChannelTableData(&records.let);
-    setTalEthMonitoringTableData(&records.ethMonitoring);
-    setTalPowerTableData(&records.power);
-    setTalRelayTableData(&records.relay);
-    setTalLineInTableData(&records.lineIn);
 }
 
 void KvSnmp::handSystemNameToAgent() const

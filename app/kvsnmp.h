@@ -68,7 +68,6 @@ private:
     void createSubsystems(const Surroundings &surroundings);
     void connectSubsystems(QCoreApplication *app);
     void startWatchdog();
-    void handRecordsToAgent();
     void handSystemNameToAgent() const;
     void serveReadable();
     void watchAgent();

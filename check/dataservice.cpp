@@ -10,11 +10,6 @@
 
 #include <functional>
 
-const QStringList settingsGroups = {
-    QStringLiteral("mib2_settings"),   QStringLiteral("access_control"), QStringLiteral("trap_settings"),
-    QStringLiteral("version_control"), QStringLiteral("custom_config"),
-};
-
 namespace {
 
 class Reader : public QObject {
@@ -45,7 +40,7 @@ public:
         if (!waitUntil([this] { return m_answer.connected; }, timeoutMs))
             return m_answer;
         m_handler.slotTalReady();
-        waitUntil([this] { return m_answer.groups.size() == settingsGroups.size(); }, timeoutMs);
+        waitUntil([this] { return m_answer.groups.size() == TalHandler::settingsGroups().size(); }, timeoutMs);
         if (m_answer.groups.isEmpty() || m_model == 0)
             return m_answer;
 
@@ -68,7 +63,7 @@ private:
         m_handler.talHandlerNotifySlot(reference, op, rPath, sPath, data);
         if (m_isBarrierSet && reference == barrier()) {
             m_isBarrierPassed = true;
-        } else if (settingsGroups.contains(reference)) {
+        } else if (TalHandler::settingsGroups().contains(reference)) {
             m_answer.groups.insert(reference);
             m_barrierPath = sPath;
         } else {

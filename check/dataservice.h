@@ -20,9 +20,6 @@ struct ServiceAnswer {
     bool isComplete = false;   ///< the service has answered all requests, as far as can be detected
 };
 
-/// References of the five subscriptions to the settings, in the order of their requests.
-extern const QStringList settingsGroups;
-
 /// Waits at most `timeoutMs` each for the connection, for the settings and for the data. `model` selects the data; 0
 /// requests only the settings.
 ServiceAnswer askDataService(quint32 model, int timeoutMs);

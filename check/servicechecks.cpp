@@ -4,6 +4,7 @@
 #include "check/subject.h"
 
 #include "tal/snmpsettings.h"
+#include "tal/talhandler.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -44,7 +45,7 @@ Outcome checkSnmpSettings(Subject &subject)
 {
     const ServiceAnswer &service = subject.service;
     QStringList missing;
-    for (const QString &group : settingsGroups)
+    for (const QString &group : TalHandler::settingsGroups())
         if (!service.groups.contains(group))
             missing.append(group);
     if (missing.isEmpty())

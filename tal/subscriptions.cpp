@@ -112,6 +112,14 @@ struct TalHandler::Tables {
     }
 };
 
+QStringList TalHandler::settingsGroups()
+{
+    QStringList groups;
+    for (const Subscription &subscription : settingsSubscriptions)
+        groups.append(latin1(subscription.reference));
+    return groups;
+}
+
 void TalHandler::slotTalReady()
 {
     subscribe(settingsSubscriptions, m_modelNumber);

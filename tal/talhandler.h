@@ -8,6 +8,7 @@
 #include <QMap>
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 #include <cstddef>
 #include <cstdint>
@@ -21,6 +22,9 @@ public:
     /// `modelDescription` is owned by the application object and must outlive the handler.
     TalHandler(QObject *parent, uint modelNumber, const char *modelDescription);
     ~TalHandler() override;
+
+    /// References of the subscriptions to the settings, in the order of their requests.
+    static QStringList settingsGroups();
 
     /// The records that the agent serves; owned by the handler, valid as long as it lives.
     TableRecords &tableRecords() { return m_records; }

@@ -105,17 +105,7 @@ void SubAgent::fill()
 
 void SubAgent::handOver()
 {
-    setTalVoltageTableData(&m_records.voltage);
-    setTalTempTableData(&m_records.temp);
-    setTalFanTableData(&m_records.fan);
-    setTalAmpChannelTableData(&m_records.ampChannel);
-    setTalControlOutputTableData(&m_records.controlOutput);
-    setTalControlInputTableData(&m_records.controlInput);
-    setTalLetChannelTableData(&m_records.let);
-    setTalEthMonitoringTableData(&m_records.ethMonitoring);
-    setTalPowerTableData(&m_records.power);
-    setTalRelayTableData(&m_records.relay);
-    setTalLineInTableData(&m_records.lineIn);
+    setTalTableData(m_records);
     setSystemName("fuzzed");
     kvAgent->infoData = &m_info;
     initInfoScalars();

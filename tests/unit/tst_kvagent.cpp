@@ -110,7 +110,7 @@ private Q_SLOTS:
         QVERIFY(kvAgent == nullptr);
         static TableRecords records = {};
         QCOMPARE(printed([] {
-                     handOver(records);
+                     setTalTableData(records);
                      setSystemName("name");
                  }),
                  QStringList());
@@ -243,7 +243,7 @@ private Q_SLOTS:
         const QStringList output = printedInOwnProcess([] {
             static TableRecords records = recordfields::telling();
             startAgent(6420);
-            handOver(records);
+            setTalTableData(records);
         });
         QStringList expected;
         for (const TableModule *table : tables) {
@@ -278,7 +278,7 @@ private Q_SLOTS:
             return printedInOwnProcess([model] {
                 static TableRecords records = recordfields::telling();
                 startAgent(model);
-                printed([] { handOver(records); });
+                printed([] { setTalTableData(records); });
                 for (const TableModule *table : tables)
                     std::printf("%d\n", table->hooks.load(nullptr, nullptr));
             });

@@ -173,7 +173,7 @@ void serveAsModel(std::uint32_t model)
     AllocationCount::reset();
     kaAgentStart(model, 1, "Orvane Brisel Compact - IP-QRM-B");
     static TableRecords records = recordfields::telling();
-    handOver(records);
+    setTalTableData(records);
     static InfoData info{};
     std::fill_n(info.packageVersion.text, info.packageVersion.length = 100, 'v'); // for the library to allocate
     kvAgent->infoData = &info;

@@ -3,6 +3,7 @@
 
 #include "check/checks.h"
 #include "check/subject.h"
+#include "tal/talhandler.h"
 
 namespace {
 
@@ -15,7 +16,8 @@ Subject goodSubject()
     subject.model = 6420;
     subject.service.connected = true;
     subject.service.isComplete = true;
-    subject.service.groups = {settingsGroups.begin(), settingsGroups.end()};
+    const QStringList groups = TalHandler::settingsGroups();
+    subject.service.groups = {groups.begin(), groups.end()};
     subject.service.customConfig = false;
     subject.service.settings.access = {QStringLiteral("public"), QStringLiteral("Read"), QStringLiteral("10.0.0.1"),
                                        QStringLiteral("::1"), QStringLiteral("161")};

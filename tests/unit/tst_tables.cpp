@@ -111,7 +111,7 @@ QStringList answersOf(uint model, const char *text, const std::function<QStringL
         static TableRecords records = recordfields::telling();
         static InfoData info = tellingInfo(model);
         kaAgentStart(model, startedAmpType, text);
-        handOver(records);
+        setTalTableData(records);
         kvAgent->infoData = &info;
         initInfoScalars();
         return questions();

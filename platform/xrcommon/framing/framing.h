@@ -6,7 +6,7 @@
 #include <string_view>
 
 /// Longest message, without its NUL.
-constexpr std::size_t maxMessageSize = 4 * 1024 * 1024;
+constexpr std::size_t maxMessageSize = std::size_t{4} * 1024 * 1024;
 
 /// Splits bytes, in chunks of any size, into complete messages. It holds the bytes not yet taken: at most one
 /// incomplete message of the maximum size if all messages are taken after each feed().

@@ -265,21 +265,6 @@ void fill(InfoText &field, const char *value)
     field.length = copyBounded(field.text, value);
 }
 
-void handOver(TableRecords &records)
-{
-    setTalVoltageTableData(&records.voltage);
-    setTalTempTableData(&records.temp);
-    setTalFanTableData(&records.fan);
-    setTalAmpChannelTableData(&records.ampChannel);
-    setTalControlOutputTableData(&records.controlOutput);
-    setTalControlInputTableData(&records.controlInput);
-    setTalLetChannelTableData(&records.let);
-    setTalEthMonitoringTableData(&records.ethMonitoring);
-    setTalPowerTableData(&records.power);
-    setTalRelayTableData(&records.relay);
-    setTalLineInTableData(&records.lineIn);
-}
-
 QString typeAndValue(const netsnmp_variable_list &variable)
 {
     switch (variable.type) {

@@ -77,9 +77,6 @@ void expireCache(const char *tableObject);
 /// Sets a text with its length.
 void fill(InfoText &field, const char *value);
 
-/// Hands the records to the agent in the application's order.
-void handOver(TableRecords &records);
-
 /// The lines of the agent library's log while one lives.
 class AgentLog {
 public:
