@@ -142,7 +142,7 @@ bool mustWait(int masterSocket)
     return pending;
 }
 
-int receive(netsnmp_transport *transport, void *buffer, int size, void **opaque, int *opaqueLength)
+int receiveLimited(netsnmp_transport *transport, void *buffer, int size, void **opaque, int *opaqueLength)
 {
     auto *const data = static_cast<u_char *>(buffer);
     flushOutput(); // the library also reads while it waits for an answer
@@ -167,7 +167,7 @@ int receive(netsnmp_transport *transport, void *buffer, int size, void **opaque,
     return static_cast<int>(kept);
 }
 
-int send(netsnmp_transport *transport, const void *message, int size, void **opaque, int *opaqueLength)
+int sendLimited(netsnmp_transport *transport, const void *message, int size, void **opaque, int *opaqueLength)
 {
     const auto *const data = static_cast<const u_char *>(message);
     const u_char type = data[1];
@@ -186,6 +186,6 @@ void limitStream(netsnmp_transport &transport, netsnmp_session *session)
 {
     connection = {};
     connection.session = session;
-    connection.receive = std::exchange(transport.f_recv, receive);
-    connection.send = std::exchange(transport.f_send, send);
+    connection.receive = std::exchange(transport.f_recv, receiveLimited);
+    connection.send = std::exchange(transport.f_send, sendLimited);
 }
