@@ -221,7 +221,7 @@ def test_snmpd_that_ends_at_once_is_tried_again_at_each_probe(with_stub):
 @pytest.mark.parametrize("ends", [True, False], ids=["ends", "ignores SIGTERM"])
 def test_snmpd_that_hangs_is_replaced_when_a_setting_changes(with_stub, ends):
     """The health probe only checks that it runs. If it does not end, a good one is started beside it."""
-    device = with_stub(("" if ends else "trap '' TERM\n") + "while :; do sleep 1; done")
+    device = with_stub(("" if ends else "trap '' TERM\n") + "while :; do sleep 1000; done")
     goes_on(device)
     hanging, = device.pids("snmpd")
     run_probe(device)

@@ -216,9 +216,9 @@ private Q_SLOTS:
             for (const int signalNumber : {SIGINT, SIGTERM, SIGHUP}) {
                 struct sigaction action {};
                 sigaction(signalNumber, nullptr, &action);
-                const int flags = SA_RESTART | SA_SIGINFO | SA_NODEFER | SA_RESETHAND | SA_ONSTACK;
+                const unsigned flags = SA_RESTART | SA_SIGINFO | SA_NODEFER | SA_RESETHAND | SA_ONSTACK;
                 if (action.sa_handler == KvSnmp::handOverSignal && sigisemptyset(&action.sa_mask) == 1 &&
-                    (action.sa_flags & flags) == SA_RESTART)
+                    (static_cast<unsigned>(action.sa_flags) & flags) == SA_RESTART)
                     ++handled;
             }
             return handled;

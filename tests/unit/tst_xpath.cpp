@@ -128,8 +128,8 @@ private Q_SLOTS:
             "<v><![CDATA[x</v>", "<v><!-- a -- b --></v>",
             "<!DOCTYPE v><v>1</v>", "<!DOCTYPE v [<!ENTITY e 'x'>]><v>&e;</v>",
             "<!DOCTYPE v [<!ENTITY e SYSTEM 'file:///etc/passwd'>]><v>&e;</v>",
-            "<!DOCTYPE v [<!ENTITY a 'xxxxxxxxxx'><!ENTITY b '&a;&a;&a;&a;&a;&a;'>"
-            "<!ENTITY c '&b;&b;&b;&b;&b;&b;&b;&b;'>]><v>&c;</v>",
+            ("<!DOCTYPE v [<!ENTITY a 'xxxxxxxxxx'><!ENTITY b '&a;&a;&a;&a;&a;&a;'>"
+             "<!ENTITY c '&b;&b;&b;&b;&b;&b;&b;&b;'>]><v>&c;</v>"),
         };
         // clang-format on
         for (const char *data : texts) {
@@ -213,8 +213,9 @@ private Q_SLOTS:
             data += u("<fan><kid>fan%1</kid><rpm>%1</rpm></fan>").arg(i);
         data += u("</fans>");
         for (int i = 0; i < 2 * 2000; ++i) { // more than are kept compiled, each twice
-            const int fan = i % 2000;
-            QCOMPARE(found(u("/state/fans/fan[kid='fan%1']/rpm").arg(fan), u("/state/fans"), data), u("=%1").arg(fan));
+            const int number = i % 2000;
+            QCOMPARE(found(u("/state/fans/fan[kid='fan%1']/rpm").arg(number), u("/state/fans"), data),
+                     u("=%1").arg(number));
         }
     }
 

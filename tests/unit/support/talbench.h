@@ -11,9 +11,9 @@
 #include <QStringList>
 #include <QtTest>
 
-inline const char *const stationCompact = "Orvane Brisel Compact - IP-QRM-B";
-inline const char *const stationExtended = "Orvane Brisel Extended - IP-QRM-B";
-inline const char *const ordinaryDescription = "Orvane Brisel Extended";
+inline constexpr const char *stationCompact = "Orvane Brisel Compact - IP-QRM-B";
+inline constexpr const char *stationExtended = "Orvane Brisel Extended - IP-QRM-B";
+inline constexpr const char *ordinaryDescription = "Orvane Brisel Extended";
 
 inline QString qs(const char *text)
 {
