@@ -287,6 +287,19 @@ def test_the_file_system_is_read_only_but_for_what_is_written(booted: Booted) ->
     wait_new_snmpd(booted, snmpd, "a snmpd after the change of /etc/snmp")
 
 
+def test_it_starts_where_the_folders_of_snmpd_are_missing(booted: Booted) -> None:
+    """As on a host on which neither tmpfiles.d nor the package of snmpd made them."""
+    booted.run("systemctl", "stop", "kvsnmp.service")
+    before = snmpd_pids(booted)
+    booted.run("rm", "-r", "/var/agentx")
+    booted.run("mv", "/var/lib/snmp", "/var/lib/snmp.away")
+    booted.run("systemctl", "start", "kvsnmp.service", check=False)
+    wait_new_snmpd(booted, before, "a snmpd that answers for the daemon")
+    assert booted.output("stat", "-c", "%a %U", "/var/agentx") == "700 root"
+    booted.run("mv", "/var/lib/snmp.away", "/var/lib/snmp")
+    restart(booted)
+
+
 def test_gpio_export_can_be_written_where_the_rest_of_sys_cannot(booted: Booted) -> None:
     """The unit's two lines on another folder of /sys: this machine need not have GPIO lines."""
     folder = "/sys/class/net"
