@@ -27,8 +27,6 @@ PACKAGECONFIG[systemd] = "-DKVSNMP_SYSTEMD=ON,-DKVSNMP_SYSTEMD=OFF,systemd"
 
 do_install:append() {
     install -D -m 0644 ${S}/packaging/systemd/kvsnmp.service ${D}${systemd_system_unitdir}/kvsnmp.service
-        # Here net-snmp stores its engine identity in another folder than on Debian.
-    sed -i -e 's:/var/lib/snmp:${localstatedir}/lib/net-snmp:' ${D}${systemd_system_unitdir}/kvsnmp.service
     install -D -m 0644 ${S}/packaging/systemd/kvsnmp.tmpfiles ${D}${nonarch_libdir}/tmpfiles.d/kvsnmp.conf
     install -D -m 0755 ${S}/packaging/init/kvsnmp ${D}${sysconfdir}/init.d/kvsnmp
 }

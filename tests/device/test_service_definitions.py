@@ -44,6 +44,9 @@ for block in blocks("kvsnmp-services.cfg", "service"):
     command, *arguments = block["check_command"].split("!")
     SERVICES.append(Service(block["hostgroup_name"], block["service_description"], command, arguments))
 
+TEMPLATES = {block["name"]: block for block in blocks("kvsnmp-commands.cfg", "host")}
+EXAMPLE = dict(re.findall(r"^#       (\S+) +(\S.*)$", (FOLDER / "kvsnmp-commands.cfg").read_text(), re.MULTILINE))
+
 # Models with the same services; the first of each has a device here.
 KINDS = [[6211, 6891], [6214, 6259], [6410], [6420], [6425], [6601, 6602], [6720], [6764], [6913, 6914]]
 
@@ -52,18 +55,26 @@ def services_of(group: str) -> dict[str, Service]:
     return {service.name: service for service in SERVICES if service.group == group}
 
 
-def check(device: Device, service: Service, oid: str = "") -> tuple[int, str]:
-    """Runs it as the monitoring system would; `oid` replaces its first object."""
+def command_line(service: Service, host: dict[str, str]) -> str:
+    """With the macros replaced; the host inherits the variables of its templates, the first of which wins."""
+    inherited = [TEMPLATES.get(name.strip(), {}) for name in host["use"].split(",")]
+    variables = {name: text for block in [*reversed(inherited), host] for name, text in block.items() if name[0] == "_"}
+    macros = {"USER1": PLUGINS, "HOSTADDRESS": "127.0.0.1"}
+    macros |= {f"_HOST{name[1:]}": text for name, text in variables.items()}
+    macros |= {f"ARG{number}": text for number, text in enumerate(service.arguments, 1)}
     line = COMMANDS[service.command]
-    macros = {"USER1": PLUGINS, "HOSTADDRESS": "127.0.0.1", "_HOSTSNMP_PORT": "161", "_HOSTSNMP_COMMUNITY": "public"}
-    arguments = list(service.arguments)
-    if oid:
-        arguments[0] = ",".join([oid, *arguments[0].split(",")[1:]])
-    macros |= {f"ARG{number}": text for number, text in enumerate(arguments, 1)}
     for name, text in macros.items():
         line = line.replace(f"${name}$", text)
     assert "$" not in line, line
-    done = device.run(shlex.split(line), check=False)
+    return line
+
+
+def check(device: Device, service: Service, oid: str = "") -> tuple[int, str]:
+    """Runs it as the monitoring system would on the example's host; `oid` replaces its first object."""
+    if oid:
+        objects, *others = service.arguments
+        service = service._replace(arguments=[",".join([oid, *objects.split(",")[1:]]), *others])
+    done = device.run(shlex.split(command_line(service, EXAMPLE)), check=False)
     return done.returncode, done.stdout + done.stderr
 
 
@@ -105,6 +116,13 @@ def test_models_of_a_kind_have_the_same_services():
                     for service in services_of(f"kvsnmp-{other}").values()] == [
                 (service.name, service.command, service.arguments)
                 for service in services_of(f"kvsnmp-{first}").values()]
+
+
+@pytest.mark.parametrize("command", COMMANDS)
+def test_a_host_needs_no_port(command):
+    service = next(service for service in SERVICES if service.command == command)
+    assert "_SNMP_PORT" not in EXAMPLE and " -p 161 " in command_line(service, EXAMPLE)
+    assert " -p 1161 " in command_line(service, EXAMPLE | {"_SNMP_PORT": "1161"})
 
 
 @pytest.mark.parametrize("model", [kind[0] for kind in KINDS])

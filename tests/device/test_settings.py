@@ -221,3 +221,29 @@ def test_folder_that_was_mounted_over_is_found_by_the_probe(configured):
     run_probe(configured.device)
     configured.wait_contact("mounted", [snmpd])
     configured.assert_change_is_served("by settings")
+
+
+# A further file in the folder
+
+
+def test_local_file_restarts_snmpd_unless_it_is_edited_in_place(configured):
+    configured.start()
+    device, snmpd = configured.device, configured.wait_contact("ops", [])
+    local = f"{FOLDER}/snmpd.local.conf"
+    device.run(["sh", "-c", f"echo '# first' > {local}"])
+    snmpd = device.wait_snmpd(other_than=[snmpd])
+    device.run(["sh", "-c", f"echo '# second' >> {local}"])
+    stays(lambda: device.pids("snmpd") == [snmpd], 2.0, what="an edit in place restarts nothing")
+    device.run(["sed", "-i", "s/second/third/", local])
+    device.wait_snmpd(other_than=[snmpd])
+
+
+def test_v3_inform_target_that_does_not_answer_delays_the_start_of_snmpd(configured):
+    configured.start()
+    device, snmpd = configured.device, configured.wait_contact("ops", [])
+    target = "-v3 -Ci -l authNoPriv -u informed -a SHA -A passphrase 127.0.0.1:9999"
+    device.path(f"{FOLDER}/snmpd.local.conf").write_text(f"createUser informed SHA passphrase\ntrapsess {target}\n")
+    wait_until(lambda: device.pids("snmpd") not in ([], [snmpd]), 10, what="another snmpd")
+    started = time.monotonic()
+    wait_until(lambda: device.snmp.try_get(CONTACT) == ("STRING", "ops"), 20, what="an answer")
+    assert 5.0 < time.monotonic() - started < 12.0

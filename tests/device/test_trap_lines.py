@@ -134,6 +134,20 @@ LOG, UNKNOWN_LOG = "/tmp/snmptt.log", "/tmp/snmptt.unknown.log"
 EVENTS = ("softwareFault", "customFault")  # may mean nothing bad
 
 
+def test_a_version_1_trap_has_the_enterprise_and_the_number(start_device):
+    device = start_device(6420, "--no-traps")
+    device.path(CONF).write_text("disableAuthorization yes\n")
+    log = "/var/log/version1.log"
+    device.run(["snmptrapd", "-C", "-c", CONF, "-On", "-Lf", log, "udp:127.0.0.1:1162"])
+    device.path("/etc/snmp/snmpd.local.conf").write_text("trapsink 127.0.0.1:1162 public\n")
+    device.wait_answering().wait_subscribed()
+    wait_until(lambda: "Cold Start Trap" in device.read(log), 20, what="the restarted snmpd")
+    device.wait_answering()
+    Faults(device).raise_one("fan_not_running", "Fan 1")
+    wait_until(lambda: f"\t{E}.2.8 Enterprise Specific Trap (1) " in device.read(log), 20, what="the trap")
+    assert f"{E}.2.8.1" not in device.read(log)
+
+
 class Snmptt(Manager):
     """Receives every trap from snmptrapd, set up as the manual says."""
 

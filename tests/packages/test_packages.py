@@ -287,6 +287,45 @@ def test_the_file_system_is_read_only_but_for_what_is_written(booted: Booted) ->
     wait_new_snmpd(booted, snmpd, "a snmpd after the change of /etc/snmp")
 
 
+def test_snmptrapd_as_the_recipe_sets_it_up_logs_a_trap(booted: Booted) -> None:
+    """Debian's snmptrapd, with its unit and its user."""
+    # snmpd sends traps to 127.0.0.1 from "localhost", a name that every installed Debian has, but not this root.
+    booted.root.path("/etc/hosts").write_text("127.0.0.1 localhost\n")
+    booted.run("apt-get", "install", "--no-install-recommends", "snmptrapd")
+    booted.root.path("/root/recipe").mkdir()
+    booted.root.path("/root/recipe/monitoring").symlink_to("/usr/share/kvsnmp-monitoring")
+    config = booted.root.path("/etc/snmp/snmptrapd.conf")
+    former = config.read_text()
+    section = (guide.GUIDE.parent / "traps.md").read_text().split("\n## Readable log lines on the manager\n")[1]
+    recipe = re.findall(r"^    ((?:install|systemctl) .*)$", section, re.MULTILINE)
+    assert len(recipe) == 3
+    for line in recipe:
+        booted.run("/bin/sh", "-c", f"cd /root/recipe && {line}")
+    wait_until(lambda: booted.output("pgrep", "-u", "Debian-snmp", "-x", "snmptrapd"), 20, "snmptrapd as Debian-snmp")
+
+    wait_answering(booted)
+    booted.run("talctl", "trap", "enable", "Cooling Fan Fault")
+    booted.run("talctl", "fault", "raise", "amp", "1", "fan_not_running", "crit", "Fan 1 stands still")
+    wait_until(lambda: "coolingFanFault critical" in booted.output("journalctl", "-t", "kvsnmp-trap"), 30, "the trap's line")
+    assert booted.output("stat", "-c", "%a %U %G", "/etc/snmp/snmptrapd.conf") == "640 root Debian-snmp"
+    assert config.with_name("snmptrapd.conf.~1~").read_text() == former
+    booted.run("talctl", "fault", "clear", "amp", "1")
+    booted.run("systemctl", "stop", "snmptrapd.service", "snmptrapd.socket")
+
+
+def test_it_starts_where_the_folders_of_snmpd_are_missing(booted: Booted) -> None:
+    """As on a host on which neither tmpfiles.d nor the package of snmpd made them."""
+    booted.run("systemctl", "stop", "kvsnmp.service")
+    before = snmpd_pids(booted)
+    booted.run("rm", "-r", "/var/agentx")
+    booted.run("mv", "/var/lib/snmp", "/var/lib/snmp.away")
+    booted.run("systemctl", "start", "kvsnmp.service", check=False)
+    wait_new_snmpd(booted, before, "a snmpd that answers for the daemon")
+    assert booted.output("stat", "-c", "%a %U", "/var/agentx") == "700 root"
+    booted.run("mv", "/var/lib/snmp.away", "/var/lib/snmp")
+    restart(booted)
+
+
 def test_gpio_export_can_be_written_where_the_rest_of_sys_cannot(booted: Booted) -> None:
     """The unit's two lines on another folder of /sys: this machine need not have GPIO lines."""
     folder = "/sys/class/net"
