@@ -23,6 +23,8 @@ def root(debs: Path) -> DebianRoot:
     made = DebianRoot(CHECKOUT / "build/package/debian/root", debs)
     made.make(["systemd", "dbus", "ca-certificates"])
     made.path("/etc/apt/apt.conf.d/90yes").write_text('APT::Get::Assume-Yes "true";\n')
+    # Every installed Debian has it. snmpd sends traps to 127.0.0.1 from "localhost"; without that name it sends none.
+    made.path("/etc/hosts").write_text("127.0.0.1 localhost\n")
     return made
 
 

@@ -289,8 +289,6 @@ def test_the_file_system_is_read_only_but_for_what_is_written(booted: Booted) ->
 
 def test_snmptrapd_as_the_recipe_sets_it_up_logs_a_trap(booted: Booted) -> None:
     """Debian's snmptrapd, with its unit and its user."""
-    # snmpd sends traps to 127.0.0.1 from "localhost", a name that every installed Debian has, but not this root.
-    booted.root.path("/etc/hosts").write_text("127.0.0.1 localhost\n")
     booted.run("apt-get", "install", "--no-install-recommends", "snmptrapd")
     booted.root.path("/root/recipe").mkdir()
     booted.root.path("/root/recipe/monitoring").symlink_to("/usr/share/kvsnmp-monitoring")
