@@ -13,7 +13,7 @@ from support.polling import wait_until
 from support.snmp import TABLES
 from support.traps import Faults, TrapReceiver, switch
 
-from .figures import Bench, figures_of, tell
+from .figures import Bench, figures_of, progress
 from .subjects import FLOOR, KVSNMP, PEERS, Subject
 
 VOLTAGE = "/state/power_lines/power_line[kid='1v8']/voltage"
@@ -34,7 +34,7 @@ class DaemonBench(Bench):
 
     def start(self) -> None:
         """Starts kvsnmp in a device without one, with continuous requests for its model number."""
-        tell("start")
+        progress("start")
         loader = self.start_loader(KVSNMP, "start", 30000, MODEL_NUMBER, FLOOR.cell)
         begin = time.monotonic()
         self.device.start_kvsnmp()  # in the background, as on a device
@@ -45,7 +45,7 @@ class DaemonBench(Bench):
 
     def master_restarts(self, times: int, peer_restart: dict[Subject, Callable[[], None]]) -> None:
         """All devices at the same time, each with its own snmpd."""
-        tell("restarts of snmpd")
+        progress("restarts of snmpd")
         runs = [(KVSNMP, times, self._restart_by_daemon)]
         runs += [(peer, min(times, PEER_RESTARTS), peer_restart[peer]) for peer in PEERS]
         seen: dict[Subject, list[dict[str, float]]] = {subject: [] for subject, _, _ in runs}
@@ -85,7 +85,7 @@ class DaemonBench(Bench):
 
     def notifications(self, faults: Faults, traps: TrapReceiver) -> None:
         """Single values through the simulator, first alone, then while one manager asks."""
-        tell("notifications")
+        progress("notifications")
         lines = self._stream()
         pids = self.device.pids(KVSNMP.program)
         cpu = self.spent(KVSNMP, pids).nanoseconds
@@ -117,7 +117,7 @@ class DaemonBench(Bench):
 
     def check_last_notification(self) -> None:
         """The last value sent is served after the table's next load: after 60 s at the latest."""
-        tell("the last value")
+        progress("the last value")
         wait_until(lambda: self.device.snmp.get(VOLTAGE_CELL) == [("Gauge32", str(self._last_voltage))], 65,
                    interval=0.5, what="last voltage served")
 
@@ -141,7 +141,7 @@ class DaemonBench(Bench):
                 self._take_in(lines[:min(STREAM, step - begin)], faults, traps)
 
         for what, one_step in (("GETs", ask), ("notifications", notify)):
-            tell(f"{count:,} {what}")
+            progress(f"{count:,} {what}")
             seen = []
             for _ in range(GROWTH_STEPS + 1):
                 one_step()
@@ -153,7 +153,7 @@ class DaemonBench(Bench):
 
     def trap_burst(self, faults: Faults, traps: TrapReceiver, count: int = 2000) -> None:
         """Raised and cleared at once."""
-        tell("traps of a burst")
+        progress("traps of a burst")
         texts = faults.new_texts("burst", count)
         lines = [line for text in texts for line in (faults.raise_line("let_fail", text), faults.clear_line(text))]
         begin = time.monotonic()
@@ -165,7 +165,7 @@ class DaemonBench(Bench):
 
     def trap_backlog(self, faults: Faults, traps: TrapReceiver, count: int = 5000) -> None:
         """Faults that wait until their trap is enabled."""
-        tell("traps of a backlog")
+        progress("traps of a backlog")
         switch(self.device, "LET Fault", False)
         faults.raise_all("let_fail", faults.new_texts("waiting", count))
         faults.mark(traps, timeout=60)

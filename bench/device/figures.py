@@ -29,7 +29,7 @@ class Spent(NamedTuple):
     at: float  # the moment, in seconds
 
 
-def tell(what: str) -> None:
+def progress(what: str) -> None:
     print(f"  {what} ...", file=sys.stderr, flush=True)
 
 
@@ -67,7 +67,7 @@ class Bench:
 
     def _in_turns(self, label: str, measure: Measure) -> dict[Subject, list[dict[str, float]]]:
         """Each subject ROUNDS times, interleaved: single blocks would measure other load and the CPU's sleep states."""
-        tell(label)
+        progress(label)
         measured: dict[Subject, list[dict[str, float]]] = {subject: [] for subject in SUBJECTS}
         for turn in range(ROUNDS):
             first = turn % len(SUBJECTS)
@@ -92,7 +92,7 @@ class Bench:
     def _after_rest(self, rests: int, rest_ms: int = 5000) -> None:
         """One subject of each device at a time, about 1.25 s apart, so that the idle ones are not disturbed."""
         label = "GET after 5 s idle"
-        tell(label)
+        progress(label)
         waiting = list(SUBJECTS)
         while waiting:
             together = {self.devices[subject]: subject for subject in reversed(waiting)}.values()
@@ -115,7 +115,7 @@ class Bench:
 
     def at_rest(self, seconds: float = 20.0) -> None:
         """No requests meanwhile, and no access to the devices."""
-        tell(f"{seconds:.0f} s idle")
+        progress(f"{seconds:.0f} s idle")
         pids = {subject: self.devices[subject].pids(subject.program) for subject in SUBJECTS}
         time.sleep(2.0)  # until the daemon's timers are idle again after the sample
         before = {subject: self.spent(subject, pids[subject]) for subject in SUBJECTS}

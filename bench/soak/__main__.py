@@ -158,7 +158,7 @@ class Soak:
         received = self.traps.received
         for trap in received[self.received:]:
             if self.faults.received(trap.description):
-                self.life.told(trap.description, now)
+                self.life.received(trap.description, now)
         self.received = len(received)
         for key, _ in self.selector.select(0):
             self._read_manager(*key.data, now)

@@ -39,9 +39,9 @@ class Answers:
 
     def report(self, line: str, now: float) -> None:
         """One line of a manager."""
-        told = json.loads(line)
-        if told["kind"]:  # not of a manager that still discovers its objects
-            self._waiting.append((now, told["kind"], told["good"], told["bad"]))
+        answer = json.loads(line)
+        if answer["kind"]:  # not of a manager that still discovers its objects
+            self._waiting.append((now, answer["kind"], answer["good"], answer["bad"]))
 
     def settle(self, now: float) -> None:
         """Adds up reports that are old enough."""

@@ -103,7 +103,7 @@ class Life:
         while self._clears and self._clears[0][0] <= now:
             self._clear(heapq.heappop(self._clears)[1])
 
-    def told(self, text: str, now: float) -> None:
+    def received(self, text: str, now: float) -> None:
         """The trap of a fault has arrived: the fault ends some time later."""
         heapq.heappush(self._clears, (now + self._chance.uniform(0, 8), text))
 
