@@ -1,7 +1,7 @@
 // Object identifiers under the private enterprise arc E.
 #pragma once
 
-#include "agent/netsnmp.h"
+#include "agentlib/netsnmp.h"
 
 #include <cstddef>
 #include <span>

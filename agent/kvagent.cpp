@@ -1,11 +1,11 @@
 // The agent record, the start of the agent and the setters.
 #include "agent/kvagent.h"
 
-#include "agent/masterconnection.h"
 #include "agent/modules.h"
-#include "agent/netsnmp.h"
-#include "agent/streamlimit.h"
 #include "agent/trapgate.h"
+#include "agentlib/masterconnection.h"
+#include "agentlib/netsnmp.h"
+#include "agentlib/streamlimit.h"
 #include "device/boundedtext.h"
 #include "device/models.h"
 
@@ -121,22 +121,8 @@ int kaCheckAndProcess()
 void kaDescriptors(std::vector<int> &descriptors)
 {
     descriptors.clear();
-    if (kvAgent == nullptr)
-        return;
-    static netsnmp_large_fd_set watched = [] {
-        netsnmp_large_fd_set set;
-        netsnmp_large_fd_set_init(&set, FD_SETSIZE);
-        return set;
-    }();
-    NETSNMP_LARGE_FD_ZERO(&watched);
-    int end = 0; // one more than the highest descriptor
-    timeval timeout = {};
-    int block = 1;
-    snmp_select_info2(&end, &watched, &timeout, &block);
-    for (int descriptor = 0; descriptor < end; ++descriptor) {
-        if (netsnmp_large_fd_is_set(descriptor, &watched) != 0)
-            descriptors.push_back(descriptor);
-    }
+    if (kvAgent != nullptr)
+        awaitedDescriptors(descriptors);
 }
 
 void setMasterEnding(bool ending)

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "agent/enterprise.h"
-#include "agent/netsnmp.h"
+#include "agentlib/netsnmp.h"
 
 #include <cstddef>
 #include <cstdint>

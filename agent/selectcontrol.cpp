@@ -1,7 +1,7 @@
 // The alternative, blocking loop of the agent.
 #include "agent/selectcontrol.h"
 
-#include "agent/netsnmp.h"
+#include "agentlib/netsnmp.h"
 #include "app/trace/trace.h"
 
 #include <QDebug>

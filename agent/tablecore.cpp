@@ -1,7 +1,7 @@
 // The code common to all tables.
 #include "agent/tablecore.h"
 
-#include "agent/requestgate.h"
+#include "agentlib/requestgate.h"
 
 #include <cctype>
 #include <cstdio>

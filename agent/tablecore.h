@@ -3,8 +3,8 @@
 
 #include "agent/enterprise.h"
 #include "agent/kvagent.h"
-#include "agent/netsnmp.h"
 #include "agent/scalarcore.h"
+#include "agentlib/netsnmp.h"
 #include "device/boundedtext.h"
 #include "device/models.h"
 

@@ -5,7 +5,7 @@
 #include "support.h"
 
 #include "agent/kvagent.h"
-#include "agent/netsnmp.h"
+#include "agentlib/netsnmp.h"
 #include "device/boundedtext.h"
 
 #include <csignal>

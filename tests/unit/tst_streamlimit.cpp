@@ -2,8 +2,8 @@
 #include "support/testprogram.h"
 
 #include "agent/kvagent.h"
-#include "agent/masterconnection.h"
-#include "agent/streamlimit.h"
+#include "agentlib/masterconnection.h"
+#include "agentlib/streamlimit.h"
 
 #include <QtEndian>
 #include <QtTest>

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "agent/kvagent.h"
-#include "agent/netsnmp.h"
+#include "agentlib/netsnmp.h"
 
 #include <QByteArray>
 #include <QString>

@@ -1,9 +1,10 @@
 // How the agent library connects to the master agent, and sends to it.
 #pragma once
 
-#include "agent/netsnmp.h"
+#include "agentlib/netsnmp.h"
 
 #include <cstddef>
+#include <vector>
 
 /// Limits the time of each attempt to connect to the default address: it fails if the master's connection queue is
 /// full, and the library makes at most one attempt in a pass. The library repeats attempts every ping interval, so
@@ -27,3 +28,7 @@ std::size_t queuedOutput();
 
 /// Sends as much of the queue as the connection accepts now. True if that was anything.
 bool flushOutput();
+
+/// Replaces the content by all descriptors that the library currently waits for, ascending: the connection and its
+/// internal pipes. Call after init_agent().
+void awaitedDescriptors(std::vector<int> &descriptors);

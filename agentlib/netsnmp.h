@@ -1,4 +1,4 @@
-// The agent library's headers, in the required order. Only sources of this folder include them.
+// The agent library's headers, in the required order. Only sources here and in agent/ include them.
 #pragma once
 
 #include <net-snmp/net-snmp-config.h>

@@ -1,7 +1,7 @@
 // The request gate: a filter for the agent library's table helpers.
 #pragma once
 
-#include "agent/netsnmp.h"
+#include "agentlib/netsnmp.h"
 
 /// A handler that passes on the names of a GETNEXT or GETBULK one at a time, so that each gets the same answer as
 /// alone. With several names the helpers go wrong when one is outside the columns: they answer it in vain, loop

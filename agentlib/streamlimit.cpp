@@ -1,8 +1,7 @@
 // Limits the length of messages on the connection to the master agent.
-#include "agent/streamlimit.h"
+#include "agentlib/streamlimit.h"
 
-#include "agent/kvagent.h"
-#include "agent/masterconnection.h"
+#include "agentlib/masterconnection.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -122,7 +121,7 @@ bool hasPendingRequests(int masterSocket)
 {
     static std::vector<int> descriptors;
     static std::vector<pollfd> polled;
-    kaDescriptors(descriptors);
+    awaitedDescriptors(descriptors);
     polled.clear();
     for (const int descriptor : descriptors) {
         if (descriptor != masterSocket)

@@ -1,7 +1,7 @@
 // Limits the length of messages on the connection to the master agent.
 #pragma once
 
-#include "agent/netsnmp.h"
+#include "agentlib/netsnmp.h"
 
 #include <cstddef>
 

@@ -1,5 +1,5 @@
 // The request gate: a filter for the agent library's table helpers.
-#include "agent/requestgate.h"
+#include "agentlib/requestgate.h"
 
 #include <utility>
 

@@ -1,7 +1,7 @@
 // How the agent library connects to the master agent, and sends to it.
-#include "agent/masterconnection.h"
+#include "agentlib/masterconnection.h"
 
-#include "agent/netsnmp.h"
+#include "agentlib/netsnmp.h"
 #include "device/boundedtext.h"
 
 #include <cerrno>
@@ -163,4 +163,23 @@ bool flushOutput()
     else
         output.erase(0, static_cast<std::size_t>(sent));
     return sent > 0;
+}
+
+void awaitedDescriptors(std::vector<int> &descriptors)
+{
+    descriptors.clear();
+    static netsnmp_large_fd_set watched = [] {
+        netsnmp_large_fd_set set;
+        netsnmp_large_fd_set_init(&set, FD_SETSIZE);
+        return set;
+    }();
+    NETSNMP_LARGE_FD_ZERO(&watched);
+    int end = 0; // one more than the highest descriptor
+    timeval timeout = {};
+    int block = 1;
+    snmp_select_info2(&end, &watched, &timeout, &block);
+    for (int descriptor = 0; descriptor < end; ++descriptor) {
+        if (netsnmp_large_fd_is_set(descriptor, &watched) != 0)
+            descriptors.push_back(descriptor);
+    }
 }
