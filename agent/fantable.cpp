@@ -19,11 +19,11 @@ constexpr RowSet rowSets[] = {
 constexpr Column columns[] = {
     {ASN_INTEGER,   cell<&TableRow::index>},
     {ASN_OCTET_STR, cell<&TableRow::description>},
-    {ASN_GAUGE,     numberCell},
+    {ASN_GAUGE,     cell<&Measured::value>},
 };
 // clang-format on
 
-Rows<std::uint32_t, rowSets, fanRows> rows(0);
+Rows<Measured, rowSets, fanRows> rows({});
 
 // clang-format off
 void initialize_table_fanTable() { initializeTable(fanTable); }

@@ -2,6 +2,7 @@
 #include "agent/kvagent.h"
 
 #include "agent/modules.h"
+#include "agent/standard/standardsensors.h"
 #include "agent/trapgate.h"
 #include "agentlib/masterconnection.h"
 #include "agentlib/netsnmp.h"
@@ -94,12 +95,16 @@ void kaAgentStart(std::uint32_t modelNumber, std::uint8_t ampType, const char *m
     snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_START, sessionStarted, nullptr);
     snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_STOP, sessionStopped, nullptr);
 
-    if (isKnownModel(modelNumber)) { // other devices connect with an empty subtree
+    const bool known = isKnownModel(modelNumber);
+    if (known) { // other devices connect with an empty subtree
         for (const auto initModule : modules)
             initModule();
     }
+    readStandardSensorsSetting(applicationName);
     boundAttempts();
     init_snmp(applicationName);
+    if (known)
+        registerStandardSensors();
     std::puts("return from init_snmp()");
 
     std::puts("Init sendTrap() function");

@@ -19,7 +19,7 @@ void registerTable(const TableModule &table)
 
     auto *tableInfo = SNMP_MALLOC_TYPEDEF(netsnmp_table_registration_info);
     netsnmp_table_helper_add_indexes(tableInfo, ASN_INTEGER, 0);
-    tableInfo->min_column = 1;
+    tableInfo->min_column = table.columns[0].cell == nullptr ? 2 : 1;
     tableInfo->max_column = static_cast<unsigned int>(table.columns.size());
 
     auto *iteratorInfo = SNMP_MALLOC_TYPEDEF(netsnmp_iterator_info);
@@ -49,7 +49,7 @@ struct InnerName {
 void serveCell(std::span<const Column> columns, const TableRow *row, std::size_t number,
                netsnmp_agent_request_info *info, netsnmp_request_info *request)
 {
-    if (number < 1 || number > columns.size()) {
+    if (number < 1 || number > columns.size() || columns[number - 1].cell == nullptr) {
         netsnmp_set_request_error(info, request, SNMP_NOSUCHOBJECT);
         return;
     }

@@ -50,6 +50,11 @@ constexpr Cell cellOf(const std::uint32_t &number)
     return {&number, sizeof(number)};
 }
 
+constexpr Cell cellOf(const Measured &measured)
+{
+    return cellOf(measured.value);
+}
+
 template <std::size_t size>
 constexpr Cell cellOf(const RowText<size> &field)
 {
@@ -67,6 +72,9 @@ struct Column {
     u_char type;
     Cell (*cell)(const TableRow &row);
 };
+
+/// A first column that is not accessible.
+inline constexpr Column notAccessible = {};
 
 template <class Class, class Member>
 Class classOf(Member Class::*);

@@ -17,14 +17,26 @@ inline constexpr std::size_t ethPorts = 2;
 inline constexpr std::size_t powerSources = 2;
 inline constexpr std::size_t relayRows = 12;
 
+/// The origin of a measured value.
+enum class Reading : std::uint8_t {
+    None,     ///< not reported yet, or deleted
+    Number,   ///< the data service has reported a decimal number
+    NoNumber, ///< it has reported another text; the value is what its digits give
+};
+
+struct Measured {
+    std::uint32_t value;
+    Reading reading;
+};
+
 /// Thousandths of a volt, by the data service's voltage-line number.
 struct VoltageRecord {
-    std::uint32_t values[voltageSlots];
+    Measured values[voltageSlots];
 };
 
 /// Tenths of a degree.
 struct TempRow {
-    std::uint32_t current;
+    Measured current;
     std::uint32_t peak;
     std::uint32_t average;
 };
@@ -35,7 +47,7 @@ struct TempRecord {
 
 /// Revolutions per minute.
 struct FanRecord {
-    std::uint32_t values[fanRows];
+    Measured values[fanRows];
 };
 
 struct AmpChannelRow {

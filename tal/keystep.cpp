@@ -88,6 +88,17 @@ Step changedStep(const CodeMap &map, const QString &text, std::uint32_t &scratch
     return Step::Handled;
 }
 
+/// Digits with at most one point, perhaps after a sign.
+bool isDecimal(QStringView text)
+{
+    text = text.trimmed();
+    if (text.startsWith(QLatin1Char('-')) || text.startsWith(QLatin1Char('+')))
+        text = text.mid(1);
+    const auto isDigit = [](QChar character) { return character >= QLatin1Char('0') && character <= QLatin1Char('9'); };
+    const auto digits = std::ranges::count_if(text, isDigit);
+    return digits > 0 && digits + text.count(QLatin1Char('.')) == text.size() && text.count(QLatin1Char('.')) <= 1;
+}
+
 } // namespace
 
 QString KeyPath::with(const Keys &keys) const
@@ -103,6 +114,22 @@ Step keyStep(const Notification &n, const KeyRule &rule, const Keys &keys, std::
         return changedStep(rule.map, text, scratch);
     case Found::Deleted:
         return deletedStep(rule.map.onDelete, scratch);
+    case Found::Nothing:
+        break;
+    }
+    return Step::NotHandled;
+}
+
+Step measureStep(const Notification &n, const KeyRule &rule, const Keys &keys, Measured &measured)
+{
+    QString text;
+    switch (lookUp(n, rule.place, keys, text)) {
+    case Found::Text:
+        measured.reading = isDecimal(text) ? Reading::Number : Reading::NoNumber;
+        return changedStep(rule.map, text, measured.value);
+    case Found::Deleted:
+        measured.reading = Reading::None;
+        return deletedStep(rule.map.onDelete, measured.value);
     case Found::Nothing:
         break;
     }

@@ -3,6 +3,7 @@
 
 #include "device/latin1.h"
 #include "device/models.h"
+#include "device/tablerecords.h"
 #include "tal/notification.h"
 
 #include <QString>
@@ -131,6 +132,9 @@ enum class Step {
 /// Looks the key up in the notification and stores its value in `scratch`, which changes only when the result is
 /// Handled. `scratch` may therefore be the record's field, unless the rule has keepScratch.
 Step keyStep(const Notification &n, const KeyRule &rule, const Keys &keys, std::uint32_t &scratch);
+
+/// The same for a measured value, with the origin of the value. The rule has no words and no keepScratch.
+Step measureStep(const Notification &n, const KeyRule &rule, const Keys &keys, Measured &measured);
 
 /// The same for a text value. True if `text` is to be stored.
 bool textStep(const Notification &n, const TextRule &rule, const Keys &keys, QString &text);

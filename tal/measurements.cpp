@@ -105,7 +105,6 @@ constexpr KeySet tempKeys[] = {
 };
 struct TempField { std::string_view leaf; std::uint32_t TempRow::*value; };
 constexpr TempField tempFields[] = {
-    {"temp_current", &TempRow::current},
     {"temp_peak",    &TempRow::peak},
     {"temp_average", &TempRow::average},
 };
@@ -160,29 +159,27 @@ constexpr std::uint32_t channelStatus(std::uint32_t classDStatus, std::uint32_t 
 void TalHandler::parseVoltage(const Notification &n)
 {
     forEachKey(voltageKeys, m_modelNumber, [&](const KeyRow &slot) {
-        if (keyStep(n, voltageRule, {slot.key, {}}, m_scratch.voltage) == Step::Handled)
-            m_records.voltage.values[slot.row] = m_scratch.voltage;
+        measureStep(n, voltageRule, {slot.key, {}}, m_records.voltage.values[slot.row]);
     });
 }
 
 void TalHandler::parseTemp(const Notification &n)
 {
     forEachKey(tempKeys, m_modelNumber, [&](const KeyRow &sensor) {
+        TempRow &row = m_records.temp.rows[sensor.row];
+        measureStep(n, tempRule, {sensor.key, "temp_current"}, row.current);
         for (const TempField &field : tempFields)
-            if (keyStep(n, tempRule, {sensor.key, field.leaf}, m_scratch.temp) == Step::Handled)
-                m_records.temp.rows[sensor.row].*field.value = m_scratch.temp;
+            keyStep(n, tempRule, {sensor.key, field.leaf}, row.*field.value);
     });
 }
 
 void TalHandler::parseFan(const Notification &n)
 {
     forEachKey(fanKeys, m_modelNumber, [&](const KeyRow &fan) {
-        if (keyStep(n, fanRule, {fan.key, {}}, m_scratch.fan) != Step::Handled)
-            return;
-        m_records.fan.values[fan.row] = m_scratch.fan;
-        if (m_modelNumber != 6410)
+        Measured &speed = m_records.fan.values[fan.row];
+        if (measureStep(n, fanRule, {fan.key, {}}, speed) == Step::Handled && m_modelNumber != 6410)
             qDebug().noquote() << "stateSnmpAgentFanTableUpdate" << (fan.row == 0 ? "fanLeft:" : "fanRight:")
-                               << m_scratch.fan;
+                               << speed.value;
     });
 }
 

@@ -63,9 +63,7 @@ public Q_SLOTS:
 private:
     /// The last value of each kind of parser. A row may get it again: see keepScratch in keystep.h.
     struct Scratch {
-        std::uint32_t voltage; ///< of both the voltages and the LET voltages
-        std::uint32_t temp;
-        std::uint32_t fan;
+        std::uint32_t voltage;
         std::uint32_t powerLive;
         std::uint32_t gpioType;
         std::uint32_t controlInputMonitored;

@@ -29,7 +29,7 @@ int checkLog(int, int, void *message, void *)
 
 SubAgent::SubAgent(std::string_view device, const std::string &folder, Master &master) : m_master(master)
 {
-    writeFile(folder + "/kvagent.conf", "agentXPingInterval 1\n");
+    writeFile(folder + "/kvagent.conf", "agentXPingInterval 1\nkvStandardSensors yes\n");
     writeFile(folder + "/snmp.conf", "defTarget agentx unix " + folder + "/master\n");
     setenv("MIBS", "", 1);
     setenv("SNMPCONFPATH", folder.c_str(), 1);
@@ -74,8 +74,9 @@ void SubAgent::store(std::size_t place, std::uint32_t value)
         return;
     }
     const std::span numbers(m_records.voltage.values);
-    numbers[place % numbers.size()] = value;
-    m_records.temp.rows[place % tempRows] = {value, value, value};
+    const auto reading = static_cast<Reading>(value % 3);
+    numbers[place % numbers.size()] = {value, reading};
+    m_records.temp.rows[place % tempRows] = {{value, reading}, value, value};
     m_records.relay.rows[place % relayRows] = {value, value, value};
 }
 

@@ -19,6 +19,7 @@ from support.catalogue import SCALAR_OIDS, TABLES
 from support.device import Device
 from support.rawmanager import ROOT, RawManager
 from support.snmp import END_OF_VIEW, NO_SUCH_INSTANCE, NO_SUCH_OBJECT
+from support.standard import LAST_CHANGE, PHYSICAL, PHYSICAL_COLUMNS, ROOTS, SENSOR, SENSOR_COLUMNS
 from support.target import GREATEST, SEED, entry_of, options
 from support.walks import WALKS, Walk, wait_for_lines
 
@@ -31,8 +32,10 @@ LONGEST_NAME = 128
 VARIABLES_OF_A_GETBULK = 100  # at most, in whole rows
 
 ODD_ARCS = (0, 1, 2, 3, 9, 98, 127, 128, 255, 65536, 2 ** 31 - 1, 2 ** 31, 2 ** 32 - 1)
-ENTRIES = {entry_of(table): len(table.columns) for table in TABLES.values()}
-SCALARS = [ber.numbers(oid)[:-1] for oid in SCALAR_OIDS.values()]
+ENTRIES = {entry_of(table): range(1, len(table.columns) + 1) for table in TABLES.values()} | {
+    PHYSICAL: PHYSICAL_COLUMNS, SENSOR: SENSOR_COLUMNS}
+SCALARS = [*(ber.numbers(oid)[:-1] for oid in SCALAR_OIDS.values()), LAST_CHANGE]
+OURS = [ROOT, *ROOTS]
 REGISTERED = [*SCALARS, *(entry[:-1] for entry in ENTRIES)]
 
 
@@ -40,9 +43,10 @@ def is_below(name: ber.Oid, roots: Sequence[ber.Oid]) -> bool:
     return any(name[:len(root)] == root for root in roots)
 
 
-def random_name(chance: random.Random, served: Sequence[ber.Oid]) -> ber.Oid:
-    entry, columns = chance.choice(list(ENTRIES.items()))
-    instance = chance.choice(served)
+def random_name(chance: random.Random, served: Sequence[Sequence[ber.Oid]]) -> ber.Oid:
+    entry, accessible = chance.choice(list(ENTRIES.items()))
+    columns = accessible[-1]
+    instance = chance.choice(chance.choice(served))
     arc = chance.choice(ODD_ARCS)
     return chance.choice((
         lambda: instance,
@@ -103,18 +107,20 @@ class Subject:
 
     def __init__(self, manager: RawManager, chance: random.Random) -> None:
         self.manager, self.chance = manager, chance
-        self.walk: list[ber.Binding] = []  # from the enterprise arc to the end of all that snmpd has
-        last = ROOT
+        self.walk: list[ber.Binding] = []  # from the standard tables to the end of all that snmpd has
+        last = ROOTS[0]
         while (binding := manager.ask(GETNEXT, [last]).bindings[0]).value != END_OF_VIEW:
             assert binding.oid > last
             self.walk.append(binding)
             last = binding.oid
         self.oids = [binding.oid for binding in self.walk]
-        self.values = {oid: value for oid, value in self.walk if is_below(oid, [ROOT])}
+        self.values = {oid: value for oid, value in self.walk if is_below(oid, OURS)}
+        self.served = [[oid for oid in self.values if is_below(oid, [ROOT])],
+                       [oid for oid in self.values if is_below(oid, ROOTS)]]
         self.alone: dict[ber.Oid, tuple[str, str]] = {}  # a GET of nothing else
 
     def new_pool(self) -> list[ber.Oid]:
-        pool = [random_name(self.chance, list(self.values)) for _ in range(NAMES_OF_A_POOL)]
+        pool = [random_name(self.chance, self.served) for _ in range(NAMES_OF_A_POOL)]
         self.alone = {}
         for name in pool:
             (oid, value), = self.manager.ask(GET, [name]).bindings
@@ -135,7 +141,7 @@ class Subject:
         if question.kind == GET:
             expected = self.expected_get(question)
             served = [binding for binding in answer.bindings
-                      if not answer.error or binding.value[0] in ("INTEGER", "Gauge32", "STRING")]
+                      if not answer.error or binding.value[0] in ("INTEGER", "Gauge32", "STRING", "OID", "Timeticks")]
             got = (answer.error, answer.index, served)  # a refusal has no value
         else:
             rows = self.expected_rows(question)
@@ -177,12 +183,12 @@ class Subject:
 def is_well_formed(name: ber.Oid) -> bool:
     """A column that exists, and an index of one arc."""
     entry, rest = name[:-2], name[-2:]
-    return entry in ENTRIES and 1 <= rest[0] <= ENTRIES[entry]
+    return entry in ENTRIES and rest[0] in ENTRIES[entry]
 
 
 def comparable(binding: ber.Binding) -> tuple[ber.Oid, tuple[str, str] | None]:
-    """After the private MIB are values of snmpd that change."""
-    known = is_below(binding.oid, [ROOT]) or binding.value == END_OF_VIEW
+    """Between and after our arcs are values of snmpd that change."""
+    known = is_below(binding.oid, OURS) or binding.value == END_OF_VIEW
     return binding.oid, binding.value if known else None
 
 

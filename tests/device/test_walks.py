@@ -1,5 +1,5 @@
 """The whole private MIB of every model, read with GETNEXT and GETBULK, equals its golden walk, and that has the rows of
-the catalogue. KVSNMP_WRITE_GOLDEN=1 in the environment writes the golden walks again.
+the catalogue. The standard sensor tables show the same values. KVSNMP_WRITE_GOLDEN=1 in the environment writes the golden walks again.
 """
 from __future__ import annotations
 
@@ -8,10 +8,10 @@ from concurrent.futures import ThreadPoolExecutor
 from typing import NamedTuple
 
 import pytest
-from support import catalogue, steps
+from support import ber, catalogue, standard, steps
 from support.catalogue import OBJECTS, SCALAR_OIDS
 from support.device import Device
-from support.snmp import COMMUNITY, NUMERIC, TABLES, parse
+from support.snmp import COMMUNITY, NO_SUCH_OBJECT, NUMERIC, TABLES, Variable, parse
 from support.walks import FAILED_TONE, WALKS, Walk, golden, wait_for_lines, write_golden
 
 REPETITIONS = [10, 50]
@@ -21,6 +21,7 @@ AT_A_TIME = 7  # devices that run at once
 class Answers(NamedTuple):
     getnext: str
     getbulk: list[str]
+    standard: list[Variable]
     complaints: list[str]
 
 
@@ -39,11 +40,13 @@ def read(walk: Walk) -> Answers:
         getnext = device.run(["snmpwalk", *NUMERIC, *COMMUNITY, "127.0.0.1", TABLES]).stdout
         getbulk = [device.run(["snmpbulkwalk", *NUMERIC, *COMMUNITY, f"-Cr{number}", "127.0.0.1", TABLES]).stdout
                    for number in REPETITIONS]
+        standard_tables = [variable for root in standard.ROOTS for variable in parse(
+            device.run(["snmpbulkwalk", *NUMERIC, *COMMUNITY, "127.0.0.1", ber.dotted(root)]).stdout)]
     except Exception as error:
         raise AssertionError(f"device {walk.name}: {error}\n{device.logs()}") from error
     finally:
         complaints = device.stop()
-    return Answers(getnext, getbulk, complaints)
+    return Answers(getnext, getbulk, standard_tables, complaints)
 
 
 @pytest.fixture(scope="module")
@@ -61,6 +64,15 @@ def test_walk_is_the_golden_one(answers, walk):
     assert found.getnext == walk.golden_text
     assert found.getbulk == [walk.golden_text] * len(REPETITIONS), "the same in the same order"
     assert found.complaints == []
+
+
+@pytest.mark.parametrize("walk", WALKS, ids=[walk.name for walk in WALKS])
+def test_standard_tables_show_the_golden_walk(answers, walk):
+    served = [variable for variable in answers[walk.name].standard if variable.value != NO_SUCH_OBJECT]
+    changes = [variable for variable in served if variable.oid == f"{ber.dotted(standard.LAST_CHANGE)}.0"]
+    assert [change.type for change in changes] == ["Timeticks"]
+    served.remove(changes[0])
+    assert served == standard.expected({variable.oid: variable.value for variable in walk.golden})
 
 
 @pytest.mark.parametrize("walk", WALKS, ids=[walk.name for walk in WALKS])

@@ -97,6 +97,41 @@ private Q_SLOTS:
         QCOMPARE(text, QStringLiteral("red"));
     }
 
+    void aMeasuredValueKnowsWhatWasReported()
+    {
+        constexpr KeyRule rule{{"getLevel", kid, lightPath}, {{}, store(0), scaled(10)}};
+        static constexpr struct {
+            const char *operation, *text;
+            std::uint32_t value;
+            Reading reading;
+        } rows[] = {
+            {"create", "3.3", 33, Reading::Number},
+            {"replace", " -5.0 ", 50, Reading::Number},
+            {"replace", "+.5", 5, Reading::Number},
+            {"replace", "7.", 70, Reading::Number},
+            {"replace", "unknown", 0, Reading::NoNumber},
+            {"replace", "", 0, Reading::NoNumber},
+            {"replace", "1.2.3", 0, Reading::NoNumber},
+            {"replace", ".", 0, Reading::NoNumber},
+            {"replace", "2 V", 20, Reading::NoNumber},
+            {"replace", "--2", 20, Reading::NoNumber},
+            {"replace", "\xd9\xa1", 10, Reading::NoNumber},
+            {"replace", "1", 10, Reading::Number},
+            {"patch", "2", 10, Reading::Number}, // refused
+            {"delete", "1", 0, Reading::None},
+        };
+        Measured measured{};
+        for (const auto &row : rows) {
+            const AtRow at(row.text);
+            const QString xml = QStringLiteral("<light><kid>left</kid><colour>%1</colour></light>");
+            measureStep({QString::fromUtf8(row.operation), QStringLiteral("/lights"), QStringLiteral("/lights/light"),
+                         QStringLiteral("<lights>%1</lights>").arg(xml.arg(QString::fromUtf8(row.text)))},
+                        rule, {"left", {}}, measured);
+            QCOMPARE(measured.value, row.value);
+            QCOMPARE(int(measured.reading), int(row.reading));
+        }
+    }
+
     void keysOfAModelInTheOrderOfTheTable()
     {
         const auto keysOf = [](std::uint32_t model) {

@@ -179,7 +179,7 @@ private Q_SLOTS:
         Q_EMIT bench.child<TalInterface>()->talNotifySignal(
             qs("kvsnmp_fan"), qs("replace"), qs("/state/fans/fan[kid='amp_power']"), qs("/state/fans"),
             qs("<fan><kid>amp_power</kid><speed_sensor_rpm>1234</speed_sensor_rpm></fan>"));
-        QCOMPARE(bench.talHandler()->tableRecords().fan.values[0], 1234U);
+        QCOMPARE(bench.talHandler()->tableRecords().fan.values[0].value, 1234U);
     }
 
     void faultsReachTheFaultHandler()

@@ -114,13 +114,13 @@ private Q_SLOTS:
             SIGNAL(talNotifySignal(const QString, const QString, const QString, const QString, const QString)),
             &*bench.handler,
             SLOT(talHandlerNotifySlot(const QString, const QString, const QString, const QString, const QString)));
-        const auto &millivolts = bench.handler->tableRecords().voltage.values;
+        const auto &voltages = bench.handler->tableRecords().voltage.values;
         const QString path = qs("/state/power_lines/power_line[kid='24v0FB']/voltage");
         bench.peer.sendNotify(qs("kvsnmp_voltage"), qs("create"), path, withoutPredicates(path),
                               qs("<voltage>23.9</voltage>"));
-        QTRY_COMPARE(millivolts[8], 23900U);
+        QTRY_COMPARE(voltages[8].value, 23900U);
         bench.peer.sendNotify(qs("kvsnmp_voltage"), qs("delete"), path, withoutPredicates(path), QString());
-        QTRY_COMPARE(millivolts[8], 0U);
+        QTRY_COMPARE(voltages[8].value, 0U);
         QCOMPARE(bench.log.lines(), QStringList());
     }
 

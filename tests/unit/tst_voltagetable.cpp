@@ -38,9 +38,9 @@ private Q_SLOTS:
 
     void theSetterCopiesAtOnce()
     {
-        record.values[4] = 5012;
+        record.values[4].value = 5012;
         setTalVoltageTableData(&record);
-        record.values[4] = 0;
+        record.values[4].value = 0;
         kvAgent->talVoltageTableData = nullptr; // the request's load copies nothing
         QCOMPARE(snmpGet("3.4.2.1.3.4"), lines({"3.4.2.1.3.4 Gauge32 5012"}));
         kvAgent->talVoltageTableData = &record;
@@ -48,14 +48,14 @@ private Q_SLOTS:
 
     void aLoadCopiesAndIsKeptUntilItExpires()
     {
-        record.values[4] = 5100;
+        record.values[4].value = 5100;
         QStringList answer;
         const QStringList first = printed([&] { answer = snmpGet("3.4.2.1.3.4"); });
         QCOMPARE(answer, lines({"3.4.2.1.3.4 Gauge32 5100"}));
         QCOMPARE(first.mid(0, 3),
                  lines({"voltageTable_load()", "copyTalVoltageTableData()", "refillVoltageTableEntries()"}));
 
-        record.values[4] = 5200;
+        record.values[4].value = 5200;
         const QStringList second = printed([&] { answer = snmpGet("3.4.2.1.3.4"); });
         QCOMPARE(answer, lines({"3.4.2.1.3.4 Gauge32 5100"}));
         QVERIFY(!second.contains(QStringLiteral("voltageTable_load()")));

@@ -24,13 +24,13 @@ public:
     {
         TableRecords r = {};
         m_base = reinterpret_cast<const char *>(&r);
-        each("voltage.", r.voltage.values, [this](auto name, auto &value) { add(name, value); });
+        each("voltage.", r.voltage.values, [this](auto name, auto &measured) { add(name, measured.value); });
         each("temp.", r.temp.rows, [this](auto name, auto &row) {
-            add(name + ".current", row.current);
+            add(name + ".current", row.current.value);
             add(name + ".peak", row.peak);
             add(name + ".average", row.average);
         });
-        each("fan.", r.fan.values, [this](auto name, auto &value) { add(name, value); });
+        each("fan.", r.fan.values, [this](auto name, auto &measured) { add(name, measured.value); });
         each("ampChannel.", r.ampChannel.rows, [this](auto name, auto &row) {
             add(name + ".status", row.status);
             add(name + ".lineState", row.lineState);

@@ -1,0 +1,128 @@
+"""The IETF's sensor tables: the state of a sensor, the setting that switches them on, another sub-agent's registration.
+The walks of all models are in test_walks.py, random requests in test_random_requests.py."""
+from __future__ import annotations
+
+import pytest
+from support import ber, steps
+from support.catalogue import SCALAR_OIDS
+from support.device import Device
+from support.polling import wait_until
+from support.snmp import NO_SUCH_OBJECT
+from support.standard import LAST_CHANGE, PHYSICAL, ROOTS, SENSOR
+
+CONFIGURATION = "/etc/snmp/kvagent.conf"
+# Another sub-agent: opens a session (AgentX type 1) as soon as snmpd listens, registers an object (type 3), holds both.
+OTHER_AGENT = """
+import socket, struct, sys, time
+def send(kind, session, payload):
+    master.sendall(struct.pack(">BBBBIIII", 1, kind, 16, 0, session, 0, 1, len(payload)) + payload)
+    return master.recv(65536, 0)
+arcs = [int(arc) for arc in sys.argv[1].split(".")]
+while True:
+    master = socket.socket(socket.AF_UNIX)
+    try:
+        master.connect("/var/agentx/master")
+        session, = struct.unpack(">I", send(1, 0, bytes(12))[4:8])
+        send(3, session, struct.pack(f">BBBBBBBB{len(arcs)}I", 0, 127, 0, 0, len(arcs), 0, 0, 0, *arcs))
+        print("registered", flush=True)
+        while master.recv(65536):
+            pass
+    except (OSError, struct.error):
+        time.sleep(0.005)
+"""
+
+
+def cell(column: int, index: int) -> str:
+    return ber.dotted((*SENSOR, column, index))
+
+
+def sensor(device: Device, index: int) -> tuple[str, str]:
+    """entPhySensorValue and entPhySensorOperStatus."""
+    (_, value), (_, status) = device.snmp.get(cell(4, index), cell(5, index))
+    return value, {"1": "ok", "2": "unavailable", "3": "nonoperational"}[status]
+
+
+def restart(device: Device, configuration: str | None) -> None:
+    """Another daemon, with this configuration of the agent library."""
+    device.end_kvsnmp()
+    path = device.path(CONFIGURATION)
+    if configuration is None:
+        path.unlink()
+    else:
+        path.write_text(f"agentXPingInterval 1\n{configuration}")
+    device.start_kvsnmp("-d", clock_shift=True)
+    device.wait_answering(30)
+
+
+@pytest.fixture(scope="module")
+def device(start_shared_device):
+    return start_shared_device(6420, "--no-traps", "--clock-shift").wait_answering()
+
+
+@pytest.mark.parametrize("index, path, text, value", [
+    (1003, "/state/power_lines/power_line[kid='3v3']/voltage", "3.31", "3310"),
+    (1003, "/state/power_lines/power_line[kid='3v3']/voltage", " -24.5 ", "24500"),  # intended: as the private MIB
+    (1003, "/state/power_lines/power_line[kid='3v3']/voltage", "4000000", "1000000000"),  # the RFC's overflow
+    (2003, "/state/temp_sensors/temp_sensor[kid='amp_main_board']/temp_current", "41.2", "412"),
+    (3102, "/state/fans/fan[kid='amp_class_d']/speed_sensor_rpm", "1450", "1450"),
+])
+def test_state_of_a_sensor_follows_what_was_reported(device, index, path, text, value):
+    leaf, parent = path.rsplit("/", 1)[1], path.rsplit("/", 1)[0]
+    for words, expected in [(["patch", path, f"<{leaf}>{text}</{leaf}>"], (value, "ok")),
+                            (["patch", path, f"<{leaf}>2 or 3</{leaf}>"], None),
+                            (["delete", path], ("0", "unavailable")),
+                            (["patch", path, f"<{leaf}>{text}</{leaf}>"], (value, "ok"))]:
+        steps.apply(device, [words])
+        got = sensor(device, index)
+        assert got == expected or expected is None and got[1] == "nonoperational", (words, parent)
+    assert device.complaints() == []
+
+
+def test_before_the_first_report_all_sensors_are_unavailable(start_device):
+    device = start_device(6420, "--no-kvsnmp", "--no-traps", "--clock-shift")
+    device.talctl("delete", "/state/power_lines")
+    device.start_kvsnmp("-d", clock_shift=True)
+    device.wait_answering(30).wait_subscribed()
+    steps.apply(device, dbus=False)
+    assert (sensor(device, 1001), sensor(device, 2001)[1]) == (("0", "unavailable"), "ok")
+
+
+@pytest.mark.parametrize("configuration, complaints", [
+    ("kvStandardSensors no\n", 0), ("", 0), (None, 0), ("kvStandardSensors perhaps\n", 1),
+    ("kvStandardSensors yes\nkvStandardSensors no\n", 0)])
+def test_switched_off_nothing_outside_the_enterprise_arc_is_served(device, configuration, complaints):
+    before = len(device.kvsnmp_err())
+    restart(device, configuration)
+    assert device.snmp.get(*[f"{ber.dotted(root)}.1" for root in ROOTS]) == [NO_SUCH_OBJECT] * 2
+    assert device.kvsnmp_err()[before:].count("kvagent.conf: line 2") == complaints
+    restart(device, "kvStandardSensors yes\n")
+    assert sensor(device, 1001)[1] in ("ok", "unavailable")
+
+
+def test_the_time_of_the_last_change_is_that_of_the_session(device):
+    def change() -> int:
+        return int(device.snmp.get(f"{ber.dotted(LAST_CHANGE)}.0")[0][1].split("(")[1].split(")")[0])
+
+    def uptime() -> int:
+        return int(device.snmp.get("1.3.6.1.2.1.1.3.0")[0][1].split("(")[1].split(")")[0])
+
+    restart(device, "kvStandardSensors yes\n")
+    first, now = change(), uptime()
+    assert 0 < first <= now
+    wait_until(lambda: uptime() > now + 100, what="a second")
+    assert change() == first
+
+
+def test_arcs_of_another_sub_agent_are_left_to_it(device):
+    """The library logs one line for each; everything else is served."""
+    other = device.popen(["/usr/bin/python3", "-c", OTHER_AGENT, ber.dotted(SENSOR[:-1])[1:]])
+    try:
+        before = len(device.kvsnmp_err())
+        restart(device, "kvStandardSensors yes\n")
+        wait_until(lambda: device.kvsnmp_err()[before:].count("registering pdu failed: 263!") == 1, what="refusal logged")
+        steps.apply(device, dbus=False)
+        assert device.snmp.get(ber.dotted((*PHYSICAL, 5, 1001))) == [("INTEGER", "8")]
+        assert device.snmp.get(SCALAR_OIDS["infoModelNumber"]) == [("INTEGER", "6420")]
+    finally:
+        other.kill()
+        other.wait()
