@@ -1,0 +1,408 @@
+"""monitoring/checks/check_kvsnmp: ranges, the judgement of each model, its output, and its handling of snmpbulkwalk."""
+from __future__ import annotations
+
+import importlib.util
+import json
+import os
+import re
+import stat
+import subprocess
+import sys
+import time
+from importlib.machinery import SourceFileLoader
+from pathlib import Path
+from types import ModuleType
+
+import pytest
+import yaml
+
+CHECKOUT = Path(__file__).resolve().parents[2]
+PLUGIN = CHECKOUT / "monitoring/checks/check_kvsnmp"
+sys.path.insert(0, str(CHECKOUT / "monitoring"))
+sys.dont_write_bytecode = True
+
+import walks  # noqa: E402  (the path has to be set first)
+from mib import Mib  # noqa: E402
+
+
+def load() -> ModuleType:
+    loader = SourceFileLoader("check_kvsnmp", str(PLUGIN))
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("check_kvsnmp", loader))
+    sys.modules["check_kvsnmp"] = module
+    loader.exec_module(module)
+    return module
+
+
+plugin = load()
+OK, WARNING, CRITICAL, UNKNOWN = range(4)
+FACTS = json.loads(PLUGIN.with_name("check_kvsnmp.json").read_text())
+RULES = {rule["name"]: rule for rule in FACTS["rules"]}
+LIMITS = {rule["measurement"]: [plugin.Range(rule["warning"]), plugin.Range(rule["critical"])]
+          for rule in FACTS["rules"] if "measurement" in rule}
+MODELS = [name for name in walks.NAMES if name.isdigit()]
+
+
+def healthy(name: str) -> dict[str, str]:
+    """The golden walk with its channels announced, and without the pilot tone that it has lost."""
+    values = {f".{variable.oid}": variable.value for variable in walks.read(name)}
+    for check, state in (("Amplifier channels", "3"), ("Line inputs", "2")):
+        if name in RULES[check]["rows"]:
+            values |= {oid: state for oid in values if oid.startswith(RULES[check]["column"])}
+    return values
+
+
+def report(values: dict[str, str], ignored: str = "", limits=None) -> tuple[int, str]:
+    return plugin.report("device", plugin.judge(values, FACTS, limits or LIMITS, ignored))
+
+
+# Ranges
+
+
+@pytest.mark.parametrize("text, good, bad", [
+    ("10", [0, 10, 5.5], [-0.1, 10.1]),
+    ("10:", [10, 1e9], [9.9, -1]),
+    (":10", [0, 10], [-1, 11]),
+    ("~:10", [-1e9, 10], [10.1]),
+    ("10:20", [10, 20], [9.9, 20.1]),
+    ("@10:20", [9.9, 20.1], [10, 20, 15]),
+    ("@10", [-1, 11], [0, 10]),
+    ("-5:5", [-5, 5], [-5.1, 5.1]),
+    ("0.1:70", [0.1, 70], [0, 70.1]),
+])
+def test_range(text, good, bad):
+    assert [value for value in good if plugin.Range(text).alerts(value)] == []
+    assert [value for value in bad if not plugin.Range(text).alerts(value)] == []
+
+
+@pytest.mark.parametrize("text", ["", "@", ":", "@:", "a", "5:1", "1:2:3", "1 :2", "1,5", "10:~", "5%", "nan", "1e3"])
+def test_no_range(text):
+    with pytest.raises(ValueError):
+        plugin.Range(text)
+
+
+@pytest.mark.parametrize("text, around", [("-5:5", "11.4:12.6"), ("@-10:10", "@10.8:13.2"), ("~:5", "~:12.6"), ("-5:", "11.4:")])
+def test_range_of_per_cent_around_a_voltage(text, around):
+    assert plugin.Range(text).around(12.0) == around
+
+
+# The judgement
+
+
+@pytest.mark.parametrize("name", walks.NAMES)
+def test_a_healthy_device_is_ok(name):
+    status, text = report(healthy(name))
+    assert status == OK and text.startswith("KVSNMP OK - device: "), text
+    first, _, others = text.partition("\n")
+    assert not re.search(r"CRITICAL|WARNING|UNKNOWN -", others)
+    labels = re.findall(r"('[^']+')=", first)
+    assert len(set(labels)) == len(labels)
+    measured = [number for rule in FACTS["rules"] if "measurement" in rule for number in [rule["rows"].get(name[:4], 0)]]
+    assert len(labels) == sum(measured)
+
+
+def test_channels_that_nobody_has_announced_are_a_warning():
+    status, text = report({f".{variable.oid}": variable.value for variable in walks.read("6420")})
+    assert (status, text.splitlines()[1]) == (WARNING, "WARNING - Amplifier channels: Channel 1: unknown")
+
+
+FAULTS = [  # walk, check, row, served value, status, and what stands in the line
+    ("6420", "Temperatures", 1, 700, OK, ""),
+    ("6420", "Temperatures", 1, 701, WARNING, "Channel 1: 70.1 C, outside 0.1:70"),
+    ("6420", "Temperatures", 1, 850, WARNING, "Channel 1: 85 C"),
+    ("6420", "Temperatures", 1, 851, CRITICAL, "Channel 1: 85.1 C, outside 0:85"),
+    ("6420", "Temperatures", 1, 0, WARNING, "Channel 1: 0 C, outside 0.1:70; 0 also means no value"),
+    ("6420", "Fans", 1, 500, OK, ""),
+    ("6420", "Fans", 1, 499, WARNING, "Left Fan: 499 rpm, outside 500:"),
+    ("6420", "Fans", 1, 0, CRITICAL, "Left Fan: 0 rpm, outside 1:; 0 also means no value"),
+    ("6420", "Voltages", 3, 3465, OK, ""),
+    ("6420", "Voltages", 3, 3135, OK, ""),
+    ("6420", "Voltages", 3, 3466, WARNING, "Internal voltage 3.3V: 3.466 V (+5.0 %), outside -5:5 %"),
+    ("6420", "Voltages", 3, 3630, WARNING, "Internal voltage 3.3V: 3.63 V (+10.0 %)"),
+    ("6420", "Voltages", 3, 3631, CRITICAL, "Internal voltage 3.3V: 3.631 V (+10.0 %), outside -10:10 %"),
+    ("6420", "Voltages", 3, 2969, CRITICAL, "Internal voltage 3.3V: 2.969 V (-10.0 %)"),
+    ("6420", "Voltages", 3, 0, CRITICAL, "Internal voltage 3.3V: 0 V (-100.0 %), outside -10:10 %; 0 also means no value"),
+    ("6425", "Voltages", 16, 21500, CRITICAL, "Internal voltage -24.0V: 21.5 V (-10.4 %)"),
+    ("6420", "Power sources", 2, 2, CRITICAL, "dc_power: notLive"),
+    ("6420", "Power sources", 2, 1, WARNING, "dc_power: unknown"),
+    ("6420", "Line inputs", 1, 3, CRITICAL, "Line In 1: failed"),
+    ("6420", "Line inputs", 1, 0, WARNING, "Line In 1: notReported"),
+    ("6420", "Line inputs", 2, 3, OK, ""),  # not monitored
+    ("6601", "Microphones", 3, 6, CRITICAL, "Microphone Extern: disconnected"),
+    ("6601", "Microphones", 4, 7, CRITICAL, "Microphone Intern: shorted"),
+    ("6601", "Microphones", 4, 4, WARNING, "Microphone Intern: unknown"),
+    ("6420", "Amplifier channels", 1, 1, WARNING, "Channel 1: unknown"),
+    ("6420", "Amplifier channels", 1, 2, WARNING, "Channel 1: disabled"),
+    ("6420", "Amplifier channels", 1, 4, CRITICAL, "Channel 1: classDFault"),
+    ("6420", "Amplifier channels", 1, 5, CRITICAL, "Channel 1: monitorFault"),
+    *[("6425", "Loudspeaker lines", 2, state, CRITICAL, "Channel 2: ") for state in (3, 4, 5, 6, 8, 9, 11, 15)],
+    *[("6425", "Loudspeaker lines", 2, state, WARNING, "Channel 2: ") for state in (0, 1, 10, 12, 13)],
+    *[("6425", "Loudspeaker lines", 2, state, OK, "") for state in (2, 7, 14)],
+    ("6764", "Transponders of channel 2", 10, 4, CRITICAL, "LET 10 Channel 2: missing"),
+    ("6764", "Transponders of channel 2", 10, 2, OK, ""),
+    ("6914", "Control inputs", 6, 4, CRITICAL, "Control Input 6: shorted"),
+    ("6914", "Control inputs", 6, 5, CRITICAL, "Control Input 6: unconnected"),
+    ("6914", "Control inputs", 6, 3, OK, ""),
+    ("6211-extended", "Control inputs", 14, 5, CRITICAL, "External Control Input 8: unconnected"),
+    ("6914", "Control outputs", 1, 4, CRITICAL, "Control Output 1: failCleared"),
+    ("6914", "Control outputs", 1, 5, CRITICAL, "Control Output 1: failSet"),
+    ("6214", "Relays", 4, 4, CRITICAL, "Extension Relay 2: failed"),
+    ("6214", "Relays", 4, 1, CRITICAL, "Extension Relay 2: unknown"),
+    ("6259-extended", "Relays", 12, 1, CRITICAL, "External Relay 8: unknown"),
+    ("6214", "Relays", 4, 9, UNKNOWN, "Extension Relay 2: state 9"),
+]
+
+
+@pytest.mark.parametrize("name, check, row, served, expected, said", FAULTS,
+                         ids=[f"{name} {check} {row} {served}" for name, check, row, served, *_ in FAULTS])
+def test_one_value(name, check, row, served, expected, said):
+    status, text = report(healthy(name) | {f"{RULES[check]['column']}{row}": str(served)})
+    assert status == expected
+    assert text.startswith(f"KVSNMP {plugin.STATUS[expected]} - ")
+    if said:
+        assert text.splitlines()[1].startswith(f"{plugin.STATUS[expected]} - {check}: {said}")
+
+
+def test_every_check_and_every_word_that_is_not_in_order_is_here():
+    tried = {(check, RULES[check]["words"][str(served)]) for _, check, _, served, status, _ in FAULTS
+             if "words" in RULES[check] and status in (WARNING, CRITICAL)}
+    listed = {(rule["name"], word) for rule in FACTS["rules"] if "words" in rule for word in rule["warning"] + rule["critical"]}
+    same = {(re.sub(r"\d", "1", check), word) for check, word in listed}  # transponders
+    assert {(re.sub(r"\d", "1", check), word) for check, word in tried} == same - {
+        ("Power sources", "notReported"), ("Line inputs", "unknown"), ("Microphones", "notReported")}
+    assert {check for _, check, *_ in FAULTS} | {"Transponders of channel 1"} == set(RULES)
+
+
+@pytest.mark.parametrize("check, row, state, beside", [
+    ("Power sources", 2, "2", {".1.3.6.1.4.1.52717.3.5.1.1.5.2": "2"}),
+    ("Line inputs", 1, "3", {".1.3.6.1.4.1.52717.3.6.1.1.5.1": "2"}),
+])
+def test_what_is_not_monitored_has_no_fault(check, row, state, beside):
+    values = healthy("6420") | {f"{RULES[check]['column']}{row}": state}
+    assert report(values)[0] == CRITICAL
+    assert report(values | beside)[0] == OK
+
+
+def test_a_transponder_is_judged_while_its_channel_is_in_operation():
+    values = healthy("6420") | {f"{RULES['Transponders of channel 2']['column']}3": "4"}
+    assert report(values)[0] == CRITICAL
+    status, text = report(values | {f"{RULES['Amplifier channels']['column']}2": "2"})
+    assert (status, text.count("missing"), "disabled" in text) == (WARNING, 1, True)
+    assert report(values | {f"{RULES['Amplifier channels']['column']}1": "2"})[0] == CRITICAL
+
+
+@pytest.mark.parametrize("name", walks.NAMES)
+def test_a_missing_row_is_not_ok(name):
+    values = healthy(name)
+    for rule in FACTS["rules"]:
+        rows = [oid for oid in values if oid.startswith(rule["column"])]
+        if name.replace("-compact", "-extended") in rule["rows"]:
+            status, text = report({oid: value for oid, value in values.items() if oid != rows[-1]})
+            assert status == UNKNOWN and f"{len(rows) - 1} of {len(rows)} rows" in text, rule["name"]
+
+
+def test_voltages_that_are_all_0_are_one_fault():
+    values = healthy("6420")
+    for check in ("Voltages", "Temperatures", "Fans"):
+        values |= {oid: "0" for oid in values if oid.startswith(RULES[check]["column"])}
+    status, text = report(values)
+    assert status == CRITICAL and text.count("CRITICAL - ") == 2 and "WARNING" not in text
+    assert "CRITICAL - Voltages: Nothing is measured: all voltages are 0" in text
+    assert report(values | {f"{RULES['Fans']['column']}2": "499"})[1].count("Right Fan: 499 rpm") == 1
+
+
+def test_other_devices():
+    for values, status, said in (({}, CRITICAL, "kvsnmp does not"),
+                                 (healthy("6420") | {FACTS["model"]: "7000"}, UNKNOWN, "model 7000")):
+        with pytest.raises(plugin.Failure, match=said) as failure:
+            report(values)
+        assert failure.value.status == status
+
+
+def test_the_most_urgent_is_first():
+    values = healthy("6420") | {f"{RULES['Fans']['column']}1": "499", f"{RULES['Relays']['column']}1": "x",
+                               f"{RULES['Voltages']['column']}1": "x", f"{RULES['Control outputs']['column']}6": "5",
+                               f"{RULES['Amplifier channels']['column']}1": "2"}
+    status, text = report(values)
+    first, *others = text.splitlines()
+    assert status == CRITICAL
+    assert first.startswith("KVSNMP CRITICAL - device: Control outputs: Control Output 6 failSet, Fans: Left Fan 499 rpm, "
+                            "Amplifier channels: Channel 1 disabled, 1 more | ")
+    assert [line.partition(" - ")[0] for line in others[:4]] == ["CRITICAL", "WARNING", "WARNING", "UNKNOWN"]
+    assert others[4].startswith("Temperatures: ")
+
+
+def test_rows_can_be_ignored():
+    values = healthy("6420") | {f"{RULES['Fans']['column']}2": "0", f"{RULES['Control inputs']['column']}5": "4"}
+    assert report(values, "Right Fan")[0] == CRITICAL
+    assert report(values, r"Right Fan|^Control inputs: .* [56]$")[0] == OK
+    assert "Right_Fan" not in report(values, "Right Fan")[1]
+
+
+def test_text_of_the_device_ends_no_field_of_the_output():
+    described = RULES["Fans"]["description"]
+    values = healthy("6420") | {f"{described}1": "a|b\n'c'=1 \x1b[2J\\n\x85d\xff", f"{RULES['Fans']['column']}1": "0"}
+    usual = report(healthy("6420"))[1]
+    text = report(values)[1]
+    assert len(text.split("\n")) == len(usual.split("\n")) + 1
+    assert text.count("|") == 1 and not re.search(r"[\x00-\x09\x0b-\x1f\x7f-\x9f\\]", text)
+    assert "Fans: a?b?'c'=1 ?[2J?n?d\xff 0 rpm" in text
+    assert "'a_b_c_1_2J_n_d_'=0;500:;1:" in text
+    assert plugin.clean("a\nb|c\\d\x7fe\x9ff") == "a?b?c?d?e?f"
+
+
+def test_limits_of_the_command_line():
+    def limits(*words: str):
+        return plugin.limits_of(plugin.options_of(["-H", "x", *words], FACTS), FACTS)
+
+    hot = healthy("6420")  # 52.4 degrees
+    assert report(hot, limits=limits("-w", "temperature=50"))[0] == WARNING
+    assert report(hot, limits=limits("-w", "temperature=50", "-c", "temperature=52"))[0] == CRITICAL
+    assert report(hot, limits=limits("-c", "voltage=-0.3:5"))[0] == CRITICAL
+    assert report(hot, limits=limits("-w", "fan=@1400:1500"))[1].splitlines()[1].endswith("1450 rpm, inside 1400:1500")
+    for wrong in (["-w", "50"], ["-w", "heat=50"], ["-c", "fan="], ["-c", "fan=x|y"]):
+        with pytest.raises(plugin.Failure) as failure:
+            limits(*wrong)
+        assert failure.value.status == UNKNOWN and "|" not in str(failure.value)
+
+
+# The same facts everywhere
+
+
+def test_alerts_and_triggers_have_the_same_limits():
+    rules = (CHECKOUT / "monitoring/prometheus/kvsnmp.rules.yml").read_text()
+    alerts = {rule["alert"]: " ".join(rule["expr"].split()) for group in yaml.safe_load(rules)["groups"]
+              for rule in group["rules"] if "alert" in rule}
+    temperature, voltage = ([limit.high for limit in LIMITS[kind]] for kind in ("temperature", "voltage"))
+    assert re.findall(r"[<>]=? ([\d.]+)", alerts["KvsnmpTempHigh"]) == [f"{end:g}" for end in temperature]
+    assert re.findall(r"[<>]=? ([\d.]+)", alerts["KvsnmpVoltageDrift"]) == [f"{end / 100:g}" for end in voltage]
+    template = yaml.safe_load((CHECKOUT / "monitoring/zabbix/kvsnmp-template.yaml").read_text())
+    macros = {macro["macro"]: macro["value"] for macro in template["zabbix_export"]["templates"][0]["macros"]}
+    assert [macros[f"{{$KV.TEMP.{level}}}"] for level in ("WARN", "CRIT")] == [f"{end:g}" for end in temperature]
+    assert [macros[f"{{$KV.VOLTAGE.{level}}}"] for level in ("WARN", "CRIT")] == [f"{end:g}" for end in voltage]
+
+
+def test_alerts_have_the_same_states():
+    """They have no alert for what has not been reported, except of channels and relays."""
+    rules = (CHECKOUT / "monitoring/prometheus/kvsnmp.rules.yml").read_text()
+    alerted: dict[str, set[str]] = {}
+    for alert in re.findall(r"- alert: \w+\n(.*?)for:", rules, re.DOTALL):
+        for found in re.findall(r'object=~?"([^"]+)", state=~?"([^"]+)"', alert)[:1]:
+            alerted.setdefault(found[0].replace("[12]", "1"), set()).update(found[1].split("|"))
+    names = {f".{item.oid}.": item.name for item in Mib.read().readable}
+    listed = {names[rule["column"]]: set(rule["warning"] + rule["critical"]) for rule in FACTS["rules"]
+              if "words" in rule and names[rule["column"]] != "letChannel2Status"}
+    for name in ("powerLive", "lineInStatus", "lineInMicStatus", "ampChannelLineState"):
+        listed[name] -= {"notReported", "unknown"}
+    assert {name: words for name, words in alerted.items() if name != "ethMonitoringMonitored"} == listed
+
+
+# The program, with a stand-in for net-snmp's
+
+
+@pytest.fixture
+def tools(tmp_path) -> Path:
+    """A folder with a snmpbulkwalk that keeps its arguments and its configuration and prints the file "walk"."""
+    folder = tmp_path / "tools"
+    folder.mkdir()
+    (folder / "snmpbulkwalk").write_text(
+        '#!/bin/sh\ncd "${0%/*}"\necho "$*" > arguments\ncat "$SNMPCONFPATH/snmp.conf" > conf\necho "$SNMPCONFPATH" > place\n'
+        'stat -Lc %a "$SNMPCONFPATH" "$SNMPCONFPATH/snmp.conf" > modes\n'
+        '[ ! -e pid ] || { echo $$ > pid; exec sleep 60; }\ncat errors >&2; cat walk; exit $(cat status)\n')
+    (folder / "snmpbulkwalk").chmod(0o755)
+    put(folder, healthy("6420"))
+    return folder
+
+
+def put(folder: Path, values: dict[str, str], errors: str = "", status: int = 0) -> None:
+    """As net-snmp prints it with -Ox: texts are hexadecimal digits, 16 bytes a line."""
+    types = {f".{variable.oid}": variable.type for variable in walks.read("6420")}
+    lines = []
+    for oid, value in values.items():
+        if types.get(oid) == "STRING" and value:
+            value = re.sub(r"((?:\S\S ){16})(?=\S)", r"\1\n", value.encode("latin-1").hex(" ").upper() + " ")
+            lines.append(f"{oid} = Hex-STRING: {value}\n")
+        else:
+            lines.append(f"{oid} = {types.get(oid)}: {value}\n" if value else f'{oid} = ""\n')
+    for name, text in (("walk", "".join(lines)), ("errors", errors), ("status", str(status))):
+        (folder / name).write_text(text)
+
+
+def run(tools: Path, *arguments: str) -> tuple[int, str]:
+    done = subprocess.run([PLUGIN, *arguments], capture_output=True, text=True, timeout=60, check=False,
+                          env={"PATH": f"{tools}:/usr/bin:/bin", "LC_ALL": "C"})
+    assert done.stderr == ""
+    return done.returncode, done.stdout
+
+
+def test_walk_and_exit_status(tools):
+    status, text = run(tools, "-H", "192.0.2.1")
+    assert status == OK and text.startswith("KVSNMP OK - 6420 Orvane Mervio Amplifier VQ9D: 60 values in order | 'Channel_1'=")
+    assert text == report(healthy("6420"))[1].replace("device", "6420 Orvane Mervio Amplifier VQ9D", 1) + "\n"
+    assert (tools / "arguments").read_text().split()[-2:] == ["udp:192.0.2.1:161", ".1.3.6.1.4.1.52717.3"]
+    put(tools, healthy("6420") | {f"{RULES['Fans']['column']}1": "499"})
+    assert run(tools, "-H", "192.0.2.1")[0] == WARNING
+    put(tools, healthy("6420") | {f"{RULES['Fans']['column']}1": "0"})
+    assert run(tools, "-H", "2001:db8::1", "-p", "1161")[0] == CRITICAL
+    assert (tools / "arguments").read_text().split()[-2] == "udp6:[2001:db8::1]:1161"
+
+
+def test_failures_of_the_walk(tools):
+    put(tools, {}, "Created directory: /x\nTimeout: No Response from udp:192.0.2.1:161\n", 1)
+    assert run(tools, "-H", "192.0.2.1") == (CRITICAL, "KVSNMP CRITICAL - Timeout: No Response from udp:192.0.2.1:161\n")
+    put(tools, {})
+    (tools / "walk").write_text(".1.3.6.1.4.1.52717.3 = No Such Object available on this agent at this OID\n")
+    status, text = run(tools, "-H", "192.0.2.1")
+    assert status == CRITICAL and "snmpd answers, kvsnmp does not" in text
+    (tools / "snmpbulkwalk").unlink()
+    done = subprocess.run([sys.executable, PLUGIN, "-H", "x"], capture_output=True, text=True, check=False,
+                          env={"PATH": str(tools)})
+    assert done.returncode == UNKNOWN and done.stdout.startswith("KVSNMP UNKNOWN - cannot run snmpbulkwalk"), done
+
+
+def test_the_timeout_bounds_everything_and_leaves_nothing(tools):
+    (tools / "pid").write_text("")
+    before = time.monotonic()
+    assert run(tools, "-H", "192.0.2.1", "-t", "0.5") == (CRITICAL, "KVSNMP CRITICAL - no result within 0.5 s\n")
+    assert time.monotonic() - before < 10
+    assert not Path((tools / "place").read_text().strip()).exists()
+    assert not Path("/proc", (tools / "pid").read_text().strip()).exists()
+
+
+def test_credentials_are_not_in_the_list_of_processes(tools, tmp_path):
+    file = tmp_path / "a file"
+    file.write_text("defVersion 2c\ndefCommunity secret\n")
+    assert run(tools, "-H", "192.0.2.1", "--credentials", str(file))[0] == OK
+    assert (tools / "conf").read_text() == file.read_text()
+    assert run(tools, "-H", "192.0.2.1", "-P", "3", "-U", "me", "-L", "authPriv", "-a", "SHA", "-A", r'a"b\c', "-x", "AES",
+               "-X", "priv secret")[0] == OK
+    assert (tools / "conf").read_text().splitlines() == [
+        "defVersion 3", "defSecurityLevel authPriv", "defAuthType SHA", "defPrivType AES", 'defCommunity "public"',
+        'defSecurityName "me"', r'defAuthPassphrase "a\"b\\c"', 'defPrivPassphrase "priv secret"']
+    assert not re.search("secret|authPriv|me", (tools / "arguments").read_text().replace("udp:", ""))
+    assert (tools / "modes").read_text().split()[0] == "700"
+    assert not Path((tools / "place").read_text().strip()).exists()
+    assert run(tools, "-H", "x", "-C", "a\nb") == (UNKNOWN, "KVSNMP UNKNOWN - a control character in the credentials\n")
+    assert run(tools, "-H", "x", "--credentials", "/no") == (UNKNOWN, "KVSNMP UNKNOWN - cannot read /no\n")
+
+
+@pytest.mark.parametrize("arguments", [[], ["-H"], ["-H", "x", "-w", "50"], ["-H", "x", "-t", "0"], ["-H", "x", "-i", "("],
+                                       ["-H", "x", "--no-such"], ["-H", "x", "-P", "4"], ["-H", "x", "-p", "snmp"]])
+def test_a_wrong_command_line_is_unknown(tools, arguments):
+    status, text = run(tools, *arguments)
+    assert status == UNKNOWN and text.startswith("KVSNMP UNKNOWN - ") and text.count("\n") == 1
+    assert not (tools / "arguments").exists()
+
+
+def test_help_and_version_are_unknown_too(tools):
+    status, text = run(tools, "--help")
+    assert status == UNKNOWN and "default -w -5:5 -c -10:10" in text and "default -w 0.1:70 -c 0:85" in text
+    status, text = run(tools, "-V")
+    assert status == UNKNOWN and re.fullmatch(r"check_kvsnmp for KVSNMP-MIB \d{12}Z\n", text)
+
+
+def test_it_is_found_through_a_link(tools, tmp_path):
+    (tmp_path / "check_kvsnmp").symlink_to(PLUGIN)
+    done = subprocess.run([tmp_path / "check_kvsnmp", "-H", "x"], capture_output=True, text=True, check=False,
+                          env={"PATH": f"{tools}:/usr/bin:/bin"})
+    assert (done.returncode, done.stderr) == (OK, "")
+    assert PLUGIN.stat().st_mode & stat.S_IXOTH and os.access(PLUGIN.with_name("check_kvsnmp.json"), os.R_OK)
