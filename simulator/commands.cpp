@@ -57,7 +57,8 @@ constexpr Command commands[] = {
      "ID counts from 0. STATE: ok_open, ok_closed, fail_shorted, fail_unconnected; any text is sent unchanged."},
     {"monitor amp", "CHANNEL STATUS", 2, 2, service,
      "the amplifier monitor announces an amplifier channel's status\n"
-     "CHANNEL counts from 0. STATUS is a number, 1 or 2."},
+     "CHANNEL counts from 0. STATUS is 1 for out of order or 2 for in operation. At first each channel of the model is in\n"
+     "operation; the last status is announced again to a daemon that starts."},
     {"monitor let", "CHANNEL LET PRESENCE", 3, 3, service,
      "the amplifier monitor announces the presence of a line end transponder\n"
      "The three numbers are sent in this order. CHANNEL counts from 0, LET from 1; PRESENCE is 1 or 2."},

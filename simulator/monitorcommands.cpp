@@ -21,7 +21,8 @@ Reply announce(Device &device, const QStringList &arguments, int numbers, Emit e
     }
     if (device.monitor == nullptr || !device.monitor->isUp())
         return {Reply::Refused, QStringLiteral("the amplifier monitor is on no message bus")};
-    emit(device.monitor->adaptor(), n);
+    device.monitor->announcePending(); // in the order of their causes
+    emit(*device.monitor, n);
     return device.monitor->flush() ? Reply{} : Reply{Reply::Refused, QStringLiteral("the message bus does not answer")};
 }
 
@@ -29,33 +30,36 @@ using Numbers = std::vector<uint>;
 
 Reply gpo(Device &device, const QStringList &arguments)
 {
-    return announce(device, arguments, 1, [&](MonitorAdaptor &bus, const Numbers &n) {
-        Q_EMIT bus.onGpoUpdate(n[0], arguments[1], arguments.value(2, arguments[1]));
+    return announce(device, arguments, 1, [&](Monitor &monitor, const Numbers &n) {
+        Q_EMIT monitor.adaptor().onGpoUpdate(n[0], arguments[1], arguments.value(2, arguments[1]));
     });
 }
 
 Reply gpi(Device &device, const QStringList &arguments)
 {
-    return announce(device, arguments, 1,
-                    [&](MonitorAdaptor &bus, const Numbers &n) { Q_EMIT bus.onGpiUpdate(n[0], arguments[1]); });
+    return announce(device, arguments, 1, [&](Monitor &monitor, const Numbers &n) {
+        Q_EMIT monitor.adaptor().onGpiUpdate(n[0], arguments[1]);
+    });
 }
 
 Reply amp(Device &device, const QStringList &arguments)
 {
     return announce(device, arguments, 2,
-                    [](MonitorAdaptor &bus, const Numbers &n) { Q_EMIT bus.onAmpChannelStatusUpdate(n[0], n[1]); });
+                    [](Monitor &monitor, const Numbers &n) { monitor.announceChannel(n[0], n[1]); });
 }
 
 Reply let(Device &device, const QStringList &arguments)
 {
-    return announce(device, arguments, 3,
-                    [](MonitorAdaptor &bus, const Numbers &n) { Q_EMIT bus.onLetPrecenseUpdate(n[0], n[1], n[2]); });
+    return announce(device, arguments, 3, [](Monitor &monitor, const Numbers &n) {
+        Q_EMIT monitor.adaptor().onLetPrecenseUpdate(n[0], n[1], n[2]);
+    });
 }
 
 Reply power(Device &device, const QStringList &arguments)
 {
-    return announce(device, arguments, 2,
-                    [](MonitorAdaptor &bus, const Numbers &n) { Q_EMIT bus.onPowerConsumptionUpdate(n[0], n[1]); });
+    return announce(device, arguments, 2, [](Monitor &monitor, const Numbers &n) {
+        Q_EMIT monitor.adaptor().onPowerConsumptionUpdate(n[0], n[1]);
+    });
 }
 
 Reply status(Device &device, const QStringList &)

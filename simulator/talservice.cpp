@@ -190,9 +190,12 @@ int main(int argc, char **argv)
     if (options.bus != QLatin1String("none")) {
         monitor = std::make_unique<Monitor>(nullptr, options.bus == QLatin1String("session") ? Monitor::Bus::Session
                                                                                              : Monitor::Bus::System);
+        monitor->setChannels(ampChannelsOf(tree));
         monitor->start();
     }
     TalServer server(nullptr, tree, options.maxQueue);
+    if (monitor)
+        QObject::connect(&server, &TalServer::subscribed, monitor.get(), &Monitor::announceChannelsSoon);
     Device device{tree, server, monitor.get(), gpio.get()};
     ControlServer controlServer(nullptr, device);
     if (!server.listen(options.socket, error) || !controlServer.listen(options.control, error))

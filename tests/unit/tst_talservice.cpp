@@ -489,6 +489,49 @@ private Q_SLOTS:
         QTRY_COMPARE(control.run("clients"), QString("0"));
     }
 
+    void channelsOfATree()
+    {
+        const Service service; // a 6420
+        const std::vector<AmpChannel> channels = ampChannelsOf(service.tree);
+        QCOMPARE(channels.size(), std::size_t{2});
+        for (uint number = 0; number < 2; ++number) {
+            QCOMPARE(channels[number].number, number);
+            QCOMPARE(channels[number].lets, (std::vector<uint>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
+        }
+        DataTree station;
+        QVERIFY(!loadModel(KVSNMP_TREES, "6214", station));
+        QVERIFY(ampChannelsOf(station).empty());
+    }
+
+    void monitorAnnouncesItsChannels()
+    {
+        Service service;
+        Monitor monitor(nullptr, Monitor::Bus::Session);
+        monitor.setChannels(ampChannelsOf(service.tree));
+        service.device.monitor = &monitor;
+        connect(&service.server, &TalServer::subscribed, &monitor, &Monitor::announceChannelsSoon);
+        monitor.start();
+        m_bus.start();
+        QTRY_VERIFY(monitor.isUp());
+        Listener listener;
+        QDBusConnection listening = QDBusConnection::connectToBus(m_bus.address, "channels");
+        const QString name = "com.orvane.pamon";
+        const QString status = "onAmpChannelStatusUpdate uu ";
+        QVERIFY(listening.connect(name, "/monitor", name, QString(), &listener, SLOT(onSignal(QDBusMessage))));
+        QTRY_COMPARE(listener.heard, (QStringList{status + "0 2", status + "1 2"})); // the bus has come
+
+        Control control(service);
+        QCOMPARE(control.run("monitor amp 1 1"), QString("0"));
+        Client client(service);
+        client.messages(2, subscribeRequest("a", fanPath) + subscribeRequest("b", fanPath));
+        QTRY_COMPARE(listener.heard.mid(2), (QStringList{status + "1 1", status + "0 2", status + "1 1"}));
+        client.messages(1, subscribeRequest("c", fanPath));
+        QCOMPARE(control.run("monitor gpi 0 ok_open"), QString("0")); // does not overtake them
+        QTRY_COMPARE(listener.heard.mid(5), (QStringList{status + "0 2", status + "1 1", "onGpiUpdate us 0 ok_open"}));
+        QDBusConnection::disconnectFromBus("channels");
+        m_bus.stop();
+    }
+
     void monitor()
     {
         Service service;
