@@ -104,6 +104,13 @@ constexpr char usageText[] =
     "Exit codes: 0 ended by a signal, 1 cannot start, 2 wrong usage.\n";
 // clang-format on
 
+QString withHelpHint(QString error)
+{
+    if (error.endsWith(QLatin1Char('.')))
+        error.chop(1);
+    return error + QStringLiteral(" (talservice --help shows all)");
+}
+
 /// An empty text if the options are valid, otherwise the error.
 QString readOptions(const QStringList &arguments, Options &options)
 {
@@ -123,9 +130,9 @@ QString readOptions(const QStringList &arguments, Options &options)
         option("set"),
     });
     if (!parser.parse(arguments))
-        return parser.errorText();
+        return withHelpHint(parser.errorText());
     if (!parser.positionalArguments().isEmpty())
-        return QStringLiteral("no such argument: %1").arg(parser.positionalArguments().first());
+        return withHelpHint(QStringLiteral("no such argument: %1").arg(parser.positionalArguments().first()));
 
     bool isNumber = false;
     options.model = parser.value(QStringLiteral("model"));
