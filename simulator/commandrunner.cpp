@@ -49,6 +49,14 @@ std::span<const CommandAction> clientActions()
     return runnerTable;
 }
 
+Reply unknownWord(const QString &kind, const QString &word, const QStringList &possible)
+{
+    if (possible.isEmpty())
+        return {Reply::Refused, QStringLiteral("this model has no %1 (%2 sends any)").arg(kind, anyOption)};
+    return {Reply::Refused, QStringLiteral("no such %1: %2 (possible: %3; %4 sends any other)")
+                                .arg(kind, word, possible.join(QLatin1Char(' ')), anyOption)};
+}
+
 Reply runCommand(Device &device, const QStringList &words)
 {
     const QString error = usageError(words);

@@ -31,6 +31,11 @@ std::span<const CommandAction> monitorActions(); ///< the amplifier monitor
 std::span<const CommandAction> gpioActions();
 std::span<const CommandAction> clientActions(); ///< the data service's clients
 
+/// The word of a command that lets it send what the model does not know.
+constexpr QLatin1String anyOption("--any");
+/// The refusal of a word that is none of the possible ones.
+Reply unknownWord(const QString &kind, const QString &word, const QStringList &possible);
+
 /// Runs one command.
 Reply runCommand(Device &device, const QStringList &words);
 

@@ -13,7 +13,7 @@ constexpr auto client = Command::Place::Client;
 // clang-format off
 constexpr Command commands[] = {
     {"get", "PATH", 1, 1, service,
-     "print the text of a leaf, or the XML of a node\n"
+     "print the text of a leaf, or the XML of a node, one element a line\n"
      "If the path matches several nodes, prints a line for each: its path, a tab, its text or XML."},
     {"set", "PATH VALUE", 2, 2, service,
      "set the text of a leaf\n"
@@ -32,11 +32,11 @@ constexpr Command commands[] = {
     {"delete", "PATH", 1, 1, service,
      "remove a node and everything below it\n"
      "Refused if it does not exist, or if the path matches more than one."},
-    {"fault raise", "REPORTER REF ID LEVEL TEXT [--timestamp TIME] [--replace]", 5, 8, service,
+    {"fault raise", "REPORTER REF ID LEVEL TEXT [--timestamp TIME] [--replace] [--any]", 5, 9, service,
      "raise a fault: create its system message\n"
-     "ID is the message identifier, e.g. fan_not_running (\"\" for none); LEVEL a word such as crit, err, warning or notice.\n"
-     "TIME is the message's time text, by default the seconds since 1970. Refused if REPORTER already has a message REF,\n"
-     "unless --replace is given."},
+     "ID is the message identifier, e.g. fan_not_running (\"\" for none). LEVEL: emerg, alert, crit, err, warning, notice,\n"
+     "info, debug; with --any, any other text. TIME is the message's time text, by default the seconds since 1970. Refused\n"
+     "if REPORTER already has a message REF, unless --replace is given."},
     {"fault clear", "REPORTER REF", 2, 2, service,
      "end a fault: remove its system message\n"
      "Refused if it does not exist."},
@@ -55,12 +55,15 @@ constexpr Command commands[] = {
     {"monitor gpi", "ID STATE", 2, 2, service,
      "the amplifier monitor announces a control input\n"
      "ID counts from 0. STATE: ok_open, ok_closed, fail_shorted, fail_unconnected; any text is sent unchanged."},
-    {"monitor amp", "CHANNEL STATUS", 2, 2, service,
+    {"monitor amp", "CHANNEL STATUS [--any]", 2, 3, service,
      "the amplifier monitor announces an amplifier channel's status\n"
-     "CHANNEL counts from 0. STATUS is a number, 1 or 2."},
-    {"monitor let", "CHANNEL LET PRESENCE", 3, 3, service,
+     "CHANNEL counts from 0. STATUS is 1 for out of order or 2 for in operation. At first each channel of the model is in\n"
+     "operation; the last status is announced again to a daemon that starts. With --any also a channel that the model\n"
+     "does not have."},
+    {"monitor let", "CHANNEL LET PRESENCE [--any]", 3, 4, service,
      "the amplifier monitor announces the presence of a line end transponder\n"
-     "The three numbers are sent in this order. CHANNEL counts from 0, LET from 1; PRESENCE is 1 or 2."},
+     "The three numbers are sent in this order. CHANNEL counts from 0, LET from 1; PRESENCE is 1 or 2. With --any also\n"
+     "those that the model does not have."},
     {"monitor power", "CH1 CH2", 2, 2, service,
      "the amplifier monitor announces the power consumption of both channels"},
     {"monitor status", "", 0, 0, service,
@@ -147,9 +150,14 @@ QString usageOf(const char *words)
 QString usageError(const QStringList &words)
 {
     const Command *command = commandOf(words);
-    if (command == nullptr)
-        return QStringLiteral("no such command: %1 (talctl --help shows all)")
-            .arg(words.mid(0, 2).join(QLatin1Char(' ')));
+    if (command == nullptr) {
+        const QString group = groupHelpText(words.value(0));
+        if (words.size() == 1 && !group.isEmpty())
+            return group.trimmed();
+        return QStringLiteral("no such command: %1 (talctl %2--help shows all)")
+            .arg(words.mid(0, 2).join(QLatin1Char(' ')),
+                 group.isEmpty() ? QString() : words.value(0) + QLatin1Char(' '));
+    }
     const int count = argumentsOf(*command, words).size();
     if (count < command->least || count > command->most)
         return usageOf(command->words);

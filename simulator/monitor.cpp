@@ -1,6 +1,7 @@
 // The amplifier monitor's service on D-Bus.
 #include "simulator/monitor.h"
 
+#include "simulator/datatree.h"
 #include "simulator/messages.h"
 
 #include <QDBusConnection>
@@ -13,16 +14,43 @@ namespace {
 
 constexpr int checkIntervalMs = 1000;
 constexpr int flushTimeoutMs = 1000;
+constexpr int announceDelayMs = 200; // a client makes many subscriptions at once
 const QString connectionName = QStringLiteral("talservice-monitor");
 const QString serviceName = QStringLiteral("com.orvane.pamon");
 const QString objectPath = QStringLiteral("/monitor");
 
+/// The number after a prefix, as in "ch1"; 0 for another text.
+uint numberAfter(const char *prefix, const char *text)
+{
+    const QString name = QString::fromUtf8(text);
+    const QLatin1String start(prefix);
+    return name.startsWith(start) ? name.mid(start.size()).toUInt() : 0;
+}
+
 } // namespace
+
+std::vector<AmpChannel> ampChannelsOf(const DataTree &tree)
+{
+    std::vector<AmpChannel> channels;
+    for (const pugi::xml_node line : tree.select({{"state", {}}, {"config", {}}, {"lines", {}}, {"line", {}}})) {
+        const uint number = numberAfter("ch", line.child_value("kid"));
+        if (number == 0)
+            continue;
+        AmpChannel channel{.number = number - 1, .lets = {}};
+        for (const pugi::xml_node let : line.child("lets").children("let"))
+            channel.lets.push_back(numberAfter("", let.child_value("kid")));
+        channels.push_back(channel);
+    }
+    return channels;
+}
 
 Monitor::Monitor(QObject *parent, Bus bus) : QObject(parent), m_bus(bus), m_adaptor(this)
 {
     m_timer.setInterval(checkIntervalMs);
     connect(&m_timer, &QTimer::timeout, this, &Monitor::check);
+    m_announceTimer.setInterval(announceDelayMs);
+    m_announceTimer.setSingleShot(true);
+    connect(&m_announceTimer, &QTimer::timeout, this, &Monitor::announceChannels);
 }
 
 Monitor::~Monitor()
@@ -34,6 +62,28 @@ void Monitor::start()
 {
     check();
     m_timer.start();
+}
+
+void Monitor::announceChannel(uint number, uint status)
+{
+    for (AmpChannel &channel : m_channels)
+        if (channel.number == number)
+            channel.status = status;
+    Q_EMIT m_adaptor.onAmpChannelStatusUpdate(number, status);
+}
+
+void Monitor::announcePending()
+{
+    if (!m_announceTimer.isActive())
+        return;
+    m_announceTimer.stop();
+    announceChannels();
+}
+
+void Monitor::announceChannels()
+{
+    for (const AmpChannel &channel : m_channels)
+        Q_EMIT m_adaptor.onAmpChannelStatusUpdate(channel.number, channel.status);
 }
 
 bool Monitor::flush()
@@ -59,6 +109,7 @@ void Monitor::check()
         if (!m_lastError.isEmpty())
             say(QStringLiteral("the amplifier monitor is on the message bus"));
         m_lastError.clear();
+        announceChannelsSoon();
         return;
     }
     QDBusConnection::disconnectFromBus(connectionName);

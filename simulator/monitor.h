@@ -5,8 +5,21 @@
 #include <QObject>
 #include <QString>
 #include <QTimer>
+#include <vector>
 
 namespace simulator {
+
+class DataTree;
+
+/// An amplifier channel of a model.
+struct AmpChannel {
+    uint number = 0;        ///< counts from 0
+    std::vector<uint> lets; ///< its line end transponders, counted from 1
+    uint status = 2;        ///< the last one announced; at first in operation
+};
+
+/// The channels that a tree configures: its lines ch1, ch2.
+std::vector<AmpChannel> ampChannelsOf(const DataTree &tree);
 
 /// The object on the bus; its members are spelled as in the interface.
 class MonitorAdaptor : public QDBusAbstractAdaptor {
@@ -44,20 +57,33 @@ public:
     void start();
 
     bool isUp() const { return m_up; }
+    /// The monitored channels; none at first.
+    const std::vector<AmpChannel> &channels() const { return m_channels; }
+    void setChannels(std::vector<AmpChannel> channels) { m_channels = std::move(channels); }
+    void announceChannel(uint number, uint status);
+    /// Announces the channels now if they are to be announced soon.
+    void announcePending();
     /// The object for signals.
     MonitorAdaptor &adaptor() { return m_adaptor; }
     /// Returns when the bus has read the emitted signals; false if it has not within a second.
     bool flush();
 
+public Q_SLOTS:
+    /// Announces the status of each channel soon: a daemon that has just started does not know it.
+    void announceChannelsSoon() { m_announceTimer.start(); }
+
 private Q_SLOTS:
     void check();
+    void announceChannels();
 
 private:
     bool connectBus(QString &error);
 
     Bus m_bus;
     MonitorAdaptor m_adaptor;
+    std::vector<AmpChannel> m_channels;
     QTimer m_timer;
+    QTimer m_announceTimer;
     bool m_up = false;
     QString m_lastError; // printed once, not every second
 };

@@ -145,6 +145,7 @@ void Session::subscribe(const std::string &ref, pugi::xml_node request)
     if (same == m_subscriptions.end())
         m_subscriptions.push_back(subscription);
     tellExisting(subscription, m_tree, [this](const std::string &message) { send(message); });
+    Q_EMIT subscribed();
 }
 
 void Session::edit(pugi::xml_node request)

@@ -31,6 +31,7 @@ public:
 
 Q_SIGNALS:
     void ended();
+    void subscribed();
     /// The client has read something, or commands no longer wait for it.
     void progressed();
 

@@ -3,6 +3,7 @@
 #include "simulator/replay.h"
 #include "simulator/words.h"
 
+#include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QFile>
@@ -150,60 +151,61 @@ private:
 };
 
 struct Options {
-    QString control = qEnvironmentVariable("TAL_CONTROL", QStringLiteral("/var/run/talctl.sock"));
+    QString control;
     double waitSeconds = 0;
+    bool help = false;
+    bool version = false;
     QStringList words;
 };
 
-bool isQuestion(const QString &word)
+/// Reads the options before the command. False, with the reason in `error`, for a wrong one.
+bool readOptions(const QStringList &arguments, Options &options, QString &error)
 {
-    return QStringList{QStringLiteral("--help"), QStringLiteral("-h"), QStringLiteral("--version")}.contains(word);
-}
-
-/// Reads the options before the command, or before --help and the like. False, with the reason in `error`, for a wrong
-/// one.
-bool readOptions(QStringList arguments, Options &options, QString &error)
-{
-    while (!arguments.isEmpty() && arguments.first().startsWith(QLatin1Char('-')) && !isQuestion(arguments.first())) {
-        const QString name = arguments.takeFirst();
-        const bool known = name == QLatin1String("--control") || name == QLatin1String("--wait");
-        if (!known || arguments.isEmpty()) {
-            error = known ? QStringLiteral("%1 needs a value").arg(name)
-                          : QStringLiteral("no such option: %1 (talctl --help shows all)").arg(name);
-            return false;
-        }
-        const QString value = arguments.takeFirst();
-        bool isNumber = true;
-        if (name == QLatin1String("--control"))
-            options.control = value;
-        else
-            options.waitSeconds = value.toDouble(&isNumber);
-        if (!isNumber || !std::isfinite(options.waitSeconds) || options.waitSeconds < 0) {
-            error = QStringLiteral("--wait needs a number of seconds");
-            return false;
-        }
+    const QCommandLineOption control(QStringLiteral("control"), {}, QStringLiteral("PATH"),
+                                     qEnvironmentVariable("TAL_CONTROL", QStringLiteral("/var/run/talctl.sock")));
+    const QCommandLineOption wait(QStringLiteral("wait"), {}, QStringLiteral("SECONDS"), QStringLiteral("0"));
+    const QCommandLineOption help(QStringList{QStringLiteral("h"), QStringLiteral("help")});
+    const QCommandLineOption version(QStringLiteral("version"));
+    QCommandLineParser parser;
+    parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
+    parser.addOptions({control, wait, help, version});
+    if (!parser.parse(arguments)) {
+        error = parser.errorText();
+        if (error.endsWith(QLatin1Char('.')))
+            error.chop(1);
+        error += QStringLiteral(" (talctl --help shows all)");
+        return false;
     }
-    options.words = arguments;
+    bool isNumber = false;
+    options.control = parser.value(control);
+    options.waitSeconds = parser.value(wait).toDouble(&isNumber);
+    options.help = parser.isSet(help);
+    options.version = parser.isSet(version);
+    options.words = parser.positionalArguments();
+    if (!isNumber || !std::isfinite(options.waitSeconds) || options.waitSeconds < 0) {
+        error = QStringLiteral("--wait needs a number of seconds");
+        return false;
+    }
     return true;
 }
 
 /// True if help or the version was requested and printed.
-bool tellsAbout(const QStringList &arguments)
+bool tellsAbout(const Options &options)
 {
-    const QString first = arguments.value(0);
-    if (first == QLatin1String("--version")) {
+    if (options.version) {
         std::printf("talctl %s\n", KVSNMP_VERSION);
         return true;
     }
-    if (first == QLatin1String("--help") || first == QLatin1String("-h")) {
-        std::fputs(qUtf8Printable(helpText()), stdout);
-        return true;
-    }
-    const Command *command = commandOf(arguments);
-    const QStringList rest = command != nullptr ? argumentsOf(*command, arguments) : arguments.mid(1);
-    if (rest.value(0) != QLatin1String("--help"))
+    const Command *command = commandOf(options.words);
+    const QStringList rest = command != nullptr ? argumentsOf(*command, options.words) : options.words.mid(1);
+    if (!options.help && rest.value(0) != QLatin1String("--help"))
         return false;
-    const QString text = command != nullptr ? helpText(*command) : groupHelpText(first);
+    const QString group = groupHelpText(options.words.value(0));
+    QString text = helpText();
+    if (command != nullptr)
+        text = helpText(*command);
+    else if (!options.words.isEmpty())
+        text = group;
     std::fputs(qUtf8Printable(text), stdout);
     return !text.isEmpty();
 }
@@ -232,15 +234,14 @@ bool readReplayFile(const QString &name, std::vector<TimedCommand> &commands, QS
 int main(int argc, char **argv)
 {
     const QCoreApplication application(argc, argv);
-    const QStringList arguments = QCoreApplication::arguments().mid(1);
     Options options;
     QString error;
-    if (!readOptions(arguments, options, error))
+    if (!readOptions(QCoreApplication::arguments(), options, error))
         return fail(Reply::Usage, error);
+    if (tellsAbout(options))
+        return Reply::Done;
     if (options.words.isEmpty())
         return fail(Reply::Usage, QStringLiteral("no command (talctl --help shows all)"));
-    if (tellsAbout(options.words))
-        return Reply::Done;
     error = usageError(options.words);
     if (!error.isEmpty())
         return fail(Reply::Usage, error);

@@ -48,6 +48,7 @@ void TalServer::onNewConnection()
         auto *session = new Session(this, socket, m_tree, ++m_lastNumber, m_maxQueue);
         m_sessions.push_back(session);
         connect(session, &Session::progressed, this, &TalServer::progressed);
+        connect(session, &Session::subscribed, this, &TalServer::subscribed);
         connect(session, &Session::ended, this, [this, session] {
             m_sessions.erase(std::remove(m_sessions.begin(), m_sessions.end(), session), m_sessions.end());
             session->deleteLater();

@@ -31,6 +31,8 @@ public:
 Q_SIGNALS:
     /// owed() may have decreased.
     void progressed();
+    /// A client has made a subscription.
+    void subscribed();
 
 private Q_SLOTS:
     void onNewConnection();

@@ -104,6 +104,13 @@ constexpr char usageText[] =
     "Exit codes: 0 ended by a signal, 1 cannot start, 2 wrong usage.\n";
 // clang-format on
 
+QString withHelpHint(QString error)
+{
+    if (error.endsWith(QLatin1Char('.')))
+        error.chop(1);
+    return error + QStringLiteral(" (talservice --help shows all)");
+}
+
 /// An empty text if the options are valid, otherwise the error.
 QString readOptions(const QStringList &arguments, Options &options)
 {
@@ -123,9 +130,9 @@ QString readOptions(const QStringList &arguments, Options &options)
         option("set"),
     });
     if (!parser.parse(arguments))
-        return parser.errorText();
+        return withHelpHint(parser.errorText());
     if (!parser.positionalArguments().isEmpty())
-        return QStringLiteral("no such argument: %1").arg(parser.positionalArguments().first());
+        return withHelpHint(QStringLiteral("no such argument: %1").arg(parser.positionalArguments().first()));
 
     bool isNumber = false;
     options.model = parser.value(QStringLiteral("model"));
@@ -190,9 +197,12 @@ int main(int argc, char **argv)
     if (options.bus != QLatin1String("none")) {
         monitor = std::make_unique<Monitor>(nullptr, options.bus == QLatin1String("session") ? Monitor::Bus::Session
                                                                                              : Monitor::Bus::System);
+        monitor->setChannels(ampChannelsOf(tree));
         monitor->start();
     }
     TalServer server(nullptr, tree, options.maxQueue);
+    if (monitor)
+        QObject::connect(&server, &TalServer::subscribed, monitor.get(), &Monitor::announceChannelsSoon);
     Device device{tree, server, monitor.get(), gpio.get()};
     ControlServer controlServer(nullptr, device);
     if (!server.listen(options.socket, error) || !controlServer.listen(options.control, error))

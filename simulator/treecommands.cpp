@@ -14,9 +14,9 @@ Reply replyOf(const Refusal &refusal)
     return refusal ? Reply{Reply::Refused, QString::fromStdString(*refusal)} : Reply{};
 }
 
-QString contentOf(pugi::xml_node node)
+QString contentOf(pugi::xml_node node, std::string (*xmlOf)(pugi::xml_node))
 {
-    return isLeaf(node) ? QString::fromUtf8(node.child_value()) : QString::fromStdString(nodeXml(node));
+    return isLeaf(node) ? QString::fromUtf8(node.child_value()) : QString::fromStdString(xmlOf(node));
 }
 
 Reply get(Device &device, const QStringList &arguments)
@@ -29,10 +29,10 @@ Reply get(Device &device, const QStringList &arguments)
     if (found.empty())
         return {Reply::Refused, QStringLiteral("no such node: %1").arg(arguments[0])};
     if (found.size() == 1)
-        return {Reply::Done, contentOf(found.front())};
+        return {Reply::Done, contentOf(found.front(), nodeXmlInLines)};
     QStringList list;
     for (const pugi::xml_node node : found)
-        list += QString::fromStdString(pathText(node)) + QLatin1Char('\t') + contentOf(node);
+        list += QString::fromStdString(pathText(node)) + QLatin1Char('\t') + contentOf(node, nodeXml);
     return {Reply::Done, list.join(QLatin1Char('\n'))};
 }
 
@@ -66,6 +66,7 @@ Reply raise(Device &device, const QStringList &arguments)
     constexpr int texts = 5; // the number without options
     QStringList words = arguments;
     const bool replaces = words.removeAll(QStringLiteral("--replace")) > 0;
+    const bool anyLevel = words.removeAll(QString(anyOption)) > 0;
     QString timestamp = QString::number(QDateTime::currentSecsSinceEpoch());
     const int option = words.indexOf(QStringLiteral("--timestamp"));
     if (option >= 0 && option + 1 < words.size()) {
@@ -74,6 +75,10 @@ Reply raise(Device &device, const QStringList &arguments)
     }
     if (words.size() != texts)
         return {Reply::Usage, usageOf("fault raise")};
+    // The device takes any other text as unclassified.
+    const QStringList levels = QStringLiteral("emerg alert crit err warning notice info debug").split(QLatin1Char(' '));
+    if (!anyLevel && !levels.contains(words[3]))
+        return unknownWord(QStringLiteral("level"), words[3], levels);
     const Fault fault{words[0].toStdString(), words[1].toStdString(), words[2].toStdString(),
                       words[3].toStdString(), words[4].toStdString(), timestamp.toStdString()};
     return replyOf(raiseFault(device.tree, fault, replaces));

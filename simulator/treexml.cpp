@@ -5,6 +5,7 @@
 
 #include <QXmlStreamReader>
 #include <algorithm>
+#include <optional>
 #include <set>
 
 namespace simulator {
@@ -143,17 +144,26 @@ void appendEscaped(std::string &xml, std::string_view text)
 
 namespace {
 
-void appendNode(std::string &xml, pugi::xml_node node)
+/// With an `indent`, each element is on a line that begins with it.
+void appendNode(std::string &xml, pugi::xml_node node, const std::optional<std::string> &indent)
 {
+    xml.append(indent.value_or(""));
     const std::size_t start = xml.size();
     xml.append("<").append(node.name()).append(">");
     const std::size_t content = xml.size();
+    bool hasLines = false;
     for (const pugi::xml_node child : node.children()) {
-        if (child.type() == pugi::node_element)
-            appendNode(xml, child);
-        else
+        if (child.type() != pugi::node_element) {
             appendEscaped(xml, child.value());
+            continue;
+        }
+        if (indent)
+            xml.append("\n");
+        hasLines = indent.has_value();
+        appendNode(xml, child, indent ? std::optional(*indent + "  ") : std::nullopt);
     }
+    if (hasLines)
+        xml.append("\n").append(*indent);
     if (xml.size() == content)
         xml.replace(start, std::string::npos, std::string("<") + node.name() + "/>");
     else
@@ -165,7 +175,14 @@ void appendNode(std::string &xml, pugi::xml_node node)
 std::string nodeXml(pugi::xml_node node)
 {
     std::string xml;
-    appendNode(xml, node);
+    appendNode(xml, node, {});
+    return xml;
+}
+
+std::string nodeXmlInLines(pugi::xml_node node)
+{
+    std::string xml;
+    appendNode(xml, node, "");
     return xml;
 }
 

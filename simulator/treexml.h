@@ -13,6 +13,9 @@ void appendEscaped(std::string &xml, std::string_view text);
 /// A node as XML without white space between elements.
 std::string nodeXml(pugi::xml_node node);
 
+/// The same with each element on a line, indented; readNode() reads it as the same node.
+std::string nodeXmlInLines(pugi::xml_node node);
+
 /// True if XML 1.0 can represent the text (UTF-8).
 bool isXmlText(std::string_view text);
 

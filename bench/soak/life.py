@@ -58,10 +58,10 @@ ANNOUNCEMENTS: list[Callable[[random.Random], list[str]]] = [
                c.choice(["ok_set", "ok_clear", "fail_set"])],
     lambda c: ["monitor", "gpi", str(c.randrange(6)), c.choice(["open", "closed", "shorted", "disconnected"])],
     lambda c: ["monitor", "amp", str(c.randrange(2)), str(c.randrange(4))],
-    lambda c: ["monitor", "let", str(c.randrange(2)), str(c.randrange(10)), str(c.randrange(3))],
+    lambda c: ["monitor", "let", str(c.randrange(2)), str(c.randrange(10)), str(c.randrange(3)), "--any"],
     lambda c: ["monitor", "power", str(c.randrange(500)), str(c.randrange(500))],
     lambda c: ["monitor", "gpi", str(c.randrange(1 << 32)), "x" * 2000],
-    lambda c: ["monitor", "let", str(c.randrange(1 << 32)), str(c.randrange(1 << 32)), str(c.randrange(1 << 32))],
+    lambda c: ["monitor", "let", *(str(c.randrange(1 << 32)) for _ in range(3)), "--any"],
 ]
 
 
@@ -146,7 +146,7 @@ class Life:
         self._references[text] = reference
         self._faults.raised(text, row.switch, now)
         self._outside.order("fault", "raise", "soak", reference, self._chance.choice(row.identifiers),
-                            self._chance.choice(LEVELS), text)
+                            self._chance.choice(LEVELS), text, "--any")
 
     def _clear(self, text: str) -> None:
         if reference := self._references.pop(text, None):

@@ -138,5 +138,6 @@ TRIGGERS = {
     ],
 }
 
-# By the kind of trap; the level of the message is only in the trap's text.
-TRAP_PRIORITY = {"softwareFault": "INFO", "customFault": "INFO", "amplifierDisabled": "INFO"}
+# By the level in the trap.
+TRAP_PRIORITIES = {"critical": "HIGH", "error": "AVERAGE", "unclassified": "WARNING", "warning": "WARNING",
+                   "notice": "INFO"}

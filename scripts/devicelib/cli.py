@@ -4,6 +4,7 @@ from __future__ import annotations
 import argparse
 import json
 import os
+import re
 import select
 import selectors
 import shlex
@@ -86,7 +87,21 @@ def start_parser() -> argparse.ArgumentParser:
     parser.add_argument("--writable", action="append", default=[], metavar="DIR",
                         help="a folder of the host that the device may write into")
     parser.add_argument("--trees", metavar="DIR", help="data trees other than the simulator's own")
+    parser.add_argument("--version", action=PrintVersion, nargs=0, help="print the version and end")
     return parser
+
+
+class PrintVersion(argparse.Action):
+    def __call__(self, parser: argparse.ArgumentParser, *_) -> None:
+        print(f"{PROGRAM} {version()}")
+        parser.exit()
+
+
+def version() -> str:
+    """That of the package, which has the simulator too, or of the tree."""
+    if INSTALLED:
+        return subprocess.run(["talservice", "--version"], capture_output=True, text=True, check=True).stdout.split()[-1]
+    return re.search(r"^project\(\w+ VERSION ([\d.]+)", (CHECKOUT / "CMakeLists.txt").read_text(), re.MULTILINE)[1]
 
 
 def port_number(text: str) -> int:

@@ -26,7 +26,7 @@ GOLDEN = [(ber.numbers(variable.oid), variable.value) for variable in Walk(6420)
 
 @pytest.fixture(scope="module")
 def device(start_shared_device):
-    device = start_shared_device(6420, "--daemon", "--no-dbus", "--no-traps", "--clock-shift", "--set", FAILED_TONE)
+    device = start_shared_device(6420, "--daemon", "--no-traps", "--clock-shift", "--set", FAILED_TONE)
     return device.wait_answering()
 
 

@@ -79,17 +79,14 @@ def check(device: Device, service: Service, oid: str = "") -> tuple[int, str]:
 
 
 def healthy(kind: list[int]) -> Device:
-    """A device whose channels and ports are announced as in order, and whose relays were read."""
+    """A device fresh from the simulator, whose relays were read."""
     model = kind[0]
     walk = Walk(model, EXTENDED if model == 6214 else None)
     options = ["--model-text", walk.text] if walk.text else []
     device = Device(model, "--clock-shift", "--no-traps", *options)
     try:
         device.wait_ready().wait_answering(60).wait_subscribed(60)
-        commands = [["monitor", "amp", channel, "2"] for channel in "01" if model in (6420, 6425, 6720, 6764)]
-        if model != 6211:
-            commands.append(steps.put("/state/config/os_ip/eth_switch/port[port_id='Eth2']/monitored", "true"))
-        steps.apply(device, commands)
+        steps.apply(device)
         wait_for_lines(device, walk)
     except Exception as failure:
         logs = device.logs()

@@ -104,15 +104,22 @@ def test_without_a_system_name_the_line_has_the_host_name_alone(handler):
                         "nameless", handler.line_with("nameless"))
 
 
+# Words of trapLevel, in its order, and SNMPTT's severities.
+SEVERITIES = [("critical", "Critical"), ("error", "Major"), ("unclassified", "Warning"), ("warning", "Warning"),
+              ("notice", "Normal")]
+
+
 def test_the_handler_the_snmptt_entries_and_the_manual_have_the_traps_of_the_catalogue():
     names = dict(re.findall(r'\b(\d+): "(\w+)"', (EXAMPLE / "kvsnmp-trap-line").read_text()))
     assert names == {str(trap.arc): trap.name for trap in TRAPS}
     text = (EXAMPLE / "snmptt.conf.kvsnmp").read_text()
-    entries = re.findall(r'^EVENT (\w+) (\S+) "kvsnmp" \w+\nFORMAT (.*)\nMATCH \$#: (\d)$', text, re.MULTILINE)
+    entries = re.findall(r'^EVENT (\w+) (\S+) "kvsnmp" (\w+)\nFORMAT (.*)\nMATCH MODE=and\nMATCH \$#: (\d)\n'
+                         r'MATCH \$(\d): (\d)$', text, re.MULTILINE)
     expected = []
     for trap in TRAPS:  # with and without sysName
-        expected += [(trap.name, f"{E}.2.8.{trap.arc}", "$N: $3 ($2): level $4 since $5: $6", "6"),
-                     (trap.name, f"{E}.2.8.{trap.arc}", "$N: $2: level $3 since $4: $5", "5")]
+        for form, count, level in [("$N: $3 ($2): {} since $5: $6", "6", "4"), ("$N: $2: {} since $4: $5", "5", "3")]:
+            expected += [(trap.name, f"{E}.2.8.{trap.arc}", severity, form.format(word), count, level, str(code))
+                         for code, (word, severity) in enumerate(SEVERITIES, 1)]
         assert f"# {trap.switch}: {', '.join(trap.identifiers)}\n" in text
     assert entries == expected
     rows = [[cell.strip() for cell in line.strip("|").split("|")] for line in
@@ -131,12 +138,14 @@ def test_the_handler_refuses_other_traps(handler):
 
 INI = Path("/etc/snmp/snmptt.ini")  # the package's own
 LOG, UNKNOWN_LOG = "/tmp/snmptt.log", "/tmp/snmptt.unknown.log"
-EVENTS = ("softwareFault", "customFault")  # may mean nothing bad
 
 
 def test_a_version_1_trap_has_the_enterprise_and_the_number(start_device):
     device = start_device(6420, "--no-traps")
-    device.path(CONF).write_text("disableAuthorization yes\n")
+    lines = "/tmp/lines"
+    device.path(CONF).write_text((EXAMPLE / "snmptrapd.conf").read_text().replace(
+        "/usr/local/bin/kvsnmp-trap-line", f"{EXAMPLE}/kvsnmp-trap-line --file {lines}").replace(
+        "execute public", "log,execute public"))
     log = "/var/log/version1.log"
     device.run(["snmptrapd", "-C", "-c", CONF, "-On", "-Lf", log, "udp:127.0.0.1:1162"])
     device.path("/etc/snmp/snmpd.local.conf").write_text("trapsink 127.0.0.1:1162 public\n")
@@ -146,6 +155,8 @@ def test_a_version_1_trap_has_the_enterprise_and_the_number(start_device):
     Faults(device).raise_one("fan_not_running", "Fan 1")
     wait_until(lambda: f"\t{E}.2.8 Enterprise Specific Trap (1) " in device.read(log), 20, what="the trap")
     assert f"{E}.2.8.1" not in device.read(log)
+    line = wait_until(lambda: device.path(lines).exists() and device.read(lines), 20, what="its line")
+    assert line.endswith(": Fan 1\n") and "127.0.0.1 pa-device (device): coolingFanFault error since " in line
 
 
 class Snmptt(Manager):
@@ -171,10 +182,9 @@ def snmptt(start_shared_device):
     return manager
 
 
-def of(name: str) -> str:
-    """The beginning of a line: the manager's time, the OID, the name."""
+def of(name: str, severity: str = "Major") -> str:
+    """The beginning of a line: the manager's time, the OID, the severity, the name."""
     arc = next(trap.arc for trap in TRAPS if trap.name == name)
-    severity = "Normal" if name in EVENTS else "Warning"
     return rf"\w{{3}} \w{{3}} [ \d]\d [\d:]{{8}} \d{{4}} {re.escape(E)}\.2\.8\.{arc} {severity} \"kvsnmp\" \S+ - {name}: "
 
 
@@ -187,10 +197,15 @@ def test_snmptt_writes_one_line_for_each_notification(snmptt):
     assert len(snmptt.lines()) == len(TRAPS)
 
 
-@pytest.mark.parametrize("level, word", [("crit", "critical"), ("odd", "unclassified")])
-def test_snmptt_writes_the_level_as_a_word(snmptt, level, word):
-    snmptt.faults.raise_one("custom_msg", f"level {level}", level=level)
-    assert f"): {word} since " in snmptt.line_with(f": level {level}")
+def check_levels(snmptt: Snmptt, device: str, topic: str) -> None:
+    for level, (word, severity) in zip(["crit", "err", "odd", "warning", "info"], SEVERITIES):
+        text = f"{topic} level {level}"
+        snmptt.faults.raise_one("custom_msg", text, level=level)
+        assert re.fullmatch(of("customFault", severity) + rf"{device}: {word} {SINCE}{text}", snmptt.line_with(text))
+
+
+def test_snmptt_gives_each_level_its_severity_and_its_word(snmptt):
+    check_levels(snmptt, r"pa-device \(device\)", "named")
 
 
 @pytest.mark.parametrize("text, shown", [
@@ -207,6 +222,7 @@ def test_snmptt_without_a_system_name(snmptt):
     snmptt.forget_the_system_name()
     for name, text in snmptt.raise_all("without sysName").items():
         assert re.fullmatch(of(name) + rf"device: error {SINCE}{text}", snmptt.line_with(text))
+    check_levels(snmptt, "device", "nameless")
     # Only snmpd's own start and end have no entry.
     unknown = re.findall(r"Unknown trap \(([\w.]+)\)", snmptt.device.read(UNKNOWN_LOG))
     assert unknown and not [oid for oid in unknown if oid.startswith(E)]

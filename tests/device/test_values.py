@@ -222,7 +222,7 @@ def test_what_no_value_changes(subjects):
     description = f"{COLUMN_OIDS['letChannel2Description']}.3"
     assert subjects[6420].device.snmp.get(description) == [("STRING", "LET 3 Channel 2")]
     for model in (6214, 6891):
-        steps.apply(subjects[model].device, [["monitor", "amp", "0", "2"]])
+        steps.apply(subjects[model].device, [["monitor", "amp", "0", "2", "--any"]])
         assert column(subjects[model].device, "ampChannelStatus", range(1, 2)) == [1]
 
 

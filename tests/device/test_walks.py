@@ -26,7 +26,7 @@ class Answers(NamedTuple):
 
 
 def read(walk: Walk) -> Answers:
-    options = ["--clock-shift", "--no-dbus", "--no-traps"]
+    options = ["--clock-shift", "--no-traps"]
     if walk.text:
         options += ["--model-text", walk.text]
     if (1, "Line In 1") in catalogue.rows("lineInTable", walk.model):
@@ -34,7 +34,7 @@ def read(walk: Walk) -> Answers:
     device = Device(walk.model, *options)
     try:
         device.wait_ready().wait_answering(60).wait_subscribed(60)
-        steps.apply(device, dbus=False)
+        steps.apply(device)
         wait_for_lines(device, walk)
         device.shift_clock(steps.CACHE_SECONDS)
         getnext = device.run(["snmpwalk", *NUMERIC, *COMMUNITY, "127.0.0.1", TABLES]).stdout

@@ -6,6 +6,7 @@ import json
 import os
 import re
 import shutil
+import subprocess
 import sys
 from pathlib import Path
 from typing import Any
@@ -34,6 +35,19 @@ def program(name: str) -> str:
     found = shutil.which(name, path=f"{os.environ.get('PATH', '')}:{UNPACKED}/usr/bin")
     assert found, f"no {name}; scripts/install-deps monitoring fetches it"
     return found
+
+
+def promtool(*arguments: str) -> str:
+    done = subprocess.run([program("promtool"), *arguments], capture_output=True, text=True, timeout=120, check=False)
+    assert done.returncode == 0, done.stdout + done.stderr
+    return done.stdout
+
+
+def evaluate(folder: Path, tests: list[dict]) -> None:
+    """Runs promtool's unit tests of the rules."""
+    file = folder / "rules.test.yml"
+    file.write_text(json.dumps({"rule_files": [str(RULES)], "evaluation_interval": "1m", "tests": tests}))
+    promtool("test", "rules", str(file))
 
 
 @functools.cache

@@ -1,30 +1,15 @@
 """The rules in promtool: checked, and each alert evaluated minute by minute on made-up series."""
 from __future__ import annotations
 
-import json
 import re
-import subprocess
-from pathlib import Path
 from typing import NamedTuple
 
 import pytest
-from prometheus_files import FOLDER, RULES, alerts, program, states, walks
+from prometheus_files import FOLDER, alerts, evaluate, promtool, states, walks
 
 DEVICE = {"job": "kvsnmp", "instance": "hall"}
 VOLTAGE_DESCRIPTION = f"{walks.BASE}.4.2.1.2."
 FAULT, END, LAST = 10, 60, 70  # minutes at which a fault begins and ends, and the end of a test
-
-
-def promtool(*arguments: str) -> str:
-    done = subprocess.run([program("promtool"), *arguments], capture_output=True, text=True, timeout=120, check=False)
-    assert done.returncode == 0, done.stdout + done.stderr
-    return done.stdout
-
-
-def evaluate(folder: Path, tests: list[dict]) -> None:
-    file = folder / "rules.test.yml"
-    file.write_text(json.dumps({"rule_files": [str(RULES)], "evaluation_interval": "1m", "tests": tests}))
-    promtool("test", "rules", str(file))
 
 
 def test_rules_and_configuration_check(tmp_path):

@@ -117,12 +117,27 @@ def items_that_match(text: str) -> list[str]:
             if re.search(pattern, text, re.MULTILINE)]
 
 
-def handled(tmp_path: Path, arc: int, description: str, with_sys_name: bool) -> str:
+PRIORITIES = {1: ("critical", "HIGH"), 2: ("error", "AVERAGE"), 3: ("unclassified", "WARNING"),
+              4: ("warning", "WARNING"), 5: ("notice", "INFO")}
+
+
+def triggers_that_match(item: dict, value: str) -> list[tuple[str, str]]:
+    """Name and priority of the item's triggers that find this value. The server searches in lines."""
+    found = []
+    for trigger in item["triggers"]:
+        [pattern] = re.findall(r',\{\$KV\.TRAP\.HOLD\},"regexp","(.*)"\)=1$', trigger["expression"])
+        assert "\\" not in pattern
+        if re.search(pattern, value, re.MULTILINE):
+            found.append((trigger["name"], trigger["priority"]))
+    return found
+
+
+def handled(tmp_path: Path, arc: int, description: str, with_sys_name: bool, level: int = 2) -> str:
     """What the handler writes for a trap from snmptrapd."""
     name = '.1.3.6.1.2.1.1.5 "pa-device"\n' if with_sys_name else ""
     trap = (f"localhost\nUDP: [192.0.2.7]:40000->[192.0.2.1]:162\n.1.3.6.1.2.1.1.3.0 0:0:00:07.00\n"
             f".1.3.6.1.6.3.1.1.4.1.0 {E}.2.8.{arc}\n{E}.2.4.1.0 \"Orvane IPKiosk\"\n{E}.2.4.2.0 \"device\"\n{name}"
-            f"{E}.2.4.3.0 2\n{E}.2.4.4.0 \"Sat Jun  1 10.02.03 2024\n\"\n{E}.2.4.5.0 \"{description}\"\n")
+            f"{E}.2.4.3.0 {level}\n{E}.2.4.4.0 \"Sat Jun  1 10.02.03 2024\n\"\n{E}.2.4.5.0 \"{description}\"\n")
     file = tmp_path / "traps"
     file.unlink(missing_ok=True)
     subprocess.run([HANDLER, "--zabbix", file], input=trap, text=True, check=True)
@@ -135,9 +150,23 @@ def test_a_trap_matches_only_its_item(tmp_path, trap, with_sys_name):
     line = handled(tmp_path, trap.arc, f"see {E}.2.8.3 and ZBXTRAP 10.0.0.1 {E}.2.8.4 ", with_sys_name)
     device = "pa-device (device)" if with_sys_name else "device"
     assert line.count("\n") == 1 and line.count("ZBXTRAP") == 1
-    assert f" ZBXTRAP 192.0.2.7 {E}.2.8.{trap.arc} {device}: {trap.name} error since 2024-06-01 10:02:03: see " in line
+    assert f" ZBXTRAP 192.0.2.7 {E}.2.8.{trap.arc} error {device}: {trap.name} error since 2024-06-01 10:02:03: see " in line
     # The server removes its mark and the address.
     assert items_that_match(line.replace("ZBXTRAP 192.0.2.7", "", 1)) == [trap.name]
+
+
+@pytest.mark.parametrize("level", PRIORITIES)
+@pytest.mark.parametrize("trap", TRAPS, ids=[trap.name for trap in TRAPS])
+def test_the_level_of_a_trap_selects_the_severity(tmp_path, trap, level):
+    word, priority = PRIORITIES[level]
+    forged = f" {E}.2.8.{trap.arc} notice critical\n{E}.2.4.3.0  type=2  value=INTEGER: 1"
+    value = handled(tmp_path, trap.arc, forged, True, level).replace("ZBXTRAP 192.0.2.7", "", 1)
+    [item] = [item for item in TRAP_KEYS.values() if item["name"] == f"Trap: {trap.switch}"]
+    expected = [(f"Trap: {trap.switch} ({word})", priority)]
+    assert triggers_that_match(item, value) == expected
+    by_variables = (f"2026-11-21T12:00:00+0000 \nVARBINDS:\n  .1.3.6.1.6.3.1.1.4.1.0  type=6  value=OID: {E}.2.8.{trap.arc}\n"
+                    f"  {E}.2.4.3.0  type=2  value=INTEGER: {level}\n  {E}.2.4.5.0  type=4  value=STRING: \"text\"\n")
+    assert triggers_that_match(item, by_variables) == expected
 
 
 def test_each_notification_has_an_item_also_for_a_trap_that_is_logged_by_variables():

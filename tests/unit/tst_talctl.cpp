@@ -112,14 +112,27 @@ constexpr struct { const char *words; int code; const char *out, *err; } calls[]
     {"get /state/x",                         1, "",     "no such node: /state/x"},
     {"",                                     2, "",     "no command (talctl --help shows all)"},
     {"x",                                    2, "",     "no such command: x (talctl --help shows all)"},
-    {"--x get",                              2, "",     "no such option: --x (talctl --help shows all)"},
-    {"--wait",                               2, "",     "--wait needs a value"},
+    {"--x get",                              2, "",     "Unknown option 'x' (talctl --help shows all)"},
+    {"--wait",                               2, "",     "Missing value after '--wait' (talctl --help shows all)"},
+    {"--wait=0.1 get /state/fans/x",         1, "",     "no such node: /state/fans/x"},
     {"--wait x get",                         2, "",     "--wait needs a number of seconds"},
     {"--wait nan get /state",                2, "",     "--wait needs a number of seconds"},
     {"--wait -1 get /state",                 2, "",     "--wait needs a number of seconds"},
     {"get",                                  2, "",     "usage: talctl get PATH"},
     {"batch x",                              2, "",     "usage: talctl batch [--answers]"},
+    {"trap x",                               2, "",     "no such command: trap x (talctl trap --help shows all)"},
+    {"trap",                                 2, "",
+     "usage: talctl trap ...\n\n"
+     "  trap enable NAME\n      enable a trap, e.g. trap enable 'LET Fault'\n"
+     "  trap disable NAME\n      disable a trap\n"
+     "  trap list\n      print the traps, one per line: name, a tab, true or false"},
     {"monitor amp x 1",                      2, "",     "not a number: x"},
+    {"monitor amp 0 1 x",                    2, "",     "usage: talctl monitor amp CHANNEL STATUS [--any]"},
+    {"monitor let 0 1 2 x",                  2, "",     "usage: talctl monitor let CHANNEL LET PRESENCE [--any]"},
+    {"fault raise a 1 x odd t",              1, "",
+     "no such level: odd (possible: emerg alert crit err warning notice info debug; --any sends any other)"},
+    {"fault raise a 1 x odd t --any",        0, "",     ""},
+    {"fault raise a 2 x debug t",            0, "",     ""},
     {"replay /nowhere",                      2, "",     "/nowhere: No such file or directory"},
 };
 
@@ -129,8 +142,9 @@ constexpr struct { const char *arguments; int code; const char *err; } refusedSt
     {"",                                            2, "--model is missing (there is a tree for: 6211 6214"},
     {"--model 1",                                   2, "no tree for model 1, there is one for:"},
     {"--model 6420 --trees /x",                     2, "no tree files in /x"},
-    {"--x",                                         2, "Unknown option 'x'"},
-    {"--model 6420 x",                              2, "no such argument: x"},
+    {"--x",                                         2, "Unknown option 'x' (talservice --help shows all)\n"},
+    {"--model",                                     2, "Missing value after '--model' (talservice --help shows all)\n"},
+    {"--model 6420 x",                              2, "no such argument: x (talservice --help shows all)\n"},
     {"--model 6420 --bus x",                        2, "--bus is"},
     {"--model 6420 --gpio-lines x",                 2, "--gpio-lines is"},
     {"--model 6420 --max-queue 0",                  2, "--max-queue is"},
@@ -276,7 +290,7 @@ private Q_SLOTS:
         QVERIFY(file.open(QIODevice::WriteOnly) && file.write("0 get /state/class_d_amp_status\n") > 0);
         file.close();
         QCOMPARE(service.talctl({"replay", file.fileName()}).out,
-                 QString("<class_d_amp_status><status>ok</status></class_d_amp_status>\n"));
+                 QString("<class_d_amp_status>\n  <status>ok</status>\n</class_d_amp_status>\n"));
 
         const Result unread = service.talctl({"replay", "-"}, "0 delete /state/fans\n0 frob\n");
         QCOMPARE(unread.code, 2); // read to its end before it begins

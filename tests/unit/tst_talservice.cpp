@@ -192,17 +192,21 @@ struct GpioBench {
 /// Lines for the control socket of one service, one after the other, and their replies.
 constexpr struct { const char *line, *reply; } commands[] = {
     {"get FAN/speed_sensor_rpm", "0 1450"},
-    {"get FAN", "0 <fan><kid>amp_power</kid><speed_sensor_rpm>1450</speed_sensor_rpm></fan>"},
+    {"get FAN", "0 <fan>\n  <kid>amp_power</kid>\n  <speed_sensor_rpm>1450</speed_sensor_rpm>\n</fan>"},
+    {"get /state/fans/fan", "0 FAN\t<fan><kid>amp_power</kid><speed_sensor_rpm>1450</speed_sensor_rpm></fan>\n"
+                            "/state/fans/fan[kid='amp_class_d']\t"
+                            "<fan><kid>amp_class_d</kid><speed_sensor_rpm>1600</speed_sensor_rpm></fan>"},
     {"get /state/fans/fan/speed_sensor_rpm",
      "0 FAN/speed_sensor_rpm\t1450\n/state/fans/fan[kid='amp_class_d']/speed_sensor_rpm\t1600"},
     {"get /state/x", "1 no such node: /state/x"}, {"get x y", "2 usage: talctl get PATH"},
     {"set FAN/speed_sensor_rpm 12", "0"}, {"get FAN/speed_sensor_rpm", "0 12"},
     {R"(["set","/state/version/software/version"," \n<'\"> "])", "0"},
     {"get /state/version",
-     "0 <version><software><kid>firmware</kid><version> \n&lt;'\"&gt; </version></software></version>"},
+     "0 <version>\n  <software>\n    <kid>firmware</kid>\n    <version> \n&lt;'\"&gt; </version>\n  </software>\n"
+     "</version>"},
     {"set /state/x 1", "1 no such node: /state/x"}, {"set x", "2 usage: talctl set PATH VALUE"},
-    {"create /state/x '<x><y>1</y></x>'", "0"}, {"get /state/x", "0 <x><y>1</y></x>"},
-    {"patch /state/x <x><z>2</z></x>", "0"}, {"get /state/x", "0 <x><y>1</y><z>2</z></x>"},
+    {"create /state/x '<x><y>1</y></x>'", "0"}, {"get /state/x", "0 <x>\n  <y>1</y>\n</x>"},
+    {"patch /state/x <x><z>2</z></x>", "0"}, {"get /state/x", "0 <x>\n  <y>1</y>\n  <z>2</z>\n</x>"},
     {"replace /state/x <x/>", "0"}, {"get /state/x", "0"},
     {"delete FAN", "0"}, {"get /state/fans/fan/kid", "0 amp_class_d"},
     {"fault raise amp 7 fan_not_running crit 'no fan' --timestamp 0x10", "0"},
@@ -213,9 +217,9 @@ constexpr struct { const char *line, *reply; } commands[] = {
     {"fault list", "0 amp\t7\ty\terr\t2\tu"},
     {"fault clear amp 7", "0"}, {"fault list", "0"}, {"fault clear amp 7", "1 no such node: FAULT"},
     {"fault raise a 1 x crit t u",
-     "2 usage: talctl fault raise REPORTER REF ID LEVEL TEXT [--timestamp TIME] [--replace]"},
+     "2 usage: talctl fault raise REPORTER REF ID LEVEL TEXT [--timestamp TIME] [--replace] [--any]"},
     {"trap disable 'LET Fault'", "0"},
-    {"get \"TRAP\"", "0 <trap><name>LET Fault</name><enabled>false</enabled></trap>"},
+    {"get \"TRAP\"", "0 <trap>\n  <name>LET Fault</name>\n  <enabled>false</enabled>\n</trap>"},
     {"trap enable 'LET Fault'", "0"}, {"get \"TRAP/enabled\"", "0 true"}, {"trap enable x", "1 no such trap: x"},
     {"frob", "2 no such command: frob (talctl --help shows all)"},
     {"[]", "2 no such command:  (talctl --help shows all)"},
@@ -489,29 +493,84 @@ private Q_SLOTS:
         QTRY_COMPARE(control.run("clients"), QString("0"));
     }
 
+    void channelsOfATree()
+    {
+        const Service service; // a 6420
+        const std::vector<AmpChannel> channels = ampChannelsOf(service.tree);
+        QCOMPARE(channels.size(), std::size_t{2});
+        for (uint number = 0; number < 2; ++number) {
+            QCOMPARE(channels[number].number, number);
+            QCOMPARE(channels[number].lets, (std::vector<uint>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
+        }
+        DataTree station;
+        QVERIFY(!loadModel(KVSNMP_TREES, "6214", station));
+        QVERIFY(ampChannelsOf(station).empty());
+    }
+
+    void monitorAnnouncesItsChannels()
+    {
+        Service service;
+        Monitor monitor(nullptr, Monitor::Bus::Session);
+        monitor.setChannels(ampChannelsOf(service.tree));
+        service.device.monitor = &monitor;
+        connect(&service.server, &TalServer::subscribed, &monitor, &Monitor::announceChannelsSoon);
+        monitor.start();
+        m_bus.start();
+        QTRY_VERIFY(monitor.isUp());
+        Listener listener;
+        QDBusConnection listening = QDBusConnection::connectToBus(m_bus.address, "channels");
+        const QString name = "com.orvane.pamon";
+        const QString status = "onAmpChannelStatusUpdate uu ";
+        QVERIFY(listening.connect(name, "/monitor", name, QString(), &listener, SLOT(onSignal(QDBusMessage))));
+        QTRY_COMPARE(listener.heard, (QStringList{status + "0 2", status + "1 2"})); // the bus has come
+
+        Control control(service);
+        QCOMPARE(control.run("monitor amp 1 1"), QString("0"));
+        Client client(service);
+        client.messages(2, subscribeRequest("a", fanPath) + subscribeRequest("b", fanPath));
+        QTRY_COMPARE(listener.heard.mid(2), (QStringList{status + "1 1", status + "0 2", status + "1 1"}));
+        client.messages(1, subscribeRequest("c", fanPath));
+        QCOMPARE(control.run("monitor gpi 0 ok_open"), QString("0")); // does not overtake them
+        QTRY_COMPARE(listener.heard.mid(5), (QStringList{status + "0 2", status + "1 1", "onGpiUpdate us 0 ok_open"}));
+        QDBusConnection::disconnectFromBus("channels");
+        m_bus.stop();
+    }
+
     void monitor()
     {
         Service service;
         Monitor monitor(nullptr, Monitor::Bus::Session);
+        monitor.setChannels({{.number = 0, .lets = {1, 10}}, {.number = 1, .lets = {}}});
         monitor.start();
         service.device.monitor = &monitor;
         Control control(service);
         QCOMPARE(control.run("monitor status"), QString("0 down"));
         m_bus.start();
         QTRY_VERIFY(monitor.isUp());
+        monitor.announcePending();
+        QVERIFY(monitor.flush()); // before anybody listens
 
         Listener listener;
         QDBusConnection listening = QDBusConnection::connectToBus(m_bus.address, "listener");
         const QString name = "com.orvane.pamon";
         QVERIFY(listening.connect(name, "/monitor", name, QString(), &listener, SLOT(onSignal(QDBusMessage))));
-        for (const char *line :
-             {"status", "gpo 5 ok_set", "gpo 4294967295 'a b' c", "gpi 13 ''", "amp 1 2", "let 0 10 1", "power 7 8"})
+        for (const char *line : {"status", "gpo 5 ok_set", "gpo 4294967295 'a b' c", "gpi 13 ''", "amp 1 2",
+                                 "amp 4294967295 3 --any", "let 0 10 1", "let 9 0 1 --any", "power 7 8"})
             QCOMPARE(control.run(QString("monitor ") + line), QString(qstrcmp(line, "status") == 0 ? "0 up" : "0"));
         QCOMPARE(control.run("monitor amp -1 2"), QString("2 not a number: -1"));
+        QCOMPARE(control.run("monitor amp 2 2"),
+                 QString("1 no such amplifier channel: 2 (possible: 0 1; --any sends any other)"));
+        QCOMPARE(control.run("monitor let 2 1 2"),
+                 QString("1 no such amplifier channel: 2 (possible: 0 1; --any sends any other)"));
+        QCOMPARE(control.run("monitor let 0 0 2"),
+                 QString("1 no such line end transponder: 0 (possible: 1 10; --any sends any other)"));
+        QCOMPARE(control.run("monitor let 1 1 2"),
+                 QString("1 this model has no line end transponder (--any sends any)"));
         QTRY_COMPARE(listener.heard,
                      (QStringList{"onGpoUpdate uss 5 ok_set ok_set", "onGpoUpdate uss 4294967295 a b c",
                                   "onGpiUpdate us 13 ", "onAmpChannelStatusUpdate uu 1 2",
-                                  "onLetPrecenseUpdate uuu 0 10 1", "onPowerConsumptionUpdate uu 7 8"}));
+                                  "onAmpChannelStatusUpdate uu 4294967295 3", "onLetPrecenseUpdate uuu 0 10 1",
+                                  "onLetPrecenseUpdate uuu 9 0 1", "onPowerConsumptionUpdate uu 7 8"}));
 
         const QDBusPendingCall call =
             listening.asyncCall(QDBusMessage::createMethodCall(name, "/monitor", name, "doPaUiDbusConnected"));

@@ -136,7 +136,7 @@ class Faults:
                    replace: bool = False) -> str:
         """The line of a talctl batch that raises a fault."""
         reference = self.raised.setdefault(text, f"r{len(self.raised) + 1}")
-        words = ["fault", "raise", "tests", reference, identifier, level, text, "--timestamp", timestamp]
+        words = ["fault", "raise", "tests", reference, identifier, level, text, "--timestamp", timestamp, "--any"]
         return json.dumps(words + (["--replace"] if replace else []))
 
     def clear_line(self, text: str) -> str:

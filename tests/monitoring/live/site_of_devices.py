@@ -18,7 +18,7 @@ sys.path[:0] = [str(HERE.parent), str(HERE.parents[1] / "device")]
 
 from prometheus_files import BEFORE, CHECKOUT, FOLDER, RULES, UNPACKED  # noqa: E402  (the paths have to be set first)
 from support import steps  # noqa: E402
-from support.catalogue import EXTENDED, MODELS, rows  # noqa: E402
+from support.catalogue import EXTENDED, MODELS  # noqa: E402
 from support.device import Device  # noqa: E402
 from support.polling import wait_until  # noqa: E402
 from support.snmp import Snmp  # noqa: E402
@@ -71,8 +71,7 @@ class Site:
         for device in self.devices.values():
             device.wait_answering(60).wait_subscribed(60)
         for name in self.devices:
-            channels = rows("ampChannelTable", int(name[:4]))
-            self.apply(name, [["monitor", "amp", channel, "2"] for channel in "01"] if len(channels) == 2 else [])
+            self.apply(name, [])
 
     def start_kvsnmp(self, name: str) -> None:
         self.devices[name].start_kvsnmp("-d", clock_shift=True)

@@ -13,19 +13,12 @@ from site_of_devices import EXPORTER, RESTARTED, STATION, Alert, Site, fetch, gr
 
 from prometheus_files import FOLDER, alerts, panel_queries, rules  # the paths are set by the one above
 from support.catalogue import MODELS
-from support.mib import mib
+from series import Series, expected_series
 from support.polling import wait_until
-from support.snmp import TABLES, Variable
+from support.snmp import TABLES
 from support.steps import Command, put
 
 NAMES = [str(model) for model in MODELS] + [STATION]
-
-SCALED = {"volts": ("_volts", 1000), "degrees": ("_celsius", 10), "speed": ("_rpm", 1)}
-UNITS = {"voltageValue": "volts", "letChannel1Voltage": "volts", "letChannel2Voltage": "volts", "tempCurrent": "degrees",
-         "tempPeak": "degrees", "tempAverage": "degrees", "fanSpeed": "speed"}
-CONSTANT = {"ampType", "infoDisablement", "powerKind", "relayIdleMode"}  # one series with the word
-INFO_TEXTS = {"infoPackageVersion": "package_version", "infoModelType": "model_type", "infoKernelVersion": "kernel_version",
-              "infoAmplifierType": "amplifier_type", "infoDeviceTreeVersion": "device_tree_version"}
 
 
 @pytest.fixture(scope="module")
@@ -43,55 +36,6 @@ def site(tmp_path_factory) -> Iterator[Site]:
 
 
 # Metrics
-
-Series = dict[tuple[str, frozenset[tuple[str, str]]], float]
-
-
-def snake(name: str) -> str:
-    return re.sub(r"(?<=[a-z0-9])(?=[A-Z])", "_", name).lower()
-
-
-def expected_series(walk: list[Variable]) -> Series:
-    """The metrics for a walk of a device; every variable is checked."""
-    rows: dict[tuple[str, int], dict[str, str]] = {}  # texts that label a row, by table and index
-    values: list[tuple[str, str, int, str]] = []  # object, table, index, value
-    info: dict[str, str] = {}
-    for variable in walk:
-        item, (instance,) = mib().resolve(variable.oid)
-        table = item.table
-        row = rows.setdefault((table, instance), {"index": str(instance)} if table else {})
-        if item.name in INFO_TEXTS:
-            info[INFO_TEXTS[item.name]] = variable.text
-        elif table and item.name.endswith("Description"):
-            row["description"] = variable.text
-        elif table and item.name.endswith("Index"):
-            assert variable.text == str(instance)
-        elif item.name.startswith("temp") and item.name.endswith("Label"):
-            row[item.name.removesuffix("Label")] = variable.text
-        else:
-            values.append((item.name, table, instance, variable.text))
-    series: Series = {}
-    for name, table, index, text in values:
-        row = rows[table, index]
-        labels = {key: row[key] for key in ("index", "description") if key in row}
-        if name in row:
-            labels["label"] = row[name]
-        if name == "infoModelNumber":
-            labels |= {key: value for key, value in info.items() if value}
-            labels |= {"sys_name": "pa-device", "sys_location": "Equipment room 1"}
-        enumeration, metric = mib().objects[name].enumeration, f"kvsnmp_{snake(name)}"
-        if name in CONSTANT:
-            series[f"{metric}_info", frozenset((labels | {metric: enumeration[int(text)]}).items())] = 1
-        elif enumeration:
-            for code, word in enumeration.items():
-                series[metric, frozenset((labels | {metric: word}).items())] = int(code == int(text))
-        elif mib().objects[name].base == "OCTET STRING":
-            series[metric, frozenset((labels | {metric: text}).items())] = 1
-        else:
-            ending, scale = SCALED[UNITS[name]] if name in UNITS else ("", 1)
-            series[metric + ending, frozenset(labels.items())] = int(text) / scale
-    return series
-
 
 @pytest.mark.parametrize("name", NAMES)
 def test_every_served_object_is_a_metric_with_its_texts(site, name):
@@ -231,10 +175,12 @@ EXPECTED: set[Alert] = RESTART_FAULTS | {(alert, fault.device, index) for fault 
 
 
 def begin_restarts(site: Site) -> str:
-    """One kvsnmp is started again without voltages and announcements, one is ended, one is ended together with snmpd.
+    """One kvsnmp is started again without voltages and with silent channels, one is ended, one is ended together with
+    snmpd.
     Returns the deleted voltages."""
     voltages = site.devices["6425"].talctl("get", "/state/power_lines").strip()
     site.devices["6425"].talctl("delete", "/state/power_lines")
+    site.apply("6425", [["monitor", "amp", channel, "0"] for channel in "01"])  # which a daemon ignores
     for name in RESTARTED:
         site.devices[name].end_kvsnmp()
     site.start_kvsnmp("6425")
@@ -262,7 +208,7 @@ class History(NamedTuple):
 
 @pytest.fixture(scope="module")
 def history(site) -> History:
-    """Without faults, with all faults, without faults again; with pictures."""
+    """Fresh from the simulator, with all faults, without faults again; with pictures."""
     before, begin = site.wait_for_alerts(set(), 90), time.monotonic() - 5
     voltages = begin_restarts(site)
     for name in dict.fromkeys(fault.device for fault in FAULTS):

@@ -99,6 +99,12 @@ class Bench:
                                  output=["description"], expandDescription=True)
         return {trigger["description"] for trigger in found}
 
+    def severities(self, host: str) -> set[tuple[str, str]]:
+        """Name and priority of the problems."""
+        found = self.server.call("trigger.get", hostids=[self.hosts[host].hostid], filter={"value": 1},
+                                 output=["description", "priority"])
+        return {(trigger["description"], trigger["priority"]) for trigger in found}
+
     def wait_problem(self, host: str, name: str, there: bool, timeout: float = 120) -> None:
         def look() -> bool:
             self.hosts[host].refresh()
@@ -270,13 +276,7 @@ FAULTS = [Fault(host, problem, [*order, bad], [*order, good]) for host, problem,
 
 @pytest.fixture(scope="session")
 def healthy(bench) -> Bench:
-    """With both channels of the amplifiers and their transponders announced as in operation."""
-    for name in ("pa-6420", "pa-6764"):
-        device = bench.hosts[name].device
-        for channel in (0, 1):
-            device.talctl("monitor", "amp", str(channel), "2")
-            for let in (1, 2):
-                device.talctl("monitor", "let", str(channel), str(let), "2")
+    """Fresh from the simulator, when no host has a problem."""
     def quiet() -> bool:
         for watched in bench.hosts.values():
             watched.refresh()
@@ -303,8 +303,12 @@ def test_every_trigger_prototype_has_a_fault_here():
         re.fullmatch(re.escape(name).replace(re.escape("{#DESCRIPTION}"), ".+"), fault.problem) for fault in FAULTS)] == []
 
 
-def test_each_notification_is_a_value_of_its_item_alone(bench):
-    faults = Faults(bench.hosts["pa-6420"].device)
+@pytest.fixture(scope="session")
+def faults(bench) -> Faults:
+    return Faults(bench.hosts["pa-6420"].device)
+
+
+def test_each_notification_is_a_value_of_its_item_alone(bench, faults):
     others = f"see {E}.2.8.3 and ZBXTRAP 127.0.0.2 {E}.2.8.4 "  # in a text, these are neither traps nor other hosts
     texts = {row.name: f"text of {row.name}, {others}" for row in TRAPS}
     for row in TRAPS:
@@ -325,13 +329,26 @@ def test_each_notification_is_a_value_of_its_item_alone(bench):
         [value] = found.pop(f'snmptrap["(^\\S+ +|OID: ){number}(\\s|$)"]')
         text = re.escape(texts[row.name].replace("ZBXTRAP", "ZBX-TRAP").strip())
         since = r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d"
-        assert re.fullmatch(rf"\S+ +{number} pa-device \(device\): {row.name} error since {since}: {text}", value)
+        assert re.fullmatch(rf"\S+ +{number} error pa-device \(device\): {row.name} error since {since}: {text}", value)
     assert found == {}
     for other in ("pa-6410", "pa-6764", "pa-6214"):
         assert all(item["lastclock"] == "0" for key, item in bench.items(other).items() if key.startswith("snmptrap["))
 
-    bench.wait_problem("pa-6420", "Trap: Cooling Fan Fault", True)
-    bench.wait_problem("pa-6420", "Trap: Cooling Fan Fault", False, timeout=200)  # 60 s after the trap
+    bench.wait_problem("pa-6420", "Trap: Cooling Fan Fault (error)", True)
+    bench.wait_problem("pa-6420", "Trap: Cooling Fan Fault (error)", False, timeout=200)  # 60 s after the trap
+
+
+def test_a_trap_is_a_problem_of_its_level(bench, faults):
+    for number, level in enumerate(["crit", "err", "odd", "warning", "info"], 1):
+        faults.raise_one("let_fail", f"level {level}: {E}.2.8.5 critical ", level=level)
+        # As another receiver writes it.
+        bench.server.add_trap(f"127.0.0.2\nVARBINDS:\n  .1.3.6.1.6.3.1.1.4.1.0  type=6  value=OID: {E}.2.8.19\n"
+                              f"  {E}.2.4.3.0  type=2  value=INTEGER: {number}\n")
+    severities = {"critical": "4", "error": "3", "unclassified": "2", "warning": "2", "notice": "1"}
+    for host, kind in [("pa-6420", "LET Fault"), ("pa-6410", "Overtemperature")]:
+        expected = {(f"Trap: {kind} ({word})", severity) for word, severity in severities.items()}
+        wait_until(lambda: {problem for problem in bench.severities(host) if kind in problem[0]} == expected, 60, 1.0,
+                   what=f"problems of each severity on {host}")
 
 
 def test_a_missing_daemon_and_a_missing_device_are_different_problems(healthy):

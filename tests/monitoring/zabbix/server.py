@@ -1,6 +1,7 @@
 """A Zabbix server in a sandbox made of Debian's packages, and its API."""
 from __future__ import annotations
 
+import datetime
 import json
 import os
 import subprocess
@@ -108,6 +109,11 @@ class Server:
         self.call("configuration.import", format="yaml", source=text, rules={
             "groups": create, "templates": create, "items": delete, "discoveryRules": delete, "triggers": delete,
             "valueMaps": delete})
+
+    def add_trap(self, text: str) -> None:
+        """As a trap receiver writes it: the sender's address and the rest."""
+        with open(self.folder / "traps.log", "a", encoding="utf-8") as file:
+            file.write(f"{datetime.datetime.now().astimezone():%Y-%m-%dT%H:%M:%S%z} ZBXTRAP {text}")
 
     def logs(self) -> str:
         return "\n".join(f"--- {file.name}\n" + "\n".join(file.read_text(errors="replace").splitlines()[-40:])
