@@ -44,7 +44,7 @@ FILES:${PN}-simulator = "${bindir}/talservice ${bindir}/talctl ${bindir}/kvsnmp-
 FILES:${PN}-monitoring = "${datadir}/kvsnmp-monitoring"
 CONFFILES:${PN} = "${sysconfdir}/snmp/kvagent.conf"
 
-# ps and killall. docs/integration.md lists the arguments that the device's ps has to accept.
+# ps and killall.
 RDEPENDS:${PN} = "net-snmp-server-snmpd procps psmisc"
 RRECOMMENDS:${PN} = "dbus"
 RDEPENDS:${PN}-simulator = "${PN} python3-core"

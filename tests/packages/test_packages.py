@@ -6,6 +6,7 @@ import os
 import re
 import shutil
 import stat
+import struct
 import subprocess
 import tempfile
 import time
@@ -238,6 +239,15 @@ def wait_golden_walk(booted: Booted) -> None:
     wait_until(lambda: walk(booted) == GOLDEN_WALK, 75, "the golden walk")
 
 
+def wait_next_tick(booted: Booted, poll: bool = False) -> None:
+    """The daemon has written its watchdog file again, with a walk in between if `poll`."""
+    def written() -> str:
+        return booted.output("stat", "-c", "%y", "/tmp/kvsnmp.watchdogtest")
+
+    before = written()
+    wait_until(lambda: (not poll or walk(booted)) and written() != before, 10, "a tick of 5 s")
+
+
 def status_field(booted: Booted, pid: object, name: str) -> str:
     text = booted.output("cat", f"/proc/{pid}/status")
     return re.search(rf"^{name}:\s*(.*)$", text, flags=re.MULTILINE)[1]
@@ -405,15 +415,8 @@ def test_neither_an_idle_nor_a_polled_device_writes_to_the_journal(booted: Boote
                for line in lines[:-1])
     cursor = booted.output("journalctl", "-n", "0", "--show-cursor").removeprefix("-- cursor: ")
 
-    def written() -> str:
-        return booted.output("stat", "-c", "%y", "/tmp/kvsnmp.watchdogtest")
-
-    def next_tick(poll: bool) -> None:
-        before = written()
-        wait_until(lambda: (not poll or walk(booted)) and written() != before, 10, "a tick of 5 s")
-
     for poll in (True, True, False, False):
-        next_tick(poll)
+        wait_next_tick(booted, poll)
     assert booted.output("journalctl", "-q", f"--after-cursor={cursor}", "-u", "kvsnmp.service") == ""
 
 
@@ -479,16 +482,40 @@ def test_the_drop_in_for_the_library_is_accepted(booted: Booted) -> None:
     booted.root.path(drop_in).unlink()
 
 
-def test_the_guide_s_ps_accepts_the_health_probe_s_options(booted: Booted) -> None:
-    probe = ["--noheaders", "-C snmpd", "-o rss"]
-    assert booted.run("ps", *probe, check=False).stdout == "", "Debian's refuses them, as the guide says"
-    write_shown_file(booted, "/usr/local/lib/kvsnmp/ps", 0o755)
-    write_shown_file(booted, "/etc/systemd/system/kvsnmp.service.d/ps.conf")
+def test_the_health_probe_leaves_snmpd_alone_for_25_minutes(booted: Booted) -> None:
+    """Of a hurried clock, with Debian's ps, whose calls are counted."""
+    folder, log = booted.root.path("/opt"), "/run/ps.log"
+    ps, procps, clock = booted.root.path("/bin/ps"), folder / "ps", folder / "clock"
+    shutil.move(ps, procps)
+    ps.write_text(f'#!/bin/sh\necho "$*" >> {log}\nexec /opt/ps "$@"\n')
+    ps.chmod(0o755)
+    subprocess.run(["cc", "-shared", "-fPIC", "-D_GNU_SOURCE", str(CHECKOUT / "tests/device/clockshift/clockshift.c"),
+                    "-o", str(folder / "clockshift.so")], check=True)
+    clock.write_bytes(struct.pack("qq", 0, 0))
+    drop_in = add_drop_in(booted, "clock", "Environment=LD_PRELOAD=/opt/clockshift.so KVSNMP_CLOCK_FILE=/opt/clock")
     restart(booted)
-    path = re.search(r"PATH=([^\0]*)", booted.output("cat", f"/proc/{main_pid(booted)}/environ"))[1]
-    rss = booted.run("/usr/bin/env", f"PATH={path}", "ps", *probe).stdout
-    assert 1000 < int(rss) < 10240
-    assert booted.output("/usr/bin/env", f"PATH={path}", "ps", "-o", "comm=", "-p", "1") == "systemd"
+    snmpd, minutes = snmpd_pids(booted), 0
+
+    def probes_after(more: int) -> list[str]:
+        nonlocal minutes
+        minutes += more
+        with clock.open("r+b") as file:
+            file.write(struct.pack("qq", minutes * 60 * 10**9, 0))
+        for _ in range(2):
+            wait_next_tick(booted)
+        return booted.output("cat", log).splitlines()
+
+    assert [len(probes_after(more)) for more in (11, 10, 4)] == [1, 2, 2]
+    assert snmpd_pids(booted) == snmpd
+
+    booted.run("kill", "-KILL", *snmpd)
+    assert probes_after(6) == 3 * ["--no-headers -C snmpd -o rss"]
+    wait_new_snmpd(booted, snmpd, "a snmpd in place of the killed one")
+    assert booted.output("journalctl", "-t", "kv-snmp").count("health check") == 1
+    assert booted.output("/usr/libexec/kvsnmp/ps", "-o", "comm=", "-p", "1") == "systemd", "other words are left alone"
+    drop_in.unlink()
+    shutil.move(procps, ps)
+    restart(booted)
 
 
 def test_further_directives_stand_in_snmpd_local_conf(booted: Booted) -> None:
@@ -526,7 +553,9 @@ def test_another_folder_in_place_of_etc_snmp_is_followed_and_writable_after_a_re
 
 
 def test_the_self_check_runs(booted: Booted) -> None:
-    assert booted.run("kvsnmp-check", check=False).returncode in (0, 1)
+    done = booted.run("kvsnmp-check", check=False)
+    print(done.stdout)
+    assert done.returncode in (0, 1) and re.search(r"^ok +health-probe", done.stdout, re.MULTILINE), done.stdout
     typed.add("kvsnmp-check")
 
 
@@ -595,7 +624,7 @@ def test_purging_leaves_nothing_of_the_packages(booted: Booted, debs: Path) -> N
     booted.run("start-stop-daemon", "--stop", "--retry", "10", "--pidfile", "/run/snmpd.pid", "--exec", "/usr/sbin/snmpd")
     booted.run("apt-get", "purge", "kvsnmp")  # the others had no conffiles and are gone already
     assert booted.output("dpkg-query", "-W", "-f", "${db:Status-Abbrev}", *PACKAGES) == ""
-    for path in ("/etc/systemd/system/kvsnmp.service.d", "/usr/local/lib/kvsnmp", "/etc/default/kvsnmp"):
+    for path in ("/etc/systemd/system/kvsnmp.service.d", "/etc/default/kvsnmp"):
         shutil.rmtree(booted.root.path(path), ignore_errors=True)  # of this test
     booted.root.path("/usr/local/bin/kvsnmp-trap-line").unlink(missing_ok=True)  # of the recipe
     ours = set().union(*(files_of(package, debs) for package in PACKAGES))
