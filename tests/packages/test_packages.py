@@ -106,6 +106,22 @@ def test_each_model_has_its_recording_and_each_program_its_manual_page(debs: Pat
     assert {Path(file).name.split(".")[0] for file in files if file.endswith((".1.gz", ".8.gz"))} == programs
 
 
+def test_the_packages_hold_what_cmake_installs(debs: Path, tmp_path: Path) -> None:
+    """Beside it only Debian's own files."""
+    build = next((debs / "source").glob("obj-*"))
+    components = dict.fromkeys(["runtime", "simulator", "monitoring", "doc"], set())
+    for component in components:
+        subprocess.run(["cmake", "--install", str(build), "--component", component], check=True, stdout=subprocess.DEVNULL,
+                       env=os.environ | {"DESTDIR": str(tmp_path / component)})
+        components[component] = {f"/{path.relative_to(tmp_path / component)}" for path in (tmp_path / component).rglob("*")
+                                 if path.is_symlink() or not path.is_dir()}
+    for package, component in zip(PACKAGES, ("runtime", "monitoring", "simulator")):
+        files = {file.removesuffix(".gz") for file in files_of(package, debs) if not file.endswith("/")}
+        own = {f"/usr/share/doc/{package}/{name}" for name in ("changelog", "copyright", "monitoring")}
+        documents = {file for file in components["doc"] if file.startswith(f"/usr/share/doc/{package}/")}
+        assert files - own == components[component] | documents
+
+
 def test_the_programs_find_their_libraries(root: DebianRoot) -> None:
     assert root.run("kvsnmp", "-h").stdout.startswith("kvsnmp main()\n\nUsage: kvsnmp options\n")
     assert "talservice" in root.run("talservice", "--version").stdout
