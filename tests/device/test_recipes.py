@@ -1,4 +1,4 @@
-"""The recipes for Yocto and Buildroot, which nothing here builds, fit the tree."""
+"""The files for Debian, Yocto and Buildroot fit the tree. Nothing here builds the latter two."""
 from __future__ import annotations
 
 import hashlib
@@ -20,6 +20,12 @@ def test_the_version_and_the_options_are_the_build_s(recipe, version):
     options = re.findall(r"-D(KVSNMP_\w+)=", recipe)
     assert "KVSNMP_SYSTEMD" in options
     assert [name for name in options if not re.search(rf"^(option|set)\({name} ", BUILD, re.MULTILINE)] == []
+
+
+def test_debian_has_the_version_of_the_changelog():
+    released = not re.search(r"^## Unreleased$", (CHECKOUT / "CHANGELOG.md").read_text(), re.MULTILINE)
+    version = VERSION if released else f"{VERSION}~unreleased"
+    assert (CHECKOUT / "debian/changelog").read_text().startswith(f"kvsnmp ({version}) ")
 
 
 def test_yocto_knows_the_licence_by_its_checksum():
