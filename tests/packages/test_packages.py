@@ -134,33 +134,12 @@ def test_the_conffile_of_snmpd_is_what_the_guide_says(root: DebianRoot) -> None:
     assert " /etc/snmp/snmpd.conf " in root.run("dpkg-query", "-W", "-f", "${Conffiles}", "snmpd").stdout
 
 
-def test_a_device_of_the_installed_simulator_answers_by_name(root: DebianRoot) -> None:
-    """A sandbox inside the sandbox."""
-    script = """
-        kvsnmp-device --model 6420 > /tmp/device.log 2>&1 < /dev/null &
-        for try in $(seq 200); do
-            kvsnmp-device exec -- grep -q requestStateDataSubscribeSysMessages /var/log/kvsnmp.err 2> /dev/null &&
-                kvsnmp-device exec -- snmpget -v2c -c public -r 0 -t 1 127.0.0.1 .1.3.6.1.4.1.52717.3.1.3.0 && break
-            sleep 0.1
-        done > /dev/null 2>&1
-        kvsnmp-device list
-        echo "== walk"
-        kvsnmp-device exec -- snmpwalk -v2c -c public -M /run/device/mibs -m KVSNMP-MIB 127.0.0.1 .1.3.6.1.4.1.52717
-        kvsnmp-device stop
-        echo "== end"
-        wait
-        cat /tmp/device.log
-        kvsnmp-device list
-    """
-    answer = root.run("/bin/bash", "-c", script).stdout
-    print(answer)
-    before, _, rest = answer.partition("== walk\n")
-    walk, _, end = rest.partition("== end\n")
-    assert before.startswith("6420\tmodel 6420\town network\trunning\t")
-    cells = [line for line in walk.splitlines() if line.startswith("KVSNMP-MIB::")]
-    assert len(cells) == len(GOLDEN_WALK.splitlines())
-    assert any(re.match(r"KVSNMP-MIB::infoModelNumber\.0 = .*6420", cell) for cell in cells), cells[:8]
-    assert "change it: kvsnmp-device exec" in end and "6420\tmodel" not in end, end
+def test_a_device_of_the_simulator_passes_the_packages_own_test(root: DebianRoot) -> None:
+    """debian/tests, which first installs the packages. A sandbox inside the sandbox."""
+    root.run("apt-get", "install", "--no-install-recommends", "autopkgtest")
+    root.run("apt-get", "purge", *PACKAGES)
+    done = root.run("/bin/sh", "-c", f"autopkgtest {DEBS}/kvsnmp*.deb {DEBS}/source/ -- null")
+    assert re.search(r"^device +PASS$", done.stdout, re.MULTILINE), done.stdout
 
 
 # The unit
