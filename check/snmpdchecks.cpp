@@ -251,8 +251,8 @@ Outcome checkHealthProbe(Subject &subject)
     if (text.isEmpty())
         return warning(
             QStringLiteral("ps does not report snmpd's memory: kvsnmp restarts snmpd every ten minutes"),
-            QStringLiteral("the device's ps has to accept \"-C snmpd\" and \"-o rss\" as single words; if it "
-                           "refuses them, add a wrapper to kvsnmp's PATH"));
+            QStringLiteral("kvsnmp's PATH has to begin with the folder of a ps that accepts \"-C snmpd\" and \"-o "
+                           "rss\" as single words; /usr/libexec/kvsnmp holds one"));
     const int memoryKb = text.toInt();
     if (memoryKb >= snmpdMemoryLimitKb)
         return warning(QStringLiteral("snmpd uses %1 kB: kvsnmp restarts it every ten minutes").arg(memoryKb),

@@ -1,5 +1,5 @@
-# Recipe for Yocto/OpenEmbedded. NOT BUILT in this project: no test runs bitbake; a test only checks that the files it
-# names exist. Written for scarthgap (CMake 3.25 or later is needed) with meta-qt5, meta-oe and meta-networking:
+# Recipe for Yocto/OpenEmbedded. NOT BUILT in this project: no test runs bitbake; a test only checks the options, the
+# version and the checksum. Written for scarthgap (CMake 3.25 or later is needed) with meta-qt5, meta-oe and meta-networking:
 #   BBFILES += "/path/of/kvsnmp/packaging/yocto/*.bb"      in the layer.conf of one of your layers
 # The sources are the tree around the recipe. For a copy of the recipe elsewhere set EXTERNALSRC, or SRC_URI and S.
 SUMMARY = "SNMP sub-agent of a public-address controller"
@@ -19,17 +19,11 @@ EXTERNALSRC_BUILD = "${WORKDIR}/build"
 # lib/libxrcommon.so below /usr:
 #   DEPENDS += "xrcommon"
 #   EXTRA_OECMAKE += "-DKVSNMP_XRCOMMON_ROOT=${STAGING_DIR_HOST}${prefix}"
-EXTRA_OECMAKE = "-DBUILD_TESTING=OFF"
+EXTRA_OECMAKE = "-DBUILD_TESTING=OFF -DKVSNMP_SYSTEMD_UNIT_DIR=${systemd_system_unitdir}"
 
 # The unit waits for the daemon's reports; without systemd they are not needed.
 PACKAGECONFIG ??= "${@bb.utils.filter('DISTRO_FEATURES', 'systemd', d)}"
 PACKAGECONFIG[systemd] = "-DKVSNMP_SYSTEMD=ON,-DKVSNMP_SYSTEMD=OFF,systemd"
-
-do_install:append() {
-    install -D -m 0644 ${S}/packaging/systemd/kvsnmp.service ${D}${systemd_system_unitdir}/kvsnmp.service
-    install -D -m 0644 ${S}/packaging/systemd/kvsnmp.tmpfiles ${D}${nonarch_libdir}/tmpfiles.d/kvsnmp.conf
-    install -D -m 0755 ${S}/packaging/init/kvsnmp ${D}${sysconfdir}/init.d/kvsnmp
-}
 
 # Only kvsnmp starts snmpd. Disable net-snmp's service, in a net-snmp_%.bbappend:
 #   SYSTEMD_AUTO_ENABLE:${PN}-server-snmpd = "disable"
@@ -44,7 +38,7 @@ FILES:${PN}-simulator = "${bindir}/talservice ${bindir}/talctl ${bindir}/kvsnmp-
 FILES:${PN}-monitoring = "${datadir}/kvsnmp-monitoring"
 CONFFILES:${PN} = "${sysconfdir}/snmp/kvagent.conf"
 
-# ps and killall. docs/integration.md lists the arguments that the device's ps has to accept.
+# ps and killall.
 RDEPENDS:${PN} = "net-snmp-server-snmpd procps psmisc"
 RRECOMMENDS:${PN} = "dbus"
 RDEPENDS:${PN}-simulator = "${PN} python3-core"

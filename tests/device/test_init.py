@@ -47,7 +47,8 @@ def test_start_status_second_start_restart_stop(device):
     assert device.read(PID_FILE) == f"{pid}\n"
     device.wait_answering()
     snmpd = device.wait_snmpd()
-    assert "MIBS=" in device.run(["cat", f"/proc/{snmpd}/environ"]).stdout.split("\0")
+    environment = device.run(["cat", f"/proc/{snmpd}/environ"]).stdout.split("\0")
+    assert "MIBS=" in environment and "PATH=/usr/libexec/kvsnmp:/usr/sbin:/usr/bin:/sbin:/bin" in environment
     assert device.run(["readlink", f"/proc/{pid}/cwd"]).stdout == "/\n"
 
     second = init(device, "start")

@@ -6,6 +6,7 @@ import os
 import re
 import shutil
 import stat
+import struct
 import subprocess
 import tempfile
 import time
@@ -105,6 +106,22 @@ def test_each_model_has_its_recording_and_each_program_its_manual_page(debs: Pat
     assert {Path(file).name.split(".")[0] for file in files if file.endswith((".1.gz", ".8.gz"))} == programs
 
 
+def test_the_packages_hold_what_cmake_installs(debs: Path, tmp_path: Path) -> None:
+    """Beside it only Debian's own files."""
+    build = next((debs / "source").glob("obj-*"))
+    components = dict.fromkeys(["runtime", "simulator", "monitoring", "doc"], set())
+    for component in components:
+        subprocess.run(["cmake", "--install", str(build), "--component", component], check=True, stdout=subprocess.DEVNULL,
+                       env=os.environ | {"DESTDIR": str(tmp_path / component)})
+        components[component] = {f"/{path.relative_to(tmp_path / component)}" for path in (tmp_path / component).rglob("*")
+                                 if path.is_symlink() or not path.is_dir()}
+    for package, component in zip(PACKAGES, ("runtime", "monitoring", "simulator")):
+        files = {file.removesuffix(".gz") for file in files_of(package, debs) if not file.endswith("/")}
+        own = {f"/usr/share/doc/{package}/{name}" for name in ("changelog", "copyright", "monitoring")}
+        documents = {file for file in components["doc"] if file.startswith(f"/usr/share/doc/{package}/")}
+        assert files - own == components[component] | documents
+
+
 def test_the_programs_find_their_libraries(root: DebianRoot) -> None:
     assert root.run("kvsnmp", "-h").stdout.startswith("kvsnmp main()\n\nUsage: kvsnmp options\n")
     assert "talservice" in root.run("talservice", "--version").stdout
@@ -117,33 +134,12 @@ def test_the_conffile_of_snmpd_is_what_the_guide_says(root: DebianRoot) -> None:
     assert " /etc/snmp/snmpd.conf " in root.run("dpkg-query", "-W", "-f", "${Conffiles}", "snmpd").stdout
 
 
-def test_a_device_of_the_installed_simulator_answers_by_name(root: DebianRoot) -> None:
-    """A sandbox inside the sandbox."""
-    script = """
-        kvsnmp-device --model 6420 > /tmp/device.log 2>&1 < /dev/null &
-        for try in $(seq 200); do
-            kvsnmp-device exec -- grep -q requestStateDataSubscribeSysMessages /var/log/kvsnmp.err 2> /dev/null &&
-                kvsnmp-device exec -- snmpget -v2c -c public -r 0 -t 1 127.0.0.1 .1.3.6.1.4.1.52717.3.1.3.0 && break
-            sleep 0.1
-        done > /dev/null 2>&1
-        kvsnmp-device list
-        echo "== walk"
-        kvsnmp-device exec -- snmpwalk -v2c -c public -M /run/device/mibs -m KVSNMP-MIB 127.0.0.1 .1.3.6.1.4.1.52717
-        kvsnmp-device stop
-        echo "== end"
-        wait
-        cat /tmp/device.log
-        kvsnmp-device list
-    """
-    answer = root.run("/bin/bash", "-c", script).stdout
-    print(answer)
-    before, _, rest = answer.partition("== walk\n")
-    walk, _, end = rest.partition("== end\n")
-    assert before.startswith("6420\tmodel 6420\town network\trunning\t")
-    cells = [line for line in walk.splitlines() if line.startswith("KVSNMP-MIB::")]
-    assert len(cells) == len(GOLDEN_WALK.splitlines())
-    assert any(re.match(r"KVSNMP-MIB::infoModelNumber\.0 = .*6420", cell) for cell in cells), cells[:8]
-    assert "change it: kvsnmp-device exec" in end and "6420\tmodel" not in end, end
+def test_a_device_of_the_simulator_passes_the_packages_own_test(root: DebianRoot) -> None:
+    """debian/tests, which first installs the packages. A sandbox inside the sandbox."""
+    root.run("apt-get", "install", "--no-install-recommends", "autopkgtest")
+    root.run("apt-get", "purge", *PACKAGES)
+    done = root.run("/bin/sh", "-c", f"autopkgtest {DEBS}/kvsnmp*.deb {DEBS}/source/ -- null")
+    assert re.search(r"^device +PASS$", done.stdout, re.MULTILINE), done.stdout
 
 
 # The unit
@@ -236,6 +232,15 @@ def wait_golden_walk(booted: Booted) -> None:
     """A walk before the data have come shows the starting values, and keeps those of the tables for 60 s."""
     wait_until(lambda: "kvsnmp_sys_messages" in booted.output("talctl", "subscriptions"), 20, "subscriptions")
     wait_until(lambda: walk(booted) == GOLDEN_WALK, 75, "the golden walk")
+
+
+def wait_next_tick(booted: Booted, poll: bool = False) -> None:
+    """The daemon has written its watchdog file again, with a walk in between if `poll`."""
+    def written() -> str:
+        return booted.output("stat", "-c", "%y", "/tmp/kvsnmp.watchdogtest")
+
+    before = written()
+    wait_until(lambda: (not poll or walk(booted)) and written() != before, 10, "a tick of 5 s")
 
 
 def status_field(booted: Booted, pid: object, name: str) -> str:
@@ -405,15 +410,8 @@ def test_neither_an_idle_nor_a_polled_device_writes_to_the_journal(booted: Boote
                for line in lines[:-1])
     cursor = booted.output("journalctl", "-n", "0", "--show-cursor").removeprefix("-- cursor: ")
 
-    def written() -> str:
-        return booted.output("stat", "-c", "%y", "/tmp/kvsnmp.watchdogtest")
-
-    def next_tick(poll: bool) -> None:
-        before = written()
-        wait_until(lambda: (not poll or walk(booted)) and written() != before, 10, "a tick of 5 s")
-
     for poll in (True, True, False, False):
-        next_tick(poll)
+        wait_next_tick(booted, poll)
     assert booted.output("journalctl", "-q", f"--after-cursor={cursor}", "-u", "kvsnmp.service") == ""
 
 
@@ -479,16 +477,40 @@ def test_the_drop_in_for_the_library_is_accepted(booted: Booted) -> None:
     booted.root.path(drop_in).unlink()
 
 
-def test_the_guide_s_ps_accepts_the_health_probe_s_options(booted: Booted) -> None:
-    probe = ["--noheaders", "-C snmpd", "-o rss"]
-    assert booted.run("ps", *probe, check=False).stdout == "", "Debian's refuses them, as the guide says"
-    write_shown_file(booted, "/usr/local/lib/kvsnmp/ps", 0o755)
-    write_shown_file(booted, "/etc/systemd/system/kvsnmp.service.d/ps.conf")
+def test_the_health_probe_leaves_snmpd_alone_for_25_minutes(booted: Booted) -> None:
+    """Of a hurried clock, with Debian's ps, whose calls are counted."""
+    folder, log = booted.root.path("/opt"), "/run/ps.log"
+    ps, procps, clock = booted.root.path("/bin/ps"), folder / "ps", folder / "clock"
+    shutil.move(ps, procps)
+    ps.write_text(f'#!/bin/sh\necho "$*" >> {log}\nexec /opt/ps "$@"\n')
+    ps.chmod(0o755)
+    subprocess.run(["cc", "-shared", "-fPIC", "-D_GNU_SOURCE", str(CHECKOUT / "tests/device/clockshift/clockshift.c"),
+                    "-o", str(folder / "clockshift.so")], check=True)
+    clock.write_bytes(struct.pack("qq", 0, 0))
+    drop_in = add_drop_in(booted, "clock", "Environment=LD_PRELOAD=/opt/clockshift.so KVSNMP_CLOCK_FILE=/opt/clock")
     restart(booted)
-    path = re.search(r"PATH=([^\0]*)", booted.output("cat", f"/proc/{main_pid(booted)}/environ"))[1]
-    rss = booted.run("/usr/bin/env", f"PATH={path}", "ps", *probe).stdout
-    assert 1000 < int(rss) < 10240
-    assert booted.output("/usr/bin/env", f"PATH={path}", "ps", "-o", "comm=", "-p", "1") == "systemd"
+    snmpd, minutes = snmpd_pids(booted), 0
+
+    def probes_after(more: int) -> list[str]:
+        nonlocal minutes
+        minutes += more
+        with clock.open("r+b") as file:
+            file.write(struct.pack("qq", minutes * 60 * 10**9, 0))
+        for _ in range(2):
+            wait_next_tick(booted)
+        return booted.output("cat", log).splitlines()
+
+    assert [len(probes_after(more)) for more in (11, 10, 4)] == [1, 2, 2]
+    assert snmpd_pids(booted) == snmpd
+
+    booted.run("kill", "-KILL", *snmpd)
+    assert probes_after(6) == 3 * ["--no-headers -C snmpd -o rss"]
+    wait_new_snmpd(booted, snmpd, "a snmpd in place of the killed one")
+    assert booted.output("journalctl", "-t", "kv-snmp").count("health check") == 1
+    assert booted.output("/usr/libexec/kvsnmp/ps", "-o", "comm=", "-p", "1") == "systemd", "other words are left alone"
+    drop_in.unlink()
+    shutil.move(procps, ps)
+    restart(booted)
 
 
 def test_further_directives_stand_in_snmpd_local_conf(booted: Booted) -> None:
@@ -526,7 +548,9 @@ def test_another_folder_in_place_of_etc_snmp_is_followed_and_writable_after_a_re
 
 
 def test_the_self_check_runs(booted: Booted) -> None:
-    assert booted.run("kvsnmp-check", check=False).returncode in (0, 1)
+    done = booted.run("kvsnmp-check", check=False)
+    print(done.stdout)
+    assert done.returncode in (0, 1) and re.search(r"^ok +health-probe", done.stdout, re.MULTILINE), done.stdout
     typed.add("kvsnmp-check")
 
 
@@ -595,7 +619,7 @@ def test_purging_leaves_nothing_of_the_packages(booted: Booted, debs: Path) -> N
     booted.run("start-stop-daemon", "--stop", "--retry", "10", "--pidfile", "/run/snmpd.pid", "--exec", "/usr/sbin/snmpd")
     booted.run("apt-get", "purge", "kvsnmp")  # the others had no conffiles and are gone already
     assert booted.output("dpkg-query", "-W", "-f", "${db:Status-Abbrev}", *PACKAGES) == ""
-    for path in ("/etc/systemd/system/kvsnmp.service.d", "/usr/local/lib/kvsnmp", "/etc/default/kvsnmp"):
+    for path in ("/etc/systemd/system/kvsnmp.service.d", "/etc/default/kvsnmp"):
         shutil.rmtree(booted.root.path(path), ignore_errors=True)  # of this test
     booted.root.path("/usr/local/bin/kvsnmp-trap-line").unlink(missing_ok=True)  # of the recipe
     ours = set().union(*(files_of(package, debs) for package in PACKAGES))

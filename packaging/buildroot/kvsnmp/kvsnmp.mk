@@ -2,8 +2,8 @@
 #
 # kvsnmp
 #
-# NOT BUILT in this project: no test runs Buildroot; a test only checks that the
-# files it names exist. In an external tree (BR2_EXTERNAL) link this folder as
+# NOT BUILT in this project: no test runs Buildroot; a test only checks the
+# options and the version. In an external tree (BR2_EXTERNAL) link this folder as
 # package/kvsnmp, source its Config.in and include this file. If the folder is
 # outside the source tree, KVSNMP_SITE does not find the sources; name them in
 # local.mk:
@@ -32,11 +32,10 @@ KVSNMP_CONF_OPTS += -DKVSNMP_SYSTEMD=OFF
 endif
 
 # A device needs neither the simulator nor the monitoring files.
-define KVSNMP_REMOVE_OTHERS
-	rm -rf $(addprefix $(TARGET_DIR)/usr/,bin/talservice bin/talctl \
-		bin/kvsnmp-device share/kvsnmp-simulator share/kvsnmp-monitoring)
+define KVSNMP_INSTALL_TARGET_CMDS
+	$(TARGET_MAKE_ENV) DESTDIR=$(TARGET_DIR) $(BR2_CMAKE) \
+		--install $(KVSNMP_BUILDDIR) --component runtime
 endef
-KVSNMP_POST_INSTALL_TARGET_HOOKS += KVSNMP_REMOVE_OTHERS
 
 # Only kvsnmp starts snmpd.
 define KVSNMP_NO_OTHER_SNMPD
@@ -45,16 +44,8 @@ define KVSNMP_NO_OTHER_SNMPD
 endef
 KVSNMP_TARGET_FINALIZE_HOOKS += KVSNMP_NO_OTHER_SNMPD
 
-define KVSNMP_INSTALL_INIT_SYSTEMD
-	$(INSTALL) -D -m 0644 $(@D)/packaging/systemd/kvsnmp.service \
-		$(TARGET_DIR)/usr/lib/systemd/system/kvsnmp.service
-	$(INSTALL) -D -m 0644 $(@D)/packaging/systemd/kvsnmp.tmpfiles \
-		$(TARGET_DIR)/usr/lib/tmpfiles.d/kvsnmp.conf
-endef
-
 define KVSNMP_INSTALL_INIT_SYSV
-	$(INSTALL) -D -m 0755 $(@D)/packaging/init/kvsnmp \
-		$(TARGET_DIR)/etc/init.d/S60kvsnmp
+	ln -sf kvsnmp $(TARGET_DIR)/etc/init.d/S60kvsnmp
 endef
 
 $(eval $(cmake-package))
