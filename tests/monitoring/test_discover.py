@@ -13,6 +13,7 @@ import shlex
 import signal
 import socket
 import subprocess
+import sys
 import threading
 import time
 from collections import Counter
@@ -28,6 +29,7 @@ from support import ber
 from support.device import Device
 from support.polling import wait_until
 
+sys.dont_write_bytecode = True  # the program is loaded here, too
 PROGRAM = CHECKOUT / "monitoring/discover/kvsnmp-discover"
 PORT = 31161
 SILENT_PORT = 31160  # a socket here receives every packet and never answers
@@ -271,13 +273,17 @@ exec /usr/bin/snmpget "$@"
     assert re.fullmatch(r"kvsnmp-discover: .+ \(1 address\)\nkvsnmp-discover: no device found\n", done.stderr)
 
 
-@pytest.fixture
-def module(monkeypatch) -> ModuleType:
-    """The program in this process."""
-    monkeypatch.setattr("sys.dont_write_bytecode", True)
+def load_program() -> ModuleType:
     loader = importlib.machinery.SourceFileLoader("discover", str(PROGRAM))
     made = importlib.util.module_from_spec(importlib.util.spec_from_loader("discover", loader))
     loader.exec_module(made)
+    return made
+
+
+@pytest.fixture
+def module(monkeypatch) -> ModuleType:
+    """The program in this process."""
+    made = load_program()
     monkeypatch.setattr(made, "hide", lambda *secrets: None)
     return made
 
