@@ -47,10 +47,10 @@ def sandbox(folder: Path, *command: str) -> str:
     binds = [word for name in ("etc", "var", "run") for word in ("--bind", str(folder / name), f"/{name}")]
     done = subprocess.run(
         ["bwrap", "--unshare-pid", "--die-with-parent", "--clearenv", "--setenv", "PATH", "/usr/sbin:/usr/bin:/sbin:/bin",
-         "--setenv", "LD_LIBRARY_PATH", LIBRARIES, "--ro-bind", "/usr", "/usr", "--tmpfs", "/usr/share",
+         "--setenv", "LD_LIBRARY_PATH", LIBRARIES, "--ro-bind", "/usr", "/usr", "--tmpfs", "/usr/share", "--tmpfs", "/tmp",
          "--ro-bind", f"{UNPACKED}/usr/share/icinga2", "/usr/share/icinga2", "--ro-bind", str(UNPACKED), str(UNPACKED),
          *[word for name in ("bin", "sbin", "lib", "lib64") for word in ("--symlink", f"usr/{name}", f"/{name}")],
-         "--dev", "/dev", "--proc", "/proc", "--tmpfs", "/tmp", *binds, *command],
+         "--dev", "/dev", "--proc", "/proc", *binds, *command],
         capture_output=True, text=True, timeout=120, check=False, stdin=subprocess.DEVNULL)
     assert done.returncode == 0, done.stdout + done.stderr
     return done.stdout
