@@ -1,6 +1,7 @@
 """The template in a real Zabbix server that watches four simulated devices; scripts/test-zabbix runs this."""
 from __future__ import annotations
 
+import json
 import re
 import time
 from collections.abc import Iterator
@@ -16,6 +17,7 @@ from support.mib import mib
 from support.polling import wait_until
 from support.snmp import COMMUNITY, NUMERIC, TABLES, parse
 from support.traps import E, Faults
+from test_discover import PORT, Agents, discover, load_program
 
 TEMPLATE = (CHECKOUT / "monitoring/zabbix/kvsnmp-template.yaml").read_text()
 EXPORTED = yaml.safe_load(TEMPLATE)["zabbix_export"]["templates"][0]
@@ -238,6 +240,55 @@ def test_inventory_is_filled(bench):
     assert {key: found[key] for key in ("name", "model", "type", "type_full", "software", "os", "hardware", "location")} == {
         "name": "pa-device", "model": "Orvane Mervio Amplifier VQ9D", "type": "6420", "type_full": "VQ9D",
         "software": "4.12.3", "os": "5.15.71", "hardware": "6420-2.1", "location": "Equipment room 1"}
+
+
+def imported(server: Server, text: str) -> list[dict[str, Any]]:
+    """The hosts as the server has them; it does not poll them."""
+    server.import_hosts(text)
+    names = [host["host"] for host in json.loads(text)["zabbix_export"]["hosts"]]
+    found = server.call("host.get", filter={"host": names}, output=["host", "name", "inventory_mode"], sortfield="host",
+                        selectInterfaces=["ip", "port", "details"], selectParentTemplates=["host"], selectTags=["tag", "value"])
+    server.call("host.massupdate", hosts=[{"hostid": host["hostid"]} for host in found], status=1)
+    assert [host["host"] for host in found] == names
+    return found
+
+
+def test_hosts_of_the_discovery_are_imported(bench):
+    """Their names are an attack."""
+    agents = Agents()
+    agents.start()
+    try:
+        text = discover("--format", "zabbix", "127.0.10.1-127.0.10.7").stdout
+    finally:
+        agents.stop()
+    exported = json.loads(text)["zabbix_export"]["hosts"]
+    assert [host["host"] for host in exported] == ["127.0.10.1", "127.0.10.4", "127.0.10.7"]
+    for host, facts in zip(imported(bench.server, text), exported):
+        (interface,) = host["interfaces"]
+        assert (host["host"], host["name"], host["tags"]) == (facts["host"], facts["name"], facts["tags"])
+        assert host["inventory_mode"] == "1"
+        assert [template["host"] for template in host["parentTemplates"]] == [EXPORTED["template"]]
+        assert (interface["ip"], interface["port"]) == (host["host"], str(PORT))
+        assert (interface["details"]["version"], interface["details"]["community"]) == ("2", "{$SNMP_COMMUNITY}")
+
+
+def test_hosts_with_version_3_are_imported(bench):
+    """With every algorithm; without the template, whose items take the server seconds a host."""
+    program, hosts = load_program(), []
+    algorithms = [("MD5", "DES"), ("SHA", "AES"), ("SHA-224", "AES-192"), ("SHA-256", "AES-256"), ("SHA-384", "AES"),
+                  ("SHA-512", "AES")]
+    for number, (authentication, privacy) in enumerate(algorithms, 101):
+        access = program.Access(PORT, "", {"defSecurityName": '"monitor"', "defSecurityLevel": "authPriv",
+                                           "defAuthType": authentication, "defPrivType": privacy}, "")
+        text = program.zabbix([program.Device(f"127.0.10.{number}", "hall", 6420, "", "", 1.0)], access)
+        export = json.loads(text)
+        hosts += [host | {"templates": []} for host in export["zabbix_export"]["hosts"]]
+    export["zabbix_export"]["hosts"] = hosts
+    details = [host["interfaces"][0]["details"] for host in imported(bench.server, json.dumps(export))]
+    assert [(one["authprotocol"], one["privprotocol"]) for one in details] == [
+        ("0", "0"), ("1", "1"), ("2", "2"), ("3", "3"), ("4", "1"), ("5", "1")]
+    assert all((one["version"], one["securityname"], one["securitylevel"], one["authpassphrase"], one["privpassphrase"]) == (
+        "3", "monitor", "2", "{$SNMP_AUTH}", "{$SNMP_PRIV}") for one in details)
 
 
 class Fault(NamedTuple):

@@ -1,6 +1,6 @@
-"""The support code of the device tests serves here, too."""
+"""The support code of the device tests serves here, too, and the agents of the discovery."""
 import sys
 from pathlib import Path
 
 sys.dont_write_bytecode = True
-sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "device"))
+sys.path[:0] = [str(Path(__file__).resolve().parents[2] / "device"), str(Path(__file__).resolve().parents[1])]

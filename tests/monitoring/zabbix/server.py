@@ -115,6 +115,11 @@ class Server:
         with open(self.folder / "traps.log", "a", encoding="utf-8") as file:
             file.write(f"{datetime.datetime.now().astimezone():%Y-%m-%dT%H:%M:%S%z} ZBXTRAP {text}")
 
+    def import_hosts(self, text: str) -> None:
+        create = {"createMissing": True, "updateExisting": True}
+        self.call("configuration.import", format="json", source=text, rules={
+            "groups": create, "hosts": create, "templateLinkage": {"createMissing": True}})
+
     def logs(self) -> str:
         return "\n".join(f"--- {file.name}\n" + "\n".join(file.read_text(errors="replace").splitlines()[-40:])
                          for file in sorted(self.folder.glob("*.log")) if file.name not in ("initdb.log", "php.log"))
