@@ -17,30 +17,6 @@ from test_discover import PORT, discover, expected, outputs  # noqa: E402, F401 
 
 CHECKS = CHECKOUT / "monitoring/checks"
 LIBRARIES = f"{UNPACKED}/usr/lib/x86_64-linux-gnu"
-# The names that the hosts use from the files of check_kvsnmp.
-NAGIOS_SITE = """\
-define hostgroup {
-    hostgroup_name  kvsnmp-devices
-}
-define service {
-    name                kvsnmp-device-service
-    use                 generic-service
-    max_check_attempts  3
-    check_interval      1
-    register            0
-}
-define service {
-    use                  kvsnmp-device-service
-    hostgroup_name       kvsnmp-devices
-    service_description  kvsnmp
-    check_command        check_kvsnmp_device_by_file!file
-}
-define command {
-    command_name  check_kvsnmp_device_by_file
-    command_line  /bin/false '$ARG1$'
-}
-"""
-
 
 def sandbox(folder: Path, *command: str) -> str:
     """Output of a command that has the packages' files where Debian installs them."""
@@ -93,8 +69,8 @@ def test_nagios_loads_the_hosts(made, folder):
     for name, value in {"nagios_user": user, "nagios_group": user, "use_syslog": "0"}.items():
         text = re.sub(rf"^{name}=.*$", f"{name}={value}", text, flags=re.MULTILINE)
     (etc / "nagios.cfg").write_text(text)
-    shutil.copy(CHECKS / "kvsnmp-commands.cfg", etc / "conf.d")
-    (etc / "conf.d/site.cfg").write_text(NAGIOS_SITE)
+    for name in ("kvsnmp-commands.cfg", "kvsnmp-device.cfg"):
+        shutil.copy(CHECKS / name, etc / "conf.d")
     (etc / "conf.d/devices.cfg").write_text(made["nagios"])
     said = sandbox(folder, f"{UNPACKED}/usr/sbin/nagios4", "-vp", "/etc/nagios4/nagios.cfg")
     assert "Total Errors:   0" in said, said
@@ -109,6 +85,7 @@ def test_nagios_loads_the_hosts(made, folder):
 def test_icinga_loads_the_hosts(made, folder):
     etc = folder / "etc/icinga2"
     (etc / "conf.d/hosts.conf").unlink()
+    shutil.copy(CHECKS / "kvsnmp-icinga2.conf", etc / "conf.d")
     (etc / "conf.d/devices.conf").write_text(made["icinga2"])
     program = f"{LIBRARIES}/icinga2/sbin/icinga2"
     as_user = ["-DRunAsUser=root", "-DRunAsGroup=root"]
