@@ -43,8 +43,9 @@ class Simulator:
         return "Listening at UDP/IPv4 endpoint" in self.log.read_text()
 
     def walk(self, name: str, oid: str) -> str:
-        done = subprocess.run(["snmpbulkwalk", *NUMERIC, "-Cr50", "-v2c", "-c", name, f"127.0.0.1:{self.port}", oid],
-                              capture_output=True, text=True, check=True, timeout=60, env=os.environ | {"MIBS": ""})
+        command = ["snmpbulkwalk", *NUMERIC, "-t5", "-Cr50", "-v2c", "-c", name, f"127.0.0.1:{self.port}", oid]
+        done = subprocess.run(command, capture_output=True, text=True, check=True, timeout=60,
+                              env=os.environ | {"MIBS": ""})
         # The recording ends there, a device goes on.
         return re.sub(r"^\S+ = No more variables left in this MIB View .*\n", "", done.stdout, flags=re.MULTILINE)
 
