@@ -8,6 +8,7 @@ import socket
 import subprocess
 from collections.abc import Iterator
 from pathlib import Path
+from tempfile import TemporaryDirectory
 
 import pytest
 from support.device import CHECKOUT
@@ -29,8 +30,7 @@ class Simulator:
         command = ["snmpsimd", f"--data-dir={data}", f"--cache-dir={folder}/cache", "--logging-method=stdout",
                    f"--agent-udpv4-endpoint=127.0.0.1:{self.port}"]
         if os.geteuid() == 0:  # it drops its rights
-            for parent in [folder, *list(folder.parents)[:2]]:
-                parent.chmod(0o755)
+            folder.chmod(0o755)
             (folder / "cache").chmod(0o777)
             command += ["--process-user=nobody", "--process-group=nogroup"]
         self.log = folder / "log"
@@ -51,14 +51,15 @@ class Simulator:
 
 
 @pytest.fixture(scope="module")
-def simulator(tmp_path_factory) -> Iterator[Simulator]:
-    folder = tmp_path_factory.mktemp("snmpsim") / "data"
-    subprocess.run([GENERATE, folder], check=True, stdout=subprocess.DEVNULL)
-    assert sorted(file.name for file in folder.iterdir()) == sorted(f"{name}.snmprec" for name in golden.NAMES)
-    simulator = Simulator(folder)
-    yield simulator
-    simulator.process.terminate()
-    simulator.process.wait(10)
+def simulator() -> Iterator[Simulator]:
+    with TemporaryDirectory() as place:  # pytest closes its own folders to other users whenever a run begins
+        folder = Path(place) / "data"
+        subprocess.run([GENERATE, folder], check=True, stdout=subprocess.DEVNULL)
+        assert sorted(file.name for file in folder.iterdir()) == sorted(f"{name}.snmprec" for name in golden.NAMES)
+        simulator = Simulator(folder)
+        yield simulator
+        simulator.process.terminate()
+        simulator.process.wait(10)
 
 
 def test_snmpsim_serves_the_golden_walks(simulator):
