@@ -4,10 +4,6 @@
 #include "check/agentxping.h"
 #include "check/localexchange.h"
 
-#include <QElapsedTimer>
-#include <QTemporaryDir>
-#include <QtTest>
-
 #include <cerrno>
 #include <cstring>
 #include <future>
@@ -31,8 +27,7 @@ public:
             qFatal("no socket for the peer");
     }
     ~Listener() { ::close(m_socket); }
-    Listener(const Listener &) = delete;
-    Listener &operator=(const Listener &) = delete;
+    Q_DISABLE_COPY(Listener)
 
     /// Returns what is asked, and sends the answer in two parts.
     QByteArray serve(const QByteArray &answer) const

@@ -5,9 +5,6 @@
 #include "support/testprogram.h"
 #include "support/undeletable.h"
 
-#include <QDir>
-#include <QTemporaryDir>
-
 #include <unistd.h>
 
 namespace {
@@ -98,5 +95,4 @@ private Q_SLOTS:
 };
 
 const TestEntry entry("tst_configfile", runTest<TestConfigFile>);
-
 #include "tst_configfile.moc"

@@ -11,9 +11,6 @@
 
 #include "device/models.h"
 
-#include <QHash>
-#include <QtTest>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -34,8 +31,7 @@ public:
         if (AllocationCount::isRunning())
             allocatedByLibrary += AllocationCount::total() - m_ours;
     }
-    InLibrary(const InLibrary &) = delete;
-    InLibrary &operator=(const InLibrary &) = delete;
+    Q_DISABLE_COPY(InLibrary)
 
 private:
     std::size_t m_ours;
@@ -229,8 +225,7 @@ private Q_SLOTS:
     void servingAllocatesNothing()
     {
         for (const std::uint32_t model : knownModels) {
-            const QByteArray name = QByteArray::number(model);
-            const AtRow at(name);
+            const AtRow at(QByteArray::number(model));
             const QString last = printedInOwnProcess([model] { serveAsModel(model); }).last();
             const QStringList numbers = last.split(QLatin1Char(' '));
             QVERIFY2(numbers.size() == 6, qPrintable(last));

@@ -184,9 +184,7 @@ private:
             notify(words[1].toLatin1(), words[2].toLatin1(), words[3], rest(4));
         else {
             const catalogue::Row parser = catalogue::rows("parsers", "parser", words[0]).first();
-            QString path = parser.text("path");
-            path.replace(qs("%1"), words[2].section(QLatin1Char('/'), 0, 0));
-            path.replace(qs("%2"), words[2].section(QLatin1Char('/'), 1));
+            const QString path = parser.pathOf(QString(words[2]).replace(QLatin1Char('/'), QLatin1Char(' ')));
             leaf(parser.latin1("reference"), words[1].toLatin1(), path, rest(3));
         }
     }
@@ -347,8 +345,7 @@ private Q_SLOTS:
     {
         const QStringList same{qs("3"), qs("03"), qs("003"), qs("3.0"), qs("3."), qs(" 3 "), qs("\n3\n")};
         for (const QString &kid : same + qs("|3.5|+3|-3|3e0|0x3|3x|3 3|three|\xd9\xa3").split(QLatin1Char('|'))) {
-            const QByteArray name = kid.toUtf8();
-            const AtRow at(name);
+            const AtRow at(kid.toUtf8());
             ScriptBench bench(6420);
             const QString lets =
                 qs("<lets><let><kid>%1</kid><enabled>true</enabled><let_description>d</let_description>"

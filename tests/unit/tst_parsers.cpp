@@ -25,13 +25,6 @@ struct Parser : Row {
     QString name() const { return text("parser"); }
     /// A model that has the last key.
     uint model() const { return keys.last().has(6420) ? 6420 : keys.last().list("models").first().toUInt(); }
-    QString pathOf(const QString &key) const
-    {
-        return text("path")
-            .replace(qs("%1"), key.section(QLatin1Char(' '), 0, 0))
-            .replace(qs("%2"), key.section(QLatin1Char(' '), 1));
-    }
-
     QVector<Row> keys;
     QVector<Word> words;
 };
@@ -180,8 +173,7 @@ private Q_SLOTS:
     {
         for (const uint model : catalogue::models() + QVector<uint>{6412})
             for (const char *description : {ordinaryDescription, "", stationCompact, stationExtended}) {
-                const QByteArray number = QByteArray::number(model);
-                const AtRow atModel(number);
+                const AtRow atModel(QByteArray::number(model));
                 const AtRow atDescription(description);
                 everyKey(model, description);
             }

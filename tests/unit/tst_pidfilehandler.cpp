@@ -5,8 +5,6 @@
 #include "support/files.h"
 #include "support/testprogram.h"
 
-#include <QTemporaryDir>
-
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -48,8 +46,7 @@ struct HeldLock {
         QCOMPARE(flock(descriptor, LOCK_EX | LOCK_NB), 0);
     }
     ~HeldLock() { close(descriptor); }
-    HeldLock(const HeldLock &) = delete;
-    HeldLock &operator=(const HeldLock &) = delete;
+    Q_DISABLE_COPY(HeldLock)
 
     int descriptor;
 };
@@ -70,7 +67,7 @@ private Q_SLOTS:
     void contentAndCheck()
     {
         const auto expectPid = [this](const QByteArray &content, pid_t read, pid_t blocking) {
-            const AtRow at(content.constData());
+            const AtRow at(content);
             const PidFileHandler handler(m_path.constData()); // removes the file
             if (!content.isNull())
                 writeFile(m_path, content);

@@ -3,8 +3,6 @@
 #include "support/testprogram.h"
 #include "support/undeletable.h"
 
-#include <QElapsedTimer>
-
 #include <csignal>
 
 #include <sys/resource.h>
@@ -375,5 +373,4 @@ private Q_SLOTS:
 };
 
 const TestEntry entry("tst_snmpdconfhandler", runTest<TestSnmpdConfHandler>);
-
 #include "tst_snmpdconfhandler.moc"

@@ -153,5 +153,4 @@ private:
 };
 
 const TestEntry entry("tst_snmpdconftext", runTest<TestSnmpdConfText>);
-
 #include "tst_snmpdconftext.moc"

@@ -3,8 +3,6 @@
 #include "support/snmpdbench.h"
 #include "support/testprogram.h"
 
-#include <QCoreApplication>
-
 #include <algorithm>
 #include <ctime>
 #include <vector>
@@ -170,7 +168,7 @@ void tryChanges(int spacingMs, int startMs)
             QStringLiteral("changes every %1 ms, snmpd starts within %2 ms, pause of %3 ms")
                 .arg(QString::number(spacingMs), QString::number(startMs), QString::number(pauseMs))
                 .toLatin1();
-        const AtRow at(trial.constData());
+        const AtRow at(trial);
         snmpd.passWithEvents(pauseMs);
         QByteArray newest;
         for (int change = 1; change <= 3; ++change) {
@@ -265,5 +263,4 @@ private Q_SLOTS:
 };
 
 const TestEntry entry("tst_snmpdrestarts", runTest<TestSnmpdRestarts>);
-
 #include "tst_snmpdrestarts.moc"

@@ -5,10 +5,6 @@
 
 #include "agent/trapgate.h"
 
-#include <QCoreApplication>
-#include <QElapsedTimer>
-#include <QFileSystemWatcher>
-
 namespace {
 
 const QString restartingLine = qs("SnmpdConfHandler onRestartSnmpdTimeout Restarting snmpd");
@@ -233,7 +229,7 @@ private Q_SLOTS:
             {QByteArray(100000, '7'), QByteArray(255, '7')}, // bounded
         };
         for (const auto &[content, argument] : rows) {
-            const AtRow at(argument.constData());
+            const AtRow at(argument);
             SnmpdBench bench;
             writeFile(bench.pidFile, content);
             bench.handler->doStartSnmpd();
@@ -270,7 +266,7 @@ private Q_SLOTS:
     void probe()
     {
         const auto expect = [](const QByteArray &output, const QString &event, const QString &line) {
-            const AtRow at(output.constData());
+            const AtRow at(output);
             SnmpdBench bench;
             bench.restartTimer()->stop();
             bench.probeOutput = output;
@@ -306,5 +302,4 @@ private Q_SLOTS:
 };
 
 const TestEntry entry("tst_snmpdsupervision", runTest<TestSnmpdSupervision>);
-
 #include "tst_snmpdsupervision.moc"

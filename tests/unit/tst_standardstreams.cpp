@@ -3,9 +3,6 @@
 
 #include "support/testprogram.h"
 
-#include <QDebug>
-#include <QTemporaryFile>
-
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -102,8 +99,7 @@ struct Ends {
         closeReader();
         close(writer);
     }
-    Ends(const Ends &) = delete;
-    Ends &operator=(const Ends &) = delete;
+    Q_DISABLE_COPY(Ends)
 
     void closeReader() { close(std::exchange(reader, -1)); }
 

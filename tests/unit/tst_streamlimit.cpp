@@ -5,9 +5,6 @@
 #include "agent/masterconnection.h"
 #include "agent/streamlimit.h"
 
-#include <QtEndian>
-#include <QtTest>
-
 #include <array>
 #include <cstdlib>
 #include <cstring>
@@ -64,8 +61,7 @@ public:
         for (const int socket : m_sockets)
             close(socket);
     }
-    Stream(const Stream &) = delete;
-    Stream &operator=(const Stream &) = delete;
+    Q_DISABLE_COPY(Stream)
 
     /// From here the master gets what it reads from its end of the connection.
     void connectToMaster()

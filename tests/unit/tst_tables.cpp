@@ -6,8 +6,6 @@
 
 #include "agent/modules.h"
 
-#include <QtTest>
-
 using catalogue::Row;
 
 namespace {

@@ -5,8 +5,6 @@
 #include "support/messagelog.h"
 #include "support/testprogram.h"
 
-#include <QtTest>
-
 #include <cerrno>
 #include <thread>
 

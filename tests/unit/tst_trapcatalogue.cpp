@@ -5,8 +5,6 @@
 #include "device/latin1.h"
 #include "device/trapcatalogue.h"
 
-#include <QSet>
-
 class TestTrapCatalogue : public QObject {
     Q_OBJECT
 
@@ -20,7 +18,7 @@ private Q_SLOTS:
         QSet<QString> allIdentifiers;
         for (int place = 0; place < rows.size(); ++place) {
             const QByteArray name = rows[place].latin1("switch");
-            const AtRow at(name.constData());
+            const AtRow at(name);
             const Trap &trap = trapCatalogue[place];
             QStringList identifiers;
             for (const std::string_view id : trap.msgIds)

@@ -8,8 +8,6 @@
 #include "agent/trapgate.h"
 #include "faults/faulthandler.h"
 
-#include <QtTest>
-
 #include <functional>
 
 namespace {

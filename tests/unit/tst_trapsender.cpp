@@ -6,8 +6,6 @@
 #include "agent/modules.h"
 #include "agent/trapgate.h"
 
-#include <QtTest>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -63,8 +61,9 @@ private Q_SLOTS:
         qputenv("TZ", "UTC");
         tzset();
         QCOMPARE(sendTrap(1, "too early", 1, "0"), -1);
-        startAgent(6410);
+        startAgent(6412); // an unknown model sends traps all the same
         QVERIFY(kvAgent->sendTrap == &sendTrap);
+        QCOMPARE(kvAgent->systemName, "");
     }
 
     void init()
@@ -98,8 +97,8 @@ private Q_SLOTS:
         QCOMPARE(sent.takeLast(), variables);
 
         const std::pair<std::string, QString> names[] = {
-            {"Hall 3", QStringLiteral("Hall 3")},
             {std::string(300, 'n'), QString(256, QLatin1Char('n'))},
+            {"Hall 3", QStringLiteral("Hall 3")},
         };
         variables.insert(3, QString()); // sysName, without an instance
         for (const auto &[name, served] : names) {

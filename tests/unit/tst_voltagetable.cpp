@@ -4,8 +4,6 @@
 
 #include "agent/modules.h"
 
-#include <QtTest>
-
 namespace {
 VoltageRecord record = {};
 } // namespace

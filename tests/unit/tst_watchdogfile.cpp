@@ -4,9 +4,6 @@
 
 #include "app/watchdogfile.h"
 
-#include <QDir>
-#include <QTemporaryDir>
-
 #include <atomic>
 #include <fcntl.h>
 #include <sys/socket.h>

@@ -17,8 +17,7 @@ class StandardOutput {
 public:
     StandardOutput();
     ~StandardOutput();
-    StandardOutput(const StandardOutput &) = delete;
-    StandardOutput &operator=(const StandardOutput &) = delete;
+    Q_DISABLE_COPY(StandardOutput)
 
     QByteArray takeText(); ///< what was written since the start or the last call
     QStringList takeLines();
@@ -66,6 +65,22 @@ QStringList snmpSet(const Objects &objects);
 /// Every answer below `object`, with GETNEXT or, when `repetitions` is above 0, with GETBULK.
 QStringList snmpWalk(const char *object, int repetitions = 0);
 
+/// A request to the agent in this process; later passes of the library answer it.
+class PendingRequest {
+public:
+    PendingRequest(int command, const QStringList &objects, int repetitions = 0, bool startCounts = false);
+    Q_DISABLE_COPY(PendingRequest)
+
+    bool isAnswered() const { return m_answered; }
+    QStringList answers() const { return m_answers; } ///< as those of snmpGet()
+
+private:
+    static int take(int operation, netsnmp_session *, int, netsnmp_pdu *pdu, void *self);
+
+    bool m_answered = false;
+    QStringList m_answers;
+};
+
 /// The name of the object in front of each answer.
 QStringList objectsOf(const QStringList &answers);
 
@@ -82,8 +97,7 @@ class AgentLog {
 public:
     AgentLog();
     ~AgentLog();
-    AgentLog(const AgentLog &) = delete;
-    AgentLog &operator=(const AgentLog &) = delete;
+    Q_DISABLE_COPY(AgentLog)
 
     QStringList lines; ///< "PRIORITY text", without a line end
 };

@@ -12,11 +12,6 @@
 #include "snmpdconf/snmpdconfhandler.h"
 #include "tal/talhandler.h"
 
-#include <QCoreApplication>
-#include <QDir>
-#include <QTemporaryDir>
-#include <QTimer>
-
 #include <memory>
 
 /// The identity files, the GPIO tree and every path of the supervision in a temporary folder; commands do nothing.
@@ -99,8 +94,7 @@ class AgentRecord {
 public:
     AgentRecord() : m_outer(kvAgent) { kvAgent = &record; }
     ~AgentRecord() { kvAgent = m_outer; }
-    AgentRecord(const AgentRecord &) = delete;
-    AgentRecord &operator=(const AgentRecord &) = delete;
+    Q_DISABLE_COPY(AgentRecord)
 
     KvAgent record{};
 

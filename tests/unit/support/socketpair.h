@@ -19,8 +19,7 @@ public:
         close(m_ends[0]);
         closeFarEnd();
     }
-    SocketPair(const SocketPair &) = delete;
-    SocketPair &operator=(const SocketPair &) = delete;
+    Q_DISABLE_COPY(SocketPair)
 
     int nearEnd() const { return m_ends[0]; }
     /// One byte for the near end, and reading it there.
