@@ -41,12 +41,8 @@ private:
 // NOLINTBEGIN(bugprone-reserved-identifier): the names are the linker's
 extern "C" {
 int __real_snmp_set_var_typed_value(netsnmp_variable_list *variable, u_char type, const void *value, std::size_t size);
-int __wrap_snmp_set_var_typed_value(netsnmp_variable_list *variable, u_char type, const void *value, std::size_t size);
 int __real_netsnmp_set_request_error(netsnmp_agent_request_info *info, netsnmp_request_info *request, int error);
-int __wrap_netsnmp_set_request_error(netsnmp_agent_request_info *info, netsnmp_request_info *request, int error);
 int __real_netsnmp_call_next_handler(netsnmp_mib_handler *handler, netsnmp_handler_registration *registration,
-                                     netsnmp_agent_request_info *info, netsnmp_request_info *requests);
-int __wrap_netsnmp_call_next_handler(netsnmp_mib_handler *handler, netsnmp_handler_registration *registration,
                                      netsnmp_agent_request_info *info, netsnmp_request_info *requests);
 
 int __wrap_snmp_set_var_typed_value(netsnmp_variable_list *variable, u_char type, const void *value, std::size_t size)
@@ -105,16 +101,11 @@ int countHandler(netsnmp_mib_handler *handler, netsnmp_handler_registration *reg
     return counted(originals[handler].handler, handler, registration, info, requests);
 }
 
-netsnmp_variable_list *countFirst(void **loop, void **data, netsnmp_variable_list *index, netsnmp_iterator_info *info)
+template <auto original>
+netsnmp_variable_list *countStep(void **loop, void **data, netsnmp_variable_list *index, netsnmp_iterator_info *info)
 {
     ++stepCalls;
-    return counted(originals[info].first, loop, data, index, info);
-}
-
-netsnmp_variable_list *countNext(void **loop, void **data, netsnmp_variable_list *index, netsnmp_iterator_info *info)
-{
-    ++stepCalls;
-    return counted(originals[info].next, loop, data, index, info);
+    return counted(originals[info].*original, loop, data, index, info);
 }
 
 int countLoad(netsnmp_cache *cache, void *magic)
@@ -137,8 +128,8 @@ void installCounters()
         for (netsnmp_mib_handler *handler = registration->handler; handler != nullptr; handler = handler->next) {
             if (QByteArray(handler->handler_name) == "table_iterator") {
                 auto *info = static_cast<netsnmp_iterator_info *>(handler->myvoid);
-                originals[info] = {nullptr, std::exchange(info->get_first_data_point, countFirst),
-                                   std::exchange(info->get_next_data_point, countNext), nullptr};
+                originals[info] = {nullptr, std::exchange(info->get_first_data_point, countStep<&Original::first>),
+                                   std::exchange(info->get_next_data_point, countStep<&Original::next>), nullptr};
             } else if (handler->next == nullptr || QByteArray(handler->handler_name) == "request_gate") {
                 originals[handler].handler = std::exchange(handler->access_method, countHandler);
             }

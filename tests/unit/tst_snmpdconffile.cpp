@@ -54,26 +54,19 @@ private Q_SLOTS:
 
     void listenAddress()
     {
-        static constexpr const char *rows[][2] = {
-            // the transport, the host and the port; 0: refused
-            {"udp:161", "udp||161"},
-            {"udp6:1161", "udp6||1161"},
-            {"161", "udp||161"},
-            {"10.0.0.1", "udp|10.0.0.1|161"},
-            {"10.0.0.1:162", "udp|10.0.0.1|162"},
-            {"udp:localhost:161", "udp|localhost|161"},
-            {"udp6:[::1]:1161", "udp6|::1|1161"},
-            {"udp6:[::1]", "udp6|::1|161"},
-            {"udp6:::1", "udp6|::1|161"},
-            {"udp:", "udp||0"},
-            {"udp:snmp", "udp|snmp|161"}, // a name
-            {"udp:161x", "udp||0"},
-            {"udp:70000", "udp||0"},
-            {"udp:0", "udp||0"},
-            {"udp6:[::1", "udp6|::1|161"},
-            {"tcp:161", "tcp||161"},
+        // clang-format off
+        static constexpr const char *rows[][2] = { // the transport, the host and the port; 0: refused
+            {"udp:161", "udp||161"},                      {"udp6:1161", "udp6||1161"},
+            {"161", "udp||161"},                          {"10.0.0.1", "udp|10.0.0.1|161"},
+            {"10.0.0.1:162", "udp|10.0.0.1|162"},         {"udp:localhost:161", "udp|localhost|161"},
+            {"udp6:[::1]:1161", "udp6|::1|1161"},         {"udp6:[::1]", "udp6|::1|161"},
+            {"udp6:::1", "udp6|::1|161"},                 {"udp6:[::1", "udp6|::1|161"},
+            {"udp:", "udp||0"},                           {"udp:snmp", "udp|snmp|161"}, // a name
+            {"udp:161x", "udp||0"},                       {"udp:70000", "udp||0"},
+            {"udp:0", "udp||0"},                          {"tcp:161", "tcp||161"},
             {"unix:/tmp/x", "unix|/tmp/x|161"},
         };
+        // clang-format on
         for (const auto &[text, meaning] : rows) {
             const AtRow at(text);
             const ListenAddress address = listenAddressOf(text);
