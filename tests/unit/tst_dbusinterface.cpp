@@ -41,7 +41,6 @@ private:
     QString m_ownerSeen;
 };
 
-/// Notes every call that the object gets.
 class CallNotes : public QDBusVirtualObject {
 public:
     QString introspect(const QString &) const override { return {}; }
@@ -194,7 +193,6 @@ private Q_SLOTS:
             {monitor, "onGpiUpdate", {2U, qs("ok_open")}, qs("/monitor/other")},
             {monitor, "onGpiUpdate", {2U, qs("ok_open")}, objectPath, qs("com.orvane.other")},
             {monitor, "onOtherUpdate", {2U, qs("ok_open")}},
-            // other types of arguments
             {monitor, "onGpiUpdate", {qs("2"), qs("ok_open")}},
             {monitor, "onGpiUpdate", {2U}},
             {monitor, "onGpoUpdate", {2U, qs("ok_set")}},

@@ -269,7 +269,6 @@ private:
         handler->onReportFault(qs(reporter), qs(ref), {}, {}, {}, {}, false);
     }
 
-    /// One event of a script.
     void run(const QString &event)
     {
         const QHash<QString, std::function<void()>> plainEvents = {

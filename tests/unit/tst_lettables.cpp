@@ -41,22 +41,19 @@ private Q_SLOTS:
                                      "3.8.2.2.1.5.3 STRING Unknown", "3.8.2.2.1.6.3 Gauge32 0"});
         const QStringList objects = objectsOf(answers);
         QCOMPARE(snmpGet(objects), answers);
-        const struct {
-            std::uint8_t &changed;
-            const char *answer;
-        } changes[] = {
+        const std::pair<std::uint8_t &, const char *> changes[] = {
             {let.changed.status, "3.8.2.2.1.3.3 INTEGER 4"},
             {let.changed.softwareVersion, "3.8.2.2.1.4.3 STRING 1.2.3"},
             {let.changed.hardwareVersion, "3.8.2.2.1.5.3 STRING B4"},
             {let.changed.voltage, "3.8.2.2.1.6.3 Gauge32 23900"},
         };
         int place = 0;
-        for (const auto &change : changes) {
-            change.changed = 1;
+        for (const auto &[changed, answer] : changes) {
+            changed = 1;
             init();
-            answers[place++] = QString::fromLatin1(change.answer); // and nothing else
+            answers[place++] = QString::fromLatin1(answer); // and nothing else
             QCOMPARE(snmpGet(objects), answers);
-            QCOMPARE(int{change.changed}, 0);
+            QCOMPARE(int{changed}, 0);
         }
     }
 

@@ -72,7 +72,6 @@ int __wrap_netsnmp_call_next_handler(netsnmp_mib_handler *handler, netsnmp_handl
 // NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
-/// Runs one of our functions under the count.
 template <typename Function, typename... Arguments>
 auto counted(Function function, Arguments... arguments)
 {
@@ -181,7 +180,6 @@ int throughAgentLibrary()
     return result;
 }
 
-/// Ways to allocate, by whichever library.
 constexpr struct {
     const char *name;
     int (*function)();

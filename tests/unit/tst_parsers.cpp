@@ -79,7 +79,6 @@ public:
         : TalBench(number, description), model(number)
     {}
 
-    /// The changed fields, sorted.
     QStringList send(const Parser &parser, const QString &op, const QString &key, const QString &text)
     {
         log.takeLines();
@@ -122,7 +121,6 @@ QStringList expectedChanges(const Parser &parser, uint model, const QString &fie
     return changes;
 }
 
-/// The debug lines of a stored value.
 QStringList storedLines(const Parser &parser, uint model, const QString &key, const QString &field,
                         const QString &value)
 {
@@ -138,7 +136,6 @@ QStringList storedLines(const Parser &parser, uint model, const QString &key, co
     return {};
 }
 
-/// The debug line about an operation that is not known.
 QString complaint(const Parser &parser, const QString &op, const QString &key)
 {
     const QString path = parser.pathOf(key);

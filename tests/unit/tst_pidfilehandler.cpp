@@ -27,7 +27,6 @@ pid_t deadPid()
     return pid;
 }
 
-/// A locked file; unlocked when this object is destroyed.
 struct HeldLock {
     explicit HeldLock(const QByteArray &path) : descriptor(open(path.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600))
     {

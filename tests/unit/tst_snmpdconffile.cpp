@@ -36,20 +36,15 @@ class TestSnmpdConfFile : public QObject {
 private Q_SLOTS:
     void words()
     {
-        const struct {
-            const char *line;
-            QList<QByteArray> words;
-        } rows[] = {
+        const std::pair<const char *, QByteArrayList> rows[] = {
             {" a \t b\r", {"a", "b"}},
             {"access G \"\" 'x y'", {"access", "G", "", "x y"}},
             {"\"a\\\"b\"", {"a\"b"}},
             {"\"a b", {"a b"}}, // a quote never closed
             {"  ", {}},
         };
-        for (const auto &row : rows) {
-            const AtRow at(row.line);
-            QCOMPARE(confWords(row.line), row.words);
-        }
+        for (const auto &[line, words] : rows)
+            QCOMPARE(confWords(line), words);
     }
 
     void listenAddress()

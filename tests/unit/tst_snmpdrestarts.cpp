@@ -57,7 +57,6 @@ public:
         }
     }
 
-    /// Like pass(), with the event loop running.
     void passWithEvents(int ms)
     {
         for (; ms > 0; ms -= stepMs) {

@@ -39,7 +39,6 @@ struct UnwatchedBench : SnmpdBench {
     }
 };
 
-/// A bench on which snmpd has started once.
 struct StartedBench : SnmpdBench {
     StartedBench()
     {

@@ -341,7 +341,6 @@ private Q_SLOTS:
     }
 
 private:
-    /// One event of a script.
     static QString run(SettingsBench &bench, const QString &event)
     {
         const auto word = [&](int place) { return event.section(QLatin1Char(' '), place, place); };

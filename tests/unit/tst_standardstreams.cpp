@@ -65,7 +65,6 @@ bool isNonBlocking(int descriptor)
     return (fcntl(descriptor, F_GETFL) & O_NONBLOCK) != 0;
 }
 
-/// What can be read without waiting.
 QByteArray available(int descriptor)
 {
     QByteArray content;
@@ -85,7 +84,6 @@ bool makePipe(int *ends)
     return pipe2(ends, O_CLOEXEC) == 0;
 }
 
-/// Both ends are closed with this object.
 struct Ends {
     explicit Ends(bool (*make)(int *ends))
     {

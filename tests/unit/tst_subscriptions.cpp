@@ -35,7 +35,6 @@ QStringList requestNames()
     return names;
 }
 
-/// A client of one model that is connected to a data service.
 struct Bench {
     TalPeer peer;
     MessageLog log;
@@ -50,7 +49,6 @@ struct Bench {
         log.takeLines();
     }
 
-    /// All requests since the last call.
     QByteArrayList sent()
     {
         const QByteArray lastWord = "<request><ref>last_word</ref></request>";

@@ -7,7 +7,6 @@ namespace {
 const QString listPath = QStringLiteral("/state/sys_messages/sys_message");
 const QString messagePath = listPath + qs("[reporter='amp'][rep_ref='7']");
 
-/// A bench that keeps each report as one line.
 class FaultBench : public TalBench {
 public:
     FaultBench() : TalBench(6914)
@@ -20,7 +19,6 @@ public:
                          });
     }
 
-    /// What one system message notification reports.
     QString message(const char *op, const QString &rPath, const QString &data)
     {
         m_reports.clear();

@@ -43,7 +43,6 @@ void request(const QString &xml)
     TalInterface::requestData(xml, TALTARGET_DEFAULT);
 }
 
-/// A data service, and a client that is connected to it.
 struct Bench {
     TalPeer peer;
     std::unique_ptr<TalInterface> tal = std::make_unique<TalInterface>(nullptr);
@@ -57,7 +56,6 @@ struct Bench {
         logLines.clear();
     }
 
-    /// The next request.
     QString sent()
     {
         [this] { QTRY_COMPARE(peer.messages().size(), 1); }();

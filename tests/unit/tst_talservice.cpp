@@ -39,7 +39,6 @@ QByteArray editRequest(const char *operation, const char *path, const char *data
            "</edit></request>" + '\0';
 }
 
-/// A data service of one model in this process.
 struct Service {
     QTemporaryDir folder;
     QString talPath = folder.filePath("tal.sock");
@@ -58,7 +57,6 @@ struct Service {
     }
 };
 
-/// A client of the data service.
 struct Client {
     QLocalSocket socket;
     QByteArray received;

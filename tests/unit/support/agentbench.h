@@ -27,10 +27,8 @@ private:
     int m_outer;
 };
 
-/// The expected lines of an output.
 QStringList lines(std::initializer_list<const char *> texts);
 
-/// What `body` prints.
 QStringList printed(const std::function<void()> &body);
 
 /// Runs `body` in a process of its own and returns the lines that it wrote to standard output. A process that does not
@@ -60,7 +58,6 @@ QStringList snmpGet(const Objects &objects);
 QStringList snmpGetNext(const Objects &objects);
 /// The same as a master asks when it allows an object itself as the answer.
 QStringList snmpGetNextFrom(const Objects &objects);
-/// A SET of INTEGER 1.
 QStringList snmpSet(const Objects &objects);
 /// Every answer below `object`, with GETNEXT or, when `repetitions` is above 0, with GETBULK.
 QStringList snmpWalk(const char *object, int repetitions = 0);
@@ -89,7 +86,6 @@ netsnmp_cache *cacheOf(const char *tableObject);
 /// Lets the next request for the table load again, as 60 s do.
 void expireCache(const char *tableObject);
 
-/// Sets a text with its length.
 void fill(InfoText &field, const char *value);
 
 /// The lines of the agent library's log while one lives.

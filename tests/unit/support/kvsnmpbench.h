@@ -54,7 +54,6 @@ public:
     QByteArray watchdogFile;
 };
 
-/// An application object on a new device.
 class Bench {
 public:
     explicit Bench(int model, TalPeer::Start start = TalPeer::Start::NotListening)
@@ -104,7 +103,6 @@ private:
 
 inline QStringList sentTraps; ///< "NUMBER LEVEL TEXT", taken by noteTrap()
 
-/// A trap sender that sends nothing.
 inline int noteTrap(std::uint32_t trapNumber, const char *description, std::int32_t level, const char *)
 {
     sentTraps.append(QStringLiteral("%1 %2 %3").arg(trapNumber).arg(level).arg(qs(description)));

@@ -92,7 +92,6 @@ public:
     }
     static bool isProlonged(const QTimer *timer) { return timer->remainingTime() > 30000; }
 
-    /// Runs the settings timer out at once.
     void settle() { handler->slotSnmpdConfSysSettingUpdate(); }
 
     QByteArray configText() const { return readFile(configFile); }

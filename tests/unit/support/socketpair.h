@@ -37,7 +37,6 @@ public:
         while (poll(&writable, 1, 0) == 1 && write(m_ends[0], unread, sizeof unread) > 0) {
         }
     }
-    /// Reads at the far end all that is there.
     void drain() const
     {
         char taken[1000];
