@@ -74,17 +74,17 @@ void callFunctionsOf(netsnmp_handler_registration &object, netsnmp_cache *cache)
         std::printf("%s\n", qPrintable(log.lines.join(QLatin1Char(' '))));
         return;
     }
-    std::printf("%d\n", last->access_method(nullptr, nullptr, nullptr, nullptr));
+    const int handled = last->access_method(nullptr, nullptr, nullptr, nullptr);
     void *loop = nullptr;
     void *row = nullptr;
     netsnmp_variable_list index = {};
-    std::printf("%d\n", iterator->get_next_data_point(&loop, &row, &index, nullptr) == nullptr);
-    std::printf("%d\n", cache->timeout);
+    const bool isEmpty = iterator->get_next_data_point(&loop, &row, &index, nullptr) == nullptr;
     cache->free_cache(nullptr, nullptr);
-    std::printf("%d\n", cache->load_cache(nullptr, nullptr)); // no record is set
+    const int withoutRecord = cache->load_cache(nullptr, nullptr);
     KvAgent *agent = std::exchange(kvAgent, nullptr);
-    std::printf("%d\n", cache->load_cache(nullptr, nullptr));
+    const int withoutAgent = cache->load_cache(nullptr, nullptr);
     kvAgent = agent;
+    std::printf("%d %d %d %d %d\n", handled, isEmpty, cache->timeout, withoutRecord, withoutAgent);
 }
 } // namespace
 
@@ -188,12 +188,12 @@ private Q_SLOTS:
             expected << name + QLatin1String(" 1");
             if (object.text("syntax") == QLatin1String("table")) {
                 const QString shared = functionsOf(name);
-                expected << shared + QLatin1String("_handler() ERROR reqinfo was NULL ") << QStringLiteral("3")
-                         << name + QLatin1String("_get_next_data_point()") << QStringLiteral("1")
-                         << QStringLiteral("60") << shared + QLatin1String("_free()") << name + QLatin1String("_load()")
+                expected << shared + QLatin1String("_handler() ERROR reqinfo was NULL ")
+                         << name + QLatin1String("_get_next_data_point()") << shared + QLatin1String("_free()")
+                         << name + QLatin1String("_load()")
                          << QStringLiteral("%1_load() kvAgent->tal%2Data == NULL").arg(name, capital(shared))
-                         << QStringLiteral("-1") << name + QLatin1String("_load()")
-                         << name + QLatin1String("_load() kvAgent == NULL") << QStringLiteral("-1");
+                         << name + QLatin1String("_load()") << name + QLatin1String("_load() kvAgent == NULL")
+                         << QStringLiteral("3 1 60 -1 -1");
             } else {
                 const QString logged =
                     name == QLatin1String("letChannel2Count") ? QStringLiteral("letChannel1Count") : name; // intended

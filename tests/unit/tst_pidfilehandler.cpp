@@ -134,22 +134,12 @@ private Q_SLOTS:
 
     void failureHasItsMessageAndErrno()
     {
-        const struct {
-            const char *target; // of a link at the path; null: a file whose lock is held
-            int error;
-            QByteArray out;
-            QByteArray err;
-        } rows[] = {
-            {"/nonexistent/kvsnmp.pid", ENOENT, {}, "Can't open or create " + m_path + ".\n"},
-            {nullptr, EWOULDBLOCK, "Can't lock, lock is held by pid 4711.\n", {}},
-            {"/dev/full", ENOSPC, "Can't write pid , No space left on device.\n", {}},
-        };
-        for (const auto &row : rows)
+        // `target`: of a link at the path; null: a file whose lock is held
+        const auto expect = [this](const char *target, int error, const QByteArray &out, const QByteArray &err) {
             for (const bool canPrint : {true, false}) { // a lost message does not change errno
-                const AtRow at(row.target == nullptr ? "held lock" : row.target);
                 QScopedPointer<HeldLock> lock;
-                if (row.target != nullptr) {
-                    QCOMPARE(symlink(row.target, m_path.constData()), 0);
+                if (target != nullptr) {
+                    QCOMPARE(symlink(target, m_path.constData()), 0);
                 } else {
                     writeFile(m_path, "4711\n");
                     lock.reset(new HeldLock(m_path));
@@ -161,16 +151,20 @@ private Q_SLOTS:
                         close(STDERR_FILENO);
                     }
                     const PidFileHandler handler(m_path.constData());
-                    _exit(handler.writePid() == 0 && errno == row.error ? 0 : 1); // the file stays
+                    _exit(handler.writePid() == 0 && errno == error ? 0 : 1); // the file stays
                     return 0;
                 });
                 QVERIFY(child.exitedWith(0));
-                QCOMPARE(child.out, canPrint ? row.out : QByteArray());
-                QCOMPARE(child.err, canPrint ? row.err : QByteArray());
-                if (canPrint && row.target == nullptr)
+                QCOMPARE(child.out, canPrint ? out : QByteArray());
+                QCOMPARE(child.err, canPrint ? err : QByteArray());
+                if (canPrint && target == nullptr)
                     QCOMPARE(readFile(m_path), "4711\n");
                 QCOMPARE(unlink(m_path.constData()), 0);
             }
+        };
+        expect("/nonexistent/kvsnmp.pid", ENOENT, {}, "Can't open or create " + m_path + ".\n");
+        expect(nullptr, EWOULDBLOCK, "Can't lock, lock is held by pid 4711.\n", {});
+        expect("/dev/full", ENOSPC, "Can't write pid , No space left on device.\n", {});
     }
 
     /// Whoever gets the lock writes; the other one waits or is refused. The file never holds a mix.

@@ -129,19 +129,14 @@ private Q_SLOTS:
                 if (closed)
                     ends.closeReader();
                 QVERIFY(runsToItsEnd(ends.writer, printTooMuch));
-                QVERIFY(closed || available(ends.reader).startsWith(longLine));
+                const QByteArray content = closed ? QByteArray() : available(ends.reader);
+                QVERIFY(closed || content.size() > 4096);
+                if (row.make == makePipe) // whole lines
+                    QCOMPARE(content, (QByteArray(longLine) + '\n').repeated(content.count('\n')));
+                QVERIFY(closed || content.startsWith(longLine));
                 if (row.keepsItsFlags)
                     QVERIFY(!isNonBlocking(ends.writer));
             }
-    }
-
-    void unreadPipeHoldsWholeLines()
-    {
-        const Ends ends(makePipe);
-        QVERIFY(runsToItsEnd(ends.writer, printTooMuch));
-        const QByteArray content = available(ends.reader);
-        QVERIFY(content.size() > 4096);
-        QCOMPARE(content, (QByteArray(longLine) + '\n').repeated(content.count('\n')));
     }
 
     void linesAreWrittenAtOnceAndAgainAfterAJam()

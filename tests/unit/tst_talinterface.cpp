@@ -192,9 +192,7 @@ private Q_SLOTS:
         logLines.clear();
         b.tal.reset();
         subscribe("r", "/a", "change", "true");
-        QCOMPARE(logged(QtDebugMsg).size(), 1);
         request(qs("<x/>"));
-        QCOMPARE(logged(QtDebugMsg).size(), 2);
         edit("r", "/a", "create", "<a/>");
         QCOMPARE(logged(QtDebugMsg).size(), 3);
         QCOMPARE(logLines.size(), 3);
@@ -209,15 +207,14 @@ private Q_SLOTS:
         const QSignalSpy connected(&tal, &TalInterface::talLocalUnixSocketConnectedSignal);
         request(qs("too early"));
         QCOMPARE(logged(QtDebugMsg).size(), 1);
-        QCOMPARE(logLines.size(), 1);
         QTRY_COMPARE(connected.count(), 1);
         request(qs("in time"));
         QTRY_COMPARE(peer.messages(), QByteArrayList({"in time"})); // the dropped one is not sent later
         peer.shutDown();
-        QTRY_VERIFY(logged(QtDebugMsg).size() == 2); // the loss
+        QTRY_COMPARE(logged(QtDebugMsg).size(), 2); // the loss
         request(qs("too late"));
         QCOMPARE(logged(QtDebugMsg).size(), 3);
-        QCOMPARE(logged(QtWarningMsg), QStringList());
+        QCOMPARE(logLines.size(), 3); // no warning
     }
 
     void requestThatCannotBeFramed()
