@@ -50,6 +50,7 @@ private Q_SLOTS:
         QCOMPARE(int{kvAgent->ampType}, 3);
         QCOMPARE(kvAgent->modelText, "Some Device");
         QCOMPARE(kvAgent->infoData->modelType.text, kvAgent->modelText);
+        QCOMPARE(snmpGet("3.1.3.0"), lines({"3.1.3.0 INTEGER 6420"})); // the information is served
         QVERIFY(serving().processTimer()->isActive());
         QVERIFY(serving().child<DescriptorWatch>()->findChild<QSocketNotifier *>() != nullptr);
     }

@@ -353,9 +353,7 @@ private Q_SLOTS:
 
     void wrongTreeFiles()
     {
-        static constexpr struct {
-            const char *xml, *error;
-        } rows[] = {
+        static constexpr const char *rows[][2] = {
             {"<tree><state></tree>", "1.xml: malformed XML"},
             {"<state/>", "the root of a tree file is <tree>"},
             {"<tree><x/></tree>", "neither <include> nor <state>: x"},

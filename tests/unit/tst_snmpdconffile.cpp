@@ -110,11 +110,8 @@ private Q_SLOTS:
 
     void wholeFile()
     {
-        static constexpr struct {
-            const char *name;
-            const char *text;
-            const char *meaning;
-        } rows[] = {
+        static constexpr const char *rows[][3] = {
+            // a name, the text and its meaning
             {"written by the daemon",
              "master agentx\n"
              "sysName amp\n"
@@ -148,9 +145,9 @@ private Q_SLOTS:
              "rocommunity block\n",
              "/var/agentx/master; v1 v2c; 2 default line, 6 default block; udp:161; "},
         };
-        for (const auto &row : rows) {
-            const AtRow at(row.name);
-            QCOMPARE(meaningOf(SnmpdConf(row.text)), row.meaning);
+        for (const auto &[name, text, meaning] : rows) {
+            const AtRow at(name);
+            QCOMPARE(meaningOf(SnmpdConf(text)), meaning);
         }
     }
 };
