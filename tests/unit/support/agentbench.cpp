@@ -1,18 +1,13 @@
 // The agent on the bench.
 #include "support/agentbench.h"
+#include "support/childprocess.h"
 
 #include "device/boundedtext.h"
 
 #include <QFile>
 #include <QTemporaryDir>
 
-#include <cstdio>
-#include <cstdlib>
 #include <vector>
-
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 extern "C" {
 extern int callback_master_num; // the agent's end of the internal transport; in no public header
@@ -130,11 +125,7 @@ StandardOutput::~StandardOutput()
 QByteArray StandardOutput::takeText()
 {
     std::fflush(stdout);
-    QByteArray text;
-    lseek(m_file, 0, SEEK_SET);
-    char buffer[4096];
-    for (ssize_t count = 0; (count = read(m_file, buffer, sizeof(buffer))) > 0;)
-        text.append(buffer, static_cast<int>(count));
+    const QByteArray text = contentOf(m_file);
     if (ftruncate(m_file, 0) == 0)
         lseek(m_file, 0, SEEK_SET);
     return text;
