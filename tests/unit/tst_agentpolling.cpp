@@ -5,46 +5,14 @@
 
 #include "app/descriptorwatch.h"
 
-#include <QRegularExpression>
-#include <QSocketNotifier>
-#include <QtTest>
-
 #include <algorithm>
 #include <memory>
 #include <vector>
 
-extern "C" {
-extern int callback_master_num; // the agent's end of the library's internal transport; in no public header
-}
-
 namespace {
 
-/// Sends a GET to the agent in this process; a later pass of the library answers.
-class PendingGet {
-public:
-    PendingGet()
-    {
-        static netsnmp_session *const manager = netsnmp_callback_open(callback_master_num, take, nullptr, nullptr);
-        netsnmp_pdu *pdu = snmp_pdu_create(SNMP_MSG_GET);
-        pdu->version = 0xC1; // AgentX, as what comes from a master
-        pdu->flags |= UCD_MSG_FLAG_ALWAYS_IN_VIEW;
-        constexpr oid modelNumber[] = {1, 3, 6, 1, 4, 1, 52717, 3, 1, 0};
-        snmp_add_null_var(pdu, modelNumber, std::size(modelNumber));
-        if (snmp_async_send(manager, pdu, take, this) == 0)
-            qFatal("not sent");
-    }
-
-    bool isAnswered() const { return m_answered; }
-
-private:
-    static int take(int operation, netsnmp_session *, int, netsnmp_pdu *, void *self)
-    {
-        if (operation == NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE)
-            static_cast<PendingGet *>(self)->m_answered = true;
-        return 1;
-    }
-
-    bool m_answered = false;
+struct PendingGet : PendingRequest {
+    PendingGet() : PendingRequest(SNMP_MSG_GET, {qs("3.1.0")}) {}
 };
 
 /// As the library does when the master has accepted or lost the sub-agent.
@@ -82,6 +50,7 @@ private Q_SLOTS:
         QCOMPARE(int{kvAgent->ampType}, 3);
         QCOMPARE(kvAgent->modelText, "Some Device");
         QCOMPARE(kvAgent->infoData->modelType.text, kvAgent->modelText);
+        QCOMPARE(snmpGet("3.1.3.0"), lines({"3.1.3.0 INTEGER 6420"})); // the information is served
         QVERIFY(serving().processTimer()->isActive());
         QVERIFY(serving().child<DescriptorWatch>()->findChild<QSocketNotifier *>() != nullptr);
     }

@@ -4,10 +4,6 @@
 #include "check/agentxping.h"
 #include "check/localexchange.h"
 
-#include <QElapsedTimer>
-#include <QTemporaryDir>
-#include <QtTest>
-
 #include <cerrno>
 #include <cstring>
 #include <future>
@@ -18,7 +14,6 @@
 
 namespace {
 
-/// Accepts one connection on demand.
 class Listener {
 public:
     explicit Listener(const QByteArray &path) : m_socket(::socket(AF_UNIX, SOCK_STREAM, 0))
@@ -31,8 +26,7 @@ public:
             qFatal("no socket for the peer");
     }
     ~Listener() { ::close(m_socket); }
-    Listener(const Listener &) = delete;
-    Listener &operator=(const Listener &) = delete;
+    Q_DISABLE_COPY(Listener)
 
     /// Returns what is asked, and sends the answer in two parts.
     QByteArray serve(const QByteArray &answer) const
@@ -62,25 +56,21 @@ private Q_SLOTS:
     {
         const QByteArray response = QByteArray::fromHex("0112100000000000000000000000000100000008"
                                                         "0000005301010000");
-        const struct {
-            const char *name;
-            QByteArray text;
-            bool answers;
-        } rows[] = {
-            {"a master", response, true},
-            {"closes at once", {}, false},
-            {"too short", response.left(19), false},
-            {"another version", "\x02" + response.mid(1), false},
-            {"another protocol", QByteArray(40, 'x'), false},
+        const std::pair<const char *, QByteArray> rows[] = {
+            {"a master", response},
+            {"closes at once", {}},
+            {"too short", response.left(19)},
+            {"another version", "\x02" + response.mid(1)},
+            {"another protocol", QByteArray(40, 'x')},
         };
-        for (const auto &row : rows) {
-            const AtRow at(row.name);
+        for (const auto &[name, text] : rows) {
+            const AtRow at(name);
             init();
             const Listener listener(path());
-            auto asked = std::async(std::launch::async, [&] { return listener.serve(row.text); });
+            auto asked = std::async(std::launch::async, [&, text = text] { return listener.serve(text); });
             const AgentxAnswer answer = pingAgentx(path(), 5000);
             QVERIFY(answer.connected);
-            QCOMPARE(answer.answered, row.answers);
+            QCOMPARE(answer.answered, text == response);
             QCOMPARE(asked.get().toHex(), QByteArray("010d100000000000000000000000000100000000")); // without a session
         }
     }

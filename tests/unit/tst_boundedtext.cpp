@@ -17,29 +17,26 @@ class TestBoundedText : public QObject {
 private Q_SLOTS:
     void copiesWhatFits()
     {
-        static const struct {
-            const char *name;
-            std::string text;
-            std::string kept;
-        } rows[] = {
-            {"empty", "", ""},
-            {"one less than the buffer", "1234567", "1234567"},
-            {"as long as the buffer", "12345678", "1234567"},
-            {"one more than the buffer", "123456789", "1234567"},
-            {"very long", std::string(100000, 'x'), "xxxxxxx"},
-            {"bytes above 127", "\xe4\xf6\xfc", "\xe4\xf6\xfc"},
-            {"zero inside the text", std::string("a\0b", 3), std::string("a\0b", 3)},
+        const std::pair<std::string, std::string> rows[] = {
+            // a text, and what an 8-byte buffer keeps of it
+            {"", ""},
+            {"1234567", "1234567"},
+            {"12345678", "1234567"},
+            {"123456789", "1234567"},
+            {std::string(100000, 'x'), "xxxxxxx"},
+            {"\xe4\xf6\xfc", "\xe4\xf6\xfc"},
+            {std::string("a\0b", 3), std::string("a\0b", 3)},
         };
-        for (const auto &row : rows) {
-            const AtRow at(row.name);
+        for (const auto &[text, kept] : rows) {
+            const AtRow at(text.c_str());
             struct {
                 char buffer[8];
                 char after[4];
             } memory;
             std::memset(&memory, '#', sizeof memory);
-            QCOMPARE(copyBounded(memory.buffer, row.text), std::uint32_t(row.kept.size()));
-            const std::string untouched(8 - row.kept.size() - 1, '#');
-            QCOMPARE(std::string(memory.buffer, 8), row.kept + '\0' + untouched);
+            QCOMPARE(copyBounded(memory.buffer, text), std::uint32_t(kept.size()));
+            const std::string untouched(8 - kept.size() - 1, '#');
+            QCOMPARE(std::string(memory.buffer, 8), kept + '\0' + untouched);
             QCOMPARE(std::string(memory.after, 4), std::string("####"));
         }
         char terminatorOnly[1] = {'#'};

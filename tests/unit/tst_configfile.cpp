@@ -5,9 +5,6 @@
 #include "support/testprogram.h"
 #include "support/undeletable.h"
 
-#include <QDir>
-#include <QTemporaryDir>
-
 #include <unistd.h>
 
 namespace {
@@ -72,20 +69,17 @@ private Q_SLOTS:
 
     void fileThatLeadsElsewhereIsLeftAlone()
     {
-        static constexpr struct {
-            const char *name;
-            int (*make)(const char *path, const char *other);
-        } rows[] = {
+        static constexpr std::pair<const char *, int (*)(const char *path, const char *other)> rows[] = {
             {"symbolic link", [](const char *path, const char *other) { return symlink(other, path); }},
             {"hard link", [](const char *path, const char *other) { return link(other, path); }},
             {"pipe", [](const char *path, const char *) { return mkfifo(path, 0666); }},
         };
-        for (const auto &row : rows) {
-            const AtRow at(row.name);
+        for (const auto &[name, make] : rows) {
+            const AtRow at(name);
             const Place place;
             writeFile(place.other, "somebody else's\n");
             QCOMPARE(chmod(place.other.constData(), 0666), 0);
-            QCOMPARE(row.make(place.path.constData(), place.other.constData()), 0);
+            QCOMPARE(make(place.path.constData(), place.other.constData()), 0);
             const mode_t mode = statusOf(place.path).st_mode;
             const ConfigFileResult result = place.write();
             QCOMPARE(result.outcome, Outcome::LeftAlone);
@@ -98,5 +92,4 @@ private Q_SLOTS:
 };
 
 const TestEntry entry("tst_configfile", runTest<TestConfigFile>);
-
 #include "tst_configfile.moc"

@@ -9,8 +9,6 @@
 #include "simulator/treefiles.h"
 #include "simulator/treexml.h"
 
-#include <QRegularExpression>
-
 using namespace simulator;
 
 namespace {
@@ -332,34 +330,6 @@ private Q_SLOTS:
         }
     }
 
-    void faultsAreSystemMessages()
-    {
-        Bench bench({"/state/sys_messages/sys_message"});
-        QVERIFY(!raiseFault(bench.tree, {"amp", "7", "fan_not_running", "crit", "no fan", "0"}, false));
-        QVERIFY(!clearFault(bench.tree, "amp", "7"));
-        const QString node = " /state/sys_messages/sys_message[reporter='amp'][rep_ref='7'] <sys_message>"
-                             "<reporter>amp</reporter><rep_ref>7</rep_ref><msgdata><fan_not_running/></msgdata>"
-                             "<text>no fan</text><timestamp>0</timestamp><level>crit</level></sys_message>";
-        QCOMPARE(bench.messages, (QStringList{"create" + node, "delete" + node})); // sent as it was
-
-        const Fault fault{"amp 1/]", "7", "", "", "<text>", "0x10"};
-        QVERIFY(!raiseFault(bench.tree, fault, false));
-        QVERIFY(isRefused(raiseFault(bench.tree, fault, false), "is there already"));
-        QVERIFY(!raiseFault(bench.tree, {"amp 1/]", "7", "let_fail", "err", "", ""}, true));
-        QVERIFY(!raiseFault(bench.tree, {"b", "1", "custom_msg", "notice", "t", "0"}, true)); // nothing to replace
-        QVERIFY(isRefused(raiseFault(bench.tree, {"it's", "7", "", "", "", ""}, false), "apostrophe"));
-        QVERIFY(isRefused(raiseFault(bench.tree, {"a", "7", "<x>", "", "", ""}, false), "not a message identifier"));
-        QVERIFY(isRefused(raiseFault(bench.tree, {"a", "7", "x", "", "\x02", ""}, false), "control character"));
-        QVERIFY(isRefused(clearFault(bench.tree, "a", "7"), "no such node"));
-
-        const std::vector<Fault> list = faults(bench.tree);
-        QCOMPARE(list.size(), std::size_t{2});
-        QCOMPARE(list[0].reporter, std::string("amp 1/]"));
-        QCOMPARE(list[0].id, std::string("let_fail"));
-        QCOMPARE(list[0].timestamp, std::string());
-        QCOMPARE(list[1].level, std::string("notice"));
-    }
-
     void treeOfEveryModel()
     {
         QStringList models;
@@ -383,9 +353,7 @@ private Q_SLOTS:
 
     void wrongTreeFiles()
     {
-        static constexpr struct {
-            const char *xml, *error;
-        } rows[] = {
+        static constexpr const char *rows[][2] = {
             {"<tree><state></tree>", "1.xml: malformed XML"},
             {"<state/>", "the root of a tree file is <tree>"},
             {"<tree><x/></tree>", "neither <include> nor <state>: x"},
@@ -420,14 +388,12 @@ private:
             QStringList expected;
             for (const catalogue::Row &key : catalogue::rows("keys"))
                 if (key.list("parser").contains(name) && key.has(model))
-                    expected << QString(path)
-                                    .replace("%1", key["key"].section(' ', 0, 0))
-                                    .replace("%2", key["key"].section(' ', 1));
+                    expected << parser.pathOf(key["key"]);
             if (name == "power_monitored" && expected.isEmpty()) // subscribed to, and ignored
-                expected << QString(path).replace("%1", model == 6425 ? "dc_power" : "ac_power");
+                expected << parser.pathOf(model == 6425 ? "dc_power" : "ac_power");
             if (name == "gpio_type") // feeds the GPIO control
                 for (int number = 1; number <= 14; ++number)
-                    expected << QString(path).replace("%1", QString::number(number));
+                    expected << parser.pathOf(QString::number(number));
             if (name == "class_d" && model != 6425) // feeds the channels' status
                 expected << path;
             expected.sort();

@@ -5,10 +5,6 @@
 
 #include "app/descriptorwatch.h"
 
-#include <QSignalSpy>
-#include <QSocketNotifier>
-#include <QtTest>
-
 #include <array>
 
 class TestDescriptorWatch : public QObject {

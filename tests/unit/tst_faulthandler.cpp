@@ -5,18 +5,13 @@
 
 #include "agent/kvagent.h"
 #include "agent/trapgate.h"
+#include "device/latin1.h"
+#include "device/trapcatalogue.h"
 #include "faults/faulthandler.h"
-
-#include <QElapsedTimer>
 
 #include <functional>
 
 namespace {
-
-QString qs(const QByteArray &text)
-{
-    return QString::fromUtf8(text);
-}
 
 QStringList sent; // "number|description|level|time", in the order of the calls, refused ones included
 std::function<int(const QString &call)> answer;
@@ -54,6 +49,9 @@ const Script scripts[] = {
     {"an identifier outside the catalogue is kept, and its fault stays what it was",
      "on all / raise amp 7 no_such_fault / raise amp 7 let_fail / report / clear amp 7 / "
      "raise amp 7 let_fail -> 5|text|2|0"},
+    {"identifiers are matched exactly",
+     "on LET Fault / raise amp 1 LET_FAIL / raise amp 2 let_fai / raise amp 3 let_fail2 / raise amp 4 "
+     " / raise amp 5 LET / raise amp 6 let_fail -> 5|text|2|0"},
     {"kept as first reported",
      "raise amp 7 let_fail first crit 1 / raise amp 7 fuse_broken second info 2 / "
      "on LET Fault;Fuse Broken -> 5|first|1|1"},
@@ -78,16 +76,6 @@ const Script scripts[] = {
      "raise amp 2 let_fail long -> 5|short|2|0 / clear amp 1 -> 5|short|2|0 / "
      "raise amp 1 fuse_broken own -> 5|short|2|0 / clear amp 1 -> 5|short|2|0 / pass end / "
      "clear amp 2 -> 5|short|2|0 5|long|2|0 9|own|2|0 / report"},
-    {"an ended fault that still waits outlives a change of other traps",
-     "on LET Fault / pass full / answer gate / raise amp 1 let_fail short -> 5|short|2|0 / "
-     "clear amp 1 -> 5|short|2|0 / on LET Fault;Fuse Broken -> 5|short|2|0 / pass end / "
-     "report -> 5|short|2|0 / report"},
-    {"an ended fault that waits is forgotten when its trap is disabled",
-     "on LET Fault / pass full / answer gate / raise amp 1 -> 5|text|2|0 / clear amp 1 -> 5|text|2|0 / "
-     "off LET Fault / pass end / on LET Fault"},
-    {"a fault that ends without a session is never sent",
-     "on LET Fault / session close / answer gate / raise amp 1 let_fail 1 -> 5|1|2|0 / "
-     "raise amp 2 let_fail 2 -> 5|1|2|0 / clear amp 1 -> 5|2|2|0 / session open / report -> 5|2|2|0"},
     {"a fault that ends after an ordinary refusal is never sent",
      "on LET Fault / answer -1 / raise amp 1 -> 5|text|2|0 / clear amp 1 / report"},
     {"sent in the order of arrival",
@@ -124,12 +112,33 @@ private Q_SLOTS:
         kvAgent = nullptr;
     }
 
+    void trapsAreThoseOfTheCatalogue()
+    {
+        QStringList traps;
+        QSet<uint> arcs;
+        QSet<QString> identifiers;
+        for (const Trap &trap : trapCatalogue) {
+            QStringList cells{QString::number(trap.number), QString::number(trap.arc), latin1(trap.name)};
+            for (const std::string_view id : trap.msgIds)
+                cells << latin1(id);
+            traps << cells.join(QLatin1Char('|'));
+            arcs << trap.arc;
+            identifiers.unite(QSet<QString>(cells.cbegin() + 3, cells.cend()));
+        }
+        QStringList expected;
+        for (const catalogue::Row &row : catalogue::rows("traps"))
+            expected << (QStringList{row.text("number"), row.text("arc"), row.text("switch")} + row.list("identifiers"))
+                            .join(QLatin1Char('|'));
+        QCOMPARE(traps, expected);
+        QCOMPARE(arcs.size(), 20);
+        QCOMPARE(identifiers.size(), 38);
+    }
+
     void eachIdentifierRaisesItsTrap()
     {
         for (const catalogue::Row &trap : catalogue::rows("traps"))
             for (const QString &msgId : trap.list("identifiers")) {
-                const QByteArray name = msgId.toLatin1();
-                const AtRow at(name.constData());
+                const AtRow at(msgId.toLatin1());
                 startAnew();
                 enable(qs("all"));
                 enable(trap.text("switch"), false); // every trap but this one
@@ -151,7 +160,7 @@ private Q_SLOTS:
         enable(qs("LET Fault"));
         for (auto row = severities.cbegin(); row != severities.cend(); ++row) {
             const QByteArray level = row.key().toUtf8();
-            const AtRow at(level.constData());
+            const AtRow at(level);
             QCOMPARE(severityOf(row.key()), row.value());
             raise("amp", "level " + level, "let_fail", "text", level);
             QCOMPARE(sent.last(), qs("5|text|%1|0").arg(row.value()));
@@ -173,52 +182,25 @@ private Q_SLOTS:
         }
     }
 
+    /// Texts are passed on as they are.
     void logLines()
     {
-        const QString raised = qs("FaultHandler onReportFault New Fault: [amp] [7] ");
-        const QString trap = qs("FaultHandler reportTraps Trap fault ID: 1 description: fan 1 ->Send ");
+        const QString raised = qs("FaultHandler onReportFault New Fault: [%2] [%1] ");
+        const QString info = qs("K\xc3\xb6ln \xe2\x82\xac %1 at 100%");
+        const QString trap = qs("FaultHandler reportTraps Trap fault ID: 1 description: ") + info + qs(" ->Send ");
         enable(qs("Cooling Fan Fault"));
         log->takeLines();
         answer = [](const QString &) { return -1; };
-        raise("amp", "7", "fan_speed_slow", "fan 1", "crit", "1700000000");
+        raise("%2", "%1", "fan_speed_slow", info.toUtf8(), "crit", "");
         QCOMPARE(log->takeLines(), QStringList({raised, trap + qs("FAILED")}));
         answer = nullptr;
-        raise("amp", "7", "fan_speed_slow", "fan 1, again", "crit", "1700000001");
+        raise("%2", "%1", "fan_speed_slow", "again", "crit", "1700000001");
         QCOMPARE(log->takeLines(), QStringList({raised, trap + qs("SUCCESS")}));
-        raise("amp", "7", "fan_speed_slow");
+        QCOMPARE(sent.last(), qs("1|") + info + qs("|1|"));
+        raise("%2", "%1", "fan_speed_slow");
         QCOMPARE(log->takeLines(), QStringList{raised});
-        clear("amp", "7");
-        QCOMPARE(log->takeLines(), QStringList{qs("FaultHandler onReportFault Remove Fault: [amp] [7]")});
-    }
-
-    void identifiersAreMatchedExactly()
-    {
-        enable(qs("LET Fault"));
-        for (const char *msgId : {"", "let_fail ", " let_fail", "LET_FAIL", "let_fai", "let_fail2", "LET Fault"}) {
-            const AtRow at(msgId);
-            raise("amp", msgId, msgId);
-            QCOMPARE(sent, QStringList());
-        }
-    }
-
-    void blockedSenderGetsTheRestAtTheNextRun()
-    {
-        for (int i = 0; i < 450; ++i)
-            raise("amp", QByteArray::number(i), "let_fail", QByteArray::number(i));
-        run(qs("answer gate"));
-        enable(qs("LET Fault"));
-        QCOMPARE(sent.size(), 201);
-        for (int pass = 0; pass < 2; ++pass) {
-            gate->endPass();
-            handler->reportTraps();
-        }
-        QCOMPARE(sent.size(), 201 + 201 + 50);
-        gate->endPass();
-        handler->reportTraps();
-        QCOMPARE(sent.size(), 452);
-        sent.removeDuplicates(); // the two refused ones came again
-        QCOMPARE(sent.size(), 450);
-        QCOMPARE(sent.last(), qs("5|449|2|0"));
+        clear("%2", "%1");
+        QCOMPARE(log->takeLines(), QStringList{qs("FaultHandler onReportFault Remove Fault: [%2] [%1]")});
     }
 
     void enabledListIsLoggedInTheOrderOfItsGrowth()
@@ -232,17 +214,6 @@ private Q_SLOTS:
         QCOMPARE(log->takeLines(), QStringList{line + qs("AC Power Fault; LET Fault")});
         enable(qs("AC Power Fault;LET Fault"), false);
         QCOMPARE(log->takeLines(), QStringList{line});
-    }
-
-    void textsArePassedOnAsTheyAre()
-    {
-        enable(qs("LET Fault"));
-        log->takeLines();
-        raise("%2", "%1", "let_fail", "K\xc3\xb6ln \xe2\x82\xac %1 at 100%", "err", "");
-        QCOMPARE(sent, QStringList{qs("5|K\xc3\xb6ln \xe2\x82\xac %1 at 100%|2|")});
-        QCOMPARE(log->takeLines(), (QStringList{qs("FaultHandler onReportFault New Fault: [%2] [%1] "),
-                                                qs("FaultHandler reportTraps Trap fault ID: 5 description: "
-                                                   "K\xc3\xb6ln \xe2\x82\xac %1 at 100% ->Send SUCCESS")}));
     }
 
     void withoutASessionTheAgentsOwnAnswerEndsTheRun()
@@ -298,7 +269,6 @@ private:
         handler->onReportFault(qs(reporter), qs(ref), {}, {}, {}, {}, false);
     }
 
-    /// One event of a script.
     void run(const QString &event)
     {
         const QHash<QString, std::function<void()>> plainEvents = {
@@ -348,5 +318,4 @@ private:
 };
 
 const TestEntry entry("tst_faulthandler", runTest<TestFaultHandler>);
-
 #include "tst_faulthandler.moc"

@@ -46,25 +46,17 @@ class TestFraming : public QObject {
 private Q_SLOTS:
     void sizes()
     {
-        static const struct {
-            const char *name;
-            QByteArray bytes;
-            int messages;
-            Outcome last;
-        } rows[] = {
-            {"4 MiB", QByteArray(greatest, 'x') + nul, 1, Outcome::Incomplete},
-            {"4 MiB, its NUL not yet there", QByteArray(greatest, 'x'), 0, Outcome::Incomplete},
-            {"one byte more", QByteArray(greatest + 1, 'x') + nul, 0, Outcome::OverLong},
-            {"one byte more, without a NUL", QByteArray(greatest + 1, 'x'), 0, Outcome::OverLong},
-        };
-        for (const auto &row : rows) {
-            const AtRow at(row.name);
+        const auto expect = [](const QByteArray &bytes, int messages, Outcome last) {
             Reader reader;
-            const QByteArrayList messages = reader.after(row.bytes);
-            QCOMPARE(messages.size(), row.messages);
-            QCOMPARE(messages.join().size(), row.messages * greatest);
-            QCOMPARE(reader.last, row.last);
-        }
+            const QByteArrayList found = reader.after(bytes);
+            QCOMPARE(found.size(), messages);
+            QCOMPARE(found.join().size(), messages * greatest);
+            QCOMPARE(reader.last, last);
+        };
+        expect(QByteArray(greatest, 'x') + nul, 1, Outcome::Incomplete);
+        expect(QByteArray(greatest, 'x'), 0, Outcome::Incomplete);
+        expect(QByteArray(greatest + 1, 'x') + nul, 0, Outcome::OverLong);
+        expect(QByteArray(greatest + 1, 'x'), 0, Outcome::OverLong);
     }
 
     void overLongStaysUntilCleared()

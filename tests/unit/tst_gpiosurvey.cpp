@@ -4,8 +4,6 @@
 
 #include "check/gpiosurvey.h"
 
-#include <QtTest>
-
 class TestGpioSurvey : public QObject {
     Q_OBJECT
 

@@ -4,8 +4,6 @@
 
 #include "agent/modules.h"
 
-#include <QtTest>
-
 class TestInfoScalars : public QObject {
     Q_OBJECT
 

@@ -3,8 +3,6 @@
 
 #include "device/models.h"
 
-#include <QtTest>
-
 namespace {
 
 const QVector<uint> everyModel{6211, 6214, 6259, 6410, 6420, 6425, 6601, 6602, 6720, 6764, 6891, 6913, 6914};

@@ -11,9 +11,6 @@
 
 #include "device/models.h"
 
-#include <QHash>
-#include <QtTest>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -34,8 +31,7 @@ public:
         if (AllocationCount::isRunning())
             allocatedByLibrary += AllocationCount::total() - m_ours;
     }
-    InLibrary(const InLibrary &) = delete;
-    InLibrary &operator=(const InLibrary &) = delete;
+    Q_DISABLE_COPY(InLibrary)
 
 private:
     std::size_t m_ours;
@@ -45,12 +41,8 @@ private:
 // NOLINTBEGIN(bugprone-reserved-identifier): the names are the linker's
 extern "C" {
 int __real_snmp_set_var_typed_value(netsnmp_variable_list *variable, u_char type, const void *value, std::size_t size);
-int __wrap_snmp_set_var_typed_value(netsnmp_variable_list *variable, u_char type, const void *value, std::size_t size);
 int __real_netsnmp_set_request_error(netsnmp_agent_request_info *info, netsnmp_request_info *request, int error);
-int __wrap_netsnmp_set_request_error(netsnmp_agent_request_info *info, netsnmp_request_info *request, int error);
 int __real_netsnmp_call_next_handler(netsnmp_mib_handler *handler, netsnmp_handler_registration *registration,
-                                     netsnmp_agent_request_info *info, netsnmp_request_info *requests);
-int __wrap_netsnmp_call_next_handler(netsnmp_mib_handler *handler, netsnmp_handler_registration *registration,
                                      netsnmp_agent_request_info *info, netsnmp_request_info *requests);
 
 int __wrap_snmp_set_var_typed_value(netsnmp_variable_list *variable, u_char type, const void *value, std::size_t size)
@@ -80,7 +72,6 @@ int __wrap_netsnmp_call_next_handler(netsnmp_mib_handler *handler, netsnmp_handl
 // NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
-/// Runs one of our functions under the count.
 template <typename Function, typename... Arguments>
 auto counted(Function function, Arguments... arguments)
 {
@@ -109,16 +100,11 @@ int countHandler(netsnmp_mib_handler *handler, netsnmp_handler_registration *reg
     return counted(originals[handler].handler, handler, registration, info, requests);
 }
 
-netsnmp_variable_list *countFirst(void **loop, void **data, netsnmp_variable_list *index, netsnmp_iterator_info *info)
+template <auto original>
+netsnmp_variable_list *countStep(void **loop, void **data, netsnmp_variable_list *index, netsnmp_iterator_info *info)
 {
     ++stepCalls;
-    return counted(originals[info].first, loop, data, index, info);
-}
-
-netsnmp_variable_list *countNext(void **loop, void **data, netsnmp_variable_list *index, netsnmp_iterator_info *info)
-{
-    ++stepCalls;
-    return counted(originals[info].next, loop, data, index, info);
+    return counted(originals[info].*original, loop, data, index, info);
 }
 
 int countLoad(netsnmp_cache *cache, void *magic)
@@ -141,8 +127,8 @@ void installCounters()
         for (netsnmp_mib_handler *handler = registration->handler; handler != nullptr; handler = handler->next) {
             if (QByteArray(handler->handler_name) == "table_iterator") {
                 auto *info = static_cast<netsnmp_iterator_info *>(handler->myvoid);
-                originals[info] = {nullptr, std::exchange(info->get_first_data_point, countFirst),
-                                   std::exchange(info->get_next_data_point, countNext), nullptr};
+                originals[info] = {nullptr, std::exchange(info->get_first_data_point, countStep<&Original::first>),
+                                   std::exchange(info->get_next_data_point, countStep<&Original::next>), nullptr};
             } else if (handler->next == nullptr || QByteArray(handler->handler_name) == "request_gate") {
                 originals[handler].handler = std::exchange(handler->access_method, countHandler);
             }
@@ -194,7 +180,6 @@ int throughAgentLibrary()
     return result;
 }
 
-/// Ways to allocate, by whichever library.
 constexpr struct {
     const char *name;
     int (*function)();
@@ -229,8 +214,7 @@ private Q_SLOTS:
     void servingAllocatesNothing()
     {
         for (const std::uint32_t model : knownModels) {
-            const QByteArray name = QByteArray::number(model);
-            const AtRow at(name);
+            const AtRow at(QByteArray::number(model));
             const QString last = printedInOwnProcess([model] { serveAsModel(model); }).last();
             const QStringList numbers = last.split(QLatin1Char(' '));
             QVERIFY2(numbers.size() == 6, qPrintable(last));

@@ -25,13 +25,6 @@ struct Parser : Row {
     QString name() const { return text("parser"); }
     /// A model that has the last key.
     uint model() const { return keys.last().has(6420) ? 6420 : keys.last().list("models").first().toUInt(); }
-    QString pathOf(const QString &key) const
-    {
-        return text("path")
-            .replace(qs("%1"), key.section(QLatin1Char(' '), 0, 0))
-            .replace(qs("%2"), key.section(QLatin1Char(' '), 1));
-    }
-
     QVector<Row> keys;
     QVector<Word> words;
 };
@@ -86,7 +79,6 @@ public:
         : TalBench(number, description), model(number)
     {}
 
-    /// The changed fields, sorted.
     QStringList send(const Parser &parser, const QString &op, const QString &key, const QString &text)
     {
         log.takeLines();
@@ -129,7 +121,6 @@ QStringList expectedChanges(const Parser &parser, uint model, const QString &fie
     return changes;
 }
 
-/// The debug lines of a stored value.
 QStringList storedLines(const Parser &parser, uint model, const QString &key, const QString &field,
                         const QString &value)
 {
@@ -145,7 +136,6 @@ QStringList storedLines(const Parser &parser, uint model, const QString &key, co
     return {};
 }
 
-/// The debug line about an operation that is not known.
 QString complaint(const Parser &parser, const QString &op, const QString &key)
 {
     const QString path = parser.pathOf(key);
@@ -180,8 +170,7 @@ private Q_SLOTS:
     {
         for (const uint model : catalogue::models() + QVector<uint>{6412})
             for (const char *description : {ordinaryDescription, "", stationCompact, stationExtended}) {
-                const QByteArray number = QByteArray::number(model);
-                const AtRow atModel(number);
+                const AtRow atModel(QByteArray::number(model));
                 const AtRow atDescription(description);
                 everyKey(model, description);
             }

@@ -3,17 +3,14 @@
 
 #include "support/childprocess.h"
 #include "support/files.h"
+#include "support/ordinaryuser.h"
 #include "support/testprogram.h"
-
-#include <QTemporaryDir>
 
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/file.h>
 
 namespace {
-
-constexpr uid_t nobody = 65534;
 
 QByteArray lineOf(pid_t pid)
 {
@@ -30,26 +27,13 @@ pid_t deadPid()
     return pid;
 }
 
-/// Runs `function` without the rights of the superuser.
-template <typename Function>
-ChildResult asOrdinaryUser(Function function)
-{
-    return inChild([function] {
-        if (getuid() == 0 && setuid(nobody) != 0)
-            return 99;
-        return function();
-    });
-}
-
-/// A locked file; unlocked when this object is destroyed.
 struct HeldLock {
     explicit HeldLock(const QByteArray &path) : descriptor(open(path.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600))
     {
         QCOMPARE(flock(descriptor, LOCK_EX | LOCK_NB), 0);
     }
     ~HeldLock() { close(descriptor); }
-    HeldLock(const HeldLock &) = delete;
-    HeldLock &operator=(const HeldLock &) = delete;
+    Q_DISABLE_COPY(HeldLock)
 
     int descriptor;
 };
@@ -70,7 +54,7 @@ private Q_SLOTS:
     void contentAndCheck()
     {
         const auto expectPid = [this](const QByteArray &content, pid_t read, pid_t blocking) {
-            const AtRow at(content.constData());
+            const AtRow at(content);
             const PidFileHandler handler(m_path.constData()); // removes the file
             if (!content.isNull())
                 writeFile(m_path, content);
@@ -97,19 +81,19 @@ private Q_SLOTS:
     {
         writeFile(m_path, lineOf(getpid()));
         QCOMPARE(chmod(m_path.constData(), 0), 0);
-        const ChildResult child = asOrdinaryUser([this] {
-            if (open(m_path.constData(), O_RDONLY) >= 0)
-                return 98;
-            const PidFileHandler handler(m_path.constData());
-            return handler.readPid() == 0 && handler.checkPid() == 0 ? 0 : 1;
-        });
-        QVERIFY(child.exitedWith(0));
+        const PidFileHandler handler(m_path.constData());
+        const AsOrdinaryUser user;
+        QCOMPARE(open(m_path.constData(), O_RDONLY), -1);
+        QCOMPARE(handler.readPid(), 0);
+        QCOMPARE(handler.checkPid(), 0);
     }
 
     void errnoOfTheCheckIsThatOfKill()
     {
         writeFile(m_path, "1\n");
-        const ChildResult otherUser = asOrdinaryUser([this] {
+        const ChildResult otherUser = inChild([this] {
+            if (getuid() == 0 && setuid(AsOrdinaryUser::nobody) != 0) // kill() looks at the real user
+                return 99;
             const PidFileHandler handler(m_path.constData());
             return handler.checkPid() == 1 && errno == EPERM ? 0 : 1;
         });
@@ -150,22 +134,12 @@ private Q_SLOTS:
 
     void failureHasItsMessageAndErrno()
     {
-        const struct {
-            const char *target; // of a link at the path; null: a file whose lock is held
-            int error;
-            QByteArray out;
-            QByteArray err;
-        } rows[] = {
-            {"/nonexistent/kvsnmp.pid", ENOENT, {}, "Can't open or create " + m_path + ".\n"},
-            {nullptr, EWOULDBLOCK, "Can't lock, lock is held by pid 4711.\n", {}},
-            {"/dev/full", ENOSPC, "Can't write pid , No space left on device.\n", {}},
-        };
-        for (const auto &row : rows)
+        // `target`: of a link at the path; null: a file whose lock is held
+        const auto expect = [this](const char *target, int error, const QByteArray &out, const QByteArray &err) {
             for (const bool canPrint : {true, false}) { // a lost message does not change errno
-                const AtRow at(row.target == nullptr ? "held lock" : row.target);
                 QScopedPointer<HeldLock> lock;
-                if (row.target != nullptr) {
-                    QCOMPARE(symlink(row.target, m_path.constData()), 0);
+                if (target != nullptr) {
+                    QCOMPARE(symlink(target, m_path.constData()), 0);
                 } else {
                     writeFile(m_path, "4711\n");
                     lock.reset(new HeldLock(m_path));
@@ -177,16 +151,20 @@ private Q_SLOTS:
                         close(STDERR_FILENO);
                     }
                     const PidFileHandler handler(m_path.constData());
-                    _exit(handler.writePid() == 0 && errno == row.error ? 0 : 1); // the file stays
+                    _exit(handler.writePid() == 0 && errno == error ? 0 : 1); // the file stays
                     return 0;
                 });
                 QVERIFY(child.exitedWith(0));
-                QCOMPARE(child.out, canPrint ? row.out : QByteArray());
-                QCOMPARE(child.err, canPrint ? row.err : QByteArray());
-                if (canPrint && row.target == nullptr)
+                QCOMPARE(child.out, canPrint ? out : QByteArray());
+                QCOMPARE(child.err, canPrint ? err : QByteArray());
+                if (canPrint && target == nullptr)
                     QCOMPARE(readFile(m_path), "4711\n");
                 QCOMPARE(unlink(m_path.constData()), 0);
             }
+        };
+        expect("/nonexistent/kvsnmp.pid", ENOENT, {}, "Can't open or create " + m_path + ".\n");
+        expect(nullptr, EWOULDBLOCK, "Can't lock, lock is held by pid 4711.\n", {});
+        expect("/dev/full", ENOSPC, "Can't write pid , No space left on device.\n", {});
     }
 
     /// Whoever gets the lock writes; the other one waits or is refused. The file never holds a mix.

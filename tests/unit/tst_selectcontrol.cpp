@@ -6,9 +6,6 @@
 #include "agent/selectcontrol.h"
 #include "app/trace/trace.h"
 
-#include <QSignalSpy>
-#include <QtTest>
-
 #include <cerrno>
 
 namespace {

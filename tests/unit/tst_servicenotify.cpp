@@ -3,9 +3,6 @@
 
 #include "app/servicenotify.h"
 
-#include <QFile>
-#include <QTemporaryDir>
-
 #include <algorithm>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -33,8 +30,7 @@ public:
         qunsetenv("NOTIFY_SOCKET");
         close(m_descriptor);
     }
-    NotifySocket(const NotifySocket &) = delete;
-    NotifySocket &operator=(const NotifySocket &) = delete;
+    Q_DISABLE_COPY(NotifySocket)
 
     /// The oldest message that was not taken yet; null when there is none.
     QByteArray take() const
@@ -57,7 +53,7 @@ private Q_SLOTS:
     void eachStateIsOneMessage()
     {
         for (const QByteArray &name : {pathOf("notify"), "@kvsnmp-test-" + QByteArray::number(getpid())}) {
-            const AtRow at(name.constData());
+            const AtRow at(name);
             const NotifySocket manager(name);
             for (const char *state : {"READY=1", "WATCHDOG=1", "STOPPING=1"})
                 notifyService(state);

@@ -36,44 +36,32 @@ class TestSnmpdConfFile : public QObject {
 private Q_SLOTS:
     void words()
     {
-        const struct {
-            const char *line;
-            QList<QByteArray> words;
-        } rows[] = {
+        const std::pair<const char *, QByteArrayList> rows[] = {
             {" a \t b\r", {"a", "b"}},
             {"access G \"\" 'x y'", {"access", "G", "", "x y"}},
             {"\"a\\\"b\"", {"a\"b"}},
             {"\"a b", {"a b"}}, // a quote never closed
             {"  ", {}},
         };
-        for (const auto &row : rows) {
-            const AtRow at(row.line);
-            QCOMPARE(confWords(row.line), row.words);
-        }
+        for (const auto &[line, words] : rows)
+            QCOMPARE(confWords(line), words);
     }
 
     void listenAddress()
     {
-        static constexpr const char *rows[][2] = {
-            // the transport, the host and the port; 0: refused
-            {"udp:161", "udp||161"},
-            {"udp6:1161", "udp6||1161"},
-            {"161", "udp||161"},
-            {"10.0.0.1", "udp|10.0.0.1|161"},
-            {"10.0.0.1:162", "udp|10.0.0.1|162"},
-            {"udp:localhost:161", "udp|localhost|161"},
-            {"udp6:[::1]:1161", "udp6|::1|1161"},
-            {"udp6:[::1]", "udp6|::1|161"},
-            {"udp6:::1", "udp6|::1|161"},
-            {"udp:", "udp||0"},
-            {"udp:snmp", "udp|snmp|161"}, // a name
-            {"udp:161x", "udp||0"},
-            {"udp:70000", "udp||0"},
-            {"udp:0", "udp||0"},
-            {"udp6:[::1", "udp6|::1|161"},
-            {"tcp:161", "tcp||161"},
+        // clang-format off
+        static constexpr const char *rows[][2] = { // the transport, the host and the port; 0: refused
+            {"udp:161", "udp||161"},                      {"udp6:1161", "udp6||1161"},
+            {"161", "udp||161"},                          {"10.0.0.1", "udp|10.0.0.1|161"},
+            {"10.0.0.1:162", "udp|10.0.0.1|162"},         {"udp:localhost:161", "udp|localhost|161"},
+            {"udp6:[::1]:1161", "udp6|::1|1161"},         {"udp6:[::1]", "udp6|::1|161"},
+            {"udp6:::1", "udp6|::1|161"},                 {"udp6:[::1", "udp6|::1|161"},
+            {"udp:", "udp||0"},                           {"udp:snmp", "udp|snmp|161"}, // a name
+            {"udp:161x", "udp||0"},                       {"udp:70000", "udp||0"},
+            {"udp:0", "udp||0"},                          {"tcp:161", "tcp||161"},
             {"unix:/tmp/x", "unix|/tmp/x|161"},
         };
+        // clang-format on
         for (const auto &[text, meaning] : rows) {
             const AtRow at(text);
             const ListenAddress address = listenAddressOf(text);
@@ -122,11 +110,8 @@ private Q_SLOTS:
 
     void wholeFile()
     {
-        static constexpr struct {
-            const char *name;
-            const char *text;
-            const char *meaning;
-        } rows[] = {
+        static constexpr const char *rows[][3] = {
+            // a name, the text and its meaning
             {"written by the daemon",
              "master agentx\n"
              "sysName amp\n"
@@ -160,9 +145,9 @@ private Q_SLOTS:
              "rocommunity block\n",
              "/var/agentx/master; v1 v2c; 2 default line, 6 default block; udp:161; "},
         };
-        for (const auto &row : rows) {
-            const AtRow at(row.name);
-            QCOMPARE(meaningOf(SnmpdConf(row.text)), row.meaning);
+        for (const auto &[name, text, meaning] : rows) {
+            const AtRow at(name);
+            QCOMPARE(meaningOf(SnmpdConf(text)), meaning);
         }
     }
 };

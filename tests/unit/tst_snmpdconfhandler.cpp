@@ -3,7 +3,7 @@
 #include "support/testprogram.h"
 #include "support/undeletable.h"
 
-#include <QElapsedTimer>
+#include "snmpdconf/snmpdconftext.h"
 
 #include <csignal>
 
@@ -12,19 +12,12 @@
 
 namespace {
 
-const QByteArray usualFile = "master agentx\n"
-                             "sysName amp-1\n"
-                             "sysContact ops\n"
-                             "sysLocation cellar\n"
-                             "informsink 192.0.2.8\n"
-                             "trap2sink 192.0.2.7\n"
-                             "com2sec mynetwork 192.0.2.1 public\n"
-                             "com2sec6 mynetwork 2001:db8::1 public\n"
-                             "#group MyROGroup v1         mynetwork\n"
-                             "group MyROGroup v2c         mynetwork\n"
-                             "view all    included .1\n"
-                             "access MyROGroup \"\"      any       noauth    prefix  all    none   none\n"
-                             "agentAddress udp6:161,udp:161\n";
+const QByteArray usualFile = // of SnmpdBench::deliverSettings()
+    snmpdConfText({{qs("public"), qs("Read"), qs("192.0.2.1"), qs("2001:db8::1"), qs("161")},
+                   {qs("amp-1"), qs("cellar"), qs("ops")},
+                   {qs("192.0.2.7"), qs("192.0.2.8")},
+                   {false, true, false}})
+        .text;
 const QByteArray handmadeFile = "# by hand\n";
 
 const QString generatingLine =
@@ -106,47 +99,35 @@ private Q_SLOTS:
 
     void changeStartsTheSettingsTimer()
     {
-        static constexpr struct {
-            const char *signal;
-            bool actedOn;
-        } rows[] = {
-            {"mib2 amp-1 cellar ops", false}, // equal
-            {"mib2 amp-2 cellar ops", true},
-            {"mib2 amp-1 attic ops", true},
-            {"mib2 amp-1 cellar desk", true},
-            {"access public Read 192.0.2.1 2001:db8::1 161", false}, // equal
-            {"access secret Read 192.0.2.1 2001:db8::1 161", true},
-            {"access public Disabled 192.0.2.1 2001:db8::1 161", true},
-            {"access public Read 192.0.2.9 2001:db8::1 161", true},
-            {"access public Read 192.0.2.1 2001:db8::9 161", false}, // intended: not compared
-            {"access public Read 192.0.2.1 2001:db8::1 1161", true},
-            {"trap 192.0.2.7 192.0.2.8", false}, // equal
-            {"trap 192.0.2.17 192.0.2.8", true},
-            {"trap 192.0.2.7 192.0.2.18", true},
-            {"version 0 1 0", false}, // equal
-            {"version 1 1 0", true},
-            {"version 0 0 0", true},
-            {"version 0 1 1", false}, // intended: not compared
-        };
-        for (const auto &row : rows) {
-            const AtRow at(row.signal);
+        const auto expect = [](const char *signal, bool actedOn) {
+            const AtRow at(signal);
             SnmpdBench bench;
             bench.deliverSettings();
             QVERIFY(bench.settingsTimer()->isActive());
+            SnmpdBench::prolong(bench.settingsTimer());
+            bench.change(signal);
+            QVERIFY(bench.settingsTimer()->isActive());
+            QCOMPARE(SnmpdBench::isProlonged(bench.settingsTimer()), !actedOn); // a running one starts anew
+
+            bench.deliverSettings();
             bench.settle();
             QVERIFY(!bench.settingsTimer()->isActive());
-            bench.change(row.signal);
-            QCOMPARE(bench.settingsTimer()->isActive(), row.actedOn);
+            bench.change(signal);
+            QCOMPARE(bench.settingsTimer()->isActive(), actedOn);
             bench.settle();
-            QCOMPARE(bench.configText() != usualFile, row.actedOn);
-
-            SnmpdBench running;
-            running.deliverSettings();
-            SnmpdBench::prolong(running.settingsTimer());
-            running.change(row.signal);
-            QVERIFY(running.settingsTimer()->isActive());
-            QCOMPARE(SnmpdBench::isProlonged(running.settingsTimer()), !row.actedOn);
-        }
+            QCOMPARE(bench.configText() != usualFile, actedOn);
+        };
+        for (const char *other :
+             {"mib2 amp-2 cellar ops", "mib2 amp-1 attic ops", "mib2 amp-1 cellar desk",
+              "access secret Read 192.0.2.1 2001:db8::1 161", "access public Disabled 192.0.2.1 2001:db8::1 161",
+              "access public Read 192.0.2.9 2001:db8::1 161", "access public Read 192.0.2.1 2001:db8::1 1161",
+              "trap 192.0.2.17 192.0.2.8", "trap 192.0.2.7 192.0.2.18", "version 1 1 0", "version 0 0 0"})
+            expect(other, true);
+        for (const char *equal : {"mib2 amp-1 cellar ops", "access public Read 192.0.2.1 2001:db8::1 161",
+                                  "trap 192.0.2.7 192.0.2.8", "version 0 1 0"})
+            expect(equal, false);
+        for (const char *notCompared : {"access public Read 192.0.2.1 2001:db8::9 161", "version 0 1 1"}) // intended
+            expect(notCompared, false);
     }
 
     void addressThatIsNotComparedComesWithTheNextChange()
@@ -184,42 +165,25 @@ private Q_SLOTS:
         QCOMPARE(bench.handler->sysName(), qs("early"));
         bench.startAgent();
         const QByteArray longName = "mib2 " + QByteArray("\xc3\xa4").repeated(300) + " cellar ops";
-        const struct {
-            const char *signal;
-            QByteArray name;
-        } steps[] = {
+        const std::pair<QByteArray, QByteArray> steps[] = {
             {"mib2 K\xc3\xb6ln - -", "K\xf6ln"},
             {"mib2 amp-1 - ops", "K\xf6ln"}, // intended: not copied together with a contact
             {"mib2 amp-2 cellar ops", "K\xf6ln"},
             {"mib2 amp-3 cellar ops", "amp-3"},
-            {longName.constData(), QByteArray(256, '\xe4')},
+            {longName, QByteArray(256, '\xe4')},
             {"custom 1", ""}, // it is another one in a custom file
             {"mib2 amp-4 cellar ops", ""},
             {"custom 0", "amp-4"},
         };
-        for (const auto &step : steps) {
-            const AtRow at(step.signal);
+        for (const auto &[signal, name] : steps) {
+            const AtRow at(signal);
             bench.settingsTimer()->stop();
-            bench.change(step.signal);
-            QCOMPARE(QByteArray(bench.agent.systemName), step.name);
-            QCOMPARE(bench.settingsTimer()->isActive(), step.signal != QByteArray("custom 1"));
-            if (qstrncmp(step.signal, "mib2", 4) == 0)
-                QCOMPARE(bench.handler->sysName(), qs(step.signal).section(QLatin1Char(' '), 1, 1));
+            bench.change(signal);
+            QCOMPARE(QByteArray(bench.agent.systemName), name);
+            QCOMPARE(bench.settingsTimer()->isActive(), signal != "custom 1");
+            if (signal.startsWith("mib2"))
+                QCOMPARE(bench.handler->sysName(), qs(signal).section(QLatin1Char(' '), 1, 1));
         }
-    }
-
-    void customFileIsKept()
-    {
-        SnmpdBench bench;
-        writeFile(bench.configFile, handmadeFile);
-        bench.change("custom 1");
-        QCOMPARE(bench.tal.log.takeLines(),
-                 QStringList{qs("SnmpdConfHandler slotSnmpdConfUseCustomConfFile Device has custom snmpd.conf")});
-        bench.change("access public Read 192.0.2.1 2001:db8::1 161");
-        bench.settle();
-        QCOMPARE(bench.events, (QStringList{settledEvent, finishEvent}));
-        QCOMPARE(bench.configText(), handmadeFile);
-        QCOMPARE(bench.tal.log.lines(), QStringList());
     }
 
     void customFileThatHasVanishedIsReplaced()
@@ -231,19 +195,26 @@ private Q_SLOTS:
         QCOMPARE(bench.events, QStringList{settledEvent});
     }
 
-    void customFlagAppliesAtOnceAndFalseAgainWritesTheFile()
+    void customFileIsKeptUntilTheFlagIsFalse()
     {
         SnmpdBench bench;
         writeFile(bench.configFile, handmadeFile);
         bench.change("custom 1");
         QVERIFY(bench.handler->useCustomConfigFile());
         QVERIFY(!bench.settingsTimer()->isActive());
+        QCOMPARE(bench.tal.log.takeLines(),
+                 QStringList{qs("SnmpdConfHandler slotSnmpdConfUseCustomConfFile Device has custom snmpd.conf")});
         bench.handler->onRestartSnmpdTimeout(); // settled and known without the settings timer
         QCOMPARE(bench.count(killallEvent), 1);
 
+        bench.tal.log.takeLines();
+        bench.events.clear();
         bench.deliverSettings("custom 1");
         bench.settle();
-        bench.tal.log.takeLines();
+        QCOMPARE(bench.events, (QStringList{settledEvent, finishEvent}));
+        QCOMPARE(bench.configText(), handmadeFile);
+        QCOMPARE(bench.tal.log.lines(), QStringList());
+
         bench.change("custom 0");
         QVERIFY(!bench.handler->useCustomConfigFile());
         QCOMPARE(
@@ -274,13 +245,10 @@ private Q_SLOTS:
     {
         SnmpdBench bench;
         bench.deliverSettings();
-        bench.settle();
-        bench.tal.log.takeLines();
         bench.change("access public Write 192.0.2.1 2001:db8::1 161");
         bench.settle();
-        QVERIFY(QFile::exists(bench.configFile));
-        QCOMPARE(bench.configText(), QByteArray());
-        QCOMPARE(bench.tal.log.lines(), QStringList{generatingLine});
+        QCOMPARE(bench.configText(), QByteArray()); // it is there
+        QCOMPARE(bench.tal.log.lines().last(), generatingLine);
     }
 
     void fileIsMadeAnewForItsOwnerAlone()
@@ -375,5 +343,4 @@ private Q_SLOTS:
 };
 
 const TestEntry entry("tst_snmpdconfhandler", runTest<TestSnmpdConfHandler>);
-
 #include "tst_snmpdconfhandler.moc"

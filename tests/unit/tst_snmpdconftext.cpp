@@ -99,34 +99,29 @@ private Q_SLOTS:
 
     void settingIsCut()
     {
-        static constexpr struct {
-            const char *name;
-            QString &(*of)(Settings &);
-            const char *line;
-        } rows[] = {
-            {"sysName", [](Settings &s) -> QString & { return s.mib2.sysName; }, "sysName good"},
-            {"sysContact", [](Settings &s) -> QString & { return s.mib2.sysContact; }, "sysContact good"},
-            {"sysLocation", [](Settings &s) -> QString & { return s.mib2.sysLocation; }, "sysLocation good"},
-            {"informAddress", [](Settings &s) -> QString & { return s.trap.informAddress; }, "informsink good"},
-            {"trapAddress", [](Settings &s) -> QString & { return s.trap.trapAddress; }, "trap2sink good"},
-            {"community", [](Settings &s) -> QString & { return s.access.community; },
-             "com2sec mynetwork 192.0.2.1 good"},
-            {"nmsIp", [](Settings &s) -> QString & { return s.access.nmsIp; }, "com2sec mynetwork good public"},
-            {"nmsIpv6", [](Settings &s) -> QString & { return s.access.nmsIpv6; }, "com2sec6 mynetwork good public"},
-            {"snmpPort", [](Settings &s) -> QString & { return s.access.snmpPort; }, "agentAddress udp6:good,udp:good"},
+        Settings settings;
+        const std::tuple<const char *, QString &, const char *> rows[] = {
+            {"sysName", settings.mib2.sysName, "sysName good"},
+            {"sysContact", settings.mib2.sysContact, "sysContact good"},
+            {"sysLocation", settings.mib2.sysLocation, "sysLocation good"},
+            {"informAddress", settings.trap.informAddress, "informsink good"},
+            {"trapAddress", settings.trap.trapAddress, "trap2sink good"},
+            {"community", settings.access.community, "com2sec mynetwork 192.0.2.1 good"},
+            {"nmsIp", settings.access.nmsIp, "com2sec mynetwork good public"},
+            {"nmsIpv6", settings.access.nmsIpv6, "com2sec6 mynetwork good public"},
+            {"snmpPort", settings.access.snmpPort, "agentAddress udp6:good,udp:good"},
         };
-        for (const auto &row : rows)
+        for (const auto &[name, setting, line] : rows)
             for (const QByteArray &end : {QByteArray("\nextend x"), QByteArray("\rextend x"),
                                           QByteArray("\0extend x", 9), QByteArray("\n"), QByteArray("\r\nextend x\n")})
                 for (const QByteArray &good : {QByteArray("good"), QByteArray()}) {
-                    const AtRow at(row.name);
-                    Settings settings = readSettings();
-                    QString &setting = row.of(settings);
+                    const AtRow at(name);
+                    settings = readSettings();
                     setting = QString::fromLatin1(good);
                     const QByteArray whole = snmpdConfText(settings).text;
-                    QCOMPARE(whole.split('\n').contains(row.line), !good.isEmpty());
+                    QCOMPARE(whole.split('\n').contains(line), !good.isEmpty());
                     setting = QString::fromLatin1(good) + QString::fromLatin1(end.constData(), end.size());
-                    expectText(settings, whole, {QLatin1String(row.name)});
+                    expectText(settings, whole, {QLatin1String(name)});
                 }
     }
 
@@ -153,5 +148,4 @@ private:
 };
 
 const TestEntry entry("tst_snmpdconftext", runTest<TestSnmpdConfText>);
-
 #include "tst_snmpdconftext.moc"

@@ -4,9 +4,6 @@
 
 #include "snmpdconf/snmpdhost.h"
 
-#include <QElapsedTimer>
-#include <QTemporaryDir>
-
 #include <cerrno>
 #include <csignal>
 
@@ -109,5 +106,4 @@ private:
 };
 
 const TestEntry entry("tst_snmpdhost", runTest<TestSnmpdHost>);
-
 #include "tst_snmpdhost.moc"

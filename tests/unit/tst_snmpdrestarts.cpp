@@ -3,8 +3,6 @@
 #include "support/snmpdbench.h"
 #include "support/testprogram.h"
 
-#include <QCoreApplication>
-
 #include <algorithm>
 #include <ctime>
 #include <vector>
@@ -59,7 +57,6 @@ public:
         }
     }
 
-    /// Like pass(), with the event loop running.
     void passWithEvents(int ms)
     {
         for (; ms > 0; ms -= stepMs) {
@@ -170,7 +167,7 @@ void tryChanges(int spacingMs, int startMs)
             QStringLiteral("changes every %1 ms, snmpd starts within %2 ms, pause of %3 ms")
                 .arg(QString::number(spacingMs), QString::number(startMs), QString::number(pauseMs))
                 .toLatin1();
-        const AtRow at(trial.constData());
+        const AtRow at(trial);
         snmpd.passWithEvents(pauseMs);
         QByteArray newest;
         for (int change = 1; change <= 3; ++change) {
@@ -218,31 +215,24 @@ private Q_SLOTS:
 
     void stopCancelsThePendingStart()
     {
-        static constexpr struct {
-            const char *name;
-            int ageMs;
-            int longKillallMs;
-        } rows[] = {
-            {"short stop", 10000, 0},
-            {"stop that lasts longer than the rest of the wait until the start", 10000, 700},
-            {"snmpd that was stopped soon after its start", 200, 0},
-        };
-        for (const auto &row : rows) {
-            const AtRow at(row.name);
+        const auto expect = [](int ageMs, int longKillallMs) {
             SnmpdModel snmpd(60, "# only one\n");
             snmpd.passUntilTheStart();
-            snmpd.passWithEvents(row.ageMs);
+            snmpd.passWithEvents(ageMs);
 
             snmpd.handler->onRestartSnmpdTimeout();
             snmpd.passWithEvents(300);
-            snmpd.duringStop = [&] { snmpd.pass(row.longKillallMs); };
+            snmpd.duringStop = [&] { snmpd.pass(longKillallMs); };
             snmpd.handler->onRestartSnmpdTimeout();
             QCOMPARE(snmpd.stops(), 3);
             snmpd.passWithEvents(490);
             QCOMPARE(snmpd.starts(), 1);
             snmpd.passWithEvents(settleMs);
             QCOMPARE(snmpd.starts(), 2);
-        }
+        };
+        expect(10000, 0);
+        expect(10000, 700); // a stop that lasts longer than the rest of the wait until the start
+        expect(200, 0);     // a snmpd that was stopped soon after its start
     }
 
     /// One that ends at its start never writes the file, and must not hold up a restart with a better configuration.
@@ -265,5 +255,4 @@ private Q_SLOTS:
 };
 
 const TestEntry entry("tst_snmpdrestarts", runTest<TestSnmpdRestarts>);
-
 #include "tst_snmpdrestarts.moc"

@@ -5,10 +5,6 @@
 
 #include "agent/trapgate.h"
 
-#include <QCoreApplication>
-#include <QElapsedTimer>
-#include <QFileSystemWatcher>
-
 namespace {
 
 const QString restartingLine = qs("SnmpdConfHandler onRestartSnmpdTimeout Restarting snmpd");
@@ -43,7 +39,6 @@ struct UnwatchedBench : SnmpdBench {
     }
 };
 
-/// A bench on which snmpd has started once.
 struct StartedBench : SnmpdBench {
     StartedBench()
     {
@@ -233,44 +228,32 @@ private Q_SLOTS:
             {QByteArray(100000, '7'), QByteArray(255, '7')}, // bounded
         };
         for (const auto &[content, argument] : rows) {
-            const AtRow at(argument.constData());
+            const AtRow at(argument);
             SnmpdBench bench;
             writeFile(bench.pidFile, content);
-            bench.handler->doStartSnmpd();
-            QCOMPARE(bench.events, (QStringList{notClosedEvent, qs("run: kill|-9|") + qs(argument.constData()),
-                                                qs("run: rm|") + bench.pidFile, startingEvent, bench.startEvent()}));
+            expectStart(bench, {notClosedEvent, qs("run: kill|-9|") + qs(argument), qs("run: rm|") + bench.pidFile});
         }
-    }
-
-    void pidFileThatCannotBeReadIsRemovedOnly()
-    {
-        SnmpdBench bench;
-        writeFile(bench.pidFile, "1234\n");
-        QVERIFY(QFile::setPermissions(bench.pidFile, {}));
-        QCOMPARE(chmod(QFile::encodeName(bench.dir.path()).constData(), 0711), 0); // the user may see that it exists
-        {
-            const AsOrdinaryUser user;
-            bench.handler->doStartSnmpd();
-        }
-        QCOMPARE(bench.events,
-                 (QStringList{notClosedEvent, qs("run: rm|") + bench.pidFile, startingEvent, bench.startEvent()}));
+        SnmpdBench unreadable;
+        writeFile(unreadable.pidFile, "1234\n");
+        QVERIFY(QFile::setPermissions(unreadable.pidFile, {}));
+        QCOMPARE(chmod(QFile::encodeName(unreadable.dir.path()).constData(), 0711), 0); // to see that the file exists
+        const AsOrdinaryUser user;
+        expectStart(unreadable, {notClosedEvent, qs("run: rm|") + unreadable.pidFile});
     }
 
     void onlyAFileIsAPidFile()
     {
-        for (const bool folder : {false, true}) {
-            SnmpdBench bench;
-            if (folder)
-                QVERIFY(QDir().mkpath(bench.pidFile));
-            bench.handler->doStartSnmpd();
-            QCOMPARE(bench.events, (QStringList{startingEvent, bench.startEvent()}));
-        }
+        SnmpdBench bench;
+        expectStart(bench, {});
+        SnmpdBench folder;
+        QVERIFY(QDir().mkpath(folder.pidFile));
+        expectStart(folder, {});
     }
 
     void probe()
     {
         const auto expect = [](const QByteArray &output, const QString &event, const QString &line) {
-            const AtRow at(output.constData());
+            const AtRow at(output);
             SnmpdBench bench;
             bench.restartTimer()->stop();
             bench.probeOutput = output;
@@ -303,8 +286,15 @@ private Q_SLOTS:
         QCOMPARE(bench.events, (QStringList{probeEvent, notRunningEvent, killallEvent, finishEvent, startingEvent,
                                             bench.startEvent()}));
     }
+
+private:
+    /// A clean start, and what is done before it.
+    static void expectStart(SnmpdBench &bench, const QStringList &before)
+    {
+        bench.handler->doStartSnmpd();
+        QCOMPARE(bench.events, before + (QStringList{startingEvent, bench.startEvent()}));
+    }
 };
 
 const TestEntry entry("tst_snmpdsupervision", runTest<TestSnmpdSupervision>);
-
 #include "tst_snmpdsupervision.moc"

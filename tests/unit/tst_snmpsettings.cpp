@@ -3,8 +3,6 @@
 #include "support/talbench.h"
 #include "support/testprogram.h"
 
-#include <QMap>
-
 namespace {
 
 const QString settings = QStringLiteral("/state/config/snmp_settings/");
@@ -228,8 +226,7 @@ private Q_SLOTS:
             const QVector<catalogue::Row> leaves = catalogue::rows("settings", "reference", ref);
             QVERIFY(!leaves.isEmpty());
             for (int place = 0; place < leaves.size(); ++place) {
-                const QByteArray field = leaves[place].latin1("field");
-                const AtRow at(field.constData());
+                const AtRow at(leaves[place].latin1("field"));
                 const QString path = leaves[place].text("leaf");
                 SettingsBench bench;
                 const QString empty = bench.change(ref, qs("replace"), groupPath(ref), QString());
@@ -261,8 +258,7 @@ private Q_SLOTS:
         const QVector<catalogue::Row> versions = catalogue::rows("settings", "reference", qs("version_control"));
         QCOMPARE(versions.size(), 3);
         for (const auto &[op, text, settingsFlag, trapFlag] : flagTexts) {
-            const QByteArray name = QByteArray(op) + ' ' + text;
-            const AtRow at(name.constData());
+            const AtRow at(QByteArray(op) + ' ' + text);
             for (const char *before : {"false", "true"})
                 for (int leaf = 0; leaf < 3; ++leaf) {
                     SettingsBench bench;
@@ -345,7 +341,6 @@ private Q_SLOTS:
     }
 
 private:
-    /// One event of a script.
     static QString run(SettingsBench &bench, const QString &event)
     {
         const auto word = [&](int place) { return event.section(QLatin1Char(' '), place, place); };

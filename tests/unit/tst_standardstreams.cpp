@@ -3,9 +3,6 @@
 
 #include "support/testprogram.h"
 
-#include <QDebug>
-#include <QTemporaryFile>
-
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -68,7 +65,6 @@ bool isNonBlocking(int descriptor)
     return (fcntl(descriptor, F_GETFL) & O_NONBLOCK) != 0;
 }
 
-/// What can be read without waiting.
 QByteArray available(int descriptor)
 {
     QByteArray content;
@@ -88,7 +84,6 @@ bool makePipe(int *ends)
     return pipe2(ends, O_CLOEXEC) == 0;
 }
 
-/// Both ends are closed with this object.
 struct Ends {
     explicit Ends(bool (*make)(int *ends))
     {
@@ -102,8 +97,7 @@ struct Ends {
         closeReader();
         close(writer);
     }
-    Ends(const Ends &) = delete;
-    Ends &operator=(const Ends &) = delete;
+    Q_DISABLE_COPY(Ends)
 
     void closeReader() { close(std::exchange(reader, -1)); }
 
@@ -135,19 +129,14 @@ private Q_SLOTS:
                 if (closed)
                     ends.closeReader();
                 QVERIFY(runsToItsEnd(ends.writer, printTooMuch));
-                QVERIFY(closed || available(ends.reader).startsWith(longLine));
+                const QByteArray content = closed ? QByteArray() : available(ends.reader);
+                QVERIFY(closed || content.size() > 4096);
+                if (row.make == makePipe) // whole lines
+                    QCOMPARE(content, (QByteArray(longLine) + '\n').repeated(content.count('\n')));
+                QVERIFY(closed || content.startsWith(longLine));
                 if (row.keepsItsFlags)
                     QVERIFY(!isNonBlocking(ends.writer));
             }
-    }
-
-    void unreadPipeHoldsWholeLines()
-    {
-        const Ends ends(makePipe);
-        QVERIFY(runsToItsEnd(ends.writer, printTooMuch));
-        const QByteArray content = available(ends.reader);
-        QVERIFY(content.size() > 4096);
-        QCOMPARE(content, (QByteArray(longLine) + '\n').repeated(content.count('\n')));
     }
 
     void linesAreWrittenAtOnceAndAgainAfterAJam()

@@ -5,9 +5,6 @@
 #include "agentlib/masterconnection.h"
 #include "agentlib/streamlimit.h"
 
-#include <QtEndian>
-#include <QtTest>
-
 #include <array>
 #include <cstdlib>
 #include <cstring>
@@ -64,8 +61,7 @@ public:
         for (const int socket : m_sockets)
             close(socket);
     }
-    Stream(const Stream &) = delete;
-    Stream &operator=(const Stream &) = delete;
+    Q_DISABLE_COPY(Stream)
 
     /// From here the master gets what it reads from its end of the connection.
     void connectToMaster()
@@ -164,32 +160,22 @@ class TestStreamLimit : public QObject {
 private Q_SLOTS:
     void requestsArriveUnlessTheyAreTooLong()
     {
-        const struct {
-            const char *name;
-            QByteArray bytes;
-            bool arrives;
-            QByteArray answer;
-        } rows[] = {
-            {"a ping", message(ping, 20), true, {}},
-            {"a Get of one name", message(get, 100), true, {}},
-            {"a Get at the limit", message(get, longestMessage), true, {}},
-            {"a Get beyond it", message(get, longestMessage + 4), false, refusal()},
-            {"a GetNext beyond it", message(getNext, longestMessage + 1), false, refusal()},
-            {"a GetBulk far beyond it", message(getBulk, 5 * longestMessage), false, refusal()},
-            {"a TestSet beyond it", message(testSet, longestMessage + 4), false, refusal()},
-            {"a CleanupSet, which has no answer", message(cleanupSet, longestMessage + 4), false, {}},
-            {"a response", message(response, longestMessage + 4), false, {}},
-            {"at the limit, big endian", message(get, longestMessage, true), true, {}},
-            {"beyond it, big endian", message(get, longestMessage + 4, true), false, refusal(true)},
-        };
-        for (const auto &row : rows) {
-            const AtRow at(row.name);
-            for (const int partSize : {1, 7, 19, 20, 21, 4096, 65536, row.bytes.size()}) {
+        const auto expect = [](const QByteArray &bytes, bool arrives, const QByteArray &answer) {
+            for (const int partSize : {1, 7, 19, 20, 21, 4096, 65536, bytes.size()}) {
                 Stream stream;
-                QCOMPARE(stream.received(row.bytes, partSize), row.arrives ? row.bytes : QByteArray());
-                QCOMPARE(stream.sent(), row.answer);
+                QCOMPARE(stream.received(bytes, partSize), arrives ? bytes : QByteArray());
+                QCOMPARE(stream.sent(), answer);
             }
-        }
+        };
+        for (const QByteArray &bytes :
+             {message(ping, 20), message(get, 100), message(get, longestMessage), message(get, longestMessage, true)})
+            expect(bytes, true, {});
+        for (const QByteArray &bytes : {message(get, longestMessage + 4), message(getNext, longestMessage + 1),
+                                        message(getBulk, 5 * longestMessage), message(testSet, longestMessage + 4)})
+            expect(bytes, false, refusal());
+        expect(message(get, longestMessage + 4, true), false, refusal(true));
+        for (const char type : {cleanupSet, response}) // has no answer
+            expect(message(type, longestMessage + 4), false, {});
     }
 
     void theMessagesAroundArrive()
@@ -314,23 +300,16 @@ private Q_SLOTS:
 
     void answersPassUnlessTheyAreTooLong()
     {
-        const struct {
-            const char *name;
-            QByteArray bytes;
-            QByteArray passes;
-        } rows[] = {
-            {"an answer of one name", message(response, 100), message(response, 100)},
-            {"an answer at the limit", message(response, longestMessage), message(response, longestMessage)},
-            {"an answer beyond it", message(response, longestMessage + 4), refusal()},
-            {"beyond it, big endian", message(response, longestMessage + 4, true), refusal(true)},
-            {"a notification beyond it", message(notify, longestMessage + 4), message(notify, longestMessage + 4)},
-        };
-        for (const auto &row : rows) {
-            const AtRow at(row.name);
+        const auto expect = [](const QByteArray &bytes, const QByteArray &passes) {
             Stream stream;
-            QCOMPARE(stream.sentOf(row.bytes), row.passes);
-            QCOMPARE(stream.last(), row.bytes.size()); // for the library it is sent
-        }
+            QCOMPARE(stream.sentOf(bytes), passes);
+            QCOMPARE(stream.last(), bytes.size()); // for the library it is sent
+        };
+        for (const QByteArray &bytes : {message(response, 100), message(response, longestMessage),
+                                        message(notify, longestMessage + 4)}) // a notification is never replaced
+            expect(bytes, bytes);
+        expect(message(response, longestMessage + 4), refusal());
+        expect(message(response, longestMessage + 4, true), refusal(true));
     }
 };
 

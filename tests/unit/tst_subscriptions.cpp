@@ -35,7 +35,6 @@ QStringList requestNames()
     return names;
 }
 
-/// A client of one model that is connected to a data service.
 struct Bench {
     TalPeer peer;
     MessageLog log;
@@ -50,7 +49,6 @@ struct Bench {
         log.takeLines();
     }
 
-    /// All requests since the last call.
     QByteArrayList sent()
     {
         const QByteArray lastWord = "<request><ref>last_word</ref></request>";
@@ -76,8 +74,7 @@ private Q_SLOTS:
         } rows[] = {{6211, 4},  {6214, 8},  {6259, 8}, {6410, 10}, {6420, 18}, {6425, 11}, {6601, 5}, {6602, 5},
                     {6720, 15}, {6764, 15}, {6891, 4}, {6913, 2},  {6914, 2},  {0, 1},     {9999, 1}};
         for (const auto &[model, count] : rows) {
-            const QByteArray name = QByteArray::number(model);
-            const AtRow at(name);
+            const AtRow at(QByteArray::number(model));
             Bench bench(model);
             const QByteArrayList settings = requestsOf(model, "settings");
             const QByteArrayList data = requestsOf(model, "data");

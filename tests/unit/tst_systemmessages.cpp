@@ -7,7 +7,6 @@ namespace {
 const QString listPath = QStringLiteral("/state/sys_messages/sys_message");
 const QString messagePath = listPath + qs("[reporter='amp'][rep_ref='7']");
 
-/// A bench that keeps each report as one line.
 class FaultBench : public TalBench {
 public:
     FaultBench() : TalBench(6914)
@@ -20,7 +19,6 @@ public:
                          });
     }
 
-    /// What one system message notification reports.
     QString message(const char *op, const QString &rPath, const QString &data)
     {
         m_reports.clear();
@@ -86,11 +84,8 @@ private Q_SLOTS:
     /// After a whole message, of which nothing may be left over.
     void leaves()
     {
-        static constexpr struct {
-            const char *predicates;
-            const char *message;
-            const char *report;
-        } rows[] = {
+        static constexpr const char *rows[][3] = {
+            // the predicates, the message and the report
             {"[reporter='a'][rep_ref='b']", "<reporter>a</reporter><rep_ref>b</rep_ref>", "a|b|||| on"},
             {"[reporter=' a/b ]'][rep_ref='x y']",
              "<reporter> a/b ]</reporter><rep_ref>x y</rep_ref><text> K\xc3\xb6ln &lt;1&gt; </text>"
@@ -103,14 +98,14 @@ private Q_SLOTS:
             {"[reporter='amp'][rep_ref='7']",
              "<reporter>amp</reporter><rep_ref>7</rep_ref><msgdata><let_fail/></msgdata><text>not well-formed", ""},
         };
-        for (const auto &row : rows) {
-            const AtRow at(row.message);
+        for (const auto &[predicates, message, report] : rows) {
+            const AtRow at(message);
             FaultBench bench;
             QVERIFY(!bench.message("create", messagePath, messageXml("<msgdata><let_fail/></msgdata>")).isEmpty());
             for (const char *op : {"create", "replace"})
-                QCOMPARE(bench.message(op, listPath + qs(row.predicates),
-                                       qs("<sys_message>%1</sys_message>").arg(qs(row.message))),
-                         qs(row.report));
+                QCOMPARE(
+                    bench.message(op, listPath + qs(predicates), qs("<sys_message>%1</sys_message>").arg(qs(message))),
+                    qs(report));
             QCOMPARE(bench.message("create", messagePath + qs("/text"), qs("<text>Fan turns again</text>")), QString());
             QCOMPARE(bench.message("create", listPath, QString()), QString());
             QCOMPARE(bench.log.lines(), QStringList());

@@ -4,8 +4,6 @@
 
 #include "agent/tablecore.h"
 
-#include <QtTest>
-
 namespace {
 constexpr Line goodSet[] = {{1, "one", 2}, {3, "three", 0}, {4, "four", 1}};
 constexpr Line fallingSet[] = {{2, "two", 0}, {1, "one", 1}};
@@ -69,8 +67,7 @@ public:
         netsnmp_free_request_data_sets(&m_request);
         snmp_set_var_value(&m_variable, nullptr, 0);
     }
-    Request(const Request &) = delete;
-    Request &operator=(const Request &) = delete;
+    Q_DISABLE_COPY(Request)
 
     void follow(Request &previous) { previous.m_request.next = &m_request; }
     int serve(int mode = MODE_GET)

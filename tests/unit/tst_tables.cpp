@@ -6,14 +6,11 @@
 
 #include "agent/modules.h"
 
-#include <QtTest>
-
 using catalogue::Row;
 
 namespace {
 constexpr int startedAmpType = 9; // what the agent was started with
 
-/// A description of the device.
 struct Text {
     const char *text;
     bool expanders;
@@ -90,7 +87,6 @@ QStringList expectedWalk(uint model, bool expanders, const TableRecords *records
     return walk;
 }
 
-/// Each text is the name of its field.
 InfoData tellingInfo(uint model)
 {
     InfoData info = {};
@@ -104,7 +100,6 @@ InfoData tellingInfo(uint model)
     return info;
 }
 
-/// What a started agent with every record answers.
 QStringList answersOf(uint model, const char *text, const std::function<QStringList()> &questions)
 {
     return answeredInOwnProcess([&] {
@@ -130,25 +125,29 @@ class TestTables : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void everyObjectOfEveryModel_data()
-    {
-        QTest::addColumn<uint>("model");
-        QTest::addColumn<int>("place");
-        for (const uint model : catalogue::models())
-            for (int place = 0; place < int(std::size(texts)); ++place)
-                QTest::addRow("%u %s", model, texts[place].text) << model << place;
-    }
-
     void everyObjectOfEveryModel()
     {
-        QFETCH(uint, model);
-        QFETCH(int, place);
-        const auto &[text, expanders] = texts[place];
+        for (const uint model : catalogue::models())
+            for (const Text &text : texts) {
+                const AtRow atModel(QByteArray::number(model));
+                const AtRow atText(text.text);
+                everyObject(model, text);
+            }
+    }
 
+    void nothingIsServedOnAnUnknownModel()
+    {
+        QCOMPARE(answersOf(6412, texts[1].text, [] { return snmpWalk("3"); }), QStringList());
+    }
+
+private:
+    static void everyObject(uint model, const Text &device)
+    {
+        const auto &[text, expanders] = device;
         const TableRecords records = recordfields::telling();
         const QStringList expected = expectedWalk(model, expanders, &records);
         QStringList all;
-        const QVector<int> repetitions = place == 2 ? QVector<int>{0} : QVector<int>{0, 1, 10, 25, 50};
+        const QVector<int> repetitions = &device == &texts[2] ? QVector<int>{0} : QVector<int>{0, 1, 10, 25, 50};
         for (int walk = 0; walk < repetitions.size(); ++walk)
             all << expected;
         compareWalks(answersOf(model, text,
@@ -166,11 +165,6 @@ private Q_SLOTS:
             return snmpWalk("3");
         });
         compareWalks(start.mid(7), expectedWalk(model, expanders, nullptr).mid(7));
-    }
-
-    void nothingIsServedOnAnUnknownModel()
-    {
-        QCOMPARE(answersOf(6412, texts[1].text, [] { return snmpWalk("3"); }), QStringList());
     }
 };
 

@@ -6,25 +6,9 @@
 
 #include "app/trace/trace.h"
 
-#include <QMetaMethod>
-
 #include <algorithm>
 #include <memory>
 #include <new>
-
-namespace {
-
-/// Signatures of a class's methods of one kind, without those it inherits, in the order of their declaration.
-QString methodsOf(const QMetaObject &meta, QMetaMethod::MethodType type)
-{
-    QString all;
-    for (int i = meta.methodOffset(); i < meta.methodCount(); ++i)
-        if (meta.method(i).methodType() == type)
-            all += QString::fromLatin1(meta.method(i).methodSignature()) + QLatin1Char('\n');
-    return all;
-}
-
-} // namespace
 
 class TestTalHandler : public QObject {
     Q_OBJECT
@@ -87,8 +71,7 @@ private Q_SLOTS:
                     continue;
                 TalBench bench(key.has(6420) ? 6420 : key.list("models").first().toUInt());
                 const TableRecords before = bench.records();
-                QString path = parser.text("path").replace(qs("%1"), key.text("key").section(QLatin1Char(' '), 0, 0));
-                path.replace(qs("%2"), key.text("key").section(QLatin1Char(' '), 1));
+                const QString path = parser.pathOf(key.text("key"));
                 const QString text = parser.list("words").value(0, qs("12")).section(QLatin1Char('='), 0, 0);
                 for (const QByteArray &other :
                      {ref.toUpper(), "K" + ref.mid(1), ref + ' ', ' ' + ref, ref.chopped(1), ref + "s", QByteArray()})
@@ -136,26 +119,26 @@ private Q_SLOTS:
 
     void signalsAndSlotsInOrder()
     {
-        QCOMPARE(methodsOf(TalHandler::staticMetaObject, QMetaMethod::Signal),
-                 qs("signalSnmpdConfMib2Settings(SnmpMib2Settings)\n"
-                    "signalSnmpdConfAccessSettings(SnmpAccessSettings)\n"
-                    "signalSnmpdConfTrapSettings(SnmpTrapSettings)\n"
-                    "signalSnmpdConfVersionSettings(SnmpVersionSettings)\n"
-                    "signalSnmpdConfUseCustomConfFile(bool)\n"
-                    "signalSetGpioType(uint,uint)\n"
-                    "signalReportFault(QString,QString,QString,QString,QString,QString,bool)\n"
-                    "signalUpdateEnabledSnmpTraps(QMap<QString,bool>&)\n"));
-        QCOMPARE(methodsOf(TalHandler::staticMetaObject, QMetaMethod::Slot),
-                 qs("slotTalReady()\n"
-                    "talHandlerNotifySlot(QString,QString,QString,QString,QString)\n"
-                    "slotStartSubscribe()\n"
-                    "slotGpoUpdate(uint,QString,QString)\n"
-                    "slotGpiUpdate(uint,QString)\n"
-                    "slotAmpChannelStatusUpdate(uint,uint)\n"
-                    "slotSetControlInputStatus(uint,uint)\n"
-                    "slotSetControlOutputStatus(uint,uint)\n"
-                    "slotLetPrecenseUpdate(uint,uint,uint)\n"
-                    "slotSetRelayStatus(uint,uint)\n"));
+        QCOMPARE(ownMethods(TalHandler::staticMetaObject, QMetaMethod::Signal),
+                 qs("signalSnmpdConfMib2Settings(SnmpMib2Settings) "
+                    "signalSnmpdConfAccessSettings(SnmpAccessSettings) "
+                    "signalSnmpdConfTrapSettings(SnmpTrapSettings) "
+                    "signalSnmpdConfVersionSettings(SnmpVersionSettings) "
+                    "signalSnmpdConfUseCustomConfFile(bool) "
+                    "signalSetGpioType(uint,uint) "
+                    "signalReportFault(QString,QString,QString,QString,QString,QString,bool) "
+                    "signalUpdateEnabledSnmpTraps(QMap<QString,bool>&)"));
+        QCOMPARE(ownMethods(TalHandler::staticMetaObject, QMetaMethod::Slot),
+                 qs("slotTalReady() "
+                    "talHandlerNotifySlot(QString,QString,QString,QString,QString) "
+                    "slotStartSubscribe() "
+                    "slotGpoUpdate(uint,QString,QString) "
+                    "slotGpiUpdate(uint,QString) "
+                    "slotAmpChannelStatusUpdate(uint,uint) "
+                    "slotSetControlInputStatus(uint,uint) "
+                    "slotSetControlOutputStatus(uint,uint) "
+                    "slotLetPrecenseUpdate(uint,uint,uint) "
+                    "slotSetRelayStatus(uint,uint)"));
     }
 };
 

@@ -27,20 +27,15 @@ QStringList logged(QtMsgType type)
     return texts;
 }
 
-QString u(const char *text)
-{
-    return QString::fromUtf8(text);
-}
-
 void subscribe(const char *ref, const char *path, const char *operation, const char *flag, int target = 0)
 {
-    TalInterface::requestDataSubscribeSingleLevel(u(ref), u(path), u(operation), u(flag),
+    TalInterface::requestDataSubscribeSingleLevel(qs(ref), qs(path), qs(operation), qs(flag),
                                                   static_cast<TALTARGET_ENUM>(target));
 }
 
 void edit(const char *ref, const char *path, const char *operation, const char *xml)
 {
-    TalInterface::requestDataEdit(u(ref), u(path), u(operation), u(xml));
+    TalInterface::requestDataEdit(qs(ref), qs(path), qs(operation), qs(xml));
 }
 
 void request(const QString &xml)
@@ -48,7 +43,6 @@ void request(const QString &xml)
     TalInterface::requestData(xml, TALTARGET_DEFAULT);
 }
 
-/// A data service, and a client that is connected to it.
 struct Bench {
     TalPeer peer;
     std::unique_ptr<TalInterface> tal = std::make_unique<TalInterface>(nullptr);
@@ -62,7 +56,6 @@ struct Bench {
         logLines.clear();
     }
 
-    /// The next request.
     QString sent()
     {
         [this] { QTRY_COMPARE(peer.messages().size(), 1); }();
@@ -132,7 +125,7 @@ private Q_SLOTS:
     void reconnectsASecondAfterEachLoss()
     {
         Bench b;
-        connect(b.tal.get(), &TalInterface::talLocalUnixSocketConnectedSignal, this, [] { request(u("subscribe")); });
+        connect(b.tal.get(), &TalInterface::talLocalUnixSocketConnectedSignal, this, [] { request(qs("subscribe")); });
         for (int loss = 1; loss <= 2; ++loss) {
             b.peer.sendRaw("<notify><ref>half</ref>"); // discarded with its connection
             QTest::qWait(50);
@@ -147,7 +140,7 @@ private Q_SLOTS:
             QTRY_COMPARE(b.connected.count(), 1 + loss);
             QVERIFY(timer.elapsed() >= 900);
             QVERIFY(timer.elapsed() < 2500);
-            QCOMPARE(b.sent(), u("subscribe"));
+            QCOMPARE(b.sent(), qs("subscribe"));
             b.peer.sendMessage(notify("<b/>"));
             QTRY_COMPARE(b.notified.count(), loss);
         }
@@ -158,32 +151,33 @@ private Q_SLOTS:
     {
         Bench b;
         subscribe("kvsnmp_fan", "/state/fans", "change", "true");
-        QCOMPARE(b.sent(), u("<request><ref>kvsnmp_fan</ref><subscribe><path>/state/fans</path><operation>change"
-                             "</operation><single_level>true</single_level><target>0</target></subscribe></request>"));
+        QCOMPARE(b.sent(), qs("<request><ref>kvsnmp_fan</ref><subscribe><path>/state/fans</path><operation>change"
+                              "</operation><single_level>true</single_level><target>0</target></subscribe></request>"));
         subscribe("r", "/l/n[kid='ch1']/v", "change", "false", 1);
-        QCOMPARE(b.sent(), u("<request><ref>r</ref><subscribe><path>/l/n[kid='ch1']/v</path><operation>change"
-                             "</operation><single_level>false</single_level><target>1</target></subscribe></request>"));
+        QCOMPARE(b.sent(),
+                 qs("<request><ref>r</ref><subscribe><path>/l/n[kid='ch1']/v</path><operation>change"
+                    "</operation><single_level>false</single_level><target>1</target></subscribe></request>"));
         subscribe("<r>&\"'", "/l/n[k='<&>']", "]]>", "a\rä");
         QCOMPARE(b.sent(),
-                 u("<request><ref>&lt;r&gt;&amp;\"'</ref><subscribe><path>/l/n[k='&lt;&amp;&gt;']</path><operation>"
-                   "]]&gt;</operation><single_level>a&#13;ä</single_level><target>0</target></subscribe></request>"));
+                 qs("<request><ref>&lt;r&gt;&amp;\"'</ref><subscribe><path>/l/n[k='&lt;&amp;&gt;']</path><operation>"
+                    "]]&gt;</operation><single_level>a&#13;ä</single_level><target>0</target></subscribe></request>"));
         for (const char *operation : {"create", "replace", "patch"}) {
             edit("r", "/a/b", operation, "<b>&lt;ä</b>");
-            QCOMPARE(b.sent(), u("<request><ref>r</ref><edit><path>/a/b</path><operation>%1</operation>"
-                                 "<data><b>&lt;ä</b></data></edit></request>")
-                                   .arg(u(operation)));
+            QCOMPARE(b.sent(), qs("<request><ref>r</ref><edit><path>/a/b</path><operation>%1</operation>"
+                                  "<data><b>&lt;ä</b></data></edit></request>")
+                                   .arg(qs(operation)));
         }
         for (const char *xml : {"", "<b/>"}) {
             edit("r", "/a/b", "delete", xml);
-            QCOMPARE(b.sent(), u("<request><ref>r</ref><edit><path>/a/b</path><operation>delete</operation></edit>"
-                                 "</request>"));
+            QCOMPARE(b.sent(), qs("<request><ref>r</ref><edit><path>/a/b</path><operation>delete</operation></edit>"
+                                  "</request>"));
         }
         edit("&", "<", ">", "<b/>");
-        QCOMPARE(b.sent(), u("<request><ref>&amp;</ref><edit><path>&lt;</path><operation>&gt;</operation>"
-                             "<data><b/></data></edit></request>"));
+        QCOMPARE(b.sent(), qs("<request><ref>&amp;</ref><edit><path>&lt;</path><operation>&gt;</operation>"
+                              "<data><b/></data></edit></request>"));
         for (const char *text : {" <any> & \"text\"\nä\r", ""}) {
-            request(u(text));
-            QCOMPARE(b.sent(), u(text));
+            request(qs(text));
+            QCOMPARE(b.sent(), qs(text));
         }
         QVERIFY(logLines.isEmpty());
     }
@@ -193,14 +187,12 @@ private Q_SLOTS:
         Bench b;
         b.tal = std::make_unique<TalInterface>(nullptr); // the older one ends after this one starts
         QTRY_COMPARE(b.peer.connections(), 2);
-        request(u("<x/>"));
-        QCOMPARE(b.sent(), u("<x/>"));
+        request(qs("<x/>"));
+        QCOMPARE(b.sent(), qs("<x/>"));
         logLines.clear();
         b.tal.reset();
         subscribe("r", "/a", "change", "true");
-        QCOMPARE(logged(QtDebugMsg).size(), 1);
-        request(u("<x/>"));
-        QCOMPARE(logged(QtDebugMsg).size(), 2);
+        request(qs("<x/>"));
         edit("r", "/a", "create", "<a/>");
         QCOMPARE(logged(QtDebugMsg).size(), 3);
         QCOMPARE(logLines.size(), 3);
@@ -213,28 +205,27 @@ private Q_SLOTS:
         TalPeer peer;
         const TalInterface tal(nullptr);
         const QSignalSpy connected(&tal, &TalInterface::talLocalUnixSocketConnectedSignal);
-        request(u("too early"));
+        request(qs("too early"));
         QCOMPARE(logged(QtDebugMsg).size(), 1);
-        QCOMPARE(logLines.size(), 1);
         QTRY_COMPARE(connected.count(), 1);
-        request(u("in time"));
+        request(qs("in time"));
         QTRY_COMPARE(peer.messages(), QByteArrayList({"in time"})); // the dropped one is not sent later
         peer.shutDown();
-        QTRY_VERIFY(logged(QtDebugMsg).size() == 2); // the loss
-        request(u("too late"));
+        QTRY_COMPARE(logged(QtDebugMsg).size(), 2); // the loss
+        request(qs("too late"));
         QCOMPARE(logged(QtDebugMsg).size(), 3);
-        QCOMPARE(logged(QtWarningMsg), QStringList());
+        QCOMPARE(logLines.size(), 3); // no warning
     }
 
     void requestThatCannotBeFramed()
     {
         Bench b;
-        request(u("<a>") + QChar(QChar::Null) + u("</a>"));
+        request(qs("<a>") + QChar(QChar::Null) + qs("</a>"));
         QCOMPARE(logged(QtWarningMsg).size(), 1);
         request(QString(static_cast<int>(maxMessageSize) + 1, QLatin1Char('x')));
         QCOMPARE(logged(QtWarningMsg).size(), 2);
-        request(u("next"));
-        QCOMPARE(b.sent(), u("next"));
+        request(qs("next"));
+        QCOMPARE(b.sent(), qs("next"));
     }
 
     void slowService()
@@ -263,8 +254,8 @@ private Q_SLOTS:
         QTRY_COMPARE(b.connected.count(), 2);
         QTRY_COMPARE(b.peer.connections(), 2);
         b.peer.takeMessages();
-        request(u("anew"));
-        QCOMPARE(b.sent(), u("anew")); // and nothing of the rest
+        request(qs("anew"));
+        QCOMPARE(b.sent(), qs("anew")); // and nothing of the rest
     }
 
     void notifications()
@@ -298,15 +289,15 @@ private Q_SLOTS:
         // clang-format on
         Bench b;
         for (const QByteArray &data : exact)
-            QCOMPARE(b.received(notify(data)), u("r|replace|/a/b|/a|") + QString::fromUtf8(data));
+            QCOMPARE(b.received(notify(data)), qs("r|replace|/a/b|/a|") + QString::fromUtf8(data));
         for (const auto &[children, data] : rows) {
             const AtRow at(children);
             QCOMPARE(b.received(QByteArray("<notify><ref>r</ref><op>o</op>") + children + "</notify>"),
-                     u("r|o|||") + u(data));
+                     qs("r|o|||") + qs(data));
         }
         for (const auto &[message, texts] : tolerated) {
             const AtRow at(message);
-            QCOMPARE(b.received(message), u(texts));
+            QCOMPARE(b.received(message), qs(texts));
         }
         QVERIFY(logLines.isEmpty());
     }
@@ -337,7 +328,7 @@ private Q_SLOTS:
             const AtRow at(message);
             b.peer.sendRaw(notify("<before/>") + nul + message + nul + notify("<after/>") + nul);
             QTRY_COMPARE(b.notified.count(), 2);
-            QCOMPARE(b.dataTexts(), QStringList({u("<before/>"), u("<after/>")}));
+            QCOMPARE(b.dataTexts(), QStringList({qs("<before/>"), qs("<after/>")}));
             QCOMPARE(logged(QtWarningMsg).size(), 1);
             QCOMPARE(logLines.size(), 1);
             b.notified.clear();
@@ -356,7 +347,7 @@ private Q_SLOTS:
             QTRY_COMPARE(b.peer.connections(), 2);
             b.peer.sendMessage(notify("<anew/>"));
             QTRY_COMPARE(b.notified.count(), 2);
-            QCOMPARE(b.dataTexts(), QStringList({u("<before/>"), u("<anew/>")}));
+            QCOMPARE(b.dataTexts(), QStringList({qs("<before/>"), qs("<anew/>")}));
             QCOMPARE(logged(QtWarningMsg).size(), 1);
         }
     }
@@ -384,15 +375,15 @@ private Q_SLOTS:
         connect(b.tal.get(), &TalInterface::talNotifySignal, this,
                 [&found](const QString &, const QString &, const QString &rPath, const QString &sPath,
                          const QString &data) {
-                    QString out = u("-");
-                    TalInterface::xpathGetTextNode(out, u("/a/b"), sPath, rPath, data);
+                    QString out = qs("-");
+                    TalInterface::xpathGetTextNode(out, qs("/a/b"), sPath, rPath, data);
                     found << out;
                 });
         for (const char *data :
              {"<b>1</b>", "<b> </b>", "", "<b>1</b><b>2</b>", "text", "<b>2</b>", "<b/>x", "<!-- c --><b>3</b>"})
             b.peer.sendMessage(notify(data));
         QTRY_COMPARE(found.size(), 8);
-        QCOMPARE(found.join(QLatin1Char('|')), u("1| ||-|-|2|-|3"));
+        QCOMPARE(found.join(QLatin1Char('|')), qs("1| ||-|-|2|-|3"));
     }
 
     void aFloodLeavesTheEventLoopItsTurns()
@@ -445,7 +436,7 @@ private Q_SLOTS:
         });
         b.peer.sendRaw(notify("<b>1</b>") + nul + notify("<b>2</b>") + nul);
         QTRY_COMPARE(b.notified.count(), 3);
-        QCOMPARE(b.dataTexts(), QStringList({u("<b>1</b>"), u("<b>2</b>"), u("<b>3</b>")}));
+        QCOMPARE(b.dataTexts(), QStringList({qs("<b>1</b>"), qs("<b>2</b>"), qs("<b>3</b>")}));
     }
 
     void nothingOfAConnectionLostWithinASlot()
@@ -458,7 +449,7 @@ private Q_SLOTS:
         });
         b.peer.sendRaw(notify("<b>1</b>") + nul + notify("<b>2</b>") + nul);
         QTRY_COMPARE(b.connected.count(), 2);
-        QCOMPARE(b.dataTexts(), QStringList({u("<b>1</b>")}));
+        QCOMPARE(b.dataTexts(), QStringList({qs("<b>1</b>")}));
     }
 
     // last: it stays on
@@ -466,10 +457,10 @@ private Q_SLOTS:
     {
         Bench b;
         TalInterface::debugPrintEnable();
-        request(u("<question/>"));
-        QCOMPARE(b.received(notify("<b>ä</b>")), u("r|replace|/a/b|/a|<b>ä</b>"));
-        QCOMPARE(logged(QtDebugMsg).filter(u("<question/>")).size(), 1);
-        QCOMPARE(logged(QtDebugMsg).filter(u("<data><b>ä</b></data>")).size(), 1);
+        request(qs("<question/>"));
+        QCOMPARE(b.received(notify("<b>ä</b>")), qs("r|replace|/a/b|/a|<b>ä</b>"));
+        QCOMPARE(logged(QtDebugMsg).filter(qs("<question/>")).size(), 1);
+        QCOMPARE(logged(QtDebugMsg).filter(qs("<data><b>ä</b></data>")).size(), 1);
     }
 };
 

@@ -1,4 +1,5 @@
 // The simulator's service: clients of the data service, the control socket, the amplifier monitor, the GPIO tree.
+#include "support/messagebus.h"
 #include "support/testprogram.h"
 
 #include "simulator/controlserver.h"
@@ -11,11 +12,6 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusPendingReply>
-#include <QDir>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QProcess>
-#include <QTemporaryDir>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -43,7 +39,6 @@ QByteArray editRequest(const char *operation, const char *path, const char *data
            "</edit></request>" + '\0';
 }
 
-/// A data service of one model in this process.
 struct Service {
     QTemporaryDir folder;
     QString talPath = folder.filePath("tal.sock");
@@ -62,7 +57,6 @@ struct Service {
     }
 };
 
-/// A client of the data service.
 struct Client {
     QLocalSocket socket;
     QByteArray received;
@@ -130,29 +124,6 @@ struct Control {
     }
 };
 
-/// A message bus for the test.
-struct Bus {
-    QTemporaryDir folder;
-    QString address = "unix:path=" + folder.filePath("bus");
-    QProcess daemon;
-
-    void start()
-    {
-        daemon.start("dbus-daemon", {"--session", "--nofork", "--print-address", "--address=" + address});
-        if (!daemon.waitForStarted() || !daemon.waitForReadyRead())
-            qFatal("dbus-daemon does not start");
-    }
-
-    void stop()
-    {
-        daemon.kill();
-        daemon.waitForFinished();
-        QFile::remove(folder.filePath("bus"));
-    }
-
-    ~Bus() { stop(); }
-};
-
 /// A service with a GPIO tree, and the tree's folder as a program sees it that does not know the simulator.
 struct GpioBench {
     Service service;
@@ -172,17 +143,20 @@ struct GpioBench {
     QString path(const QString &name) const { return root + '/' + name; }
     bool has(const QString &name) const { return QFile::exists(path(name)); }
 
-    QByteArray content(const char *name) const
+    /// Without its line end.
+    QString content(const QString &name) const
     {
         QFile file(path(name));
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(missing)");
+        return file.open(QIODevice::ReadOnly) ? QString(file.readAll()).remove('\n')
+               : has(name)                    ? "(folder)"
+                                              : "(missing)";
     }
 
-    bool write(const char *name, const char *text) const
+    /// In place, as the kernel's files are written.
+    bool write(const QString &name, const QByteArray &text) const
     {
         const int descriptor = ::open(QFile::encodeName(path(name)).constData(), O_WRONLY | O_CLOEXEC);
-        const auto size = static_cast<ssize_t>(qstrlen(text));
-        const bool written = descriptor >= 0 && ::write(descriptor, text, qstrlen(text)) == size;
+        const bool written = ::write(descriptor, text.constData(), size_t(text.size())) == text.size();
         ::close(descriptor);
         return written;
     }
@@ -211,9 +185,14 @@ constexpr struct { const char *line, *reply; } commands[] = {
     {"delete FAN", "0"}, {"get /state/fans/fan/kid", "0 amp_class_d"},
     {"fault raise amp 7 fan_not_running crit 'no fan' --timestamp 0x10", "0"},
     {"fault raise amp 7 x crit t", "1 is there already: FAULT"},
-    {"fault raise psu 8 \"\" err t --timestamp \"\"", "0"},
-    {"fault list", "0 amp\t7\tfan_not_running\tcrit\t0x10\tno fan\npsu\t8\t\terr\t\tt"},
-    {"fault raise amp 7 y err u --replace --timestamp 2", "0"}, {"fault clear psu 8", "0"},
+    {"get FAULT", "0 <sys_message><reporter>amp</reporter><rep_ref>7</rep_ref><msgdata><fan_not_running/></msgdata>"
+     "<text>no fan</text><timestamp>0x10</timestamp><level>crit</level></sys_message>"},
+    {"fault raise 'psu 1/]' 8 \"\" err <t> --timestamp \"\" --replace", "0"}, // nothing to replace
+    {"fault list", "0 amp\t7\tfan_not_running\tcrit\t0x10\tno fan\npsu 1/]\t8\t\terr\t\t<t>"},
+    {"fault raise \"it's\" 7 x crit t", "1 reporter and reference may hold no apostrophe"},
+    {"fault raise a 7 <x> crit t", "1 not a message identifier: <x>"},
+    {R"(["fault","raise","a","7","x","crit","\u0002"])", "1 XML cannot carry a control character of this value"},
+    {"fault raise amp 7 y err u --replace --timestamp 2", "0"}, {"fault clear 'psu 1/]' 8", "0"},
     {"fault list", "0 amp\t7\ty\terr\t2\tu"},
     {"fault clear amp 7", "0"}, {"fault list", "0"}, {"fault clear amp 7", "1 no such node: FAULT"},
     {"fault raise a 1 x crit t u",
@@ -226,6 +205,31 @@ constexpr struct { const char *line, *reply; } commands[] = {
     {"replay x", "2 replay is carried out by talctl itself"},
     {"gpio list", "1 no GPIO tree: talservice was started without --gpio-root"},
     {"monitor status", "0 down"}, {"monitor gpi 1 ok_open", "1 the amplifier monitor is on no message bus"},
+};
+// clang-format on
+
+/// Steps on a GPIO tree: "FILE: TEXT" in the end, "FILE < TEXT" writes, "COMMAND -> REPLY" of talctl gpio.
+// clang-format off
+constexpr struct { const char *name; uint model; bool exportAll; const char *steps; } gpioScripts[] = {
+    {"chips and lines", 6891, true,
+     "gpiochip336/label: controller; gpiochip336/base: 336; gpiochip336/ngpio: 176; gpiochip600/label: 1-0021; "
+     "gpiochip616/label: 1-0022; gpiochip616/base: 616; gpio504/direction: in; gpio505/direction: out; "
+     "gpio510/direction: out; gpio504/edge: none; gpio504/value: 0"},
+    {"levels", 6891, true,
+     "gpio1 1 -> 0; gpio504/value: 1; 504 unreadable -> 0; gpio504/value: unreadable; gpio1 0 -> 0; gpio504/value: 0; "
+     "e_relay8 1 -> 0; gpio607/value: 1; gpio15 1 -> 1 no such line: gpio15; "
+     "gpio1 2 -> 2 usage: talctl gpio LINE 0|1|unreadable"},
+    {"exports by file: the number in the tree, with and without a line end, longer and shorter than before", 6214, false,
+     "gpio84: (missing); export < 84; gpio84/value: 0; export: ; export < 168\n; gpio168/value: 0; export: ; "
+     "export < 600\n; gpio600/value: 0; export: ; export < 5000; export: ; export < x; export: ; export < 176; export: ; "
+     "gpio176: (missing); unexport < 84; gpio84: (missing)"},
+    {"exports by command, and a level that is kept for the next export", 6214, false,
+     "export relay3 -> 0; gpio84/value: 0; export relay3 -> 1 relay3 is exported already; unexport 84 -> 0; "
+     "unexport 84 -> 1 relay3 is not exported; relay3 1 -> 0; gpio84: (missing); export relay3 -> 0; gpio84/value: 1"},
+    {"the tree is removed and restored", 6211, true,
+     "unexport gpio2 -> 0; restore -> 1 the GPIO tree is in place; remove -> 0; : (missing); "
+     "remove -> 1 the GPIO tree is removed already; gpio1 1 -> 0; : (missing); restore -> 0; gpio168/value: 1; "
+     "gpio169: (missing); export < 169; gpio169/value: 0"}, // the new file is watched
 };
 // clang-format on
 
@@ -260,7 +264,7 @@ class TestTalService : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase() { qputenv("DBUS_SESSION_BUS_ADDRESS", m_bus.address.toUtf8()); }
+    void initTestCase() { qputenv("DBUS_SESSION_BUS_ADDRESS", m_bus.address().toUtf8()); }
 
     void subscriptions()
     {
@@ -301,13 +305,17 @@ private Q_SLOTS:
         QCOMPARE(two.messages(1, subscribeRequest("two", "/state/fans")).size(), 1);
         {
             Client one(service);
-            QCOMPARE(one.messages(1, subscribeRequest("one", fanPath)).size(), 1);
+            QCOMPARE(one.messages(2, subscribeRequest("one", fanPath) + subscribeRequest("one", namePath)).size(), 2);
             QVERIFY(!service.tree.remove("/state/fans/fan[kid='amp_power']"));
             QCOMPARE(one.messages(1), QStringList(QString("one delete %1 %2").arg(fanPath, fanLeaf)));
             QCOMPARE(two.messages(1), QStringList(QString("two delete /state/fans/fan[kid='amp_power'] "
                                                           "<fan><kid>amp_power</kid>%1</fan>")
                                                       .arg(fanLeaf)));
+            one.socket.abort();
         }
+        Control control(service);
+        for (int i = 0; i < 10; ++i) // one is gone and its session may be there still
+            QCOMPARE(control.run(QString("set %1 %2").arg(namePath).arg(i)), QString("0"));
         QTRY_COMPARE(service.server.sessions().size(), std::size_t{1});
         Client again(service);
         QTRY_COMPARE(service.server.sessions().size(), std::size_t{2});
@@ -406,20 +414,6 @@ private Q_SLOTS:
             QCOMPARE(control.run(QString("set %1 %2%3").arg(namePath, text).arg(i)), QString("0"));
         QVERIFY(service.server.sessions().front()->queued() > 0);
         QVERIFY2(timer.elapsed() < 4000, qPrintable(QString::number(timer.elapsed()))); // waits once, not each time
-    }
-
-    void vanishedClient()
-    {
-        Service service;
-        {
-            Client client(service);
-            QCOMPARE(client.messages(1, subscribeRequest("a", "/state")).size(), 1);
-            client.socket.abort();
-        }
-        Control control(service);
-        for (int i = 0; i < 10; ++i)
-            QCOMPARE(control.run(QString("set %1 %2").arg(fanPath).arg(i)), QString("0"));
-        QTRY_VERIFY(service.server.sessions().empty());
     }
 
     void socketInUse()
@@ -551,7 +545,7 @@ private Q_SLOTS:
         QVERIFY(monitor.flush()); // before anybody listens
 
         Listener listener;
-        QDBusConnection listening = QDBusConnection::connectToBus(m_bus.address, "listener");
+        QDBusConnection listening = QDBusConnection::connectToBus(m_bus.address(), "listener");
         const QString name = "com.orvane.pamon";
         QVERIFY(listening.connect(name, "/monitor", name, QString(), &listener, SLOT(onSignal(QDBusMessage))));
         for (const char *line : {"status", "gpo 5 ok_set", "gpo 4294967295 'a b' c", "gpi 13 ''", "amp 1 2",
@@ -617,93 +611,43 @@ private Q_SLOTS:
 
     void gpioTreeOnDisk()
     {
-        GpioBench b(6891, true);
-        static constexpr struct {
-            const char *path, *text;
-        } files[] = {
-            {"gpiochip336/label", "controller"}, {"gpiochip336/base", "336"}, {"gpiochip336/ngpio", "176"},
-            {"gpiochip616/base", "616"},         {"gpio504/direction", "in"}, {"gpio505/direction", "out"},
-            {"gpio510/direction", "out"},        {"gpio504/edge", "none"},    {"gpio504/value", "0"},
-        };
-        for (const auto &[path, text] : files)
-            QCOMPARE(b.content(path), QByteArray(text) + '\n');
-        QVERIFY(b.content("gpiochip600/label").endsWith("-0021\n"));
-        QVERIFY(b.content("gpiochip616/label").endsWith("-0022\n"));
-
-        QCOMPARE(b.control.run("gpio gpio1 1"), QString("0"));
-        QCOMPARE(b.content("gpio504/value"), QByteArray("1\n"));
-        QCOMPARE(b.control.run("gpio 504 unreadable"), QString("0"));
-        QVERIFY(b.content("gpio504/value").trimmed() != "0");
-        QVERIFY(b.content("gpio504/value").trimmed() != "1");
-        QCOMPARE(b.control.run("gpio gpio1 0"), QString("0"));
-        QCOMPARE(b.content("gpio504/value"), QByteArray("0\n"));
-        QCOMPARE(b.control.run("gpio e_relay8 1"), QString("0"));
-        QCOMPARE(b.content("gpio607/value"), QByteArray("1\n"));
-        QCOMPARE(b.control.run("gpio gpio15 1"), QString("1 no such line: gpio15"));
-        QCOMPARE(b.control.run("gpio gpio1 2"), QString("2 usage: talctl gpio LINE 0|1|unreadable"));
+        for (const auto &[name, model, exportAll, steps] : gpioScripts) {
+            const AtRow at(name);
+            GpioBench b(model, exportAll);
+            for (const QString &step : QString(steps).split("; ")) {
+                const AtRow atStep(step.toUtf8());
+                if (step.contains(" < ")) {
+                    QVERIFY(b.write(step.section(" < ", 0, 0), step.section(" < ", 1).toLatin1()));
+                } else if (step.contains(" -> ")) {
+                    QCOMPARE(b.control.run("gpio " + step.section(" -> ", 0, 0)), step.section(" -> ", 1));
+                } else {
+                    QTRY_COMPARE(b.content(step.section(": ", 0, 0)), step.section(": ", 1));
+                }
+            }
+        }
     }
 
-    void gpioExport()
+    void gpioFolders()
     {
         GpioBench b(6214, false);
-        QVERIFY(!b.has("gpio84"));
-        // without a line end, then longer and shorter; 600 is a line of an expander by its number in the tree
-        static constexpr struct {
-            const char *text, *file;
-        } writes[] = {
-            {"84", "gpio84/value"}, {"168\n", "gpio168/value"}, {"600\n", "gpio600/value"}, {"5000", "export"},
-            {"x", "export"},        {"176", "export"}};
-        for (const auto &[text, file] : writes) {
-            QVERIFY(b.write("export", text));
-            QTRY_VERIFY(b.has(file));
-            QTRY_COMPARE(b.content("export"), QByteArray());
-        }
+        for (const char *line : {"84", "168", "e_relay1"})
+            QCOMPARE(b.control.run(QString("gpio export ") + line), QString("0"));
         QCOMPARE(QDir(b.root).entryList({"gpio[0-9]*"}).size(), 3);
-
-        QVERIFY(b.write("unexport", "84"));
-        QTRY_VERIFY(!b.has("gpio84"));
-        QCOMPARE(b.control.run("gpio export relay3"), QString("0"));
-        QVERIFY(b.has("gpio84/value"));
-        QCOMPARE(b.control.run("gpio export relay3"), QString("1 relay3 is exported already"));
-        QCOMPARE(b.control.run("gpio unexport 84"), QString("0"));
-        QCOMPARE(b.control.run("gpio unexport 84"), QString("1 relay3 is not exported"));
-        QCOMPARE(b.control.run("gpio relay3 1"), QString("0")); // kept for its next export
-        QVERIFY(!b.has("gpio84"));
-        QCOMPARE(b.control.run("gpio export relay3"), QString("0"));
-        QCOMPARE(b.content("gpio84/value"), QByteArray("1\n"));
-    }
-
-    void gpioTreeIsRemovedAndRestored()
-    {
-        GpioBench b(6211, true);
-        QCOMPARE(b.control.run("gpio unexport gpio2"), QString("0"));
-        QCOMPARE(b.control.run("gpio restore"), QString("1 the GPIO tree is in place"));
-        QCOMPARE(b.control.run("gpio remove"), QString("0"));
-        QVERIFY(!b.has(""));
-        QCOMPARE(b.control.run("gpio remove"), QString("1 the GPIO tree is removed already"));
-        QCOMPARE(b.control.run("gpio gpio1 1"), QString("0"));
-        QVERIFY(!b.has(""));
-        QCOMPARE(b.control.run("gpio restore"), QString("0"));
-        QCOMPARE(b.content("gpio168/value"), QByteArray("1\n"));
-        QVERIFY(!b.has("gpio169"));
-        QCOMPARE(b.control.run("gpio 170 unreadable"), QString("0"));
-        const QStringList lines = b.control.run("gpio list").split('\n');
-        QCOMPARE(lines.size(), 6 + 8 + 1 + 8);
-        QCOMPARE(lines.mid(0, 3), (QStringList{"0 gpio1\t168\tgpio168\tin\t1", "gpio2\t169\tgpio169\tmissing\tmissing",
-                                               "gpio3\t170\tgpio170\tin\tunreadable"}));
-        QCOMPARE(lines[22], QString("e_relay8\t183\tgpio607\tout\t0"));
-        QVERIFY(b.write("export", "169")); // the new file is watched
-        QTRY_VERIFY(b.has("gpio169/value"));
-
         QVERIFY(QDir(b.root).mkdir("other")); // a folder that stays, like a mount point, loses only the tree's files
         QCOMPARE(b.control.run("gpio remove"), QString("0"));
         QCOMPARE(QDir(b.root).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList{"other"});
         QCOMPARE(b.control.run("gpio restore"), QString("0"));
         QVERIFY(b.has("gpio168/value"));
+        QCOMPARE(b.control.run("gpio 168 unreadable"), QString("0"));
+        const QStringList lines = b.control.run("gpio list").split('\n');
+        QCOMPARE(lines.size(), 6 + 8 + 4 + 8);
+        QCOMPARE(lines.mid(0, 2),
+                 (QStringList{"0 gpio1\t168\tgpio168\tin\tunreadable", "gpio2\t169\tgpio169\tmissing\tmissing"}));
+        QCOMPARE(lines[25], QString("e_relay8\t183\tgpio607\tmissing\tmissing"));
     }
 
 private:
-    Bus m_bus; // one for all tests, because its address is read once
+    MessageBus m_bus; // one for all tests, because its address is read once
 };
 
 const TestEntry entry("tst_talservice", runTest<TestTalService>);

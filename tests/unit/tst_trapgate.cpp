@@ -8,8 +8,6 @@
 #include "agent/trapgate.h"
 #include "faults/faulthandler.h"
 
-#include <QtTest>
-
 #include <functional>
 
 namespace {
@@ -32,7 +30,6 @@ constexpr const char *table[] = { // in the order of states(), each in the order
 // clang-format on
 constexpr char stateLetters[] = "NEGSFO";
 
-/// A way into a state, or an event.
 struct Step {
     const char *name;
     std::function<void()> happen;
@@ -224,7 +221,6 @@ private:
         QCOMPARE(gate.state(), state);
     }
 
-    /// How many traps pass the gate now.
     int admitAll()
     {
         int count = 0;
@@ -233,7 +229,6 @@ private:
         return count;
     }
 
-    /// The master reads all that it was sent, then a pass ends.
     void readAndPass()
     {
         master->drain();

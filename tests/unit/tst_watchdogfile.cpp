@@ -4,9 +4,6 @@
 
 #include "app/watchdogfile.h"
 
-#include <QDir>
-#include <QTemporaryDir>
-
 #include <atomic>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -55,10 +52,7 @@ private Q_SLOTS:
 
     void anythingElseIsReplaced()
     {
-        static constexpr struct {
-            const char *name;
-            int (*plant)(const char *path, const char *target);
-        } rows[] = {
+        static constexpr std::pair<const char *, int (*)(const char *path, const char *target)> rows[] = {
             {"symbolic link to a file", [](const char *path, const char *target) { return symlink(target, path); }},
             {"dangling link", [](const char *path, const char *) { return symlink("nothing", path); }},
             {"link to itself", [](const char *path, const char *) { return symlink(path, path); }},
@@ -68,9 +62,9 @@ private Q_SLOTS:
             {"pipe", [](const char *path, const char *) { return mkfifo(path, 0666); }},
             {"socket", [](const char *path, const char *) { return bindSocket(path); }},
         };
-        for (const auto &row : rows) {
-            const AtRow at(row.name);
-            QCOMPARE(row.plant(m_path.constData(), m_target.constData()), 0);
+        for (const auto &[name, plant] : rows) {
+            const AtRow at(name);
+            QCOMPARE(plant(m_path.constData(), m_target.constData()), 0);
             QVERIFY(update());
             QCOMPARE(readFile(m_path), "update\n");
             QCOMPARE(readFile(m_target), "precious");

@@ -1,18 +1,13 @@
 // The agent on the bench.
 #include "support/agentbench.h"
+#include "support/childprocess.h"
 
 #include "device/boundedtext.h"
 
 #include <QFile>
 #include <QTemporaryDir>
 
-#include <cstdio>
-#include <cstdlib>
 #include <vector>
-
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 extern "C" {
 extern int callback_master_num; // the agent's end of the internal transport; in no public header
@@ -61,32 +56,20 @@ QString shortOid(const oid *name, std::size_t length)
     return (below ? QString() : QStringLiteral(".")) + arcs.join(QLatin1Char('.'));
 }
 
-struct Reply {
-    bool arrived = false;
-    QStringList lines;
-};
-
-int takeReply(int operation, netsnmp_session *, int, netsnmp_pdu *pdu, void *magic)
-{
-    auto *reply = static_cast<Reply *>(magic);
-    if (operation != NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE) // the session closes after its last use
-        return 1;
-    reply->arrived = true;
-    if (pdu->errstat != SNMP_ERR_NOERROR)
-        reply->lines.append(QStringLiteral("error %1 at %2").arg(pdu->errstat).arg(pdu->errindex));
-    else
-        for (const netsnmp_variable_list *variable = pdu->variables; variable != nullptr;
-             variable = variable->next_variable)
-            reply->lines.append(shortOid(variable->name, variable->name_length) + QLatin1Char(' ') +
-                                typeAndValue(*variable));
-    return 1;
-}
-
 constexpr oid farEnd[] = {2, 1};
 
 QStringList ask(int command, const QStringList &objects, int repetitions = 0, bool startCounts = false)
 {
-    static netsnmp_session *manager = netsnmp_callback_open(callback_master_num, takeReply, nullptr, nullptr);
+    const PendingRequest request(command, objects, repetitions, startCounts);
+    for (int pass = 0; pass < 10 && !request.isAnswered(); ++pass)
+        kaCheckAndProcess();
+    return request.isAnswered() ? request.answers() : QStringList{QStringLiteral("no answer")};
+}
+} // namespace
+
+PendingRequest::PendingRequest(int command, const QStringList &objects, int repetitions, bool startCounts)
+{
+    static netsnmp_session *const manager = netsnmp_callback_open(callback_master_num, take, nullptr, nullptr);
     netsnmp_pdu *pdu = snmp_pdu_create(command);
     pdu->version = agentXVersion1; // as what comes from a master
     pdu->flags |= UCD_MSG_FLAG_ALWAYS_IN_VIEW;
@@ -104,16 +87,25 @@ QStringList ask(int command, const QStringList &objects, int repetitions = 0, bo
         else
             snmp_add_null_var(pdu, name.data(), name.size());
     }
-    Reply reply;
-    if (snmp_async_send(manager, pdu, takeReply, &reply) == 0) {
-        snmp_free_pdu(pdu);
-        return {QStringLiteral("not sent: %1").arg(QString::fromLatin1(snmp_api_errstring(snmp_errno)))};
-    }
-    for (int pass = 0; pass < 10 && !reply.arrived; ++pass)
-        kaCheckAndProcess();
-    return reply.arrived ? reply.lines : QStringList{QStringLiteral("no answer")};
+    if (snmp_async_send(manager, pdu, take, this) == 0)
+        qFatal("not sent: %s", snmp_api_errstring(snmp_errno));
 }
-} // namespace
+
+int PendingRequest::take(int operation, netsnmp_session *, int, netsnmp_pdu *pdu, void *self)
+{
+    if (operation != NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE) // the session closes after its last use
+        return 1;
+    auto &request = *static_cast<PendingRequest *>(self);
+    request.m_answered = true;
+    if (pdu->errstat != SNMP_ERR_NOERROR)
+        request.m_answers.append(QStringLiteral("error %1 at %2").arg(pdu->errstat).arg(pdu->errindex));
+    else
+        for (const netsnmp_variable_list *variable = pdu->variables; variable != nullptr;
+             variable = variable->next_variable)
+            request.m_answers.append(shortOid(variable->name, variable->name_length) + QLatin1Char(' ') +
+                                     typeAndValue(*variable));
+    return 1;
+}
 
 StandardOutput::StandardOutput() : m_file(memfd_create("stdout", 0))
 {
@@ -133,11 +125,7 @@ StandardOutput::~StandardOutput()
 QByteArray StandardOutput::takeText()
 {
     std::fflush(stdout);
-    QByteArray text;
-    lseek(m_file, 0, SEEK_SET);
-    char buffer[4096];
-    for (ssize_t count = 0; (count = read(m_file, buffer, sizeof(buffer))) > 0;)
-        text.append(buffer, static_cast<int>(count));
+    const QByteArray text = contentOf(m_file);
     if (ftruncate(m_file, 0) == 0)
         lseek(m_file, 0, SEEK_SET);
     return text;

@@ -17,8 +17,7 @@ class StandardOutput {
 public:
     StandardOutput();
     ~StandardOutput();
-    StandardOutput(const StandardOutput &) = delete;
-    StandardOutput &operator=(const StandardOutput &) = delete;
+    Q_DISABLE_COPY(StandardOutput)
 
     QByteArray takeText(); ///< what was written since the start or the last call
     QStringList takeLines();
@@ -28,10 +27,8 @@ private:
     int m_outer;
 };
 
-/// The expected lines of an output.
 QStringList lines(std::initializer_list<const char *> texts);
 
-/// What `body` prints.
 QStringList printed(const std::function<void()> &body);
 
 /// Runs `body` in a process of its own and returns the lines that it wrote to standard output. A process that does not
@@ -61,10 +58,25 @@ QStringList snmpGet(const Objects &objects);
 QStringList snmpGetNext(const Objects &objects);
 /// The same as a master asks when it allows an object itself as the answer.
 QStringList snmpGetNextFrom(const Objects &objects);
-/// A SET of INTEGER 1.
 QStringList snmpSet(const Objects &objects);
 /// Every answer below `object`, with GETNEXT or, when `repetitions` is above 0, with GETBULK.
 QStringList snmpWalk(const char *object, int repetitions = 0);
+
+/// A request to the agent in this process; later passes of the library answer it.
+class PendingRequest {
+public:
+    PendingRequest(int command, const QStringList &objects, int repetitions = 0, bool startCounts = false);
+    Q_DISABLE_COPY(PendingRequest)
+
+    bool isAnswered() const { return m_answered; }
+    QStringList answers() const { return m_answers; } ///< as those of snmpGet()
+
+private:
+    static int take(int operation, netsnmp_session *, int, netsnmp_pdu *pdu, void *self);
+
+    bool m_answered = false;
+    QStringList m_answers;
+};
 
 /// The name of the object in front of each answer.
 QStringList objectsOf(const QStringList &answers);
@@ -74,7 +86,6 @@ netsnmp_cache *cacheOf(const char *tableObject);
 /// Lets the next request for the table load again, as 60 s do.
 void expireCache(const char *tableObject);
 
-/// Sets a text with its length.
 void fill(InfoText &field, const char *value);
 
 /// The lines of the agent library's log while one lives.
@@ -82,8 +93,7 @@ class AgentLog {
 public:
     AgentLog();
     ~AgentLog();
-    AgentLog(const AgentLog &) = delete;
-    AgentLog &operator=(const AgentLog &) = delete;
+    Q_DISABLE_COPY(AgentLog)
 
     QStringList lines; ///< "PRIORITY text", without a line end
 };

@@ -13,8 +13,14 @@ class Row : public QHash<QString, QString> {
 public:
     QString text(const char *column) const { return value(QString::fromLatin1(column)); }
     QByteArray latin1(const char *column) const { return text(column).toLatin1(); }
-    /// The words of a cell.
     QStringList list(const char *column) const { return text(column).split(QLatin1Char(' '), Qt::SkipEmptyParts); }
+    /// The path of a parser with a key, whose two parts have a blank between them.
+    QString pathOf(const QString &key) const
+    {
+        return text("path")
+            .replace(QLatin1String("%1"), key.section(QLatin1Char(' '), 0, 0))
+            .replace(QLatin1String("%2"), key.section(QLatin1Char(' '), 1));
+    }
     /// Whether the column "models" holds the model; "all" holds every number.
     bool has(uint model) const;
     /// The same for a row that may need a station with expanders.
@@ -27,7 +33,6 @@ QVector<Row> rows(const char *file);
 /// The rows of a file with this cell in this column.
 QVector<Row> rows(const char *file, const char *column, const QString &cell);
 
-/// Every model number.
 QVector<uint> models();
 
 } // namespace catalogue

@@ -26,7 +26,6 @@ inline QByteArray contentOf(int descriptor)
     lseek(descriptor, 0, SEEK_SET);
     for (ssize_t got = 0; (got = read(descriptor, buffer, sizeof buffer)) > 0;)
         content.append(buffer, static_cast<int>(got));
-    close(descriptor);
     return content;
 }
 
@@ -59,5 +58,7 @@ ChildResult inChild(Function function)
     waitpid(pid, &result.waitStatus, 0);
     result.out = contentOf(out);
     result.err = contentOf(err);
+    close(out);
+    close(err);
     return result;
 }

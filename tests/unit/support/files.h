@@ -1,9 +1,6 @@
 // Files of a test: written, read, looked at. Paths are those of Qt or of the system calls.
 #pragma once
 
-#include <QByteArray>
-#include <QFile>
-#include <QString>
 #include <QtTest>
 
 #include <sys/stat.h>

@@ -1,9 +1,6 @@
 // A folder of plain files in place of the kernel's GPIO folder; the platform library reads it while one lives.
 #pragma once
 
-#include <QDir>
-#include <QFile>
-#include <QTemporaryDir>
 #include <QtTest>
 
 class GpioFolder {
@@ -14,8 +11,7 @@ public:
         addExport();
     }
     ~GpioFolder() { qunsetenv("XR_GPIO_ROOT"); }
-    GpioFolder(const GpioFolder &) = delete;
-    GpioFolder &operator=(const GpioFolder &) = delete;
+    Q_DISABLE_COPY(GpioFolder)
 
     QString root() const { return m_folder.filePath(QStringLiteral("gpio")); }
     QString path(const QString &name) const { return root() + QLatin1Char('/') + name; }

@@ -12,11 +12,6 @@
 #include "snmpdconf/snmpdconfhandler.h"
 #include "tal/talhandler.h"
 
-#include <QCoreApplication>
-#include <QDir>
-#include <QTemporaryDir>
-#include <QTimer>
-
 #include <memory>
 
 /// The identity files, the GPIO tree and every path of the supervision in a temporary folder; commands do nothing.
@@ -59,7 +54,6 @@ public:
     QByteArray watchdogFile;
 };
 
-/// An application object on a new device.
 class Bench {
 public:
     explicit Bench(int model, TalPeer::Start start = TalPeer::Start::NotListening)
@@ -99,8 +93,7 @@ class AgentRecord {
 public:
     AgentRecord() : m_outer(kvAgent) { kvAgent = &record; }
     ~AgentRecord() { kvAgent = m_outer; }
-    AgentRecord(const AgentRecord &) = delete;
-    AgentRecord &operator=(const AgentRecord &) = delete;
+    Q_DISABLE_COPY(AgentRecord)
 
     KvAgent record{};
 
@@ -110,7 +103,6 @@ private:
 
 inline QStringList sentTraps; ///< "NUMBER LEVEL TEXT", taken by noteTrap()
 
-/// A trap sender that sends nothing.
 inline int noteTrap(std::uint32_t trapNumber, const char *description, std::int32_t level, const char *)
 {
     sentTraps.append(QStringLiteral("%1 %2 %3").arg(trapNumber).arg(level).arg(qs(description)));

@@ -1,9 +1,6 @@
 // Keeps the log lines of a test and makes a failed string-based connection a failed test.
 #pragma once
 
-#include <QString>
-#include <QStringList>
-#include <QtGlobal>
 #include <QtTest>
 
 /// While one lives it takes every Qt log line. A connection that Qt refuses ("QObject::connect: ...") fails the test
@@ -20,8 +17,7 @@ public:
         qInstallMessageHandler(m_previous);
         s_current = m_outer;
     }
-    MessageLog(const MessageLog &) = delete;
-    MessageLog &operator=(const MessageLog &) = delete;
+    Q_DISABLE_COPY(MessageLog)
 
     /// The lines of every level since the start or the last `takeLines()`, oldest first.
     const QStringList &lines() const { return m_lines; }

@@ -20,8 +20,7 @@ public:
         if (seteuid(m_user) != 0)
             qFatal("the way back is closed");
     }
-    AsOrdinaryUser(const AsOrdinaryUser &) = delete;
-    AsOrdinaryUser &operator=(const AsOrdinaryUser &) = delete;
+    Q_DISABLE_COPY(AsOrdinaryUser)
 
 private:
     uid_t m_user;

@@ -11,11 +11,12 @@
 namespace {
 
 struct Field {
-    enum class Kind { Number, Flag, Text };
-    QString name;
+    bool isFlag() const { return size == sizeof(std::uint8_t); }
+    bool isNumber() const { return size == sizeof(std::uint32_t); }
+
+    QString name; // neither a flag nor a number: a text
     std::size_t offset;
     std::size_t size;
-    Kind kind;
 };
 
 class Fields {
@@ -84,23 +85,11 @@ private:
         for (std::size_t place = 0; place < size; ++place)
             visit(prefix + std::to_string(place), elements[place]);
     }
-    void add(const std::string &name, const std::uint32_t &field)
-    {
-        add(name, &field, sizeof(field), Field::Kind::Number);
-    }
-    void add(const std::string &name, const std::uint8_t &field)
-    {
-        add(name, &field, sizeof(field), Field::Kind::Flag);
-    }
-    template <std::size_t size>
-    void add(const std::string &name, const char (&field)[size])
-    {
-        add(name, field, size, Field::Kind::Text);
-    }
-    void add(const std::string &name, const void *field, std::size_t size, Field::Kind kind)
+    template <typename Member>
+    void add(const std::string &name, const Member &member)
     {
         m_fields.append({QString::fromStdString(name),
-                         static_cast<std::size_t>(static_cast<const char *>(field) - m_base), size, kind});
+                         static_cast<std::size_t>(reinterpret_cast<const char *>(&member) - m_base), sizeof(member)});
     }
 
     const char *m_base;
@@ -133,34 +122,23 @@ const char *place(const TableRecords &records, const Field &field)
 
 void store(TableRecords &records, const Field &field, const QString &value)
 {
-    const QByteArray text = value.toLatin1();
     const std::uint32_t number = value.toUInt();
-    switch (field.kind) {
-    case Field::Kind::Number:
+    if (field.isNumber())
         std::memcpy(place(records, field), &number, sizeof(number));
-        break;
-    case Field::Kind::Flag:
+    else if (field.isFlag())
         *place(records, field) = static_cast<char>(number);
-        break;
-    case Field::Kind::Text:
-        std::strncpy(place(records, field), text.constData(), field.size - 1);
-        break;
-    }
+    else
+        std::strncpy(place(records, field), value.toLatin1().constData(), field.size - 1);
 }
 
 QString read(const TableRecords &records, const Field &field)
 {
-    std::uint32_t number = 0;
-    switch (field.kind) {
-    case Field::Kind::Number:
-        std::memcpy(&number, place(records, field), sizeof(number));
-        return QString::number(number);
-    case Field::Kind::Flag:
-        return QString::number(static_cast<unsigned char>(*place(records, field)));
-    case Field::Kind::Text:
-        break;
-    }
     const char *text = place(records, field);
+    std::uint32_t number = static_cast<unsigned char>(*text);
+    if (field.isNumber())
+        std::memcpy(&number, text, sizeof(number));
+    if (field.isNumber() || field.isFlag())
+        return QString::number(number);
     return QLatin1Char('\'') + QString::fromLatin1(text, static_cast<int>(strnlen(text, field.size))) +
            QLatin1Char('\'');
 }
@@ -179,7 +157,7 @@ QStringList recordfields::changes(const TableRecords &before, const TableRecords
 void recordfields::fill(TableRecords &records, std::uint32_t value)
 {
     for (const Field &field : fields())
-        if (field.kind == Field::Kind::Number)
+        if (field.isNumber())
             std::memcpy(place(records, field), &value, sizeof(value));
 }
 
@@ -189,9 +167,9 @@ TableRecords recordfields::telling()
     std::uint32_t number = 1000;
     for (const Field &field : fields())
         store(records, field,
-              field.kind == Field::Kind::Number ? QString::number(++number)
-              : field.kind == Field::Kind::Flag ? QStringLiteral("1")
-                                                : field.name);
+              field.isNumber() ? QString::number(++number)
+              : field.isFlag() ? QStringLiteral("1")
+                               : field.name);
     return records;
 }
 

@@ -20,7 +20,6 @@ TableRecords telling();
 /// The field as changes() prints it. An unknown name ends the program.
 QString valueOf(const TableRecords &records, const QString &name);
 
-/// Sets a field from its text.
 void set(TableRecords &records, const QString &name, const QString &value);
 
 } // namespace recordfields

@@ -8,12 +8,6 @@
 #include "device/boundedtext.h"
 #include "snmpdconf/snmpdconfhandler.h"
 
-#include <QAbstractEventDispatcher>
-#include <QDir>
-#include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QTimer>
-
 #include <functional>
 
 #include <syslog.h>
@@ -47,8 +41,7 @@ public:
         handler.reset();
         kvAgent = nullptr;
     }
-    SnmpdBench(const SnmpdBench &) = delete;
-    SnmpdBench &operator=(const SnmpdBench &) = delete;
+    Q_DISABLE_COPY(SnmpdBench)
 
     /// One signal of the data service's client: "mib2 NAME LOCATION CONTACT", "access COMMUNITY ACCESS IP IPV6 PORT",
     /// "trap ADDRESS INFORM", "version 1 1 0", "custom 1". An empty text is a "-".
@@ -99,7 +92,6 @@ public:
     }
     static bool isProlonged(const QTimer *timer) { return timer->remainingTime() > 30000; }
 
-    /// Runs the settings timer out at once.
     void settle() { handler->slotSnmpdConfSysSettingUpdate(); }
 
     QByteArray configText() const { return readFile(configFile); }

@@ -19,8 +19,7 @@ public:
         close(m_ends[0]);
         closeFarEnd();
     }
-    SocketPair(const SocketPair &) = delete;
-    SocketPair &operator=(const SocketPair &) = delete;
+    Q_DISABLE_COPY(SocketPair)
 
     int nearEnd() const { return m_ends[0]; }
     /// One byte for the near end, and reading it there.
@@ -38,7 +37,6 @@ public:
         while (poll(&writable, 1, 0) == 1 && write(m_ends[0], unread, sizeof unread) > 0) {
         }
     }
-    /// Reads at the far end all that is there.
     void drain() const
     {
         char taken[1000];

@@ -2,23 +2,14 @@
 #pragma once
 
 #include "support/messagelog.h"
+#include "support/testprogram.h"
 
 #include "device/tablerecords.h"
 #include "tal/talhandler.h"
 
-#include <QRegularExpression>
-#include <QString>
-#include <QStringList>
-#include <QtTest>
-
 inline constexpr const char *stationCompact = "Orvane Brisel Compact - IP-QRM-B";
 inline constexpr const char *stationExtended = "Orvane Brisel Extended - IP-QRM-B";
 inline constexpr const char *ordinaryDescription = "Orvane Brisel Extended";
-
-inline QString qs(const char *text)
-{
-    return QString::fromUtf8(text);
-}
 
 /// The subscribed path behind the path of a changed leaf: the same without its predicates.
 inline QString withoutPredicates(QString path)

@@ -20,8 +20,7 @@ public:
 
     explicit TalPeer(Start start = Start::Listening);
     ~TalPeer();
-    TalPeer(const TalPeer &) = delete;
-    TalPeer &operator=(const TalPeer &) = delete;
+    Q_DISABLE_COPY(TalPeer)
 
     bool listen();   ///< as a data service that starts
     void shutDown(); ///< as a data service that ends: no connection, no socket in the file system

@@ -9,8 +9,7 @@ public:
     using Run = int (*)(int argc, char **argv);
 
     TestEntry(const char *name, Run run);
-    TestEntry(const TestEntry &) = delete;
-    TestEntry &operator=(const TestEntry &) = delete;
+    Q_DISABLE_COPY(TestEntry)
 
     const char *name;
     Run run;
@@ -27,15 +26,29 @@ int runTest(int argc, char **argv)
 /// Names the row of a table that a loop is at: when the test fails in its scope, the name is printed.
 class AtRow {
 public:
-    explicit AtRow(const char *name) : m_name(name) {}
-    AtRow(const AtRow &) = delete;
-    AtRow &operator=(const AtRow &) = delete;
+    explicit AtRow(QByteArray name) : m_name(std::move(name)) {}
+    Q_DISABLE_COPY(AtRow)
     ~AtRow()
     {
         if (QTest::currentTestFailed())
-            qWarning("in the row \"%s\"", m_name);
+            qWarning("in the row \"%s\"", m_name.constData());
     }
 
 private:
-    const char *m_name;
+    QByteArray m_name;
 };
+
+inline QString qs(const QByteArray &utf8)
+{
+    return QString::fromUtf8(utf8);
+}
+
+/// The signatures of a class's methods of one kind, without those it inherits, in the order of their declaration.
+inline QString ownMethods(const QMetaObject &meta, QMetaMethod::MethodType type)
+{
+    QStringList all;
+    for (int i = meta.methodOffset(); i < meta.methodCount(); ++i)
+        if (meta.method(i).methodType() == type)
+            all << QString::fromLatin1(meta.method(i).methodSignature());
+    return all.join(QLatin1Char(' '));
+}

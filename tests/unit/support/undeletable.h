@@ -3,9 +3,6 @@
 
 #include "support/ordinaryuser.h"
 
-#include <QByteArray>
-#include <QFile>
-#include <QFileInfo>
 #include <QtTest>
 
 #include <sys/stat.h>
@@ -25,8 +22,7 @@ public:
         QCOMPARE(chmod(m_folder.constData(), 0555), 0);
     }
     ~Undeletable() { chmod(m_folder.constData(), 0755); }
-    Undeletable(const Undeletable &) = delete;
-    Undeletable &operator=(const Undeletable &) = delete;
+    Q_DISABLE_COPY(Undeletable)
 
 private:
     QByteArray m_folder;
