@@ -76,6 +76,38 @@ def test_options(amplifier, arguments, status):
     assert bool(done.stdout) == (status == 0) and bool(done.stderr) == (status != 0)
 
 
+def test_colours_on_a_terminal_alone(amplifier):
+    def on_terminal(**variables: str) -> str:
+        done = amplifier.run(["script", "-qec", "kvsnmp-check", "/dev/null"], env={"TERM": "xterm"} | variables)
+        return done.stdout
+
+    assert "\x1b[32mok " in on_terminal()
+    assert "\x1b" not in on_terminal(NO_COLOR="1")
+    assert "\x1b" not in amplifier.run(["kvsnmp-check"], env={"TERM": "xterm"}).stdout
+
+
+def nagios(device: Device, *command: str) -> tuple[int, str]:
+    done = device.run([*command, "kvsnmp-check", "--nagios", "--timeout", "2"], check=False)
+    assert re.fullmatch(r"KVSNMP [A-Z]+ - [^|\n]+( \|( [a-z-]+=\d+){5})?\n", done.stdout), done.stdout
+    return done.returncode, done.stdout
+
+
+def test_nagios_states(amplifier):
+    status, line = nagios(amplifier)
+    assert (status, line) == (0, "KVSNMP OK - 28 checks | ok=28 warning=0 failed=0 skipped=0 not-applicable=1\n")
+    with stopped(amplifier, "snmpd"):
+        status, line = nagios(amplifier)
+    assert status == 2 and line.startswith("KVSNMP CRITICAL - snmpd-process: process ")
+    amplifier.wait_answering()
+    with no_traps(amplifier):
+        status, line = nagios(amplifier)
+    assert status == 1 and line.startswith("KVSNMP WARNING - traps-enabled: none of the 20 traps is enabled"), line
+    status, line = nagios(amplifier, "setpriv", "--reuid=65534", "--clear-groups")
+    assert status == 3 and line.startswith("KVSNMP UNKNOWN - has to be run by root")
+    for wrong in (["--wrong", "--nagios"], ["--nagios", "--json"], ["-n", "word"]):
+        assert amplifier.run(["kvsnmp-check", *wrong], check=False).returncode == 3
+
+
 def test_nothing_is_changed_started_or_ended(amplifier):
     def files() -> dict[str, tuple[int, int]]:
         found = {}
