@@ -13,6 +13,7 @@ from support.dataservice import SETTINGS
 from support.device import CHECKOUT, Device
 from support.polling import wait_until
 from support.selfcheck import SelfCheck, assert_cause, assert_healthy, assert_only_warnings, assert_reports
+from support.traps import Faults
 
 CONF = "/etc/snmp/snmpd.conf"
 ACCESS = f"{SETTINGS}/access_control"
@@ -490,6 +491,36 @@ def test_configuration_made_by_hand(start_device):
             (text.replace("udp:161", "udp:161x"), "snmpd-conf-accepted", ["agentAddress udp:161x has no port"])]:
         file.write_text(edited_text)
         assert_cause(SelfCheck(device, timeout="1"), cause, *said)
+
+
+def test_a_local_trap_receiver_needs_the_name_localhost(start_device):
+    device = start_device(6410, "--no-dbus").wait_answering().wait_subscribed()
+    hosts = device.path("/etc/hosts")
+    with_name = hosts.read_text()
+    faults = Faults(device)
+
+    def restart_snmpd() -> None:
+        before = device.pids("snmpd")
+        device.stir_snmpd_folder()
+        device.wait_snmpd(other_than=before)
+        device.wait_answering()
+
+    def is_received(text: str) -> bool:
+        return text in device.read("/var/log/traps")
+
+    hosts.write_text("127.0.0.1 device\n")
+    restart_snmpd()
+    check = SelfCheck(device)
+    assert check.text("trap-receivers") == ("trap2sink 127.0.0.1 gets nothing: this device cannot resolve the name "
+                                            "localhost, see /etc/hosts")
+    assert "trap-receivers" in check.ids("warning")
+    faults.raise_one("fan_not_running", "without the name")
+    hosts.write_text(with_name)
+    restart_snmpd()
+    faults.raise_one("fan_not_running", "with the name")
+    wait_until(lambda: is_received("with the name"), 20, what="the trap")
+    assert not is_received("without the name"), "snmpd sends nothing, and the warning is right"
+    assert "trap-receivers" in SelfCheck(device).ids("ok")
 
 
 def test_trap_receivers_out_of_reach(start_device):
