@@ -4,6 +4,8 @@
 #include "check/processes.h"
 #include "check/subject.h"
 
+#include "snmpdconf/snmpdhost.h"
+
 #include <QFileInfo>
 #include <QHostAddress>
 #include <QNetworkInterface>
@@ -106,8 +108,9 @@ Outcome checkSnmpdAnswer(Subject &subject)
                           .arg(place)
                           .arg(subject.timeoutMs / 1000.0)
                           .arg(reply.error),
-                      QStringLiteral("snmpd hangs, or runs with another configuration than the file: create and "
-                                     "remove any file in /etc/snmp, and kvsnmp restarts it"));
+                      QStringLiteral("snmpd hangs, or runs with another configuration than the file: %1, and kvsnmp "
+                                     "restarts it")
+                          .arg(restartHint()));
     if (reply.kind == SnmpReply::Kind::Error || reply.kind == SnmpReply::Kind::NoSuchName)
         return failed(QStringLiteral("%1 answers, but not with its up time").arg(place),
                       QStringLiteral("check view and access in snmpd.conf: the view has to include .1"));
@@ -124,8 +127,8 @@ Outcome checkAgentxSocket(Subject &subject)
     if (!path.startsWith('/'))
         return skipped(name + QStringLiteral(" is not a local socket"));
     const QString hint =
-        QStringLiteral("kvsnmp cannot connect there; create and remove any file in /etc/snmp, and kvsnmp "
-                       "restarts snmpd, which creates the socket again");
+        QStringLiteral("kvsnmp cannot connect there; %1, and kvsnmp restarts snmpd, which creates the socket again")
+            .arg(restartHint());
     if (!QFileInfo::exists(name))
         return failed(name + QStringLiteral(" is not there"),
                       hint + QStringLiteral("; the folder has to exist: snmpd does not create it"));
@@ -143,8 +146,10 @@ Outcome checkAgentxSocket(Subject &subject)
 Outcome checkSubAgent(Subject &subject)
 {
     const int connections = subject.agentxConnections;
-    const QString hint = QStringLiteral("kvsnmp tries to connect once a second (agentXPingInterval in "
-                                        "/etc/snmp/kvagent.conf); if it does not succeed, restart kvsnmp");
+    const QString hint =
+        QStringLiteral("kvsnmp tries to connect once a second (agentXPingInterval in %1/kvagent.conf); "
+                       "if it does not succeed, restart kvsnmp")
+            .arg(snmpdConfFolder());
     if (!subject.client) { // only from the kernel's information
         if (connections == 0)
             return failed(QStringLiteral("no sub-agent is connected to snmpd"), hint);

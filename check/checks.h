@@ -27,6 +27,8 @@ Outcome checkSnmpAccess(Subject &subject);
 Outcome checkDeviceValues(Subject &subject);
 
 // daemonchecks.cpp
+/// The part of a hint that lets kvsnmp restart snmpd.
+QString restartHint();
 /// The outcome for a stopped process.
 Outcome stoppedProcess(const Process &process);
 Outcome checkKvsnmpProcess(Subject &subject);

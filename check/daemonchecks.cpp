@@ -6,6 +6,7 @@
 
 #include "app/pidfilehandler.h"
 #include "dbus/dbusinterface.h"
+#include "snmpdconf/snmpdhost.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -15,8 +16,6 @@
 #include <unistd.h>
 
 namespace {
-
-constexpr const char *supervisionCommands[] = {"killall", "kill", "rm", "ps"};
 
 QString busAddress(const Subject &subject)
 {
@@ -50,6 +49,11 @@ std::optional<bool> hasOwner(const QString &address, const char *name, int timeo
 }
 
 } // namespace
+
+QString restartHint()
+{
+    return QStringLiteral("create and remove any file in ") + snmpdConfFolder();
+}
 
 Outcome stoppedProcess(const Process &process)
 {
@@ -168,12 +172,12 @@ Outcome checkGpioTree(Subject &subject)
 
 Outcome checkCommands(Subject &subject)
 {
+    QStringList found;
     QStringList missing;
-    for (const char *name : supervisionCommands)
-        if (subject.program(name).isEmpty())
-            missing.append(QLatin1String(name));
+    for (const char *name : supervisionPrograms)
+        (subject.program(name).isEmpty() ? missing : found).append(QLatin1String(name));
     if (missing.isEmpty())
-        return ok(QStringLiteral("killall, kill, rm and ps are there"));
+        return ok(QStringLiteral("%1 are there").arg(found.join(QStringLiteral(", "))));
     return failed(QStringLiteral("not in kvsnmp's PATH: ") + missing.join(QStringLiteral(", ")),
                   QStringLiteral("install them (packages psmisc, procps, coreutils), or correct the PATH of kvsnmp: it "
                                  "stops, starts and probes snmpd with them"));

@@ -29,23 +29,36 @@ int main(int argc, char *argv[])
     if (options.exitStatus)
         return *options.exitStatus;
     if (geteuid() != 0) {
-        std::fputs("kvsnmp-check: has to be run by root: snmpd.conf and the processes are not for everybody to read\n",
-                   stderr);
-        return exitUsage;
+        constexpr char reason[] = "has to be run by root: snmpd.conf and the processes are not for everybody to read";
+        if (options.nagios)
+            std::printf("KVSNMP UNKNOWN - %s\n", reason);
+        else
+            std::fprintf(stderr, "kvsnmp-check: %s\n", reason);
+        return options.nagios ? nagiosUnknown : exitUsage;
     }
 
     const QCoreApplication app(argc, argv);
     qInstallMessageHandler(dropMessage);
 
+    const bool isTerminal = isatty(STDOUT_FILENO) == 1;
+    const Colours colours =
+        wantsColours(isTerminal, qgetenv("NO_COLOR"), qgetenv("TERM")) ? Colours::With : Colours::Without;
     Subject subject(options.timeoutMs);
     Report report;
     for (const Check &check : checkList()) {
         report.add(check, subject);
-        if (!options.json)
-            print(textOf(report.findings().back()).toLocal8Bit());
+        if (!options.json && !options.nagios)
+            print(textOf(report.findings().back(), colours).toLocal8Bit());
     }
-    print(options.json ? jsonOf(report, subject.model) : summaryOf(report).toLocal8Bit());
-
-    const int status = report.hasFailed() ? exitFailed : exitOk;
+    int status = report.hasFailed() ? exitFailed : exitOk;
+    if (options.json) {
+        print(jsonOf(report, subject.model));
+    } else if (options.nagios) {
+        print(nagiosLineOf(report).toLocal8Bit());
+        const int calm = report.count(Status::Warning) > 0 ? nagiosWarning : nagiosOk;
+        status = report.hasFailed() ? nagiosCritical : calm;
+    } else {
+        print(summaryOf(report, colours).toLocal8Bit());
+    }
     std::_Exit(status); // exit() would wait for a pending name lookup
 }

@@ -95,14 +95,40 @@ int Report::count(Status status) const
                                           [&](const Finding &finding) { return finding.outcome.status == status; }));
 }
 
-QString textOf(const Finding &finding)
+namespace {
+
+const char *colourOf(Status status)
+{
+    switch (status) {
+    case Status::Ok:
+        return "32"; // green
+    case Status::Warning:
+        return "33"; // yellow
+    case Status::Failed:
+        return "1;31"; // bold red
+    case Status::Skipped:
+    case Status::NotApplicable:
+        break;
+    }
+    return "2"; // dim
+}
+
+QString coloured(const QString &text, Status status, Colours colours)
+{
+    if (colours == Colours::Without)
+        return text;
+    return QStringLiteral("\x1b[%1m%2\x1b[0m").arg(QLatin1String(colourOf(status)), text);
+}
+
+} // namespace
+
+QString textOf(const Finding &finding, Colours colours)
 {
     constexpr int statusWidth = -15;
     constexpr int idWidth = -22;
-    QString text = QStringLiteral("%1%2%3")
-                       .arg(wordOf(finding.outcome.status), statusWidth)
-                       .arg(finding.id, idWidth)
-                       .arg(finding.outcome.text);
+    const Status status = finding.outcome.status;
+    QString text = coloured(QStringLiteral("%1").arg(wordOf(status), statusWidth), status, colours);
+    text += QStringLiteral("%1").arg(finding.id, idWidth) + finding.outcome.text;
     if (!finding.because.isEmpty())
         text += QStringLiteral(" (follows from %1)").arg(finding.because);
     text += QLatin1Char('\n');
@@ -112,7 +138,7 @@ QString textOf(const Finding &finding)
     return text;
 }
 
-QString summaryOf(const Report &report)
+QString summaryOf(const Report &report, Colours colours)
 {
     QStringList counts;
     for (const Status status : allStatuses)
@@ -120,8 +146,34 @@ QString summaryOf(const Report &report)
             counts.append(QStringLiteral("%1 %2").arg(count).arg(wordOf(status)));
     QString text = counts.join(QStringLiteral(", ")) + QLatin1Char('\n');
     for (const Finding &cause : report.causes())
-        text += QStringLiteral("cause: %1: %2\n").arg(cause.id, cause.outcome.text);
+        text += coloured(QStringLiteral("cause"), Status::Failed, colours) +
+                QStringLiteral(": %1: %2\n").arg(cause.id, cause.outcome.text);
     return text;
+}
+
+QString nagiosLineOf(const Report &report)
+{
+    const char *state = "OK";
+    std::vector<Finding> shown;
+    if (report.hasFailed()) {
+        state = "CRITICAL";
+        shown = report.causes();
+    } else if (report.count(Status::Warning) > 0) {
+        state = "WARNING";
+        std::copy_if(report.findings().begin(), report.findings().end(), std::back_inserter(shown),
+                     [](const Finding &finding) { return finding.outcome.status == Status::Warning; });
+    }
+    QStringList texts;
+    for (const Finding &finding : shown)
+        texts.append(finding.id + QStringLiteral(": ") + finding.outcome.text);
+    if (texts.isEmpty())
+        texts.append(QStringLiteral("%1 checks").arg(report.count(Status::Ok)));
+    // A bar begins the performance data.
+    const QString text = texts.join(QStringLiteral("; ")).replace(QLatin1Char('|'), QLatin1Char('/')).simplified();
+    QStringList counts;
+    for (const Status status : allStatuses)
+        counts.append(QStringLiteral("%1=%2").arg(wordOf(status)).arg(report.count(status)));
+    return QStringLiteral("KVSNMP %1 - %2 | %3\n").arg(QLatin1String(state), text, counts.join(QLatin1Char(' ')));
 }
 
 QByteArray jsonOf(const Report &report, quint32 model)

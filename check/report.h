@@ -71,9 +71,14 @@ private:
 /// "ok", "warning", "failed", "skipped" or "not-applicable".
 QString wordOf(Status status);
 
+/// Whether a text contains a terminal's colours.
+enum class Colours : std::uint8_t { Without, With };
+
 /// One line, and the hint below it, if any.
-QString textOf(const Finding &finding);
+QString textOf(const Finding &finding, Colours colours = Colours::Without);
 /// The last lines: the counts, and the causes to fix first.
-QString summaryOf(const Report &report);
+QString summaryOf(const Report &report, Colours colours = Colours::Without);
+/// One line as of a monitoring plugin: the state, the causes or the warnings, and the counts as performance data.
+QString nagiosLineOf(const Report &report);
 /// The whole report as one JSON object; the manual page lists its keys.
 QByteArray jsonOf(const Report &report, quint32 model);

@@ -98,8 +98,7 @@ QString joined(const std::set<QByteArray> &words)
 
 Outcome noSnmpd(const Subject &subject)
 {
-    const QString hint = QStringLiteral("kvsnmp notices within ten minutes and starts it; at once: create and remove "
-                                        "any file in /etc/snmp");
+    const QString hint = QStringLiteral("kvsnmp notices within ten minutes and starts it; at once: ") + restartHint();
     for (const ListenAddress &address : subject.conf.listenAddresses())
         if (address.port && address.transport.startsWith("udp") && isUdpPortTaken(*address.port))
             return failed(QStringLiteral("does not run, and another program has its UDP port %1").arg(*address.port),
@@ -224,8 +223,7 @@ Outcome checkSnmpdProcess(Subject &subject)
     if (subject.confTime.isValid() && process.started.addMSecs(restartMs) < subject.confTime &&
         subject.confTime.addMSecs(restartMs) < QDateTime::currentDateTime())
         return warning(QStringLiteral("process %1 is older than snmpd.conf").arg(process.pid),
-                       QStringLiteral("it still uses the old file; create and remove any file in /etc/snmp, "
-                                      "and kvsnmp restarts it"));
+                       QStringLiteral("it still uses the old file; %1, and kvsnmp restarts it").arg(restartHint()));
     return ok(QStringLiteral("process %1 since %2").arg(process.pid).arg(process.started.toString(Qt::ISODate)));
 }
 

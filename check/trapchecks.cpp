@@ -45,12 +45,19 @@ QString missingRoute(const addrinfo &address)
     return error == 0 ? QString() : QString::fromLocal8Bit(std::strerror(error));
 }
 
+bool isLoopback(const addrinfo &address)
+{
+    return QHostAddress(address.ai_addr).isLoopback();
+}
+
 /// The error of a receiver; empty if traps can be sent to it.
 QString whatIsWrong(const QByteArray &host)
 {
     const AddressList list = addressesOf(host);
     if (!list)
         return QStringLiteral("is no address and no name that this device can resolve");
+    if (isLoopback(*list) && !addressesOf("localhost")) // from which it sends to itself
+        return QStringLiteral("gets nothing: this device cannot resolve the name localhost, see /etc/hosts");
     const QString route = missingRoute(*list);
     return route.isEmpty() ? QString() : QStringLiteral("cannot be reached: ") + route;
 }

@@ -32,7 +32,7 @@ std::span<const CommandAction> gpioActions();
 std::span<const CommandAction> clientActions(); ///< the data service's clients
 
 /// The word of a command that lets it send what the model does not know.
-constexpr QLatin1String anyOption("--any");
+constexpr QLatin1String anyOption("--any", 5); // a constant expression only with its length
 /// The refusal of a word that is none of the possible ones.
 Reply unknownWord(const QString &kind, const QString &word, const QStringList &possible);
 

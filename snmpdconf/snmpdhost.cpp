@@ -1,6 +1,7 @@
 // The outside of the snmpd supervision: files, commands, the system log.
 #include "snmpdconf/snmpdhost.h"
 
+#include <QFileInfo>
 #include <QProcess>
 #include <QProcessEnvironment>
 
@@ -77,11 +78,16 @@ void writeSystemLog(int priority, const QByteArray &text)
 
 } // namespace
 
+QString snmpdConfFolder()
+{
+    return QFileInfo(QLatin1String(snmpdConfPath)).path();
+}
+
 SnmpdHost deviceHost()
 {
     return {
         QLatin1String(snmpdConfPath),
-        QStringLiteral("/etc/snmp/"),
+        snmpdConfFolder() + QLatin1Char('/'),
         QLatin1String(snmpdPidPath),
         run,
         startDetached,

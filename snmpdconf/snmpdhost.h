@@ -9,6 +9,12 @@
 
 inline constexpr char snmpdConfPath[] = "/etc/snmp/snmpd.conf";
 inline constexpr char snmpdPidPath[] = "/var/run/snmpd.pid";
+/// The programs that the supervision runs beside snmpd.
+inline constexpr char killallProgram[] = "killall";
+inline constexpr char killProgram[] = "kill";
+inline constexpr char rmProgram[] = "rm";
+inline constexpr char psProgram[] = "ps";
+inline constexpr const char *supervisionPrograms[] = {killallProgram, killProgram, rmProgram, psProgram};
 inline constexpr int snmpdMemoryLimitKb = 10240; ///< snmpd is restarted at this size
 
 /// A command line.
@@ -31,6 +37,9 @@ struct SnmpdHost {
     std::function<QByteArray(const Command &, int timeoutMs)> outputOf;       ///< empty if it has not finished by then
     std::function<void(int priority, const QByteArray &text)> writeSystemLog; ///< priority as for syslog()
 };
+
+/// The folder of snmpdConfPath, without a slash at its end.
+QString snmpdConfFolder();
 
 /// The device's paths, child processes and syslog().
 SnmpdHost deviceHost();

@@ -87,7 +87,7 @@ void SnmpdConfHandler::onRestartSnmpdTimeout()
                        << "onRestartSnmpdTimeout"
                        << "Restarting snmpd";
     m_startLimit = {};
-    m_host.run({QStringLiteral("killall"), {QStringLiteral("snmpd")}});
+    m_host.run({QLatin1String(killallProgram), {QStringLiteral("snmpd")}});
     setMasterEnding(true); // it still accepts traps, but discards them
     // Also cancels the pending start of an earlier stop.
     m_startTimer.start();
@@ -122,18 +122,19 @@ void SnmpdConfHandler::killStaleSnmpd() const
         file.close();
         if (line.endsWith('\n'))
             line.chop(1);
-        m_host.run({QStringLiteral("kill"), {QStringLiteral("-9"), QString::fromLocal8Bit(line)}});
+        m_host.run({QLatin1String(killProgram), {QStringLiteral("-9"), QString::fromLocal8Bit(line)}});
     }
-    m_host.run({QStringLiteral("rm"), {m_host.pidFile}});
+    m_host.run({QLatin1String(rmProgram), {m_host.pidFile}});
 }
 
 void SnmpdConfHandler::watchdogSnmpd()
 {
     followConfigFolder();
     // The options are single words with a blank inside, as the device's ps expects.
-    const QString text = probeText(m_host.outputOf(
-        {QStringLiteral("ps"), {QStringLiteral("--noheaders"), QStringLiteral("-C snmpd"), QStringLiteral("-o rss")}},
-        probeTimeoutMs));
+    const QString text = probeText(
+        m_host.outputOf({QLatin1String(psProgram),
+                         {QStringLiteral("--noheaders"), QStringLiteral("-C snmpd"), QStringLiteral("-o rss")}},
+                        probeTimeoutMs));
 
     if (text.isEmpty()) {
         qDebug().noquote() << "SnmpdConfHandler"

@@ -24,6 +24,11 @@ from .settings import CHECKOUT, COMMAND, INSTALLED, Settings
 
 NEEDED = ["bwrap", "nsenter", "snmpd", "snmptrapd", "dbus-daemon", "killall"]
 END_TIMEOUT = 10.0
+ANSWER_SECONDS = 30
+# A table that is read before the daemon has its first values serves its starting values for a minute.
+WAIT_FOR_VALUES = f"""\
+until talctl subscriptions | grep -q kvsnmp_sys_messages &&
+    snmpget -v2c -c public -r 0 -t 1 "127.0.0.1:$1" .1.3.6.1.4.1.52717.3.1.3.0; do sleep 0.1; done > /dev/null 2>&1"""
 PROGRAM = COMMAND.rpartition("/")[2]
 
 DESCRIPTION = f"""\
@@ -87,6 +92,7 @@ def start_parser() -> argparse.ArgumentParser:
     parser.add_argument("--writable", action="append", default=[], metavar="DIR",
                         help="a folder of the host that the device may write into")
     parser.add_argument("--trees", metavar="DIR", help="data trees other than the simulator's own")
+    parser.add_argument("--quiet", action="store_true", help="print only traps and errors; do not wait for an answer")
     parser.add_argument("--version", action=PrintVersion, nargs=0, help="print the version and end")
     return parser
 
@@ -193,7 +199,7 @@ def run_start(arguments: list[str]) -> int:
         settings = settings_from(options, claim.folder.name)
         check_ports(settings)
         make_folders(claim.root, settings, etc_files(options), options.snmpd_rss)
-        return Session(claim, settings).run()
+        return Session(claim, settings, options.quiet).run()
     finally:
         claim.remove()
 
@@ -201,9 +207,11 @@ def run_start(arguments: list[str]) -> int:
 class Session:
     """The sandbox from its start to its end, on the host."""
 
-    def __init__(self, claim: registry.Claim, settings: Settings) -> None:
+    def __init__(self, claim: registry.Claim, settings: Settings, quiet: bool) -> None:
         self.claim = claim
         self.settings = settings
+        self.quiet = quiet
+        self.asker: subprocess.Popen | None = None
         self.signalled = False
         self.first_process_end: int | None = None
         self.wake_read, wake_write = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
@@ -227,6 +235,9 @@ class Session:
         try:
             return self._follow(bwrap, info_read, status_read)
         finally:
+            if self.asker:
+                self.asker.kill()
+                self.asker.wait()
             os.close(control_write)  # makes the device end
             self._wait_for_the_end(bwrap)
             for descriptor in (info_read, status_read):
@@ -245,13 +256,18 @@ class Session:
 
     def _follow(self, bwrap: subprocess.Popen, info_read: int, status_read: int) -> int:
         facts = {"model": self.settings.model, "port": self.settings.port, "ready": False}
-        words = ""
+        words, asker_end = "", -1
         with selectors.DefaultSelector() as selector:
             selector.register(status_read, selectors.EVENT_READ)
             selector.register(self.wake_read, selectors.EVENT_READ)
             while not self.signalled:
                 for key, _ in selector.select():
                     if key.fd == self.wake_read:
+                        continue
+                    if key.fd == asker_end:
+                        selector.unregister(asker_end)
+                        os.close(asker_end)
+                        self._tell_how_to_go_on(self._how_to_ask(answers=self.asker.wait() == 0))
                         continue
                     word = os.read(status_read, 4096).decode()
                     if not word:
@@ -264,7 +280,9 @@ class Session:
                     if "ready" in word:
                         facts["ready"] = True
                         self.claim.publish(**facts)
-                        self._tell_how_to_go_on()
+                        asker_end = self._begin_to_ask(facts["first_process"])
+                        if asker_end >= 0:
+                            selector.register(asker_end, selectors.EVENT_READ)
         return 0
 
     @staticmethod
@@ -274,14 +292,30 @@ class Session:
             raise DeviceError(sandbox.FAILED_HINT)
         raise DeviceError("the device ended by itself")
 
-    def _tell_how_to_go_on(self) -> None:
+    def _begin_to_ask(self, process: int) -> int:
+        """A descriptor that can be read when the device has answered with its first values; -1: nobody waits for it."""
+        if self.quiet:
+            return -1
+        print(f"device {self.settings.name}: model {self.settings.model}, files in {self.claim.root}", flush=True)
+        if self.settings.kvsnmp == "none" or not self.settings.simulator:
+            self._tell_how_to_go_on("")
+            return -1
+        ask = ["timeout", str(ANSWER_SECONDS), "sh", "-c", WAIT_FOR_VALUES, "sh", str(self.settings.snmp_port)]
+        self.asker = subprocess.Popen(sandbox.enter_command(process, ask, own_network=not self.settings.port),
+                                      stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        return os.pidfd_open(self.asker.pid)
+
+    def _how_to_ask(self, answers: bool) -> str:
         name, port = self.settings.name, self.settings.port
-        walk = f"snmpwalk -v2c -c public 127.0.0.1:{port} .1.3.6.1.4.1.52717"
-        if not port:
-            walk = f"{COMMAND} exec --name {name} -- snmpwalk -v2c -c public 127.0.0.1 .1.3.6.1.4.1.52717"
-        print(f"device {name}: model {self.settings.model}, files in {self.claim.root}\n"
-              f"  ask it:    {walk}\n"
-              f"  change it: {COMMAND} exec --name {name} -- talctl --help\n"
+        inside = f"{COMMAND} exec --name {name} --"
+        if not answers:
+            return f"  it has not answered the community public; why: {inside} kvsnmp-check\n"
+        walk = f"snmpwalk -v2c -c public 127.0.0.1:{port}" if port else f"{inside} snmpwalk -v2c -c public 127.0.0.1"
+        return f"  ask it:    {walk} .1.3.6.1.4.1.52717\n"
+
+    def _tell_how_to_go_on(self, how_to_ask: str) -> None:
+        name = self.settings.name
+        print(f"{how_to_ask}  change it: {COMMAND} exec --name {name} -- talctl --help\n"
               f"  end it:    Ctrl-C, or {COMMAND} stop --name {name}", flush=True)
 
 

@@ -13,6 +13,7 @@ from support.dataservice import SETTINGS
 from support.device import CHECKOUT, Device
 from support.polling import wait_until
 from support.selfcheck import SelfCheck, assert_cause, assert_healthy, assert_only_warnings, assert_reports
+from support.traps import Faults
 
 CONF = "/etc/snmp/snmpd.conf"
 ACCESS = f"{SETTINGS}/access_control"
@@ -74,6 +75,38 @@ def test_options(amplifier, arguments, status):
     done = amplifier.run(["kvsnmp-check", *arguments], check=False)
     assert done.returncode == status
     assert bool(done.stdout) == (status == 0) and bool(done.stderr) == (status != 0)
+
+
+def test_colours_on_a_terminal_alone(amplifier):
+    def on_terminal(**variables: str) -> str:
+        done = amplifier.run(["script", "-qec", "kvsnmp-check", "/dev/null"], env={"TERM": "xterm"} | variables)
+        return done.stdout
+
+    assert "\x1b[32mok " in on_terminal()
+    assert "\x1b" not in on_terminal(NO_COLOR="1")
+    assert "\x1b" not in amplifier.run(["kvsnmp-check"], env={"TERM": "xterm"}).stdout
+
+
+def nagios(device: Device, *command: str) -> tuple[int, str]:
+    done = device.run([*command, "kvsnmp-check", "--nagios", "--timeout", "2"], check=False)
+    assert re.fullmatch(r"KVSNMP [A-Z]+ - [^|\n]+( \|( [a-z-]+=\d+){5})?\n", done.stdout), done.stdout
+    return done.returncode, done.stdout
+
+
+def test_nagios_states(amplifier):
+    status, line = nagios(amplifier)
+    assert (status, line) == (0, "KVSNMP OK - 28 checks | ok=28 warning=0 failed=0 skipped=0 not-applicable=1\n")
+    with stopped(amplifier, "snmpd"):
+        status, line = nagios(amplifier)
+    assert status == 2 and line.startswith("KVSNMP CRITICAL - snmpd-process: process ")
+    amplifier.wait_answering()
+    with no_traps(amplifier):
+        status, line = nagios(amplifier)
+    assert status == 1 and line.startswith("KVSNMP WARNING - traps-enabled: none of the 20 traps is enabled"), line
+    status, line = nagios(amplifier, "setpriv", "--reuid=65534", "--clear-groups")
+    assert status == 3 and line.startswith("KVSNMP UNKNOWN - has to be run by root")
+    for wrong in (["--wrong", "--nagios"], ["--nagios", "--json"], ["-n", "word"]):
+        assert amplifier.run(["kvsnmp-check", *wrong], check=False).returncode == 3
 
 
 def test_nothing_is_changed_started_or_ended(amplifier):
@@ -458,6 +491,36 @@ def test_configuration_made_by_hand(start_device):
             (text.replace("udp:161", "udp:161x"), "snmpd-conf-accepted", ["agentAddress udp:161x has no port"])]:
         file.write_text(edited_text)
         assert_cause(SelfCheck(device, timeout="1"), cause, *said)
+
+
+def test_a_local_trap_receiver_needs_the_name_localhost(start_device):
+    device = start_device(6410, "--no-dbus").wait_answering().wait_subscribed()
+    hosts = device.path("/etc/hosts")
+    with_name = hosts.read_text()
+    faults = Faults(device)
+
+    def restart_snmpd() -> None:
+        before = device.pids("snmpd")
+        device.stir_snmpd_folder()
+        device.wait_snmpd(other_than=before)
+        device.wait_answering()
+
+    def is_received(text: str) -> bool:
+        return text in device.read("/var/log/traps")
+
+    hosts.write_text("127.0.0.1 device\n")
+    restart_snmpd()
+    check = SelfCheck(device)
+    assert check.text("trap-receivers") == ("trap2sink 127.0.0.1 gets nothing: this device cannot resolve the name "
+                                            "localhost, see /etc/hosts")
+    assert "trap-receivers" in check.ids("warning")
+    faults.raise_one("fan_not_running", "without the name")
+    hosts.write_text(with_name)
+    restart_snmpd()
+    faults.raise_one("fan_not_running", "with the name")
+    wait_until(lambda: is_received("with the name"), 20, what="the trap")
+    assert not is_received("without the name"), "snmpd sends nothing, and the warning is right"
+    assert "trap-receivers" in SelfCheck(device).ids("ok")
 
 
 def test_trap_receivers_out_of_reach(start_device):

@@ -103,7 +103,7 @@ def test_devices_on_ports_of_the_host_answer_side_by_side_and_print_their_traps(
     for model, device in devices.items():
         device.wait_printed(f"snmpwalk -v2c -c public 127.0.0.1:{ports[model]} .1.3.6.1.4.1.52717")
         inside = ["exec", "--name", device.name, "--", "talctl"]
-        wait_until(lambda inside=inside: "kvsnmp_sys_messages" in script(*inside, "subscriptions").stdout, 10, 0.1)
+        assert "kvsnmp_sys_messages" in script(*inside, "subscriptions").stdout, "the values have come"
         assert script(*inside, "trap", "enable", "Cooling Fan Fault").returncode == 0
         fault = ["fault", "raise", "amp", "1", "fan_not_running", "crit", f"Fan of {model}"]
         assert script(*inside, *fault).returncode == 0
@@ -114,6 +114,13 @@ def test_devices_on_ports_of_the_host_answer_side_by_side_and_print_their_traps(
         assert ", trapLevel.0 = critical, " in trap
         other_model = next(number for number in ports if number != model)
         assert f"Fan of {other_model}" not in printed
+
+
+def test_a_device_that_does_not_answer_names_the_check(typed):
+    device = typed("--model", "6410", "--no-traps", "--no-dbus", "--set",
+                   "/state/config/snmp_settings/access_control/community=secret")
+    printed = device.wait_printed("end it:", 60)
+    assert "ask it:" not in printed and f"exec --name {device.name} -- kvsnmp-check\n" in printed
 
 
 def test_exec_list_and_stop(typed):

@@ -2,6 +2,7 @@
 #include "support/testprogram.h"
 
 #include "check/checks.h"
+#include "check/options.h"
 #include "check/report.h"
 #include "check/subject.h"
 
@@ -98,6 +99,32 @@ private Q_SLOTS:
                  QStringLiteral("failed         a                     bad\n    hint: mend it\n"));
         QCOMPARE(textOf(report.findings()[1]),
                  QStringLiteral("failed         b                     bad (follows from a)\n"));
+    }
+
+    void colours()
+    {
+        const Report report = reportOf({{"a", "A", {}, {}, good}, {"b", "B", {}, {}, bad}});
+        QCOMPARE(textOf(report.findings()[0], Colours::With),
+                 QStringLiteral("\x1b[32mok             \x1b[0ma                     good\n"));
+        QCOMPARE(summaryOf(report, Colours::With), QStringLiteral("1 ok, 1 failed\n\x1b[1;31mcause\x1b[0m: b: bad\n"));
+        QVERIFY(wantsColours(true, "", "xterm"));
+        QVERIFY(!wantsColours(false, "", "xterm") && !wantsColours(true, "1", "xterm"));
+        QVERIFY(!wantsColours(true, "", "dumb") && !wantsColours(true, "", ""));
+    }
+
+    void nagiosLine()
+    {
+        constexpr auto bar = [](Subject &) { return failed(QStringLiteral("a|b\nc"), QStringLiteral("mend it")); };
+        const Check fine{"a", "A", {}, {}, good};
+        const Check warned{"w", "W", {}, {}, doubtful};
+        const Check broken{"x", "X", {}, {}, bar};
+        const Check follows{"y", "Y", {"x"}, {}, bad};
+        QCOMPARE(nagiosLineOf(reportOf({fine, fine})),
+                 QStringLiteral("KVSNMP OK - 2 checks | ok=2 warning=0 failed=0 skipped=0 not-applicable=0\n"));
+        QCOMPARE(nagiosLineOf(reportOf({fine, warned})),
+                 QStringLiteral("KVSNMP WARNING - w: doubtful | ok=1 warning=1 failed=0 skipped=0 not-applicable=0\n"));
+        QCOMPARE(nagiosLineOf(reportOf({warned, broken, follows})),
+                 QStringLiteral("KVSNMP CRITICAL - x: a/b c | ok=0 warning=1 failed=1 skipped=1 not-applicable=0\n"));
     }
 
     void json()

@@ -63,7 +63,7 @@ class Device:
         self._options = options
         self._script = subprocess.Popen(
             [str(CHECKOUT / "scripts/device"), "--model", str(model), "--name", self.name, "--bin", str(bin_dir()),
-             *build_options(), *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+             "--quiet", *build_options(), *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
             text=True, start_new_session=own_session)
         self._shift = 0
         self._time_of_day_shift = 0
