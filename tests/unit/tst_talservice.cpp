@@ -185,8 +185,9 @@ constexpr struct { const char *line, *reply; } commands[] = {
     {"delete FAN", "0"}, {"get /state/fans/fan/kid", "0 amp_class_d"},
     {"fault raise amp 7 fan_not_running crit 'no fan' --timestamp 0x10", "0"},
     {"fault raise amp 7 x crit t", "1 is there already: FAULT"},
-    {"get FAULT", "0 <sys_message><reporter>amp</reporter><rep_ref>7</rep_ref><msgdata><fan_not_running/></msgdata>"
-     "<text>no fan</text><timestamp>0x10</timestamp><level>crit</level></sys_message>"},
+    {"get FAULT", "0 <sys_message>\n  <reporter>amp</reporter>\n  <rep_ref>7</rep_ref>\n  <msgdata>\n"
+     "    <fan_not_running/>\n  </msgdata>\n  <text>no fan</text>\n  <timestamp>0x10</timestamp>\n"
+     "  <level>crit</level>\n</sys_message>"},
     {"fault raise 'psu 1/]' 8 \"\" err <t> --timestamp \"\" --replace", "0"}, // nothing to replace
     {"fault list", "0 amp\t7\tfan_not_running\tcrit\t0x10\tno fan\npsu 1/]\t8\t\terr\t\t<t>"},
     {"fault raise \"it's\" 7 x crit t", "1 reporter and reference may hold no apostrophe"},
@@ -512,7 +513,7 @@ private Q_SLOTS:
         m_bus.start();
         QTRY_VERIFY(monitor.isUp());
         Listener listener;
-        QDBusConnection listening = QDBusConnection::connectToBus(m_bus.address, "channels");
+        QDBusConnection listening = QDBusConnection::connectToBus(m_bus.address(), "channels");
         const QString name = "com.orvane.pamon";
         const QString status = "onAmpChannelStatusUpdate uu ";
         QVERIFY(listening.connect(name, "/monitor", name, QString(), &listener, SLOT(onSignal(QDBusMessage))));
