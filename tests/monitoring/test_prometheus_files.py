@@ -2,13 +2,15 @@
 from __future__ import annotations
 
 import json
+import os
 import re
+import subprocess
 
 import yaml
 from prometheus_files import (ALERTMANAGER, ALERTS_MD, BEFORE, CHECKOUT, DASHBOARD, DEVICES, FOLDER, FOREIGN, RULES, SINCE,
-                              TABLES, alerts, amtool, groups, modules, names_in, panel_queries, rules,
-                              scraped_names, states)
-from mib import Mib  # the path is set by the one above
+                              TABLES, alerts, amtool, groups, modules, names_in, panel_queries, program, rules,
+                              run, scraped_names, states)
+from mib import BASE_MODULES, MIB_FILE, Mib  # the path is set by the one above
 
 # The exporter accepts no other keys.
 MODULE_KEYS = {"walk", "get", "metrics", "max_repetitions", "retries", "timeout"}
@@ -59,6 +61,34 @@ def test_scaling():
         (extracts,) = next(item for item in modules()[BEFORE.name]["metrics"] if item["name"] == metric)["regex_extracts"].values()
         match, value = next((found, extract["value"]) for extract in extracts if (found := re.search(extract["regex"], text)))
         assert float(match.expand(re.sub(r"\$(\d)", r"\\g<\1>", value))) == number, (metric, text)
+
+
+# The input of the exporter's generator
+
+
+def test_generator_makes_the_same_module(tmp_path):
+    """With the names of the MIB instead of ours, and the device's texts as metrics instead of labels."""
+    made_file = tmp_path / "snmp.yml"
+    done = subprocess.run([program("prometheus-snmp-generator"), "generate", f"--output-path={made_file}"],
+                          cwd=FOLDER, capture_output=True, text=True, timeout=60, check=False,
+                          env=os.environ | {"MIBDIRS": f"{MIB_FILE.parent}:{BASE_MODULES}", "MIBS": "KVSNMP-MIB:SNMPv2-MIB"})
+    assert done.returncode == 0, done.stderr
+    run("prometheus-snmp-exporter", "--dry-run", f"--config.file={made_file}")
+    made, ready = yaml.safe_load(made_file.read_text())["kvsnmp"], modules()[BEFORE.name]
+    assert {key: made[key] for key in MODULE_KEYS - {"metrics"}} == {key: ready[key] for key in MODULE_KEYS - {"metrics"}}
+
+    def facts(item: dict) -> tuple:
+        for rule in (rule for extracts in item.get("regex_extracts", {}).values() for rule in extracts):
+            rule["regex"] = re.sub(r"^\^\(\?:(.*)\)\$$", r"\1", rule["regex"])  # the generator anchors it again
+        columns = [lookup["oid"] for lookup in item.get("lookups", []) if "oid" in lookup]
+        return item["type"], item.get("regex_extracts"), item.get("enum_values"), columns[:1] if "indexes" in item else []
+
+    found = {item["oid"]: facts(item) for item in made["metrics"]}
+    expected = {item["oid"]: facts(item) for item in ready["metrics"]}
+    number = next(item.oid for item in Mib.read().readable if item.name == "infoModelNumber")
+    texts = {lookup["oid"] for item in ready["metrics"] if item["oid"] == number for lookup in item["lookups"] if "oid" in lookup}
+    expected[number] = ("gauge", None, None, [])  # the texts are its labels in our module
+    assert found == expected | {oid: ("DisplayString", None, None, []) for oid in texts}
 
 
 # Rules
