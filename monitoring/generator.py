@@ -13,15 +13,16 @@ def made_by(script: str) -> str:
 
 
 def main(script: str, description: str, make: Callable[[], dict[str, str]]) -> int:
-    """Writes the files that `make` returns, name to text, beside the script; returns the exit status."""
+    """Writes the files that `make` returns, path from the script's folder to text; returns the exit status."""
     parser = argparse.ArgumentParser(description=description, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--check", action="store_true", help="write nothing; exit with 1 when a file is stale")
     options = parser.parse_args()
-    files = {Path(script).resolve().parent / name: text for name, text in make().items()}
+    folder = Path(script).resolve().parent
+    files = {(folder / name).resolve(): text for name, text in make().items()}
     stale = [file for file, text in files.items() if not file.exists() or file.read_text() != text]
     for file in stale:
         if options.check:
-            print(f"{file.relative_to(CHECKOUT)} is stale; run {file.parent.relative_to(CHECKOUT)}/generate")
+            print(f"{file.relative_to(CHECKOUT)} is stale; run {folder.relative_to(CHECKOUT)}/generate")
         else:
             file.write_text(files[file])
             print(f"{file.relative_to(CHECKOUT)} written")

@@ -23,6 +23,8 @@ from support.catalogue import TABLES  # noqa: E402, F401
 BEFORE, SINCE = FOLDER / "snmp-before-0.23.yml", FOLDER / "snmp-from-0.23.yml"
 RULES = FOLDER / "kvsnmp.rules.yml"
 DASHBOARD = FOLDER / "kvsnmp-dashboard.json"
+DEVICES, ALERTMANAGER = FOLDER / "kvsnmp-devices.json", FOLDER / "alertmanager.yml"
+ALERTS_MD = CHECKOUT / "docs/alerts.md"
 UNPACKED = CHECKOUT / "build/monitoring/root"  # by scripts/install-deps monitoring
 
 # Metrics of Prometheus and of the exporter.
@@ -37,10 +39,13 @@ def program(name: str) -> str:
     return found
 
 
-def promtool(*arguments: str) -> str:
-    done = subprocess.run([program("promtool"), *arguments], capture_output=True, text=True, timeout=120, check=False)
+def run(name: str, *arguments: str) -> str:
+    done = subprocess.run([program(name), *arguments], capture_output=True, text=True, timeout=120, check=False)
     assert done.returncode == 0, done.stdout + done.stderr
     return done.stdout
+
+
+promtool, amtool = functools.partial(run, "promtool"), functools.partial(run, "amtool")
 
 
 def evaluate(folder: Path, tests: list[dict]) -> None:

@@ -284,18 +284,18 @@ def test_alerts_and_triggers_have_the_same_limits():
     assert [macros[f"{{$KV.VOLTAGE.{level}}}"] for level in ("WARN", "CRIT")] == [f"{end:g}" for end in voltage]
 
 
-def test_alerts_have_the_same_states():
+def test_alerts_have_the_same_states_and_severities():
     """They have no alert for what has not been reported, except of channels and relays."""
     rules = (CHECKOUT / "monitoring/prometheus/kvsnmp.rules.yml").read_text()
-    alerted: dict[str, set[str]] = {}
-    for alert in re.findall(r"- alert: \w+\n(.*?)for:", rules, re.DOTALL):
-        for found in re.findall(r'object=~?"([^"]+)", state=~?"([^"]+)"', alert)[:1]:
-            alerted.setdefault(found[0].replace("[12]", "1"), set()).update(found[1].split("|"))
+    alerted: dict[str, set[tuple[str, str]]] = {}
+    for alert, severity in re.findall(r"- alert: \w+\n(.*?)severity: (\w+)", rules, re.DOTALL):
+        for name, words in re.findall(r'object=~?"([^"]+)", state=~?"([^"]+)"', alert)[:1]:
+            alerted.setdefault(name.replace("[12]", "1"), set()).update((word, severity) for word in words.split("|"))
     names = {f".{item.oid}.": item.name for item in Mib.read().readable}
-    listed = {names[rule["column"]]: set(rule["warning"] + rule["critical"]) for rule in FACTS["rules"]
+    listed = {names[rule["column"]]: {(word, level) for level in ("warning", "critical") for word in rule[level]} for rule in FACTS["rules"]
               if "words" in rule and names[rule["column"]] != "letChannel2Status"}
     for name in ("powerLive", "lineInStatus", "lineInMicStatus", "ampChannelLineState"):
-        listed[name] -= {"notReported", "unknown"}
+        listed[name] -= {("notReported", "warning"), ("unknown", "warning")}
     assert {name: words for name, words in alerted.items() if name != "ethMonitoringMonitored"} == listed
 
 

@@ -1,6 +1,7 @@
 """The generators of monitoring/ make the tracked files, and --check finds each stale file."""
 from __future__ import annotations
 
+import os
 import shutil
 import subprocess
 from pathlib import Path
@@ -10,10 +11,12 @@ import pytest
 CHECKOUT = Path(__file__).resolve().parents[2]
 MADE = {
     "checks": ["check_kvsnmp.json", "kvsnmp-services.cfg"],
-    "prometheus": ["kvsnmp-dashboard.json", "metrics.md", "snmp-before-0.23.yml", "snmp-from-0.23.yml"],
+    "prometheus": ["../../docs/alerts.md", "generator.yml", "kvsnmp-dashboard.json", "metrics.md", "snmp-before-0.23.yml",
+                   "snmp-from-0.23.yml"],
     "snmptrapd": ["snmptt.conf.kvsnmp"],
     "zabbix": ["kvsnmp-template.yaml"],
 }
+READ = "prometheus/kvsnmp.rules.yml"  # written by hand
 UNTRACKED = "recordings"  # the device tests read what it makes
 
 
@@ -21,11 +24,12 @@ UNTRACKED = "recordings"  # the device tests read what it makes
 def copy(tmp_path_factory) -> Path:
     """The folder monitoring/ with the generators only, beside what they read."""
     tree = tmp_path_factory.mktemp("tree")
-    for scripts in ("*.py", "*/*.py", "*/generate"):
+    for scripts in ("*.py", "*/*.py", "*/generate", READ):
         for script in (CHECKOUT / "monitoring").glob(scripts):
             place = tree / script.relative_to(CHECKOUT)
             place.parent.mkdir(parents=True, exist_ok=True)
             shutil.copy(script, place)
+    (tree / "docs").mkdir()
     for beside in ("build", "mibs", "tests"):
         (tree / beside).symlink_to(CHECKOUT / beside)
     return tree / "monitoring"
@@ -38,13 +42,16 @@ def generate(folder: Path, *options: str) -> tuple[int, list[str]]:
 
 
 def texts(folder: Path) -> dict[str, str]:
-    return {file.name: file.read_text() for file in sorted(folder.iterdir()) if file.suffix != ".py" and file.name != "generate"}
+    """What was made, by path from the folder."""
+    return {os.path.relpath(file, folder): file.read_text()
+            for place in {(folder / made).resolve().parent for made in MADE[folder.name]} for file in place.iterdir()
+            if file.suffix != ".py" and file.name != "generate" and not READ.endswith(file.name)}
 
 
 @pytest.mark.parametrize("name", MADE)
 def test_makes_what_is_tracked_and_finds_what_is_stale(copy, name):
     tracked = {file: (CHECKOUT / "monitoring" / name / file).read_text() for file in MADE[name]}
-    stale = [f"monitoring/{name}/{file} is stale; run monitoring/{name}/generate" for file in MADE[name]]
+    stale = [f"{os.path.normpath(f'monitoring/{name}/{file}')} is stale; run monitoring/{name}/generate" for file in MADE[name]]
     status, said = generate(copy / name, "--check")
     assert (status, sorted(said), texts(copy / name)) == (1, stale, {}), "there is no file yet"
     assert generate(copy / name)[0] == 0

@@ -1,13 +1,16 @@
-"""The files of monitoring/prometheus, without a program that reads them: their structure, and that each name that one
-of them uses is made by another."""
+"""The files of monitoring/prometheus: their structure, and that each name that one of them uses is made by another."""
 from __future__ import annotations
 
 import json
+import os
 import re
+import subprocess
 
 import yaml
-from prometheus_files import (BEFORE, DASHBOARD, FOLDER, FOREIGN, RULES, SINCE, TABLES, alerts, groups, modules, names_in,
-                              panel_queries, rules, scraped_names, states)
+from prometheus_files import (ALERTMANAGER, ALERTS_MD, BEFORE, CHECKOUT, DASHBOARD, DEVICES, FOLDER, FOREIGN, RULES, SINCE,
+                              TABLES, alerts, amtool, groups, modules, names_in, panel_queries, program, rules,
+                              run, scraped_names, states)
+from mib import BASE_MODULES, MIB_FILE, Mib  # the path is set by the one above
 
 # The exporter accepts no other keys.
 MODULE_KEYS = {"walk", "get", "metrics", "max_repetitions", "retries", "timeout"}
@@ -60,6 +63,34 @@ def test_scaling():
         assert float(match.expand(re.sub(r"\$(\d)", r"\\g<\1>", value))) == number, (metric, text)
 
 
+# The input of the exporter's generator
+
+
+def test_generator_makes_the_same_module(tmp_path):
+    """With the names of the MIB instead of ours, and the device's texts as metrics instead of labels."""
+    made_file = tmp_path / "snmp.yml"
+    done = subprocess.run([program("prometheus-snmp-generator"), "generate", f"--output-path={made_file}"],
+                          cwd=FOLDER, capture_output=True, text=True, timeout=60, check=False,
+                          env=os.environ | {"MIBDIRS": f"{MIB_FILE.parent}:{BASE_MODULES}", "MIBS": "KVSNMP-MIB:SNMPv2-MIB"})
+    assert done.returncode == 0, done.stderr
+    run("prometheus-snmp-exporter", "--dry-run", f"--config.file={made_file}")
+    made, ready = yaml.safe_load(made_file.read_text())["kvsnmp"], modules()[BEFORE.name]
+    assert {key: made[key] for key in MODULE_KEYS - {"metrics"}} == {key: ready[key] for key in MODULE_KEYS - {"metrics"}}
+
+    def facts(item: dict) -> tuple:
+        for rule in (rule for extracts in item.get("regex_extracts", {}).values() for rule in extracts):
+            rule["regex"] = re.sub(r"^\^\(\?:(.*)\)\$$", r"\1", rule["regex"])  # the generator anchors it again
+        columns = [lookup["oid"] for lookup in item.get("lookups", []) if "oid" in lookup]
+        return item["type"], item.get("regex_extracts"), item.get("enum_values"), columns[:1] if "indexes" in item else []
+
+    found = {item["oid"]: facts(item) for item in made["metrics"]}
+    expected = {item["oid"]: facts(item) for item in ready["metrics"]}
+    number = next(item.oid for item in Mib.read().readable if item.name == "infoModelNumber")
+    texts = {lookup["oid"] for item in ready["metrics"] if item["oid"] == number for lookup in item["lookups"] if "oid" in lookup}
+    expected[number] = ("gauge", None, None, [])  # the texts are its labels in our module
+    assert found == expected | {oid: ("DisplayString", None, None, []) for oid in texts}
+
+
 # Rules
 
 
@@ -103,13 +134,72 @@ def test_words_in_rules_are_words_of_the_mib():
 
 
 def test_every_alert_says_what_and_what_to_do():
-    readme = (FOLDER / "README.md").read_text()
     for name, rule in alerts().items():
         assert re.fullmatch(r"Kvsnmp[A-Za-z]+", name)
         assert rule["labels"]["severity"] in ("critical", "warning", "info")
-        assert set(rule["annotations"]) == {"summary", "description"} and "$labels.instance" in rule["annotations"]["summary"]
-        row = next(line for line in readme.splitlines() if line.startswith(f"| `{name}`"))
-        assert f"| {rule['labels']['severity']} |" in row and f"| {rule['for'].replace('m', ' min')} |" in row, row
+        assert set(rule["annotations"]) == {"summary", "description", "runbook"}
+        assert "$labels.instance" in rule["annotations"]["summary"]
+        # Installed there by the package, and linked by a name that a reader of Markdown makes of the heading.
+        file, anchor = rule["annotations"]["runbook"].removeprefix("/usr/share/doc/kvsnmp-monitoring/").split("#")
+        assert (CHECKOUT / file, anchor) == (ALERTS_MD, name.lower())
+    packaged = (CHECKOUT / "packaging/debian/kvsnmp-monitoring.install").read_text()
+    assert "docs/alerts.md usr/share/doc/kvsnmp-monitoring/docs\n" in packaged
+
+
+# docs/alerts.md
+
+
+def sections() -> dict[str, str]:
+    return dict(re.findall(r"^## (\w+)\n\n(.*?)(?=^## |\Z)", ALERTS_MD.read_text(), re.MULTILINE | re.DOTALL))
+
+
+def test_every_alert_has_its_section():
+    assert list(sections()) == list(alerts())
+    for name, text in sections().items():
+        rule, words = alerts()[name], " ".join(text.split())
+        first = f"**{rule['labels']['severity'].capitalize()}**, after {rule['for'].replace('m', ' min')}: "
+        assert re.fullmatch(re.escape(first) + r".+\. - \*\*On the device\*\*: .+\. - \*\*Its end shows in\*\* .+\. "
+                            r"- \*\*Trap\*\*: .+\.", words), words
+    table = re.findall(r"^\| \[`(\w+)`\]\(#(\w+)\) \| (\w+) \| (\d+) min \|$", ALERTS_MD.read_text(), re.MULTILINE)
+    assert table == [(name, name.lower(), rule["labels"]["severity"], rule["for"].rstrip("m")) for name, rule in alerts().items()]
+
+
+def test_the_end_shows_in_an_object_that_the_alert_watches():
+    mib = Mib.read()
+    recorded = {rule["record"]: rule["expr"] for rule in rules() if "record" in rule and rule["record"] != "kvsnmp:state"}
+    for name, text in sections().items():
+        ends = re.findall(r"`(\w+)`", re.search(r"\*\*Its end shows in\*\* ([^:]+):", text)[1])
+        if ends == ["sysUpTime"]:
+            continue
+        query = alerts()[name]["expr"]
+        for record, expression in reversed(list(recorded.items())):
+            query = query.replace(record, expression)
+        patterns = re.findall(r'object=~?"([^"]+)"', query)
+        for end in ends:
+            words = mib.objects[end].enumeration
+            snake = re.sub(r"(?<=[a-z0-9])(?=[A-Z])", "_", end).lower()
+            assert f"kvsnmp_{snake}" in query or any(re.fullmatch(pattern, end) for pattern in patterns), (name, end)
+            assert words or "(" not in text.split("Its end shows in")[1].split("- **Trap")[0], (name, end)
+        for word, code in re.findall(r"(\w+)\((\d+)\)", text):
+            assert word in [mib.objects[end].enumeration.get(int(code)) for end in ends], (name, word)
+
+
+def test_traps_of_the_alerts():
+    """A trap's end shows in an object of its alerts, as docs/traps.md says."""
+    rows = re.findall(r"^\| \d+ \| `(\w+)` \| ([^|]+) \| [^|]+ \| ([^|]+) \|", (CHECKOUT / "docs/traps.md").read_text(),
+                      re.MULTILINE)
+    ends = {trap: set(re.findall(r"`([a-z]\w*)", cell.replace("ChannelN", "Channel1"))) for trap, _, cell in rows}
+    titles = {trap: title for trap, title, _ in rows}
+    assert len(rows) == 20
+    alerted = set()
+    for name, text in sections().items():
+        shown = set(re.findall(r"`(\w+)`", re.search(r"\*\*Its end shows in\*\* ([^:]+):", text)[1]))
+        for trap, title in re.findall(r"`(\w+)` \(([^)]+)\)", " ".join(text.split("- **Trap**: ")[1].split())):
+            assert titles[trap] == title and ends[trap] & shown, (name, trap)
+            alerted.add(trap)
+    silent = re.search(r"\*\*No alert comes with\*\* the traps ([^:]+):", ALERTS_MD.read_text())[1]
+    assert set(re.findall(r"`(\w+)`", silent)) == set(titles) - alerted
+    assert not any(ends[trap] for trap in set(titles) - alerted)
 
 
 def test_names_in_a_query():
@@ -148,3 +238,25 @@ def test_scrape_configuration():
     timeout = int(modules()[BEFORE.name]["timeout"].rstrip("s"))
     assert timeout * (modules()[BEFORE.name]["retries"] + 1) <= int(job["scrape_timeout"].rstrip("s")) <= 60
     assert config["rule_files"] == [f"/etc/prometheus/{RULES.name}"]
+    assert job["file_sd_configs"] == [{"files": [f"/etc/prometheus/{DEVICES.name}"]}]
+    assert [set(group) for group in json.loads(DEVICES.read_text())] == [{"targets"}]
+
+
+# Alertmanager's
+
+
+def test_alertmanager_configuration():
+    """Each severity has a receiver of its own, and what mutes exists."""
+    amtool("check-config", str(ALERTMANAGER))
+    config = yaml.safe_load(ALERTMANAGER.read_text())
+    receivers = {receiver["name"] for receiver in config["receivers"]}
+    severities = {rule["labels"]["severity"] for rule in alerts().values()}
+    routed = {severity: amtool("config", "routes", "test", f"--config.file={ALERTMANAGER}", f"severity={severity}").strip()
+              for severity in severities}
+    assert routed == {severity: f"kvsnmp-{severity}" for severity in severities} and set(routed.values()) == receivers
+    for rule in config["inhibit_rules"]:
+        assert rule["equal"] == ["job", "instance"]
+        assert re.findall(r'^alertname="(\w+)"$', rule["source_matchers"][0])[0] in alerts()
+        for matcher in rule["target_matchers"]:
+            pattern = re.fullmatch(r'alertname(?:=~|!=|!~)"(.+)"', matcher)[1]
+            assert any(re.fullmatch(pattern, name) for name in alerts()), matcher

@@ -92,6 +92,7 @@ LET = {"index": "4", "description": "LET 4 Channel 2"}
 
 CASES = [
     Case("KvsnmpDeviceUnreachable", [series("up", {}, passing(1, 0))], {}),
+    Case("KvsnmpDeviceUnreachable", [series("up", {"job": "other"}, passing(1, 0))], None, "another job"),
     Case("KvsnmpSubagentGone", [series("kvsnmp_sys_up_time_centiseconds", {}, steady(5)),
                                 series("kvsnmp_info_model_number", {"sys_name": "a"}, passing(6420, "stale"))], {}),
     Case("KvsnmpSubagentGone", [series("kvsnmp_sys_up_time_centiseconds", {}, passing(5, "stale")),
@@ -160,7 +161,7 @@ CASES = [
 
 
 def test_every_alert_has_a_case_that_fires_and_one_that_does_not():
-    for name in set(alerts()) - {"KvsnmpDeviceUnreachable"}:
+    for name in alerts():
         assert {case.labels is None for case in CASES if case.alert == name} == {True, False}, name
     assert {case.alert for case in CASES} == set(alerts())
 
@@ -178,9 +179,10 @@ def expectation(case: Case, minute: int, fires: bool) -> dict:
 
 
 def summary_with_value(case: Case, text: str, minute: int) -> str:
-    """With the alert's value during the fault."""
+    """With the alert's value during the fault, which an alert that is kept retains."""
     if "$value" not in text:
         return text
+    minute = min(minute, END - 1)
     values = {entry["series"].partition("{")[0]: entry["values"].split() for entry in case.series
               if not entry["series"].startswith("kvsnmp_voltage_value_volts") or "3.3V" in entry["series"]}
     if "humanizePercentage" in text:
@@ -194,16 +196,35 @@ def summary_with_value(case: Case, text: str, minute: int) -> str:
 
 @pytest.mark.parametrize("alert", sorted(alerts()))
 def test_alert(tmp_path, alert):
-    """Pending for its time, then firing with its labels and texts until the fault ends; never in the other cases."""
+    """Pending for its time, then firing with its labels and texts until the fault has ended and the time for which it is
+    kept is over; never in the other cases."""
     wait = int(alerts()[alert]["for"].removesuffix("m"))
+    over = END + int(alerts()[alert].get("keep_firing_for", "0m").removesuffix("m"))
     tests = []
     for case in (case for case in CASES if case.alert == alert):
         fires = case.labels is not None
-        moments = [(FAULT - 1, False), (FAULT + wait - 1, False), (FAULT + wait, fires), (END - 1, fires), (END, False),
+        moments = [(FAULT - 1, False), (FAULT + wait - 1, False), (FAULT + wait, fires), (over - 1, fires), (over, False),
                    (LAST, False)]
         tests.append({"name": f"{alert} {case.what}", "interval": "1m", "input_series": case.series,
                       "alert_rule_test": [expectation(case, *moment) for moment in moments]})
     evaluate(tmp_path, tests)
+
+
+def test_a_device_that_vanishes_keeps_its_alerts_until_it_is_reported(tmp_path):
+    """Otherwise their end would be reported first."""
+    vanished = [series("up", {}, passing(1, 0)), series("kvsnmp_fan_speed_rpm", ROW, passing(0, "stale")),
+                series("kvsnmp_voltage_value_volts", VOLTAGE, passing(24.1, "stale"))]
+
+    def firing(name: str, labels: dict[str, str]) -> dict:
+        return expectation(Case(name, [], labels), 0, True)["exp_alerts"][0]
+
+    fan, device = firing("KvsnmpFanStopped", ROW), firing("KvsnmpDeviceUnreachable", {})
+    reported = FAULT + int(alerts()["KvsnmpDeviceUnreachable"]["for"].removesuffix("m"))
+    evaluate(tmp_path, [{"interval": "1m", "input_series": vanished, "alert_rule_test": [
+        {"eval_time": f"{minute}m", "alertname": name, "exp_alerts": expected}
+        for minute, fans, devices in [(FAULT - 1, [fan], []), (reported - 1, [fan], []), (reported, [fan], [device]),
+                                      (reported + 1, [fan], [device]), (END - 1, [], [device])]
+        for name, expected in [("KvsnmpFanStopped", fans), ("KvsnmpDeviceUnreachable", devices)]]}])
 
 
 def test_nominal_voltages(tmp_path):

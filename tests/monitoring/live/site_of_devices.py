@@ -16,14 +16,14 @@ from typing import Any
 HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent), str(HERE.parents[1] / "device")]
 
-from prometheus_files import BEFORE, CHECKOUT, FOLDER, RULES, UNPACKED  # noqa: E402  (the paths have to be set first)
+from prometheus_files import BEFORE, CHECKOUT, DEVICES, FOLDER, RULES, UNPACKED  # noqa: E402  (the paths have to be set first)
 from support import steps  # noqa: E402
 from support.catalogue import EXTENDED, MODELS  # noqa: E402
 from support.device import Device  # noqa: E402
 from support.polling import wait_until  # noqa: E402
 from support.snmp import Snmp  # noqa: E402
 
-EXPORTER, PROMETHEUS = "127.0.0.1:9116", "127.0.0.1:9090"
+EXPORTER, PROMETHEUS, ALERTMANAGER = "127.0.0.1:9116", "127.0.0.1:9090", "127.0.0.1:9093"
 PICTURES = CHECKOUT / "build/monitoring/pictures"
 STATION = "6214-extended"  # beside the thirteen models
 RESTARTED = ("6425", "6913", "6914")  # kvsnmp is ended and started again during the test
@@ -91,30 +91,32 @@ class Site:
                                  f"--web.listen-address={EXPORTER}"])
         wait_until(lambda: fetch(f"http://{EXPORTER}/") is not None, 20, 0.2, "exporter")
 
-    def start_prometheus(self) -> None:
+    def start_prometheus(self, interval: str = "3s") -> None:
         """With the files of monitoring/prometheus, but with seconds instead of minutes."""
-        config = (FOLDER / "prometheus.yml").read_text()
-        targets = ", ".join(self.addresses.values())
-        for old, new in [("scrape_interval: 60s", "scrape_interval: 3s"), ("scrape_timeout: 30s", "scrape_timeout: 3s"),
-                         ("[192.0.2.10, 192.0.2.11]", f"[{targets}]"), ("localhost:9116", EXPORTER)]:
-            assert config.count(old) == 1, old
-            config = config.replace(old, new)
         etc = self.folder / "etc"  # /etc/prometheus
         (etc / "data").mkdir(parents=True)
+        config = replaced(FOLDER / "prometheus.yml", {
+            "scrape_interval: 60s": f"scrape_interval: {interval}", "scrape_timeout: 30s": f"scrape_timeout: {interval}",
+            "localhost:9116": EXPORTER, "localhost:9093": ALERTMANAGER})
         (etc / "prometheus.yml").write_text("global: {evaluation_interval: 1s}\n" + config)
+        (etc / DEVICES.name).write_text(json.dumps([
+            {"targets": [address], "labels": {"__meta_kvsnmp_name": name}} for name, address in self.addresses.items()]))
         rules, changed = re.subn(r"^( +for: )\d+m$", r"\g<1>1s", RULES.read_text(), flags=re.MULTILINE)
         assert changed == RULES.read_text().count("- alert:")
-        (etc / RULES.name).write_text(rules)
-        # Its pages are in /usr/share, without an unpacked package.
+        (etc / RULES.name).write_text(rules.replace("keep_firing_for: 5m", "keep_firing_for: 5s"))
+        self.spawn_packaged("prometheus", etc, "--config.file=/etc/prometheus/prometheus.yml",
+                            "--storage.tsdb.path=/etc/prometheus/data", f"--web.listen-address={PROMETHEUS}")
+        wait_until(lambda: fetch(f"http://{PROMETHEUS}/-/ready") is not None, 30, 0.2, "Prometheus")
+
+    def spawn_packaged(self, name: str, etc: Path, *options: str) -> None:
+        """A program that reads its pages or templates in /usr/share, without an unpacked package; with a folder as
+        /etc/prometheus."""
         for place in ("lib", "lib64"):
             (UNPACKED / "usr" / place).mkdir(exist_ok=True)
-        self._spawn("prometheus", [
+        self._spawn(name, [
             "bwrap", "--die-with-parent", "--ro-bind", f"{UNPACKED}/usr", "/usr", "--ro-bind", "/usr/lib", "/usr/lib",
             "--ro-bind", "/usr/lib64", "/usr/lib64", "--symlink", "usr/lib", "/lib", "--symlink", "usr/lib64", "/lib64",
-            "--dev", "/dev", "--proc", "/proc", "--bind", str(etc), "/etc/prometheus", "/usr/bin/prometheus",
-            "--config.file=/etc/prometheus/prometheus.yml", "--storage.tsdb.path=/etc/prometheus/data",
-            f"--web.listen-address={PROMETHEUS}"])
-        wait_until(lambda: fetch(f"http://{PROMETHEUS}/-/ready") is not None, 30, 0.2, "Prometheus")
+            "--dev", "/dev", "--proc", "/proc", "--bind", str(etc), "/etc/prometheus", f"/usr/bin/{name}", *options])
 
     def _spawn(self, name: str, command: list[str]) -> None:
         with open(self.folder / f"{name}.log", "wb") as log:
@@ -193,6 +195,15 @@ class Site:
         for name, device in self.devices.items():
             complaints += [f"{name}: {text}" for text in device.stop()]
         return complaints
+
+
+def replaced(file: Path, words: dict[str, str]) -> str:
+    """The text with other words, each of which is there once."""
+    text = file.read_text()
+    for old, new in words.items():
+        assert text.count(old) == 1, old
+        text = text.replace(old, new)
+    return text
 
 
 def fetch(url: str) -> str | None:
