@@ -1,90 +1,150 @@
-"""The Grafana dashboard: a table of its panels, and its JSON."""
+"""The Grafana dashboards: their panels, and their JSON. For Grafana 9; later versions convert it when they load it."""
 from __future__ import annotations
 
 import json
 from typing import Any, NamedTuple
 
-HERE = 'instance=~"$instance"'
 SOURCE = {"type": "prometheus", "uid": "${datasource}"}
+FLEET, DEVICE = "kvsnmp-fleet", "kvsnmp-device"  # the identifiers, also the names of the files
+WIDTH = 24  # units of a line
+
+RANGED = ("timeseries", "state-timeline")  # the others show the newest value
+LOOKS: dict[str, dict[str, Any]] = {
+    "stat": {"reduceOptions": {"calcs": ["lastNotNull"], "fields": "", "values": False}, "colorMode": "value"},
+    "timeseries": {"legend": {"displayMode": "list", "placement": "bottom", "showLegend": True},
+                   "tooltip": {"mode": "multi"}},
+    "state-timeline": {"mergeValues": True, "showValue": "auto", "alignValue": "left", "rowHeight": 0.9,
+                       "legend": {"displayMode": "list", "placement": "bottom", "showLegend": False},
+                       "tooltip": {"mode": "single"}},
+    "table": {"showHeader": True}}
+
+# A timeline coloured by thresholds would merge its states.
+COLOURING = {"timeseries": "palette-classic", "state-timeline": "continuous-GrYlRd"}
+
+Steps = list[dict[str, Any]]
+Mappings = list[dict[str, Any]]
+
+
+class Query(NamedTuple):
+    text: str
+    legend: str = ""
+
+
+class Column(NamedTuple):
+    """A column of a table that shows a label, or the value of a query."""
+    field: str  # a label, or "Value #A" for the first query
+    title: str
+    unit: str = ""
+    steps: Steps = []
+    mappings: Mappings = []
+    link: str = ""
+    width: int = 0
 
 
 class Panel(NamedTuple):
-    kind: str  # stat, timeseries, table
+    kind: str
     title: str
-    query: str
-    legend: str = ""
+    queries: list[Query]
     unit: str = "none"
     width: int = 12
     height: int = 8
+    steps: Steps = []
+    mappings: Mappings = []
+    columns: list[Column] = []  # of a table, which shows no others
+    sort: str = ""
     hint: str = ""
+    empty: str = ""  # shown instead of "No data"
 
 
-def states(objects: str) -> str:
-    return f'kvsnmp:state{{{HERE}, object=~"{objects}"}}'
+def values_shown(words: dict[int, tuple[str, str]]) -> Mappings:
+    """The mapping of each value to its word and colour."""
+    return [{"type": "value", "options": {
+        str(value): {"text": word, "color": colour, "index": index}
+        for index, (value, (word, colour)) in enumerate(words.items())}}]
 
 
-ROW = "{{instance}} {{description}}"
-# A line has 24 units; panels are in this order, a panel that does not fit starts the next line.
-PANELS = [
-    Panel("stat", "Devices that answer", f'sum(up{{job="kvsnmp", {HERE}}})', width=6, height=4),
-    Panel("stat", "Devices that do not", f'sum(up{{job="kvsnmp", {HERE}}} == bool 0)', width=6, height=4),
-    Panel("stat", "Firing alerts", f'count(ALERTS{{alertname=~"Kvsnmp.+", alertstate="firing", {HERE}}}) or vector(0)',
-          width=6, height=4),
-    Panel("stat", "Slowest scrape", f"max(snmp_scrape_duration_seconds{{{HERE}}})", unit="s", width=6, height=4),
-    Panel("table", "Alerts", f'ALERTS{{alertname=~"Kvsnmp.+", {HERE}}}', width=24),
-    Panel("table", "Devices", f"kvsnmp_info_model_number{{{HERE}}}", width=24,
-          hint="The value is the model number."),
-    Panel("timeseries", "Temperatures", f"kvsnmp_temp_current_celsius{{{HERE}}}", ROW, "celsius"),
-    Panel("timeseries", "Above their own average", f"kvsnmp:temp_rise_celsius{{{HERE}}}", ROW, "celsius"),
-    Panel("timeseries", "Fans", f"kvsnmp_fan_speed_rpm{{{HERE}}}", ROW, "rotrpm"),
-    Panel("timeseries", "Voltages, off their nominal value", f"kvsnmp:voltage_deviation_ratio{{{HERE}}}", ROW,
-          "percentunit"),
-    Panel("timeseries", "Voltages", f"kvsnmp_voltage_value_volts{{{HERE}}}", ROW, "volt"),
-    Panel("timeseries", "Voltages of line end transponders", f"kvsnmp:let_voltage_volts{{{HERE}}} > 0", ROW, "volt"),
-    Panel("table", "Power sources", states("powerLive|powerMonitored")),
-    Panel("table", "Amplifier channels and loudspeaker lines", states("ampChannelStatus|ampChannelLineState")),
-    Panel("table", "Line inputs and microphones", states("lineInStatus|lineInMicStatus|lineInMonitoring")),
-    Panel("table", "Line end transponders", states("letChannel[12]Status")),
-    Panel("table", "Control inputs and outputs", states("controlInputStatus|controlOutputState")),
-    Panel("table", "Relays", states("relayStatus")),
-    Panel("table", "Supervision of the Ethernet ports", states("ethMonitoringMonitored")),
-]
+def target(panel: Panel, number: int) -> dict[str, Any]:
+    query = panel.queries[number]
+    made: dict[str, Any] = {"refId": chr(ord("A") + number), "datasource": SOURCE, "expr": query.text}
+    if panel.kind in RANGED:
+        return made | {"range": True, "legendFormat": query.legend}
+    return made | {"instant": True, "range": False} | ({"format": "table"} if panel.kind == "table" else {})
 
 
-def panel(number: int, item: Panel, x: int, y: int) -> dict[str, Any]:
-    target = {"refId": "A", "datasource": SOURCE, "expr": item.query}
-    made = {"id": number, "type": item.kind, "title": item.title, "datasource": SOURCE, "targets": [target],
-            "gridPos": {"x": x, "y": y, "w": item.width, "h": item.height},
-            "fieldConfig": {"defaults": {"unit": item.unit}, "overrides": []}}
-    if item.hint:
-        made["description"] = item.hint
-    if item.kind == "timeseries":
-        target["legendFormat"] = item.legend
-    else:
-        target["instant"] = True
-    if item.kind == "table":
-        target["format"] = "table"
-        hidden = {name: True for name in ("Time", "__name__", "job") + (("Value",) if "state" in item.query else ())}
-        made["transformations"] = [{"id": "organize", "options": {"excludeByName": hidden}}]
-    if item.kind == "stat":
-        made["options"] = {"reduceOptions": {"calcs": ["lastNotNull"]}, "colorMode": "none"}
+def override(column: Column) -> dict[str, Any]:
+    found: list[tuple[str, Any]] = []
+    if column.unit:
+        found.append(("unit", column.unit))
+    if column.mappings:
+        found.append(("mappings", column.mappings))
+    if column.steps:
+        found.append(("thresholds", {"mode": "absolute", "steps": column.steps}))
+    if column.mappings or column.steps:
+        found.append(("custom.displayMode", "color-background"))
+    if column.link:
+        found.append(("links", [{"title": "This device", "url": column.link}]))
+    if column.width:
+        found.append(("custom.width", column.width))
+    return {"matcher": {"id": "byName", "options": column.title},
+            "properties": [{"id": name, "value": value} for name, value in found]}
+
+
+def organized(panel: Panel) -> list[dict[str, Any]]:
+    """One row for the labels that the queries share; the columns in their order, under their titles."""
+    fields = [column.field for column in panel.columns]
+    return [{"id": "merge", "options": {}},
+            {"id": "filterFieldsByName", "options": {"include": {"names": fields}}},
+            {"id": "organize", "options": {
+                "excludeByName": {}, "indexByName": {field: place for place, field in enumerate(fields)},
+                "renameByName": {column.field: column.title for column in panel.columns}}}]
+
+
+def graph_settings(panel: Panel) -> dict[str, Any]:
+    if panel.kind == "state-timeline":
+        return {"lineWidth": 0, "fillOpacity": 80}
+    return {"lineWidth": 1, "fillOpacity": 0, "showPoints": "never",
+            "thresholdsStyle": {"mode": "dashed" if panel.steps else "off"}}
+
+
+def panel_of(panel: Panel, number: int, x: int, y: int) -> dict[str, Any]:
+    defaults: dict[str, Any] = {"unit": panel.unit, "mappings": panel.mappings, "thresholds": {
+        "mode": "absolute", "steps": panel.steps or [{"value": None, "color": "text"}]}}
+    if panel.kind in RANGED:
+        defaults |= {"custom": graph_settings(panel), "color": {"mode": COLOURING[panel.kind]}}
+    if panel.empty:
+        defaults["noValue"] = panel.empty
+    made = {"id": number, "type": panel.kind, "title": panel.title, "datasource": SOURCE,
+            "gridPos": {"x": x, "y": y, "w": panel.width, "h": panel.height},
+            # A shorter step than the interval of the scrapes shows nothing new.
+            "interval": "1m", "targets": [target(panel, place) for place in range(len(panel.queries))],
+            "options": dict(LOOKS[panel.kind]),
+            "fieldConfig": {"defaults": defaults, "overrides": [
+                found for found in map(override, panel.columns) if found["properties"]]}}
+    if panel.kind == "table":
+        made["transformations"] = organized(panel)
+        made["options"] |= {"sortBy": [{"displayName": panel.sort, "desc": False}]} if panel.sort else {}
+    if panel.hint:
+        made["description"] = panel.hint
     return made
 
 
-def text(description: str) -> str:
-    panels, x, y, height = [], 0, 0, 0
-    for number, item in enumerate(PANELS, 1):
-        if x + item.width > 24:
+def laid_out(panels: list[Panel]) -> list[dict[str, Any]]:
+    """In order; a panel that does not fit starts the next line."""
+    made, x, y, height = [], 0, 0, 0
+    for number, panel in enumerate(panels, 1):
+        if x + panel.width > WIDTH:
             x, y, height = 0, y + height, 0
-        panels.append(panel(number, item, x, y))
-        x, height = x + item.width, max(height, item.height)
-    variables = [
-        {"name": "datasource", "type": "datasource", "query": "prometheus", "label": "Data source"},
-        {"name": "instance", "type": "query", "label": "Device", "datasource": SOURCE, "multi": True,
-         "includeAll": True, "allValue": ".*", "refresh": 2,
-         "query": {"query": 'label_values(up{job="kvsnmp"}, instance)', "refId": "instance"},
-         "current": {"text": "All", "value": "$__all"}}]
-    made = {"description": description, "uid": "kvsnmp", "title": "Public address devices (kvsnmp)", "tags": ["kvsnmp"],
+        made.append(panel_of(panel, number, x, y))
+        x, height = x + panel.width, max(height, panel.height)
+    return made
+
+
+def text(made_by: str, uid: str, title: str, panels: list[Panel], variables: list[dict[str, Any]]) -> str:
+    source = {"name": "datasource", "type": "datasource", "query": "prometheus", "label": "Data source"}
+    made = {"description": made_by, "uid": uid, "title": title, "tags": ["kvsnmp"],
             "schemaVersion": 37, "editable": True, "refresh": "1m", "time": {"from": "now-6h", "to": "now"},
-            "templating": {"list": variables}, "panels": panels}
-    return json.dumps(made, indent=2) + "\n"
+            "templating": {"list": [source, *variables]},
+            "links": [{"type": "dashboards", "title": "kvsnmp", "tags": ["kvsnmp"], "asDropdown": True,
+                       "includeVars": False, "keepTime": True}],
+            "panels": laid_out(panels)}
+    return json.dumps(made, indent=2, ensure_ascii=False) + "\n"

@@ -22,7 +22,7 @@ from support.catalogue import TABLES  # noqa: E402, F401
 
 BEFORE, SINCE = FOLDER / "snmp-before-0.23.yml", FOLDER / "snmp-from-0.23.yml"
 RULES = FOLDER / "kvsnmp.rules.yml"
-DASHBOARD = FOLDER / "kvsnmp-dashboard.json"
+FLEET, ONE_DEVICE = (FOLDER / f"kvsnmp-{name}.json" for name in ("fleet", "device"))  # dashboards of Grafana
 DEVICES, ALERTMANAGER = FOLDER / "kvsnmp-devices.json", FOLDER / "alertmanager.yml"
 ALERTS_MD = CHECKOUT / "docs/alerts.md"
 UNPACKED = CHECKOUT / "build/monitoring/root"  # by scripts/install-deps monitoring
@@ -100,5 +100,15 @@ def names_in(query: str) -> set[str]:
     return set(METRIC.findall(without_labels))
 
 
+def panels(dashboard: Path) -> list[dict[str, Any]]:
+    return json.loads(dashboard.read_text())["panels"]
+
+
+def queries(dashboard: Path, kind: str = "", instance: str = "$instance") -> list[str]:
+    """Of all panels, or of those of a kind; with the instance that Grafana inserts for its variable."""
+    return [target["expr"].replace("$instance", instance) for panel in panels(dashboard)
+            if kind in ("", panel["type"]) for target in panel["targets"]]
+
+
 def panel_queries() -> list[str]:
-    return [target["expr"] for panel in json.loads(DASHBOARD.read_text())["panels"] for target in panel["targets"]]
+    return queries(FLEET) + queries(ONE_DEVICE)

@@ -11,8 +11,8 @@ import pytest
 CHECKOUT = Path(__file__).resolve().parents[2]
 MADE = {
     "checks": ["check_kvsnmp.json", "kvsnmp-services.cfg"],
-    "prometheus": ["../../docs/alerts.md", "generator.yml", "kvsnmp-dashboard.json", "metrics.md", "snmp-before-0.23.yml",
-                   "snmp-from-0.23.yml"],
+    "prometheus": ["../../docs/alerts.md", "generator.yml", "kvsnmp-device.json", "kvsnmp-fleet.json", "metrics.md",
+                   "snmp-before-0.23.yml", "snmp-from-0.23.yml"],
     "snmptrapd": ["snmptt.conf.kvsnmp"],
     "zabbix": ["kvsnmp-template.yaml"],
 }
