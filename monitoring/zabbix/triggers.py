@@ -22,6 +22,7 @@ MACROS = [
     ("{$KV.INTERVAL.TEXT}", "15m", "Interval of versions and other texts."),
     ("{$KV.INTERVAL.DISCOVERY}", "15m", "Interval of the discovery of rows. They only change when a device is replaced."),
     ("{$KV.NODATA}", "5m", "Longest silence of a device."),
+    ("{$KV.RESTART}", "10m", "Uptime below which a device has restarted."),
     ("{$KV.HOLD}", "3m", "Time for which a measurement has to be out of its range."),
     ("{$KV.TEMP.WARN}", "70", "Degrees Celsius above which a temperature is high."),
     ("{$KV.TEMP.CRIT}", "85", "Degrees Celsius above which a temperature is critical."),

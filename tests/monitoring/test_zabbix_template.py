@@ -30,7 +30,7 @@ RULES = TEMPLATE["discovery_rules"]
 PROTOTYPES = [item for rule in RULES for item in rule["item_prototypes"]]
 TRIGGERS = [trigger for place in [*TEMPLATE["items"], *RULES, *PROTOTYPES]
             for trigger in place.get("triggers", []) + place.get("trigger_prototypes", [])]
-OF_THE_AGENT = {"1.3.6.1.2.1.1.5.0", "1.3.6.1.2.1.1.6.0"}
+OF_THE_AGENT = {"1.3.6.1.2.1.1.3.0", "1.3.6.1.2.1.1.5.0", "1.3.6.1.2.1.1.6.0", "1.3.6.1.2.1.25.1.1.0"}
 
 
 def nodes(value: Any) -> Iterator[dict]:
@@ -175,3 +175,10 @@ def test_each_notification_has_an_item_also_for_a_trap_that_is_logged_by_variabl
     assert sorted(item["description"].partition(",")[0] for item in TRAP_KEYS.values()) == sorted(
         trap.name for trap in TRAPS)
     assert {item["name"] for item in TRAP_KEYS.values()} == {f"Trap: {trap.switch}" for trap in TRAPS}
+
+
+def test_dashboard_shows_prototypes_of_the_template():
+    shown = [field["value"] for dashboard in TEMPLATE["dashboards"] for page in dashboard["pages"]
+             for widget in page["widgets"] for field in widget["fields"] if field["type"] == "ITEM_PROTOTYPE"]
+    assert len(shown) == 8 and all(item["host"] == TEMPLATE["template"] for item in shown)
+    assert {item["key"] for item in shown} <= {item["key"] for item in PROTOTYPES}
