@@ -471,15 +471,14 @@ def test_prometheus_discovers_the_devices(expected, outputs, tmp_path):
     """With the shipped configuration and the relabelling of the manual."""
     shown = {address: row._replace(name=visible(row.name)) for address, row in expected.items()}
     assert devices_of(outputs["prometheus"]) == shown
-    (tmp_path / "kvsnmp.json").write_text(outputs["prometheus"])
+    (tmp_path / "kvsnmp-devices.json").write_text(outputs["prometheus"])
     config = (CHECKOUT / "monitoring/prometheus/prometheus.yml").read_text()
-    by_file = f"    file_sd_configs: [{{files: [{tmp_path}/kvsnmp.json]}}]\n"
-    config, changed = re.subn(r"    static_configs:\n.*\n", by_file, config)
+    assert "[/etc/prometheus/kvsnmp-devices.json]" in config
+    config = config.replace("/etc/prometheus/kvsnmp-devices.json", f"{tmp_path}/kvsnmp-devices.json")
     manual = (CHECKOUT / "docs/operators.md").read_text()
     (relabelling,) = re.findall(r"- (\{source_labels: \[__meta_kvsnmp_name\].*\})", manual)
     config = config.replace("    relabel_configs:\n", f"    relabel_configs:\n      - {relabelling}\n")
     config = config.replace("/etc/prometheus", str(CHECKOUT / "monitoring/prometheus"))
-    assert changed == 1
     (tmp_path / "prometheus.yml").write_text(config)
     for words in (["config"], ["service-discovery", "kvsnmp", "--timeout=2s"]):
         done = subprocess.run([program("promtool"), "check", words[0], str(tmp_path / "prometheus.yml"), *words[1:]],
