@@ -50,6 +50,8 @@ constexpr Cell cellOf(const std::uint32_t &number)
     return {&number, sizeof(number)};
 }
 
+void cellOf(const std::uint32_t &&number) = delete; // a cell does not keep its number
+
 constexpr Cell cellOf(const Measured &measured)
 {
     return cellOf(measured.value);

@@ -4,9 +4,9 @@
 #include "agent/modules.h"
 
 namespace {
-constexpr std::int32_t fanClass = 7; // numbers of entPhysicalClass
-constexpr std::int32_t sensorClass = 8;
-constexpr std::int32_t chassisClass = 3;
+constexpr std::uint32_t fanClass = 7; // numbers of entPhysicalClass
+constexpr std::uint32_t sensorClass = 8;
+constexpr std::uint32_t chassisClass = 3;
 constexpr std::uint32_t fanBase = 3000; // row n of the fan table is the fan fanBase + n
 
 template <class Values>
@@ -35,12 +35,12 @@ constexpr SensorKind sensorKinds[] = { // type: voltsDC, celsius, rpm; scale: mi
 // clang-format on
 constexpr const SensorKind &fanSensors = sensorKinds[2];
 
-void addEntity(std::uint32_t index, const char *description, std::int32_t physicalClass, std::uint32_t containedIn)
+void addEntity(std::uint32_t index, const char *description, std::uint32_t physicalClass, std::uint32_t containedIn)
 {
-    std::int32_t position = 1;
+    std::uint32_t position = 1;
     for (const TableRow *row = entityRows.first(); row != nullptr; row = row->next) {
         const auto &other = static_cast<const EntityRow &>(*row);
-        position += static_cast<int>(other.containedIn == containedIn && other.physicalClass == physicalClass);
+        position += static_cast<unsigned>(other.containedIn == containedIn && other.physicalClass == physicalClass);
     }
     EntityRow &entity = entityRows.add(index, description);
     entity.physicalClass = physicalClass;

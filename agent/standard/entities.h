@@ -16,8 +16,8 @@ struct SensorKind {
 
 struct EntityRow : TableRow {
     std::uint32_t containedIn; ///< index of another entity, 0 for none
-    std::int32_t physicalClass;
-    std::int32_t position; ///< from 1, among the entities of its class in the same container
+    std::uint32_t physicalClass;
+    std::uint32_t position; ///< from 1, among the entities of its class in the same container
 };
 
 struct SensorRow : TableRow {
