@@ -193,7 +193,7 @@ def test_every_served_value_is_an_item(bench, host):
     def same() -> bool:
         watched.refresh()
         expected, items = expected_values(watched), bench.items(host)
-        seen = {key: item for key, item in items.items() if not key.startswith(("snmptrap[", "zabbix[", "kvsnmp.sys"))}
+        seen = {key: item for key, item in items.items() if not key.startswith(("snmptrap[", "zabbix[", "kvsnmp.sys", "kvsnmp.hrSystem"))}
         differing.clear()
         differing.update({f"{key}: not in the server": value for key, value in expected.items() if key not in seen})
         differing.update({f"{key}: not served": item["lastvalue"] for key, item in seen.items() if key not in expected})
@@ -402,6 +402,32 @@ def test_a_trap_is_a_problem_of_its_level(bench, faults):
                    what=f"problems of each severity on {host}")
 
 
+def test_dashboard_has_a_graph_for_each_measurement(bench):
+    template = bench.server.call("template.get", filter={"host": EXPORTED["template"]})[0]["templateid"]
+    [dashboard] = bench.server.call("templatedashboard.get", templateids=[template], selectPages="extend")
+    shown = [field["value"] for page in dashboard["pages"] for widget in page["widgets"] for field in widget["fields"]
+             if field["name"] == "itemid" or field["name"].startswith("itemid")]
+    prototypes = bench.server.call("itemprototype.get", hostids=[template], output=["key_"])
+    keys = {item["itemid"]: item["key_"] for item in prototypes}
+    assert {keys[item] for item in shown} >= {
+        f"kvsnmp.{column}[{{#SNMPINDEX}}]" for column in ("voltageValue", "tempCurrent", "fanSpeed", "ampChannelStatus")}
+
+
+def test_a_restart_and_other_firmware_are_problems(bench):
+    """The second problem stays until somebody closes it."""
+    watched = bench.hosts["pa-6764"]
+    macro = bench.server.call("usermacro.create", hostid=watched.hostid, macro="{$KV.RESTART}",
+                              value="100000d")["hostmacroids"]
+    bench.wait_problem("pa-6764", "The device has restarted", True)
+    bench.server.call("usermacro.update", hostmacroid=macro[0], value="1s")
+    bench.wait_problem("pa-6764", "The device has restarted", False)
+    assert "Firmware has changed" not in bench.problems("pa-6764")
+    watched.device.end_kvsnmp()
+    watched.device.path("/etc/xr-pkgver").write_text("4.13.0\n")
+    watched.device.start_kvsnmp("-d", clock_shift=True)
+    bench.wait_problem("pa-6764", "Firmware has changed", True)
+
+
 def test_a_missing_daemon_and_a_missing_device_are_different_problems(healthy):
     bench = healthy
     silent, unreachable = "Nothing of KVSNMP-MIB is answered", "No answer by SNMP"
@@ -418,29 +444,3 @@ def test_a_missing_daemon_and_a_missing_device_are_different_problems(healthy):
     assert unreachable not in bench.problems("pa-6410")
     device.run(["sh", "-c", "kill -CONT $(pidof kvsnmp)"])
     wait_until(lambda: silent not in bench.problems("pa-6410"), 150, 1.0, what=f"{silent} is over")
-
-
-def test_dashboard_has_a_graph_for_each_measurement(bench):
-    template = bench.server.call("template.get", filter={"host": EXPORTED["template"]})[0]["templateid"]
-    [dashboard] = bench.server.call("templatedashboard.get", templateids=[template], selectPages="extend")
-    shown = [field["value"] for page in dashboard["pages"] for widget in page["widgets"] for field in widget["fields"]
-             if field["name"] == "itemid" or field["name"].startswith("itemid")]
-    prototypes = bench.server.call("itemprototype.get", hostids=[template], output=["key_"])
-    keys = {item["itemid"]: item["key_"] for item in prototypes}
-    assert {keys[item] for item in shown} >= {
-        f"kvsnmp.{column}[{{#SNMPINDEX}}]" for column in ("voltageValue", "tempCurrent", "fanSpeed", "ampChannelStatus")}
-
-
-def test_a_restart_and_other_firmware_are_problems(bench):
-    """The last test: the second problem stays until somebody closes it."""
-    watched = bench.hosts["pa-6764"]
-    macro = bench.server.call("usermacro.create", hostid=watched.hostid, macro="{$KV.RESTART}",
-                              value="100000d")["hostmacroids"]
-    bench.wait_problem("pa-6764", "The device has restarted", True)
-    bench.server.call("usermacro.update", hostmacroid=macro[0], value="1s")
-    bench.wait_problem("pa-6764", "The device has restarted", False)
-    assert "Firmware has changed" not in bench.problems("pa-6764")
-    watched.device.end_kvsnmp()
-    watched.device.path("/etc/xr-pkgver").write_text("4.13.0\n")
-    watched.device.start_kvsnmp("-d", clock_shift=True)
-    bench.wait_problem("pa-6764", "Firmware has changed", True)

@@ -108,7 +108,7 @@ class Server:
         delete = create | {"deleteMissing": True}
         self.call("configuration.import", format="yaml", source=text, rules={
             "groups": create, "templates": create, "items": delete, "discoveryRules": delete, "triggers": delete,
-            "valueMaps": delete})
+            "templateDashboards": delete, "valueMaps": delete})
 
     def add_trap(self, text: str) -> None:
         """As a trap receiver writes it: the sender's address and the rest."""
