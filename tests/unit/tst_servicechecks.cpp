@@ -115,11 +115,12 @@ private Q_SLOTS:
         QCOMPARE(checkTrapsEnabled(subject).text, QStringLiteral("1 of 20, on: RCI Fault"));
         QCOMPARE(checkTrapReceivers(subject).status, Status::Warning); // none
         subject.service.settings.trap.trapAddress = QStringLiteral("127.0.0.1:1162");
-        QCOMPARE(checkTrapReceivers(subject).text, QStringLiteral("trap2sink 127.0.0.1:1162"));
+        // Not the rest of the text: some machines cannot resolve the name localhost.
+        QVERIFY(checkTrapReceivers(subject).text.startsWith(QStringLiteral("trap2sink 127.0.0.1:1162")));
         subject.service.customConfig = true; // then the file counts
         QCOMPARE(checkTrapReceivers(subject).status, Status::Warning);
         subject.conf = SnmpdConf("informsink 127.0.0.1 secret\n");
-        QCOMPARE(checkTrapReceivers(subject).text, QStringLiteral("informsink 127.0.0.1"));
+        QVERIFY(checkTrapReceivers(subject).text.startsWith(QStringLiteral("informsink 127.0.0.1")));
     }
 };
 
