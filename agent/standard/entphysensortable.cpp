@@ -6,7 +6,7 @@
 
 namespace {
 constexpr std::int32_t overflow = 1000000000; // an EntitySensorValue at or above the limit
-constexpr std::uint32_t noTime = 0;           // the data service does not reading when it measured a value
+constexpr std::uint32_t noTime = 0;           // the data service does not report when it measured a value
 constexpr std::uint32_t updateRate = 60000;   // milliseconds; the cache of the table
 
 /// Holds a number that no row has, until the library has copied it.

@@ -2,6 +2,8 @@
 #include "agent/modules.h"
 #include "agent/standard/entities.h"
 
+#include <algorithm>
+
 namespace {
 constexpr oid noType[] = {0, 0};
 constexpr std::uint32_t notReplaceable = 2;
@@ -19,7 +21,7 @@ Cell chassisText(const TableRow &row)
     if (row.index != chassisIndex || kvAgent->infoData == nullptr)
         return {"", 0};
     const InfoText &text = kvAgent->infoData->*field;
-    return {text.text, text.length};
+    return {text.text, std::min<std::size_t>(text.length, sizeof(text.text))};
 }
 
 Cell name(const TableRow &row)

@@ -43,6 +43,7 @@ void registerStandardSensors()
     if (!wanted)
         return;
     makeEntities();
+    sessionOpened(0, 0, nullptr, nullptr); // init_snmp() may have opened one
     snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_START, sessionOpened, nullptr);
     initializeTable(entPhysicalTable);
     initializeTable(entPhySensorTable);
