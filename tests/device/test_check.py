@@ -12,11 +12,11 @@ import pytest
 from support.dataservice import SETTINGS
 from support.device import CHECKOUT, Device
 from support.polling import wait_until
-from support.selfcheck import SelfCheck, assert_cause, assert_healthy, assert_only_warnings, assert_reports
+from support.selfcheck import SelfCheck, assert_cause, assert_healthy, assert_reports
 from support.traps import Faults
 
 CONF = "/etc/snmp/snmpd.conf"
-ACCESS = f"{SETTINGS}/access_control"
+ACCESS, TRAPS = f"{SETTINGS}/access_control", f"{SETTINGS}/trap_settings"
 CHECKS = [
     "model-number", "model-text", "amplifier-type", "package-version", "kernel-version", "device-tree-version",
     "data-service", "snmp-settings", "snmp-access", "device-values",
@@ -53,15 +53,8 @@ def test_a_healthy_device_gives_no_finding(start_device, model, options):
 def test_the_json_and_the_text_have_their_documented_form(amplifier):
     report = SelfCheck(amplifier).report
     assert set(report) == {"format", "version", "model", "failed", "causes", "counts", "checks"}
-    assert report["format"] == 1 and report["failed"] is False and report["causes"] == []
-    assert re.fullmatch(r"\d+\.\d+\.\d+", report["version"])
-    assert set(report["counts"]) == {"ok", "warning", "failed", "skipped", "not-applicable"}
     assert sum(report["counts"].values()) == len(report["checks"]) == len(CHECKS)
-    for check in report["checks"]:
-        assert set(check) == {"id", "title", "status", "text", "hint", "because"}
-        assert all(isinstance(value, str) for value in check.values())
-        assert check["status"] in report["counts"] and check["title"] and check["text"]
-        assert "\n" not in check["text"]
+    assert all(check["title"] and check["text"] and "\n" not in check["text"] for check in report["checks"])
     *lines, counts = amplifier.run(["kvsnmp-check"]).stdout.splitlines()
     assert [line.split()[1] for line in lines] == CHECKS
     assert counts == "28 ok, 1 not-applicable"
@@ -78,13 +71,11 @@ def test_options(amplifier, arguments, status):
 
 
 def test_colours_on_a_terminal_alone(amplifier):
-    def on_terminal(**variables: str) -> str:
-        done = amplifier.run(["script", "-qec", "kvsnmp-check", "/dev/null"], env={"TERM": "xterm"} | variables)
-        return done.stdout
-
-    assert "\x1b[32mok " in on_terminal()
-    assert "\x1b" not in on_terminal(NO_COLOR="1")
-    assert "\x1b" not in amplifier.run(["kvsnmp-check"], env={"TERM": "xterm"}).stdout
+    for command, variables, colours in [(["script", "-qec", "kvsnmp-check", "/dev/null"], {}, True),
+                                        (["script", "-qec", "kvsnmp-check", "/dev/null"], {"NO_COLOR": "1"}, False),
+                                        (["kvsnmp-check"], {}, False)]:
+        shown = amplifier.run(command, env={"TERM": "xterm"} | variables).stdout
+        assert "ok" in shown and ("\x1b[32mok " in shown, "\x1b" in shown) == (colours, colours)
 
 
 def nagios(device: Device, *command: str) -> tuple[int, str]:
@@ -147,6 +138,13 @@ def stopped(device: Device, program: str):
     device.kill(pid, signal.SIGCONT)
 
 
+def restart_snmpd(device: Device) -> None:
+    pids = device.pids("snmpd")
+    device.stir_snmpd_folder()
+    device.wait_snmpd(other_than=pids)
+    device.wait_answering()
+
+
 @contextmanager
 def access(device: Device, **values: str):
     """Other access settings; snmpd runs with them when the block begins, and with the old ones at its end."""
@@ -171,11 +169,8 @@ def edited(device: Device, path: str, edit: Callable[[str], str]):
     file.write_text(edit(kept))
     yield
     file.write_text(kept)
-    if path == CONF:  # else snmpd stays older than its file
-        pids = device.pids("snmpd")
-        device.stir_snmpd_folder()
-        device.wait_snmpd(other_than=pids)
-        device.wait_answering()
+    if path == CONF:
+        restart_snmpd(device)  # else it stays older than its file
 
 
 @contextmanager
@@ -283,11 +278,14 @@ BROKEN: list[tuple[str, Callable[[Device], AbstractContextManager], str]] = [
         hint model-number-served: restart kvsnmp"""),
     ("no trap enabled", no_traps, """
         warning traps-enabled: none of the 20 traps is enabled"""),
+    ("one trap enabled", lambda device: no_traps(device, "LET Fault"), """
+        ok traps-enabled
+        text traps-enabled: 1 of 20, on: LET Fault"""),
 ]
 
 
 @pytest.mark.parametrize("way, report", [pytest.param(way, report, id=name) for name, way, report in BROKEN])
-def test_cause_on_a_device_that_is_broken_and_mended(amplifier, way, report):
+def test_report_of_a_device_that_is_broken_and_mended(amplifier, way, report):
     facts = {name: amplifier.pids(name)[0] for name in ("kvsnmp", "snmpd")}
     facts["com2sec"] = amplifier.read(CONF).splitlines().index("com2sec mynetwork 127.0.0.1 public") + 1
     with way(amplifier):
@@ -303,13 +301,6 @@ def test_access_list_without_this_device(amplifier):
     assert_reports(check, "warning snmpd-answer: gives access to no address of this device")
     assert check.text("sub-agent").startswith("1 connected")
     assert check.ids("skipped") == ["model-number-served"]
-
-
-def test_one_trap_enabled(amplifier):
-    with no_traps(amplifier, "LET Fault"):
-        check = SelfCheck(amplifier)
-    assert_healthy(check)
-    assert check.text("traps-enabled") == "1 of 20, on: LET Fault"
 
 
 # Broken from the start
@@ -394,26 +385,28 @@ STARTS: list[tuple[str, list[str], Callable[[Device], object], str]] = [
     ("AgentX socket gone", [], remove_agentx_socket, """
         cause agentx-socket: /var/agentx/master is not there
         because only"""),
+    ("identity files and receivers, without which it answers",
+     ["--etc", "xr-amptype=vq9d", "--etc", "xr-model=", "--no-etc", "xr-pkgver", "--set", f"{TRAPS}/trap_address="],
+     Device.wait_answering, """
+        warning model-text amplifier-type package-version trap-receivers: /etc/xr-model is empty
+        text amplifier-type: "vq9d"
+        text amplifier-type: "Unknown" is served
+        text trap-receivers: none: traps and informs go nowhere"""),
+    ("receivers out of reach",
+     ["--set", f"{TRAPS}/trap_address=nms.invalid", "--set", f"{TRAPS}/inform_address=192.0.2.7:1162"],
+     Device.wait_answering, """
+        text trap-receivers: trap2sink nms.invalid is no address and no name that this device can resolve
+        text trap-receivers: informsink 192.0.2.7:1162 cannot be reached: Network is unreachable"""),
 ]
 
 
 @pytest.mark.parametrize("options, prepare, report", [pytest.param(*start, id=name) for name, *start in STARTS])
-def test_cause_on_a_device_that_starts_broken(start_device, options, prepare, report):
+def test_report_of_a_device_that_starts_broken(start_device, options, prepare, report):
     device = start_device(6420, "--no-traps", *options)
     prepare(device)
     check = SelfCheck(device)
     assert_reports(check, report)
     assert check.report["model"] == (None if check.causes == ["model-number"] else 6420)
-
-
-def test_findings_that_do_not_stop_answers_are_warnings(start_device):
-    device = start_device(6420, "--no-traps", "--etc", "xr-amptype=vq9d", "--etc", "xr-model=", "--no-etc", "xr-pkgver",
-                          "--set", f"{SETTINGS}/trap_settings/trap_address=").wait_answering()
-    check = SelfCheck(device)
-    assert_only_warnings(check, "model-text", "amplifier-type", "package-version", "trap-receivers")
-    assert '"vq9d"' in check.text("amplifier-type") and '"Unknown" is served' in check.text("amplifier-type")
-    assert "/etc/xr-model is empty" in check.text("model-text")
-    assert check.text("trap-receivers") == "none: traps and informs go nowhere"
 
 
 def test_data_service_does_not_run(start_device):
@@ -450,8 +443,7 @@ def test_snmpd_killed_and_started_as_the_hint_says(start_device):
     check = SelfCheck(device)
     assert_cause(check, "snmpd-process", "does not run", "left its pid file behind")
     assert "Connection refused" in check.text("agentx-socket")
-    device.stir_snmpd_folder()
-    device.wait_answering()
+    restart_snmpd(device)
     assert_healthy(SelfCheck(device))
 
 
@@ -499,33 +491,16 @@ def test_a_local_trap_receiver_needs_the_name_localhost(start_device):
     with_name = hosts.read_text()
     faults = Faults(device)
 
-    def restart_snmpd() -> None:
-        before = device.pids("snmpd")
-        device.stir_snmpd_folder()
-        device.wait_snmpd(other_than=before)
-        device.wait_answering()
-
-    def is_received(text: str) -> bool:
-        return text in device.read("/var/log/traps")
-
     hosts.write_text("127.0.0.1 device\n")
-    restart_snmpd()
+    restart_snmpd(device)
     check = SelfCheck(device)
     assert check.text("trap-receivers") == ("trap2sink 127.0.0.1 gets nothing: this device cannot resolve the name "
                                             "localhost, see /etc/hosts")
     assert "trap-receivers" in check.ids("warning")
     faults.raise_one("fan_not_running", "without the name")
     hosts.write_text(with_name)
-    restart_snmpd()
+    restart_snmpd(device)
     faults.raise_one("fan_not_running", "with the name")
-    wait_until(lambda: is_received("with the name"), 20, what="the trap")
-    assert not is_received("without the name"), "snmpd sends nothing, and the warning is right"
+    wait_until(lambda: "with the name" in device.read("/var/log/traps"), 20, what="the trap")
+    assert "without the name" not in device.read("/var/log/traps"), "snmpd sends nothing, and the warning is right"
     assert "trap-receivers" in SelfCheck(device).ids("ok")
-
-
-def test_trap_receivers_out_of_reach(start_device):
-    device = start_device(6420, "--no-traps", "--set", f"{SETTINGS}/trap_settings/trap_address=nms.invalid",
-                          "--set", f"{SETTINGS}/trap_settings/inform_address=192.0.2.7:1162").wait_answering()
-    text = SelfCheck(device).text("trap-receivers")
-    assert "trap2sink nms.invalid is no address and no name that this device can resolve" in text
-    assert "informsink 192.0.2.7:1162 cannot be reached: Network is unreachable" in text
