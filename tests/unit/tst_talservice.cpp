@@ -129,8 +129,6 @@ constexpr struct { const char *line, *reply; } commands[] = {
     {"get /state/fans/fan/speed_sensor_rpm",
      "0 FAN/speed_sensor_rpm\t1450\n/state/fans/fan[kid='amp_class_d']/speed_sensor_rpm\t1600"},
     {"get x y", "2 usage: talctl get PATH"},
-    {R"(["set","/state/version/software","a"])", "1 has nodes below it (replace takes a whole node): "
-                                                 "/state/version/software[kid='firmware']"},
     {R"(["set","/state/version/software/version"," \n<'\"> "])", "0"},
     {"get /state/version",
      "0 <version>\n  <software>\n    <kid>firmware</kid>\n    <version> \n&lt;'\"&gt; </version>\n  </software>\n"
