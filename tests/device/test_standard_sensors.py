@@ -63,12 +63,14 @@ def device(start_shared_device):
     (1003, "/state/power_lines/power_line[kid='3v3']/voltage", "3.31", "3310"),
     (1003, "/state/power_lines/power_line[kid='3v3']/voltage", " -24.5 ", "24500"),  # intended: as the private MIB
     (1003, "/state/power_lines/power_line[kid='3v3']/voltage", "4000000", "1000000000"),  # the RFC's overflow
+    (1003, "/state/power_lines/power_line[kid='3v3']/voltage", "4294967296", "1000000000"),  # the private MIB: 0
     (2003, "/state/temp_sensors/temp_sensor[kid='amp_main_board']/temp_current", "41.2", "412"),
     (3102, "/state/fans/fan[kid='amp_class_d']/speed_sensor_rpm", "1450", "1450"),
 ])
 def test_state_of_a_sensor_follows_what_was_reported(device, index, path, text, value):
     leaf, parent = path.rsplit("/", 1)[1], path.rsplit("/", 1)[0]
     for words, expected in [(["patch", path, f"<{leaf}>{text}</{leaf}>"], (value, "ok")),
+                            (["patch", path, f"<{leaf}>41.2345</{leaf}>"], ("0", "unavailable")),  # too many decimals
                             (["patch", path, f"<{leaf}>2 or 3</{leaf}>"], None),
                             (["delete", path], ("0", "unavailable")),
                             (["patch", path, f"<{leaf}>{text}</{leaf}>"], (value, "ok"))]:
