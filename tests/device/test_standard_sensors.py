@@ -11,6 +11,8 @@ from support.snmp import NO_SUCH_OBJECT
 from support.standard import LAST_CHANGE, PHYSICAL, ROOTS, SENSOR
 
 CONFIGURATION = "/etc/snmp/kvagent.conf"
+CHANGE = f"{ber.dotted(LAST_CHANGE)}.0"
+OTHER = "127.0.0.1:1161"  # of another master
 # Another sub-agent: opens a session (AgentX type 1) as soon as snmpd listens, registers an object (type 3), holds both.
 OTHER_AGENT = """
 import socket, struct, sys, time
@@ -101,18 +103,42 @@ def test_switched_off_nothing_outside_the_enterprise_arc_is_served(device, confi
     assert sensor(device, 1001)[1] in ("ok", "unavailable")
 
 
+UPTIME = "1.3.6.1.2.1.1.3.0"
+
+
+def ticks(device: Device, *oids: str, address: str = "127.0.0.1") -> list[int]:
+    return [int(text.split("(")[1].split(")")[0]) for _, text in device.snmp.get(*oids, address=address)]
+
+
 def test_the_time_of_the_last_change_is_that_of_the_session(device):
-    def change() -> int:
-        return int(device.snmp.get(f"{ber.dotted(LAST_CHANGE)}.0")[0][1].split("(")[1].split(")")[0])
-
-    def uptime() -> int:
-        return int(device.snmp.get("1.3.6.1.2.1.1.3.0")[0][1].split("(")[1].split(")")[0])
-
     restart(device, "kvStandardSensors yes\n")
-    first, now = change(), uptime()
+    first, now = ticks(device, CHANGE, UPTIME)
     assert 0 < first <= now
-    wait_until(lambda: uptime() > now + 100, what="a second")
-    assert change() == first
+    wait_until(lambda: ticks(device, UPTIME)[0] > now + 100, what="a second")
+    assert ticks(device, CHANGE) == [first]
+
+
+def test_a_session_that_opens_at_once_has_its_time(device):
+    """A master that runs before the daemon. It is not called snmpd, so the daemon does not end it."""
+    device.end_kvsnmp()
+    device.kill_and_wait(device.wait_snmpd())
+    device.path("/tmp/master.conf").write_text("master agentx\nrocommunity public\n")
+    device.run(["cp", "/usr/sbin/snmpd", "/tmp/master"])
+    other = device.popen(["/tmp/master", "-f", "-Lf", "/tmp/master.log", "-C", "-c", "/tmp/master.conf",
+                          "-p", "/tmp/master.pid", f"udp:{OTHER}"], env={"MIBS": ""})
+    try:
+        wait_until(lambda: device.path("/tmp/master.pid").exists(), what="the other master")
+        wait_until(lambda: ticks(device, UPTIME, address=OTHER)[0] > 100, what="a second")
+        before = ticks(device, UPTIME, address=OTHER)[0]
+        device.start_kvsnmp("-d", clock_shift=True)
+        wait_until(lambda: device.snmp.get(CHANGE, address=OTHER) != [NO_SUCH_OBJECT], what="tables at the other master")
+        change, now = ticks(device, CHANGE, UPTIME, address=OTHER)
+        assert before <= change <= now
+    finally:
+        for pid in device.pids("master"):
+            device.kill_and_wait(pid)
+        other.wait()
+        restart(device, "kvStandardSensors yes\n")
 
 
 def test_arcs_of_another_sub_agent_are_left_to_it(device):
