@@ -3,9 +3,9 @@ The walks of all models are in test_walks.py, random requests in test_random_req
 from __future__ import annotations
 
 import pytest
-from support import ber, steps
+from support import ber, mibfiles, steps
 from support.catalogue import SCALAR_OIDS
-from support.device import Device
+from support.device import CHECKOUT, Device
 from support.polling import wait_until
 from support.snmp import NO_SUCH_OBJECT
 from support.standard import LAST_CHANGE, PHYSICAL, ROOTS, SENSOR
@@ -31,6 +31,17 @@ while True:
             pass
     except (OSError, struct.error):
         time.sleep(0.005)
+"""
+
+# Arguments: the folders of the MIB files.
+SNMP_INFO = """
+use SNMP::Info::Entity;
+my $info = SNMP::Info::Entity->new(DestHost => "127.0.0.1", Version => 2, Community => "public", AutoSpecify => 0,
+                                   IgnoreNetSNMPConf => 1, MibDirs => \\@ARGV);
+my @columns = map { $info->$_ } qw(e_class e_parent e_pos e_name e_hwver e_fwver e_swver);
+for my $index (sort { $a <=> $b } keys %{$info->e_index}) {
+    print join("|", $index, map { $$_{$index} } @columns), "\\n";
+}
 """
 
 
@@ -101,6 +112,29 @@ def test_switched_off_nothing_outside_the_enterprise_arc_is_served(device, confi
     assert device.kvsnmp_err()[before:].count("kvagent.conf: line 2") == complaints
     restart(device, "kvStandardSensors yes\n")
     assert sensor(device, 1001)[1] in ("ok", "unavailable")
+
+
+def test_programs_with_the_mib_files_name_everything(device):
+    """SNMP::Info, which Netdisco is made of, and snmptable."""
+    restart(device, "kvStandardSensors yes\n")
+    device.wait_subscribed()
+    steps.apply(device, dbus=False)
+    device.path("/tmp/mibs").mkdir()
+    for module in ("ENTITY-MIB", "ENTITY-SENSOR-MIB", "IP-MIB"):
+        mibfiles.write_mib(device.path("/tmp/mibs"), module)
+    folders = ["/tmp/mibs", str(CHECKOUT / "build/npm/node_modules/net-snmp/lib/mibs")]
+    rows = device.run(["perl", "-e", SNMP_INFO, *folders]).stdout.splitlines()
+    assert len(rows) == 1 + 20 + 2
+    for row in ("1|chassis|0|-1|Orvane Mervio Amplifier VQ9D|6420-2.1|4.12.3|5.15.71",
+                "1001|sensor|1|1|Network Switch 1.8V|||", "2005|sensor|1|18|Temperature Sensor: DC Power|||",
+                "3002|fan|1|2|Right Fan|||", "3102|sensor|3002|1|Right Fan|||"):
+        assert row in rows
+    table = device.run(["snmptable", "-v2c", "-c", "public", "-Ci", "-CH", "-Cf", "|", "-M", ":".join(folders),
+                        "-m", "ENTITY-SENSOR-MIB", "127.0.0.1", "entPhySensorTable"]).stdout.splitlines()
+    assert [row for row in table if row.startswith(("1001", "2001", "3101"))] == [
+        '1001|voltsDC|milli|0|1802|ok|"millivolts DC"|0:0:00:00.00|60000',
+        '2001|celsius|units|1|524|ok|"degrees Celsius"|0:0:00:00.00|60000',
+        '3101|rpm|units|0|1450|ok|"revolutions per minute"|0:0:00:00.00|60000']
 
 
 UPTIME = "1.3.6.1.2.1.1.3.0"
