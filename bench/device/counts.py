@@ -7,6 +7,7 @@ import signal
 import subprocess
 import tempfile
 from collections.abc import Callable
+from concurrent.futures import ThreadPoolExecutor
 
 from .bench import Bench, loader_command, progress
 from .processes import processes
@@ -30,11 +31,10 @@ class Counts(Bench):
             for subject in SUBJECTS:
                 self._count("instructions", subject, lambda words: self._instructions_by_perf(subject, words))
             return
-        # Each under valgrind in a separate device. Not lldpd: it changes its root folder and its user, and there vgdb
-        # cannot reach it.
-        snmpd_conf = self.devices[KVSNMP].read("/etc/snmp/snmpd.conf")
-        for subject in (KVSNMP, FLOOR, KEEPALIVED):
-            self._by_callgrind(subject, snmpd_conf)
+        # Each under valgrind in a separate device, at the same time. Not lldpd: it changes its root folder and its user,
+        # and there vgdb cannot reach it.
+        with ThreadPoolExecutor() as pool:
+            list(pool.map(self._by_callgrind, (KVSNMP, FLOOR, KEEPALIVED)))
 
     def _count(self, what: str, subject: Subject, counted: Callable[[Words], int]) -> None:
         gets = self.effort.counted
@@ -73,11 +73,12 @@ class Counts(Bench):
         done = subprocess.run([*PERF, "-p", self._pids(subject), "--", *command], capture_output=True, text=True, check=True)
         return int(done.stderr.split(",")[0])
 
-    def _by_callgrind(self, subject: Subject, snmpd_conf: str) -> None:
+    def _by_callgrind(self, subject: Subject) -> None:
         if subject == KVSNMP:
             device = new_device()
             device.start_kvsnmp("-d", wrapper=CALLGRIND)
         else:
+            snmpd_conf = self.devices[KVSNMP].read("/etc/snmp/snmpd.conf")
             device = Peer(subject, snmpd_conf, [*CALLGRIND, "--trace-children=yes"]).device  # for vgdb to see a child
         try:
             if subject == KVSNMP:
