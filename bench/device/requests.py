@@ -1,9 +1,8 @@
 """Requests to every subject, free and on one processor: time, processor time and context switches of each."""
 from __future__ import annotations
 
-import contextlib
 import time
-from collections.abc import Callable, Iterator
+from collections.abc import Callable
 from concurrent.futures import ThreadPoolExecutor
 
 from .bench import Bench, progress
@@ -31,15 +30,9 @@ class Requests(Bench):
     def all(self) -> None:
         """All subjects in turns: single blocks would measure other load and the processors' sleep states."""
         self._gets()
-        with self.on_one_processor():
-            self._gets()
-
-    @contextlib.contextmanager
-    def on_one_processor(self) -> Iterator[None]:
         with pinned(self.devices.values()):
             self.placement = PINNED
-            yield
-        self.placement = FREE
+            self._gets()
 
     def _gets(self) -> None:
         gets = self.effort.gets
