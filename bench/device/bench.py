@@ -16,7 +16,7 @@ from .subjects import Subject
 class Effort(NamedTuple):
     rounds: int  # of each measurement of requests
     gets: int  # in a round
-    rests: int  # GETs after 5 s idle
+    idle_gets: int  # GETs after 5 s idle
     idle_windows: int  # of 5 s
     starts: int  # with and without the standard sensor tables
     restarts: int  # of snmpd
@@ -24,8 +24,8 @@ class Effort(NamedTuple):
     counted: int  # GETs in a round of counted instructions and system calls
 
 
-FULL = Effort(rounds=10, gets=2000, rests=10, idle_windows=4, starts=3, restarts=10, growth=200000, counted=400)
-QUICK = Effort(rounds=3, gets=500, rests=2, idle_windows=2, starts=1, restarts=2, growth=20000, counted=100)
+FULL = Effort(rounds=10, gets=2000, idle_gets=10, idle_windows=4, starts=3, restarts=10, growth=200000, counted=400)
+QUICK = Effort(rounds=3, gets=500, idle_gets=2, idle_windows=2, starts=1, restarts=2, growth=20000, counted=100)
 
 
 def progress(what: str) -> None:

@@ -5,7 +5,7 @@ import math
 from typing import NamedTuple
 from xml.sax.saxutils import escape
 
-from .requests import MANAGERS, OBJECTS, PINNED, REST_S, WALKED, WALKS
+from .requests import MANAGERS, OBJECTS, PINNED, IDLE_S, WALKED, WALKS
 from .results import Results
 from .subjects import SUBJECTS
 from .targets import IDLE_GET
@@ -41,8 +41,8 @@ PANELS = [
         f"{walk}, {walked}": f"{PINNED}: {walk} of {walked}, {figure}" for walk in WALKS for walked in WALKED})
       for title, figure in (("time", "us per variable"), ("processor time", "CPU per variable, us"))),
     Panel("Instructions per GET", {which: f"GET of {which}, instructions" for which in OBJECTS}),
-    Panel(f"First GET after {REST_S} s idle, us", {
-        "all processors": IDLE_GET, "one processor": f"{PINNED}: GET after {REST_S} s idle, us"}),
+    Panel(f"First GET after {IDLE_S} s idle, us", {
+        "all processors": IDLE_GET, "one processor": f"{PINNED}: GET after {IDLE_S} s idle, us"}),
     Panel("Memory at the start, kB", {"RSS": "RSS at start, kB", "PSS": "PSS at start, kB"}),
 ]
 

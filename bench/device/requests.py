@@ -14,7 +14,7 @@ OBJECTS = ("a scalar", "the first row", "the last row")
 FREE, PINNED = "free", "pinned"
 WALKED = ("the table", "all objects")
 WALKS = {"walk": 0, "bulk walk": 10}  # repetitions of each request
-REST_S = 5
+IDLE_S = 5
 
 
 class Requests(Bench):
@@ -49,7 +49,7 @@ class Requests(Bench):
                 self._in_turns(f"{walk} of {walked}", "variable", {"us_per_variable": "us per variable"}, 0,
                                lambda subject: ("walk", subject.table if walked == WALKED[0] else subject.root,
                                                 10 if walked == WALKED[0] else 3, repetitions))
-        self._after_rest()
+        self._first_after_idle()
 
     def _in_turns(self, what: str, unit: str, wanted: dict[str, str], count: int,
                   words_of: Callable[[Subject], tuple]) -> None:
@@ -59,27 +59,27 @@ class Requests(Bench):
             for subject in [*SUBJECTS[first:], *SUBJECTS[:first]]:
                 self.measure(subject, f"{self.placement}: {what}", unit, wanted, count, *words_of(subject))
 
-    def _after_rest(self) -> None:
+    def _first_after_idle(self) -> None:
         """The subjects at the same time, 1.25 s apart."""
-        progress(f"GET after {REST_S} s idle, {self.placement}")
+        progress(f"GET after {IDLE_S} s idle, {self.placement}")
 
         def ask(subject: Subject) -> None:
-            time.sleep(SUBJECTS.index(subject) * REST_S / len(SUBJECTS))
-            for _ in range(self.effort.rests):
-                seen = self.load(subject, "latency", self.objects[subject][OBJECTS[1]], 1, REST_S * 1000)
-                self.results.add(f"{self.placement}: GET after {REST_S} s idle, us", subject, seen["p50_us"])
+            time.sleep(SUBJECTS.index(subject) * IDLE_S / len(SUBJECTS))
+            for _ in range(self.effort.idle_gets):
+                seen = self.load(subject, "latency", self.objects[subject][OBJECTS[1]], 1, IDLE_S * 1000)
+                self.results.add(f"{self.placement}: GET after {IDLE_S} s idle, us", subject, seen["p50_us"])
 
         with ThreadPoolExecutor() as pool:
             list(pool.map(ask, SUBJECTS))
 
     def idle(self) -> None:
         """No requests meanwhile, and no access to the devices."""
-        progress(f"{self.effort.idle_windows} times {REST_S} s idle")
+        progress(f"{self.effort.idle_windows} times {IDLE_S} s idle")
         found = {subject: self.processes(subject) for subject in SUBJECTS}
         time.sleep(2.0)  # until the daemon's timers are idle again
         for _ in range(self.effort.idle_windows):
             before, begin = {subject: spent(found[subject]) for subject in SUBJECTS}, time.monotonic()
-            time.sleep(REST_S)
+            time.sleep(IDLE_S)
             after, taken = {subject: spent(found[subject]) for subject in SUBJECTS}, time.monotonic() - begin
             for subject in SUBJECTS:
                 used = after[subject].nanoseconds - before[subject].nanoseconds

@@ -4,7 +4,7 @@ from __future__ import annotations
 from typing import NamedTuple
 
 from .bench import FULL, QUICK
-from .requests import FREE, MANAGERS, OBJECTS, PINNED, REST_S, WALKED, WALKS
+from .requests import FREE, MANAGERS, OBJECTS, PINNED, IDLE_S, WALKED, WALKS
 from .results import Results
 from .subjects import KEEPALIVED
 
@@ -38,7 +38,7 @@ PEER_GRIDS = [
                               ("processor time per variable, us", "CPU per variable, us"))
     }),
 ]
-IDLE_GET = f"{FREE}: GET after {REST_S} s idle, us"
+IDLE_GET = f"{FREE}: GET after {IDLE_S} s idle, us"
 FIXED = [
     Fixed("idle CPU, ms a second", 0.8),
     Fixed("idle wake-ups a second", POLLS + PINGS + WATCHDOG_FILES),
@@ -68,7 +68,7 @@ def single_targets(results: Results) -> dict[str, Verdict | None]:
     """Those that are not in a grid."""
     rss, before = results.median("RSS after the traps, kB"), results.median("RSS after the GETs, kB")
     return {
-        f"first GET after {REST_S} s idle, us, at most the best peer's": against_best_peer(results, IDLE_GET),
+        f"first GET after {IDLE_S} s idle, us, at most the best peer's": against_best_peer(results, IDLE_GET),
         "RSS at start, kB, at most keepalived's": against(results.median("RSS at start, kB"),
                                                           results.median("RSS at start, kB", KEEPALIVED)),
         "RSS after 7,000 traps, kB, at most as before": against(rss, before and before * LEVEL),
