@@ -10,6 +10,7 @@
 namespace {
 
 constexpr std::chrono::seconds answerTimeout{2};
+constexpr std::chrono::milliseconds lossTimeout{300}; // an answer to one of 256 managers takes some 20 ms
 constexpr std::chrono::milliseconds probeInterval{5};
 constexpr std::chrono::milliseconds silenceLength{150}; // longer than any answer of an idle device takes
 
@@ -38,11 +39,11 @@ bool hasValue(const snmp_pdu *pdu)
     return type != SNMP_NOSUCHOBJECT && type != SNMP_NOSUCHINSTANCE && type != SNMP_ENDOFMIBVIEW;
 }
 
-Managers openManagers(const std::string &address, std::size_t count)
+Managers openManagers(const std::string &address, std::size_t count, std::chrono::milliseconds timeout = answerTimeout)
 {
     Managers managers;
     while (managers.size() < count)
-        managers.push_back(std::make_unique<Manager>(address, answerTimeout));
+        managers.push_back(std::make_unique<Manager>(address, timeout));
     return managers;
 }
 
@@ -131,7 +132,7 @@ Figures walk(const std::string &address, const Oid &root, std::size_t rounds, lo
 
 Figures countedGets(const std::string &address, const Oid &object, std::size_t managers, std::size_t count)
 {
-    const Managers all = openManagers(address, managers);
+    const Managers all = openManagers(address, managers, lossTimeout);
     const Clock::time_point begin = Clock::now();
     Clock::time_point last = begin; // the wait for a lost answer at the end is not part of the rate
     std::size_t asked = 0;
