@@ -1,80 +1,59 @@
 """Measurements of the daemon alone, or with its snmpd: start and restart, notifications, traps, growth."""
 from __future__ import annotations
 
+import contextlib
 import json
+import os
 import signal
-import statistics
-import threading
+import subprocess
 import time
-from collections.abc import Callable, Sequence
+from collections import Counter
+from collections.abc import Callable
+from concurrent.futures import ThreadPoolExecutor
+from typing import NamedTuple
 
 from support.device import MODEL_NUMBER, Device
 from support.polling import wait_until
-from support.snmp import TABLES
 from support.traps import Faults, TrapReceiver, switch
 
-from .figures import Bench, figures_of, progress
-from .subjects import FLOOR, KVSNMP, PEERS, Subject
+from .bench import Bench, Effort, figures_of, progress
+from .processes import kilobytes, pinned, processes, spent
+from .results import Results
+from .subjects import FLOOR, KVSNMP, SUBJECTS, Peer, Subject, new_device
 
+PLAIN = KVSNMP._replace(name="kvsnmp, standard tables off")
 VOLTAGE = "/state/power_lines/power_line[kid='1v8']/voltage"
-VOLTAGE_CELL = f"{TABLES}.4.2.1.3.2"
 GROWTH_STEPS = 10
 STREAM = 100000  # notifications at once
-PEER_RESTARTS = 3
+BUSY_LOOPS, NICE = 2, 10
+
+
+class Started(NamedTuple):
+    device: Device
+    faults: Faults
+    traps: TrapReceiver
 
 
 class DaemonBench(Bench):
-    _last_voltage = 0
+    def __init__(self, started: Started, *arguments) -> None:
+        super().__init__(*arguments)
+        self.device, self.faults, self.traps = started
 
-    @property
-    def device(self) -> Device:
-        return self.devices[KVSNMP]
+    # Restart
 
-    # Start and restart
-
-    def start(self) -> None:
-        """Starts kvsnmp in a device without one, with continuous requests for its model number."""
-        progress("start")
-        loader = self.start_loader(KVSNMP, "start", 30000, MODEL_NUMBER, FLOOR.cell)
-        begin = time.monotonic()
-        self.device.start_kvsnmp()  # in the background, as on a device
-        seen = figures_of(loader.communicate(timeout=40)[0])
-        self.table.add("start to first answer, s", KVSNMP, seen["after_1"] - begin)
-        self.table.add("start to first answer, s", FLOOR, seen["after_2"] - begin)
-        self.device.wait_answering()
-
-    def master_restarts(self, times: int, peer_restart: dict[Subject, Callable[[], None]]) -> None:
-        """All devices at the same time, each with its own snmpd."""
+    def master_restarts(self, peers: dict[Subject, Peer]) -> None:
+        """All devices at the same time, each with a separate snmpd; the peers once, because each takes 15 s."""
         progress("restarts of snmpd")
-        runs = [(KVSNMP, times, self._restart_by_daemon)]
-        runs += [(peer, min(times, PEER_RESTARTS), peer_restart[peer]) for peer in PEERS]
-        seen: dict[Subject, list[dict[str, float]]] = {subject: [] for subject, _, _ in runs}
-        threads = [threading.Thread(target=self._restarts, args=(subject, count, restart, seen[subject]))
-                   for subject, count, restart in runs]
-        for thread in threads:
-            thread.start()
-        for thread in threads:
-            thread.join()
-        for subject, count, _ in runs:
-            if len(seen[subject]) != count:
-                raise AssertionError(f"{subject.name} was not seen again after a restart of snmpd")
-            silent = [figures["after_1"] - figures["before_1"] for figures in seen[subject]]
-            behind = [figures["after_1"] - figures["after_2"] for figures in seen[subject]]
-            for label, seconds in (("no answer for", silent), ("back after snmpd", behind)):
-                for word, of in (("least", min), ("median", statistics.median), ("most", max)):
-                    self.table.add(f"restart of snmpd, {label}, {word}, s", subject, of(seconds))
-            if subject == KVSNMP:
-                print("restarts, no answer for, s: " + " ".join(f"{second:.2f}" for second in sorted(silent)), flush=True)
-                print("restarts, back after snmpd, s: " + " ".join(f"{second:.2f}" for second in sorted(behind)), flush=True)
-                for word, of in (("least", min), ("median", statistics.median), ("most", max)):
-                    self.table.add(f"restart of snmpd, no answer for, {word}, s", FLOOR,
-                                   of([figures["after_2"] - figures["before_2"] for figures in seen[subject]]))
 
-    def _restarts(self, subject: Subject, times: int, restart: Callable[[], None], seen: list[dict[str, float]]) -> None:
-        for _ in range(times):
-            loader = self.start_loader(subject, "silence", 60000, subject.cell, FLOOR.cell)
-            restart()
-            seen.append(figures_of(loader.communicate(timeout=70)[0]))
+        def restart(subject: Subject) -> None:
+            for _ in range(self.effort.restarts if subject == KVSNMP else 1):
+                loader = self.start_loader(subject, "silence", 60000, subject.scalar, FLOOR.scalar)
+                peers[subject].restart_snmpd() if subject in peers else self._restart_by_daemon()
+                seen = figures_of(loader.communicate(timeout=70)[0])
+                self.results.add("restart of snmpd, no answer for, s", subject, seen["after_1"] - seen["before_1"])
+
+        with ThreadPoolExecutor() as pool:
+            list(pool.map(restart, SUBJECTS))
 
     def _restart_by_daemon(self) -> None:
         snmpd = self.device.wait_snmpd()
@@ -83,43 +62,30 @@ class DaemonBench(Bench):
 
     # Notifications
 
-    def notifications(self, faults: Faults, traps: TrapReceiver) -> None:
+    def notifications(self) -> None:
         """Single values through the simulator, first alone, then while one manager asks."""
         progress("notifications")
-        lines = self._stream()
-        pids = self.device.pids(KVSNMP.program)
-        cpu = self.spent(KVSNMP, pids).nanoseconds
-        taken = self._take_in(lines, faults, traps)
-        self.table.add("notifications per second", KVSNMP, STREAM / taken)
-        self.table.add("CPU per notification, us", KVSNMP, (self.spent(KVSNMP, pids).nanoseconds - cpu) / 1e3 / STREAM)
-        loader = self.start_loader(KVSNMP, "load", KVSNMP.cell, 1, 600000)
-        wait_until(lambda: self.device.pids("snmpload"), what="a manager")
+        found = self.processes(KVSNMP)
+        before = spent(found)
+        self.results.add("notifications per second", KVSNMP, STREAM / self._take_in(STREAM))
+        self.results.add("CPU per notification, us", KVSNMP,
+                         (spent(found).nanoseconds - before.nanoseconds) / 1000 / STREAM)
+        loader = self.start_loader(KVSNMP, "count", KVSNMP.scalar, 1, 10**9)
+        wait_until(lambda: processes(self.device, "snmpload"), what="a manager")
         requests = self._requests_seen()
-        taken = self._take_in(lines, faults, traps)
-        requests = self._requests_seen() - requests
-        for pid in self.device.pids("snmpload"):
-            self.device.kill(pid, signal.SIGTERM)
-        loader.communicate(timeout=10)
-        self.table.add("notifications per second while 1 manager asks", KVSNMP, STREAM / taken)
-        self.table.add("GETs per second meanwhile, 1 manager", KVSNMP, requests / taken)
+        taken = self._take_in(STREAM)
+        self.results.add("GETs per second during the notifications", KVSNMP, (self._requests_seen() - requests) / taken)
+        for process in processes(self.device, "snmpload"):
+            os.kill(process.host, signal.SIGTERM)
+        loader.wait(timeout=10)
 
-    @staticmethod
-    def _stream() -> list[str]:
-        return [json.dumps(["set", VOLTAGE, f"{number / 1000:.3f}"]) for number in range(1, STREAM + 1)]
-
-    def _take_in(self, lines: Sequence[str], faults: Faults, traps: TrapReceiver) -> float:
-        """Seconds from the first to the mark that follows the last."""
+    def _take_in(self, count: int) -> float:
+        """Seconds from the first notification to the trap that follows the last."""
+        lines = [json.dumps(["set", VOLTAGE, f"{number / 1000:.3f}"]) for number in range(1, count + 1)]
         begin = time.monotonic()
         self.device.talctl_batch(lines)
-        self._last_voltage = len(lines)
-        faults.mark(traps, timeout=120)
+        self.faults.mark(self.traps, timeout=120)
         return time.monotonic() - begin
-
-    def check_last_notification(self) -> None:
-        """The last value sent is served after the table's next load: after 60 s at the latest."""
-        progress("the last value")
-        wait_until(lambda: self.device.snmp.get(VOLTAGE_CELL) == [("Gauge32", str(self._last_voltage))], 65,
-                   interval=0.5, what="last voltage served")
 
     def _requests_seen(self) -> int:
         """snmpInPkts, as snmpd counts them."""
@@ -127,64 +93,114 @@ class DaemonBench(Bench):
 
     # Growth
 
-    def growth(self, count: int, faults: Faults, traps: TrapReceiver) -> None:
-        """RSS over `count` GETs and over `count` notifications, each in ten steps after a warm-up step."""
-        step = count // GROWTH_STEPS
-
-        def ask() -> None:
-            self.load(KVSNMP, "count", KVSNMP.cell, 16, step)
-
-        lines = self._stream()
-
-        def notify() -> None:
-            for begin in range(0, step, STREAM):
-                self._take_in(lines[:min(STREAM, step - begin)], faults, traps)
-
-        for what, one_step in (("GETs", ask), ("notifications", notify)):
-            progress(f"{count:,} {what}")
+    def growth(self) -> None:
+        """RSS over GETs and over notifications, each in ten steps after a warm-up step."""
+        step = self.effort.growth // GROWTH_STEPS
+        cell = f"{KVSNMP.column}.1"
+        for what, one_step in (("GETs", lambda: self.load(KVSNMP, "count", cell, 16, step)),
+                               ("notifications", lambda: self._take_in(step))):
+            progress(f"{self.effort.growth:,} {what}")
             seen = []
             for _ in range(GROWTH_STEPS + 1):
                 one_step()
-                seen.append(self.kilobytes(KVSNMP)["Rss"])
-            self.table.add(f"RSS growth over the {what}, kB", KVSNMP, seen[-1] - seen[0])
-            print(f"RSS at each tenth of {step * GROWTH_STEPS:,} {what}, kB: " + " ".join(map(str, seen)), flush=True)
+                seen.append(self._rss())
+            self.results.add(f"RSS growth over {self.effort.growth:,} {what}, kB", KVSNMP, seen[-1] - seen[0])
+
+    def _rss(self) -> int:
+        return kilobytes(self.processes(KVSNMP), "Rss")
 
     # Traps
 
-    def trap_burst(self, faults: Faults, traps: TrapReceiver, count: int = 2000) -> None:
-        """Raised and cleared at once."""
-        progress("traps of a burst")
-        texts = faults.new_texts("burst", count)
-        lines = [line for text in texts for line in (faults.raise_line("let_fail", text), faults.clear_line(text))]
-        begin = time.monotonic()
-        sender = threading.Thread(target=self.device.talctl_batch, args=(lines,))
-        sender.start()
-        taken = self._received(traps, "burst ", count, begin)
-        sender.join()
-        self._traps(f"{count:,} faults raised and cleared", faults, traps, "burst ", count, taken)
+    def trap_burst(self, count: int, label: str = "") -> None:
+        """Faults that are raised and cleared at once."""
+        texts = self.faults.new_texts("burst", count)
+        lines = [line for text in texts for line in (self.faults.raise_line("let_fail", text), self.faults.clear_line(text))]
+        self._traps(f"{label}{count:,} faults raised and cleared", texts, lambda: self.device.talctl_batch(lines))
 
-    def trap_backlog(self, faults: Faults, traps: TrapReceiver, count: int = 5000) -> None:
+    def trap_backlog(self, count: int) -> None:
         """Faults that wait until their trap is enabled."""
-        progress("traps of a backlog")
+        texts = self.faults.new_texts("waiting", count)
         switch(self.device, "LET Fault", False)
-        faults.raise_all("let_fail", faults.new_texts("waiting", count))
-        faults.mark(traps, timeout=60)
-        if traps.counts("waiting "):
+        self.faults.raise_all("let_fail", texts)
+        self.faults.mark(self.traps, timeout=60)
+        if self.traps.counts("waiting "):
             raise AssertionError("traps of a disabled kind")
+        self._traps(f"{count:,} faults waiting, then enabled", texts, lambda: switch(self.device, "LET Fault", True))
+        self.faults.clear_everything()
+
+    def _traps(self, label: str, texts: list[str], cause: Callable[[], object]) -> None:
+        """Until the trap of a last fault, when all others have arrived."""
+        progress(label)
         begin = time.monotonic()
-        switch(self.device, "LET Fault", True)
-        taken = self._received(traps, "waiting ", count, begin)
-        self._traps(f"{count:,} faults waiting, then enabled", faults, traps, "waiting ", count, taken)
-        faults.clear_everything()
+        cause()
+        self.faults.mark(self.traps, timeout=120)
+        taken = time.monotonic() - begin
+        sent = set(texts)
+        received = Counter(trap.description for trap in self.traps.received if trap.description in sent)
+        self.results.add(f"{label}: traps per second", KVSNMP, len(received) / taken)
+        self.results.add(f"{label}: traps lost", KVSNMP, len(texts) - len(received))
+        self.results.add(f"{label}: traps doubled", KVSNMP, received.total() - len(received))
 
-    @staticmethod
-    def _received(traps: TrapReceiver, prefix: str, count: int, begin: float) -> float:
-        wait_until(lambda: len(traps.counts(prefix)) >= count, 60, what=f"{count} traps")
-        return time.monotonic() - begin
+    def busy_processor(self) -> None:
+        """On one processor, with a higher nice value than two busy loops."""
+        label = "one busy processor: "
+        with pinned([self.device]):
+            for _ in range(BUSY_LOOPS):
+                self.device.popen(["setsid", "yes"], stdout=subprocess.DEVNULL)
+            self._set_nice(NICE)
+            for _ in range(self.effort.rounds):
+                seen = self.load(KVSNMP, "latency", f"{KVSNMP.column}.1", 300, 0)
+                self.results.add(f"{label}GET, p50, ms", KVSNMP, seen["p50_us"] / 1000)
+                self.results.add(f"{label}GET, p99, ms", KVSNMP, seen["p99_us"] / 1000)
+            self.trap_burst(500, label)
+            self._set_nice(0)
+            for process in processes(self.device, "yes"):
+                os.kill(process.host, signal.SIGTERM)
 
-    def _traps(self, label: str, faults: Faults, traps: TrapReceiver, prefix: str, count: int, taken: float) -> None:
-        faults.mark(traps, timeout=60)  # doubled traps have arrived by then
-        counts = traps.counts(prefix)
-        self.table.add(f"traps per second, {label}", KVSNMP, count / taken)
-        self.table.add(f"traps lost, {label}", KVSNMP, count - len(counts), ratio=False)
-        self.table.add(f"traps doubled, {label}", KVSNMP, sum(counts.values()) - len(counts), ratio=False)
+    def _set_nice(self, nice: int) -> None:
+        for process in self.processes(KVSNMP):
+            for task in process.tasks():
+                os.setpriority(os.PRIO_PROCESS, int(task.name), nice)
+            with contextlib.suppress(OSError):  # where the kernel divides processors by session
+                (process.folder / "autogroup").write_text(str(nice))
+
+
+def start(results: Results, effort: Effort) -> Started:
+    """A device whose kvsnmp answers and has subscribed; it and others like it are measured until then, in turns with
+    devices that do not serve the standard tables."""
+    for number in range(effort.starts):
+        with contextlib.ExitStack() as ends:
+            both = {}
+            for subject in (PLAIN, KVSNMP):
+                both[subject] = _start(subject, results, effort)
+                ends.callback(both[subject].device.stop)
+            bench = Bench({subject: started.device for subject, started in both.items()}, results, effort)
+            with pinned(bench.devices.values()):
+                for _ in range(effort.rounds):
+                    for subject in both:
+                        bench.measure(subject, "start: walk of all objects", "variable", {}, 0,
+                                      "walk", subject.root, 3, 0)
+            if number == effort.starts - 1:
+                ends.pop_all()
+                both[PLAIN].device.stop()
+    return both[KVSNMP]
+
+
+def _start(subject: Subject, results: Results, effort: Effort) -> Started:
+    progress(f"start of {subject.name}")
+    device = new_device(standard_tables=subject == KVSNMP)
+    try:
+        bench = Bench({subject: device}, results, effort)
+        loader = bench.start_loader(subject, "start", 30000, MODEL_NUMBER)
+        begin = time.monotonic()
+        device.start_kvsnmp()  # in the background, as on a device
+        results.add("start to first answer, s", subject, figures_of(loader.communicate(timeout=40)[0])["after_1"] - begin)
+        traps, faults = TrapReceiver(device), Faults(device)
+        device.wait_answering()
+        faults.mark(traps, timeout=30)  # once it has subscribed
+        device.snmp.walk(subject.root)  # as of the peers at their start
+        bench.memory(subject, "at start")
+    except BaseException:
+        device.stop()
+        raise
+    return Started(device, faults, traps)

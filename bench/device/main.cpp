@@ -51,10 +51,8 @@ const std::map<std::string, Command> commands{
         return latency(address, oidAt(w, 0), numberAt(w, 1), millisecondsAt(w, 2)); }}},
     {"walk",    {"OID ROUNDS REPETITIONS (0: GETNEXT)", [](Words w) {
         return walk(address, oidAt(w, 0), numberAt(w, 1), static_cast<long>(numberAt(w, 2))); }}},
-    {"load",    {"OID MANAGERS MS", [](Words w) {
-        return load(address, oidAt(w, 0), numberAt(w, 1), millisecondsAt(w, 2)); }}},
     {"count",   {"OID MANAGERS COUNT", [](Words w) {
-        return countedLoad(address, oidAt(w, 0), numberAt(w, 1), numberAt(w, 2)); }}},
+        return countedGets(address, oidAt(w, 0), numberAt(w, 1), numberAt(w, 2)); }}},
     {"start",   {"LIMIT_MS OID...", [](Words w) { return silenceOf(w, true); }}},
     {"silence", {"LIMIT_MS OID...", [](Words w) { return silenceOf(w, false); }}},
 };

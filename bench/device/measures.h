@@ -16,11 +16,8 @@ Figures latency(const std::string &address, const Oid &object, std::size_t count
 /// Walks below `root`, with GETBULK if `repetitions` is not 0: variables, and us_per_variable of the median walk.
 Figures walk(const std::string &address, const Oid &root, std::size_t rounds, long repetitions);
 
-/// This many managers, each with one GET in flight: per_second, lost.
-Figures load(const std::string &address, const Oid &object, std::size_t managers, std::chrono::milliseconds duration);
-
 /// This many GETs in total, from this many managers with one in flight each: per_second, lost.
-Figures countedLoad(const std::string &address, const Oid &object, std::size_t managers, std::size_t count);
+Figures countedGets(const std::string &address, const Oid &object, std::size_t managers, std::size_t count);
 
 /// Requests every object each 5 ms until each was silent and answers again (with `fromStart` the beginning counts as
 /// silence): the last answer for object N before that is at before_N, the next at after_N, in seconds of the monotonic
