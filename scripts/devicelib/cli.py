@@ -20,7 +20,7 @@ from . import registry, sandbox
 from .folders import make_folders
 from .identity import MODELS, identity_files
 from .registry import DeviceError
-from .settings import CHECKOUT, COMMAND, INSTALLED, Settings
+from .settings import CHECKOUT, COMMAND, INSTALLED, TRAP_LOG, Settings
 
 NEEDED = ["bwrap", "nsenter", "snmpd", "snmptrapd", "dbus-daemon", "killall"]
 END_TIMEOUT = 10.0
@@ -255,7 +255,8 @@ class Session:
             os.close(self.first_process_end)
 
     def _follow(self, bwrap: subprocess.Popen, info_read: int, status_read: int) -> int:
-        facts = {"model": self.settings.model, "port": self.settings.port, "ready": False}
+        facts = {"model": self.settings.model, "port": self.settings.port, "address": self.settings.address,
+                 "traps": str(self.claim.root) + TRAP_LOG, "ready": False}
         words, asker_end = "", -1
         with selectors.DefaultSelector() as selector:
             selector.register(status_read, selectors.EVENT_READ)
@@ -340,7 +341,7 @@ def run_list(arguments: list[str]) -> int:
     argparse.ArgumentParser(prog=f"{PROGRAM} list", description="Lists the running devices.").parse_args(arguments)
     registry.sweep()
     for device in registry.running():
-        where = f"127.0.0.1:{device.port}" if device.port else "own network"
+        where = f"{device.address}:{device.port}" if device.port else "own network"
         state = "running" if device.ready else "starting"
         print(f"{device.name}\tmodel {device.model}\t{where}\t{state}\t{device.root}")
     return 0

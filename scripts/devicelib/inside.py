@@ -18,7 +18,7 @@ sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
 from devicelib.settings import (BIN_FOLDER, GPIO_ROOT, SANITIZER_LOG, STATE_FOLDER, TAL_CONTROL, TAL_SOCKET,  # noqa: E402
-                                Settings, kvsnmp_environment)
+                                TRAP_LOG, Settings, kvsnmp_environment)
 
 START_TIMEOUT = 20.0
 END_TIMEOUT = 5.0
@@ -74,7 +74,7 @@ class TrapPrinter:
         self.stream = stream
         os.set_blocking(stream.fileno(), False)
         self._pending = b""
-        self._log = open("/var/log/traps", "ab", buffering=0)
+        self._log = open(TRAP_LOG, "ab", buffering=0)
 
     def receive(self) -> bool:
         """False when snmptrapd has closed its output."""

@@ -28,6 +28,8 @@ class Running(NamedTuple):
     owner: int  # the process of scripts/device
     first_process: int  # the device's first process, by its number on the host
     ready: bool
+    address: str  # of its SNMP port; only with a port, otherwise the device has its own network
+    traps: Path  # snmptrapd's records, each ending with a separator; one file for a whole fleet
 
     @property
     def root(self) -> Path:
@@ -151,7 +153,7 @@ def running() -> list[Running]:
             os.close(lock)
             continue
         devices.append(Running(facts["name"], facts["model"], facts["port"], folder, facts["owner"],
-                               facts["first_process"], facts["ready"]))
+                               facts["first_process"], facts["ready"], facts["address"], Path(facts["traps"])))
     return devices
 
 

@@ -14,6 +14,7 @@ BIN_FOLDER = "/run/device/bin"
 STATE_FOLDER = "/run/device"
 TAL_SOCKET = "/run/tal.sock"
 TAL_CONTROL = "/run/talcontrol.sock"
+TRAP_LOG = "/var/log/traps"
 GPIO_ROOT = "/run/gpio"
 CLOCK_FILE = "/run/device/clockshift"
 SNMPD_RSS_FILE = "/run/device/snmpd-rss"
@@ -27,6 +28,7 @@ class Settings:
     name: str
     bin_dir: str
     port: int = 0  # 0: a separate network, port 161
+    address: str = "127.0.0.1"
     trap_port: int = 162
     kvsnmp: str = "foreground"  # "foreground", "daemon" or "none"
     kvsnmp_args: list[str] = dataclasses.field(default_factory=list)
