@@ -11,7 +11,7 @@ import time
 from pathlib import Path
 from typing import NamedTuple
 
-from .settings import COMMAND
+from .settings import COMMAND, TRAP_LOG
 
 NAMELESS = ".nameless-"  # a folder during its creation, until it is locked, or during its removal
 
@@ -153,7 +153,8 @@ def running() -> list[Running]:
             os.close(lock)
             continue
         devices.append(Running(facts["name"], facts["model"], facts["port"], folder, facts["owner"],
-                               facts["first_process"], facts["ready"], facts["address"], Path(facts["traps"])))
+                               facts["first_process"], facts["ready"], facts.get("address", "127.0.0.1"),
+                               Path(facts.get("traps") or f"{folder}/root{TRAP_LOG}")))
     return devices
 
 
