@@ -16,7 +16,7 @@ import sys
 import time
 from pathlib import Path
 
-from . import registry, sandbox
+from . import panel, registry, sandbox
 from .folders import make_folders
 from .identity import MODELS, identity_files
 from .registry import DeviceError
@@ -65,6 +65,9 @@ def start_parser() -> argparse.ArgumentParser:
     parser.add_argument("--port", type=port_number, default=0, metavar="N",
                         help="share the host's network and answer on this UDP port (default: a separate network, "
                              "port 161)")
+    parser.add_argument("--panel", type=port_number, metavar="N",
+                        help="serve the front panel, a web page of the device, on this TCP port of 127.0.0.1; the device "
+                             "shares the host's network, by default with the first free port from 1161")
     parser.add_argument("--trap-port", type=port_number, metavar="N",
                         help="where the device's snmptrapd listens (default: 162, with --port one above it)")
     parser.add_argument("--bin", metavar="DIR", help="folder of kvsnmp, talservice and talctl "
@@ -156,11 +159,22 @@ def check_ports(settings: Settings) -> None:
     if not settings.port:
         return
     for port, address in ((settings.port, ""), (settings.trap_port, "127.0.0.1")):
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-            try:
-                probe.bind((address, port))
-            except OSError as error:
-                raise DeviceError(f"UDP port {port}: {error.strerror}; choose another with --port and --trap-port") from error
+        if error := bind_error(port, address):
+            raise DeviceError(f"UDP port {port}: {error.strerror}; choose another with --port and --trap-port") from error
+
+
+def bind_error(port: int, address: str) -> OSError | None:
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+        try:
+            probe.bind((address, port))
+        except OSError as error:
+            return error
+    return None
+
+
+def free_port() -> int:
+    """The first of two free UDP ports: one for snmpd, one for the receiver of traps."""
+    return next(port for port in range(1161, 65535, 2) if not bind_error(port, "") and not bind_error(port + 1, ""))
 
 
 def settings_from(options: argparse.Namespace, name: str) -> Settings:
@@ -193,13 +207,21 @@ def run_start(arguments: list[str]) -> int:
     options = start_parser().parse_args(arguments)
     check_programs()
     find_bin_dir(options.bin)
+    if options.panel:
+        panel.check(options.panel)
+        options.port = options.port or free_port()
     registry.sweep()
     claim = registry.claim(options.name, options.model)
     try:
         settings = settings_from(options, claim.folder.name)
         check_ports(settings)
         make_folders(claim.root, settings, etc_files(options), options.snmpd_rss)
-        return Session(claim, settings, options.quiet).run()
+        page = panel.start(options.panel, settings.name) if options.panel else None
+        try:
+            return Session(claim, settings, options.quiet).run()
+        finally:
+            if page:
+                panel.stop(page)
     finally:
         claim.remove()
 

@@ -22,7 +22,7 @@ sys.path[:0] = [str(HERE), str(next(folder for folder in (HERE.parents[1] / "scr
 from aiohttp import web  # noqa: E402
 
 from sources import Refused  # noqa: E402
-from watch import AGENT, Feed, Fleet, Watch, devices, scenarios  # noqa: E402
+from watch import AGENT, Feed, Fleet, Watch, devices  # noqa: E402
 
 POLICY = "default-src 'self'; img-src 'self' data:; base-uri 'none'; form-action 'none'; frame-ancestors 'none'"
 HEADERS = {"Content-Security-Policy": POLICY, "X-Content-Type-Options": "nosniff", "Referrer-Policy": "no-referrer",
@@ -134,7 +134,7 @@ class Panel:
                 text = await watch.talctl(value)
             elif action == "agent" and value in AGENT:
                 text = await watch.agent(value)
-            elif action == "scenario" and value in scenarios():
+            elif action == "scenario" and isinstance(value, str):
                 text = await watch.scenario(value)
             else:
                 raise web.HTTPBadRequest(text="no such action\n")

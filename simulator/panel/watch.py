@@ -4,6 +4,7 @@ from __future__ import annotations
 import asyncio
 import collections
 import json
+import re
 import time
 import traceback
 from pathlib import Path
@@ -28,8 +29,15 @@ def devices() -> dict[str, Running]:
     return {device.name: device for device in registry.running()}
 
 
-def scenarios() -> list[str]:
-    return sorted(file.stem for file in SCENARIOS.glob("*.tal"))
+def scenarios(model: int) -> dict[str, str]:
+    """Those of a model, each with its first line; a comment names the models."""
+    found = {}
+    for file in sorted(SCENARIOS.glob("*.tal")):
+        text = file.read_text()
+        models = re.search(r"^# Models: (.*)", text, re.MULTILINE)
+        if not models or "all" in models[1] or str(model) in models[1]:
+            found[file.stem] = text.partition("\n")[0].lstrip("# ")
+    return found
 
 
 class Feed:
@@ -234,7 +242,7 @@ class Watch(Feed):
         if self.unit:
             message |= {"about": self.unit.about(), "model": [_shown(cell) for cell in self.unit.cells], "traps": list(self.traps),
                         "history": list(self.history), "messages": [[row["notification"], row["switch"], row["identifiers"].split()]
-                                                                    for row in rows.TRAPS], "scenarios": scenarios()}
+                                                                    for row in rows.TRAPS], "scenarios": scenarios(self.unit.running.model)}
         return message
 
     def close(self) -> None:
@@ -262,6 +270,8 @@ class Watch(Feed):
 
     async def scenario(self, name: str) -> str:
         device = self._unit().running
+        if name not in scenarios(device.model):
+            raise Refused("this model has no such scenario")
         if self._process and self._process.returncode is None:
             raise Refused("a scenario is running already")
         settings = Settings.from_json((device.root / f"{STATE_FOLDER[1:]}/settings.json").read_text())

@@ -63,7 +63,7 @@ export class Device {
       h('aside', {}, this.inspector.node,
         card('Traps, as the receiver decoded them', this.trapList),
         card('Messages', this.raiseForm(message.messages), this.faultList, h('details', {}, this.switchSum, this.switchList)),
-        card('Scenarios', h('div', { class: 'choices' }, message.scenarios.map((name) => h('button', {
+        card('Scenarios', h('div', { class: 'choices' }, Object.entries(message.scenarios).map(([name, about]) => h('button', { title: about,
           onclick: () => this.run(`${this.base}/scenario`, name, `talctl scenario ${name}`) }, name.replaceAll('-', ' ')))), this.scenarioState),
         card('SNMP agent', h('dl', { class: 'pair' }, h('div', {}, h('dt', {}, 'Answers'), this.answers), h('div', {}, h('dt', {}, 'Runs for'), this.uptime),
           h('div', {}, h('dt', {}, 'Requests'), this.rate)), this.share = h('p', { class: 'hint' }),

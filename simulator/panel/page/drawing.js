@@ -31,7 +31,8 @@ export class Drawing {
       const bar = h('i');
       const text = h('span');
       this.ages.push({ table, bar, text });
-      return h('span', { class: 'age', title: `${table}: how long ago its cache was filled` }, h('b', {}, bar), text);
+      const name = tables.length > 1 ? h('span', {}, /^let/.test(table) ? 'LETs' : 'output') : null;
+      return h('span', { class: 'age', title: `${table}: how long ago its cache was filled` }, name, h('b', {}, bar), text);
     });
     return [h('section', { class: 'module' }, h('header', {}, h('h3', {}, title), ages),
       s('svg', { viewBox: `0 0 ${WIDTH} ${height}`, role: 'group', 'aria-label': title }, content)), height];
@@ -78,7 +79,7 @@ export class Drawing {
 
   row(cell, y, name = rowName(cell)) {
     const light = lamp(12, y + 12);
-    const has = s('text', { class: 'figure', x: 262, y: y + 16, 'text-anchor': 'end' });
+    const has = s('text', { class: 'figure', x: 274, y: y + 16, 'text-anchor': 'end' });
     const reads = s('text', { class: 'figure reads', x: 354, y: y + 16, 'text-anchor': 'end' });
     const dial = dialOf(cell, y + 12);
     const item = this.item(cell, name, s('rect', { class: 'hit', x: 1, y: y + 1, width: WIDTH - 2, height: ROW - 2, rx: 4 }), light.node,
@@ -122,7 +123,7 @@ export function byTable(cells) {
 
 const short = (text, most) => (text.length > most ? `${text.slice(0, most - 1)}…` : text);
 
-const heads = () => [s('text', { class: 'head', x: 262, y: 13, 'text-anchor': 'end' }, 'device'),
+const heads = () => [s('text', { class: 'head', x: 274, y: 13, 'text-anchor': 'end' }, 'device'),
   s('text', { class: 'head', x: 354, y: 13, 'text-anchor': 'end' }, 'manager')];
 
 // A small instrument between the name and the figures.
@@ -130,22 +131,22 @@ function dialOf(cell, y) {
   const at = (x) => `translate(${x} ${y})`;
   if (cell.object === 'tempCurrent' || (cell.object === 'voltageValue' && cell.nominal)) {
     const volts = cell.object === 'voltageValue';
-    const needle = s('rect', { class: volts ? 'needle' : 'fill', x: 174, y: y - (volts ? 5 : 2), height: volts ? 10 : 4, width: 3, rx: 1.5 });
+    const needle = s('rect', { class: volts ? 'needle' : 'fill', x: 162, y: y - (volts ? 5 : 2), height: volts ? 10 : 4, width: 3, rx: 1.5 });
     const share = (value) => (volts ? (value / cell.nominal - 1) / 0.3 + 0.5 : value / 100);
-    return { nodes: [s('rect', { class: 'track', x: 174, y: y - 2, width: 36, height: 4, rx: 2 }), volts ? s('path', { class: 'nominal', d: `M192 ${y - 5}v10` }) : null, needle],
+    return { nodes: [s('rect', { class: 'track', x: 162, y: y - 2, width: 36, height: 4, rx: 2 }), volts ? s('path', { class: 'nominal', d: `M180 ${y - 5}v10` }) : null, needle],
       set([text]) {
         const place = 36 * Math.min(1, Math.max(0, share(Math.abs(Number(text)) || 0)));
-        needle.setAttribute(volts ? 'x' : 'width', volts ? 174 + Math.min(place, 33) : Math.max(place, 2));
+        needle.setAttribute(volts ? 'x' : 'width', volts ? 162 + Math.min(place, 33) : Math.max(place, 2));
       } };
   }
   if (cell.object === 'fanSpeed') {
     const blades = s('path', { class: 'blades', d: 'M0 0C-2-4-1-8 3-8C5-5 3-2 0 0C4-2 8-1 8 3C5 5 2 3 0 0C2 4 1 8-3 8C-5 5-3 2 0 0C-4 2-8 1-8-3C-5-5-2-3 0 0z' });
-    return { nodes: [s('g', { transform: at(192) }, s('circle', { class: 'ring', r: 9.5 }), blades)],
+    return { nodes: [s('g', { transform: at(180) }, s('circle', { class: 'ring', r: 9.5 }), blades)],
       set([text]) { blades.classList.toggle('turning', Number(text) > 0); } };
   }
   if (['input', 'relay', 'output'].includes(cell.kind)) {
     const arm = s('path', { class: 'arm' });
-    return { nodes: [s('g', { transform: at(192), class: 'contact' }, s('path', { d: 'M-14 0H-6M6 0H14' }), arm, s('circle', { cx: -6, r: 2 }), s('circle', { cx: 6, r: 2 }))],
+    return { nodes: [s('g', { transform: at(180), class: 'contact' }, s('path', { d: 'M-14 0H-6M6 0H14' }), arm, s('circle', { cx: -6, r: 2 }), s('circle', { cx: 6, r: 2 }))],
       set(entry) {
         const word = cell.words[entry[2] ?? entry[1]] ?? '';
         arm.setAttribute('d', /^(closed|shorted|set|failSet|high)$/.test(word) ? 'M-6 0H6' : 'M-6 0L5-6');
