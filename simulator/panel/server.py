@@ -132,7 +132,7 @@ class Panel:
             value = await request.json()
             if action == "talctl" and value and isinstance(value, list) and all(isinstance(word, str) for word in value):
                 text = await watch.talctl(value)
-            elif action == "agent" and value in AGENT:
+            elif action == "agent" and isinstance(value, str) and value in AGENT:
                 text = await watch.agent(value)
             elif action == "scenario" and isinstance(value, str):
                 text = await watch.scenario(value)

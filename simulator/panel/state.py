@@ -114,7 +114,7 @@ def level(cell: Cell, code: int | str | None) -> str:
         return "unknown"
     if cell.words:
         word = cell.words.get(int(code), "unknown") if isinstance(code, int) else "unknown"
-        if word in BAD or (word == "open" and cell.object == "ampChannelLineState"):
+        if word in BAD or (word, cell.object) in (("open", "ampChannelLineState"), ("unknown", "relayStatus")):
             return "bad"
         return "warn" if word in WARN else "off" if word in OFF else "unknown" if word in UNKNOWN else "ok"
     if not isinstance(code, int):

@@ -146,7 +146,7 @@ function dialOf(cell, y) {
   }
   if (['input', 'relay', 'output'].includes(cell.kind)) {
     const arm = s('path', { class: 'arm' });
-    return { nodes: [s('g', { transform: at(180), class: 'contact' }, s('path', { d: 'M-14 0H-6M6 0H14' }), arm, s('circle', { cx: -6, r: 2 }), s('circle', { cx: 6, r: 2 }))],
+    return { nodes: [s('g', { transform: at(184), class: 'contact' }, s('path', { d: 'M-14 0H-6M6 0H14' }), arm, s('circle', { cx: -6, r: 2 }), s('circle', { cx: 6, r: 2 }))],
       set(entry) {
         const word = cell.words[entry[2] ?? entry[1]] ?? '';
         arm.setAttribute('d', /^(closed|shorted|set|failSet|high)$/.test(word) ? 'M-6 0H6' : 'M-6 0L5-6');
