@@ -238,7 +238,7 @@ class Watch(Feed):
             self.send(changed)
 
     def whole(self) -> dict[str, Any]:
-        message: dict[str, Any] = {"status": "gone"} | self.view | {"now": time.time(), "whole": True, "only": self.only}
+        message: dict[str, Any] = {"status": "gone"} | self.view | {"now": time.time(), "whole": True, "only": self.only, "command": COMMAND}
         if self.unit:
             message |= {"about": self.unit.about(), "model": [_shown(cell) for cell in self.unit.cells], "traps": list(self.traps),
                         "history": list(self.history), "messages": [[row["notification"], row["switch"], row["identifiers"].split()]

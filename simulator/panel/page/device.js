@@ -57,7 +57,7 @@ export class Device {
     this.log = h('ol', { class: 'log' });
     this.rate = h('dd'), this.uptime = h('dd'), this.answers = h('dd'), this.scenarioState = h('p', { class: 'hint', role: 'status' });
     const exec = (action, command) => h('button', { title: command, onclick: () => this.run(`${this.base}/agent`, action, command) }, { restart: 'Restart snmpd', kill: 'Kill snmpd' }[action]);
-    const inside = `scripts/device exec --name ${this.name} -- sh -c`;
+    const inside = `${message.command} exec --name ${this.name} -- sh -c`;
     this.body.replaceChildren(
       h('main', {}, this.drawing.node, this.graphs(), this.tables()),
       h('aside', {}, this.inspector.node,
