@@ -161,11 +161,11 @@ def check_ports(settings: Settings) -> None:
     if not settings.port:
         return
     for port, address in ((settings.port, ""), (settings.trap_port, "127.0.0.1")):
-        if problem := port_problem(address, port):
-            raise DeviceError(f"UDP port {port}: {problem.strerror}; choose another with --port and --trap-port")
+        if error := bind_error(port, address):
+            raise DeviceError(f"UDP port {port}: {error.strerror}; choose another with --port and --trap-port") from error
 
 
-def port_problem(address: str, port: int) -> OSError | None:
+def bind_error(port: int, address: str) -> OSError | None:
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
         try:
             probe.bind((address, port))

@@ -131,11 +131,11 @@ def wait_for_ports(places: list[tuple[str, int]]) -> None:
     """A fleet whose starter was killed may be ending still."""
     limit = time.monotonic() + 3
     for address, port in places:
-        while problem := cli.port_problem(address, port):
+        while error := cli.bind_error(port, address):
             if time.monotonic() > limit:
-                hint = "; as an ordinary user choose --base-port" if isinstance(problem, PermissionError) else \
+                hint = "; as an ordinary user choose --base-port" if isinstance(error, PermissionError) else \
                     "; choose another with --address, --base-port or --trap-target"
-                raise DeviceError(f"{address}, UDP port {port}: {problem.strerror}{hint}")
+                raise DeviceError(f"{address}, UDP port {port}: {error.strerror}{hint}") from error
             time.sleep(0.1)
 
 
