@@ -14,13 +14,14 @@ import socket
 import subprocess
 import sys
 import time
+from collections.abc import Callable
 from pathlib import Path
 
 from . import panel, registry, sandbox
 from .folders import make_folders
 from .identity import MODELS, identity_files
 from .registry import DeviceError
-from .settings import CHECKOUT, COMMAND, INSTALLED, TRAP_LOG, Settings
+from .settings import CHECKOUT, COMMAND, FLEET_COMMAND, INSTALLED, TRAP_LOG, Settings
 
 NEEDED = ["bwrap", "nsenter", "snmpd", "snmptrapd", "dbus-daemon", "killall"]
 END_TIMEOUT = 10.0
@@ -42,14 +43,18 @@ service's simulator, a system bus, snmptrapd and kvsnmp run. Ctrl-C ends it and 
 
 
 def main(arguments: list[str]) -> int:
+    return dispatch("device", {"exec": run_exec, "list": run_list, "stop": run_stop, "start": run_start}, arguments)
+
+
+def dispatch(program: str, commands: dict[str, Callable[[list[str]], int]], arguments: list[str]) -> int:
+    """Runs the command that the first argument names, without one "start"."""
     os.environ["PATH"] = os.environ.get("PATH", "") + ":/usr/sbin:/sbin"
-    commands = {"exec": run_exec, "list": run_list, "stop": run_stop, "start": run_start}
     try:
         if arguments and arguments[0] in commands:
             return commands[arguments[0]](arguments[1:])
-        return run_start(arguments)
+        return commands["start"](arguments)
     except DeviceError as error:
-        print(f"device: {error}", file=sys.stderr)
+        print(f"{program}: {error}", file=sys.stderr)
         return 1
 
 
@@ -102,7 +107,7 @@ def start_parser() -> argparse.ArgumentParser:
 
 class PrintVersion(argparse.Action):
     def __call__(self, parser: argparse.ArgumentParser, *_) -> None:
-        print(f"{PROGRAM} {version()}")
+        print(f"{parser.prog} {version()}")
         parser.exit()
 
 
@@ -354,19 +359,26 @@ def run_exec(arguments: list[str]) -> int:
     parser.add_argument("--name", help="which device, when several run")
     parser.add_argument("command", nargs="+", metavar="CMD", help="put -- before it when it has options")
     options = parser.parse_args(arguments)
-    device = registry.find(options.name)
-    command = sandbox.enter_command(device.first_process, options.command, own_network=not device.port)
+    command = into(registry.find(options.name), options.command)
     os.execvp(command[0], command)
+
+
+def into(device: registry.Running, command: list[str]) -> list[str]:
+    return sandbox.enter_command(device.first_process, command, own_network=sandbox.has_other_network(device.first_process))
 
 
 def run_list(arguments: list[str]) -> int:
     argparse.ArgumentParser(prog=f"{PROGRAM} list", description="Lists the running devices.").parse_args(arguments)
     registry.sweep()
-    for device in registry.running():
+    show(registry.running())
+    return 0
+
+
+def show(devices: list[registry.Running]) -> None:
+    for device in devices:
         where = f"{device.address}:{device.port}" if device.port else "own network"
         state = "running" if device.ready else "starting"
         print(f"{device.name}\tmodel {device.model}\t{where}\t{state}\t{device.root}")
-    return 0
 
 
 def run_stop(arguments: list[str]) -> int:
@@ -375,11 +387,18 @@ def run_stop(arguments: list[str]) -> int:
     parser.add_argument("--all", action="store_true", help="every device")
     options = parser.parse_args(arguments)
     devices = registry.running() if options.all else [registry.find(options.name)]
-    for device in devices:
-        os.kill(device.owner, signal.SIGTERM)
+    if not options.all and devices[0].is_in_fleet:
+        raise DeviceError(f"{devices[0].name} is in a fleet, which ends as a whole: {FLEET_COMMAND} stop")
+    end(devices)
+    return 0
+
+
+def end(devices: list[registry.Running]) -> None:
+    """Ends the owners of these devices."""
+    for owner in {device.owner for device in devices}:
+        os.kill(owner, signal.SIGTERM)
     limit = time.monotonic() + 2 * END_TIMEOUT
     while any(device.folder.exists() for device in devices):
         if time.monotonic() > limit:
             raise DeviceError("the device does not end")
         time.sleep(0.02)
-    return 0

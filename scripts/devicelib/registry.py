@@ -30,6 +30,7 @@ class Running(NamedTuple):
     ready: bool
     address: str  # of its SNMP port; only with a port, otherwise the device has its own network
     traps: Path  # snmptrapd's records, each ending with a separator; one file for a whole fleet
+    is_in_fleet: bool  # its owner runs other devices, too
 
     @property
     def root(self) -> Path:
@@ -154,7 +155,7 @@ def running() -> list[Running]:
             continue
         devices.append(Running(facts["name"], facts["model"], facts["port"], folder, facts["owner"],
                                facts["first_process"], facts["ready"], facts.get("address", "127.0.0.1"),
-                               Path(facts.get("traps") or f"{folder}/root{TRAP_LOG}")))
+                               Path(facts.get("traps") or f"{folder}/root{TRAP_LOG}"), facts.get("is_in_fleet", False)))
     return devices
 
 
