@@ -13,7 +13,7 @@ from pathlib import Path
 
 from . import cli, panel, registry
 from .fleet import Fleet, Member, note
-from .identity import IDENTITIES, MODELS, identity_files
+from .identity import IDENTITIES, MODELS, identity_files, served_text
 from .registry import DeviceError
 from .settings import FLEET_COMMAND, TRAP_LOG, Settings
 
@@ -192,9 +192,8 @@ def run_start(arguments: list[str]) -> int:
 def write_inventory(file: str | None, devices: list[Settings]) -> None:
     """As kvsnmp-discover writes it for Prometheus."""
     def description(settings: Settings) -> dict[str, object]:
-        etc = identity_files(settings.model)
-        texts = {"name": settings.name, "model": str(settings.model), "description": etc["xr-model"].strip(),
-                 "firmware": etc["xr-pkgver"].strip()}
+        texts = {"name": settings.name, "model": str(settings.model), "description": served_text(settings.model),
+                 "firmware": identity_files(settings.model)["xr-pkgver"].strip()}
         return {"targets": [settings.address if settings.port == 161 else f"{settings.address}:{settings.port}"],
                 "labels": {f"__meta_kvsnmp_{name}": text for name, text in texts.items()}}
 

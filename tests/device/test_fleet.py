@@ -21,7 +21,7 @@ from devicelib import walk
 
 SCRIPT = str(CHECKOUT / "scripts/fleet")
 COUNT = int(os.environ.get("KVSNMP_FLEET", "0"))
-DEVICES = ["--count", str(COUNT)] if COUNT else ["--models", "6420:2,6214,6913"]
+DEVICES = ["--count", str(COUNT)] if COUNT else ["--models", "6420,6720,6214:2"]
 FAULTS = 20  # of each device, within
 FAULT_SECONDS = 10.0
 START_SECONDS = 120.0  # with sanitizers on a busy machine
@@ -69,6 +69,12 @@ class Fleet:
         records = self.devices[0].traps.read_bytes().decode().split("\x1e")[:-1]
         variables = [record.partition("\x1d")[2].split("\x1f") for record in records]
         return [dict(variable.split(" = ", 1) for variable in record) for record in variables]
+
+    def complaints(self) -> list[str]:
+        """Sanitizer reports, and connections that Qt refused."""
+        logs = [log for device in self.devices for log in (device.root / "var/log").glob("sanitizer.*")]
+        errors = [line for device in self.devices for line in (device.root / "var/log/kvsnmp.err").read_text().splitlines()]
+        return [log.read_text() for log in logs] + [line for line in errors if re.search("QObject::|runtime error:", line)]
 
     def end(self, number: signal.Signals = signal.SIGTERM) -> int:
         if self.process.poll() is None:
@@ -258,6 +264,7 @@ def test_every_trap_of_a_flood_is_received_and_names_its_device(fleet):
 
 def test_stop_ends_the_fleet(fleet):
     """The last test with the shared fleet."""
+    assert fleet.complaints() == []
     assert script("stop").returncode == 0
     assert fleet.process.wait(20) == 0
     assert registry.running() == []
