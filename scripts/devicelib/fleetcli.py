@@ -19,7 +19,7 @@ from .settings import FLEET_COMMAND, TRAP_LOG, Settings
 
 PROGRAM = FLEET_COMMAND.rpartition("/")[2]
 NAME = "fleet"  # of the folder of the fleet's snmptrapd
-MOST = 1000
+MOST = 200
 WATCHES, WATCHES_OF_OTHERS = 4, 20  # inotify instances of a device, and left for other programs
 KINDS = ["Amplifier", "Controller", "Switch", "Desk", "Outdoor"]  # a station has none of these words
 PLACES = ["Entrance hall", "Terminal A", "Terminal B", "Platform 1", "Platform 2", "Concourse", "Car park", "Control room"]

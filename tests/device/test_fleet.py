@@ -147,8 +147,8 @@ def start_fleet(base, request) -> Iterator:
         started.end()
 
 
-def script(*arguments: str, **options) -> subprocess.CompletedProcess:
-    return subprocess.run([SCRIPT, *arguments], capture_output=True, text=True, timeout=60, check=False, **options)
+def script(*arguments: str, timeout: float = 60.0, **options) -> subprocess.CompletedProcess:
+    return subprocess.run([SCRIPT, *arguments], capture_output=True, text=True, timeout=timeout, check=False, **options)
 
 
 def is_gone(process: int) -> bool:
@@ -309,8 +309,20 @@ def test_clear_errors(base):
     assert (done.returncode, done.stdout) == (1, "")
     assert done.stderr.startswith(f"fleet: 127.0.0.1, UDP port {port}: Address already in use; choose another with")
     assert list(base.glob("kvsnmp-devices-*/*")) == []
+    deep = base / ("deep" * 10)
+    deep.mkdir()
+    done = script("--count", "1", "--base-port", str(port), "--bin", str(bin_dir()), env=os.environ | {"TMPDIR": str(deep)})
+    assert done.returncode == 1 and "is too long for a socket; set TMPDIR" in done.stderr
+    broken = base / "bin"
+    broken.mkdir()
+    for program in ("kvsnmp", "talservice", "talctl"):
+        (broken / program).write_text("#!/bin/sh\necho broken program\n")
+        (broken / program).chmod(0o755)
+    done = script("--count", "1", "--base-port", str(port), "--bin", str(broken))
+    assert done.returncode == 1 and "fleet: station-6211-01 ended\n" in done.stderr
+    assert "talservice.log: broken program" in done.stderr
     for arguments, message in [
-            (["--models", "6420:2,9999:1"], "no model 9999"), (["--count", "0"], "a fleet has 1 to 1000 devices"),
+            (["--models", "6420:2,9999:1"], "no model 9999"), (["--count", "0"], "a fleet has 1 to 200 devices"),
             (["--trap-target", "127.0.0.1:70000"], "a port is 1 to 65535"), (["stop"], "no fleet is running")]:
         done = script(*arguments)
         assert done.returncode != 0 and message in done.stderr and "Traceback" not in done.stderr
