@@ -11,7 +11,7 @@ import subprocess
 import time
 from pathlib import Path
 
-from . import cli, registry
+from . import cli, panel, registry
 from .fleet import Fleet, Member, note
 from .identity import IDENTITIES, MODELS, identity_files
 from .registry import DeviceError
@@ -55,6 +55,8 @@ def start_parser() -> argparse.ArgumentParser:
     parser.add_argument("--base-port", type=cli.port_number, metavar="N",
                         help="all devices have the same address (default 127.0.0.1), and the UDP ports from this one "
                              "on (default: port 161, which needs root)")
+    parser.add_argument("--panel", type=cli.port_number, metavar="N",
+                        help="serve the front panel, a web page of the devices, on this TCP port of 127.0.0.1")
     parser.add_argument("--trap-target", type=trap_target, metavar="HOST[:PORT]",
                         help="where all traps go, instead of the fleet's own receiver at port 162 of 127.0.0.1 or, "
                              "with --base-port, the port after the last device's")
@@ -152,11 +154,13 @@ def run_start(arguments: list[str]) -> int:
     cli.check_programs()
     *devices, receiver = settings_of(options)
     check_watches(len(devices))
+    if options.panel:
+        panel.check(options.panel)
     registry.sweep()
     started = time.monotonic()
     fleet_claim = registry.claim(NAME, 0)
     members: list[Member] = []
-    fleet = None
+    fleet = page = None
     try:
         wait_for_ports([(settings.address, settings.port) for settings in devices]
                        + ([] if options.trap_target else [("127.0.0.1", receiver.trap_port)]))
@@ -168,11 +172,14 @@ def run_start(arguments: list[str]) -> int:
             note(f"{len(members)} devices answer after {time.monotonic() - started:.0f} s; list them: {FLEET_COMMAND} list; "
                  f"end them: Ctrl-C, or {FLEET_COMMAND} stop")
             write_inventory(options.inventory, devices)
+            page = panel.start(options.panel, None) if options.panel else None
             fleet.run(options.seed, options.step, options.faults_per_hour)
         return 0
     finally:
         for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
             signal.signal(number, signal.SIG_IGN)
+        if page:
+            panel.stop(page)
         if fleet:
             fleet.close()
         else:

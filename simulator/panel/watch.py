@@ -205,7 +205,13 @@ class Watch(Feed):
                 agent |= {"rate": round((packets - begin[1]) / (now - begin[0]), 2),
                           "own": round((self._manager.sent - begin[2]) / (now - begin[0]), 2)}
             agent["uptime"] = int(answer.get(UPTIME, 0)) // 100
+            # A log may be missing: a value that differs from the last reading shows that the cache was filled in between.
+            filled = {cell.table: time.time() for cell in unit.cells if cell.oid in answer and cell.oid in self._served
+                      and answer[cell.oid] != self._served[cell.oid]}
+            loads = self.view.get("loads", {})
+            agent_loads = {table: at for table, at in filled.items() if loads.get(table, 0) < at - 2 * TICK * ASK_TICKS}
             self._served.update(answer)
+            self._show({"loads": loads | agent_loads})
         self._show({"agent": agent})
         self._show_cells()
         sample = [round(time.time()), agent.get("rate"), {cell.id: self.view["cells"][cell.id][:2] for cell in _graphed(unit.cells)}]

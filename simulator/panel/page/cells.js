@@ -32,7 +32,11 @@ export function numbers(cell, [text, served]) {
   return [has, NUMBER.test(served ?? '') ? Number(served) / 10 ** cell.decimals : null];
 }
 
-export const ageOf = (loads, table, now) => (loads?.[table] ? Math.max(0, Math.round(now - loads[table])) : null);
+// The panel asks every 6 s, so no cache is older than 66 s: a later one was filled unseen.
+export function ageOf(loads, table, now) {
+  const age = Math.max(0, Math.round(now - (loads?.[table] ?? -Infinity)));
+  return age <= 66 ? age : null;
+}
 
 export function ageText(age) {
   if (age === null) return 'cache up to 60 s old';

@@ -161,7 +161,7 @@ export class Device {
     const { status, worst, about, agent } = this;
     const state = status !== 'running' ? status : agent.answers === false ? 'silent' : worst ?? 'ok';
     put(this.title, about.sysName || this.name);
-    put(this.subtitle, [about.name, about.model, about.text, about.location, about.address].filter(Boolean).join(' · '));
+    put(this.subtitle, [about.name !== about.sysName && about.name, about.model, about.text, about.location, about.address].filter(Boolean).join(' · '));
     const text = { gone: 'The device is gone', silent: this.why || 'snmpd does not answer', starting: 'The device starts' }[state] ?? STATES[state];
     if (this.state.dataset.state !== state || this.state.dataset.text !== text) {
       Object.assign(this.state.dataset, { state, text });

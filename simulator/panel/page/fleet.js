@@ -43,6 +43,6 @@ function tileOf(tile) {
   return h('li', {}, h('a', { class: 'tile', href: `/device/${encodeURIComponent(tile.name)}`, 'data-state': tile.state },
     h('span', { class: 'tile-state' }, lampIcon(tile.state, 15), STATES[tile.state],
       tile.faults ? h('span', { class: 'count' }, tile.faults === 1 ? '1 message' : `${tile.faults} messages`) : null),
-    h('strong', {}, tile.name), h('span', { class: 'model' }, String(tile.model), h('span', {}, tile.text ?? '')),
+    h('strong', {}, tile.name), h('span', { class: 'model' }, String(tile.model), h('span', {}, (tile.text ?? '').replace(/^Orvane /, ''))),
     h('span', { class: 'where' }, tile.location ?? ''), h('code', {}, tile.address)));
 }
