@@ -5,6 +5,7 @@ Read from the catalogue, the plain tables of the devices' facts, and from the MI
 from __future__ import annotations
 
 import dataclasses
+import functools
 import re
 from collections.abc import Iterator
 from pathlib import Path
@@ -62,18 +63,14 @@ class Cell:
     controls: list[dict[str, Any]] = dataclasses.field(default_factory=list)
 
 
-@dataclasses.dataclass
-class Mib:
-    states: dict[str, dict[int, str]]  # by object
-
-    @classmethod
-    def read(cls, file: Path) -> Mib:
-        text = file.read_text()
-        enumerations = {name: {int(code): word for word, code in re.findall(r"(\w+)\((\d+)\)", body)}
-                        for name, body in re.findall(r"^(\w+) ::= TEXTUAL-CONVENTION(?:(?!::=).)*?SYNTAX INTEGER \{(.*?)\}",
-                                                     text, re.DOTALL | re.MULTILINE)}
-        return cls({name: enumerations.get(syntax, {})
-                    for name, syntax in re.findall(r"^(\w+) OBJECT-TYPE\s+SYNTAX\s+(\w+)", text, re.MULTILINE)})
+@functools.lru_cache(2)
+def states(mib: str) -> dict[str, dict[int, str]]:
+    """The states of each object in the text of the MIB."""
+    enumerations = {name: {int(code): word for word, code in re.findall(r"(\w+)\((\d+)\)", body)}
+                    for name, body in re.findall(r"^(\w+) ::= TEXTUAL-CONVENTION(?:(?!::=).)*?SYNTAX INTEGER \{(.*?)\}",
+                                                 mib, re.DOTALL | re.MULTILINE)}
+    return {name: enumerations.get(syntax, {})
+            for name, syntax in re.findall(r"^(\w+) OBJECT-TYPE\s+SYNTAX\s+(\w+)", mib, re.MULTILINE)}
 
 
 def _has(row: Row, model: int, expanders: bool) -> bool:
@@ -101,7 +98,7 @@ def _columns() -> Iterator[tuple[str, str, str, str]]:
             yield table, item["object"], f"{ROOT}.{item['arc']}", item["content"].rstrip(".")
 
 
-def cells(model: int, model_text: str, mib: Mib) -> list[Cell]:
+def cells(model: int, model_text: str, mib: str) -> list[Cell]:
     """In the order of a walk."""
     expanders = model_text in EXPANDERS
     feeds = {field: (parser, path) for field, parser, path in _feeds(model, expanders)}
@@ -113,7 +110,7 @@ def cells(model: int, model_text: str, mib: Mib) -> list[Cell]:
                 continue  # always notReported
             index = int(row["index"])
             cell = Cell(f"{name}.{index}", table, index, row["description"], name, f"{oid}.{index}",
-                        mib.states.get(name, {}), *_unit(name))
+                        states(mib).get(name, {}), *_unit(name))
             _connect(cell, str(model) in STATIONS, row["source"], feeds.get(row["source"] + content))
             found.append(cell)
     return found

@@ -154,7 +154,8 @@ class Traps:
 
     def __init__(self, running: Running, host: str) -> None:
         self._tail = Tail(running.traps, 1 << 17)
-        self._host = host  # of a fleet's file only the traps of this system name; empty: all
+        # In a fleet's file only the traps of this system name.
+        self._host = "" if running.traps.is_relative_to(running.root) else host
 
     def read(self) -> list[dict[str, Any]]:
         return [trap for record in self._tail.read(RECORD_END)

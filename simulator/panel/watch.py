@@ -95,12 +95,10 @@ class Feed:
 class Unit:
     """One start of a device, with what is known of it."""
 
-    def __init__(self, running: Running, mibs: dict[str, rows.Mib]) -> None:
-        self.running = running
+    def __init__(self, running: Running) -> None:
+        self.running, self.folder = running, running.root / STATE_FOLDER[1:]
         self.text = (running.root / "etc/xr-model").read_text().strip()
-        file = running.root / f"{STATE_FOLDER[1:]}/mibs/KVSNMP-MIB"
-        self.mib = mibs.setdefault("mib", rows.Mib.read(file)) if not mibs else mibs["mib"]
-        self.cells = rows.cells(running.model, self.text, self.mib)
+        self.cells = rows.cells(running.model, self.text, (self.folder / "mibs/KVSNMP-MIB").read_text())
         self.facts = Facts(running.model)
         self.control = Control(running)
 
@@ -118,9 +116,6 @@ class Unit:
                 f"{device.address}:{device.port}" if device.port else "separate network",
                 "sysName": self.facts.setting("mib_2_settings/sys_name"),
                 "location": self.facts.setting("mib_2_settings/sys_location")}
-
-
-_mibs: dict[str, rows.Mib] = {}
 
 
 class Watch(Feed):
@@ -158,12 +153,11 @@ class Watch(Feed):
         self._ticks += 1
 
     def _begin(self, running: Running) -> None:
-        self.unit = Unit(running, _mibs)
+        self.unit = Unit(running)
         self.view, self._served, self._ticks = {}, {}, 0
         self._packets.clear()
         self._logs, self._manager = Logs(running), Manager(running)
-        own_file = running.traps.is_relative_to(running.root)
-        self._traps, self._own_traps = None, own_file
+        self._traps: Traps | None = None
         self.traps.clear()
 
     async def _facts(self) -> None:
@@ -177,8 +171,7 @@ class Watch(Feed):
             return
         unit.facts.announced |= self._logs.announced()
         if self._traps is None:
-            about = unit.about()
-            self._traps = Traps(unit.running, "" if self._own_traps else about["sysName"])
+            self._traps = Traps(unit.running, unit.facts.setting("mib_2_settings/sys_name"))
         new = self._traps.read()
         self.traps.extend(new)
         loads = self.view.get("loads", {}) | self._logs.loads()
@@ -191,27 +184,22 @@ class Watch(Feed):
         unit, everything = self.unit, self._ticks % ASK_TICKS == 0
         oids = [UPTIME, PACKETS, *(cell.oid for cell in unit.cells if everything)]
         answer = await self._manager.get(oids, unit.facts.setting("access_control/community"))
-        agent: dict[str, Any] = {"answers": answer is not None, "asked": time.time()}
+        agent: dict[str, Any] = {"answers": answer is not None}
         if answer is None:
-            agent["asked"] = self.view.get("agent", {}).get("asked", 0)
             self._packets.clear()
         else:
             now, packets = time.monotonic(), int(answer.get(PACKETS, 0))
             if self._packets and packets < self._packets[-1][1]:
                 self._packets.clear()  # another snmpd
             self._packets.append((now, packets, self._manager.sent))
-            begin = self._packets[0]
-            if now > begin[0]:
-                agent |= {"rate": round((packets - begin[1]) / (now - begin[0]), 2),
-                          "own": round((self._manager.sent - begin[2]) / (now - begin[0]), 2)}
-            agent["uptime"] = int(answer.get(UPTIME, 0)) // 100
-            # A log may be missing: a value that differs from the last reading shows that the cache was filled in between.
-            filled = {cell.table: time.time() for cell in unit.cells if cell.oid in answer and cell.oid in self._served
-                      and answer[cell.oid] != self._served[cell.oid]}
-            loads = self.view.get("loads", {})
-            agent_loads = {table: at for table, at in filled.items() if loads.get(table, 0) < at - 2 * TICK * ASK_TICKS}
+            rates = [round((last - first) / (now - self._packets[0][0]), 2) if len(self._packets) > 1 else None
+                     for first, last in zip(self._packets[0][1:], self._packets[-1][1:], strict=True)]
+            agent |= {"rate": rates[0], "own": rates[1], "uptime": int(answer.get(UPTIME, 0)) // 100}
+            # Without a log: a value that differs from the last reading shows that the cache was filled in between.
+            loads, since = self.view.get("loads", {}), time.time() - 2 * TICK * ASK_TICKS
+            changed = {cell.table for cell in unit.cells if everything and answer.get(cell.oid) != self._served.get(cell.oid, answer.get(cell.oid))}
+            self._show({"loads": loads | {table: time.time() for table in changed if loads.get(table, 0) < since}})
             self._served.update(answer)
-            self._show({"loads": loads | agent_loads})
         self._show({"agent": agent})
         self._show_cells()
         sample = [round(time.time()), agent.get("rate"), {cell.id: self.view["cells"][cell.id][:2] for cell in _graphed(unit.cells)}]
@@ -280,7 +268,7 @@ class Watch(Feed):
             raise Refused("this model has no such scenario")
         if self._process and self._process.returncode is None:
             raise Refused("a scenario is running already")
-        settings = Settings.from_json((device.root / f"{STATE_FOLDER[1:]}/settings.json").read_text())
+        settings = Settings.from_json((self.unit.folder / "settings.json").read_text())
         command = [settings.program("talctl"), "--control", self.unit.control.path, "scenario", name]
         self._process = await asyncio.create_subprocess_exec(*command, stdout=asyncio.subprocess.DEVNULL,
                                                              stderr=asyncio.subprocess.PIPE)
@@ -340,7 +328,7 @@ class Fleet(Feed):
         if not device.ready:
             return tile
         try:
-            unit = self.units.get(device.name) or self.units.setdefault(device.name, Unit(device, _mibs))
+            unit = self.units.get(device.name) or self.units.setdefault(device.name, Unit(device))
             await unit.take()
         except (Refused, OSError):
             return tile | {"state": "silent"}

@@ -1,7 +1,7 @@
 // The page of one device.
 import { h, lampIcon, post, put, STATES } from './dom.js';
-import { ageOf, ageText, deviceText, isLate, managerText, numbers, rowName, TITLES } from './cells.js';
-import { byTable, Drawing } from './drawing.js';
+import { ageOf, numbers, rowName } from './cells.js';
+import { Drawing } from './drawing.js';
 import { Inspector, quote } from './inspector.js';
 import { chart } from './charts.js';
 
@@ -38,7 +38,6 @@ export class Device {
     if (message.cells) {
       Object.assign(this.cells, message.cells);
       this.drawing?.update(message.cells);
-      this.updateTables(message.cells);
     }
     if (message.sample) this.history = [...this.history, message.sample].slice(-SAMPLES);
     if (message.traps && this.drawing) this.addTraps(message.traps);
@@ -59,7 +58,7 @@ export class Device {
     const exec = (action, command) => h('button', { title: command, onclick: () => this.run(`${this.base}/agent`, action, command) }, { restart: 'Restart snmpd', kill: 'Kill snmpd' }[action]);
     const inside = `${message.command} exec --name ${this.name} -- sh -c`;
     this.body.replaceChildren(
-      h('main', {}, this.drawing.node, this.graphs(), this.tables()),
+      h('main', {}, this.drawing.node, this.graphs()),
       h('aside', {}, this.inspector.node,
         card('Traps, as the receiver decoded them', this.trapList),
         card('Messages', this.raiseForm(message.messages), this.faultList, h('details', {}, this.switchSum, this.switchList)),
@@ -103,32 +102,6 @@ export class Device {
     return h('section', { class: 'graphs', 'aria-label': 'Last 15 minutes' }, h('h2', {}, 'Last 15 minutes'), this.plots.map(({ title, node: plot }) => h('figure', {}, h('figcaption', {}, title), plot)));
   }
 
-  tables() {
-    this.fields = new Map();
-    this.tableAges = [];
-    return h('section', { class: 'values' }, h('h2', {}, 'All values'), [...byTable(this.model)].map(([table, cells]) => {
-      const age = h('span', { class: 'hint' });
-      this.tableAges.push([table, age]);
-      return h('details', {}, h('summary', {}, TITLES[table], h('code', {}, table), age),
-        h('div', { class: 'scroll' }, h('table', {}, h('thead', {}, h('tr', {}, ['Row', 'Object', 'Device has', 'Manager reads', 'OID'].map((text) => h('th', { scope: 'col' }, text)))),
-          h('tbody', {}, cells.map((cell) => {
-            const has = h('td'), reads = h('td');
-            this.fields.set(cell.id, { cell, has, reads });
-            return h('tr', {}, h('td', {}, cell.row), h('td', {}, h('button', { class: 'quiet', onclick: () => this.select(cell) }, cell.id)), has, reads, h('td', {}, h('code', {}, cell.oid)));
-          })))));
-    }));
-  }
-
-  updateTables(cells) {
-    for (const [id, entry] of Object.entries(cells)) {
-      const field = this.fields?.get(id);
-      if (!field) continue;
-      put(field.has, deviceText(field.cell, entry));
-      put(field.reads, managerText(field.cell, entry));
-      field.reads.classList.toggle('late', isLate(entry));
-    }
-  }
-
   // Drawing
 
   draw(message) {
@@ -149,8 +122,8 @@ export class Device {
       put(this.answers, this.agent.answers ? 'yes' : 'no');
       this.answers.classList.toggle('late', !this.agent.answers);
       put(this.uptime, this.agent.uptime === undefined ? '–' : `${this.agent.uptime} s`);
-      put(this.rate, this.agent.rate === undefined ? '–' : `${this.agent.rate.toFixed(1)} /s`);
-      put(this.share, this.agent.own === undefined ? '' : `${this.agent.own.toFixed(1)} of them per second are the panel’s.`);
+      put(this.rate, typeof this.agent.rate !== 'number' ? '–' : `${this.agent.rate.toFixed(1)} /s`);
+      put(this.share, typeof this.agent.own !== 'number' ? '' : `${this.agent.own.toFixed(1)} of them per second are the panel’s.`);
     }
     if (message.sample || message.whole) for (const plot of this.plots) plot.draw(this.history);
     this.inspector.update();
@@ -187,7 +160,6 @@ export class Device {
       put(text, age === null ? '≤ 60 s' : age > 60 ? 'expired' : `${age} s`);
       bar.style.width = `${Math.min(100, (age ?? 0) / 0.6)}%`;
     }
-    for (const [table, text] of this.tableAges) put(text, ageText(ageOf(this.loads, table, this.now())));
     this.inspector.update();
   }
 

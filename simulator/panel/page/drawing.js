@@ -115,7 +115,7 @@ export class Drawing {
   }
 }
 
-export function byTable(cells) {
+function byTable(cells) {
   const found = new Map();
   for (const cell of cells) found.set(cell.table, [...(found.get(cell.table) ?? []), cell]);
   return found;

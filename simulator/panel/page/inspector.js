@@ -72,8 +72,7 @@ export class Inspector {
     const command = h('code', { class: 'command' });
     const buttons = Object.entries(choices).map(([text, words]) => {
       const show = () => put(command, quote(['talctl', ...words]));
-      const set = { text, button: h('button', { type: 'button', onclick: () => run(words), onmouseenter: show, onfocus: show }, text) };
-      return set.button;
+      return h('button', { type: 'button', onclick: () => run(words), onmouseenter: show, onfocus: show }, text);
     });
     put(command, quote(['talctl', ...Object.values(choices)[0]]));
     return h('div', { class: 'control', role: 'group', 'aria-label': label }, h('span', { class: 'label' }, label), h('span', { class: 'choices' }, buttons), command);
