@@ -55,11 +55,11 @@ def start_parser() -> argparse.ArgumentParser:
     parser.add_argument("--base-port", type=cli.port_number, metavar="N",
                         help="all devices have the same address (default 127.0.0.1), and the UDP ports from this one "
                              "on (default: port 161, which needs root)")
-    parser.add_argument("--panel", type=cli.port_number, metavar="N",
-                        help="serve the front panel, a web page of the devices, on this TCP port of 127.0.0.1")
     parser.add_argument("--trap-target", type=trap_target, metavar="HOST[:PORT]",
                         help="where all traps go, instead of the fleet's own receiver at port 162 of 127.0.0.1 or, "
                              "with --base-port, the port after the last device's")
+    parser.add_argument("--panel", type=cli.port_number, metavar="N",
+                        help="serve the front panel, a web page of all devices, on this TCP port of 127.0.0.1")
     parser.add_argument("--inventory", metavar="FILE",
                         help='write the list of the devices for file_sd of Prometheus ("-": standard output)')
     parser.add_argument("--seed", type=int, default=1, metavar="N", help="of the random values and faults (default 1)")
@@ -153,9 +153,9 @@ def run_start(arguments: list[str]) -> int:
     options = start_parser().parse_args(arguments)
     cli.check_programs()
     *devices, receiver = settings_of(options)
-    check_watches(len(devices))
     if options.panel:
         panel.check(options.panel)
+    check_watches(len(devices))
     registry.sweep()
     started = time.monotonic()
     fleet_claim = registry.claim(NAME, 0)

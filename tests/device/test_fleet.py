@@ -56,10 +56,10 @@ class Fleet:
     def owner(self) -> int:
         return self.devices[0].owner
 
-    def run(self, device: registry.Running, *command: str) -> str:
+    def run(self, device: registry.Running, *command: str, check: bool = True) -> str:
         """The output of a command inside a device."""
         enter = sandbox.enter_command(device.first_process, list(command))
-        return subprocess.run(enter, capture_output=True, text=True, check=True, timeout=60, stdin=subprocess.DEVNULL).stdout
+        return subprocess.run(enter, capture_output=True, text=True, check=check, timeout=60, stdin=subprocess.DEVNULL).stdout
 
     def get(self, device: registry.Running, oid: str) -> str:
         return self.run(device, "snmpget", "-v2c", "-c", "public", "-Oqv", f"{device.address}:{device.port}", oid).strip().strip('"')
@@ -269,12 +269,15 @@ def test_stop_ends_the_fleet(fleet):
 
 
 def test_ctrl_c_leaves_nothing_behind(start_fleet, base):
-    fleet = start_fleet("--count", "2", "--base-port", "2161", "--faults-per-hour", "36000", "--step", "1").wait_answering()
+    fleet = start_fleet("--count", "2", "--base-port", "2161", "--faults-per-hour", "36000", "--step", "1",
+                        "--panel", "8080").wait_answering()
     assert [(device.address, device.port) for device in fleet.devices] == [("127.0.0.1", 2161), ("127.0.0.1", 2162)]
     assert [fleet.get(device, SYS_NAME) for device in fleet.devices] == [device.name for device in fleet.devices]
+    page = ["python3", "-c", "import urllib.request as r; print(r.urlopen('http://127.0.0.1:8080/').status)"]
+    wait_until(lambda: "200" in fleet.run(fleet.devices[0], *page, check=False), 30, 0.5, "front panel answers")
     wait_until(lambda: any("trapDescription.0" in trap for trap in fleet.traps()), 30, 0.2, "a fault of the walk")
     children = [int(number) for number in Path(f"/proc/{fleet.owner}/task/{fleet.owner}/children").read_text().split()]
-    assert len(children) == 3
+    assert len(children) == 4  # the sandboxes and the front panel
     processes = children + [device.first_process for device in fleet.devices]
     assert fleet.end(signal.SIGINT) == 0
     assert all(is_gone(process) for process in processes)
