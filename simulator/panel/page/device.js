@@ -7,6 +7,7 @@ import { chart } from './charts.js';
 
 const LEVELS = ['crit', 'err', 'warning', 'notice'];
 const SAMPLES = 450;
+const duration = (seconds) => (seconds === undefined ? '–' : seconds < 120 ? `${seconds} s` : `${Math.floor(seconds / 60)} min`);
 const card = (title, ...content) => h('section', { class: 'card' }, h('h2', {}, title), ...content);
 
 export class Device {
@@ -121,7 +122,7 @@ export class Device {
     if (message.agent) {
       put(this.answers, this.agent.answers ? 'yes' : 'no');
       this.answers.classList.toggle('late', !this.agent.answers);
-      put(this.uptime, this.agent.uptime === undefined ? '–' : `${this.agent.uptime} s`);
+      put(this.uptime, duration(this.agent.uptime));
       put(this.rate, typeof this.agent.rate !== 'number' ? '–' : `${this.agent.rate.toFixed(1)} /s`);
       put(this.share, typeof this.agent.own !== 'number' ? '' : `${this.agent.own.toFixed(1)} of them per second are the panel’s.`);
     }

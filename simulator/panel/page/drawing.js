@@ -131,12 +131,12 @@ function dialOf(cell, y) {
   const at = (x) => `translate(${x} ${y})`;
   if (cell.object === 'tempCurrent' || (cell.object === 'voltageValue' && cell.nominal)) {
     const volts = cell.object === 'voltageValue';
-    const needle = s('rect', { class: volts ? 'needle' : 'fill', x: 162, y: y - (volts ? 5 : 2), height: volts ? 10 : 4, width: 3, rx: 1.5 });
+    const needle = s('rect', { class: volts ? 'needle' : 'fill', x: 164, y: y - (volts ? 5 : 2), height: volts ? 10 : 4, width: 3, rx: 1.5 });
     const share = (value) => (volts ? (value / cell.nominal - 1) / 0.3 + 0.5 : value / 100);
-    return { nodes: [s('rect', { class: 'track', x: 162, y: y - 2, width: 36, height: 4, rx: 2 }), volts ? s('path', { class: 'nominal', d: `M180 ${y - 5}v10` }) : null, needle],
+    return { nodes: [s('rect', { class: 'track', x: 164, y: y - 2, width: 36, height: 4, rx: 2 }), volts ? s('path', { class: 'nominal', d: `M182 ${y - 5}v10` }) : null, needle],
       set([text]) {
         const place = 36 * Math.min(1, Math.max(0, share(Math.abs(Number(text)) || 0)));
-        needle.setAttribute(volts ? 'x' : 'width', volts ? 162 + Math.min(place, 33) : Math.max(place, 2));
+        needle.setAttribute(volts ? 'x' : 'width', volts ? 164 + Math.min(place, 33) : Math.max(place, 2));
       } };
   }
   if (cell.object === 'fanSpeed') {

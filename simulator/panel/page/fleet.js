@@ -1,7 +1,8 @@
 // The fleet: a tile for each device.
 import { h, lampIcon, put, STATES } from './dom.js';
 
-const ORDER = ['silent', 'bad', 'warn', 'starting', 'notice', 'unknown', 'ok'];
+const SUMS = { silent: 'without an answer', bad: 'with a fault', warn: 'with a warning', starting: 'starting', notice: 'with a notice', ok: 'in order' };
+const ORDER = Object.keys(SUMS);
 
 export class Fleet {
   constructor() {
@@ -32,7 +33,7 @@ export class Fleet {
       (this.worstFirst ? ORDER.indexOf(a.state) - ORDER.indexOf(b.state) : 0) || names.compare(a.name, b.name));
     put(this.title, tiles.length === 1 ? '1 device' : `${tiles.length} devices`);
     this.sums.replaceChildren(...ORDER.map((state) => [state, tiles.filter((tile) => tile.state === state).length])
-      .filter(([, count]) => count).map(([state, count]) => h('li', { 'data-state': state }, lampIcon(state, 13), `${count} ${STATES[state].toLowerCase()}`)));
+      .filter(([, count]) => count).map(([state, count]) => h('li', { 'data-state': state }, lampIcon(state, 13), `${count} ${SUMS[state]}`)));
     const focused = document.activeElement?.getAttribute?.('href');
     this.list.replaceChildren(...(tiles.length ? tiles.map(tileOf) : [h('li', { class: 'empty' }, 'No device runs. Start one: scripts/device --model 6420')]));
     if (focused) this.list.querySelector(`a[href="${CSS.escape(focused)}"]`)?.focus();
