@@ -13,7 +13,8 @@ from typing import Any
 
 ROOT = ".1.3.6.1.4.1.52717.3"
 HERE = Path(__file__).resolve().parent
-CATALOGUE = next(folder for folder in (HERE.parents[1] / "tests/catalogue", HERE.parent / "catalogue") if folder.is_dir())
+CATALOGUE = next(folder for folder in (HERE.parents[1] / "tests/catalogue", HERE.parent / "catalogue")
+    if folder.is_dir())
 RANGE = re.compile(r"(\d+)\.\.(\d+)")
 EXPANDERS = ("Orvane Brisel Compact - IP-QRM-B", "Orvane Brisel Extended - IP-QRM-B")
 
@@ -119,7 +120,8 @@ def cells(model: int, model_text: str, mib: str) -> list[Cell]:
 def _unit(name: str) -> tuple[int, str]:
     if "Voltage" in name or name == "voltageValue":
         return 3, "V"
-    return {"tempCurrent": (1, "°C"), "tempPeak": (1, "°C"), "tempAverage": (1, "°C"), "fanSpeed": (0, "rpm")}.get(name, (0, ""))
+    return {"tempCurrent": (1, "°C"), "tempPeak": (1, "°C"), "tempAverage": (1, "°C"),
+        "fanSpeed": (0, "rpm")}.get(name, (0, ""))
 
 
 def _connect(cell: Cell, station: bool, source: str, feed: tuple[str, str] | None) -> None:
@@ -130,7 +132,8 @@ def _connect(cell: Cell, station: bool, source: str, feed: tuple[str, str] | Non
         cell.kind, cell.place, cell.path = "channel", place, _path("amp_enable", f"ch{channel + 1}")
         cell.controls = [_choices("Amplifier monitor", ["monitor", "amp", str(channel)],
                                   {"in operation": "2", "out of order": "1"}),
-                         _choices("Class-D amplifier", ["set", PARSERS["class_d"]["path"]], {"ok": "ok", "fault": "fault"}),
+                         _choices("Class-D amplifier", ["set", PARSERS["class_d"]["path"]],
+                             {"ok": "ok", "fault": "fault"}),
                          _switch(cell.path)]
     elif cell.object.endswith("Status") and source.startswith("let."):
         cell.kind, cell.place = "let", place
@@ -144,7 +147,8 @@ def _connect(cell: Cell, station: bool, source: str, feed: tuple[str, str] | Non
             cell.line, cell.path = f"gpio{number}", PARSERS["gpio_type"]["path"].replace("%1", str(number))
             cell.controls = [_level(cell.line)]
             if number <= 6:
-                cell.controls.append(_choices("Type", ["set", cell.path], {word: word for word in ("gpi", "gpo", "none")}))
+                cell.controls.append(_choices("Type", ["set", cell.path],
+                    {word: word for word in ("gpi", "gpo", "none")}))
         else:
             cell.controls = [_choices("Amplifier monitor", ["monitor", monitor, str(number - 1)],
                                       {word: word for word in CODES[f"{cell.kind}_state"]})]

@@ -74,7 +74,8 @@ class Manager:
 
     async def _get(self, oids: list[str], community: str) -> dict[str, str] | None:
         device = self._running
-        command = ["snmpget", "-v2c", "-c", community, "-r", "0", "-t", "1", "-m", "", "-On", "-Oe", "-OQ", "-OU", "-Ot",
+        command = ["snmpget", "-v2c", "-c", community, "-r", "0", "-t", "1", "-m", "", "-On", "-Oe", "-OQ", "-OU",
+            "-Ot",
                    f"{device.address}:{device.port}" if device.port else "127.0.0.1", *oids]
         if not device.port:
             command = sandbox.enter_command(device.first_process, command)

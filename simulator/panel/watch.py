@@ -21,6 +21,7 @@ TICK, ASK_TICKS, GPIO_TICKS, TILE_SECONDS = 2.0, 3, 2, 5.0
 HISTORY = int(15 * 60 / TICK)
 STIR = "touch /etc/snmp/stirred; rm /etc/snmp/stirred"  # the daemon restarts snmpd when the folder changes
 KILL = "kill -9 $(cat /run/snmpd.pid)"
+MESSAGES = [[row["notification"], row["switch"], row["identifiers"].split()] for row in rows.TRAPS]
 AGENT = {"restart": STIR, "kill": KILL}
 SCENARIOS = next((folder for folder in (rows.HERE.parent / "scenarios",) if folder.is_dir()), rows.HERE)
 
@@ -174,9 +175,9 @@ class Watch(Feed):
             self._traps = Traps(unit.running, unit.facts.setting("mib_2_settings/sys_name"))
         new = self._traps.read()
         self.traps.extend(new)
-        loads = self.view.get("loads", {}) | self._logs.loads()
-        self._show({"status": "running", "why": "", "faults": unit.facts.faults, "switches": unit.facts.switches, "loads": loads,
-                    "about": unit.about(), "worst": worst(unit.facts, unit.cells)} | ({"traps": new} if new else {}))
+        facts = unit.facts
+        self._show({"status": "running", "why": "", "faults": facts.faults, "switches": facts.switches,
+                    "about": unit.about(), "worst": worst(facts, unit.cells)} | ({"traps": new} if new else {}))
         self._show_cells()
 
     async def _read(self) -> None:
@@ -185,6 +186,7 @@ class Watch(Feed):
         oids = [UPTIME, PACKETS, *(cell.oid for cell in unit.cells if everything)]
         answer = await self._manager.get(oids, unit.facts.setting("access_control/community"))
         agent: dict[str, Any] = {"answers": answer is not None}
+        loads = self.view.get("loads", {}) | self._logs.loads()
         if answer is None:
             self._packets.clear()
         else:
@@ -196,13 +198,15 @@ class Watch(Feed):
                      for first, last in zip(self._packets[0][1:], self._packets[-1][1:], strict=True)]
             agent |= {"rate": rates[0], "own": rates[1], "uptime": int(answer.get(UPTIME, 0)) // 100}
             # Without a log: a value that differs from the last reading shows that the cache was filled in between.
-            loads, since = self.view.get("loads", {}), time.time() - 2 * TICK * ASK_TICKS
-            changed = {cell.table for cell in unit.cells if everything and answer.get(cell.oid) != self._served.get(cell.oid, answer.get(cell.oid))}
-            self._show({"loads": loads | {table: time.time() for table in changed if loads.get(table, 0) < since}})
+            changed = {cell.table for cell in unit.cells
+                       if cell.oid in answer and answer[cell.oid] != self._served.get(cell.oid, answer[cell.oid])}
+            now, since = time.time(), time.time() - 2 * TICK * ASK_TICKS
+            loads |= {table: now for table in changed if loads.get(table, 0) < since}
             self._served.update(answer)
-        self._show({"agent": agent})
+        self._show({"agent": agent, "loads": loads})
         self._show_cells()
-        sample = [round(time.time()), agent.get("rate"), {cell.id: self.view["cells"][cell.id][:2] for cell in _graphed(unit.cells)}]
+        cells = self.view["cells"]
+        sample = [round(time.time()), agent.get("rate"), {cell.id: cells[cell.id][:2] for cell in _graphed(unit.cells)}]
         self.history.append(sample)
         self.send({"sample": sample})
 
@@ -232,11 +236,12 @@ class Watch(Feed):
             self.send(changed)
 
     def whole(self) -> dict[str, Any]:
-        message: dict[str, Any] = {"status": "gone"} | self.view | {"now": time.time(), "whole": True, "only": self.only, "command": COMMAND}
+        message = {"status": "gone"} | self.view | {"now": time.time(), "whole": True, "only": self.only, "command": COMMAND}
         if self.unit:
-            message |= {"about": self.unit.about(), "model": [_shown(cell) for cell in self.unit.cells], "traps": list(self.traps),
-                        "history": list(self.history), "messages": [[row["notification"], row["switch"], row["identifiers"].split()]
-                                                                    for row in rows.TRAPS], "scenarios": scenarios(self.unit.running.model)}
+            message |= {
+                "about": self.unit.about(), "model": [_shown(cell) for cell in self.unit.cells],
+                "traps": list(self.traps), "history": list(self.history), "messages": MESSAGES,
+                "scenarios": scenarios(self.unit.running.model)}
         return message
 
     def close(self) -> None:
@@ -282,7 +287,8 @@ class Watch(Feed):
         self._show({"scenario": {"name": name, "state": "ended" if not process.returncode else f"failed: {text}"}})
 
     async def _run_program(self, command: list[str]) -> str:
-        process = await asyncio.create_subprocess_exec(*command, stdout=asyncio.subprocess.PIPE, stderr=asyncio.subprocess.STDOUT)
+        process = await asyncio.create_subprocess_exec(
+            *command, stdout=asyncio.subprocess.PIPE, stderr=asyncio.subprocess.STDOUT)
         output, _ = await process.communicate()
         if process.returncode:
             raise Refused(output.decode(errors="replace").strip() or f"status {process.returncode}")
@@ -290,7 +296,8 @@ class Watch(Feed):
 
 
 def _graphed(cells: list[rows.Cell]) -> list[rows.Cell]:
-    return [cell for cell in cells if cell.object in ("tempCurrent", "fanSpeed", "voltageValue") or cell.object.endswith("Voltage")]
+    graphed = ("tempCurrent", "fanSpeed", "voltageValue")
+    return [cell for cell in cells if cell.object in graphed or cell.object.endswith("Voltage")]
 
 
 def _shown(cell: rows.Cell) -> dict[str, Any]:
