@@ -236,7 +236,8 @@ class Watch(Feed):
             self.send(changed)
 
     def whole(self) -> dict[str, Any]:
-        message = {"status": "gone"} | self.view | {"now": time.time(), "whole": True, "only": self.only, "command": COMMAND}
+        message = {"status": "gone"} | self.view
+        message |= {"now": time.time(), "whole": True, "only": self.only, "command": COMMAND}
         if self.unit:
             message |= {
                 "about": self.unit.about(), "model": [_shown(cell) for cell in self.unit.cells],

@@ -4,6 +4,7 @@ from __future__ import annotations
 import http.client
 import json
 import os
+import shutil
 import signal
 import socket
 import subprocess
@@ -41,9 +42,9 @@ def free_port(kind: int = socket.SOCK_STREAM) -> int:
 
 
 class Server:
-    def __init__(self, *options: str, address: str = "127.0.0.1") -> None:
+    def __init__(self, *options: str, address: str = "127.0.0.1", script: Path = SERVER) -> None:
         self.address, self.port = address, free_port()
-        self.process = subprocess.Popen(["/usr/bin/python3", SERVER, "--port", str(self.port), *options], text=True,
+        self.process = subprocess.Popen(["/usr/bin/python3", script, "--port", str(self.port), *options], text=True,
                                         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         assert self.process.stdout.readline() == f"panel: http://{address}:{self.port}/\n"
 
@@ -401,6 +402,22 @@ def test_a_device_with_a_panel(start_device):
     assert ask("/events")[0] == ask("/device/another")[0] == 404
     os.kill(made._script.pid, signal.SIGKILL)
     wait_until(lambda: ask("/") == (0, ""), 20, what="the panel has ended")
+
+
+def test_the_installed_panel_finds_its_files(tmp_path, device):
+    """The package has the panel and the catalogue beside devicelib."""
+    for folder in ("scripts/devicelib", "simulator/panel", "simulator/scenarios", "tests/catalogue"):
+        shutil.copytree(CHECKOUT / folder, tmp_path / Path(folder).name)
+    installed = Server(script=tmp_path / "panel/server.py")
+    try:
+        status, text, _ = installed.ask("GET", "/")
+        assert status == 200 and "app.js" in text
+        connection = http.client.HTTPConnection(installed.address, installed.port, timeout=20)
+        connection.request("GET", f"/device/{device.name}/events")
+        with connection.getresponse() as stream:
+            wait_until(lambda: b'"voltageValue.3"' in stream.readline(), 20, what="the device's cells")
+    finally:
+        installed.stop()
 
 
 def test_a_port_in_use_is_named():

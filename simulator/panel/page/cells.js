@@ -11,7 +11,7 @@ const NUMBER = /^-?[\d.]+$/;
 
 export const rowName = (cell) => cell.row.replace(/^Temperature Sensor: |^Internal voltage |^Internal /, '')
   .replace(/^(LET \d+) .*/, '$1').replace(/(\.0)?V$/, ' V').replace('Microphone ', 'Mic ')
-  .replace('External Control',    'External').replace('ac_power', 'AC').replace('dc_power', 'DC');
+  .replace('External Control', 'External').replace('ac_power', 'AC').replace('dc_power', 'DC');
 
 export function deviceText(cell, [text, , code]) {
   if (!text) return '–';

@@ -19,7 +19,7 @@ export class Inspector {
     this.updates = [];
     this.node.classList.remove('open');
     this.node.replaceChildren(h('h2', {}, 'Selected value'),
-      h('p', { class: 'hint' }, 'Choose a lamp, a line, a transponder or a value to see what the device has, what a manager reads, and to change it.'));
+      h('p', { class: 'hint' }, 'Choose a lamp, a transponder or a value to see both sides of it and to change it.'));
   }
 
   show(cell, cells) {
