@@ -36,7 +36,13 @@ Reply listSubscriptions(Device &device, const QStringList &)
     return {Reply::Done, list.join(QLatin1Char('\n'))};
 }
 
+Reply printModel(Device &device, const QStringList &)
+{
+    return {Reply::Done, device.model};
+}
+
 constexpr CommandAction runnerTable[] = {
+    {"model", printModel},
     {"clients", listClients},
     {"clients drop", dropClients},
     {"subscriptions", listSubscriptions},

@@ -18,6 +18,7 @@ struct Device {
     TalServer &server;
     Monitor *monitor;
     GpioTree *gpio;
+    QString model; ///< its number
 };
 
 /// A command's words, as in the table of commands, and its function, called with a valid number of arguments.

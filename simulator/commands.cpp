@@ -84,18 +84,25 @@ constexpr Command commands[] = {
      "set the level of a GPIO line, or make it fail\n"
      "LINE is a name of gpio list, e.g. gpio3, relay1 or e_relay8, or the line's number. The value of an unreadable line\n"
      "is neither 0 nor 1 for any reader."},
+    {"model", "", 0, 0, service,
+     "print the number of the device's model"},
     {"clients", "", 0, 0, service,
      "print the data service's clients, one per line: number, subscriptions, unread bytes, separated by tabs"},
     {"clients drop", "", 0, 0, service,
      "close the connections of all clients"},
     {"subscriptions", "", 0, 0, service,
      "print the subscriptions in the order of their creation: client, ref, path, separated by tabs"},
-    {"replay", "FILE", 1, 1, client,
+    {"replay", "FILE [--speed FACTOR]", 1, 3, client,
      "run the commands of a file, each at its time\n"
      "A line is SECONDS COMMAND...: the seconds since the start, never less than on the line before, and a command as\n"
      "below, e.g. 2.5 set /state/fans/fan[kid='amp_power']/speed_sensor_rpm 900. Quote words with blanks; a # starts a\n"
      "comment. The whole file is read before the first command is sent; the first failure ends the replay. FILE may be -\n"
-     "for standard input."},
+     "for standard input. Models and a colon before a command limit it to these models: 2.5 6420,6764: set ... A comment\n"
+     "# Models: 6420 6764 limits the whole file. With --speed 10 it takes a tenth of the time."},
+    {"scenario", "[NAME [--speed FACTOR]]", 0, 3, client,
+     "replay a scenario that comes with the simulator\n"
+     "Without a name prints the scenarios, one per line: name, a tab, what happens. The first lines of its file, in the\n"
+     "folder share/kvsnmp-simulator/scenarios, describe it. With --speed 10 it takes a tenth of the time."},
     {"batch", "[--answers]", 0, 1, client,
      "run the commands on standard input, one per line, over one connection\n"
      "Runs all lines and reports failures with their line numbers; the exit code is then 1. A line consists of words as in\n"

@@ -4,11 +4,31 @@
 #include "simulator/commands.h"
 #include "simulator/words.h"
 
+#include <QRegularExpression>
+
 namespace simulator {
 
 namespace {
 
 constexpr double maxSeconds = 1e9; // longer than any replay, and short enough for every clock
+
+/// Removes the models before a command, as in "6420,6764: get /state". Empty without them.
+QStringList takeModels(QStringList &words)
+{
+    static const QRegularExpression models(QStringLiteral("^[0-9]+(,[0-9]+)*:$"));
+    if (words.isEmpty() || !models.match(words.first()).hasMatch())
+        return {};
+    return words.takeFirst().chopped(1).split(QLatin1Char(','));
+}
+
+/// The models in a comment; empty if it is another comment, or names all.
+QStringList modelsInComment(const QString &line)
+{
+    const QString label = QStringLiteral("# Models: ");
+    const QStringList models =
+        line.startsWith(label) ? line.mid(label.size()).split(QLatin1Char(' '), Qt::SkipEmptyParts) : QStringList();
+    return models.contains(QStringLiteral("all")) ? QStringList() : models;
+}
 
 /// The error in the words of one line, which begin with the time; empty without one.
 QString lineError(const QStringList &words, double seconds, bool isNumber, double lastSeconds)
@@ -27,21 +47,24 @@ QString lineError(const QStringList &words, double seconds, bool isNumber, doubl
 
 } // namespace
 
-std::optional<std::vector<TimedCommand>> readReplay(const QString &text, QString &error)
+std::optional<Replay> readReplay(const QString &text, QString &error)
 {
-    std::vector<TimedCommand> commands;
+    Replay replay;
     double lastSeconds = 0;
     const QStringList lines = text.split(QLatin1Char('\n'));
     for (int i = 0; i < lines.size(); ++i) {
         const QString line = lines[i].simplified().isEmpty() ? QString() : lines[i].trimmed();
-        if (line.isEmpty() || line.startsWith(QLatin1Char('#')))
+        if (line.isEmpty() || line.startsWith(QLatin1Char('#'))) {
+            replay.models += modelsInComment(line);
             continue;
+        }
         int blank = 0;
         while (blank < line.size() && !line[blank].isSpace())
             ++blank;
         bool isNumber = false;
         const double seconds = line.left(blank).toDouble(&isNumber);
-        const std::optional<QStringList> words = splitWords(line.mid(blank), error);
+        std::optional<QStringList> words = splitWords(line.mid(blank), error);
+        const QStringList models = words ? takeModels(*words) : QStringList();
         if (words)
             error = lineError(*words, seconds, isNumber, lastSeconds);
         if (!error.isEmpty()) {
@@ -49,9 +72,9 @@ std::optional<std::vector<TimedCommand>> readReplay(const QString &text, QString
             return std::nullopt;
         }
         lastSeconds = seconds;
-        commands.push_back({i + 1, seconds, *words});
+        replay.commands.push_back({i + 1, seconds, models, *words});
     }
-    return commands;
+    return replay;
 }
 
 } // namespace simulator

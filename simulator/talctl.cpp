@@ -5,6 +5,7 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonDocument>
@@ -49,12 +50,22 @@ int runOne(ControlClient &client, const QStringList &words, const QString &failu
     return Reply::Done;
 }
 
-int runReplay(ControlClient &client, const std::vector<TimedCommand> &commands)
+int runReplay(ControlClient &client, const Replay &replay, double speed)
 {
+    const std::optional<Reply> reply = client.send({QStringLiteral("model")}) ? client.receive() : std::nullopt;
+    if (!reply)
+        return serviceWent();
+    const QString &model = reply->text;
+    if (!replay.models.isEmpty() && !replay.models.contains(model))
+        return fail(Reply::Refused,
+                    QStringLiteral("not for model %1, only for: %2").arg(model, replay.models.join(QLatin1Char(' '))));
     QElapsedTimer timer;
     timer.start();
-    for (const TimedCommand &command : commands) {
-        const std::chrono::duration<double> wait(command.seconds - static_cast<double>(timer.nsecsElapsed()) * 1e-9);
+    for (const TimedCommand &command : replay.commands) {
+        if (!command.models.isEmpty() && !command.models.contains(model))
+            continue;
+        const std::chrono::duration<double> wait(command.seconds / speed -
+                                                 static_cast<double>(timer.nsecsElapsed()) * 1e-9);
         if (wait.count() > 0)
             std::this_thread::sleep_for(wait);
         if (const int code = runOne(client, command.words, QStringLiteral("line %1: ").arg(command.line)))
@@ -210,7 +221,57 @@ bool tellsAbout(const Options &options)
     return !text.isEmpty();
 }
 
-bool readReplayFile(const QString &name, std::vector<TimedCommand> &commands, QString &error)
+/// Removes --speed from the words. Nothing, with the reason in `error`, if the rest is no usage of their command.
+std::optional<double> takeSpeed(QStringList &words, QString &error)
+{
+    double speed = 1;
+    bool isNumber = true;
+    if (const int option = words.indexOf(QStringLiteral("--speed")); option > 0) {
+        speed = words.value(option + 1).toDouble(&isNumber);
+        words = words.mid(0, option) + words.mid(option + 2);
+    }
+    if (!isNumber || !(speed > 0) || !std::isfinite(speed))
+        error = QStringLiteral("--speed needs a number above 0");
+    else if (words.size() > 2 || (words.size() < 2 && words.first() != QLatin1String("scenario")))
+        error = usageOf(words.first().toLatin1().constData());
+    return error.isEmpty() ? std::optional(speed) : std::nullopt;
+}
+
+/// The scenarios in the folder beside this program's, ascending.
+QFileInfoList scenarios()
+{
+    const QDir folder(QCoreApplication::applicationDirPath() + QStringLiteral("/../share/kvsnmp-simulator/scenarios"));
+    return folder.entryInfoList({QStringLiteral("*.tal")}, QDir::Files, QDir::Name);
+}
+
+/// Prints the names, and the first line of each file.
+int listScenarios()
+{
+    const QFileInfoList list = scenarios();
+    for (const QFileInfo &scenario : list) {
+        QFile file(scenario.filePath());
+        if (!file.open(QIODevice::ReadOnly))
+            return fail(Reply::Refused, QStringLiteral("%1: %2").arg(file.fileName(), file.errorString()));
+        print(scenario.baseName() + QLatin1Char('\t') + QString::fromUtf8(file.readLine()).mid(1).trimmed());
+    }
+    return Reply::Done;
+}
+
+/// The file of a scenario. Empty, with the reason in `error`, if there is none.
+QString scenarioFile(const QString &name, QString &error)
+{
+    QStringList names;
+    const QFileInfoList list = scenarios();
+    for (const QFileInfo &scenario : list) {
+        if (scenario.baseName() == name)
+            return scenario.filePath();
+        names += scenario.baseName();
+    }
+    error = QStringLiteral("no such scenario: %1 (possible: %2)").arg(name, names.join(QLatin1Char(' ')));
+    return {};
+}
+
+bool readReplayFile(const QString &name, Replay &replay, QString &error)
 {
     QFile file(name);
     const bool open =
@@ -219,13 +280,13 @@ bool readReplayFile(const QString &name, std::vector<TimedCommand> &commands, QS
         error = QStringLiteral("%1: %2").arg(name, file.errorString());
         return false;
     }
-    std::optional<std::vector<TimedCommand>> read = readReplay(QString::fromUtf8(file.readAll()), error);
+    std::optional<Replay> read = readReplay(QString::fromUtf8(file.readAll()), error);
     if (!read) {
         error =
             QStringLiteral("%1, %2").arg(name == QLatin1String("-") ? QStringLiteral("standard input") : name, error);
         return false;
     }
-    commands = std::move(*read);
+    replay = std::move(*read);
     return true;
 }
 
@@ -246,13 +307,20 @@ int main(int argc, char **argv)
     if (!error.isEmpty())
         return fail(Reply::Usage, error);
 
-    const bool replays = options.words.first() == QLatin1String("replay");
+    const bool isScenario = options.words.first() == QLatin1String("scenario");
+    const bool replays = isScenario || options.words.first() == QLatin1String("replay");
     const bool isBatch = options.words.first() == QLatin1String("batch");
     const bool answers = isBatch && options.words.value(1) == QLatin1String("--answers");
     if (isBatch && options.words.size() > 1 && !answers)
         return fail(Reply::Usage, usageOf("batch"));
-    std::vector<TimedCommand> commands;
-    if (replays && !readReplayFile(options.words[1], commands, error))
+    const std::optional<double> speed = replays ? takeSpeed(options.words, error) : 1;
+    if (!speed)
+        return fail(Reply::Usage, error);
+    if (isScenario && options.words.size() == 1)
+        return listScenarios();
+    const QString file = isScenario ? scenarioFile(options.words[1], error) : options.words.value(1);
+    Replay replay;
+    if (replays && (!error.isEmpty() || !readReplayFile(file, replay, error)))
         return fail(Reply::Usage, error);
 
     ControlClient client;
@@ -260,5 +328,5 @@ int main(int argc, char **argv)
         return fail(Reply::NoService, error);
     if (isBatch)
         return Batch(client, answers).run();
-    return replays ? runReplay(client, commands) : runOne(client, options.words);
+    return replays ? runReplay(client, replay, *speed) : runOne(client, options.words);
 }

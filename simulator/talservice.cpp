@@ -203,7 +203,7 @@ int main(int argc, char **argv)
     TalServer server(nullptr, tree, options.maxQueue);
     if (monitor)
         QObject::connect(&server, &TalServer::subscribed, monitor.get(), &Monitor::announceChannelsSoon);
-    Device device{tree, server, monitor.get(), gpio.get()};
+    Device device{tree, server, monitor.get(), gpio.get(), options.model};
     ControlServer controlServer(nullptr, device);
     if (!server.listen(options.socket, error) || !controlServer.listen(options.control, error))
         return fail(CannotServe, error);

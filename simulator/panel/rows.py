@@ -5,6 +5,7 @@ Read from the catalogue, the plain tables of the devices' facts, and from the MI
 from __future__ import annotations
 
 import dataclasses
+import functools
 import re
 from collections.abc import Iterator
 from pathlib import Path
@@ -12,7 +13,8 @@ from typing import Any
 
 ROOT = ".1.3.6.1.4.1.52717.3"
 HERE = Path(__file__).resolve().parent
-CATALOGUE = next(folder for folder in (HERE.parents[1] / "tests/catalogue", HERE.parent / "catalogue") if folder.is_dir())
+CATALOGUE = next(folder for folder in (HERE.parents[1] / "tests/catalogue", HERE.parent / "catalogue")
+    if folder.is_dir())
 RANGE = re.compile(r"(\d+)\.\.(\d+)")
 EXPANDERS = ("Orvane Brisel Compact - IP-QRM-B", "Orvane Brisel Extended - IP-QRM-B")
 
@@ -62,18 +64,14 @@ class Cell:
     controls: list[dict[str, Any]] = dataclasses.field(default_factory=list)
 
 
-@dataclasses.dataclass
-class Mib:
-    states: dict[str, dict[int, str]]  # by object
-
-    @classmethod
-    def read(cls, file: Path) -> Mib:
-        text = file.read_text()
-        enumerations = {name: {int(code): word for word, code in re.findall(r"(\w+)\((\d+)\)", body)}
-                        for name, body in re.findall(r"^(\w+) ::= TEXTUAL-CONVENTION(?:(?!::=).)*?SYNTAX INTEGER \{(.*?)\}",
-                                                     text, re.DOTALL | re.MULTILINE)}
-        return cls({name: enumerations.get(syntax, {})
-                    for name, syntax in re.findall(r"^(\w+) OBJECT-TYPE\s+SYNTAX\s+(\w+)", text, re.MULTILINE)})
+@functools.lru_cache(2)
+def states(mib: str) -> dict[str, dict[int, str]]:
+    """The states of each object in the text of the MIB."""
+    enumerations = {name: {int(code): word for word, code in re.findall(r"(\w+)\((\d+)\)", body)}
+                    for name, body in re.findall(r"^(\w+) ::= TEXTUAL-CONVENTION(?:(?!::=).)*?SYNTAX INTEGER \{(.*?)\}",
+                                                 mib, re.DOTALL | re.MULTILINE)}
+    return {name: enumerations.get(syntax, {})
+            for name, syntax in re.findall(r"^(\w+) OBJECT-TYPE\s+SYNTAX\s+(\w+)", mib, re.MULTILINE)}
 
 
 def _has(row: Row, model: int, expanders: bool) -> bool:
@@ -101,7 +99,7 @@ def _columns() -> Iterator[tuple[str, str, str, str]]:
             yield table, item["object"], f"{ROOT}.{item['arc']}", item["content"].rstrip(".")
 
 
-def cells(model: int, model_text: str, mib: Mib) -> list[Cell]:
+def cells(model: int, model_text: str, mib: str) -> list[Cell]:
     """In the order of a walk."""
     expanders = model_text in EXPANDERS
     feeds = {field: (parser, path) for field, parser, path in _feeds(model, expanders)}
@@ -113,7 +111,7 @@ def cells(model: int, model_text: str, mib: Mib) -> list[Cell]:
                 continue  # always notReported
             index = int(row["index"])
             cell = Cell(f"{name}.{index}", table, index, row["description"], name, f"{oid}.{index}",
-                        mib.states.get(name, {}), *_unit(name))
+                        states(mib).get(name, {}), *_unit(name))
             _connect(cell, str(model) in STATIONS, row["source"], feeds.get(row["source"] + content))
             found.append(cell)
     return found
@@ -122,7 +120,8 @@ def cells(model: int, model_text: str, mib: Mib) -> list[Cell]:
 def _unit(name: str) -> tuple[int, str]:
     if "Voltage" in name or name == "voltageValue":
         return 3, "V"
-    return {"tempCurrent": (1, "°C"), "tempPeak": (1, "°C"), "tempAverage": (1, "°C"), "fanSpeed": (0, "rpm")}.get(name, (0, ""))
+    return {"tempCurrent": (1, "°C"), "tempPeak": (1, "°C"), "tempAverage": (1, "°C"),
+        "fanSpeed": (0, "rpm")}.get(name, (0, ""))
 
 
 def _connect(cell: Cell, station: bool, source: str, feed: tuple[str, str] | None) -> None:
@@ -133,7 +132,8 @@ def _connect(cell: Cell, station: bool, source: str, feed: tuple[str, str] | Non
         cell.kind, cell.place, cell.path = "channel", place, _path("amp_enable", f"ch{channel + 1}")
         cell.controls = [_choices("Amplifier monitor", ["monitor", "amp", str(channel)],
                                   {"in operation": "2", "out of order": "1"}),
-                         _choices("Class-D amplifier", ["set", PARSERS["class_d"]["path"]], {"ok": "ok", "fault": "fault"}),
+                         _choices("Class-D amplifier", ["set", PARSERS["class_d"]["path"]],
+                             {"ok": "ok", "fault": "fault"}),
                          _switch(cell.path)]
     elif cell.object.endswith("Status") and source.startswith("let."):
         cell.kind, cell.place = "let", place
@@ -147,7 +147,8 @@ def _connect(cell: Cell, station: bool, source: str, feed: tuple[str, str] | Non
             cell.line, cell.path = f"gpio{number}", PARSERS["gpio_type"]["path"].replace("%1", str(number))
             cell.controls = [_level(cell.line)]
             if number <= 6:
-                cell.controls.append(_choices("Type", ["set", cell.path], {word: word for word in ("gpi", "gpo", "none")}))
+                cell.controls.append(_choices("Type", ["set", cell.path],
+                    {word: word for word in ("gpi", "gpo", "none")}))
         else:
             cell.controls = [_choices("Amplifier monitor", ["monitor", monitor, str(number - 1)],
                                       {word: word for word in CODES[f"{cell.kind}_state"]})]

@@ -130,7 +130,8 @@ class Panel:
         watch, action = self._watch(request), request.match_info["action"]
         try:
             value = await request.json()
-            if action == "talctl" and value and isinstance(value, list) and all(isinstance(word, str) for word in value):
+            if action == "talctl" and value and isinstance(value, list) and all(isinstance(word, str)
+                for word in value):
                 text = await watch.talctl(value)
             elif action == "agent" and isinstance(value, str) and value in AGENT:
                 text = await watch.agent(value)
@@ -167,7 +168,8 @@ def main() -> int:
     parser = argparse.ArgumentParser(description=__doc__, usage=argparse.SUPPRESS,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--port", type=int, default=8080)
-    parser.add_argument("--listen", default="127.0.0.1", help="another address than 127.0.0.1; anyone who reaches it can "
+    parser.add_argument("--listen", default="127.0.0.1",
+        help="another address than 127.0.0.1; anyone who reaches it can "
                                                               "change the devices")
     parser.add_argument("--name", help="only this device; without it all that run")
     parser.add_argument("--until-eof", action="store_true", help="end when standard input is closed")

@@ -74,7 +74,8 @@ class Manager:
 
     async def _get(self, oids: list[str], community: str) -> dict[str, str] | None:
         device = self._running
-        command = ["snmpget", "-v2c", "-c", community, "-r", "0", "-t", "1", "-m", "", "-On", "-Oe", "-OQ", "-OU", "-Ot",
+        command = ["snmpget", "-v2c", "-c", community, "-r", "0", "-t", "1", "-m", "", "-On", "-Oe", "-OQ", "-OU",
+            "-Ot",
                    f"{device.address}:{device.port}" if device.port else "127.0.0.1", *oids]
         if not device.port:
             command = sandbox.enter_command(device.first_process, command)
@@ -154,7 +155,8 @@ class Traps:
 
     def __init__(self, running: Running, host: str) -> None:
         self._tail = Tail(running.traps, 1 << 17)
-        self._host = host  # of a fleet's file only the traps of this system name; empty: all
+        # In a fleet's file only the traps of this system name.
+        self._host = "" if running.traps.is_relative_to(running.root) else host
 
     def read(self) -> list[dict[str, Any]]:
         return [trap for record in self._tail.read(RECORD_END)

@@ -8,7 +8,8 @@ from collections.abc import Iterator
 
 from rows import CODES, PARSERS, SEVERITIES, STATIONS, Cell
 
-BAD = {"notLive", "failed", "disconnected", "shorted", "classDFault", "monitorFault", "loadChange", "groundFault", "shutdown",
+BAD = {"notLive", "failed", "disconnected", "shorted", "classDFault", "monitorFault", "loadChange", "groundFault",
+    "shutdown",
        "voltageLow", "interrupted", "lineFault", "missing", "unconnected", "failCleared", "failSet"}
 WARN = {"indecisive", "failedTimeout", "failedReceiveMonitorValues"}
 OFF = {"disabled", "notMonitored"}

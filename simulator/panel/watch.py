@@ -21,6 +21,7 @@ TICK, ASK_TICKS, GPIO_TICKS, TILE_SECONDS = 2.0, 3, 2, 5.0
 HISTORY = int(15 * 60 / TICK)
 STIR = "touch /etc/snmp/stirred; rm /etc/snmp/stirred"  # the daemon restarts snmpd when the folder changes
 KILL = "kill -9 $(cat /run/snmpd.pid)"
+MESSAGES = [[row["notification"], row["switch"], row["identifiers"].split()] for row in rows.TRAPS]
 AGENT = {"restart": STIR, "kill": KILL}
 SCENARIOS = next((folder for folder in (rows.HERE.parent / "scenarios",) if folder.is_dir()), rows.HERE)
 
@@ -95,12 +96,10 @@ class Feed:
 class Unit:
     """One start of a device, with what is known of it."""
 
-    def __init__(self, running: Running, mibs: dict[str, rows.Mib]) -> None:
-        self.running = running
+    def __init__(self, running: Running) -> None:
+        self.running, self.folder = running, running.root / STATE_FOLDER[1:]
         self.text = (running.root / "etc/xr-model").read_text().strip()
-        file = running.root / f"{STATE_FOLDER[1:]}/mibs/KVSNMP-MIB"
-        self.mib = mibs.setdefault("mib", rows.Mib.read(file)) if not mibs else mibs["mib"]
-        self.cells = rows.cells(running.model, self.text, self.mib)
+        self.cells = rows.cells(running.model, self.text, (self.folder / "mibs/KVSNMP-MIB").read_text())
         self.facts = Facts(running.model)
         self.control = Control(running)
 
@@ -118,9 +117,6 @@ class Unit:
                 f"{device.address}:{device.port}" if device.port else "separate network",
                 "sysName": self.facts.setting("mib_2_settings/sys_name"),
                 "location": self.facts.setting("mib_2_settings/sys_location")}
-
-
-_mibs: dict[str, rows.Mib] = {}
 
 
 class Watch(Feed):
@@ -158,12 +154,11 @@ class Watch(Feed):
         self._ticks += 1
 
     def _begin(self, running: Running) -> None:
-        self.unit = Unit(running, _mibs)
+        self.unit = Unit(running)
         self.view, self._served, self._ticks = {}, {}, 0
         self._packets.clear()
         self._logs, self._manager = Logs(running), Manager(running)
-        own_file = running.traps.is_relative_to(running.root)
-        self._traps, self._own_traps = None, own_file
+        self._traps: Traps | None = None
         self.traps.clear()
 
     async def _facts(self) -> None:
@@ -177,13 +172,12 @@ class Watch(Feed):
             return
         unit.facts.announced |= self._logs.announced()
         if self._traps is None:
-            about = unit.about()
-            self._traps = Traps(unit.running, "" if self._own_traps else about["sysName"])
+            self._traps = Traps(unit.running, unit.facts.setting("mib_2_settings/sys_name"))
         new = self._traps.read()
         self.traps.extend(new)
-        loads = self.view.get("loads", {}) | self._logs.loads()
-        self._show({"status": "running", "why": "", "faults": unit.facts.faults, "switches": unit.facts.switches, "loads": loads,
-                    "about": unit.about(), "worst": worst(unit.facts, unit.cells)} | ({"traps": new} if new else {}))
+        facts = unit.facts
+        self._show({"status": "running", "why": "", "faults": facts.faults, "switches": facts.switches,
+                    "about": unit.about(), "worst": worst(facts, unit.cells)} | ({"traps": new} if new else {}))
         self._show_cells()
 
     async def _read(self) -> None:
@@ -191,24 +185,28 @@ class Watch(Feed):
         unit, everything = self.unit, self._ticks % ASK_TICKS == 0
         oids = [UPTIME, PACKETS, *(cell.oid for cell in unit.cells if everything)]
         answer = await self._manager.get(oids, unit.facts.setting("access_control/community"))
-        agent: dict[str, Any] = {"answers": answer is not None, "asked": time.time()}
+        agent: dict[str, Any] = {"answers": answer is not None}
+        loads = self.view.get("loads", {}) | self._logs.loads()
         if answer is None:
-            agent["asked"] = self.view.get("agent", {}).get("asked", 0)
             self._packets.clear()
         else:
             now, packets = time.monotonic(), int(answer.get(PACKETS, 0))
             if self._packets and packets < self._packets[-1][1]:
                 self._packets.clear()  # another snmpd
             self._packets.append((now, packets, self._manager.sent))
-            begin = self._packets[0]
-            if now > begin[0]:
-                agent |= {"rate": round((packets - begin[1]) / (now - begin[0]), 2),
-                          "own": round((self._manager.sent - begin[2]) / (now - begin[0]), 2)}
-            agent["uptime"] = int(answer.get(UPTIME, 0)) // 100
+            rates = [round((last - first) / (now - self._packets[0][0]), 2) if len(self._packets) > 1 else None
+                     for first, last in zip(self._packets[0][1:], self._packets[-1][1:], strict=True)]
+            agent |= {"rate": rates[0], "own": rates[1], "uptime": int(answer.get(UPTIME, 0)) // 100}
+            # Without a log: a value that differs from the last reading shows that the cache was filled in between.
+            changed = {cell.table for cell in unit.cells
+                       if cell.oid in answer and answer[cell.oid] != self._served.get(cell.oid, answer[cell.oid])}
+            now, since = time.time(), time.time() - 2 * TICK * ASK_TICKS
+            loads |= {table: now for table in changed if loads.get(table, 0) < since}
             self._served.update(answer)
-        self._show({"agent": agent})
+        self._show({"agent": agent, "loads": loads})
         self._show_cells()
-        sample = [round(time.time()), agent.get("rate"), {cell.id: self.view["cells"][cell.id][:2] for cell in _graphed(unit.cells)}]
+        cells = self.view["cells"]
+        sample = [round(time.time()), agent.get("rate"), {cell.id: cells[cell.id][:2] for cell in _graphed(unit.cells)}]
         self.history.append(sample)
         self.send({"sample": sample})
 
@@ -238,11 +236,13 @@ class Watch(Feed):
             self.send(changed)
 
     def whole(self) -> dict[str, Any]:
-        message: dict[str, Any] = {"status": "gone"} | self.view | {"now": time.time(), "whole": True, "only": self.only, "command": COMMAND}
+        message = {"status": "gone"} | self.view
+        message |= {"now": time.time(), "whole": True, "only": self.only, "command": COMMAND}
         if self.unit:
-            message |= {"about": self.unit.about(), "model": [_shown(cell) for cell in self.unit.cells], "traps": list(self.traps),
-                        "history": list(self.history), "messages": [[row["notification"], row["switch"], row["identifiers"].split()]
-                                                                    for row in rows.TRAPS], "scenarios": scenarios(self.unit.running.model)}
+            message |= {
+                "about": self.unit.about(), "model": [_shown(cell) for cell in self.unit.cells],
+                "traps": list(self.traps), "history": list(self.history), "messages": MESSAGES,
+                "scenarios": scenarios(self.unit.running.model)}
         return message
 
     def close(self) -> None:
@@ -274,7 +274,7 @@ class Watch(Feed):
             raise Refused("this model has no such scenario")
         if self._process and self._process.returncode is None:
             raise Refused("a scenario is running already")
-        settings = Settings.from_json((device.root / f"{STATE_FOLDER[1:]}/settings.json").read_text())
+        settings = Settings.from_json((self.unit.folder / "settings.json").read_text())
         command = [settings.program("talctl"), "--control", self.unit.control.path, "scenario", name]
         self._process = await asyncio.create_subprocess_exec(*command, stdout=asyncio.subprocess.DEVNULL,
                                                              stderr=asyncio.subprocess.PIPE)
@@ -288,7 +288,8 @@ class Watch(Feed):
         self._show({"scenario": {"name": name, "state": "ended" if not process.returncode else f"failed: {text}"}})
 
     async def _run_program(self, command: list[str]) -> str:
-        process = await asyncio.create_subprocess_exec(*command, stdout=asyncio.subprocess.PIPE, stderr=asyncio.subprocess.STDOUT)
+        process = await asyncio.create_subprocess_exec(
+            *command, stdout=asyncio.subprocess.PIPE, stderr=asyncio.subprocess.STDOUT)
         output, _ = await process.communicate()
         if process.returncode:
             raise Refused(output.decode(errors="replace").strip() or f"status {process.returncode}")
@@ -296,7 +297,8 @@ class Watch(Feed):
 
 
 def _graphed(cells: list[rows.Cell]) -> list[rows.Cell]:
-    return [cell for cell in cells if cell.object in ("tempCurrent", "fanSpeed", "voltageValue") or cell.object.endswith("Voltage")]
+    graphed = ("tempCurrent", "fanSpeed", "voltageValue")
+    return [cell for cell in cells if cell.object in graphed or cell.object.endswith("Voltage")]
 
 
 def _shown(cell: rows.Cell) -> dict[str, Any]:
@@ -334,7 +336,7 @@ class Fleet(Feed):
         if not device.ready:
             return tile
         try:
-            unit = self.units.get(device.name) or self.units.setdefault(device.name, Unit(device, _mibs))
+            unit = self.units.get(device.name) or self.units.setdefault(device.name, Unit(device))
             await unit.take()
         except (Refused, OSError):
             return tile | {"state": "silent"}

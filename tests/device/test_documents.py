@@ -92,7 +92,7 @@ def test_check_snmp_prints_what_stands_below_it(amplifier):
 def test_the_device_of_the_readme_and_of_the_traps(amplifier):
     _, walk, *orders = COMMAND.findall(section("README.md", "A device of your own"))
     assert "52717.3.1.3.0 = INTEGER: 6420" in run(amplifier, walk)
-    assert len(orders) == 3
+    assert len(orders) == 4
     for order in orders:
         run(amplifier, order)
     assert "3410" in run(amplifier, walk)

@@ -4,6 +4,7 @@ from __future__ import annotations
 import http.client
 import json
 import os
+import shutil
 import signal
 import socket
 import subprocess
@@ -30,7 +31,7 @@ import rows as panel_rows  # noqa: E402
 import state as panel_state  # noqa: E402
 
 SERVER = CHECKOUT / "simulator/panel/server.py"
-MIB = panel_rows.Mib.read(CHECKOUT / "mibs/KVSNMP-MIB.txt")
+MIB = (CHECKOUT / "mibs/KVSNMP-MIB.txt").read_text()
 HOSTILE = "<img src=x onerror=\"document.title='owned'\">"
 
 
@@ -41,9 +42,9 @@ def free_port(kind: int = socket.SOCK_STREAM) -> int:
 
 
 class Server:
-    def __init__(self, *options: str, address: str = "127.0.0.1") -> None:
+    def __init__(self, *options: str, address: str = "127.0.0.1", script: Path = SERVER) -> None:
         self.address, self.port = address, free_port()
-        self.process = subprocess.Popen(["/usr/bin/python3", SERVER, "--port", str(self.port), *options], text=True,
+        self.process = subprocess.Popen(["/usr/bin/python3", script, "--port", str(self.port), *options], text=True,
                                         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         assert self.process.stdout.readline() == f"panel: http://{address}:{self.port}/\n"
 
@@ -53,7 +54,8 @@ class Server:
 
     def ask(self, method: str, path: str, body: str = "", **headers: str) -> tuple[int, str, http.client.HTTPMessage]:
         connection = http.client.HTTPConnection(self.address, self.port, timeout=20)
-        connection.request(method, path, body.encode() or None, {name.replace("_", "-"): value for name, value in headers.items()})
+        connection.request(method, path, body.encode() or None,
+            {name.replace("_", "-"): value for name, value in headers.items()})
         answer = connection.getresponse()
         return answer.status, answer.read().decode(), answer.headers
 
@@ -117,7 +119,8 @@ class Page:
     def click(self, selector: str, name: str = "") -> None:
         def press() -> bool:
             script = """const found = [...document.querySelectorAll(arguments[0])].find((item) => item.textContent.includes(arguments[1]));
-                        found?.scrollIntoView({block: 'center'}); found?.dispatchEvent(new MouseEvent('click', {bubbles: true, cancelable: true}));
+                        found?.scrollIntoView({block: 'center'}); found?.dispatchEvent(new MouseEvent('click',
+                            {bubbles: true, cancelable: true}));
                         return Boolean(found)"""
             return self.browser.execute_script(script, selector, name)
         wait_until(press, 40, what=f"{selector} {name}")
@@ -145,8 +148,10 @@ def page(browser: webdriver.Chrome, server: Server, device: Device) -> Iterator[
 def test_the_drawing_has_each_row_of_the_model(page):
     shown = page.browser.execute_script("return [...document.querySelectorAll('.item')].map((item) => item.dataset.cell)")
     expected = {f"{column}.{index}" for table, column in [
-        ("tempTable", "tempCurrent"), ("fanTable", "fanSpeed"), ("voltageTable", "voltageValue"), ("powerTable", "powerLive"),
-        ("lineInTable", "lineInStatus"), ("ampChannelTable", "ampChannelStatus"), ("ampChannelTable", "ampChannelLineState"),
+        ("tempTable", "tempCurrent"), ("fanTable", "fanSpeed"), ("voltageTable", "voltageValue"), ("powerTable",
+            "powerLive"),
+        ("lineInTable", "lineInStatus"), ("ampChannelTable", "ampChannelStatus"), ("ampChannelTable",
+            "ampChannelLineState"),
         ("letChannel1Table", "letChannel1Status"), ("letChannel2Table", "letChannel2Status"),
         ("controlInputTable", "controlInputStatus"), ("controlOutputTable", "controlOutputState"),
         ("ethMonitoringTable", "ethMonitoringMonitored")] for index, _ in rows(table, 6420)}
@@ -157,7 +162,8 @@ def test_a_changed_value_reaches_the_manager_when_the_cache_expires(page, device
     page.select("voltageValue.3")
     page.browser.execute_script("document.querySelector('.inspector input').value = '3.41'")
     page.click(".inspector form button")
-    wait_until(lambda: page.figures("voltageValue.3") == ("3.41 V", "3.31 V"), 20, what="only the device's value is new")
+    wait_until(lambda: page.figures("voltageValue.3") == ("3.41 V", "3.31 V"), 20,
+        what="only the device's value is new")
     command = "talctl set \"/state/power_lines/power_line[kid='3v3']/voltage\" 3.41"
     page.wait_text(".log", command)
     assert "cache" in page.text(".inspector .why")
@@ -171,7 +177,8 @@ def test_a_changed_value_reaches_the_manager_when_the_cache_expires(page, device
 def test_the_age_of_a_cache_counts_from_the_last_read(page, device):
     device.shift_clock(CACHE_SECONDS)
     page.select("fanSpeed.1")
-    wait_until(lambda: page.text(".inspector .oid .hint") in {f"cache {age} s old" for age in range(20)}, 40, what="a new cache")
+    wait_until(lambda: page.text(".inspector .oid .hint") in {f"cache {age} s old" for age in range(20)}, 40,
+        what="a new cache")
 
 
 def test_a_broken_line_and_a_switched_input(page, device):
@@ -301,8 +308,10 @@ def test_a_lost_server_comes_back(tmp_path, device, browser):
     server.stop()
     page.wait_text("#link", "The panel does not answer")
     port, server.port = server.port, server.port
-    server.process = subprocess.Popen(["/usr/bin/python3", SERVER, "--port", str(port)], text=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
-    wait_until(lambda: browser.execute_script("return document.getElementById('link').hidden"), 40, what="connected again")
+    server.process = subprocess.Popen(["/usr/bin/python3", SERVER, "--port", str(port)], text=True,
+        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+    wait_until(lambda: browser.execute_script("return document.getElementById('link').hidden"), 40,
+        what="connected again")
     server.stop()
     complaints(browser)  # of the lost connection
 
@@ -331,20 +340,23 @@ def test_writes_of_another_origin_are_refused(server, device, browser):
     Page(browser, f"{server.url}/device/{device.name}").wait_text(".module", "Voltages", 60)
     assert click(server, device) == 200
     assert click(server, device, Origin=server.url) == 200
-    for origin in ("http://evil.example", "null", "", f"https://127.0.0.1:{server.port}", f"http://127.0.0.1:{server.port + 1}"):
+    for origin in ("http://evil.example", "null", "", f"https://127.0.0.1:{server.port}",
+        f"http://127.0.0.1:{server.port + 1}"):
         assert click(server, device, Origin=origin) == 403, origin
     for kind in ("text/plain", "application/x-www-form-urlencoded", "multipart/form-data"):
         assert click(server, device, Content_Type=kind) == 415, kind
 
 
-@pytest.mark.parametrize(("action", "body"), [("talctl", "[1]"), ("talctl", "{}"), ("talctl", "[]"), ("talctl", "no JSON"), ("agent", '"reboot"'),
+@pytest.mark.parametrize(("action", "body"),
+    [("talctl", "[1]"), ("talctl", "{}"), ("talctl", "[]"), ("talctl", "no JSON"), ("agent", '"reboot"'),
                                               ("agent", "[]"), ("scenario", "{}"), ("shell", '"ls"')])
 def test_an_unknown_action_is_refused(server, device, action, body):
     assert server.ask("POST", f"/device/{device.name}/{action}", body, Content_Type="application/json")[0] == 400
 
 
 def test_an_unknown_scenario_is_refused(server, device):
-    status, text, _ = server.ask("POST", f"/device/{device.name}/scenario", '"../../../etc/passwd"', Content_Type="application/json")
+    status, text, _ = server.ask("POST", f"/device/{device.name}/scenario", '"../../../etc/passwd"',
+        Content_Type="application/json")
     assert status == 200 and not json.loads(text)["ok"]
 
 
@@ -392,12 +404,29 @@ def test_a_device_with_a_panel(start_device):
     wait_until(lambda: ask("/") == (0, ""), 20, what="the panel has ended")
 
 
+def test_the_installed_panel_finds_its_files(tmp_path, device):
+    """The package has the panel and the catalogue beside devicelib."""
+    for folder in ("scripts/devicelib", "simulator/panel", "simulator/scenarios", "tests/catalogue"):
+        shutil.copytree(CHECKOUT / folder, tmp_path / Path(folder).name)
+    installed = Server(script=tmp_path / "panel/server.py")
+    try:
+        status, text, _ = installed.ask("GET", "/")
+        assert status == 200 and "app.js" in text
+        connection = http.client.HTTPConnection(installed.address, installed.port, timeout=20)
+        connection.request("GET", f"/device/{device.name}/events")
+        with connection.getresponse() as stream:
+            wait_until(lambda: b'"voltageValue.3"' in stream.readline(), 20, what="the device's cells")
+    finally:
+        installed.stop()
+
+
 def test_a_port_in_use_is_named():
     with socket.socket() as other:
         other.bind(("127.0.0.1", 0))
         other.listen()
         port = other.getsockname()[1]
-        done = subprocess.run([CHECKOUT / "scripts/device", "--panel", str(port)], capture_output=True, text=True, check=False, timeout=60)
+        done = subprocess.run([CHECKOUT / "scripts/device", "--panel", str(port)], capture_output=True, text=True,
+            check=False, timeout=60)
         assert done.returncode == 1 and f"TCP port {port}: Address already in use" in done.stderr
 
 
@@ -412,7 +441,8 @@ def test_cells_are_those_of_the_catalogue(model):
             pytest.fail(feed.oid)
         assert (cells[feed.oid].path, cells[feed.oid].id) == (feed.path, f"{feed.column}.{feed.index}")
     for table in TABLES:
-        assert {cell.index for cell in cells.values() if cell.table == table} == {index for index, _ in rows(table, model, True)}
+        assert {cell.index for cell in cells.values() if cell.table == table} == {index for index,
+            _ in rows(table, model, True)}
 
 
 def level_of(column: str) -> Callable[[int], str]:
@@ -424,14 +454,15 @@ def level_of(column: str) -> Callable[[int], str]:
 @pytest.mark.parametrize("check", limits.CHECKS, ids=lambda check: check.column)
 def test_the_levels_are_those_of_the_monitoring(check):
     if check.measurement == "voltage":
-        shown = {percent: level_of(check.column)(round(1200 * (1 + percent / 100))) for percent in (-11, -9, -4, 0, 4, 9, 11)}
+        shown = {percent: level_of(check.column)(round(1200 * (1 + percent / 100)))
+            for percent in (-11, -9, -4, 0, 4, 9, 11)}
         assert shown == {-11: "bad", -9: "warn", -4: "ok", 0: "ok", 4: "ok", 9: "warn", 11: "bad"}
     elif check.measurement == "temperature":
         assert [level_of(check.column)(tenths) for tenths in (700, 701, 850, 851)] == ["ok", "warn", "warn", "bad"]
     elif check.measurement == "fan":
         assert [level_of(check.column)(rpm) for rpm in (0, 1, 499, 500)] == ["bad", "warn", "warn", "ok"]
     else:
-        for code, word in MIB.states[check.column].items():
+        for code, word in panel_rows.states(MIB)[check.column].items():
             shown = level_of(check.column)(code)
             assert (shown == "bad") == (word in check.critical.split()), word
             assert shown in ("warn", "off", "unknown", "bad") or word not in check.warning.split(), word
@@ -441,4 +472,4 @@ def test_the_levels_are_those_of_the_monitoring(check):
 def test_words_of_the_data_service_are_states_of_the_mib(name):
     column = {feed.parser: feed.column for model in MODELS for feed in feeds(model, True)}.get(name)
     if column:
-        assert set(WORDS[name].values()) <= set(MIB.states[column])
+        assert set(WORDS[name].values()) <= set(panel_rows.states(MIB)[column])

@@ -1,13 +1,19 @@
 // talctl and talservice as programs: words, replays, batches, help, exit codes.
+#include "support/catalogue.h"
 #include "support/testprogram.h"
 
 #include "simulator/commands.h"
 #include "simulator/replay.h"
+#include "simulator/treefiles.h"
+#include "simulator/treexml.h"
 #include "simulator/words.h"
 
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
+#include <QRegularExpression>
+#include <QSet>
 #include <QTemporaryDir>
 #include <csignal>
 
@@ -102,6 +108,9 @@ constexpr struct { const char *text, *error; } wrongReplays[] = {
     {"1", "line 1: no command"}, {"1 # x", "line 1: no command"},
     {"1 frob", "line 1: no such command: frob (talctl --help shows all)"},
     {"1 set x", "line 1: usage: talctl set PATH VALUE"}, {"1 set /x 'y", "line 1: a quote is left open"},
+    {"1 6420:", "line 1: no command"}, {"1 6420: set x", "line 1: usage: talctl set PATH VALUE"},
+    {"1 6420,: get /x", "line 1: no such command: 6420,: get (talctl --help shows all)"},
+    {"1 scenario x", "line 1: scenario has no place in a replay"},
     {"1 replay x", "line 1: replay has no place in a replay"}, {"1 batch", "line 1: batch has no place in a replay"},
 };
 
@@ -134,6 +143,16 @@ constexpr struct { const char *words; int code; const char *out, *err; } calls[]
     {"fault raise a 1 x odd t --any",        0, "",     ""},
     {"fault raise a 2 x debug t",            0, "",     ""},
     {"replay /nowhere",                      2, "",     "/nowhere: No such file or directory"},
+    {"replay --speed 2",                     2, "",     "usage: talctl replay FILE [--speed FACTOR]"},
+    {"replay /nowhere --speed 0",            2, "",     "--speed needs a number above 0"},
+    {"replay /nowhere --speed inf",          2, "",     "--speed needs a number above 0"},
+    {"replay /nowhere --speed",              2, "",     "--speed needs a number above 0"},
+    {"scenario x",                           2, "",
+     "no such scenario: x (possible: fan-fails fault-flood healthy-day let-lost line-shorted mains-lost "
+     "network-port-lost output-stage-shutdown)"},
+    {"scenario fault-flood x",               2, "",     "usage: talctl scenario [NAME [--speed FACTOR]]"},
+    {"scenario fault-flood --speed 1000",    0, "",     ""},
+    {"model",                                0, "6420\n", ""},
 };
 
 /// The arguments of a talservice that does not start, its exit code and the beginning of its error after
@@ -186,15 +205,22 @@ private Q_SLOTS:
     void replayLines()
     {
         QString error;
-        const auto commands =
-            readReplay("# a day\n\n0 get /state\n 0.25\tset /x 'a b' # why\n1e1 [\"get\", \"/x\"]\n", error);
-        QVERIFY2(commands, qPrintable(error));
-        QCOMPARE(commands->size(), std::size_t{3});
-        QCOMPARE((*commands)[1].line, 4);
-        QCOMPARE((*commands)[1].seconds, 0.25);
-        QCOMPARE((*commands)[1].words, (QStringList{"set", "/x", "a b"}));
-        QCOMPARE((*commands)[2].seconds, 10.0);
-        QCOMPARE((*commands)[2].words, (QStringList{"get", "/x"}));
+        const auto replay =
+            readReplay("# a day\n\n0 get /state\n 0.25\t6420,6764: set /x 'a b' # why\n# Models: 6420  6\n"
+                       "1e1 [\"get\", \"/x\"]\n",
+                       error);
+        QVERIFY2(replay, qPrintable(error));
+        QCOMPARE(replay->models, (QStringList{"6420", "6"}));
+        const std::vector<TimedCommand> &commands = replay->commands;
+        QCOMPARE(commands.size(), std::size_t{3});
+        QCOMPARE(commands[0].models, QStringList());
+        QCOMPARE(commands[1].line, 4);
+        QCOMPARE(commands[1].seconds, 0.25);
+        QCOMPARE(commands[1].models, (QStringList{"6420", "6764"}));
+        QCOMPARE(commands[1].words, (QStringList{"set", "/x", "a b"}));
+        QCOMPARE(commands[2].seconds, 10.0);
+        QCOMPARE(commands[2].words, (QStringList{"get", "/x"}));
+        QCOMPARE(readReplay("# Models: all\n0 get /x", error)->models, QStringList());
         for (const auto &row : wrongReplays) {
             const AtRow at(row.text);
             error.clear();
@@ -228,7 +254,7 @@ private Q_SLOTS:
         const QString commands = "get,set,create,replace,patch,delete,fault raise,fault clear,fault list,trap enable,"
                                  "trap disable,trap list,monitor gpo,monitor gpi,monitor amp,monitor let,monitor power,"
                                  "monitor status,gpio list,gpio remove,gpio restore,gpio export,gpio unexport,gpio,"
-                                 "clients,clients drop,subscriptions,replay,batch";
+                                 "model,clients,clients drop,subscriptions,replay,scenario,batch";
         for (const QString &command : commands.split(',')) {
             QVERIFY2(help.out.contains("\n  " + command), qPrintable(command));
             const Result single = runProgram(KVSNMP_TALCTL, command.split(' ') + QStringList{"--help"});
@@ -303,6 +329,89 @@ private Q_SLOTS:
         QCOMPARE(failed.code, 1); // ends at the first failure
         QCOMPARE(failed.err, QString("talctl: line 3: no such node: /state/fans\n"));
         QCOMPARE(service.talctl({"get", "/state/class_d_amp_status/status"}).out, QString("ok\n"));
+    }
+
+    void speedAndModels()
+    {
+        const Service service;
+        const QByteArray fan = fanPath;
+        QElapsedTimer timer;
+        timer.start();
+        const Result fast = service.talctl({"replay", "-", "--speed", "100"},
+                                           "# Models: 6420\n0 6764: set " + fan + " 1\n60 6410,6420: get " + fan);
+        QCOMPARE(fast.err, QString());
+        QCOMPARE(fast.out, QString("1450\n"));
+        QVERIFY2(timer.elapsed() >= 600 && timer.elapsed() < 30000, qPrintable(QString::number(timer.elapsed())));
+        const Result other = service.talctl({"replay", "-"}, "0 set " + fan + " 1\n# Models: 6410 6764\n");
+        QCOMPARE(other.err, QString("talctl: not for model 6420, only for: 6410 6764\n"));
+        QCOMPARE(other.code, 1);
+        QCOMPARE(service.talctl({"get", fan}).out, QString("1450\n"));
+    }
+
+    void scenarios()
+    {
+        const Result list = runProgram(KVSNMP_TALCTL, {"--control", "/nowhere", "scenario"}); // needs no service
+        QCOMPARE(list.code, 0);
+        QStringList names;
+        for (const QString &line : list.out.split('\n', Qt::SkipEmptyParts)) {
+            QVERIFY2(line.section('\t', 1).endsWith('.') && line.count('\t') == 1, qPrintable(line));
+            names += line.section('\t', 0, 0) + ".tal";
+        }
+        QCOMPARE(names, QDir(KVSNMP_SCENARIOS).entryList({"*.tal"}));
+        const Result refused = Service({"--model", "6214"}).talctl({"scenario", "line-shorted"});
+        QCOMPARE(refused.err, QString("talctl: not for model 6214, only for: 6420 6425 6720 6764\n"));
+        QCOMPARE(refused.code, 1);
+    }
+
+    /// On each of its models: it changes what the tree has, leaves no fault, and every value as it was but the peaks.
+    void scenariosEndAsTheyBegan()
+    {
+        QSet<QString> identifiers;
+        for (const catalogue::Row &trap : catalogue::rows("traps"))
+            for (const QString &identifier : trap.list("identifiers"))
+                identifiers += identifier;
+        const QRegularExpression peaks("<temp_peak>[^<]*");
+        const auto textOf = [&](const DataTree &tree) {
+            return QString::fromStdString(nodeXml(tree.select({{"state", {}}}).front())).remove(peaks);
+        };
+        for (const QFileInfo &info : QDir(KVSNMP_SCENARIOS).entryInfoList({"*.tal"})) {
+            QFile file(info.filePath());
+            QVERIFY(file.open(QIODevice::ReadOnly));
+            QString error;
+            const auto replay = readReplay(QString::fromUtf8(file.readAll()), error);
+            QVERIFY2(replay && !replay->commands.empty(), qPrintable(error));
+            for (const QString &model : replay->models.isEmpty() ? modelsIn(KVSNMP_TREES) : replay->models) {
+                DataTree tree;
+                QVERIFY(!loadModel(KVSNMP_TREES, model, tree));
+                const QString before = textOf(tree);
+                QSet<QString> active;
+                for (const TimedCommand &command : replay->commands) {
+                    const AtRow at(
+                        qPrintable(QString("%1, %2, line %3").arg(info.baseName(), model).arg(command.line)));
+                    if (!command.models.isEmpty() && !command.models.contains(model))
+                        continue;
+                    const QStringList &words = command.words;
+                    if (words[0] == "set") {
+                        QVERIFY(!tree.set(words[1].toStdString(), words[2].toStdString()));
+                    } else if (words[1] == "raise") {
+                        QVERIFY(identifiers.contains(words[4]));
+                        active += words[2] + ' ' + words[3];
+                    } else if (words[1] == "clear") {
+                        QVERIFY(active.remove(words[2] + ' ' + words[3]));
+                    } else if (words[1] == "let") {
+                        const QString let = QString("/state/lines/line[kid='ch%1']/lets/let[kid='%2']")
+                                                .arg(words[2].toInt() + 1)
+                                                .arg(words[3]);
+                        QVERIFY(tree.contains(let.toStdString()));
+                    } else {
+                        QCOMPARE(words[0], QString("monitor"));
+                    }
+                }
+                const AtRow at(qPrintable(info.baseName() + ", " + model));
+                QCOMPARE(textOf(tree), before);
+                QVERIFY(active.isEmpty());
+            }
+        }
     }
 
     void batch()

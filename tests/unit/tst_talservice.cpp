@@ -48,7 +48,7 @@ struct Service {
     ControlServer control;
 
     explicit Service(qint64 maxQueue = TalServer::defaultMaxQueue)
-        : server(nullptr, tree, maxQueue), device{tree, server, nullptr, nullptr}, control(nullptr, device)
+        : server(nullptr, tree, maxQueue), device{tree, server, nullptr, nullptr, "6420"}, control(nullptr, device)
     {
         QString error;
         const Refusal refusal = loadModel(KVSNMP_TREES, "6420", tree);

@@ -4,14 +4,16 @@ const SVG = 'http://www.w3.org/2000/svg';
 function fill(element, attributes, children) {
   for (const [name, value] of Object.entries(attributes)) {
     if (name.startsWith('on')) element.addEventListener(name.slice(2), value);
-    else if (value !== false && value !== null && value !== undefined) element.setAttribute(name, value === true ? '' : value);
+    else if (value !== false && value !== null && value !== undefined) element.setAttribute(name, value === true
+      ? '' : value);
   }
   element.append(...children.flat().filter((child) => child !== null && child !== undefined));
   return element;
 }
 
 export const h = (name, attributes = {}, ...children) => fill(document.createElement(name), attributes, children);
-export const s = (name, attributes = {}, ...children) => fill(document.createElementNS(SVG, name), attributes, children);
+export const s = (name, attributes = {}, ...children) =>
+  fill(document.createElementNS(SVG, name), attributes, children);
 
 export function put(element, text) {
   if (element.textContent !== text) element.textContent = text;
@@ -19,7 +21,8 @@ export function put(element, text) {
 
 export async function post(path, value) {
   try {
-    const answer = await fetch(path, { method: 'POST', headers: { 'Content-Type': 'application/json' }, body: JSON.stringify(value) });
+    const answer = await fetch(path,
+      { method: 'POST', headers: { 'Content-Type': 'application/json' }, body: JSON.stringify(value) });
     return answer.ok ? await answer.json() : { ok: false, text: await answer.text() };
   } catch {
     return { ok: false, text: 'the panel does not answer' };
@@ -38,7 +41,8 @@ export const STATES = { ok: 'In order', notice: 'Notice', warn: 'Warning', bad: 
 
 export function lamp(x, y) {
   const path = s('path', { transform: `translate(${x} ${y})`, class: 'lamp' });
-  return { node: path, set(state) { path.setAttribute('d', SHAPES[state] ?? SHAPES.unknown); path.dataset.state = state; } };
+  return { node: path, set(state) { path.setAttribute('d',
+    SHAPES[state] ?? SHAPES.unknown); path.dataset.state = state; } };
 }
 
 export function lampIcon(state, size = 16) {

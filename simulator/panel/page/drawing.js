@@ -4,7 +4,8 @@ import { deviceText, isLate, managerText, rowName, stateText, TITLES } from './c
 
 const WIDTH = 360, ROW = 24, HEAD = 20;
 // The cell of a row that its lamp and figures show.
-const MAIN = /^(tempCurrent|fanSpeed|voltageValue|powerLive|lineInStatus|lineInMicStatus|ampChannelStatus|ampChannelLineState|letChannel\dStatus|controlInputStatus|controlOutputState|ethMonitoringMonitored|relayStatus)$/;
+const MAIN = ['tempCurrent', 'fanSpeed', 'voltageValue', 'powerLive', 'lineInStatus', 'lineInMicStatus', 'controlInputStatus',
+  'controlOutputState', 'ethMonitoringMonitored', 'relayStatus'];
 
 export class Drawing {
   constructor(cells, select) {
@@ -22,8 +23,10 @@ export class Drawing {
     };
     channels.forEach((cell) => add(this.channel(cell, tables)));
     for (const [table, found] of tables) if (!/^(let|amp)Channel/.test(table)) add(this.module(table, found));
-    this.node = h('div', { class: 'unit' }, columns, h('p', { class: 'legend' }, ['ok', 'warn', 'bad', 'off', 'unknown'].map((state) =>
-      h('span', {}, lampIcon(state, 12), STATES[state])), h('span', { class: 'late' }, 'manager reads an older value')));
+    this.node = h('div', { class: 'unit' }, columns,
+      h('p', { class: 'legend' }, ['ok', 'warn', 'bad', 'off', 'unknown'].map((state) =>
+      h('span', {}, lampIcon(state, 12), STATES[state])),
+        h('span', { class: 'late' }, 'manager reads an older value')));
   }
 
   frame(title, tables, height, content) {
@@ -32,31 +35,35 @@ export class Drawing {
       const text = h('span');
       this.ages.push({ table, bar, text });
       const name = tables.length > 1 ? h('span', {}, /^let/.test(table) ? 'LETs' : 'output') : null;
-      return h('span', { class: 'age', title: `${table}: how long ago its cache was filled` }, name, h('b', {}, bar), text);
+      return h('span', { class: 'age', title: `${table}: how long ago its cache was filled` }, name, h('b', {}, bar),
+        text);
     });
     return [h('section', { class: 'module' }, h('header', {}, h('h3', {}, title), ages),
       s('svg', { viewBox: `0 0 ${WIDTH} ${height}`, role: 'group', 'aria-label': title }, content)), height];
   }
 
   module(table, cells) {
-    const rows = cells.filter((cell) => MAIN.test(cell.object));
+    const rows = cells.filter((cell) => MAIN.includes(cell.object));
     return this.frame(TITLES[table], [table], HEAD + rows.length * ROW,
       [...heads(), ...rows.map((cell, place) => this.row(cell, HEAD + place * ROW))]);
   }
 
   channel(cell, tables) {
     const lets = (tables.get(`letChannel${cell.index}Table`) ?? []).filter((item) => item.object.endsWith('Status'));
-    const line = tables.get('ampChannelTable').find((item) => item.object === 'ampChannelLineState' && item.index === cell.index);
+    const line = tables.get('ampChannelTable').find((item) => item.object === 'ampChannelLineState'
+      && item.index === cell.index);
     const top = HEAD + 2 * ROW;
     const wire = lets.length ? this.wire(line, lets, top) : [];
-    return this.frame(rowName(cell), ['ampChannelTable', ...(lets.length ? [lets[0].table] : [])], top + (lets.length ? 118 : 0),
+    return this.frame(rowName(cell), ['ampChannelTable', ...(lets.length ? [lets[0].table] : [])],
+      top + (lets.length ? 118 : 0),
       [...heads(), this.row(cell, HEAD, 'Output stage'), this.row(line, HEAD + ROW, 'Loudspeaker line'), ...wire]);
   }
 
   // The line leaves the amplifier, passes the first five transponders, turns, and passes the others.
   wire(line, lets, top) {
     const upper = top + 30, lower = top + 82;
-    const path = s('path', { class: 'wire', d: `M34 ${upper}H324a14 14 0 0 1 14 14V${lower - 14}a14 14 0 0 1-14 14H66` });
+    const path = s('path', { class: 'wire',
+      d: `M34 ${upper}H324a14 14 0 0 1 14 14V${lower - 14}a14 14 0 0 1-14 14H66` });
     const mark = s('text', { class: 'wire-mark', x: 338, y: (upper + lower) / 2 + 5, 'text-anchor': 'middle' });
     this.watch(line, (entry) => {
       const state = line.words[entry[2] ?? entry[1]] ?? 'unknown';
@@ -82,7 +89,8 @@ export class Drawing {
     const has = s('text', { class: 'figure', x: 274, y: y + 16, 'text-anchor': 'end' });
     const reads = s('text', { class: 'figure reads', x: 354, y: y + 16, 'text-anchor': 'end' });
     const dial = dialOf(cell, y + 12);
-    const item = this.item(cell, name, s('rect', { class: 'hit', x: 1, y: y + 1, width: WIDTH - 2, height: ROW - 2, rx: 4 }), light.node,
+    const item = this.item(cell, name,
+      s('rect', { class: 'hit', x: 1, y: y + 1, width: WIDTH - 2, height: ROW - 2, rx: 4 }), light.node,
       s('text', { class: 'name', x: 26, y: y + 16 }, name), ...(dial?.nodes ?? []), has, reads);
     this.watch(cell, (entry) => {
       light.set(entry[3]);
@@ -97,10 +105,12 @@ export class Drawing {
   item(cell, name, ...children) {
     const open = () => this.select(cell);
     const node = s('g', { class: 'item', tabindex: 0, role: 'button', 'data-cell': cell.id, onclick: open,
-      onkeydown: (event) => { if (event.key === 'Enter' || event.key === ' ') { event.preventDefault(); open(); } } }, children);
+      onkeydown: (event) => { if (event.key === 'Enter' || event.key === ' ') { event.preventDefault(); open(); } } },
+        children);
     const set = (entry) => {
       node.dataset.state = entry[3];
-      node.setAttribute('aria-label', `${name}: ${STATES[entry[3]]}. Device ${deviceText(cell, entry)}, manager ${managerText(cell, entry)}`);
+      node.setAttribute('aria-label',
+        `${name}: ${STATES[entry[3]]}. Device ${deviceText(cell, entry)}, manager ${managerText(cell, entry)}`);
     };
     this.watch(cell, set);
     return node;
@@ -115,7 +125,7 @@ export class Drawing {
   }
 }
 
-export function byTable(cells) {
+function byTable(cells) {
   const found = new Map();
   for (const cell of cells) found.set(cell.table, [...(found.get(cell.table) ?? []), cell]);
   return found;
@@ -131,22 +141,26 @@ function dialOf(cell, y) {
   const at = (x) => `translate(${x} ${y})`;
   if (cell.object === 'tempCurrent' || (cell.object === 'voltageValue' && cell.nominal)) {
     const volts = cell.object === 'voltageValue';
-    const needle = s('rect', { class: volts ? 'needle' : 'fill', x: 162, y: y - (volts ? 5 : 2), height: volts ? 10 : 4, width: 3, rx: 1.5 });
+    const needle = s('rect', { class: volts ? 'needle' : 'fill', x: 164, y: y - (volts ? 5 : 2), height: volts
+      ? 10 : 4, width: 3, rx: 1.5 });
     const share = (value) => (volts ? (value / cell.nominal - 1) / 0.3 + 0.5 : value / 100);
-    return { nodes: [s('rect', { class: 'track', x: 162, y: y - 2, width: 36, height: 4, rx: 2 }), volts ? s('path', { class: 'nominal', d: `M180 ${y - 5}v10` }) : null, needle],
+    return { nodes: [s('rect', { class: 'track', x: 164, y: y - 2, width: 36, height: 4, rx: 2 }), volts
+      ? s('path', { class: 'nominal', d: `M182 ${y - 5}v10` }) : null, needle],
       set([text]) {
         const place = 36 * Math.min(1, Math.max(0, share(Math.abs(Number(text)) || 0)));
-        needle.setAttribute(volts ? 'x' : 'width', volts ? 162 + Math.min(place, 33) : Math.max(place, 2));
+        needle.setAttribute(volts ? 'x' : 'width', volts ? 164 + Math.min(place, 33) : Math.max(place, 2));
       } };
   }
   if (cell.object === 'fanSpeed') {
-    const blades = s('path', { class: 'blades', d: 'M0 0C-2-4-1-8 3-8C5-5 3-2 0 0C4-2 8-1 8 3C5 5 2 3 0 0C2 4 1 8-3 8C-5 5-3 2 0 0C-4 2-8 1-8-3C-5-5-2-3 0 0z' });
+    const blades = s('path', { class: 'blades',
+      d: 'M0 0C-2-4-1-8 3-8C5-5 3-2 0 0C4-2 8-1 8 3C5 5 2 3 0 0C2 4 1 8-3 8C-5 5-3 2 0 0C-4 2-8 1-8-3C-5-5-2-3 0 0z' });
     return { nodes: [s('g', { transform: at(180) }, s('circle', { class: 'ring', r: 9.5 }), blades)],
       set([text]) { blades.classList.toggle('turning', Number(text) > 0); } };
   }
   if (['input', 'relay', 'output'].includes(cell.kind)) {
     const arm = s('path', { class: 'arm' });
-    return { nodes: [s('g', { transform: at(184), class: 'contact' }, s('path', { d: 'M-14 0H-6M6 0H14' }), arm, s('circle', { cx: -6, r: 2 }), s('circle', { cx: 6, r: 2 }))],
+    return { nodes: [s('g', { transform: at(184), class: 'contact' }, s('path', { d: 'M-14 0H-6M6 0H14' }), arm,
+      s('circle', { cx: -6, r: 2 }), s('circle', { cx: 6, r: 2 }))],
       set(entry) {
         const word = cell.words[entry[2] ?? entry[1]] ?? '';
         arm.setAttribute('d', /^(closed|shorted|set|failSet|high)$/.test(word) ? 'M-6 0H6' : 'M-6 0L5-6');

@@ -1,7 +1,9 @@
 // The fleet: a tile for each device.
 import { h, lampIcon, put, STATES } from './dom.js';
 
-const ORDER = ['silent', 'bad', 'warn', 'starting', 'notice', 'unknown', 'ok'];
+const SUMS = { silent: 'without an answer', bad: 'with a fault', warn: 'with a warning', starting: 'starting',
+  notice: 'with a notice', ok: 'in order' };
+const ORDER = Object.keys(SUMS);
 
 export class Fleet {
   constructor() {
@@ -32,17 +34,21 @@ export class Fleet {
       (this.worstFirst ? ORDER.indexOf(a.state) - ORDER.indexOf(b.state) : 0) || names.compare(a.name, b.name));
     put(this.title, tiles.length === 1 ? '1 device' : `${tiles.length} devices`);
     this.sums.replaceChildren(...ORDER.map((state) => [state, tiles.filter((tile) => tile.state === state).length])
-      .filter(([, count]) => count).map(([state, count]) => h('li', { 'data-state': state }, lampIcon(state, 13), `${count} ${STATES[state].toLowerCase()}`)));
+      .filter(([, count]) => count).map(([state, count]) =>
+        h('li', { 'data-state': state }, lampIcon(state, 13), `${count} ${SUMS[state]}`)));
     const focused = document.activeElement?.getAttribute?.('href');
-    this.list.replaceChildren(...(tiles.length ? tiles.map(tileOf) : [h('li', { class: 'empty' }, 'No device runs. Start one: scripts/device --model 6420')]));
+    this.list.replaceChildren(...(tiles.length
+      ? tiles.map(tileOf) : [h('li', { class: 'empty' }, 'No device runs. Start one: scripts/device --model 6420')]));
     if (focused) this.list.querySelector(`a[href="${CSS.escape(focused)}"]`)?.focus();
   }
 }
 
 function tileOf(tile) {
-  return h('li', {}, h('a', { class: 'tile', href: `/device/${encodeURIComponent(tile.name)}`, 'data-state': tile.state },
+  return h('li', {}, h('a', { class: 'tile', href: `/device/${encodeURIComponent(tile.name)}`,
+    'data-state': tile.state },
     h('span', { class: 'tile-state' }, lampIcon(tile.state, 15), STATES[tile.state],
       tile.faults ? h('span', { class: 'count' }, tile.faults === 1 ? '1 message' : `${tile.faults} messages`) : null),
-    h('strong', {}, tile.name), h('span', { class: 'model' }, String(tile.model), h('span', {}, tile.text ?? '')),
+    h('strong', {}, tile.name), h('span', { class: 'model' }, String(tile.model),
+      h('span', {}, (tile.text ?? '').replace(/^Orvane /, ''))),
     h('span', { class: 'where' }, tile.location ?? ''), h('code', {}, tile.address)));
 }

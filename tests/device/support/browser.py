@@ -11,7 +11,8 @@ from selenium.webdriver.chrome.service import Service
 def chromium(folder: Path, width: int = 1280, height: int = 900) -> webdriver.Chrome:
     options = webdriver.ChromeOptions()
     options.binary_location = "/usr/bin/chromium"
-    for argument in ("--headless=new", "--disable-gpu", "--disable-dev-shm-usage", "--no-proxy-server", f"--user-data-dir={folder}",
+    for argument in ("--headless=new", "--disable-gpu", "--disable-dev-shm-usage", "--no-proxy-server",
+        f"--user-data-dir={folder}",
                      *(["--no-sandbox"] if os.geteuid() == 0 else [])):
         options.add_argument(argument)
     options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
