@@ -34,7 +34,7 @@ INITSCRIPT_PARAMS = "defaults 91"
 
 PACKAGES =+ "${PN}-simulator ${PN}-monitoring"
 FILES:${PN} += "${datadir}/snmp/mibs/KVSNMP-MIB.txt ${nonarch_libdir}/tmpfiles.d/kvsnmp.conf"
-FILES:${PN}-simulator = "${bindir}/talservice ${bindir}/talctl ${bindir}/kvsnmp-device ${datadir}/kvsnmp-simulator"
+FILES:${PN}-simulator = "${bindir}/talservice ${bindir}/talctl ${bindir}/kvsnmp-device ${bindir}/kvsnmp-fleet ${datadir}/kvsnmp-simulator"
 FILES:${PN}-monitoring = "${datadir}/kvsnmp-monitoring"
 CONFFILES:${PN} = "${sysconfdir}/snmp/kvagent.conf"
 

@@ -14,13 +14,14 @@ import socket
 import subprocess
 import sys
 import time
+from collections.abc import Callable
 from pathlib import Path
 
-from . import registry, sandbox
+from . import panel, registry, sandbox
 from .folders import make_folders
 from .identity import MODELS, identity_files
 from .registry import DeviceError
-from .settings import CHECKOUT, COMMAND, INSTALLED, Settings
+from .settings import CHECKOUT, COMMAND, FLEET_COMMAND, INSTALLED, TRAP_LOG, Settings
 
 NEEDED = ["bwrap", "nsenter", "snmpd", "snmptrapd", "dbus-daemon", "killall"]
 END_TIMEOUT = 10.0
@@ -42,14 +43,18 @@ service's simulator, a system bus, snmptrapd and kvsnmp run. Ctrl-C ends it and 
 
 
 def main(arguments: list[str]) -> int:
+    return dispatch("device", {"exec": run_exec, "list": run_list, "stop": run_stop, "start": run_start}, arguments)
+
+
+def dispatch(program: str, commands: dict[str, Callable[[list[str]], int]], arguments: list[str]) -> int:
+    """Runs the command that the first argument names, without one "start"."""
     os.environ["PATH"] = os.environ.get("PATH", "") + ":/usr/sbin:/sbin"
-    commands = {"exec": run_exec, "list": run_list, "stop": run_stop, "start": run_start}
     try:
         if arguments and arguments[0] in commands:
             return commands[arguments[0]](arguments[1:])
-        return run_start(arguments)
+        return commands["start"](arguments)
     except DeviceError as error:
-        print(f"device: {error}", file=sys.stderr)
+        print(f"{program}: {error}", file=sys.stderr)
         return 1
 
 
@@ -65,6 +70,9 @@ def start_parser() -> argparse.ArgumentParser:
     parser.add_argument("--port", type=port_number, default=0, metavar="N",
                         help="share the host's network and answer on this UDP port (default: a separate network, "
                              "port 161)")
+    parser.add_argument("--panel", type=port_number, metavar="N",
+                        help="serve the front panel, a web page of the device, on this TCP port of 127.0.0.1; the device "
+                             "shares the host's network, by default with the first free port from 1161")
     parser.add_argument("--trap-port", type=port_number, metavar="N",
                         help="where the device's snmptrapd listens (default: 162, with --port one above it)")
     parser.add_argument("--bin", metavar="DIR", help="folder of kvsnmp, talservice and talctl "
@@ -99,7 +107,7 @@ def start_parser() -> argparse.ArgumentParser:
 
 class PrintVersion(argparse.Action):
     def __call__(self, parser: argparse.ArgumentParser, *_) -> None:
-        print(f"{PROGRAM} {version()}")
+        print(f"{parser.prog} {version()}")
         parser.exit()
 
 
@@ -156,11 +164,22 @@ def check_ports(settings: Settings) -> None:
     if not settings.port:
         return
     for port, address in ((settings.port, ""), (settings.trap_port, "127.0.0.1")):
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-            try:
-                probe.bind((address, port))
-            except OSError as error:
-                raise DeviceError(f"UDP port {port}: {error.strerror}; choose another with --port and --trap-port") from error
+        if error := bind_error(port, address):
+            raise DeviceError(f"UDP port {port}: {error.strerror}; choose another with --port and --trap-port") from error
+
+
+def bind_error(port: int, address: str) -> OSError | None:
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+        try:
+            probe.bind((address, port))
+        except OSError as error:
+            return error
+    return None
+
+
+def free_port() -> int:
+    """The first of two free UDP ports: one for snmpd, one for the receiver of traps."""
+    return next(port for port in range(1161, 65535, 2) if not bind_error(port, "") and not bind_error(port + 1, ""))
 
 
 def settings_from(options: argparse.Namespace, name: str) -> Settings:
@@ -193,13 +212,21 @@ def run_start(arguments: list[str]) -> int:
     options = start_parser().parse_args(arguments)
     check_programs()
     find_bin_dir(options.bin)
+    if options.panel:
+        panel.check(options.panel)
+        options.port = options.port or free_port()
     registry.sweep()
     claim = registry.claim(options.name, options.model)
     try:
         settings = settings_from(options, claim.folder.name)
         check_ports(settings)
         make_folders(claim.root, settings, etc_files(options), options.snmpd_rss)
-        return Session(claim, settings, options.quiet).run()
+        page = panel.start(options.panel, settings.name) if options.panel else None
+        try:
+            return Session(claim, settings, options.quiet).run()
+        finally:
+            if page:
+                panel.stop(page)
     finally:
         claim.remove()
 
@@ -255,7 +282,8 @@ class Session:
             os.close(self.first_process_end)
 
     def _follow(self, bwrap: subprocess.Popen, info_read: int, status_read: int) -> int:
-        facts = {"model": self.settings.model, "port": self.settings.port, "ready": False}
+        facts = {"model": self.settings.model, "port": self.settings.port, "address": self.settings.address,
+                 "traps": str(self.claim.root) + TRAP_LOG, "ready": False}
         words, asker_end = "", -1
         with selectors.DefaultSelector() as selector:
             selector.register(status_read, selectors.EVENT_READ)
@@ -331,19 +359,26 @@ def run_exec(arguments: list[str]) -> int:
     parser.add_argument("--name", help="which device, when several run")
     parser.add_argument("command", nargs="+", metavar="CMD", help="put -- before it when it has options")
     options = parser.parse_args(arguments)
-    device = registry.find(options.name)
-    command = sandbox.enter_command(device.first_process, options.command, own_network=not device.port)
+    command = into(registry.find(options.name), options.command)
     os.execvp(command[0], command)
+
+
+def into(device: registry.Running, command: list[str]) -> list[str]:
+    return sandbox.enter_command(device.first_process, command, own_network=sandbox.has_other_network(device.first_process))
 
 
 def run_list(arguments: list[str]) -> int:
     argparse.ArgumentParser(prog=f"{PROGRAM} list", description="Lists the running devices.").parse_args(arguments)
     registry.sweep()
-    for device in registry.running():
-        where = f"127.0.0.1:{device.port}" if device.port else "own network"
+    show(registry.running())
+    return 0
+
+
+def show(devices: list[registry.Running]) -> None:
+    for device in devices:
+        where = f"{device.address}:{device.port}" if device.port else "own network"
         state = "running" if device.ready else "starting"
         print(f"{device.name}\tmodel {device.model}\t{where}\t{state}\t{device.root}")
-    return 0
 
 
 def run_stop(arguments: list[str]) -> int:
@@ -352,11 +387,18 @@ def run_stop(arguments: list[str]) -> int:
     parser.add_argument("--all", action="store_true", help="every device")
     options = parser.parse_args(arguments)
     devices = registry.running() if options.all else [registry.find(options.name)]
-    for device in devices:
-        os.kill(device.owner, signal.SIGTERM)
+    if not options.all and devices[0].is_in_fleet:
+        raise DeviceError(f"{devices[0].name} is in a fleet, which ends as a whole: {FLEET_COMMAND} stop")
+    end(devices)
+    return 0
+
+
+def end(devices: list[registry.Running]) -> None:
+    """Ends the owners of these devices."""
+    for owner in {device.owner for device in devices}:
+        os.kill(owner, signal.SIGTERM)
     limit = time.monotonic() + 2 * END_TIMEOUT
     while any(device.folder.exists() for device in devices):
         if time.monotonic() > limit:
             raise DeviceError("the device does not end")
         time.sleep(0.02)
-    return 0

@@ -117,19 +117,21 @@ def _fill_etc(etc: Path, settings: Settings, etc_files: dict[str, str]) -> None:
     for name in HOST_FILES:
         if os.path.exists(f"/etc/{name}"):
             shutil.copyfile(f"/etc/{name}", etc / name)
-    write(etc / "hostname", "device\n")
-    write(etc / "hosts", "127.0.0.1 localhost device\n::1 localhost\n")
+    write(etc / "hostname", f"{settings.hostname}\n")
+    write(etc / "hosts", f"127.0.0.1 localhost {settings.hostname}\n::1 localhost\n")
     write(etc / "machine-id", os.urandom(16).hex() + "\n")
     write(etc / "dbus-1/device.conf", DBUS_CONFIG)
-    write(etc / "snmp/snmp.conf", "mibs :\n")
+    sender = f"clientaddr {settings.address}\n" if settings.sends_from_address else ""
+    write(etc / "snmp/snmp.conf", f"mibs :\n{sender}")
     shutil.copyfile(_agent_config(), etc / "snmp/kvagent.conf")
     for name, text in etc_files.items():
         write(etc / name, text)
     # Not in the folder that the daemon watches. Non-text bytes separate the times and values of a record.
+    source = "snmpTrapAddress.0 = %B\x1f" if settings.is_in_fleet else ""
     write(etc / "snmptrapd.conf", "disableAuthorization yes\n"
           "[snmp] serverRecvBuf 8000000\n"
           "doNotLogTraps no\n"
-          "format2 \x02%02.2h:%02.2j:%02.2k\x1d%V\x1f%v\x1e\\n\n")
+          f"format2 \x02%02.2h:%02.2j:%02.2k\x1d{source}%V\x1f%v\x1e\\n\n")
 
 
 def _agent_config() -> Path:

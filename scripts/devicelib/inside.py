@@ -8,7 +8,6 @@ from __future__ import annotations
 import os
 import selectors
 import signal
-import socket
 import subprocess
 import sys
 import time
@@ -17,93 +16,15 @@ from pathlib import Path
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
-from devicelib.settings import (BIN_FOLDER, GPIO_ROOT, SANITIZER_LOG, STATE_FOLDER, TAL_CONTROL, TAL_SOCKET,  # noqa: E402
-                                Settings, kvsnmp_environment)
+from devicelib.programs import SyslogSink, TrapPrinter, say, snmptrapd_command, talservice_command  # noqa: E402
+from devicelib.settings import BIN_FOLDER, SANITIZER_LOG, STATE_FOLDER, TRAP_LOG, Settings, kvsnmp_environment  # noqa: E402
 
 START_TIMEOUT = 20.0
 END_TIMEOUT = 5.0
-SEVERITIES = ["emerg", "alert", "crit", "err", "warning", "notice", "info", "debug"]
-RECORD_START, RECORD_END = b"\x02", b"\x1e"
-TIME_END, VARIABLE_END = "\x1d", "\x1f"
 
 
 class StartFailed(Exception):
     pass
-
-
-def say(text: str) -> None:
-    try:
-        print(text, flush=True)
-    except OSError:  # the reader is gone
-        pass
-
-
-class SyslogSink:
-    """/dev/log: one line of /var/log/syslog per message."""
-
-    def __init__(self) -> None:
-        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
-        self.socket.bind("/run/devlog")
-        os.chmod("/run/devlog", 0o666)
-        self._file = open("/var/log/syslog", "a", encoding="utf-8", buffering=1)
-
-    def receive(self) -> None:
-        while True:
-            try:
-                message = self.socket.recv(65536).decode(errors="replace")
-            except BlockingIOError:
-                return
-            self._file.write(f"{time.time():.6f} {self._line(message)}\n")
-
-    @staticmethod
-    def _line(message: str) -> str:
-        """"<30>Nov 21 07:00:00 kv-snmp[5]: text" as "info kv-snmp[5]: text"."""
-        severity = "notice"
-        if message.startswith("<") and ">" in message:
-            number, message = message[1:].split(">", 1)
-            severity = SEVERITIES[int(number) & 7] if number.isdigit() else severity
-        if message[3:4] == " " and message[15:16] == " ":
-            message = message[16:]
-        return f"{severity} {message.rstrip(chr(0)).rstrip()}"
-
-
-class TrapPrinter:
-    """Splits snmptrapd's output into records and prints each on one line."""
-
-    def __init__(self, stream) -> None:
-        self.stream = stream
-        os.set_blocking(stream.fileno(), False)
-        self._pending = b""
-        self._log = open("/var/log/traps", "ab", buffering=0)
-
-    def receive(self) -> bool:
-        """False when snmptrapd has closed its output."""
-        while chunk := self._read():
-            self._pending += chunk
-            *records, self._pending = self._pending.split(RECORD_END)
-            for record in records:
-                record = record.partition(RECORD_START)[2]  # before it: snmptrapd's output at its start
-                self._log.write(record + RECORD_END)
-                self._print(record.decode(errors="replace"))
-        return chunk is None
-
-    def _read(self) -> bytes | None:
-        try:
-            return os.read(self.stream.fileno(), 65536)
-        except BlockingIOError:
-            return None
-
-    @staticmethod
-    def _print(record: str) -> None:
-        at, _, variables = record.partition(TIME_END)
-        name, shown = "trap", []
-        for variable in variables.split(VARIABLE_END):
-            label, _, value = variable.replace("\n", "\\n").partition(" = ")
-            if label.startswith(("snmpTrapOID", ".1.3.6.1.6.3.1.1.4.1")):
-                name = value
-            elif not label.startswith(("sysUpTime", ".1.3.6.1.2.1.1.3")):
-                shown.append(f"{label} = {value}")
-        say(f"trap {at} {name}: " + ", ".join(shown))
 
 
 class Device:
@@ -113,7 +34,7 @@ class Device:
         self.selector = selectors.DefaultSelector()
         self.children: dict[str, subprocess.Popen] = {}
         self.kvsnmp: subprocess.Popen | None = None
-        self.syslog = SyslogSink()
+        self.syslog = SyslogSink(Path("/"))
         self.traps: TrapPrinter | None = None
         self.wake_read, wake_write = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
         os.set_blocking(wake_write, False)
@@ -134,15 +55,15 @@ class Device:
             self._spawn("dbus-daemon", ["dbus-daemon", "--config-file=/etc/dbus-1/device.conf", "--nofork",
                                         "--nopidfile"])
         if settings.traps:
-            self._spawn("snmptrapd", self._snmptrapd(), stdout=subprocess.PIPE)
+            self._spawn("snmptrapd", snmptrapd_command(settings), stdout=subprocess.PIPE)
         if settings.dbus:
             self._wait_for_socket("dbus-daemon", "/run/dbus/system_bus_socket")
         if settings.simulator:
-            self._spawn("talservice", self._talservice(), stdout=subprocess.PIPE)
+            self._spawn("talservice", talservice_command(settings), stdout=subprocess.PIPE)
             self._wait_for_line("talservice", b"talservice: ready")
         if settings.traps:
             self._wait_for_port("snmptrapd", settings.trap_port)
-            self.traps = TrapPrinter(self.children["snmptrapd"].stdout)
+            self.traps = TrapPrinter(self.children["snmptrapd"].stdout, Path(TRAP_LOG))
             self.selector.register(self.traps.stream, selectors.EVENT_READ, self._traps)
         if settings.kvsnmp != "none":
             self._start_kvsnmp()
@@ -155,25 +76,6 @@ class Device:
                                                    env=os.environ | kvsnmp_environment(False, ""))
         except OSError as error:
             raise StartFailed(f"{name} cannot be started: {error}") from error
-
-    def _talservice(self) -> list[str]:
-        settings = self.settings
-        prefix = "/state/config/snmp_settings/"
-        command = [f"{BIN_FOLDER}/talservice", "--model", str(settings.model), "--socket", TAL_SOCKET,
-                   "--control", TAL_CONTROL, "--gpio-root", GPIO_ROOT,
-                   "--bus", "system" if settings.dbus else "none"]
-        if settings.port:
-            command += ["--set", f"{prefix}access_control/snmp_port={settings.port}"]
-        if settings.traps and settings.trap_port != 162:
-            command += ["--set", f"{prefix}trap_settings/trap_address={settings.trap_receiver}"]
-        return command + settings.simulator_args
-
-    def _snmptrapd(self) -> list[str]:
-        names = "-On" if self.settings.numeric_traps else "-OQs"
-        # Only the device's modules: -M without a plus sign hides the host's.
-        return ["snmptrapd", "-f", "-n", names, "-Lo", "-C", "-c", "/etc/snmptrapd.conf",
-                "-M", f"{STATE_FOLDER}/mibs", "-m", "" if self.settings.numeric_traps else "ALL",
-                f"udp:127.0.0.1:{self.settings.trap_port}"]
 
     def _start_kvsnmp(self) -> None:
         settings = self.settings

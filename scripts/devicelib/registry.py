@@ -11,7 +11,7 @@ import time
 from pathlib import Path
 from typing import NamedTuple
 
-from .settings import COMMAND
+from .settings import COMMAND, TRAP_LOG
 
 NAMELESS = ".nameless-"  # a folder during its creation, until it is locked, or during its removal
 
@@ -28,6 +28,9 @@ class Running(NamedTuple):
     owner: int  # the process of scripts/device
     first_process: int  # the device's first process, by its number on the host
     ready: bool
+    address: str  # of its SNMP port; only with a port, otherwise the device has its own network
+    traps: Path  # snmptrapd's records, each ending with a separator; one file for a whole fleet
+    is_in_fleet: bool  # its owner runs other devices, too
 
     @property
     def root(self) -> Path:
@@ -151,7 +154,8 @@ def running() -> list[Running]:
             os.close(lock)
             continue
         devices.append(Running(facts["name"], facts["model"], facts["port"], folder, facts["owner"],
-                               facts["first_process"], facts["ready"]))
+                               facts["first_process"], facts["ready"], facts.get("address", "127.0.0.1"),
+                               Path(facts.get("traps") or f"{folder}/root{TRAP_LOG}"), facts.get("is_in_fleet", False)))
     return devices
 
 

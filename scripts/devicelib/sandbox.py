@@ -15,10 +15,10 @@ The sandbox could not be made. A device needs bubblewrap and the right to create
     with --security-opt seccomp=unconfined --security-opt apparmor=unconfined)."""
 
 
-def bwrap_command(root: Path, settings: Settings, info_fd: int, command: list[str]) -> list[str]:
+def bwrap_command(root: Path, settings: Settings, info_fd: int, command: list[str], *options: str) -> list[str]:
     """bubblewrap with `command` as the first process of the device."""
     bwrap = ["bwrap", "--die-with-parent", "--new-session", "--unshare-pid", "--unshare-ipc", "--unshare-uts",
-             "--hostname", "device", "--info-fd", str(info_fd)]
+             "--hostname", settings.hostname, "--info-fd", str(info_fd), *options]
     if os.geteuid() != 0:
         bwrap += ["--unshare-user", "--uid", "0", "--gid", "0", "--cap-add", "ALL"]
     if not settings.port:
@@ -59,3 +59,8 @@ def enter_command(first_process: int, command: list[str], extra_env: dict[str, s
     if term := os.environ.get("TERM"):
         variables.setdefault("TERM", term)
     return enter + ["--", "/usr/bin/env", "-i"] + [f"{name}={value}" for name, value in variables.items()] + command
+
+
+def has_other_network(process: int) -> bool:
+    """Whether the process is in another network than this one."""
+    return os.readlink(f"/proc/{process}/ns/net") != os.readlink("/proc/self/ns/net")

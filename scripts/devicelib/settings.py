@@ -8,12 +8,14 @@ from pathlib import Path
 CHECKOUT = Path(__file__).resolve().parents[2]
 INSTALLED = not (CHECKOUT / "CMakeLists.txt").exists()  # from a package, without a checkout
 COMMAND = "kvsnmp-device" if INSTALLED else "scripts/device"
+FLEET_COMMAND = "kvsnmp-fleet" if INSTALLED else "scripts/fleet"
 
 # Inside the device.
 BIN_FOLDER = "/run/device/bin"
 STATE_FOLDER = "/run/device"
 TAL_SOCKET = "/run/tal.sock"
 TAL_CONTROL = "/run/talcontrol.sock"
+TRAP_LOG = "/var/log/traps"
 GPIO_ROOT = "/run/gpio"
 CLOCK_FILE = "/run/device/clockshift"
 SNMPD_RSS_FILE = "/run/device/snmpd-rss"
@@ -27,6 +29,10 @@ class Settings:
     name: str
     bin_dir: str
     port: int = 0  # 0: a separate network, port 161
+    address: str = "127.0.0.1"  # a fleet's device listens and sends on it alone
+    hostname: str = "device"
+    is_in_fleet: bool = False
+    trap_target: str = ""  # HOST:PORT instead of the device's snmptrapd
     trap_port: int = 162
     kvsnmp: str = "foreground"  # "foreground", "daemon" or "none"
     kvsnmp_args: list[str] = dataclasses.field(default_factory=list)
@@ -51,8 +57,23 @@ class Settings:
         return self.port or 161
 
     @property
+    def port_setting(self) -> str:
+        """The device's setting, which snmpd.conf has twice: "agentAddress udp6:%1,udp:%1". snmpd ignores what follows
+        "none"."""
+        return f"[::1]:0,udp:{self.address}:{self.port},none" if self.is_in_fleet else str(self.port)
+
+    @property
     def trap_receiver(self) -> str:
+        if self.trap_target:
+            return self.trap_target
         return "127.0.0.1" if self.trap_port == 162 else f"127.0.0.1:{self.trap_port}"
+
+    @property
+    def sends_from_address(self) -> bool:
+        """So that its traps are attributable; an address of the loopback reaches nothing else."""
+        def is_loopback(host: str) -> bool:
+            return host.startswith("127.")
+        return self.is_in_fleet and (not is_loopback(self.address) or is_loopback(self.trap_target))
 
     def program(self, name: str) -> str:
         """kvsnmp is installed in a folder "sbin", the others in "bin" beside it."""

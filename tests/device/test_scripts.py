@@ -11,7 +11,8 @@ import pytest
 from support.device import CHECKOUT, bin_dir
 
 SCRIPTS = sorted(path.name for path in (CHECKOUT / "scripts").iterdir() if path.is_file() and os.access(path, os.X_OK))
-COMMANDS = [[script] for script in SCRIPTS] + [["device", command] for command in ("exec", "list", "stop")]
+COMMANDS = [[script] for script in SCRIPTS] + [[script, command] for script in ("device", "fleet")
+                                               for command in ("exec", "list", "stop")]
 HARMLESS = ["dirname", "sed"]  # more than these, and nothing beside scripts/, would be an action
 
 
@@ -54,14 +55,15 @@ def test_an_unknown_option_is_refused(tree, command):
     assert shows_usage(done.stderr, command), done.stderr
 
 
-def test_device_prints_the_version_of_the_tree_and_of_a_package(tmp_path):
+@pytest.mark.parametrize("script", ["device", "fleet"])
+def test_device_prints_the_version_of_the_tree_and_of_a_package(tmp_path, script):
     version = re.search(r"^project\(kvsnmp VERSION (\S+)", (CHECKOUT / "CMakeLists.txt").read_text(), re.MULTILINE)[1]
     shutil.copytree(CHECKOUT / "scripts", tmp_path / "scripts", ignore=shutil.ignore_patterns("__pycache__"))
-    for scripts, name in [(CHECKOUT / "scripts", "device"), (tmp_path / "scripts", "kvsnmp-device")]:
-        done = subprocess.run([scripts / "device", "--version"], capture_output=True, text=True, check=True, timeout=60,
+    for scripts, name in [(CHECKOUT / "scripts", script), (tmp_path / "scripts", f"kvsnmp-{script}")]:
+        done = subprocess.run([scripts / script, "--version"], capture_output=True, text=True, check=True, timeout=60,
                               env={"PATH": f"{bin_dir()}:/usr/bin"})
         assert done.stdout == f"{name} {version}\n"
 
 
 def test_there_are_scripts():
-    assert {"cross", "demo", "device", "install-deps", "test"} <= set(SCRIPTS)
+    assert {"cross", "demo", "device", "fleet", "install-deps", "test"} <= set(SCRIPTS)

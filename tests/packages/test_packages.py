@@ -56,7 +56,7 @@ def test_each_model_has_its_recording_and_each_program_its_manual_page(debs: Pat
     assert recordings == set(walks.NAMES)
     files = set().union(*(files_of(package, debs) for package in PACKAGES))
     programs = {Path(file).name for file in files if re.fullmatch(r"/usr/s?bin/[^/]+", file)}
-    assert programs == {"kvsnmp", "kvsnmp-check", "kvsnmp-device", "kvsnmp-discover", "talctl", "talservice"}
+    assert programs == {"kvsnmp", "kvsnmp-check", "kvsnmp-device", "kvsnmp-discover", "kvsnmp-fleet", "talctl", "talservice"}
     assert {Path(file).name.split(".")[0] for file in files if file.endswith((".1.gz", ".8.gz"))} == programs
 
 

@@ -1,0 +1,183 @@
+#!/usr/bin/python3
+"""The front panel: a web page of the devices that run on this machine, live.
+
+usage: server.py [--port N] [--listen ADDRESS] [--name DEVICE]
+"""
+from __future__ import annotations
+
+import argparse
+import asyncio
+import ipaddress
+import os
+import sys
+from pathlib import Path
+from typing import Any
+from urllib.parse import quote
+
+sys.dont_write_bytecode = True
+HERE = Path(__file__).resolve().parent
+sys.path[:0] = [str(HERE), str(next(folder for folder in (HERE.parents[1] / "scripts", HERE.parent)
+                                    if (folder / "devicelib").is_dir()))]
+
+from aiohttp import web  # noqa: E402
+
+from sources import Refused  # noqa: E402
+from watch import AGENT, Feed, Fleet, Watch, devices  # noqa: E402
+
+POLICY = "default-src 'self'; img-src 'self' data:; base-uri 'none'; form-action 'none'; frame-ancestors 'none'"
+HEADERS = {"Content-Security-Policy": POLICY, "X-Content-Type-Options": "nosniff", "Referrer-Policy": "no-referrer",
+           "Cache-Control": "no-cache", "Cross-Origin-Resource-Policy": "same-origin"}
+
+
+def is_own_host(request: web.Request) -> bool:
+    """The address on which the request arrived, or localhost: a name of a foreign site may resolve to this machine."""
+    host = request.headers.get("Host", "")
+    name, _, port = host.rpartition(":") if host[-1:] != "]" and ":" in host else (host, "", "")
+    own, own_port = request.transport.get_extra_info("sockname")[:2]
+    if port and port != str(own_port):
+        return False
+    if name == "localhost":
+        return ipaddress.ip_address(own).is_loopback
+    try:
+        return ipaddress.ip_address(name.strip("[]")) == ipaddress.ip_address(own)
+    except ValueError:
+        return False
+
+
+@web.middleware
+async def guard(request: web.Request, handler: Any) -> web.StreamResponse:
+    if not is_own_host(request):
+        raise web.HTTPForbidden(text="this host name is not served here\n")
+    if request.method not in ("GET", "HEAD"):
+        origin = request.headers.get("Origin")
+        if origin is not None and origin != f"http://{request.headers['Host']}":
+            raise web.HTTPForbidden(text="another origin may not change anything here\n")
+        if request.content_type != "application/json":  # a form of another site cannot send this type
+            raise web.HTTPUnsupportedMediaType(text="application/json is required\n")
+    return await handler(request)
+
+
+async def harden(_: web.Request, response: web.StreamResponse) -> None:
+    response.headers.update(HEADERS)
+
+
+class Panel:
+    def __init__(self, name: str | None) -> None:
+        self.name = name
+        self.fleet = Fleet()
+        self.watches: dict[str, Watch] = {}
+
+    def application(self) -> web.Application:
+        application = web.Application(middlewares=[guard], client_max_size=1 << 16)
+        application.on_response_prepare.append(harden)
+        application.add_routes([
+            web.get("/", self.root), web.get("/device/{name}", self.page), web.get("/events", self.fleet_events),
+            web.get("/device/{name}/events", self.device_events), web.post("/device/{name}/{action}", self.click),
+            web.static("/page", HERE / "page")])
+        return application
+
+    async def root(self, request: web.Request) -> web.StreamResponse:
+        if self.name:
+            raise web.HTTPFound(f"/device/{quote(self.name, safe='')}")
+        return await self.page(request)
+
+    async def page(self, request: web.Request) -> web.StreamResponse:
+        self._allowed(request)
+        return web.FileResponse(HERE / "page/index.html")
+
+    def _allowed(self, request: web.Request) -> str:
+        name = request.match_info.get("name", "")
+        if self.name and name != self.name:
+            raise web.HTTPNotFound(text="this panel shows another device\n")
+        return name
+
+    def _watch(self, request: web.Request) -> Watch:
+        name = self._allowed(request)
+        if name not in self.watches and name not in devices():
+            raise web.HTTPNotFound(text="no such device\n")
+        return self.watches.setdefault(name, Watch(name))
+
+    async def fleet_events(self, request: web.Request) -> web.StreamResponse:
+        self._allowed(request)
+        return await self._stream(request, self.fleet)
+
+    async def device_events(self, request: web.Request) -> web.StreamResponse:
+        name = self._allowed(request)
+        if name == self.name:  # this panel waits for its device
+            self.watches.setdefault(name, Watch(name)).only = True
+        return await self._stream(request, self._watch(request))
+
+    async def _stream(self, request: web.Request, feed: Feed) -> web.StreamResponse:
+        response = web.StreamResponse(headers={"Content-Type": "text/event-stream"})
+        await response.prepare(request)
+        page = feed.subscribe()
+        try:
+            while True:
+                try:
+                    text = await asyncio.wait_for(page.get(), 10)
+                except asyncio.TimeoutError:
+                    text = "{}"  # shows both sides whether the other one lives
+                if text is None:
+                    break
+                await response.write(f"data: {text}\n\n".encode())
+        except ConnectionError:
+            pass
+        finally:
+            feed.unsubscribe(page)
+        return response
+
+    async def click(self, request: web.Request) -> web.StreamResponse:
+        watch, action = self._watch(request), request.match_info["action"]
+        try:
+            value = await request.json()
+            if action == "talctl" and value and isinstance(value, list) and all(isinstance(word, str)
+                for word in value):
+                text = await watch.talctl(value)
+            elif action == "agent" and isinstance(value, str) and value in AGENT:
+                text = await watch.agent(value)
+            elif action == "scenario" and isinstance(value, str):
+                text = await watch.scenario(value)
+            else:
+                raise web.HTTPBadRequest(text="no such action\n")
+        except ValueError as error:
+            raise web.HTTPBadRequest(text="not JSON\n") from error
+        except Refused as refusal:
+            return web.json_response({"ok": False, "text": str(refusal)})
+        return web.json_response({"ok": True, "text": text})
+
+
+async def serve(options: argparse.Namespace) -> int:
+    runner = web.AppRunner(Panel(options.name).application(), access_log=None)
+    await runner.setup()
+    try:
+        await web.TCPSite(runner, options.listen, options.port, shutdown_timeout=0.2).start()
+    except OSError as error:
+        print(f"panel: port {options.port}: {os.strerror(error.errno or 0)}", file=sys.stderr)
+        return 1
+    host = f"[{options.listen}]" if ":" in options.listen else options.listen
+    print(f"panel: http://{host}:{options.port}/", flush=True)
+    ended = asyncio.Event()
+    if options.until_eof:  # the program that started it holds the other end
+        asyncio.get_running_loop().add_reader(0, lambda: os.read(0, 4096) or ended.set())
+    await ended.wait()
+    await runner.cleanup()
+    return 0
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(description=__doc__, usage=argparse.SUPPRESS,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--port", type=int, default=8080)
+    parser.add_argument("--listen", default="127.0.0.1",
+        help="another address than 127.0.0.1; anyone who reaches it can "
+                                                              "change the devices")
+    parser.add_argument("--name", help="only this device; without it all that run")
+    parser.add_argument("--until-eof", action="store_true", help="end when standard input is closed")
+    try:
+        return asyncio.run(serve(parser.parse_args()))
+    except KeyboardInterrupt:
+        return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
