@@ -58,12 +58,12 @@ export class Device {
     this.log = h('ol', { class: 'log' });
     this.rate = h('dd'), this.uptime = h('dd'), this.answers = h('dd'),
       this.scenarioState = h('p', { class: 'hint', role: 'status' });
-    const exec = (action, command) =>
-      h('button', { title: command, onclick: () => this.run(`${this.base}/agent`, action, command) },
-      { restart: 'Restart snmpd', kill: 'Kill snmpd' }[action]);
+    const exec = (action, name) => {
+      const command = `${message.command} exec --name ${this.name} -- sh -c '${message.actions[action]}'`;
+      return h('button', { title: command, onclick: () => this.run(`${this.base}/agent`, action, command) }, name);
+    };
     const scenario = ([name, about]) => h('button', { title: about,
       onclick: () => this.run(`${this.base}/scenario`, name, `talctl scenario ${name}`) }, name.replaceAll('-', ' '));
-    const inside = `${message.command} exec --name ${this.name} -- sh -c`;
     this.body.replaceChildren(
       h('main', {}, this.drawing.node, this.graphs()),
       h('aside', {}, this.inspector.node,
@@ -74,8 +74,7 @@ export class Device {
         card('SNMP agent', h('dl', { class: 'pair' }, h('div', {}, h('dt', {}, 'Answers'), this.answers),
           h('div', {}, h('dt', {}, 'Runs for'), this.uptime),
           h('div', {}, h('dt', {}, 'Requests'), this.rate)), this.share = h('p', { class: 'hint' }),
-        h('div', { class: 'choices' }, exec('restart', `${inside} "touch /etc/snmp/stirred; rm /etc/snmp/stirred"`),
-          exec('kill', `${inside} 'kill -9 $(cat /run/snmpd.pid)'`))),
+        h('div', { class: 'choices' }, exec('restart', 'Restart snmpd'), exec('kill', 'Kill snmpd'))),
         card('Commands of your clicks', this.log)));
     this.inspector.empty();
   }
