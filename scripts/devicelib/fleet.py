@@ -21,9 +21,10 @@ from .registry import DeviceError
 from .settings import TAL_CONTROL, TRAP_LOG, Settings, kvsnmp_environment
 from .walk import Command, Walk
 
-START_TIMEOUT = 120.0
+START_SECONDS, SECONDS_EACH = 60, 3  # of a whole fleet, and more for each device
 LOOK_SECONDS = 0.3  # between two looks at devices that start
 AT_ONCE = 4 * (os.cpu_count() or 1)  # devices that start at the same time
+LONGEST_SOCKET = 107  # bytes of a path
 RSS = "8192"  # what a device's ps says of snmpd's memory
 
 # A device's first process: $1 is its name, the rest talservice's command. A shell is much smaller than another python.
@@ -31,9 +32,9 @@ FIRST_PROCESS = """\
 name=$1
 shift
 dbus-daemon --config-file=/etc/dbus-1/device.conf --nofork --nopidfile > /var/log/dbus-daemon.log 2>&1 &
-until [ -S /run/dbus/system_bus_socket ]; do sleep 0.1; done
+until [ -S /run/dbus/system_bus_socket ]; do kill -0 $! || exit; sleep 0.1; done
 "$@" > /var/log/talservice.log 2>&1 &
-until grep -qs ready /var/log/talservice.log; do sleep 0.1; done
+until grep -qs ready /var/log/talservice.log; do kill -0 $! || exit; sleep 0.1; done
 kvsnmp -d > /dev/null 2> /var/log/kvsnmp.err
 echo "$name: kvsnmp ended with status $?"
 wait
@@ -56,11 +57,14 @@ class Member:
         self.bwrap: subprocess.Popen | None = None
         self.first_process, self.first_process_end = 0, -1
         self.syslog: SyslogSink | None = None
+        self._traps = Path()
         self._control: socket.socket | None = None
         self._replies = b""
         self.answers = False
 
     def start(self, status: int, traps: Path) -> None:
+        if len(f"{self.claim.root}{TAL_CONTROL}") > LONGEST_SOCKET:
+            raise DeviceError(f"{self.claim.root} is too long for a socket; set TMPDIR to a shorter folder")
         make_folders(self.claim.root, self.settings, identity_files(self.settings.model), RSS)
         self.syslog = SyslogSink(self.claim.root)
         self._traps = traps
@@ -86,10 +90,16 @@ class Member:
             text = info.read()
         if not text:
             bwrap.wait()
-            raise DeviceError((self.claim.root / "var/log/first-process.log").read_text() + sandbox.FAILED_HINT)
+            raise DeviceError(f"{self.logs()}\n{sandbox.FAILED_HINT}")
         self.first_process = first_process(text)
         self.first_process_end = os.pidfd_open(self.first_process)
         return bwrap
+
+    def logs(self) -> str:
+        """The last lines of each log, which will be removed with the device."""
+        logs = [*sorted((self.claim.root / "var/log").glob("*.log")), self.claim.root / "var/log/kvsnmp.err"]
+        return "\n".join(f"{log.name}: {line}" for log in logs if log.exists()
+                         for line in log.read_text(errors="replace").splitlines()[-5:])
 
     def publish(self, ready: bool) -> None:
         self.claim.publish(model=self.settings.model, port=self.settings.port, address=self.settings.address,
@@ -183,15 +193,17 @@ class Fleet:
         if self.receiver:
             printer = self.receiver.start_receiver()
             self._selector.register(printer.stream, selectors.EVENT_READ, lambda: self._on_traps(printer))
-        limit = time.monotonic() + START_TIMEOUT
+        seconds = START_SECONDS + SECONDS_EACH * len(self.members)
+        limit = time.monotonic() + seconds
         while (self._waiting or self._starting) and not self._ended:
             while self._waiting and len(self._starting) < AT_ONCE:
                 self._start(self._waiting.pop())
             self._serve_until(time.monotonic() + LOOK_SECONDS)
             self._starting = [member for member in self._starting if not self._is_ready(member)]
             if time.monotonic() > limit:
-                names = ", ".join(member.settings.name for member in self._starting + self._waiting)
-                raise DeviceError(f"not ready after {START_TIMEOUT:.0f} s: {names}")
+                late = self._starting + self._waiting
+                names = ", ".join(member.settings.name for member in late)
+                raise DeviceError(f"not ready after {seconds} s: {names}\n{late[0].logs()}")
         return not self._ended
 
     def _start(self, member: Member) -> None:
@@ -204,12 +216,12 @@ class Fleet:
     def _on_end(self, member: Member) -> None:
         self._selector.unregister(member.first_process_end)
         if member in self._starting:
-            raise DeviceError(f"{member.settings.name} ended; its logs: {member.claim.root}/var/log")
+            raise DeviceError(f"{member.settings.name} ended\n{member.logs()}")
         note(f"{member.settings.name} ended")
 
     def _on_traps(self, printer: TrapPrinter) -> None:
         if not printer.receive():
-            raise DeviceError("snmptrapd ended:\n" + (self.receiver.claim.root / "var/log/first-process.log").read_text())
+            raise DeviceError(f"snmptrapd ended\n{self.receiver.logs()}")
 
     def _is_ready(self, member: Member) -> bool:
         if member.is_subscribed() and member.answers:

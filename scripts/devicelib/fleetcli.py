@@ -13,16 +13,16 @@ from pathlib import Path
 
 from . import cli, panel, registry
 from .fleet import Fleet, Member, note
-from .identity import IDENTITIES, MODELS, identity_files
+from .identity import IDENTITIES, MODELS, identity_files, served_text
 from .registry import DeviceError
 from .settings import FLEET_COMMAND, TRAP_LOG, Settings
 
 PROGRAM = FLEET_COMMAND.rpartition("/")[2]
 NAME = "fleet"  # of the folder of the fleet's snmptrapd
-MOST = 1000
+MOST = 200
 WATCHES, WATCHES_OF_OTHERS = 4, 20  # inotify instances of a device, and left for other programs
 KINDS = ["Amplifier", "Controller", "Switch", "Desk", "Outdoor"]  # a station has none of these words
-PLACES = ["Entrance hall", "Terminal A", "Terminal B", "Platform 1", "Platform 2", "Concourse", "Car park", "Control room"]
+PLACES = ["Entrance hall", "Terminal A", "Terminal B", "Platform 1", "Platform 2", "Concourse", "Control room"]
 SETTINGS = "/state/config/snmp_settings/"
 
 DESCRIPTION = f"""\
@@ -119,7 +119,8 @@ def settings_of(options: argparse.Namespace) -> list[Settings]:
         kind = next((kind for kind in KINDS if kind in IDENTITIES[model].text), "Station").lower()
         name = f"{kind}-{model}-{numbers[model]:02}"
         location = f"{PLACES[place % len(PLACES)]}, rack {place // len(PLACES) + 1}"
-        leaves = {"mib_2_settings/sys_name": name, "mib_2_settings/sys_location": location, "access_control/nms_ip": "default"}
+        leaves = {"mib_2_settings/sys_name": name, "mib_2_settings/sys_location": location,
+                  "access_control/nms_ip": "default"}
         found.append(Settings(
             model, name, bin_dir, hostname=name, is_in_fleet=True, traps=False,
             address=str(first if options.base_port else first + place),
@@ -145,8 +146,8 @@ def check_watches(devices: int) -> None:
     """Without a watch the devices look once a second, but other programs of this user may fail."""
     limit = int(Path("/proc/sys/fs/inotify/max_user_instances").read_text())
     if WATCHES * devices > limit - WATCHES_OF_OTHERS:
-        note(f"{devices} devices watch files with {WATCHES * devices} inotify instances of {limit}: other programs of this "
-             f"user may fail to; more: sysctl fs.inotify.max_user_instances={2 * WATCHES * devices}")
+        note(f"{devices} devices watch files with {WATCHES * devices} inotify instances of {limit}: other programs of "
+             f"this user may fail to; more: sysctl fs.inotify.max_user_instances={2 * WATCHES * devices}")
 
 
 def run_start(arguments: list[str]) -> int:
@@ -169,8 +170,8 @@ def run_start(arguments: list[str]) -> int:
         fleet = Fleet(members, None if options.trap_target else Member(fleet_claim, receiver),
                       fleet_claim.root / TRAP_LOG[1:])
         if fleet.start():
-            note(f"{len(members)} devices answer after {time.monotonic() - started:.0f} s; list them: {FLEET_COMMAND} list; "
-                 f"end them: Ctrl-C, or {FLEET_COMMAND} stop")
+            note(f"{len(members)} devices answer after {time.monotonic() - started:.0f} s; "
+                 f"list them: {FLEET_COMMAND} list; end them: Ctrl-C, or {FLEET_COMMAND} stop")
             write_inventory(options.inventory, devices)
             page = panel.start(options.panel, None) if options.panel else None
             fleet.run(options.seed, options.step, options.faults_per_hour)
@@ -192,9 +193,8 @@ def run_start(arguments: list[str]) -> int:
 def write_inventory(file: str | None, devices: list[Settings]) -> None:
     """As kvsnmp-discover writes it for Prometheus."""
     def description(settings: Settings) -> dict[str, object]:
-        etc = identity_files(settings.model)
-        texts = {"name": settings.name, "model": str(settings.model), "description": etc["xr-model"].strip(),
-                 "firmware": etc["xr-pkgver"].strip()}
+        texts = {"name": settings.name, "model": str(settings.model), "description": served_text(settings.model),
+                 "firmware": identity_files(settings.model)["xr-pkgver"].strip()}
         return {"targets": [settings.address if settings.port == 161 else f"{settings.address}:{settings.port}"],
                 "labels": {f"__meta_kvsnmp_{name}": text for name, text in texts.items()}}
 
@@ -203,8 +203,11 @@ def write_inventory(file: str | None, devices: list[Settings]) -> None:
         print(text, end="", flush=True)
     elif file:
         partial = Path(file + ".new")
-        partial.write_text(text)
-        partial.rename(file)
+        try:
+            partial.write_text(text)
+            partial.rename(file)
+        except OSError as error:
+            raise DeviceError(f"{file}: {error.strerror}") from error
 
 
 # Commands on the running fleet
@@ -232,7 +235,8 @@ def run_exec(arguments: list[str]) -> int:
 
 
 def run_list(arguments: list[str]) -> int:
-    argparse.ArgumentParser(prog=f"{PROGRAM} list", description="Lists the devices of the running fleet.").parse_args(arguments)
+    parser = argparse.ArgumentParser(prog=f"{PROGRAM} list", description="Lists the devices of the running fleet.")
+    parser.parse_args(arguments)
     cli.show(running())
     return 0
 

@@ -27,6 +27,13 @@ IDENTITIES = {
 }
 
 MODELS = sorted(IDENTITIES)
+RENAMED_TYPE, RENAMED_TEXT = "VQ9B", "Orvane Mervio Amplifier VQ9"
+
+
+def served_text(model: int) -> str:
+    """The model text that a manager reads; kvsnmp replaces that of one amplifier type."""
+    identity = IDENTITIES[model]
+    return RENAMED_TEXT if identity.amp_type == RENAMED_TYPE else identity.text
 
 
 def identity_files(model: int) -> dict[str, str]:

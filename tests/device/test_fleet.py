@@ -21,7 +21,7 @@ from devicelib import walk
 
 SCRIPT = str(CHECKOUT / "scripts/fleet")
 COUNT = int(os.environ.get("KVSNMP_FLEET", "0"))
-DEVICES = ["--count", str(COUNT)] if COUNT else ["--models", "6420:2,6214,6913"]
+DEVICES = ["--count", str(COUNT)] if COUNT else ["--models", "6420,6720,6214:2"]
 FAULTS = 20  # of each device, within
 FAULT_SECONDS = 10.0
 START_SECONDS = 120.0  # with sanitizers on a busy machine
@@ -56,19 +56,32 @@ class Fleet:
     def owner(self) -> int:
         return self.devices[0].owner
 
+    def children(self) -> list[int]:
+        """The sandboxes and the front panel."""
+        return [int(number) for number in Path(f"/proc/{self.owner}/task/{self.owner}/children").read_text().split()]
+
     def run(self, device: registry.Running, *command: str, check: bool = True) -> str:
         """The output of a command inside a device."""
-        enter = sandbox.enter_command(device.first_process, list(command))
-        return subprocess.run(enter, capture_output=True, text=True, check=check, timeout=60, stdin=subprocess.DEVNULL).stdout
+        done = subprocess.run(sandbox.enter_command(device.first_process, list(command)), capture_output=True, text=True,
+                              check=check, timeout=60, stdin=subprocess.DEVNULL)
+        return done.stdout
 
-    def get(self, device: registry.Running, oid: str) -> str:
-        return self.run(device, "snmpget", "-v2c", "-c", "public", "-Oqv", f"{device.address}:{device.port}", oid).strip().strip('"')
+    def try_get(self, device: registry.Running, oid: str) -> str:
+        """The value of an object, empty without an answer."""
+        where = f"{device.address}:{device.port}"
+        return self.run(device, "snmpget", "-v2c", "-c", "public", "-Oqv", "-r1", where, oid, check=False).strip().strip('"')
 
     def traps(self) -> list[dict[str, str]]:
         """The variables of all traps, in the order of arrival."""
         records = self.devices[0].traps.read_bytes().decode().split("\x1e")[:-1]
         variables = [record.partition("\x1d")[2].split("\x1f") for record in records]
         return [dict(variable.split(" = ", 1) for variable in record) for record in variables]
+
+    def complaints(self) -> list[str]:
+        """Sanitizer reports, and connections that Qt refused."""
+        logs = [log for device in self.devices for log in (device.root / "var/log").glob("sanitizer.*")]
+        errors = [line for device in self.devices for line in (device.root / "var/log/kvsnmp.err").read_text().splitlines()]
+        return [log.read_text() for log in logs] + [line for line in errors if re.search("QObject::|runtime error:", line)]
 
     def end(self, number: signal.Signals = signal.SIGTERM) -> int:
         if self.process.poll() is None:
@@ -141,8 +154,8 @@ def start_fleet(base, request) -> Iterator:
         started.end()
 
 
-def script(*arguments: str, **options) -> subprocess.CompletedProcess:
-    return subprocess.run([SCRIPT, *arguments], capture_output=True, text=True, timeout=60, check=False, **options)
+def script(*arguments: str, timeout: float = 60.0, **options) -> subprocess.CompletedProcess:
+    return subprocess.run([SCRIPT, *arguments], capture_output=True, text=True, timeout=timeout, check=False, **options)
 
 
 def is_gone(process: int) -> bool:
@@ -158,7 +171,7 @@ def is_gone(process: int) -> bool:
 def test_each_device_answers_at_its_address_with_its_name_and_location(fleet):
     assert [device.address for device in fleet.devices] == [f"127.1.0.{place + 1}" for place in range(len(fleet.devices))]
     assert {device.port for device in fleet.devices} == {161}
-    answers = [(fleet.get(device, MODEL_NUMBER), fleet.get(device, SYS_NAME), fleet.get(device, SYS_LOCATION))
+    answers = [(fleet.try_get(device, MODEL_NUMBER), fleet.try_get(device, SYS_NAME), fleet.try_get(device, SYS_LOCATION))
                for device in fleet.devices]
     assert [(model, name) for model, name, _ in answers] == [(str(device.model), device.name) for device in fleet.devices]
     assert len({location for _, _, location in answers}) == len(answers)
@@ -167,7 +180,8 @@ def test_each_device_answers_at_its_address_with_its_name_and_location(fleet):
 
 def test_the_inventory_is_what_a_search_of_the_network_finds(fleet):
     places = f"{fleet.devices[0].address}-{fleet.devices[-1].address}"
-    found = fleet.run(fleet.devices[0], str(CHECKOUT / "monitoring/discover/kvsnmp-discover"), "--format", "prometheus", places)
+    search = [str(CHECKOUT / "monitoring/discover/kvsnmp-discover"), "--format", "prometheus", places]
+    found = fleet.run(fleet.devices[0], *search)
     assert json.loads(fleet.inventory.read_text()) == json.loads(found)
     assert len(json.loads(found)) == len(fleet.devices)
 
@@ -179,7 +193,8 @@ def test_list_and_exec(fleet):
     last = fleet.devices[-1].name
     assert script("exec", "--name", last, "--", "cat", "/etc/hostname").stdout == f"{last}\n"
     assert script("exec", "--name", last, "--", "sh", "-c", "exit 7").returncode == 7
-    assert script("exec", "--", "hostname").stdout == "".join(f"== {device.name}\n{device.name}\n" for device in fleet.devices)
+    expected = "".join(f"== {device.name}\n{device.name}\n" for device in fleet.devices)
+    assert script("exec", "--", "hostname").stdout == expected
 
 
 def test_a_device_has_its_own_processes_and_system_log(fleet):
@@ -191,11 +206,10 @@ def test_a_device_has_its_own_processes_and_system_log(fleet):
     other = fleet.run(second, "cat", "/run/snmpd.pid")
     fleet.run(first, "killall", "snmpd")
     wait_until(lambda: "snmpd" not in fleet.run(first, "ps", "-e", "-o", "comm=").split(), what="snmpd killed")
-    assert fleet.get(second, MODEL_NUMBER) == str(second.model)
+    assert fleet.try_get(second, MODEL_NUMBER) == str(second.model)
     assert fleet.run(second, "cat", "/run/snmpd.pid") == other
     (first.root / "etc/snmp/stirred").touch()  # the daemon restarts snmpd
-    wait_until(lambda: subprocess.run(sandbox.enter_command(first.first_process, ["snmpget", "-v2c", "-c", "public", "-r0",
-               first.address, MODEL_NUMBER]), capture_output=True, check=False).returncode == 0, 30, what="first device answers")
+    wait_until(lambda: fleet.try_get(first, MODEL_NUMBER), 30, what="first device answers")
 
 
 def test_a_device_of_a_fleet_is_not_stopped_alone(fleet):
@@ -212,7 +226,8 @@ def test_values_move_within_their_range(fleet):
         before = {value.path: value.start for value in walk.values_of(control.state())}
 
         def moved() -> dict[str, str]:
-            return {value.path: value.start for value in walk.values_of(control.state()) if value.start != before[value.path]}
+            now = walk.values_of(control.state())
+            return {value.path: value.start for value in now if value.start != before[value.path]}
 
         assert len(wait_until(lambda: len(moved()) >= 3 and moved(), 30, 0.2, "values moved")) < len(before)
         assert {path.rpartition("/")[2] for path in before} <= set(walk.SPANS)
@@ -258,6 +273,7 @@ def test_every_trap_of_a_flood_is_received_and_names_its_device(fleet):
 
 def test_stop_ends_the_fleet(fleet):
     """The last test with the shared fleet."""
+    assert fleet.complaints() == []
     assert script("stop").returncode == 0
     assert fleet.process.wait(20) == 0
     assert registry.running() == []
@@ -272,12 +288,12 @@ def test_ctrl_c_leaves_nothing_behind(start_fleet, base):
     fleet = start_fleet("--count", "2", "--base-port", "2161", "--faults-per-hour", "36000", "--step", "1",
                         "--panel", "8080").wait_answering()
     assert [(device.address, device.port) for device in fleet.devices] == [("127.0.0.1", 2161), ("127.0.0.1", 2162)]
-    assert [fleet.get(device, SYS_NAME) for device in fleet.devices] == [device.name for device in fleet.devices]
+    assert [fleet.try_get(device, SYS_NAME) for device in fleet.devices] == [device.name for device in fleet.devices]
     page = ["python3", "-c", "import urllib.request as r; print(r.urlopen('http://127.0.0.1:8080/').status)"]
     wait_until(lambda: "200" in fleet.run(fleet.devices[0], *page, check=False), 30, 0.5, "front panel answers")
     wait_until(lambda: any("trapDescription.0" in trap for trap in fleet.traps()), 30, 0.2, "a fault of the walk")
-    children = [int(number) for number in Path(f"/proc/{fleet.owner}/task/{fleet.owner}/children").read_text().split()]
-    assert len(children) == 4  # the sandboxes and the front panel
+    children = fleet.children()
+    assert len(children) == 4
     processes = children + [device.first_process for device in fleet.devices]
     assert fleet.end(signal.SIGINT) == 0
     assert all(is_gone(process) for process in processes)
@@ -288,10 +304,12 @@ def test_after_a_kill_the_next_start_clears_what_is_left(start_fleet):
     killed = start_fleet("--count", "2").wait_answering()
     assert killed.end(signal.SIGKILL) != 0
     assert all(device.folder.exists() for device in killed.devices)
-    second = start_fleet("--models", "6410").wait_answering()
+    second = start_fleet("--models", "6410", "--trap-target", "127.0.0.1:2000").wait_answering()
     wait_until(lambda: all(is_gone(device.first_process) for device in killed.devices), what="killed devices ended")
     assert [device.name for device in second.devices] == ["controller-6410-01"]
     assert not any(device.folder.exists() for device in killed.devices)
+    assert "trap2sink 127.0.0.1:2000\n" in (second.devices[0].root / "etc/snmp/snmpd.conf").read_text()
+    assert len(second.children()) == 1  # no receiver of traps
 
 
 def test_clear_errors(base):
@@ -302,8 +320,20 @@ def test_clear_errors(base):
     assert (done.returncode, done.stdout) == (1, "")
     assert done.stderr.startswith(f"fleet: 127.0.0.1, UDP port {port}: Address already in use; choose another with")
     assert list(base.glob("kvsnmp-devices-*/*")) == []
+    deep = base / ("deep" * 10)
+    deep.mkdir()
+    done = script("--count", "1", "--base-port", str(port), "--bin", str(bin_dir()), env=os.environ | {"TMPDIR": str(deep)})
+    assert done.returncode == 1 and "is too long for a socket; set TMPDIR" in done.stderr
+    broken = base / "bin"
+    broken.mkdir()
+    for program in ("kvsnmp", "talservice", "talctl"):
+        (broken / program).write_text("#!/bin/sh\necho broken program\n")
+        (broken / program).chmod(0o755)
+    done = script("--count", "1", "--base-port", str(port), "--bin", str(broken))
+    assert done.returncode == 1 and "fleet: station-6211-01 ended\n" in done.stderr
+    assert "talservice.log: broken program" in done.stderr
     for arguments, message in [
-            (["--models", "6420:2,9999:1"], "no model 9999"), (["--count", "0"], "a fleet has 1 to 1000 devices"),
+            (["--models", "6420:2,9999:1"], "no model 9999"), (["--count", "0"], "a fleet has 1 to 200 devices"),
             (["--trap-target", "127.0.0.1:70000"], "a port is 1 to 65535"), (["stop"], "no fleet is running")]:
         done = script(*arguments)
         assert done.returncode != 0 and message in done.stderr and "Traceback" not in done.stderr
