@@ -48,7 +48,7 @@ std::optional<Process> processOf(pid_t pid, const QString &procFolder)
     const char state = fields[0][0];
     if (state == 'Z' || state == 'X')
         return std::nullopt;
-    return Process{pid, stat.mid(open + 1, close - open - 1), state,
+    return Process{pid, fields[1].toInt(), stat.mid(open + 1, close - open - 1), state,
                    startTime(fields[startField].toLongLong(), procFolder)};
 }
 
@@ -64,6 +64,14 @@ std::vector<Process> processesNamed(const QByteArray &name, const QString &procF
         if (process && process->name == name)
             found.push_back(*process);
     }
+    const std::vector<Process> all = found;
+    found.erase(std::remove_if(found.begin(), found.end(),
+                               [&all](const Process &process) {
+                                   return std::any_of(all.begin(), all.end(), [&process](const Process &other) {
+                                       return other.pid == process.parent;
+                                   });
+                               }),
+                found.end());
     std::sort(found.begin(), found.end(), [](const Process &a, const Process &b) { return a.pid < b.pid; });
     return found;
 }

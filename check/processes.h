@@ -15,6 +15,7 @@ QByteArray contentsOf(const QString &path);
 
 struct Process {
     pid_t pid = 0;
+    pid_t parent = 0;
     QByteArray name; ///< the kernel's name: at most 15 characters
     char state = '?';
     QDateTime started;
@@ -22,7 +23,8 @@ struct Process {
     bool isStopped() const { return state == 'T' || state == 't'; }
 };
 
-/// The running processes of that name, ascending, without zombies.
+/// The running processes of that name, ascending, without zombies and without children of each other: until it executes
+/// its program, a daemon's child has the daemon's name.
 std::vector<Process> processesNamed(const QByteArray &name, const QString &procFolder = QStringLiteral("/proc"));
 
 /// Nothing if no such process runs.

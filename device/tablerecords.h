@@ -19,8 +19,9 @@ inline constexpr std::size_t relayRows = 12;
 
 /// The origin of a measured value.
 enum class Reading : std::uint8_t {
-    None,     ///< not reported yet, or deleted
-    Number,   ///< the data service has reported a decimal number
+    None,     ///< not reported yet, deleted, or with more decimals than the record has
+    Number,   ///< the data service has reported this number
+    TooLarge, ///< it has reported a larger number than the record can hold
     NoNumber, ///< it has reported another text; the value is what its digits give
 };
 

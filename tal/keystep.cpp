@@ -4,9 +4,12 @@
 #include <xrcommon/TalInterface.h>
 
 #include <QDebug>
+#include <QLocale>
 #include <QStringBuilder>
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 
 namespace {
 
@@ -99,6 +102,17 @@ bool isDecimal(QStringView text)
     return digits > 0 && digits + text.count(QLatin1Char('.')) == text.size() && text.count(QLatin1Char('.')) <= 1;
 }
 
+/// `value`: what scaledInteger() has made of the text.
+Reading readingOf(QStringView text, std::uint32_t scale, std::uint32_t value)
+{
+    if (!isDecimal(text))
+        return Reading::NoNumber;
+    const double number = std::abs(QLocale::c().toDouble(text.trimmed())) * scale;
+    if (number > std::numeric_limits<std::uint32_t>::max())
+        return Reading::TooLarge;
+    return std::abs(number - value) < 0.5 ? Reading::Number : Reading::None;
+}
+
 } // namespace
 
 QString KeyPath::with(const Keys &keys) const
@@ -125,8 +139,9 @@ Step measureStep(const Notification &n, const KeyRule &rule, const Keys &keys, M
     QString text;
     switch (lookUp(n, rule.place, keys, text)) {
     case Found::Text:
-        measured.reading = isDecimal(text) ? Reading::Number : Reading::NoNumber;
-        return changedStep(rule.map, text, measured.value);
+        measured.value = scaledInteger(text, rule.map.onOther.number);
+        measured.reading = readingOf(text, rule.map.onOther.number, measured.value);
+        return Step::Handled;
     case Found::Deleted:
         measured.reading = Reading::None;
         return deletedStep(rule.map.onDelete, measured.value);

@@ -133,7 +133,7 @@ enum class Step {
 /// Handled. `scratch` may therefore be the record's field, unless the rule has keepScratch.
 Step keyStep(const Notification &n, const KeyRule &rule, const Keys &keys, std::uint32_t &scratch);
 
-/// The same for a measured value, with the origin of the value. The rule has no words and no keepScratch.
+/// The same for a measured value, with the origin of the value. The rule is a scale, without words.
 Step measureStep(const Notification &n, const KeyRule &rule, const Keys &keys, Measured &measured);
 
 /// The same for a text value. True if `text` is to be stored.

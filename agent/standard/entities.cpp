@@ -37,10 +37,10 @@ constexpr const SensorKind &fanSensors = sensorKinds[2];
 
 void addEntity(std::uint32_t index, const char *description, std::uint32_t physicalClass, std::uint32_t containedIn)
 {
-    std::uint32_t position = 1;
+    std::int32_t position = containedIn == 0 ? -1 : 1;
     for (const TableRow *row = entityRows.first(); row != nullptr; row = row->next) {
         const auto &other = static_cast<const EntityRow &>(*row);
-        position += static_cast<unsigned>(other.containedIn == containedIn && other.physicalClass == physicalClass);
+        position += static_cast<int>(other.containedIn == containedIn && other.physicalClass == physicalClass);
     }
     EntityRow &entity = entityRows.add(index, description);
     entity.physicalClass = physicalClass;

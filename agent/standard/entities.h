@@ -17,7 +17,7 @@ struct SensorKind {
 struct EntityRow : TableRow {
     std::uint32_t containedIn; ///< index of another entity, 0 for none
     std::uint32_t physicalClass;
-    std::uint32_t position; ///< from 1, among the entities of its class in the same container
+    std::int32_t position; ///< from 1, among the entities of its class in the same container; -1 without a container
 };
 
 struct SensorRow : TableRow {

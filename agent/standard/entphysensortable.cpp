@@ -29,13 +29,15 @@ const Measured &measured(const TableRow &row)
 
 Cell value(const TableRow &row)
 {
-    return number(std::min<std::int64_t>(measured(row).value, overflow));
+    const Measured &latest = measured(row);
+    return number(latest.reading == Reading::TooLarge ? overflow : std::min<std::int64_t>(latest.value, overflow));
 }
 
 Cell status(const TableRow &row)
 {
     switch (measured(row).reading) {
     case Reading::Number:
+    case Reading::TooLarge:
         return number(1); // ok
     case Reading::None:
         return number(2); // unavailable

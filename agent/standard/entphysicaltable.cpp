@@ -29,6 +29,11 @@ Cell name(const TableRow &row)
     return row.index == chassisIndex ? chassisText<&InfoData::modelType>(row) : cellOf(row.description);
 }
 
+Cell position(const TableRow &row)
+{
+    return {&entity(row).position, sizeof(entity(row).position)};
+}
+
 Cell noText(const TableRow &)
 {
     return {"", 0};
@@ -41,7 +46,7 @@ constexpr Column columns[] = {
     {ASN_OBJECT_ID, [](const TableRow &) { return Cell{noType, sizeof(noType)}; }},
     {ASN_INTEGER,   [](const TableRow &row) { return cellOf(entity(row).containedIn); }},
     {ASN_INTEGER,   [](const TableRow &row) { return cellOf(entity(row).physicalClass); }},
-    {ASN_INTEGER,   [](const TableRow &row) { return cellOf(entity(row).position); }},
+    {ASN_INTEGER,   position},
     {ASN_OCTET_STR, name},                                                                  // entPhysicalName
     {ASN_OCTET_STR, chassisText<&InfoData::deviceTreeVersion>},                             // entPhysicalHardwareRev
     {ASN_OCTET_STR, chassisText<&InfoData::packageVersion>},                                // entPhysicalFirmwareRev

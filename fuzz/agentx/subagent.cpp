@@ -74,7 +74,7 @@ void SubAgent::store(std::size_t place, std::uint32_t value)
         return;
     }
     const std::span numbers(m_records.voltage.values);
-    const auto reading = static_cast<Reading>(value % 3);
+    const auto reading = static_cast<Reading>(value % 4);
     numbers[place % numbers.size()] = {value, reading};
     m_records.temp.rows[place % tempRows] = {{value, reading}, value, value};
     m_records.relay.rows[place % relayRows] = {value, value, value};

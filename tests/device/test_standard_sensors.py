@@ -3,14 +3,16 @@ The walks of all models are in test_walks.py, random requests in test_random_req
 from __future__ import annotations
 
 import pytest
-from support import ber, steps
+from support import ber, mibfiles, steps
 from support.catalogue import SCALAR_OIDS
-from support.device import Device
+from support.device import CHECKOUT, Device
 from support.polling import wait_until
 from support.snmp import NO_SUCH_OBJECT
 from support.standard import LAST_CHANGE, PHYSICAL, ROOTS, SENSOR
 
 CONFIGURATION = "/etc/snmp/kvagent.conf"
+CHANGE = f"{ber.dotted(LAST_CHANGE)}.0"
+OTHER = "127.0.0.1:1161"  # of another master
 # Another sub-agent: opens a session (AgentX type 1) as soon as snmpd listens, registers an object (type 3), holds both.
 OTHER_AGENT = """
 import socket, struct, sys, time
@@ -29,6 +31,17 @@ while True:
             pass
     except (OSError, struct.error):
         time.sleep(0.005)
+"""
+
+# Arguments: the folders of the MIB files.
+SNMP_INFO = """
+use SNMP::Info::Entity;
+my $info = SNMP::Info::Entity->new(DestHost => "127.0.0.1", Version => 2, Community => "public", AutoSpecify => 0,
+                                   IgnoreNetSNMPConf => 1, MibDirs => \\@ARGV);
+my @columns = map { $info->$_ } qw(e_class e_parent e_pos e_name e_hwver e_fwver e_swver);
+for my $index (sort { $a <=> $b } keys %{$info->e_index}) {
+    print join("|", $index, map { $$_{$index} } @columns), "\\n";
+}
 """
 
 
@@ -63,12 +76,14 @@ def device(start_shared_device):
     (1003, "/state/power_lines/power_line[kid='3v3']/voltage", "3.31", "3310"),
     (1003, "/state/power_lines/power_line[kid='3v3']/voltage", " -24.5 ", "24500"),  # intended: as the private MIB
     (1003, "/state/power_lines/power_line[kid='3v3']/voltage", "4000000", "1000000000"),  # the RFC's overflow
+    (1003, "/state/power_lines/power_line[kid='3v3']/voltage", "4294967296", "1000000000"),  # the private MIB: 0
     (2003, "/state/temp_sensors/temp_sensor[kid='amp_main_board']/temp_current", "41.2", "412"),
     (3102, "/state/fans/fan[kid='amp_class_d']/speed_sensor_rpm", "1450", "1450"),
 ])
 def test_state_of_a_sensor_follows_what_was_reported(device, index, path, text, value):
     leaf, parent = path.rsplit("/", 1)[1], path.rsplit("/", 1)[0]
     for words, expected in [(["patch", path, f"<{leaf}>{text}</{leaf}>"], (value, "ok")),
+                            (["patch", path, f"<{leaf}>41.2345</{leaf}>"], ("0", "unavailable")),  # too many decimals
                             (["patch", path, f"<{leaf}>2 or 3</{leaf}>"], None),
                             (["delete", path], ("0", "unavailable")),
                             (["patch", path, f"<{leaf}>{text}</{leaf}>"], (value, "ok"))]:
@@ -99,18 +114,65 @@ def test_switched_off_nothing_outside_the_enterprise_arc_is_served(device, confi
     assert sensor(device, 1001)[1] in ("ok", "unavailable")
 
 
-def test_the_time_of_the_last_change_is_that_of_the_session(device):
-    def change() -> int:
-        return int(device.snmp.get(f"{ber.dotted(LAST_CHANGE)}.0")[0][1].split("(")[1].split(")")[0])
-
-    def uptime() -> int:
-        return int(device.snmp.get("1.3.6.1.2.1.1.3.0")[0][1].split("(")[1].split(")")[0])
-
+def test_programs_with_the_mib_files_name_everything(device):
+    """SNMP::Info, which Netdisco is made of, and snmptable."""
     restart(device, "kvStandardSensors yes\n")
-    first, now = change(), uptime()
+    device.wait_subscribed()
+    steps.apply(device, dbus=False)
+    device.path("/tmp/mibs").mkdir()
+    for module in ("ENTITY-MIB", "ENTITY-SENSOR-MIB", "IP-MIB"):
+        mibfiles.write_mib(device.path("/tmp/mibs"), module)
+    folders = ["/tmp/mibs", str(CHECKOUT / "build/npm/node_modules/net-snmp/lib/mibs")]
+    rows = device.run(["perl", "-e", SNMP_INFO, *folders]).stdout.splitlines()
+    assert len(rows) == 1 + 20 + 2
+    for row in ("1|chassis|0|-1|Orvane Mervio Amplifier VQ9D|6420-2.1|4.12.3|5.15.71",
+                "1001|sensor|1|1|Network Switch 1.8V|||", "2005|sensor|1|18|Temperature Sensor: DC Power|||",
+                "3002|fan|1|2|Right Fan|||", "3102|sensor|3002|1|Right Fan|||"):
+        assert row in rows
+    table = device.run(["snmptable", "-v2c", "-c", "public", "-Ci", "-CH", "-Cf", "|", "-M", ":".join(folders),
+                        "-m", "ENTITY-SENSOR-MIB", "127.0.0.1", "entPhySensorTable"]).stdout.splitlines()
+    assert [row for row in table if row.startswith(("1001", "2001", "3101"))] == [
+        '1001|voltsDC|milli|0|1802|ok|"millivolts DC"|0:0:00:00.00|60000',
+        '2001|celsius|units|1|524|ok|"degrees Celsius"|0:0:00:00.00|60000',
+        '3101|rpm|units|0|1450|ok|"revolutions per minute"|0:0:00:00.00|60000']
+
+
+UPTIME = "1.3.6.1.2.1.1.3.0"
+
+
+def ticks(device: Device, *oids: str, address: str = "127.0.0.1") -> list[int]:
+    return [int(text.split("(")[1].split(")")[0]) for _, text in device.snmp.get(*oids, address=address)]
+
+
+def test_the_time_of_the_last_change_is_that_of_the_session(device):
+    restart(device, "kvStandardSensors yes\n")
+    first, now = ticks(device, CHANGE, UPTIME)
     assert 0 < first <= now
-    wait_until(lambda: uptime() > now + 100, what="a second")
-    assert change() == first
+    wait_until(lambda: ticks(device, UPTIME)[0] > now + 100, what="a second")
+    assert ticks(device, CHANGE) == [first]
+
+
+def test_a_session_that_opens_at_once_has_its_time(device):
+    """A master that runs before the daemon. It is not called snmpd, so the daemon does not end it."""
+    device.end_kvsnmp()
+    device.kill_and_wait(device.wait_snmpd())
+    device.path("/tmp/master.conf").write_text("master agentx\nrocommunity public\n")
+    device.run(["cp", "/usr/sbin/snmpd", "/tmp/master"])
+    other = device.popen(["/tmp/master", "-f", "-Lf", "/tmp/master.log", "-C", "-c", "/tmp/master.conf",
+                          "-p", "/tmp/master.pid", f"udp:{OTHER}"], env={"MIBS": ""})
+    try:
+        wait_until(lambda: device.path("/tmp/master.pid").exists(), what="the other master")
+        wait_until(lambda: ticks(device, UPTIME, address=OTHER)[0] > 100, what="a second")
+        before = ticks(device, UPTIME, address=OTHER)[0]
+        device.start_kvsnmp("-d", clock_shift=True)
+        wait_until(lambda: device.snmp.get(CHANGE, address=OTHER) != [NO_SUCH_OBJECT], what="tables at the other master")
+        change, now = ticks(device, CHANGE, UPTIME, address=OTHER)
+        assert before <= change <= now
+    finally:
+        for pid in device.pids("master"):
+            device.kill_and_wait(pid)
+        other.wait()
+        restart(device, "kvStandardSensors yes\n")
 
 
 def test_arcs_of_another_sub_agent_are_left_to_it(device):

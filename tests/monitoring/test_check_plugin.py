@@ -45,12 +45,13 @@ MODELS = [name for name in walks.NAMES if name.isdigit()]
 def healthy(name: str) -> dict[str, str]:
     """The golden walk without the pilot tone that it has lost."""
     values = {f".{variable.oid}": variable.value for variable in walks.read(name)}
-    return values | (column_of("Line inputs", values, "2") if name in RULES["Line inputs"]["rows"] else {})
+    rule = RULES["Line inputs"]
+    return values | {oid: "2" for oid in values if oid.startswith(rule["column"]) and name in rule["rows"]}
 
 
-def column_of(check: str, values: dict[str, str], state: str) -> dict[str, str]:
-    """Each row of a check in this state."""
-    return {oid: state for oid in values if oid.startswith(RULES[check]["column"])}
+def changed(name: str, *rows: tuple[str, int, object]) -> dict[str, str]:
+    """The same with other values in some checks' rows."""
+    return healthy(name) | {f"{RULES[check]['column']}{row}": str(value) for check, row, value in rows}
 
 
 def report(values: dict[str, str], ignored: str = "", limits=None) -> tuple[int, str]:
@@ -102,10 +103,10 @@ def test_a_healthy_device_is_ok(name):
     assert len(labels) == sum(measured)
 
 
-def test_channels_that_nobody_has_announced_are_a_warning():
-    values = healthy("6420")
-    status, text = report(values | column_of("Amplifier channels", values, "1"))
-    assert (status, text.splitlines()[1]) == (WARNING, "WARNING - Amplifier channels: Channel 1: unknown")
+def states(name: str, check: str, row: int, description: str, **words: str) -> list[tuple]:
+    """For FAULTS: numbers and words of a row's states, by their status."""
+    return [(name, check, row, int(number), plugin.STATUS.index(status.upper()), f"{description}: {word}" if status != "ok" else "")
+            for status, pairs in words.items() for number, word in (pair.split() for pair in pairs.split(", "))]
 
 
 FAULTS = [  # walk, check, row, served value, status, and what stands in the line
@@ -125,32 +126,21 @@ FAULTS = [  # walk, check, row, served value, status, and what stands in the lin
     ("6420", "Voltages", 3, 2969, CRITICAL, "Internal voltage 3.3V: 2.969 V (-10.0 %)"),
     ("6420", "Voltages", 3, 0, CRITICAL, "Internal voltage 3.3V: 0 V (-100.0 %), outside -10:10 %; 0 also means no value"),
     ("6425", "Voltages", 16, 21500, CRITICAL, "Internal voltage -24.0V: 21.5 V (-10.4 %)"),
-    ("6420", "Power sources", 2, 2, CRITICAL, "dc_power: notLive"),
-    ("6420", "Power sources", 2, 1, WARNING, "dc_power: unknown"),
-    ("6420", "Line inputs", 1, 3, CRITICAL, "Line In 1: failed"),
-    ("6420", "Line inputs", 1, 0, WARNING, "Line In 1: notReported"),
+    *states("6420", "Power sources", 2, "dc_power", critical="2 notLive", warning="1 unknown"),
+    *states("6420", "Line inputs", 1, "Line In 1", critical="3 failed", warning="0 notReported"),
     ("6420", "Line inputs", 2, 3, OK, ""),  # not monitored
-    ("6601", "Microphones", 3, 6, CRITICAL, "Microphone Extern: disconnected"),
-    ("6601", "Microphones", 4, 7, CRITICAL, "Microphone Intern: shorted"),
-    ("6601", "Microphones", 4, 4, WARNING, "Microphone Intern: unknown"),
-    ("6420", "Amplifier channels", 1, 1, WARNING, "Channel 1: unknown"),
-    ("6420", "Amplifier channels", 1, 2, WARNING, "Channel 1: disabled"),
-    ("6420", "Amplifier channels", 1, 4, CRITICAL, "Channel 1: classDFault"),
-    ("6420", "Amplifier channels", 1, 5, CRITICAL, "Channel 1: monitorFault"),
+    *states("6601", "Microphones", 3, "Microphone Extern", critical="6 disconnected"),
+    *states("6601", "Microphones", 4, "Microphone Intern", critical="7 shorted", warning="4 unknown"),
+    *states("6420", "Amplifier channels", 1, "Channel 1", warning="1 unknown, 2 disabled", critical="4 classDFault, 5 monitorFault"),
     *[("6425", "Loudspeaker lines", 2, state, CRITICAL, "Channel 2: ") for state in (3, 4, 5, 6, 8, 9, 11, 15)],
     *[("6425", "Loudspeaker lines", 2, state, WARNING, "Channel 2: ") for state in (0, 1, 10, 12, 13)],
     *[("6425", "Loudspeaker lines", 2, state, OK, "") for state in (2, 7, 14)],
-    ("6764", "Transponders of channel 2", 10, 4, CRITICAL, "LET 10 Channel 2: missing"),
-    ("6764", "Transponders of channel 2", 10, 2, OK, ""),
-    ("6914", "Control inputs", 6, 4, CRITICAL, "Control Input 6: shorted"),
-    ("6914", "Control inputs", 6, 5, CRITICAL, "Control Input 6: unconnected"),
-    ("6914", "Control inputs", 6, 3, OK, ""),
-    ("6211-extended", "Control inputs", 14, 5, CRITICAL, "External Control Input 8: unconnected"),
-    ("6914", "Control outputs", 1, 4, CRITICAL, "Control Output 1: failCleared"),
-    ("6914", "Control outputs", 1, 5, CRITICAL, "Control Output 1: failSet"),
-    ("6214", "Relays", 4, 4, CRITICAL, "Extension Relay 2: failed"),
-    ("6214", "Relays", 4, 1, CRITICAL, "Extension Relay 2: unknown"),
-    ("6259-extended", "Relays", 12, 1, CRITICAL, "External Relay 8: unknown"),
+    *states("6764", "Transponders of channel 2", 10, "LET 10 Channel 2", critical="4 missing", ok="2 disabled"),
+    *states("6914", "Control inputs", 6, "Control Input 6", critical="4 shorted, 5 unconnected", ok="3 closed"),
+    *states("6211-extended", "Control inputs", 14, "External Control Input 8", critical="5 unconnected"),
+    *states("6914", "Control outputs", 1, "Control Output 1", critical="4 failCleared, 5 failSet"),
+    *states("6214", "Relays", 4, "Extension Relay 2", critical="4 failed, 1 unknown"),
+    *states("6259-extended", "Relays", 12, "External Relay 8", critical="1 unknown"),
     ("6214", "Relays", 4, 9, UNKNOWN, "Extension Relay 2: state 9"),
 ]
 
@@ -158,7 +148,7 @@ FAULTS = [  # walk, check, row, served value, status, and what stands in the lin
 @pytest.mark.parametrize("name, check, row, served, expected, said", FAULTS,
                          ids=[f"{name} {check} {row} {served}" for name, check, row, served, *_ in FAULTS])
 def test_one_value(name, check, row, served, expected, said):
-    status, text = report(healthy(name) | {f"{RULES[check]['column']}{row}": str(served)})
+    status, text = report(changed(name, (check, row, served)))
     assert status == expected
     assert text.startswith(f"KVSNMP {plugin.STATUS[expected]} - ")
     if said:
@@ -180,17 +170,17 @@ def test_every_check_and_every_word_that_is_not_in_order_is_here():
     ("Line inputs", 1, "3", {".1.3.6.1.4.1.52717.3.6.1.1.5.1": "2"}),
 ])
 def test_what_is_not_monitored_has_no_fault(check, row, state, beside):
-    values = healthy("6420") | {f"{RULES[check]['column']}{row}": state}
+    values = changed("6420", (check, row, state))
     assert report(values)[0] == CRITICAL
     assert report(values | beside)[0] == OK
 
 
 def test_a_transponder_is_judged_while_its_channel_is_in_operation():
-    values = healthy("6420") | {f"{RULES['Transponders of channel 2']['column']}3": "4"}
-    assert report(values)[0] == CRITICAL
-    status, text = report(values | {f"{RULES['Amplifier channels']['column']}2": "2"})
+    missing = ("Transponders of channel 2", 3, 4)
+    assert report(changed("6420", missing))[0] == CRITICAL
+    status, text = report(changed("6420", missing, ("Amplifier channels", 2, 2)))
     assert (status, text.count("missing"), "disabled" in text) == (WARNING, 1, True)
-    assert report(values | {f"{RULES['Amplifier channels']['column']}1": "2"})[0] == CRITICAL
+    assert report(changed("6420", missing, ("Amplifier channels", 1, 2)))[0] == CRITICAL
 
 
 @pytest.mark.parametrize("name", walks.NAMES)
@@ -222,10 +212,8 @@ def test_other_devices():
 
 
 def test_the_most_urgent_is_first():
-    values = healthy("6420") | {f"{RULES['Fans']['column']}1": "499", f"{RULES['Relays']['column']}1": "x",
-                               f"{RULES['Voltages']['column']}1": "x", f"{RULES['Control outputs']['column']}6": "5",
-                               f"{RULES['Amplifier channels']['column']}1": "2"}
-    status, text = report(values)
+    status, text = report(changed("6420", ("Fans", 1, 499), ("Relays", 1, "x"), ("Voltages", 1, "x"), ("Control outputs", 6, 5),
+                                  ("Amplifier channels", 1, 2)))
     first, *others = text.splitlines()
     assert status == CRITICAL
     assert first.startswith("KVSNMP CRITICAL - device: Control outputs: Control Output 6 failSet, Fans: Left Fan 499 rpm, "
@@ -235,15 +223,14 @@ def test_the_most_urgent_is_first():
 
 
 def test_rows_can_be_ignored():
-    values = healthy("6420") | {f"{RULES['Fans']['column']}2": "0", f"{RULES['Control inputs']['column']}5": "4"}
+    values = changed("6420", ("Fans", 2, 0), ("Control inputs", 5, 4))
     assert report(values, "Right Fan")[0] == CRITICAL
     assert report(values, r"Right Fan|^Control inputs: .* [56]$")[0] == OK
     assert "Right_Fan" not in report(values, "Right Fan")[1]
 
 
 def test_text_of_the_device_ends_no_field_of_the_output():
-    described = RULES["Fans"]["description"]
-    values = healthy("6420") | {f"{described}1": "a|b\n'c'=1 \x1b[2J\\n\x85d\xff", f"{RULES['Fans']['column']}1": "0"}
+    values = changed("6420", ("Fans", 1, 0)) | {f"{RULES['Fans']['description']}1": "a|b\n'c'=1 \x1b[2J\\n\x85d\xff"}
     usual = report(healthy("6420"))[1]
     text = report(values)[1]
     assert len(text.split("\n")) == len(usual.split("\n")) + 1
@@ -342,9 +329,9 @@ def test_walk_and_exit_status(tools):
     assert status == OK and text.startswith("KVSNMP OK - 6420 Orvane Mervio Amplifier VQ9D: 60 values in order | 'Channel_1'=")
     assert text == report(healthy("6420"))[1].replace("device", "6420 Orvane Mervio Amplifier VQ9D", 1) + "\n"
     assert (tools / "arguments").read_text().split()[-2:] == ["udp:192.0.2.1:161", ".1.3.6.1.4.1.52717.3"]
-    put(tools, healthy("6420") | {f"{RULES['Fans']['column']}1": "499"})
+    put(tools, changed("6420", ("Fans", 1, 499)))
     assert run(tools, "-H", "192.0.2.1")[0] == WARNING
-    put(tools, healthy("6420") | {f"{RULES['Fans']['column']}1": "0"})
+    put(tools, changed("6420", ("Fans", 1, 0)))
     assert run(tools, "-H", "2001:db8::1", "-p", "1161")[0] == CRITICAL
     assert (tools / "arguments").read_text().split()[-2] == "udp6:[2001:db8::1]:1161"
 

@@ -1,4 +1,4 @@
-"""One Debian for the whole file: the tests run in order and depend on each other."""
+"""One Debian for all files: the tests run in order, test_packages, test_service, test_upgrade, and depend on each other."""
 from __future__ import annotations
 
 import sys

@@ -11,6 +11,7 @@ from pathlib import Path
 
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LANG": "C.UTF-8", "DEBIAN_FRONTEND": "noninteractive"}
 DEBS = "/debs"  # the packages, as the root sees them
+PACKAGES = ["kvsnmp", "kvsnmp-monitoring", "kvsnmp-simulator"]
 BOOT_SCRIPT = Path(__file__).with_name("boot")
 
 
@@ -19,6 +20,12 @@ def wait_until(look: Callable[[], object], seconds: float, what: str) -> None:
     while not look():
         assert time.monotonic() < limit, f"not seen within {seconds} s: {what}"
         time.sleep(0.05)
+
+
+def files_of(package: str, debs: Path) -> set[str]:
+    deb = next(debs.glob(f"{package}_*.deb"))
+    listing = subprocess.run(["dpkg-deb", "--contents", str(deb)], capture_output=True, text=True, check=True).stdout
+    return {line.split()[5].lstrip(".") for line in listing.splitlines()}
 
 
 def debian_sources() -> str:

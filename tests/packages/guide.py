@@ -1,11 +1,14 @@
-"""The files and commands that docs/integration.md shows."""
+"""The files and commands that docs/integration.md shows, and which of the commands the tests ran."""
 from __future__ import annotations
 
 import re
 import textwrap
 from pathlib import Path
 
+from debianroot import Booted, DebianRoot
+
 GUIDE = Path(__file__).resolve().parents[2] / "docs/integration.md"
+typed: set[str] = set()
 
 
 def blocks() -> list[str]:
@@ -26,3 +29,9 @@ def files() -> dict[str, str]:
 
 def commands() -> set[str]:
     return {line for block in blocks() if not block.startswith(("#", "<!--")) for line in block.splitlines() if line}
+
+
+def type_in(system: DebianRoot | Booted, line: str, folder: str = "/") -> str:
+    """Runs a line of the guide."""
+    typed.add(line)
+    return system.run("/bin/sh", "-c", f"cd {folder} && {line}").stdout

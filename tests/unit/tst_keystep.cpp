@@ -102,6 +102,11 @@ private Q_SLOTS:
             {"replace", " -5.0 ", 50, Reading::Number},
             {"replace", "+.5", 5, Reading::Number},
             {"replace", "7.", 70, Reading::Number},
+            {"replace", "41.25", 0, Reading::None}, // the scale runs out
+            {"replace", "-0.00", 0, Reading::Number},
+            {"replace", "429496729.5", 4294967295, Reading::Number},
+            {"replace", "429496730", 4, Reading::TooLarge},
+            {"replace", "99999999999999999999.99", 0, Reading::TooLarge},
             {"replace", "unknown", 0, Reading::NoNumber},
             {"replace", "", 0, Reading::NoNumber},
             {"replace", "1.2.3", 0, Reading::NoNumber},

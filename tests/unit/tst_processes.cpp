@@ -12,11 +12,11 @@
 namespace {
 
 /// The fields of a process up to its start, 4000 s after the system's.
-QByteArray stat(const char *name, char state)
+QByteArray stat(const char *name, char state, int parent = 1)
 {
     const QByteArray ticks = QByteArray::number(4000 * static_cast<qlonglong>(sysconf(_SC_CLK_TCK)));
-    return QByteArray("7 (") + name + ") " + state + " 1 1 1 0 -1 4194560 1 0 0 0 1 1 0 0 20 0 1 0 " + ticks +
-           " 100 2\n";
+    return QByteArray("7 (") + name + ") " + state + " " + QByteArray::number(parent) +
+           " 1 1 0 -1 4194560 1 0 0 0 1 1 0 0 20 0 1 0 " + ticks + " 100 2\n";
 }
 
 } // namespace
@@ -31,7 +31,8 @@ private Q_SLOTS:
         write("9/stat", stat("snmpd", 'R'));
         write("13/stat", stat("snmpd", 'Z')); // ended, not yet reaped
         write("14/stat", stat("snmptrapd", 'S'));
-        write("15/stat", QByteArray()); // ends while it is looked at
+        write("15/stat", QByteArray());           // ends while it is looked at
+        write("16/stat", stat("snmpd", 'S', 12)); // forked, has not executed its program yet
         write("self/stat", stat("snmpd", 'S'));
         QCOMPARE(pidsOf(processesNamed("snmpd", proc())), QStringLiteral("9 and 12"));
         QVERIFY(!processOf(13, proc()));

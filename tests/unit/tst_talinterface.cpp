@@ -1,31 +1,7 @@
-// The data-service client against a scripted data service.
-#include <xrcommon/TalInterface.h>
-
-#include "support/talpeer.h"
-#include "support/testprogram.h"
-
-#include <memory>
+// The data-service client: its connection, its requests, and receivers that delete or hold it up.
+#include "support/talinterfacebench.h"
 
 namespace {
-
-QVector<QPair<QtMsgType, QString>> logLines;
-QtMessageHandler handlerBefore = nullptr;
-
-void takeLogLine(QtMsgType type, const QMessageLogContext &context, const QString &text)
-{
-    logLines << qMakePair(type, text);
-    if (QTest::currentTestFailed())
-        handlerBefore(type, context, text);
-}
-
-QStringList logged(QtMsgType type)
-{
-    QStringList texts;
-    for (const auto &[lineType, text] : qAsConst(logLines))
-        if (lineType == type)
-            texts << text;
-    return texts;
-}
 
 void subscribe(const char *ref, const char *path, const char *operation, const char *flag, int target = 0)
 {
@@ -38,93 +14,36 @@ void edit(const char *ref, const char *path, const char *operation, const char *
     TalInterface::requestDataEdit(qs(ref), qs(path), qs(operation), qs(xml));
 }
 
-void request(const QString &xml)
-{
-    TalInterface::requestData(xml, TALTARGET_DEFAULT);
-}
-
-struct Bench {
-    TalPeer peer;
-    std::unique_ptr<TalInterface> tal = std::make_unique<TalInterface>(nullptr);
-    QSignalSpy connected{tal.get(), &TalInterface::talLocalUnixSocketConnectedSignal};
-    QSignalSpy notified{tal.get(), &TalInterface::talNotifySignal};
-
-    Bench()
-    {
-        [this] { QTRY_COMPARE(peer.connections(), 1); }();
-        [this] { QTRY_COMPARE(connected.count(), 1); }();
-        logLines.clear();
-    }
-
-    QString sent()
-    {
-        [this] { QTRY_COMPARE(peer.messages().size(), 1); }();
-        return QString::fromUtf8(peer.takeMessages().join('|'));
-    }
-
-    /// The five texts of the notification that follows a message, joined by |.
-    QString received(const QByteArray &message)
-    {
-        peer.sendMessage(message);
-        [this] { QTRY_COMPARE(notified.count(), 1); }();
-        QStringList texts;
-        for (const QVariant &text : notified.takeFirst())
-            texts << text.toString();
-        return texts.join(QLatin1Char('|'));
-    }
-
-    QStringList dataTexts() const
-    {
-        QStringList texts;
-        for (const QVariantList &notification : notified)
-            texts << notification.at(4).toString();
-        return texts;
-    }
-};
-
-QByteArray notify(const QByteArray &data)
-{
-    return "<notify><ref>r</ref><op>replace</op><rpath>/a/b</rpath><spath>/a</spath><data>" + data + "</data></notify>";
-}
-
-const QByteArray nul(1, '\0');
-
 } // namespace
 
 class TestTalInterface : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init()
-    {
-        logLines.clear();
-        handlerBefore = qInstallMessageHandler(takeLogLine);
-    }
-    void cleanup() { qInstallMessageHandler(handlerBefore); }
-
     void connectsWhenTheServiceStarts()
     {
+        LevelLog log;
         TalPeer peer(TalPeer::Start::NotListening);
         const TalInterface tal(nullptr);
         const QSignalSpy connected(&tal, &TalInterface::talLocalUnixSocketConnectedSignal);
         QTest::qWait(2500);
-        QCOMPARE(logged(QtDebugMsg).size(), 1); // one line for all failures
-        QCOMPARE(logged(QtWarningMsg), QStringList());
+        QCOMPARE(log.debugLines.size(), 1); // one line for all failures
+        QCOMPARE(log.warnings, QStringList());
         QVERIFY(peer.listen());
         QTRY_COMPARE(peer.connections(), 1);
         QTRY_COMPARE(connected.count(), 1);
         QTest::qWait(1500); // it does not try again while it is connected
         QCOMPARE(peer.connections(), 1);
 
-        logLines.clear();
+        log.clear();
         qputenv("TAL_SOCKET", QByteArray(200, 'x')); // longer than an address
         const TalInterface unconnected(nullptr);
-        QTRY_COMPARE(logged(QtDebugMsg).size(), 1);
+        QTRY_COMPARE(log.debugLines.size(), 1);
     }
 
     void reconnectsASecondAfterEachLoss()
     {
-        Bench b;
+        TalInterfaceBench b;
         connect(b.tal.get(), &TalInterface::talLocalUnixSocketConnectedSignal, this, [] { request(qs("subscribe")); });
         for (int loss = 1; loss <= 2; ++loss) {
             b.peer.sendRaw("<notify><ref>half</ref>"); // discarded with its connection
@@ -144,93 +63,91 @@ private Q_SLOTS:
             b.peer.sendMessage(notify("<b/>"));
             QTRY_COMPARE(b.notified.count(), loss);
         }
-        QCOMPARE(logged(QtWarningMsg), QStringList());
+        QCOMPARE(b.log.warnings, QStringList());
     }
 
     void requests()
     {
-        Bench b;
-        subscribe("kvsnmp_fan", "/state/fans", "change", "true");
-        QCOMPARE(b.sent(), qs("<request><ref>kvsnmp_fan</ref><subscribe><path>/state/fans</path><operation>change"
-                              "</operation><single_level>true</single_level><target>0</target></subscribe></request>"));
-        subscribe("r", "/l/n[kid='ch1']/v", "change", "false", 1);
-        QCOMPARE(b.sent(),
-                 qs("<request><ref>r</ref><subscribe><path>/l/n[kid='ch1']/v</path><operation>change"
-                    "</operation><single_level>false</single_level><target>1</target></subscribe></request>"));
-        subscribe("<r>&\"'", "/l/n[k='<&>']", "]]>", "a\rä");
-        QCOMPARE(b.sent(),
-                 qs("<request><ref>&lt;r&gt;&amp;\"'</ref><subscribe><path>/l/n[k='&lt;&amp;&gt;']</path><operation>"
-                    "]]&gt;</operation><single_level>a&#13;ä</single_level><target>0</target></subscribe></request>"));
+        TalInterfaceBench b;
+        const auto expectSent = [&](const QString &ref, const QString &content) {
+            QCOMPARE(b.sent(), qs("<request><ref>%1</ref>%2</request>").arg(ref, content));
+        };
+        subscribe("r", "/l/n[kid='ch1']/v", "change", "true");
+        expectSent(qs("r"), qs("<subscribe><path>/l/n[kid='ch1']/v</path><operation>change</operation>"
+                               "<single_level>true</single_level><target>0</target></subscribe>"));
+        subscribe("<r>&\"'", "/l/n[k='<&>']", "]]>", "a\rä", 1);
+        expectSent(qs("&lt;r&gt;&amp;\"'"),
+                   qs("<subscribe><path>/l/n[k='&lt;&amp;&gt;']</path><operation>]]&gt;</operation>"
+                      "<single_level>a&#13;ä</single_level><target>1</target></subscribe>"));
         for (const char *operation : {"create", "replace", "patch"}) {
             edit("r", "/a/b", operation, "<b>&lt;ä</b>");
-            QCOMPARE(b.sent(), qs("<request><ref>r</ref><edit><path>/a/b</path><operation>%1</operation>"
-                                  "<data><b>&lt;ä</b></data></edit></request>")
-                                   .arg(qs(operation)));
+            expectSent(qs("r"), qs("<edit><path>/a/b</path><operation>%1</operation><data><b>&lt;ä</b></data></edit>")
+                                    .arg(qs(operation)));
         }
         for (const char *xml : {"", "<b/>"}) {
             edit("r", "/a/b", "delete", xml);
-            QCOMPARE(b.sent(), qs("<request><ref>r</ref><edit><path>/a/b</path><operation>delete</operation></edit>"
-                                  "</request>"));
+            expectSent(qs("r"), qs("<edit><path>/a/b</path><operation>delete</operation></edit>"));
         }
         edit("&", "<", ">", "<b/>");
-        QCOMPARE(b.sent(), qs("<request><ref>&amp;</ref><edit><path>&lt;</path><operation>&gt;</operation>"
-                              "<data><b/></data></edit></request>"));
+        expectSent(qs("&amp;"), qs("<edit><path>&lt;</path><operation>&gt;</operation><data><b/></data></edit>"));
         for (const char *text : {" <any> & \"text\"\nä\r", ""}) {
             request(qs(text));
-            QCOMPARE(b.sent(), qs(text));
+            QTRY_COMPARE(b.peer.messages(), QByteArrayList{text});
+            b.peer.takeMessages();
         }
-        QVERIFY(logLines.isEmpty());
+        QCOMPARE(b.log.all(), QStringList());
     }
 
     void requestsUseTheNewestInstance()
     {
-        Bench b;
+        TalInterfaceBench b;
         b.tal = std::make_unique<TalInterface>(nullptr); // the older one ends after this one starts
         QTRY_COMPARE(b.peer.connections(), 2);
         request(qs("<x/>"));
         QCOMPARE(b.sent(), qs("<x/>"));
-        logLines.clear();
+        b.log.clear();
         b.tal.reset();
         subscribe("r", "/a", "change", "true");
         request(qs("<x/>"));
         edit("r", "/a", "create", "<a/>");
-        QCOMPARE(logged(QtDebugMsg).size(), 3);
-        QCOMPARE(logLines.size(), 3);
+        QCOMPARE(b.log.debugLines.size(), 3);
+        QCOMPARE(b.log.warnings, QStringList());
         QTRY_VERIFY(!b.peer.isConnected());
         QCOMPARE(b.peer.messages(), QByteArrayList());
     }
 
     void requestWhileNotConnected()
     {
+        const LevelLog log;
         TalPeer peer;
         const TalInterface tal(nullptr);
         const QSignalSpy connected(&tal, &TalInterface::talLocalUnixSocketConnectedSignal);
         request(qs("too early"));
-        QCOMPARE(logged(QtDebugMsg).size(), 1);
+        QCOMPARE(log.debugLines.size(), 1);
         QTRY_COMPARE(connected.count(), 1);
         request(qs("in time"));
         QTRY_COMPARE(peer.messages(), QByteArrayList({"in time"})); // the dropped one is not sent later
         peer.shutDown();
-        QTRY_COMPARE(logged(QtDebugMsg).size(), 2); // the loss
+        QTRY_COMPARE(log.debugLines.size(), 2); // the loss
         request(qs("too late"));
-        QCOMPARE(logged(QtDebugMsg).size(), 3);
-        QCOMPARE(logLines.size(), 3); // no warning
+        QCOMPARE(log.debugLines.size(), 3);
+        QCOMPARE(log.warnings, QStringList());
     }
 
     void requestThatCannotBeFramed()
     {
-        Bench b;
+        TalInterfaceBench b;
         request(qs("<a>") + QChar(QChar::Null) + qs("</a>"));
-        QCOMPARE(logged(QtWarningMsg).size(), 1);
+        QCOMPARE(b.log.warnings.size(), 1);
         request(QString(static_cast<int>(maxMessageSize) + 1, QLatin1Char('x')));
-        QCOMPARE(logged(QtWarningMsg).size(), 2);
+        QCOMPARE(b.log.warnings.size(), 2);
         request(qs("next"));
         QCOMPARE(b.sent(), qs("next"));
     }
 
     void slowService()
     {
-        Bench b;
+        TalInterfaceBench b;
         b.peer.readNothing();
         QElapsedTimer timer;
         timer.start();
@@ -246,7 +163,7 @@ private Q_SLOTS:
 
         b.peer.readNothing(); // with 8 MB unread the client opens the connection anew
         int sent = 0;
-        for (; sent < 1000 && logLines.isEmpty(); ++sent)
+        for (; sent < 1000 && b.log.all().isEmpty(); ++sent)
             request(QString(100000, QLatin1Char('x')));
         QVERIFY(sent > 80);
         QVERIFY(sent < 150);
@@ -258,137 +175,9 @@ private Q_SLOTS:
         QCOMPARE(b.sent(), qs("anew")); // and nothing of the rest
     }
 
-    void notifications()
-    {
-        // clang-format off
-        static const QByteArray exact[] = {
-            "<b>1</b>", "", " \t", "<b> \n </b>", "\r\n<b>\r</b>\r\n", "<b>&lt;&amp;&#65;&#x1F600;</b>", "text",
-            "<b/><c/>", "<p:b/>", "<b a='\"' c=\"'\"/>", "<data><data/></data>", "<notify><ref>x</ref><op/></notify>",
-            "<b><![CDATA[</data>]]></b>", "<![CDATA[</]]>", "<b/><!-- </data> -->", "<b/><?x </data>?>",
-            "<b>" + QByteArray("x\r\n&amp;ä").repeated(50000) + "</b>", // many reads, also through characters
-        };
-        static constexpr struct { const char *children, *data; } rows[] = {
-            {"", ""}, {"<data/>", ""}, {"<data a=\"/>\"/>", ""}, {"<x></x><data />", ""},
-            {"<data a='>'><b/></data>", "<b/>"}, {"<data \n><b/></data \n>", "<b/>"},
-            {"<x>😀😀</x><data><b>😀ä</b></data>", "<b>😀ä</b>"},
-        };
-        static constexpr struct { const char *message, *texts; } tolerated[] = {
-            {"<notify><ref/><op></op><rpath/><spath/><data/></notify>", "||||"},
-            {"<notify><data><b/></data><spath>s</spath><rpath>p</rpath><op>o</op><ref>r</ref></notify>",
-             "r|o|p|s|<b/>"},
-            {"<notify a='b'><x><ref>n</ref></x>text<ref>r</ref><op>o</op><y/></notify>", "r|o|||"},
-            {"<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<notify><ref>ä</ref><op>o</op></notify>\n", "ä|o|||"},
-            {"<?xml version='1.0' encoding='ISO-8859-1'?><notify><ref>ä</ref><op>o</op><data><b>ä</b></data></notify>",
-             "ä|o|||<b>ä</b>"}, // still UTF-8
-            {"\xef\xbb\xbf<notify><ref>r</ref><op>o</op><data><b/></data></notify>", "r|o|||<b/>"},
-            {"<notify><ref>&#65;<![CDATA[<B>]]><!-- no -->C</ref><op> o </op></notify>", "A<B>C| o |||"},
-            {"<notify><ref>r</ref><op>o</op><rpath>/f[k='&lt;&amp;&gt;ä']</rpath><spath>&lt;</spath></notify>",
-             "r|o|/f[k='<&>ä']|<|"},
-            {"<notify><ref>r</ref><op>explode</op></notify>", "r|explode|||"},
-        };
-        // clang-format on
-        Bench b;
-        for (const QByteArray &data : exact)
-            QCOMPARE(b.received(notify(data)), qs("r|replace|/a/b|/a|") + QString::fromUtf8(data));
-        for (const auto &[children, data] : rows) {
-            const AtRow at(children);
-            QCOMPARE(b.received(QByteArray("<notify><ref>r</ref><op>o</op>") + children + "</notify>"),
-                     qs("r|o|||") + qs(data));
-        }
-        for (const auto &[message, texts] : tolerated) {
-            const AtRow at(message);
-            QCOMPARE(b.received(message), qs(texts));
-        }
-        QVERIFY(logLines.isEmpty());
-    }
-
-    void malformedMessageIsDropped()
-    {
-        const QByteArray good = "<ref>r</ref><op>o</op>";
-        // clang-format off
-        const QByteArray messages[] = {
-            "", " \n", "GET / HTTP/1.0\r\n\r\n", "<notify>" + good, notify("<a><b></a></b>"), notify("</data>"),
-            notify("<b/>") + "x", notify("<b/>") + notify("<b/>"), // text after the root, two roots
-            notify("<b>a & b</b>"), notify("<b>&nbsp;</b>"), notify("<b>&#0;</b>"), notify("<b>\x01</b>"),
-            notify("<b a='1' a='2'/>"), notify("<b>]]></b>"),
-            // not UTF-8: invalid, cut off, overlong, a surrogate, beyond Unicode, Latin-1
-            notify("<b>\xff</b>"), notify("<b>\xe2\x82</b>"), notify("<b/>") + "\xe2\x82", notify("<b>\xc0\xbc</b>"),
-            notify("<b>\xed\xa0\x80</b>"), notify("<b>\xf4\x90\x80\x80</b>"),
-            "<?xml version='1.0' encoding='ISO-8859-1'?>" + notify("<b>\xe4</b>"),
-            "<!DOCTYPE notify>" + notify("<b/>"), "<!DOCTYPE n [<!ENTITY e 'x'>]>" + notify("<b>&e;</b>"),
-            "<!DOCTYPE n [<!ENTITY e SYSTEM 'file:///etc/passwd'>]>" + notify("<b>&e;</b>"),
-            "<reply>" + good + "</reply>", "<Notify>" + good + "</Notify>", "<notify/>",
-            "<notify><op>o</op></notify>", "<notify><ref>r</ref></notify>",
-            "<notify><ref>r<x/></ref><op>o</op></notify>",
-            "<notify>" + good + "<ref>r</ref></notify>", "<notify>" + good + "<data/><data><b/></data></notify>",
-        };
-        // clang-format on
-        Bench b;
-        for (const QByteArray &message : messages) {
-            const AtRow at(message);
-            b.peer.sendRaw(notify("<before/>") + nul + message + nul + notify("<after/>") + nul);
-            QTRY_COMPARE(b.notified.count(), 2);
-            QCOMPARE(b.dataTexts(), QStringList({qs("<before/>"), qs("<after/>")}));
-            QCOMPARE(logged(QtWarningMsg).size(), 1);
-            QCOMPARE(logLines.size(), 1);
-            b.notified.clear();
-            logLines.clear();
-        }
-        QCOMPARE(b.peer.connections(), 1);
-    }
-
-    void overLongMessageReopensTheConnection()
-    {
-        for (const QByteArray &end : {nul + notify("<lost/>") + nul, QByteArray()}) {
-            Bench b;
-            b.peer.sendMessage(notify("<before/>"));
-            b.peer.sendRaw(QByteArray(static_cast<int>(maxMessageSize) + 1, 'x') + end);
-            QTRY_COMPARE_WITH_TIMEOUT(b.connected.count(), 2, 20000);
-            QTRY_COMPARE(b.peer.connections(), 2);
-            b.peer.sendMessage(notify("<anew/>"));
-            QTRY_COMPARE(b.notified.count(), 2);
-            QCOMPARE(b.dataTexts(), QStringList({qs("<before/>"), qs("<anew/>")}));
-            QCOMPARE(logged(QtWarningMsg).size(), 1);
-        }
-    }
-
-    void greatMessages()
-    {
-        Bench b;
-        const QByteArray data(static_cast<int>(maxMessageSize) - notify("").size(), 'x');
-        b.peer.sendMessage(notify(data)); // as long as a message may be
-        QTRY_COMPARE_WITH_TIMEOUT(b.notified.count(), 1, 20000);
-        QVERIFY(b.dataTexts().first() == QString::fromUtf8(data));
-        QVERIFY(logLines.isEmpty());
-
-        const int levels = 500000;
-        b.peer.sendMessage(notify(QByteArray("<a>").repeated(levels) + QByteArray("</a>").repeated(levels)));
-        b.peer.sendMessage(notify(QByteArray("<a>").repeated(levels)));
-        QTRY_COMPARE_WITH_TIMEOUT(b.notified.count() + logged(QtWarningMsg).size(), 3, 20000);
-        QCOMPARE(b.notified.count(), 2);
-    }
-
-    void dataIsFoundByXPath()
-    {
-        Bench b;
-        QStringList found;
-        connect(b.tal.get(), &TalInterface::talNotifySignal, this,
-                [&found](const QString &, const QString &, const QString &rPath, const QString &sPath,
-                         const QString &data) {
-                    QString out = qs("-");
-                    TalInterface::xpathGetTextNode(out, qs("/a/b"), sPath, rPath, data);
-                    found << out;
-                });
-        for (const char *data :
-             {"<b>1</b>", "<b> </b>", "", "<b>1</b><b>2</b>", "text", "<b>2</b>", "<b/>x", "<!-- c --><b>3</b>"})
-            b.peer.sendMessage(notify(data));
-        QTRY_COMPARE(found.size(), 8);
-        QCOMPARE(found.join(QLatin1Char('|')), qs("1| ||-|-|2|-|3"));
-    }
-
     void aFloodLeavesTheEventLoopItsTurns()
     {
-        Bench b;
+        TalInterfaceBench b;
         const QByteArray single = notify("<voltage>3.300</voltage>") + nul;
         QTimer everyTurn;
         int before = 0;
@@ -406,7 +195,7 @@ private Q_SLOTS:
 
     void slotDeletesTheClient()
     {
-        Bench b;
+        TalInterfaceBench b;
         int count = 0;
         connect(b.tal.get(), &TalInterface::talNotifySignal, this, [&] {
             ++count;
@@ -426,7 +215,7 @@ private Q_SLOTS:
 
     void slotRunsAnEventLoop()
     {
-        Bench b;
+        TalInterfaceBench b;
         bool isFirst = true;
         connect(b.tal.get(), &TalInterface::talNotifySignal, this, [&] {
             if (!std::exchange(isFirst, false))
@@ -441,7 +230,7 @@ private Q_SLOTS:
 
     void nothingOfAConnectionLostWithinASlot()
     {
-        Bench b;
+        TalInterfaceBench b;
         b.peer.readNothing();
         connect(b.tal.get(), &TalInterface::talNotifySignal, this, [] {
             for (int i = 0; i < 100; ++i) // more than is kept for a service that reads nothing
@@ -455,12 +244,13 @@ private Q_SLOTS:
     // last: it stays on
     void debugPrint()
     {
-        Bench b;
+        TalInterfaceBench b;
         TalInterface::debugPrintEnable();
         request(qs("<question/>"));
-        QCOMPARE(b.received(notify("<b>ä</b>")), qs("r|replace|/a/b|/a|<b>ä</b>"));
-        QCOMPARE(logged(QtDebugMsg).filter(qs("<question/>")).size(), 1);
-        QCOMPARE(logged(QtDebugMsg).filter(qs("<data><b>ä</b></data>")).size(), 1);
+        b.peer.sendMessage(notify("<b>ä</b>"));
+        QTRY_COMPARE(b.notified.count(), 1);
+        QCOMPARE(b.log.debugLines.filter(qs("<question/>")).size(), 1);
+        QCOMPARE(b.log.debugLines.filter(qs("<data><b>ä</b></data>")).size(), 1);
     }
 };
 

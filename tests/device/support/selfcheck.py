@@ -62,18 +62,18 @@ def assert_only_warnings(check: SelfCheck, *warned: str) -> None:
 
 
 def assert_reports(check: SelfCheck, report: str) -> None:
-    """Each line of the report holds: "cause ID: TEXT" the only cause, "warning ID: TEXT" the only warning, "text ID:
-    TEXT" and "hint ID: TEXT" part of that check's text or hint, "ok IDS", "because IDS" checks that fail or are skipped
-    because of the cause, "because only IDS" all of these."""
+    """Each line of the report holds: "cause ID: TEXT" the only cause, "warning IDS: TEXT" all warnings, and TEXT is part of
+    the first one's text, "text ID: TEXT" and "hint ID: TEXT" part of that check's text or hint, "ok IDS", "because IDS"
+    checks that fail or are skipped because of the cause, "because only IDS" all of these."""
     for line in report.strip().splitlines():
         word, _, rest = line.strip().partition(" ")
         name, _, text = rest.partition(": ")
         if word == "cause":
             assert_cause(check, name, text)
         elif word == "warning":
-            assert_only_warnings(check, name)
+            assert_only_warnings(check, *name.split())
         if word in ("warning", "text", "hint"):
-            assert text in check.checks[name]["hint" if word == "hint" else "text"], str(check)
+            assert text in check.checks[name.split()[0]]["hint" if word == "hint" else "text"], str(check)
         elif word == "ok":
             assert set(rest.split()) <= set(check.ids("ok")), str(check)
         elif word == "because":

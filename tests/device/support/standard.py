@@ -27,7 +27,7 @@ def expected(private: Mapping[str, tuple[str, str]], status: int = 1) -> list[Va
     """All but the time of the last change, from a private MIB of OIDs to values; each sensor has this status."""
     info = {name: private[SCALAR_OIDS[f"info{name}"]]
             for name in ("ModelType", "DeviceTreeVersion", "PackageVersion", "KernelVersion")}
-    physical = {1: _entity(info["ModelType"], 0, 3, 1, info["DeviceTreeVersion"], info["PackageVersion"],
+    physical = {1: _entity(info["ModelType"], 0, 3, -1, info["DeviceTreeVersion"], info["PackageVersion"],
                            info["KernelVersion"], info["ModelType"])}
     sensors = {}
     place = 0

@@ -59,6 +59,11 @@ HOSTS = [
 ]
 
 
+def interface(address: str, port: int) -> dict[str, Any]:
+    return {"type": 2, "main": 1, "useip": 1, "ip": address, "dns": "", "port": str(port),
+            "details": {"version": 2, "bulk": 1, "community": "public"}}
+
+
 class Bench:
     def __init__(self) -> None:
         self.devices: list[Device] = []
@@ -76,11 +81,9 @@ class Bench:
         group = self.server.call("hostgroup.create", name="Public address")["groupids"][0]
         for device, (name, _, _, address) in zip(self.devices, HOSTS):
             device.wait_ready().wait_subscribed(60)
-            interface = {"type": 2, "main": 1, "useip": 1, "ip": address, "dns": "", "port": str(ports[name]),
-                         "details": {"version": 2, "bulk": 1, "community": "public"}}
             host = self.server.call(
-                "host.create", host=name, groups=[{"groupid": group}], interfaces=[interface], inventory_mode=1,
-                templates=[{"templateid": template}],
+                "host.create", host=name, groups=[{"groupid": group}], interfaces=[interface(address, ports[name])],
+                inventory_mode=1, templates=[{"templateid": template}],
                 macros=[{"macro": macro, "value": value} for macro, value in MACROS.items()])["hostids"][0]
             self.hosts[name] = Watched(device, name, address, ports[name], host)
         wait_until(lambda: self.relays_read(), 90, 1.0, what="all relays of the station read")
@@ -240,6 +243,54 @@ def test_inventory_is_filled(bench):
     assert {key: found[key] for key in ("name", "model", "type", "type_full", "software", "os", "hardware", "location")} == {
         "name": "pa-device", "model": "Orvane Mervio Amplifier VQ9D", "type": "6420", "type_full": "VQ9D",
         "software": "4.12.3", "os": "5.15.71", "hardware": "6420-2.1", "location": "Equipment room 1"}
+
+
+# Zabbix's stock templates that discover the IETF's sensors: what to run; columns of the private MIB with the first
+# index, key and name of their items, and the divisor.
+SENSORS = [("tempDescription", "tempCurrent", 2000, "temp.value", "Temperature", 10),
+           ("fanDescription", "fanSpeed", 3100, "fan.speed", "Fan speed", 1)]
+STOCK = {
+    "Arista by SNMP": (["sensors.get"], [
+        *SENSORS, ("voltageDescription", "voltageValue", 1000, "voltage.value", "Voltage", 1)]),  # ignores the scale
+    "Mellanox by SNMP": (["temp.discovery", "fan.discovery"], SENSORS),
+}
+
+
+@pytest.mark.parametrize("template", STOCK)
+def test_stock_templates_discover_the_standard_sensors(bench, template):
+    """Their intervals are hours, so rules and items are run until each has a value."""
+    runs, kinds = STOCK[template]
+    server, watched = bench.server, bench.hosts["pa-6420"]
+    group = server.call("hostgroup.get", filter={"name": "Public address"})[0]["groupid"]
+    stock = server.call("template.get", filter={"host": template})[0]["templateid"]
+    hostid = server.call("host.create", host=f"stock-{stock}", groups=[{"groupid": group}],
+                         interfaces=[interface(watched.address, watched.port)], templates=[{"templateid": stock}],
+                         macros=[{"macro": "{$SNMP_COMMUNITY}", "value": "public"}])["hostids"][0]
+    seen: dict[tuple[str, str], float] = {}
+
+    def same() -> bool:
+        watched.refresh()
+        items = server.call("item.get", hostids=[hostid], search={"key_": "entPhySensorValue"},
+                            output=["itemid", "key_", "name", "lastvalue", "lastclock"])
+        seen.clear()
+        seen.update({(item["key_"], item["name"]): round(float(item["lastvalue"]), 9)
+                     for item in items if item["lastclock"] != "0"})
+        waiting = [item["itemid"] for item in items if item["lastclock"] == "0"]
+        if not items:
+            waiting = [found["itemid"] for kind in ("item", "discoveryrule") for found in server.call(
+                f"{kind}.get", hostids=[hostid], filter={"key_": runs}, output=["itemid"])]
+        for itemid in waiting:
+            server.call("task.create", type=6, request={"itemid": itemid})
+        walk = watched.walk()
+        return seen == {
+            (f"sensor.{key}[entPhySensorValue.{base + row}]", f"{walk[f'{name}.{row}']}: {word}"):
+            int(walk[f"{column}.{row}"]) / divisor
+            for name, column, base, key, word, divisor in kinds for row in range(1, 21) if f"{name}.{row}" in walk}
+
+    try:
+        wait_until(same, 150, 2.0, what=f"{template}: the sensors' values")
+    finally:
+        server.call("host.massupdate", hosts=[{"hostid": hostid}], status=1)  # polled no more
 
 
 def imported(server: Server, text: str) -> list[dict[str, Any]]:

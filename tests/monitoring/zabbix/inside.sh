@@ -12,6 +12,7 @@ createdb zabbix
 for part in schema images data; do
     zcat "/usr/share/zabbix-server-pgsql/$part.sql.gz"
 done | psql --quiet zabbix > /srv/schema.log 2>&1
+psql --quiet --command ANALYZE zabbix  # autovacuum is off
 
 : > /srv/traps.log
 snmptrapd -f -n -C -c /srv/snmptrapd.conf -Le 127.0.0.1:1162 > /srv/snmptrapd.log 2>&1 &

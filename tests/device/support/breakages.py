@@ -1,0 +1,109 @@
+"""A device that is broken in one way, and mended again."""
+from __future__ import annotations
+
+import os
+import signal
+import time
+from collections.abc import Callable
+from contextlib import contextmanager
+
+from .dataservice import SETTINGS
+from .device import Device
+from .polling import wait_until
+
+CONF = "/etc/snmp/snmpd.conf"
+ACCESS = f"{SETTINGS}/access_control"
+
+
+@contextmanager
+def stopped(device: Device, program: str):
+    pid = device.pids(program)[0]
+    device.kill(pid, signal.SIGSTOP)
+    yield
+    device.kill(pid, signal.SIGCONT)
+
+
+def restart_snmpd(device: Device) -> None:
+    pids = device.pids("snmpd")
+    device.stir_snmpd_folder()
+    device.wait_snmpd(other_than=pids)
+    device.wait_answering()
+
+
+@contextmanager
+def access(device: Device, **values: str):
+    """Other access settings; snmpd runs with them when the block begins, and with the old ones at its end."""
+    def change(new: dict[str, str]) -> None:
+        pids = device.pids("snmpd")
+        device.talctl_batch([f"set {ACCESS}/{leaf} '{value}'" for leaf, value in new.items()])
+        device.wait_snmpd(other_than=pids)
+        wait_until(device.path("/var/agentx/master").exists, what="AgentX socket")
+
+    before = {leaf: device.talctl("get", f"{ACCESS}/{leaf}").strip() for leaf in values}
+    change(values)
+    yield
+    change(before)
+    device.wait_answering()
+
+
+@contextmanager
+def edited(device: Device, path: str, edit: Callable[[str], str]):
+    """Rewritten in place, which nobody notices until the next restart."""
+    file = device.path(path)
+    kept = file.read_text()
+    file.write_text(edit(kept))
+    yield
+    file.write_text(kept)
+    if path == CONF:
+        restart_snmpd(device)  # else it stays older than its file
+
+
+@contextmanager
+def moved_away(device: Device, path: str, *instead: str):
+    """The file, with what a command makes in its place."""
+    file = device.path(path)
+    away = file.rename(file.with_name(f"{file.name}-away"))
+    if instead:
+        device.run(instead)
+    yield
+    away.replace(file)
+
+
+@contextmanager
+def beside(device: Device, program: str, *command: str):
+    before = device.pids(program)
+    second = device.popen(command)
+    wait_until(lambda: len(device.pids(program)) == 2, what=f"two {program}")
+    yield
+    (other,) = set(device.pids(program)) - set(before)
+    device.kill(other, signal.SIGKILL)
+    second.wait()
+
+
+@contextmanager
+def setting(device: Device, path: str, value: str):
+    before = device.talctl("get", path).strip()
+    device.talctl("set", path, value)
+    yield
+    device.talctl("set", path, before)
+
+
+@contextmanager
+def newer_conf(device: Device):
+    """Mounted over the file, which the daemon does not notice."""
+    started = device.path("/run/snmpd.pid").stat().st_mtime
+    wait_until(lambda: time.time() > started + 8, what="some seconds of life")
+    device.path("/etc/newer.conf").write_text(device.read(CONF))
+    os.utime(device.path("/etc/newer.conf"), (started + 4.5, started + 4.5))
+    device.run(["mount", "--bind", "/etc/newer.conf", CONF])
+    yield
+    device.run(["umount", CONF])
+
+
+@contextmanager
+def no_traps(device: Device, *but: str):
+    names = [line.split("\t")[0] for line in device.talctl("trap", "list").splitlines()]
+    assert len(names) == 20
+    device.talctl_batch([f"trap disable '{name}'" for name in names] + [f"trap enable '{name}'" for name in but])
+    yield
+    device.talctl_batch([f"trap enable '{name}'" for name in names])

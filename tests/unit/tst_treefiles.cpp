@@ -1,0 +1,152 @@
+// The tree files of the simulator: the tree of every model, and files that are refused.
+#include "support/catalogue.h"
+#include "support/testprogram.h"
+
+#include "simulator/datatree.h"
+#include "simulator/faults.h"
+#include "simulator/treefiles.h"
+#include "simulator/treexml.h"
+
+using namespace simulator;
+
+namespace {
+
+const QString treesFolder = KVSNMP_TREES;
+
+bool isRefused(const Refusal &refusal, const char *because)
+{
+    if (refusal && refusal->find(because) != std::string::npos)
+        return true;
+    qWarning("refusal: %s", refusal ? refusal->c_str() : "(none)");
+    return false;
+}
+
+} // namespace
+
+class TestTreeFiles : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void treeOfEveryModel()
+    {
+        QStringList models;
+        for (const uint model : catalogue::models()) {
+            models += QString::number(model);
+            const QByteArray name = models.last().toLatin1();
+            const AtRow at(name);
+            DataTree tree;
+            QVERIFY(!loadModel(treesFolder, models.last(), tree));
+            treeHasTheNodesOfTheModel(tree, model);
+            treeHasTheSettings(tree);
+            if (QTest::currentTestFailed())
+                return;
+            QVERIFY(!enableTrap(tree, "LET Fault", false));
+            QVERIFY(isRefused(enableTrap(tree, "let fault", true), "no such trap: let fault"));
+            for (const TrapSetting &trap : trapSettings(tree))
+                QCOMPARE(trap.enabled == "false", trap.name == "LET Fault");
+        }
+        QCOMPARE(modelsIn(treesFolder), models);
+    }
+
+    void wrongTreeFiles()
+    {
+        static constexpr const char *rows[][2] = {
+            {"<tree><state></tree>", "1.xml: malformed XML"},
+            {"<state/>", "the root of a tree file is <tree>"},
+            {"<tree><x/></tree>", "neither <include> nor <state>: x"},
+            {"<tree><include>no.xml</include></tree>", "no.xml: No such file"},
+            {"<tree><include>1.xml</include></tree>", "in a circle"},
+        };
+        const QTemporaryDir folder;
+        DataTree tree;
+        for (const auto &[xml, error] : rows) {
+            QFile file(folder.filePath("1.xml"));
+            QVERIFY(file.open(QIODevice::WriteOnly) && file.write(xml) > 0);
+            file.close();
+            QVERIFY(isRefused(loadModel(folder.path(), "1", tree), error));
+        }
+        QVERIFY(isRefused(loadModel(folder.path(), "2", tree), "no tree for model 2, there is one for: 1"));
+        QVERIFY(isRefused(loadModel(folder.path() + "/x", "1", tree), "no tree files in"));
+    }
+
+private:
+    /// The tree has each key of the catalogue whose path the model subscribes to, and no other node beside it.
+    static void treeHasTheNodesOfTheModel(const DataTree &tree, uint model)
+    {
+        QStringList subscribed;
+        for (const catalogue::Row &subscription : catalogue::rows("subscriptions", "block", "data"))
+            if (subscription.has(model))
+                subscribed << subscription["reference"];
+        for (const catalogue::Row &parser : catalogue::rows("parsers")) {
+            const QString name = parser["parser"];
+            const QString path = parser["path"];
+            if (!subscribed.contains(parser["reference"]))
+                continue;
+            QStringList expected;
+            for (const catalogue::Row &key : catalogue::rows("keys"))
+                if (key.list("parser").contains(name) && key.has(model))
+                    expected << parser.pathOf(key["key"]);
+            if (name == "power_monitored" && expected.isEmpty()) // subscribed to, and ignored
+                expected << parser.pathOf(model == 6425 ? "dc_power" : "ac_power");
+            if (name == "gpio_type") // feeds the GPIO control
+                for (int number = 1; number <= 14; ++number)
+                    expected << parser.pathOf(QString::number(number));
+            if (name == "class_d" && model != 6425) // feeds the channels' status
+                expected << path;
+            expected.sort();
+            expected.removeDuplicates();                   // keys that feed two rows
+            if (expected.isEmpty() && path.endsWith("%1")) // the key is the name of the leaf
+                continue;
+
+            std::string error;
+            const QString anyKey = QString(path).remove(QRegularExpression("\\[[^]]*\\]"));
+            const std::optional<DataPath> steps = parsePath(
+                QString(anyKey).replace("/%1", "/" + expected.value(0).section('/', -1)).toStdString(), error);
+            QVERIFY2(steps, error.c_str());
+            QStringList found;
+            for (const pugi::xml_node node : tree.select(*steps)) {
+                QVERIFY2(node.first_child(), pathText(node).c_str()); // it exists and is not empty
+                found += QString::fromStdString(pathText(node));
+                if (name == "amp_enable")
+                    QCOMPARE(node.child_value(), "true");
+            }
+            found.sort();
+            QCOMPARE(found, name == "mic_status" ? expected.mid(0, 1) : expected);
+            for (const QString &each : expected)
+                QVERIFY2(tree.contains(each.toStdString()), qPrintable(each));
+        }
+    }
+
+    static void treeHasTheSettings(const DataTree &tree)
+    {
+        QVERIFY(faults(tree).empty());
+        QVERIFY(tree.contains("/state/sys_messages"));
+        const auto valueOf = [&](const QString &leaf) {
+            std::string error;
+            const auto nodes = tree.select(*parsePath("/state/config/snmp_settings/" + leaf.toStdString(), error));
+            return nodes.size() == 1 ? QString(nodes.front().child_value()) : "(several, or none)";
+        };
+        for (const QString leaf :
+             {"access_control/access=Read", "access_control/community=public", "access_control/nms_ip=127.0.0.1",
+              "access_control/nms_ipv6=::1", "access_control/snmp_port=161", "trap_settings/trap_address=127.0.0.1",
+              "trap_settings/inform_address=", "version_control/version_1=true", "version_control/version_2c=true",
+              "version_control/version_3=false", "custom_config=false"})
+            QCOMPARE(valueOf(leaf.section('=', 0, 0)), leaf.section('=', 1));
+        for (const QString leaf : {"sys_name", "sys_location", "sys_contact"})
+            QVERIFY(QRegularExpression("^[^(]").match(valueOf("mib_2_settings/" + leaf)).hasMatch());
+        QStringList names;
+        for (const TrapSetting &trap : trapSettings(tree)) {
+            names += QString::fromStdString(trap.name);
+            QCOMPARE(trap.enabled, std::string("true"));
+        }
+        QStringList expected;
+        for (const catalogue::Row &trap : catalogue::rows("traps"))
+            expected += trap["switch"];
+        names.sort();
+        expected.sort();
+        QCOMPARE(names, expected);
+    }
+};
+
+const TestEntry entry("tst_treefiles", runTest<TestTreeFiles>);
+#include "tst_treefiles.moc"
