@@ -1,4 +1,3 @@
-#!/usr/bin/python3
 """The front panel: a web page of the devices that run on this machine, live.
 
 usage: server.py [--port N] [--listen ADDRESS] [--name DEVICE]
