@@ -151,7 +151,7 @@ class Watch(Feed):
             self.send(changed)
 
     def whole(self) -> dict[str, Any]:
-        message = {"status": "gone"} | self.view
+        message = {"status": "starting"} | self.view
         message |= {"now": time.time(), "whole": True, "only": self.only, "command": COMMAND, "actions": AGENT}
         if self.unit:
             message |= {

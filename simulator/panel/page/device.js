@@ -153,7 +153,7 @@ export class Device {
     put(this.subtitle, [about.name !== about.sysName && about.name, about.model, about.text, about.location,
       about.address].filter(Boolean).join(' · '));
     const text = { gone: 'The device is gone', silent: this.why || 'snmpd does not answer',
-      starting: 'The device starts' }[state] ?? STATES[state];
+      starting: 'Waiting for the device' }[state] ?? STATES[state];
     if (this.state.dataset.state !== state || this.state.dataset.text !== text) {
       Object.assign(this.state.dataset, { state, text });
       this.state.replaceChildren(lampIcon(state, 20), text);
