@@ -1,4 +1,3 @@
-#!/usr/bin/python3
 """The front panel: a web page of the devices that run on this machine, live.
 
 usage: server.py [--port N] [--listen ADDRESS] [--name DEVICE]
@@ -21,8 +20,10 @@ sys.path[:0] = [str(HERE), str(next(folder for folder in (HERE.parents[1] / "scr
 
 from aiohttp import web  # noqa: E402
 
+from feed import Feed, devices  # noqa: E402
 from sources import Refused  # noqa: E402
-from watch import AGENT, Feed, Fleet, Watch, devices  # noqa: E402
+from tiles import Fleet  # noqa: E402
+from watch import AGENT, Watch  # noqa: E402
 
 POLICY = "default-src 'self'; img-src 'self' data:; base-uri 'none'; form-action 'none'; frame-ancestors 'none'"
 HEADERS = {"Content-Security-Policy": POLICY, "X-Content-Type-Options": "nosniff", "Referrer-Policy": "no-referrer",

@@ -1,33 +1,26 @@
-"""Watching: one device in detail, or the worst state of each. Work is done only while a page is open."""
+"""One device: what it has, what a manager reads, its traps, and the clicks that change it."""
 from __future__ import annotations
 
 import asyncio
 import collections
-import json
 import re
 import time
-import traceback
-from pathlib import Path
 from typing import Any
 
 import rows
-from devicelib import registry, sandbox
+from devicelib import sandbox
 from devicelib.registry import Running
-from devicelib.settings import COMMAND, STATE_FOLDER, Settings
-from sources import PACKETS, UPTIME, Control, Logs, Manager, Refused, Traps, announcement
-from state import Facts, has, level, nominal_of, worst
+from devicelib.settings import COMMAND, Settings
+from feed import Feed, Unit, devices
+from sources import PACKETS, UPTIME, Logs, Manager, Refused, Traps, announcement
+from state import has, level, nominal_of, worst
 
-TICK, ASK_TICKS, GPIO_TICKS, TILE_SECONDS = 2.0, 3, 2, 5.0
+TICK, ASK_TICKS, GPIO_TICKS = 2.0, 3, 2
 HISTORY = int(15 * 60 / TICK)
-STIR = "touch /etc/snmp/stirred; rm /etc/snmp/stirred"  # the daemon restarts snmpd when the folder changes
-KILL = "kill -9 $(cat /run/snmpd.pid)"
 MESSAGES = [[row["notification"], row["switch"], row["identifiers"].split()] for row in rows.TRAPS]
-AGENT = {"restart": STIR, "kill": KILL}
-SCENARIOS = next((folder for folder in (rows.HERE.parent / "scenarios",) if folder.is_dir()), rows.HERE)
-
-
-def devices() -> dict[str, Running]:
-    return {device.name: device for device in registry.running()}
+SCENARIOS = rows.HERE.parent / "scenarios"
+# Commands inside the device. The daemon restarts snmpd when the folder changes.
+AGENT = {"restart": "touch /etc/snmp/stirred; rm /etc/snmp/stirred", "kill": "kill -9 $(cat /run/snmpd.pid)"}
 
 
 def scenarios(model: int) -> dict[str, str]:
@@ -39,84 +32,6 @@ def scenarios(model: int) -> dict[str, str]:
         if not models or "all" in models[1] or str(model) in models[1]:
             found[file.stem] = text.partition("\n")[0].lstrip("# ")
     return found
-
-
-class Feed:
-    """Sends messages to the open pages; runs `look` again and again while there is one."""
-
-    def __init__(self, seconds: float) -> None:
-        self._seconds = seconds
-        self._pages: set[asyncio.Queue[str | None]] = set()
-        self._task: asyncio.Task[None] | None = None
-
-    async def look(self) -> None:
-        raise NotImplementedError
-
-    def whole(self) -> dict[str, Any]:
-        """What a new page needs."""
-        raise NotImplementedError
-
-    def close(self) -> None:
-        """After the last page."""
-
-    def subscribe(self) -> asyncio.Queue[str | None]:
-        page: asyncio.Queue[str | None] = asyncio.Queue(100)
-        page.put_nowait(json.dumps(self.whole()))
-        self._pages.add(page)
-        if self._task is None:
-            self._task = asyncio.get_running_loop().create_task(self._run())
-        return page
-
-    def unsubscribe(self, page: asyncio.Queue[str | None]) -> None:
-        self._pages.discard(page)
-        if not self._pages and self._task:
-            self._task.cancel()
-            self._task = None
-            self.close()
-
-    def send(self, message: dict[str, Any]) -> None:
-        text = json.dumps(message)
-        for page in list(self._pages):
-            if page.qsize() >= page.maxsize - 1:  # its reader has stopped: it may come back
-                page.put_nowait(None)
-                self._pages.discard(page)
-            else:
-                page.put_nowait(text)
-
-    async def _run(self) -> None:
-        while True:
-            begin = time.monotonic()
-            try:
-                await self.look()
-            except Exception:  # of one device, which may just be ending
-                traceback.print_exc()
-            await asyncio.sleep(max(0.2, self._seconds - (time.monotonic() - begin)))
-
-
-class Unit:
-    """One start of a device, with what is known of it."""
-
-    def __init__(self, running: Running) -> None:
-        self.running, self.folder = running, running.root / STATE_FOLDER[1:]
-        self.text = (running.root / "etc/xr-model").read_text().strip()
-        self.cells = rows.cells(running.model, self.text, (self.folder / "mibs/KVSNMP-MIB").read_text())
-        self.facts = Facts(running.model)
-        self.control = Control(running)
-
-    async def take(self) -> None:
-        self.facts.take(await self.control.ask(["get", "/state"]))
-
-    async def take_lines(self) -> None:
-        if str(self.running.model) in rows.STATIONS:
-            lines = (line.split("\t") for line in (await self.control.ask(["gpio", "list"])).splitlines())
-            self.facts.lines = {line[0]: line[-1] for line in lines}
-
-    def about(self) -> dict[str, Any]:
-        device = self.running
-        return {"name": device.name, "model": device.model, "text": self.text, "address":
-                f"{device.address}:{device.port}" if device.port else "separate network",
-                "sysName": self.facts.setting("mib_2_settings/sys_name"),
-                "location": self.facts.setting("mib_2_settings/sys_location")}
 
 
 class Watch(Feed):
@@ -236,8 +151,8 @@ class Watch(Feed):
             self.send(changed)
 
     def whole(self) -> dict[str, Any]:
-        message = {"status": "gone"} | self.view
-        message |= {"now": time.time(), "whole": True, "only": self.only, "command": COMMAND}
+        message = {"status": "starting"} | self.view
+        message |= {"now": time.time(), "whole": True, "only": self.only, "command": COMMAND, "actions": AGENT}
         if self.unit:
             message |= {
                 "about": self.unit.about(), "model": [_shown(cell) for cell in self.unit.cells],
@@ -305,58 +220,3 @@ def _shown(cell: rows.Cell) -> dict[str, Any]:
     return {name: value for name, value in vars(cell).items() if name in (
         "id", "table", "index", "row", "object", "oid", "words", "decimals", "unit", "kind", "path", "controls")} | {
             "nominal": nominal_of(cell) if cell.object == "voltageValue" else 0}
-
-
-class Fleet(Feed):
-    """A tile for each device: only its data service is asked, and the kernel whether a program has the SNMP port."""
-
-    def __init__(self) -> None:
-        super().__init__(TILE_SECONDS)
-        self.units: dict[str, Unit] = {}
-        self.tiles: dict[str, dict[str, Any]] = {}
-
-    async def look(self) -> None:
-        running = await asyncio.to_thread(devices)
-        for name in [name for name, unit in self.units.items()
-                     if name not in running or running[name].first_process != unit.running.first_process]:
-            self.units.pop(name).control.close()
-        ports = _bound_ports()
-        tiles = {}
-        for name, device in running.items():
-            tiles[name] = await self._tile(device, ports)
-            await asyncio.sleep(0.01)  # pages of single devices go first
-        changed = {name: tiles.get(name) for name in tiles | self.tiles if tiles.get(name) != self.tiles.get(name)}
-        self.tiles = tiles
-        if changed:
-            self.send({"tiles": changed})
-
-    async def _tile(self, device: Running, ports: set[tuple[str, int]]) -> dict[str, Any]:
-        tile: dict[str, Any] = {"name": device.name, "model": device.model, "state": "starting", "faults": 0,
-                                "address": f"{device.address}:{device.port}" if device.port else "separate network"}
-        if not device.ready:
-            return tile
-        try:
-            unit = self.units.get(device.name) or self.units.setdefault(device.name, Unit(device))
-            await unit.take()
-        except (Refused, OSError):
-            return tile | {"state": "silent"}
-        tile |= unit.about() | {"state": worst(unit.facts, unit.cells), "faults": len(unit.facts.faults)}
-        if device.port and not ports & {(device.address, device.port), ("0.0.0.0", device.port)}:
-            tile["state"] = "silent"
-        return tile
-
-    def whole(self) -> dict[str, Any]:
-        return {"tiles": self.tiles, "whole": True}
-
-    def close(self) -> None:
-        for unit in self.units.values():
-            unit.control.close()
-        self.units.clear()
-
-
-def _bound_ports() -> set[tuple[str, int]]:
-    found = set()
-    for line in Path("/proc/net/udp").read_text().splitlines()[1:]:
-        address, _, port = line.split()[1].partition(":")
-        found.add((".".join(str(byte) for byte in reversed(bytes.fromhex(address))), int(port, 16)))
-    return found

@@ -58,12 +58,12 @@ export class Device {
     this.log = h('ol', { class: 'log' });
     this.rate = h('dd'), this.uptime = h('dd'), this.answers = h('dd'),
       this.scenarioState = h('p', { class: 'hint', role: 'status' });
-    const exec = (action, command) =>
-      h('button', { title: command, onclick: () => this.run(`${this.base}/agent`, action, command) },
-      { restart: 'Restart snmpd', kill: 'Kill snmpd' }[action]);
+    const exec = (action, name) => {
+      const command = `${message.command} exec --name ${this.name} -- sh -c '${message.actions[action]}'`;
+      return h('button', { title: command, onclick: () => this.run(`${this.base}/agent`, action, command) }, name);
+    };
     const scenario = ([name, about]) => h('button', { title: about,
       onclick: () => this.run(`${this.base}/scenario`, name, `talctl scenario ${name}`) }, name.replaceAll('-', ' '));
-    const inside = `${message.command} exec --name ${this.name} -- sh -c`;
     this.body.replaceChildren(
       h('main', {}, this.drawing.node, this.graphs()),
       h('aside', {}, this.inspector.node,
@@ -74,8 +74,7 @@ export class Device {
         card('SNMP agent', h('dl', { class: 'pair' }, h('div', {}, h('dt', {}, 'Answers'), this.answers),
           h('div', {}, h('dt', {}, 'Runs for'), this.uptime),
           h('div', {}, h('dt', {}, 'Requests'), this.rate)), this.share = h('p', { class: 'hint' }),
-        h('div', { class: 'choices' }, exec('restart', `${inside} "touch /etc/snmp/stirred; rm /etc/snmp/stirred"`),
-          exec('kill', `${inside} 'kill -9 $(cat /run/snmpd.pid)'`))),
+        h('div', { class: 'choices' }, exec('restart', 'Restart snmpd'), exec('kill', 'Kill snmpd'))),
         card('Commands of your clicks', this.log)));
     this.inspector.empty();
   }
@@ -154,7 +153,7 @@ export class Device {
     put(this.subtitle, [about.name !== about.sysName && about.name, about.model, about.text, about.location,
       about.address].filter(Boolean).join(' · '));
     const text = { gone: 'The device is gone', silent: this.why || 'snmpd does not answer',
-      starting: 'The device starts' }[state] ?? STATES[state];
+      starting: 'Waiting for the device' }[state] ?? STATES[state];
     if (this.state.dataset.state !== state || this.state.dataset.text !== text) {
       Object.assign(this.state.dataset, { state, text });
       this.state.replaceChildren(lampIcon(state, 20), text);
