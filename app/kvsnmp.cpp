@@ -222,14 +222,21 @@ void KvSnmp::processSnmpTimeout()
 {
     if (kaCheckAndProcess() > 0) {
         idlePasses = 0;
-        m_processTimer.setInterval(busyPollMs);
+        pollEvery(busyPollMs);
     } else {
         if (idlePasses < idlePassesUntilSlow)
             ++idlePasses;
         if (idlePasses == idlePassesUntilSlow)
-            m_processTimer.setInterval(idlePollMs);
+            pollEvery(idlePollMs);
     }
     watchAgent();
+}
+
+void KvSnmp::pollEvery(int intervalMs)
+{
+    // Setting the interval restarts the timer, even with the same value.
+    if (m_processTimer.interval() != intervalMs)
+        m_processTimer.setInterval(intervalMs);
 }
 
 void KvSnmp::serveReadable()

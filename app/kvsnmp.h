@@ -69,6 +69,7 @@ private:
     void connectSubsystems(QCoreApplication *app);
     void startWatchdog();
     void handSystemNameToAgent() const;
+    void pollEvery(int intervalMs);
     void serveReadable();
     void watchAgent();
 

@@ -96,6 +96,26 @@ private Q_SLOTS:
         QVERIFY2(turns >= 200 / 16, qPrintable(QString::number(turns)));
     }
 
+    void unchangedIntervalDoesNotRestartTheTimer()
+    {
+        const Bench &bench = serving();
+        for (const int interval : {5, 100}) {
+            const PendingGet get;
+            for (int pass = 0; pass < 10 && !get.isAnswered(); ++pass)
+                bench.poll();
+            for (int pass = 0; interval == 100 && pass < 30; ++pass)
+                bench.poll();
+            QCOMPARE(bench.processTimer()->interval(), interval);
+            const int timer = bench.processTimer()->timerId();
+            const PendingGet next;
+            bench.poll();
+            if (interval == 5)
+                QCOMPARE(bench.processTimer()->timerId(), timer);
+            while (!next.isAnswered())
+                bench.poll();
+        }
+    }
+
     void sessionThatOpensSendsTheWaitingTraps()
     {
         const Bench &bench = serving();
