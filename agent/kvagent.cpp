@@ -130,6 +130,11 @@ void kaDescriptors(std::vector<int> &descriptors)
         awaitedDescriptors(descriptors);
 }
 
+bool kaDescriptorsChanged()
+{
+    return takeDescriptorsChanged();
+}
+
 void setMasterEnding(bool ending)
 {
     trapGate().setMasterEnding(ending);

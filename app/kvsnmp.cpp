@@ -229,7 +229,8 @@ void KvSnmp::processSnmpTimeout()
         if (idlePasses == idlePassesUntilSlow)
             pollEvery(idlePollMs);
     }
-    watchAgent();
+    if (kaDescriptorsChanged())
+        watchAgent();
 }
 
 void KvSnmp::pollEvery(int intervalMs)
@@ -251,7 +252,6 @@ void KvSnmp::serveReadable()
 
 void KvSnmp::watchAgent()
 {
-    // Connections to the master open and close inside a pass.
     kaDescriptors(m_agentDescriptors);
     m_agentWatch.watch(m_agentDescriptors);
 }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace {
@@ -114,6 +115,33 @@ private Q_SLOTS:
             while (!next.isAnswered())
                 bench.poll();
         }
+    }
+
+    void sessionChangesAreWatched()
+    {
+        const Bench &bench = serving();
+        const auto *watch = bench.child<DescriptorWatch>();
+        callSession(SNMPD_CALLBACK_INDEX_STOP);
+        bench.poll();
+        const auto watched = [watch] {
+            QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+            return watch->findChildren<QSocketNotifier *>().size();
+        };
+        const int before = watched();
+        netsnmp_session peer = {};
+        snmp_sess_init(&peer);
+        std::string name = "udp:127.0.0.1:9";
+        peer.peername = name.data();
+        peer.version = SNMP_VERSION_2c;
+        netsnmp_session *const session = snmp_open(&peer);
+        QVERIFY(session != nullptr);
+        callSession(SNMPD_CALLBACK_INDEX_START);
+        bench.poll();
+        QCOMPARE(watched(), before + 1);
+        snmp_close(session);
+        callSession(SNMPD_CALLBACK_INDEX_STOP);
+        bench.poll();
+        QCOMPARE(watched(), before);
     }
 
     void sessionThatOpensSendsTheWaitingTraps()
