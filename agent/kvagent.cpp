@@ -135,6 +135,11 @@ bool kaDescriptorsChanged()
     return takeDescriptorsChanged();
 }
 
+bool kaAnsweredLast()
+{
+    return takeAnsweredLast();
+}
+
 void setMasterEnding(bool ending)
 {
     trapGate().setMasterEnding(ending);

@@ -55,6 +55,10 @@ void kaDescriptors(std::vector<int> &descriptors);
 /// True if the descriptors may have changed since the last call. Ask after every pass.
 bool kaDescriptorsChanged();
 
+/// True if a request of the master was answered since the last call and no other one is open: another pass would find
+/// nothing.
+bool kaAnsweredLast();
+
 /// Call with `true` after the order to stop snmpd, with `false` after the next start. Traps wait in between.
 void setMasterEnding(bool ending);
 

@@ -245,7 +245,7 @@ void KvSnmp::serveReadable()
     // The library passes requests and answers to itself through pipes, so one request takes several passes.
     for (int pass = 0; pass < passesAtOnce; ++pass) {
         processSnmpTimeout();
-        if (idlePasses > 0)
+        if (idlePasses > 0 || kaAnsweredLast())
             break;
     }
 }
