@@ -11,6 +11,7 @@
 
 #include <xrcommon/TalInterface.h>
 
+#include <QAbstractEventDispatcher>
 #include <QCoreApplication>
 #include <QDebug>
 #include <QSocketNotifier>
@@ -47,6 +48,7 @@ KvSnmp::KvSnmp(QCoreApplication *app, const Surroundings &surroundings)
     connect(&m_processTimer, SIGNAL(timeout()), this, SLOT(processSnmpTimeout()));
     // Not a slot: only processSnmpTimeout() serves traffic, this calls it again.
     connect(&m_agentWatch, &DescriptorWatch::readable, this, &KvSnmp::serveReadable);
+    connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::aboutToBlock, this, &KvSnmp::flushOutput);
     readIdentity();
     createSubsystems(surroundings);
     connectSubsystems(app);
@@ -248,6 +250,14 @@ void KvSnmp::serveReadable()
         if (idlePasses > 0 || kaAnsweredLast())
             break;
     }
+}
+
+void KvSnmp::flushOutput()
+{
+    // A request prints a line for each row it visits. During traffic the timer's next idle pass writes them all.
+    const bool serving = m_processTimer.isActive() && idlePasses == 0;
+    if (!serving)
+        std::fflush(stdout);
 }
 
 void KvSnmp::watchAgent()

@@ -71,6 +71,7 @@ private:
     void handSystemNameToAgent() const;
     void pollEvery(int intervalMs);
     void serveReadable();
+    void flushOutput();
     void watchAgent();
 
     TalInterface *m_talInterface = nullptr;

@@ -6,7 +6,9 @@
 #include "app/descriptorwatch.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <memory>
+#include <stdio_ext.h>
 #include <string>
 #include <vector>
 
@@ -142,6 +144,28 @@ private Q_SLOTS:
         callSession(SNMPD_CALLBACK_INDEX_STOP);
         bench.poll();
         QCOMPARE(watched(), before);
+    }
+
+    void linesAreWrittenWhenThereIsNoTraffic()
+    {
+        const Bench &bench = serving();
+        bench.processTimer()->start(60000);
+        QTimer turns;
+        turns.start(0);
+        const auto heldAfterATurn = [] {
+            std::printf("held ");
+            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+            return __fpending(stdout) > 0;
+        };
+        const StandardOutput file; // written when it is full or flushed
+        const PendingGet get;
+        for (int pass = 0; pass < 10 && !get.isAnswered(); ++pass)
+            bench.poll();
+        QVERIFY(heldAfterATurn());
+        while (kaCheckAndProcess() > 0)
+            ;
+        bench.poll(); // finds nothing
+        QVERIFY(!heldAfterATurn());
     }
 
     void sessionThatOpensSendsTheWaitingTraps()
