@@ -130,6 +130,16 @@ void kaDescriptors(std::vector<int> &descriptors)
         awaitedDescriptors(descriptors);
 }
 
+bool kaDescriptorsChanged()
+{
+    return takeDescriptorsChanged();
+}
+
+bool kaAnsweredLast()
+{
+    return takeAnsweredLast();
+}
+
 void setMasterEnding(bool ending)
 {
     trapGate().setMasterEnding(ending);

@@ -49,8 +49,15 @@ void kaAgentStart(std::uint32_t modelNumber, std::uint8_t ampType, const char *m
 int kaCheckAndProcess();
 
 /// Replaces the content by all descriptors that the library currently waits for, ascending: its connection to the
-/// master and its internal pipes. The set may change in every pass. Empty before the start of the agent.
+/// master and its internal pipes. Empty before the start of the agent.
 void kaDescriptors(std::vector<int> &descriptors);
+
+/// True if the descriptors may have changed since the last call. Ask after every pass.
+bool kaDescriptorsChanged();
+
+/// True if a request of the master was answered since the last call and no other one is open: another pass would find
+/// nothing.
+bool kaAnsweredLast();
 
 /// Call with `true` after the order to stop snmpd, with `false` after the next start. Traps wait in between.
 void setMasterEnding(bool ending);

@@ -20,7 +20,8 @@ constexpr char application[] = "agentx";
 constexpr oid unixDomain[] = {TRANSPORT_DOMAIN_LOCAL};
 constexpr oid ownDomain[] = {TRANSPORT_DOMAIN_LOCAL, 1}; // any domain unknown to the library
 bool attemptAllowed = true;
-std::string output; // what the master has not taken yet
+bool descriptorsChanged = true; // a connection was opened or closed
+std::string output;             // what the master has not taken yet
 int outputSocket = -1;
 
 int receive(netsnmp_transport *transport, void *buffer, int size, void **, int *)
@@ -69,6 +70,7 @@ void discardOutput()
 int close(netsnmp_transport *transport)
 {
     discardOutput();
+    descriptorsChanged = true;
     const int socket = std::exchange(transport->sock, -1);
     return socket < 0 ? -1 : ::close(socket);
 }
@@ -79,6 +81,7 @@ netsnmp_transport *connectToMaster(netsnmp_tdomain_spec *)
 {
     if (!std::exchange(attemptAllowed, false))
         return nullptr;
+    descriptorsChanged = true;
     const char *const path = netsnmp_lookup_default_target(application, "unix");
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -130,6 +133,7 @@ void allowAttempt()
 
 void masterSessionOpened(netsnmp_transport *transport)
 {
+    descriptorsChanged = true;
     if (transport != nullptr)
         queueOutput(*transport);
     static unsigned next = 1; // the first alarm that was not looked at
@@ -145,6 +149,7 @@ void masterSessionOpened(netsnmp_transport *transport)
 void masterSessionLost()
 {
     discardOutput();
+    descriptorsChanged = true;
     attemptAllowed = false;
 }
 
@@ -163,6 +168,11 @@ bool flushOutput()
     else
         output.erase(0, static_cast<std::size_t>(sent));
     return sent > 0;
+}
+
+bool takeDescriptorsChanged()
+{
+    return std::exchange(descriptorsChanged, false);
 }
 
 void awaitedDescriptors(std::vector<int> &descriptors)

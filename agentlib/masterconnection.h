@@ -29,6 +29,10 @@ std::size_t queuedOutput();
 /// Sends as much of the queue as the connection accepts now. True if that was anything.
 bool flushOutput();
 
+/// True if the descriptors of awaitedDescriptors() may have changed since the last call: only opening or closing a
+/// connection to the master changes them.
+bool takeDescriptorsChanged();
+
 /// Replaces the content by all descriptors that the library currently waits for, ascending: the connection and its
 /// internal pipes. Call after init_agent().
 void awaitedDescriptors(std::vector<int> &descriptors);

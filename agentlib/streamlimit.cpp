@@ -51,6 +51,8 @@ struct Connection {
     bool refused;       // do not pass them to the library
     int unanswered;     // questions in a row
     std::size_t taken;  // bytes since the library was last idle
+    std::size_t open;   // requests without an answer
+    bool answeredLast;  // nothing was open after the last answer
     netsnmp_session *session;
 };
 Connection connection = {};
@@ -100,6 +102,8 @@ std::size_t withoutRefused(netsnmp_transport *transport, u_char *data, std::size
                 connection.left > longestMessage || (isRequest(connection.header[1]) && queuedOutput() > mostQueued);
             if (connection.header[1] == response)
                 connection.unanswered = 0;
+            if (isRequest(connection.header[1]) && !connection.refused)
+                ++connection.open;
         }
         const std::size_t part = std::min<std::uint64_t>(connection.left, size - at);
         if (!connection.refused) {
@@ -174,12 +178,19 @@ int sendLimited(netsnmp_transport *transport, const void *message, int size, voi
         shutdown(transport->sock, SHUT_RDWR);
         return -1;
     }
+    if (type == response && connection.open > 0)
+        connection.answeredLast = --connection.open == 0;
     if (size <= static_cast<int>(longestMessage) || type != response)
         return connection.send(transport, message, size, opaque, opaqueLength);
     sendRefusal(transport, data);
     return size;
 }
 } // namespace
+
+bool takeAnsweredLast()
+{
+    return std::exchange(connection.answeredLast, false) && connection.open == 0;
+}
 
 void limitStream(netsnmp_transport &transport, netsnmp_session *session)
 {

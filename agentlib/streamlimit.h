@@ -25,3 +25,6 @@ inline constexpr int mostUnanswered = 3;
 /// connection if the master does not answer. Call once for each new connection; there is only one at a time. `session`,
 /// which may be null, belongs to the library.
 void limitStream(netsnmp_transport &transport, netsnmp_session *session);
+
+/// True if a request was answered since the last call and no other one is open, so the library has nothing left to do.
+bool takeAnsweredLast();

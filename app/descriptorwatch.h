@@ -16,7 +16,8 @@ public:
     explicit DescriptorWatch(QObject *parent = nullptr);
     ~DescriptorWatch() override;
 
-    /// Watches exactly these from now on. If they may have changed, call it again before the event loop waits.
+    /// Watches exactly these from now on. If they may have changed, or one was closed and opened again under its
+    /// number, call it again before the event loop waits.
     void watch(std::span<const int> descriptors);
 
 Q_SIGNALS:

@@ -11,6 +11,7 @@
 
 #include <xrcommon/TalInterface.h>
 
+#include <QAbstractEventDispatcher>
 #include <QCoreApplication>
 #include <QDebug>
 #include <QSocketNotifier>
@@ -47,6 +48,7 @@ KvSnmp::KvSnmp(QCoreApplication *app, const Surroundings &surroundings)
     connect(&m_processTimer, SIGNAL(timeout()), this, SLOT(processSnmpTimeout()));
     // Not a slot: only processSnmpTimeout() serves traffic, this calls it again.
     connect(&m_agentWatch, &DescriptorWatch::readable, this, &KvSnmp::serveReadable);
+    connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::aboutToBlock, this, &KvSnmp::flushOutput);
     readIdentity();
     createSubsystems(surroundings);
     connectSubsystems(app);
@@ -222,14 +224,22 @@ void KvSnmp::processSnmpTimeout()
 {
     if (kaCheckAndProcess() > 0) {
         idlePasses = 0;
-        m_processTimer.setInterval(busyPollMs);
+        pollEvery(busyPollMs);
     } else {
         if (idlePasses < idlePassesUntilSlow)
             ++idlePasses;
         if (idlePasses == idlePassesUntilSlow)
-            m_processTimer.setInterval(idlePollMs);
+            pollEvery(idlePollMs);
     }
-    watchAgent();
+    if (kaDescriptorsChanged())
+        watchAgent();
+}
+
+void KvSnmp::pollEvery(int intervalMs)
+{
+    // Setting the interval restarts the timer, even with the same value.
+    if (m_processTimer.interval() != intervalMs)
+        m_processTimer.setInterval(intervalMs);
 }
 
 void KvSnmp::serveReadable()
@@ -237,14 +247,21 @@ void KvSnmp::serveReadable()
     // The library passes requests and answers to itself through pipes, so one request takes several passes.
     for (int pass = 0; pass < passesAtOnce; ++pass) {
         processSnmpTimeout();
-        if (idlePasses > 0)
+        if (idlePasses > 0 || kaAnsweredLast())
             break;
     }
 }
 
+void KvSnmp::flushOutput()
+{
+    // A request prints a line for each row it visits. During traffic the timer's next idle pass writes them all.
+    const bool serving = m_processTimer.isActive() && idlePasses == 0;
+    if (!serving)
+        std::fflush(stdout);
+}
+
 void KvSnmp::watchAgent()
 {
-    // Connections to the master open and close inside a pass.
     kaDescriptors(m_agentDescriptors);
     m_agentWatch.watch(m_agentDescriptors);
 }

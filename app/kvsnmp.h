@@ -69,7 +69,9 @@ private:
     void connectSubsystems(QCoreApplication *app);
     void startWatchdog();
     void handSystemNameToAgent() const;
+    void pollEvery(int intervalMs);
     void serveReadable();
+    void flushOutput();
     void watchAgent();
 
     TalInterface *m_talInterface = nullptr;

@@ -53,6 +53,7 @@ int main(int argc, char *argv[])
     if (options.talDebug)
         TalInterface::debugPrintEnable();
     QTimer::singleShot(0, [] { notifyService("READY=1"); }); // once the event loop runs
+    holdStandardOutput();                                    // KvSnmp flushes it
     const int status = QCoreApplication::exec();
     notifyService("STOPPING=1");
 

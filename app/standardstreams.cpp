@@ -1,17 +1,26 @@
-// Standard output and standard error: buffering, SIGPIPE, and writing without waiting.
+// Standard output and standard error: buffering, SIGPIPE, crashes, and writing without waiting.
 #include "app/standardstreams.h"
 
 #include <QScopedValueRollback>
+#include <QtGlobal>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <stdio_ext.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
+
+constexpr int crashSignals[] = {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV};
+
+char held[16384];
+struct sigaction outerActions[NSIG];
+QtMessageHandler outerMessageHandler = nullptr;
 
 /// Opens closed streams: otherwise the next socket would reuse the closed number and receive our output.
 void fillMissingStreams()
@@ -47,6 +56,21 @@ void makeNonBlocking(int descriptor)
         fcntl(descriptor, F_SETFL, flags | O_NONBLOCK);
 }
 
+/// Uses no function of stdio: the signal may have interrupted one.
+void writeHeldAndCrash(int signalNumber, siginfo_t *info, void *)
+{
+    [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, held, std::min(__fpending(stdout), sizeof held));
+    sigaction(signalNumber, &outerActions[signalNumber], nullptr);
+    if (info->si_code <= 0) // sent by a process; otherwise the instruction fails again
+        raise(signalNumber);
+}
+
+void printAfterHeldLines(QtMsgType type, const QMessageLogContext &context, const QString &message)
+{
+    std::fflush(stdout);
+    outerMessageHandler(type, context, message);
+}
+
 } // namespace
 
 void prepareStandardStreams()
@@ -57,4 +81,18 @@ void prepareStandardStreams()
     makeNonBlocking(STDOUT_FILENO);
     makeNonBlocking(STDERR_FILENO);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
+}
+
+void holdStandardOutput()
+{
+    if (canBlock(STDOUT_FILENO))
+        return;
+    std::fflush(stdout);
+    std::setvbuf(stdout, held, _IOFBF, sizeof held); // glibc allows it after the first output
+    outerMessageHandler = qInstallMessageHandler(printAfterHeldLines);
+    struct sigaction action {};
+    action.sa_sigaction = writeHeldAndCrash;
+    action.sa_flags = SA_SIGINFO;
+    for (const int signalNumber : crashSignals)
+        sigaction(signalNumber, &action, &outerActions[signalNumber]);
 }

@@ -12,6 +12,7 @@ from devicelib import settings
 from support.device import MODEL_NUMBER, Device
 from support.disk import SmallDisk
 from support.polling import wait_until
+from support.snmp import TABLES
 
 USAGE = ("\nUsage: kvsnmp options\n"
          "\nOptions:\n"
@@ -87,6 +88,21 @@ def test_daemon_answers_and_holds_a_pid_file(start_device):
     device.kill(pid, signal.SIGTERM)
     wait_until(lambda: not device.pids("kvsnmp"), what="daemon ended")
     assert not device.path(PID_FILE).exists()
+
+
+@pytest.mark.parametrize("ending, status", [(signal.SIGTERM, 0), (signal.SIGABRT, -signal.SIGABRT)])
+def test_lines_of_requests_are_complete(start_device, ending, status):
+    """When there is no more traffic, and when the daemon ends or crashes right after a request."""
+    device = start_device(6420, "--no-traps").wait_answering().wait_subscribed()
+    line = "voltageTable_get_next_data_point()\n"
+    last_row = f"{TABLES}.4.2.1.3.13"
+    before = device.kvsnmp_out().count(line)
+    device.snmp.get(last_row)
+    wait_until(lambda: device.kvsnmp_out().count(line) == before + 13, 5, what="13 lines")
+    pid = device.kvsnmp_pid()
+    device.run(["sh", "-c", f"snmpget -v2c -c public 127.0.0.1 {last_row} && kill -{ending.value} {pid}"])
+    assert device.kvsnmp_status() == status
+    assert device.kvsnmp_out().count(line) == before + 26
 
 
 def test_foreground_run_removes_a_daemons_pid_file_when_it_ends(clean_device):

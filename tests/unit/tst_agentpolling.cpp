@@ -6,7 +6,10 @@
 #include "app/descriptorwatch.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <memory>
+#include <stdio_ext.h>
+#include <string>
 #include <vector>
 
 namespace {
@@ -94,6 +97,75 @@ private Q_SLOTS:
         const std::vector<PendingGet> gets(200); // each is answered in another pass: too many for one turn
         QTRY_VERIFY(std::all_of(gets.begin(), gets.end(), [](const auto &get) { return get.isAnswered(); }));
         QVERIFY2(turns >= 200 / 16, qPrintable(QString::number(turns)));
+    }
+
+    void unchangedIntervalDoesNotRestartTheTimer()
+    {
+        const Bench &bench = serving();
+        for (const int interval : {5, 100}) {
+            const PendingGet get;
+            for (int pass = 0; pass < 10 && !get.isAnswered(); ++pass)
+                bench.poll();
+            for (int pass = 0; interval == 100 && pass < 30; ++pass)
+                bench.poll();
+            QCOMPARE(bench.processTimer()->interval(), interval);
+            const int timer = bench.processTimer()->timerId();
+            const PendingGet next;
+            bench.poll();
+            if (interval == 5)
+                QCOMPARE(bench.processTimer()->timerId(), timer);
+            while (!next.isAnswered())
+                bench.poll();
+        }
+    }
+
+    void sessionChangesAreWatched()
+    {
+        const Bench &bench = serving();
+        const auto *watch = bench.child<DescriptorWatch>();
+        callSession(SNMPD_CALLBACK_INDEX_STOP);
+        bench.poll();
+        const auto watched = [watch] {
+            QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+            return watch->findChildren<QSocketNotifier *>().size();
+        };
+        const int before = watched();
+        netsnmp_session peer = {};
+        snmp_sess_init(&peer);
+        std::string name = "udp:127.0.0.1:9";
+        peer.peername = name.data();
+        peer.version = SNMP_VERSION_2c;
+        netsnmp_session *const session = snmp_open(&peer);
+        QVERIFY(session != nullptr);
+        callSession(SNMPD_CALLBACK_INDEX_START);
+        bench.poll();
+        QCOMPARE(watched(), before + 1);
+        snmp_close(session);
+        callSession(SNMPD_CALLBACK_INDEX_STOP);
+        bench.poll();
+        QCOMPARE(watched(), before);
+    }
+
+    void linesAreWrittenWhenThereIsNoTraffic()
+    {
+        const Bench &bench = serving();
+        bench.processTimer()->start(60000);
+        QTimer turns;
+        turns.start(0);
+        const auto heldAfterATurn = [] {
+            std::printf("held ");
+            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+            return __fpending(stdout) > 0;
+        };
+        const StandardOutput file; // written when it is full or flushed
+        const PendingGet get;
+        for (int pass = 0; pass < 10 && !get.isAnswered(); ++pass)
+            bench.poll();
+        QVERIFY(heldAfterATurn());
+        while (kaCheckAndProcess() > 0)
+            ;
+        bench.poll(); // finds nothing
+        QVERIFY(!heldAfterATurn());
     }
 
     void sessionThatOpensSendsTheWaitingTraps()

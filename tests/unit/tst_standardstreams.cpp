@@ -7,10 +7,12 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <functional>
 #include <poll.h>
 #include <pty.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -31,9 +33,9 @@ void printTooMuch()
         qDebug().noquote() << longLine;
 }
 
-/// Runs `function` in a child whose two streams are `descriptor`; -1 leaves them closed. False if it ends the child, or
-/// still runs after ten seconds.
-bool runsToItsEnd(int descriptor, const std::function<void()> &function)
+/// Runs `function` in a child whose two streams are `descriptor`; -1 leaves them closed. Returns the child's exit
+/// status, 7 at the end of the function, or the signal that ended it, SIGALRM after ten seconds.
+int endOf(int descriptor, const std::function<void()> &function)
 {
     std::fflush(nullptr);
     const pid_t pid = fork();
@@ -57,7 +59,13 @@ bool runsToItsEnd(int descriptor, const std::function<void()> &function)
     }
     int status = -1;
     waitpid(pid, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 7;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status);
+}
+
+/// False if it ends the child, or still runs after ten seconds.
+bool runsToItsEnd(int descriptor, const std::function<void()> &function)
+{
+    return endOf(descriptor, function) == 7;
 }
 
 bool isNonBlocking(int descriptor)
@@ -177,6 +185,63 @@ private Q_SLOTS:
         const QByteArray content = file.readAll();
         QVERIFY(content.startsWith("before\na line"));
         QCOMPARE(content.count('\n'), 1 + 20000 + 2000);
+    }
+
+    void heldLinesComeInOrderAndComplete_data()
+    {
+        QTest::addColumn<int>("end");
+        for (const int end : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV})
+            QTest::newRow(strsignal(end)) << end;
+    }
+
+    void heldLinesComeInOrderAndComplete()
+    {
+        QFETCH(const int, end);
+        QTemporaryFile file;
+        QVERIFY(file.open());
+        const auto print = [&file, end] {
+            std::signal(end, SIG_DFL); // not the sanitizer's handler
+            holdStandardOutput();
+            std::puts("held");
+            std::puts("held too");
+            if (file.size() != 0)
+                _exit(1);
+            qDebug("after them");
+            if (file.size() != sizeof("held\nheld too\nafter them\n") - 1)
+                _exit(2);
+            std::puts("last");
+            std::raise(end);
+        };
+        QCOMPARE(endOf(file.handle(), print), end);
+        file.seek(0);
+        QCOMPARE(file.readAll(), QByteArray("held\nheld too\nafter them\nlast\n"));
+    }
+
+    void faultOfTheProgramEndsItWithItsSignal()
+    {
+        QTemporaryFile file;
+        QVERIFY(file.open());
+        const auto fault = [] {
+            std::signal(SIGSEGV, SIG_DFL); // not the sanitizer's handler
+            holdStandardOutput();
+            std::puts("last");
+            void *const page = mmap(nullptr, 1, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            *static_cast<volatile char *>(page) = 1;
+        };
+        QCOMPARE(endOf(file.handle(), fault), SIGSEGV);
+        file.seek(0);
+        QCOMPARE(file.readAll(), QByteArray("last\n"));
+    }
+
+    void readersOfLinesGetThemAtOnce()
+    {
+        const Ends ends(makePipe);
+        QVERIFY(runsToItsEnd(ends.writer, [&ends] {
+            holdStandardOutput();
+            std::puts("first");
+            if (available(ends.reader) != "first\n")
+                _exit(1);
+        }));
     }
 
     void errnoStaysAsItWasAndABrokenPipeIsIgnored()

@@ -250,6 +250,26 @@ private Q_SLOTS:
         QVERIFY(stream.isShutDown());
     }
 
+    void theAnswerToTheLastOpenRequestIsTheLast()
+    {
+        Stream stream;
+        stream.received(message(ping, 20), 20);
+        stream.sentOf(message(response, 28));
+        QVERIFY(!takeAnsweredLast()); // not of a request
+        const QByteArray refused = message(get, longestMessage + 4);
+        stream.received(message(get, 60) + message(getNext, 60) + refused, 65536);
+        QVERIFY(!takeAnsweredLast());
+        stream.sentOf(message(response, 60));
+        QVERIFY(!takeAnsweredLast());
+        stream.sentOf(message(response, longestMessage + 4)); // replaced by a refusal
+        QVERIFY(takeAnsweredLast());
+        QVERIFY(!takeAnsweredLast());
+        stream.received(message(get, 60), 60);
+        stream.sentOf(message(response, 60));
+        stream.received(message(get, 60), 60); // it arrived before the caller asked
+        QVERIFY(!takeAnsweredLast());
+    }
+
     void whatTheMasterDoesNotReadIsQueued()
     {
         Stream stream;

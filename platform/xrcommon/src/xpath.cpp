@@ -40,7 +40,7 @@ private:
         std::optional<pugi::xpath_query> query;
     };
 
-    static constexpr int capacity = 512;
+    static constexpr int capacity = 128; // each takes 4 KiB
     QCache<QString, Entry> m_entries{capacity};
 };
 
