@@ -21,7 +21,7 @@ namespace {
 struct Bench {
     DataTree tree;
     TalServer server{nullptr, tree};
-    Device device{tree, server, nullptr, nullptr};
+    Device device{tree, server, nullptr, nullptr, {}};
 
     /// The reply to a line, as "code text".
     QString run(const QString &line)
