@@ -8,6 +8,8 @@
 
 #include <QDebug>
 
+#include <algorithm>
+#include <malloc.h>
 #include <string_view>
 #include <utility>
 
@@ -27,6 +29,8 @@ constexpr Severity severities[] = {
 };
 // clang-format on
 constexpr std::int32_t otherSeverity = 3;
+
+constexpr std::size_t manyFaults = 500; // about 400 kB
 
 const Trap *trapOf(const QString &msgData)
 {
@@ -85,6 +89,7 @@ void FaultHandler::add(FaultRecord fault)
     if (isDue(fault))
         m_due.insert(arrival);
     m_faults.emplace_hint(m_faults.end(), arrival, std::move(fault));
+    m_mostFaults = std::max(m_mostFaults, m_faults.size());
 }
 
 void FaultHandler::end(const FaultKey &key)
@@ -134,6 +139,10 @@ void FaultHandler::remove(Arrival arrival)
 {
     m_due.erase(arrival);
     m_faults.erase(arrival);
+    if (m_mostFaults >= manyFaults && m_faults.size() <= m_mostFaults / 2) {
+        m_mostFaults = m_faults.size();
+        malloc_trim(0); // the library keeps free pages below the last used one
+    }
 }
 
 /// An ended fault waits only for a busy sender. When the connection is lost, the wait is unknown, and a manager must

@@ -8,7 +8,7 @@ import signal
 import time
 
 import pytest
-from support.device import MODEL_NUMBER
+from support.device import MODEL_NUMBER, is_sanitized
 from support.polling import stays, wait_until
 from support.traps import Faults, TrapReceiver, send_results, switch
 
@@ -273,3 +273,22 @@ def test_a_fault_that_ended_while_snmpd_did_not_read_is_never_sent_when_it_dies(
     silent.faults.mark(silent.traps)
     assert silent.traps.counts("dying, ended") == {}
     assert silent.traps.counts("dying ") == {waiting: 1}  # snmpd had the others in its connection
+
+
+@pytest.mark.skipif(is_sanitized(), reason="a sanitizer keeps freed memory")
+def test_memory_of_ended_faults_is_returned(start_device):
+    device = start_device(6420, "--no-traps").wait_answering().wait_subscribed()
+    traps, faults = TrapReceiver(device), Faults(device)
+    status = ["sed", "-n", "s/^VmRSS: *//p", f"/proc/{device.kvsnmp_pid()}/status"]
+
+    def kilobytes() -> int:
+        return int(device.run(status).stdout.split()[0])
+
+    before = kilobytes()
+    switch(device, "LET Fault", False)
+    faults.raise_all("let_fail", faults.new_texts("waiting", 5000))
+    switch(device, "LET Fault", True)
+    faults.mark(traps, timeout=60)
+    assert len(traps.counts("waiting ")) == 5000
+    faults.clear_everything()
+    wait_until(lambda: kilobytes() < before + 3000, 10, what="memory returned")
