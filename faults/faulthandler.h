@@ -60,7 +60,7 @@ private:
 
     TrapGate &m_gate;
     std::map<Arrival, FaultRecord> m_faults; ///< the fault list, in the order of arrival
-    std::size_t m_mostFaults = 0; ///< in the list since its memory was returned
+    std::size_t m_mostFaults = 0;            ///< in the list since its memory was returned
     QHash<FaultKey, Arrival> m_arrivals;
     std::set<Arrival> m_due;    ///< unsent messages with an enabled trap: the only ones in a run
     bool m_senderBusy = false;  ///< the last run stopped at a busy sender, with no loss since

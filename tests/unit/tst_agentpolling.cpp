@@ -102,21 +102,17 @@ private Q_SLOTS:
     void unchangedIntervalDoesNotRestartTheTimer()
     {
         const Bench &bench = serving();
-        for (const int interval : {5, 100}) {
-            const PendingGet get;
-            for (int pass = 0; pass < 10 && !get.isAnswered(); ++pass)
-                bench.poll();
-            for (int pass = 0; interval == 100 && pass < 30; ++pass)
-                bench.poll();
-            QCOMPARE(bench.processTimer()->interval(), interval);
-            const int timer = bench.processTimer()->timerId();
-            const PendingGet next;
+        const PendingGet get;
+        for (int pass = 0; pass < 10 && !get.isAnswered(); ++pass)
             bench.poll();
-            if (interval == 5)
-                QCOMPARE(bench.processTimer()->timerId(), timer);
-            while (!next.isAnswered())
-                bench.poll();
-        }
+        QCOMPARE(bench.processTimer()->interval(), 5);
+        const PendingGet next;
+        while (bench.processTimer()->remainingTime() > 0) // no turn of the event loop: it stays overdue
+            QTest::qSleep(1);
+        bench.poll();
+        QCOMPARE(bench.processTimer()->remainingTime(), 0);
+        for (int pass = 0; pass < 10 && !next.isAnswered(); ++pass)
+            bench.poll();
     }
 
     void sessionChangesAreWatched()
