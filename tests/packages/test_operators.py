@@ -98,7 +98,7 @@ def take_pictures(network: Network, *steps: dict[str, Any]) -> None:
     subprocess.run(network.entering("/usr/bin/python3", str(Path(__file__).with_name("pictures.py")), str(PICTURES)),
                    input=json.dumps(steps), text=True, check=True, timeout=600)
     for name in [step["picture"] for step in steps if "picture" in step]:
-        subprocess.run(["pngquant", "--force", "--output", str(PICTURES / name), "128", str(PICTURES / name)], check=True)
+        subprocess.run(["pngquant", "--force", "--output", str(PICTURES / name), "32", str(PICTURES / name)], check=True)
         assert (PICTURES / name).stat().st_size < 150_000, name
 
 
@@ -225,10 +225,10 @@ def test_zabbix(manager: Booted, network: Network) -> None:
         template["templateid"] for template in zabbix.call("template.get", {"filter": {"name": "kvsnmp device by SNMP"}})]})
     take_pictures(
         network, {"url": f"{ZABBIX}/index.php", "fill": {"name": "Admin", "password": PASSWORD}, "press": ["#enter"]},
-        {"url": f"{ZABBIX}/zabbix.php?action=host.view&groupids%5B%5D={zabbix.group}&filter_set=1", "width": 1300,
+        {"url": f"{ZABBIX}/zabbix.php?action=host.view&groupids%5B%5D={zabbix.group}&filter_set=1", "width": 1550,
          "height": 2000, "element": ".list-table", "picture": "zabbix-hosts.png"},
-        {"url": f"{ZABBIX}/zabbix.php?action=problem.view&show=3&filter_set=1", "width": 1300,
+        {"url": f"{ZABBIX}/zabbix.php?action=problem.view&show=3&filter_set=1", "width": 1550,
          "element": ".list-table", "picture": "zabbix-problems.png"},
         {"url": f"{ZABBIX}/zabbix.php?action=host.dashboard.view&hostid={by_name['10.1.0.29']}"
-                f"&dashboardid={dashboard[0]['dashboardid']}", "width": 1300, "height": 1000,
+                f"&dashboardid={dashboard[0]['dashboardid']}&from=now-15m&to=now", "width": 1550, "height": 1200,
          "element": ".dashboard-grid", "picture": "zabbix-dashboard.png"})
