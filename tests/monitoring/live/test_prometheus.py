@@ -5,6 +5,7 @@ from __future__ import annotations
 import re
 import struct
 import time
+from collections import Counter
 from collections.abc import Iterator
 from typing import Any, NamedTuple
 
@@ -200,21 +201,38 @@ class History(NamedTuple):
     begin: float  # some seconds before the faults
 
 
+def shows(page: str, alert: str, count: int) -> bool:
+    return bool(re.search(rf"{alert}\s*\(\s*{count} active\)", page))
+
+
+def page_of(site: Site, expected: set[Alert]) -> str:
+    """Prometheus' page of the alerts once it shows these; a busy machine may miss a scrape in the meantime."""
+    counts, page = Counter(alert for alert, _, _ in expected), ""
+
+    def look() -> bool:
+        nonlocal page
+        site.expire_tables()
+        page = site.page("classic/alerts")
+        return all(shows(page, alert, counts[alert]) for alert in alerts())
+
+    wait_until(look, 120, 1.0, "the alerts on Prometheus' page")
+    return page
+
+
 @pytest.fixture(scope="module")
 def history(site) -> History:
-    """Fresh from the simulator, with all faults, without faults again; with pictures."""
+    """Fresh from the simulator, with all faults, without faults again."""
     before, begin = site.wait_for_alerts(set(), 90), time.monotonic() - 5
     voltages = begin_restarts(site)
     for name in dict.fromkeys(fault.device for fault in FAULTS):
         site.apply(name, [command for fault in FAULTS if fault.device == name for command in fault.begin])
     during = site.wait_for_alerts(EXPECTED, 120)
-    page = site.page("classic/alerts")
-    site.picture("classic/alerts", "prometheus-alerts.png", 1000)
+    page = page_of(site, EXPECTED)
     for name in dict.fromkeys(fault.device for fault in FAULTS):
         site.apply(name, [command for fault in FAULTS if fault.device == name for command in fault.end])
     end_restarts(site, voltages)
     after = site.wait_for_alerts(set(), 120)
-    return History(before, during, after, page, site.page("classic/alerts"), begin)
+    return History(before, during, after, page, page_of(site, set()), begin)
 
 
 def test_every_alert_is_provoked():
@@ -229,8 +247,7 @@ def test_alert_fires_and_clears(history, alert):
         assert found["state"] == "firing" and found["labels"]["severity"] == alerts()[alert]["labels"]["severity"]
         assert "{{" not in str(found["annotations"]) and "no value" not in str(found["annotations"])
     assert not [key for key in [*history.before, *history.after] if key[0] == alert]
-    assert re.search(rf"{alert}\s*\(\s*{len(during)} active\)", history.page), "on Prometheus' page"
-    assert re.search(rf"{alert}\s*\(\s*0 active\)", history.page_after)
+    assert shows(history.page, alert, len(during)) and shows(history.page_after, alert, 0), "on Prometheus' page"
 
 
 def test_alerts_name_what_is_faulty_and_counts_are_recorded(site, history):
@@ -256,7 +273,7 @@ def test_pictures_of_one_alert(site, history):
     table = graph(f'kvsnmp_voltage_value_volts{{instance="{site.addresses["6420"]}"}}')
     assert "Phantom Microphone 12.0V" in site.page(table)
     two = site.picture(table, "prometheus-voltages.png", 850)
-    for file in (one, two, one.with_name("prometheus-alerts.png")):
+    for file in (one, two):
         head = file.read_bytes()[:24]
         assert head[:8] == b"\x89PNG\r\n\x1a\n" and file.stat().st_size > 20000, file
         width, height = struct.unpack(">II", head[16:24])

@@ -15,6 +15,8 @@ from support.device import CHECKOUT
 from support.polling import wait_until
 
 SNMPTRAPD = CHECKOUT / "monitoring/snmptrapd"
+IMPORT = CHECKOUT / "monitoring/zabbix/zabbix-import"
+API, PASSWORD = "http://127.0.0.1:8080", "zabbix"
 USER, GROUP = "100", "102"  # anybody but root, whom PostgreSQL refuses; the packages' users are not needed
 
 SERVER_CONF = """\
@@ -72,7 +74,7 @@ class Server:
             shipped.replace(f" {handler}\n", " /opt/kvsnmp-trap-line --zabbix /srv/traps.log\n"))
         self._process = subprocess.Popen(self._command(), stdin=subprocess.DEVNULL)
         wait_until(self._answers, 180, 0.2, what="the API answers")
-        self._token = self.call("user.login", username="Admin", password="zabbix")
+        self._token = self.call("user.login", username="Admin", password=PASSWORD)
 
     def _command(self) -> list[str]:
         root = os.environ["KVSNMP_ZABBIX_ROOT"]
@@ -96,7 +98,7 @@ class Server:
         if self._token and method not in ("apiinfo.version", "user.login"):
             request["auth"] = self._token
         with urllib.request.urlopen(urllib.request.Request(
-                "http://127.0.0.1:8080/api_jsonrpc.php", json.dumps(request).encode(),
+                f"{API}/api_jsonrpc.php", json.dumps(request).encode(),
                 {"Content-Type": "application/json-rpc"}), timeout=120) as reply:
             answer = json.load(reply)
         if "error" in answer:
@@ -104,11 +106,7 @@ class Server:
         return answer["result"]
 
     def import_template(self, text: str) -> None:
-        create = {"createMissing": True, "updateExisting": True}
-        delete = create | {"deleteMissing": True}
-        self.call("configuration.import", format="yaml", source=text, rules={
-            "groups": create, "templates": create, "items": delete, "discoveryRules": delete, "triggers": delete,
-            "templateDashboards": delete, "valueMaps": delete})
+        self._import("template.yaml", text)
 
     def add_trap(self, text: str) -> None:
         """As a trap receiver writes it: the sender's address and the rest."""
@@ -116,9 +114,13 @@ class Server:
             file.write(f"{datetime.datetime.now().astimezone():%Y-%m-%dT%H:%M:%S%z} ZBXTRAP {text}")
 
     def import_hosts(self, text: str) -> None:
-        create = {"createMissing": True, "updateExisting": True}
-        self.call("configuration.import", format="json", source=text, rules={
-            "groups": create, "hosts": create, "templateLinkage": {"createMissing": True}})
+        self._import("hosts.json", text)
+
+    def _import(self, name: str, text: str) -> None:
+        (self.folder / name).write_text(text)
+        done = subprocess.run([IMPORT, API, self.folder / name], capture_output=True, text=True, check=False,
+                              stdin=subprocess.DEVNULL, env=os.environ | {"ZABBIX_PASSWORD": PASSWORD})
+        assert (done.returncode, done.stderr) == (0, ""), done
 
     def logs(self) -> str:
         return "\n".join(f"--- {file.name}\n" + "\n".join(file.read_text(errors="replace").splitlines()[-40:])
