@@ -96,6 +96,22 @@ def test_the_file_system_is_read_only_but_for_what_is_written(booted: Booted) ->
     wait_new_snmpd(booted, snmpd, "a snmpd after the change of /etc/snmp")
 
 
+def type_recipe(booted: Booted, after: str, commands: int) -> None:
+    """The next commands of docs/traps.md after a text, as root in a folder with "monitoring"."""
+    section = (guide.GUIDE.parent / "traps.md").read_text().split(after)[1]
+    recipe = re.findall(r"^    (.*)$", section, re.MULTILINE)[:commands]
+    assert recipe[-1].startswith("systemctl restart ")
+    for line in recipe:
+        booted.run("/bin/sh", "-c", f"cd /root/recipe && {line}")
+    wait_until(lambda: booted.output("pgrep", "-u", "Debian-snmp", "-x", "snmptrapd"), 20, "snmptrapd as Debian-snmp")
+
+
+def raise_fan_fault(booted: Booted) -> None:
+    wait_answering(booted)
+    booted.run("talctl", "trap", "enable", "Cooling Fan Fault")
+    booted.run("talctl", "fault", "raise", "amp", "1", "fan_not_running", "crit", "Fan 1 stands still")
+
+
 def test_snmptrapd_as_the_recipe_sets_it_up_logs_a_trap(booted: Booted) -> None:
     """Debian's snmptrapd, with its unit and its user."""
     booted.run("apt-get", "install", "--no-install-recommends", "snmptrapd")
@@ -103,21 +119,25 @@ def test_snmptrapd_as_the_recipe_sets_it_up_logs_a_trap(booted: Booted) -> None:
     booted.root.path("/root/recipe/monitoring").symlink_to("/usr/share/kvsnmp-monitoring")
     config = booted.root.path("/etc/snmp/snmptrapd.conf")
     former = config.read_text()
-    section = (guide.GUIDE.parent / "traps.md").read_text().split("\n## Readable log lines on the manager\n")[1]
-    recipe = re.findall(r"^    ((?:install|systemctl) .*)$", section, re.MULTILINE)
-    assert len(recipe) == 3
-    for line in recipe:
-        booted.run("/bin/sh", "-c", f"cd /root/recipe && {line}")
-    wait_until(lambda: booted.output("pgrep", "-u", "Debian-snmp", "-x", "snmptrapd"), 20, "snmptrapd as Debian-snmp")
+    type_recipe(booted, "\n## Readable log lines on the manager\n", 3)
 
-    wait_answering(booted)
-    booted.run("talctl", "trap", "enable", "Cooling Fan Fault")
-    booted.run("talctl", "fault", "raise", "amp", "1", "fan_not_running", "crit", "Fan 1 stands still")
+    raise_fan_fault(booted)
     wait_until(lambda: "coolingFanFault critical" in booted.output("journalctl", "-t", "kvsnmp-trap"), 30, "the trap's line")
     assert booted.output("stat", "-c", "%a %U %G", "/etc/snmp/snmptrapd.conf") == "640 root Debian-snmp"
     assert config.with_name("snmptrapd.conf.~1~").read_text() == former
     booted.run("talctl", "fault", "clear", "amp", "1")
-    booted.run("systemctl", "stop", "snmptrapd.service", "snmptrapd.socket")
+
+
+def test_snmptt_as_the_recipe_sets_it_up_logs_a_trap(booted: Booted) -> None:
+    """Debian's SNMPTT behind it, each with its unit and its user."""
+    type_recipe(booted, "After the commands above, on Debian 12:\n", 7)
+
+    raise_fan_fault(booted)
+    log = booted.root.path("/var/log/snmptt/snmptt.log")
+    wait_until(lambda: log.exists() and "coolingFanFault: pa-device" in log.read_text(), 30, "the trap's line")
+    assert ' Critical "kvsnmp" ' in log.read_text()
+    booted.run("talctl", "fault", "clear", "amp", "1")
+    booted.run("systemctl", "stop", "snmptt", "snmptrapd.service", "snmptrapd.socket")
 
 
 def test_it_starts_where_the_folders_of_snmpd_are_missing(booted: Booted) -> None:
