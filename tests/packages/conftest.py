@@ -31,6 +31,8 @@ def root(debs: Path) -> DebianRoot:
 @pytest.fixture(scope="session")
 def booted(root: DebianRoot) -> Iterator[Booted]:
     """From the first test that asks for it to the end."""
+    # The booted one has no network.
+    root.run("apt-get", "install", "--no-install-recommends", "--download-only", "snmptt")
     root.service_policy.unlink()  # from here on services start as on any Debian
     system = Booted(root)
     yield system
