@@ -137,6 +137,23 @@ def test_snmptt_as_the_recipe_sets_it_up_logs_a_trap(booted: Booted) -> None:
     wait_until(lambda: log.exists() and "coolingFanFault: pa-device" in log.read_text(), 30, "the trap's line")
     assert ' Critical "kvsnmp" ' in log.read_text()
     booted.run("talctl", "fault", "clear", "amp", "1")
+
+
+def test_the_file_of_a_zabbix_server_gets_a_trap(booted: Booted) -> None:
+    """As the recipe sets it up, with Debian's snmptrapd; the server, another user, can read it."""
+    recipe = (guide.GUIDE.parents[1] / "monitoring/zabbix/README.md").read_text().split("\n## Traps\n")[1]
+    installed, handler = re.findall(r"^    (install .* -o .*|traphandle .*)$", recipe, re.MULTILINE)
+    booted.run("/bin/sh", "-c", installed)
+    config = booted.root.path("/etc/snmp/snmptrapd.conf")
+    *others, last = config.read_text().splitlines()
+    assert last.startswith("traphandle ")
+    config.write_text("\n".join([*others, handler, ""]))
+    booted.run("systemctl", "restart", "snmptrapd")
+
+    raise_fan_fault(booted)
+    read = ("runuser", "-u", "nobody", "--", "cat", "/var/log/kvsnmp-traps.log")
+    wait_until(lambda: "ZBXTRAP 127.0.0.1" in booted.output(*read), 30, "the trap in the file")
+    booted.run("talctl", "fault", "clear", "amp", "1")
     booted.run("systemctl", "stop", "snmptt", "snmptrapd.service", "snmptrapd.socket")
 
 

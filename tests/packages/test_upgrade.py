@@ -74,7 +74,7 @@ def test_purging_leaves_nothing_of_the_packages(booted: Booted, debs: Path) -> N
     assert booted.output("dpkg-query", "-W", "-f", "${db:Status-Abbrev}", *PACKAGES) == ""
     for path in ("/etc/systemd/system/kvsnmp.service.d", "/etc/default/kvsnmp"):
         shutil.rmtree(booted.root.path(path), ignore_errors=True)  # of this test
-    for path in ("/usr/local/bin/kvsnmp-trap-line", "/etc/snmp/snmptt.conf.kvsnmp"):
+    for path in ("/usr/local/bin/kvsnmp-trap-line", "/etc/snmp/snmptt.conf.kvsnmp", "/var/log/kvsnmp-traps.log"):
         booted.root.path(path).unlink(missing_ok=True)  # of the recipes
     ours = set().union(*(files_of(package, debs) for package in PACKAGES))
     left = {path for path in ours if not path.endswith("/") and booted.root.path(path).exists()}
