@@ -129,7 +129,7 @@ Refusal DataTree::remove(std::string_view path)
     if (isKeyOf(node.parent(), node.name()))
         return "a list key goes with its node only: " + pathText(node);
     takeFromIndex(node, pathText(node));
-    tell(Change::Op::Delete, node, {});
+    announce(Change::Op::Delete, node, {});
     node.parent().remove_child(node);
     return std::nullopt;
 }
@@ -204,7 +204,7 @@ void DataTree::insert(pugi::xml_node parent, pugi::xml_node source)
 {
     const pugi::xml_node node = copyInto(parent, source);
     addToIndex(node, pathText(node));
-    tell(Change::Op::Create, {}, node);
+    announce(Change::Op::Create, {}, node);
 }
 
 void DataTree::put(pugi::xml_node node, pugi::xml_node source)
@@ -215,7 +215,7 @@ void DataTree::put(pugi::xml_node node, pugi::xml_node source)
         const pugi::xml_node after = node.parent().insert_copy_after(source, node);
         takeFromIndex(node, pathText(node));
         addToIndex(after, pathText(after));
-        tell(Change::Op::Replace, node, after);
+        announce(Change::Op::Replace, node, after);
         node.parent().remove_child(node);
     }
 }
@@ -247,10 +247,10 @@ void DataTree::changeText(pugi::xml_node leaf, const std::string &text)
     if (text == leaf.child_value())
         return;
     setText(leaf, text);
-    tell(Change::Op::Replace, leaf, leaf);
+    announce(Change::Op::Replace, leaf, leaf);
 }
 
-void DataTree::tell(Change::Op op, pugi::xml_node before, pugi::xml_node after) const
+void DataTree::announce(Change::Op op, pugi::xml_node before, pugi::xml_node after) const
 {
     if (!m_listener)
         return;

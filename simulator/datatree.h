@@ -66,7 +66,7 @@ private:
     void put(pugi::xml_node node, pugi::xml_node source);
     void mergeInto(pugi::xml_node node, pugi::xml_node source);
     void changeText(pugi::xml_node leaf, const std::string &text);
-    void tell(Change::Op op, pugi::xml_node before, pugi::xml_node after) const;
+    void announce(Change::Op op, pugi::xml_node before, pugi::xml_node after) const;
 
     void addToIndex(pugi::xml_node node, const std::string &rpath);
     void takeFromIndex(pugi::xml_node node, const std::string &rpath);

@@ -43,12 +43,12 @@ Session::Session(QObject *parent, QLocalSocket *socket, DataTree &tree, int numb
         QTimer::singleShot(0, this, &Session::onReadyRead);
 }
 
-void Session::tell(const Change &change)
+void Session::notify(const Change &change)
 {
     if (m_dropped)
         return;
     for (const Subscription &subscription : m_subscriptions)
-        tellChange(subscription, change, [this](const std::string &message) { send(message); });
+        notifyChange(subscription, change, [this](const std::string &message) { send(message); });
 }
 
 void Session::flush()
@@ -144,7 +144,7 @@ void Session::subscribe(const std::string &ref, pugi::xml_node request)
     });
     if (same == m_subscriptions.end())
         m_subscriptions.push_back(subscription);
-    tellExisting(subscription, m_tree, [this](const std::string &message) { send(message); });
+    notifyExisting(subscription, m_tree, [this](const std::string &message) { send(message); });
     Q_EMIT subscribed();
 }
 

@@ -24,7 +24,7 @@ public:
     /// False while the client reads nothing: commands do not wait for it.
     bool keepsUp() const { return !m_lagging; }
 
-    void tell(const Change &change);
+    void notify(const Change &change);
     void flush();
     /// Closes the connection and prints `reason`.
     void drop(const QString &reason);

@@ -59,7 +59,7 @@ void collect(const DataPath &path, std::size_t step, pugi::xml_node node, const 
 }
 
 /// A change above the matched nodes: reports each of them separately.
-void tellInside(const Subscription &subscription, const Change &change, const MessageSink &sink)
+void notifyInside(const Subscription &subscription, const Change &change, const MessageSink &sink)
 {
     std::vector<Match> before;
     std::vector<Match> after;
@@ -87,13 +87,13 @@ void tellInside(const Subscription &subscription, const Change &change, const Me
 
 } // namespace
 
-void tellExisting(const Subscription &subscription, const DataTree &tree, const MessageSink &sink)
+void notifyExisting(const Subscription &subscription, const DataTree &tree, const MessageSink &sink)
 {
     for (const pugi::xml_node node : tree.select(subscription.path))
         sink(notifyMessage(subscription, "create", pathText(node), node));
 }
 
-void tellChange(const Subscription &subscription, const Change &change, const MessageSink &sink)
+void notifyChange(const Subscription &subscription, const Change &change, const MessageSink &sink)
 {
     const DataPath &path = subscription.path;
     const std::size_t common = std::min(path.size(), change.chain.size());
@@ -101,7 +101,7 @@ void tellChange(const Subscription &subscription, const Change &change, const Me
         if (!stepMatches(path[i], change.chain[i]))
             return;
     if (path.size() > change.chain.size())
-        tellInside(subscription, change, sink);
+        notifyInside(subscription, change, sink);
     else
         sink(notifyMessage(subscription, opText(change.op), change.rpath, change.after ? change.after : change.before));
 }

@@ -19,10 +19,10 @@ struct Subscription {
 using MessageSink = std::function<void(const std::string &message)>;
 
 /// One "create" for each node that now matches the subscription, in document order.
-void tellExisting(const Subscription &subscription, const DataTree &tree, const MessageSink &sink);
+void notifyExisting(const Subscription &subscription, const DataTree &tree, const MessageSink &sink);
 
 /// The messages of a change for the subscription: one if the node is, or is below, a matched node; if it is above, one
 /// for each matched node inside it that was created, changed or deleted; otherwise none.
-void tellChange(const Subscription &subscription, const Change &change, const MessageSink &sink);
+void notifyChange(const Subscription &subscription, const Change &change, const MessageSink &sink);
 
 } // namespace simulator

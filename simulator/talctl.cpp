@@ -101,12 +101,12 @@ private:
     {
         const bool read = m_client.read();
         while (const std::optional<Reply> reply = m_client.takeReceived())
-            tell(*reply);
+            report(*reply);
         std::fflush(stdout);
         return read;
     }
 
-    void tell(const Reply &reply)
+    void report(const Reply &reply)
     {
         ++m_answered;
         m_failed += reply.code != Reply::Done ? 1 : 0;
@@ -201,7 +201,7 @@ bool readOptions(const QStringList &arguments, Options &options, QString &error)
 }
 
 /// True if help or the version was requested and printed.
-bool tellsAbout(const Options &options)
+bool printedAbout(const Options &options)
 {
     if (options.version) {
         std::printf("talctl %s\n", KVSNMP_VERSION);
@@ -299,7 +299,7 @@ int main(int argc, char **argv)
     QString error;
     if (!readOptions(QCoreApplication::arguments(), options, error))
         return fail(Reply::Usage, error);
-    if (tellsAbout(options))
+    if (printedAbout(options))
         return Reply::Done;
     if (options.words.isEmpty())
         return fail(Reply::Usage, QStringLiteral("no command (talctl --help shows all)"));

@@ -18,7 +18,7 @@ TalServer::TalServer(QObject *parent, DataTree &tree, qint64 maxQueue)
     connect(&m_server, &QLocalServer::newConnection, this, &TalServer::onNewConnection);
     m_tree.setListener([this](const Change &change) {
         for (Session *session : m_sessions)
-            session->tell(change);
+            session->notify(change);
     });
 }
 

@@ -295,7 +295,7 @@ class Session:
                     if key.fd == asker_end:
                         selector.unregister(asker_end)
                         os.close(asker_end)
-                        self._tell_how_to_go_on(self._how_to_ask(answers=self.asker.wait() == 0))
+                        self._print_how_to_go_on(self._how_to_ask(answers=self.asker.wait() == 0))
                         continue
                     word = os.read(status_read, 4096).decode()
                     if not word:
@@ -326,7 +326,7 @@ class Session:
             return -1
         print(f"device {self.settings.name}: model {self.settings.model}, files in {self.claim.root}", flush=True)
         if self.settings.kvsnmp == "none" or not self.settings.simulator:
-            self._tell_how_to_go_on("")
+            self._print_how_to_go_on("")
             return -1
         ask = ["timeout", str(ANSWER_SECONDS), "sh", "-c", WAIT_FOR_VALUES, "sh", str(self.settings.snmp_port)]
         self.asker = subprocess.Popen(sandbox.enter_command(process, ask, own_network=not self.settings.port),
@@ -341,7 +341,7 @@ class Session:
         walk = f"snmpwalk -v2c -c public 127.0.0.1:{port}" if port else f"{inside} snmpwalk -v2c -c public 127.0.0.1"
         return f"  ask it:    {walk} .1.3.6.1.4.1.52717\n"
 
-    def _tell_how_to_go_on(self, how_to_ask: str) -> None:
+    def _print_how_to_go_on(self, how_to_ask: str) -> None:
         name = self.settings.name
         print(f"{how_to_ask}  change it: {COMMAND} exec --name {name} -- talctl --help\n"
               f"  end it:    Ctrl-C, or {COMMAND} stop --name {name}", flush=True)

@@ -67,7 +67,7 @@ class Device:
             self.selector.register(self.traps.stream, selectors.EVENT_READ, self._traps)
         if settings.kvsnmp != "none":
             self._start_kvsnmp()
-        self._tell("ready")
+        self._report("ready")
 
     def _spawn(self, name: str, command: list[str], stdout=None) -> None:
         log = open(f"/var/log/{name}.log", "ab")
@@ -196,7 +196,7 @@ class Device:
         for report in sorted(Path(SANITIZER_LOG).parent.glob(Path(SANITIZER_LOG).name + ".*")):
             say(report.read_text(errors="replace"))
 
-    def _tell(self, word: str) -> None:
+    def _report(self, word: str) -> None:
         os.write(self.status, f"{word}\n".encode())
 
 

@@ -7,11 +7,11 @@ import socket
 import subprocess
 import sys
 import time
-from pathlib import Path
 
 import pytest
 from support.device import CHECKOUT, MODEL_NUMBER, bin_dir, registry
 from support.polling import wait_until
+from support.process import is_gone
 
 SCRIPT = str(CHECKOUT / "scripts/device")
 
@@ -77,13 +77,6 @@ def free_port_pair() -> int:
                 return port
             except (OSError, OverflowError):
                 continue
-
-
-def is_gone(process: int) -> bool:
-    try:
-        return "State:\tZ" in Path(f"/proc/{process}/status").read_text()
-    except FileNotFoundError:
-        return True
 
 
 def test_devices_on_ports_of_the_host_answer_side_by_side_and_print_their_traps(typed):

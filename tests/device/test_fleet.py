@@ -17,6 +17,7 @@ from pathlib import Path
 import pytest
 from support.device import CHECKOUT, MODEL_NUMBER, bin_dir, registry, sandbox, settings
 from support.polling import wait_until
+from support.process import is_gone
 from devicelib import walk
 
 SCRIPT = str(CHECKOUT / "scripts/fleet")
@@ -156,13 +157,6 @@ def start_fleet(base, request) -> Iterator:
 
 def script(*arguments: str, timeout: float = 60.0, **options) -> subprocess.CompletedProcess:
     return subprocess.run([SCRIPT, *arguments], capture_output=True, text=True, timeout=timeout, check=False, **options)
-
-
-def is_gone(process: int) -> bool:
-    try:
-        return "State:\tZ" in Path(f"/proc/{process}/status").read_text()
-    except FileNotFoundError:
-        return True
 
 
 # A running fleet

@@ -48,7 +48,7 @@ struct Bench {
             subscriptions.push_back({"ref", path.toStdString(), *parsePath(path.toStdString(), error)});
         tree.setListener([this](const Change &change) {
             for (const Subscription &subscription : subscriptions)
-                tellChange(subscription, change, [this](const std::string &message) { messages += brief(message); });
+                notifyChange(subscription, change, [this](const std::string &message) { messages += brief(message); });
         });
     }
 
@@ -251,17 +251,17 @@ private Q_SLOTS:
     {
         const Bench bench;
         std::string messages;
-        const auto tell = [&](const char *ref, const char *pathText, const char *path) {
+        const auto notify = [&](const char *ref, const char *pathText, const char *path) {
             std::string error;
-            tellExisting({ref, pathText, *parsePath(path, error)}, bench.tree,
-                         [&](const std::string &message) { messages += Bench::brief(message).toStdString() + '\n'; });
+            notifyExisting({ref, pathText, *parsePath(path, error)}, bench.tree,
+                           [&](const std::string &message) { messages += Bench::brief(message).toStdString() + '\n'; });
         };
-        tell("ref", "", "/state/lines/line/lets/let/vcc");
-        tell("ref", "", "/state/none");
+        notify("ref", "", "/state/lines/line/lets/let/vcc");
+        notify("ref", "", "/state/none");
         QCOMPARE(text(messages), full("create LET1/vcc <vcc>10</vcc>\ncreate LET2/vcc <vcc>20</vcc>\n"
                                       "create CH2/lets/let[kid='1']/vcc <vcc>30</vcc>\n"));
         messages.clear();
-        tell("r<&>", "/state/config[x='<']", "/state/config/name");
+        notify("r<&>", "/state/config[x='<']", "/state/config/name");
         QCOMPARE(text(messages),
                  QString("<notify><ref>r&lt;&amp;&gt;</ref><op>create</op><rpath>/state/config/name</rpath>"
                          "<spath>/state/config[x='&lt;']</spath><data><name>one</name></data></notify>\n"));

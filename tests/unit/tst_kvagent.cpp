@@ -217,7 +217,7 @@ private Q_SLOTS:
     void settersRefillAtOnceButForPowerAndRelays()
     {
         const QStringList output = printedInOwnProcess([] {
-            static TableRecords records = recordfields::telling();
+            static TableRecords records = recordfields::distinct();
             startAgent(6420);
             setTalTableData(records);
         });
@@ -237,7 +237,7 @@ private Q_SLOTS:
     {
         const auto loadsOn = [](uint model) {
             return printedInOwnProcess([model] {
-                static TableRecords records = recordfields::telling();
+                static TableRecords records = recordfields::distinct();
                 startAgent(model);
                 printed([] { setTalTableData(records); });
                 for (const TableModule *table : tables)

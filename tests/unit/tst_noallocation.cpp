@@ -158,7 +158,7 @@ void serveAsModel(std::uint32_t model)
     std::printf("\n"); // standard output has its buffer from here on
     AllocationCount::reset();
     kaAgentStart(model, 1, "Orvane Brisel Compact - IP-QRM-B");
-    static TableRecords records = recordfields::telling();
+    static TableRecords records = recordfields::distinct();
     setTalTableData(records);
     static InfoData info{};
     std::fill_n(info.packageVersion.text, info.packageVersion.length = 100, 'v'); // for the library to allocate

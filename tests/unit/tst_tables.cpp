@@ -87,7 +87,7 @@ QStringList expectedWalk(uint model, bool expanders, const TableRecords *records
     return walk;
 }
 
-InfoData tellingInfo(uint model)
+InfoData distinctInfo(uint model)
 {
     InfoData info = {};
     fill(info.packageVersion, "packageVersion");
@@ -103,8 +103,8 @@ InfoData tellingInfo(uint model)
 QStringList answersOf(uint model, const char *text, const std::function<QStringList()> &questions)
 {
     return answeredInOwnProcess([&] {
-        static TableRecords records = recordfields::telling();
-        static InfoData info = tellingInfo(model);
+        static TableRecords records = recordfields::distinct();
+        static InfoData info = distinctInfo(model);
         kaAgentStart(model, startedAmpType, text);
         setTalTableData(records);
         kvAgent->infoData = &info;
@@ -144,7 +144,7 @@ private:
     static void everyObject(uint model, const Text &device)
     {
         const auto &[text, expanders] = device;
-        const TableRecords records = recordfields::telling();
+        const TableRecords records = recordfields::distinct();
         const QStringList expected = expectedWalk(model, expanders, &records);
         QStringList all;
         const QVector<int> repetitions = &device == &texts[2] ? QVector<int>{0} : QVector<int>{0, 1, 10, 25, 50};

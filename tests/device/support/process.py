@@ -1,13 +1,22 @@
-"""Memory, descriptors and processor time of a process inside a device."""
+"""Processes of devices: memory, descriptors and processor time."""
 from __future__ import annotations
 
 import subprocess
 from collections.abc import Sequence
+from pathlib import Path
 from typing import NamedTuple
 
 from devicelib import settings
 
 from .device import Device
+
+
+def is_gone(process: int) -> bool:
+    """By its number on the host; a zombie has ended, too."""
+    try:
+        return "State:\tZ" in Path(f"/proc/{process}/status").read_text()
+    except FileNotFoundError:
+        return True
 
 
 def lean_environment() -> dict[str, str]:

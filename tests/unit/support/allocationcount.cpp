@@ -1,5 +1,5 @@
-// Where the allocations are seen: the sanitizer tells of them, else the functions of the C library are called through
-// here. operator new ends in malloc either way.
+// Where the allocations are seen: the sanitizer reports them, otherwise this source replaces functions of the C
+// library. operator new ends in malloc either way.
 #include "support/allocationcount.h"
 
 #include <cstddef>

@@ -161,7 +161,7 @@ void recordfields::fill(TableRecords &records, std::uint32_t value)
             std::memcpy(place(records, field), &value, sizeof(value));
 }
 
-TableRecords recordfields::telling()
+TableRecords recordfields::distinct()
 {
     TableRecords records = {};
     std::uint32_t number = 1000;

@@ -14,8 +14,8 @@ QStringList changes(const TableRecords &before, const TableRecords &after);
 /// Gives each number the value; texts and change flags stay.
 void fill(TableRecords &records, std::uint32_t value);
 
-/// Gives each number a value of its own, each text its own name, and sets each change flag.
-TableRecords telling();
+/// Gives each number a different value, each text its name, and sets each change flag.
+TableRecords distinct();
 
 /// The field as changes() prints it. An unknown name ends the program.
 QString valueOf(const TableRecords &records, const QString &name);
