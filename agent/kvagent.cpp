@@ -112,11 +112,15 @@ void kaAgentStart(std::uint32_t modelNumber, std::uint8_t ampType, const char *m
     std::puts("FINISH kaAgentStart()");
 }
 
-int kaCheckAndProcess()
+int kaCheckAndProcess(int readable)
 {
     allowAttempt();
     flushOutput();
-    int result = agent_check_and_process(0);
+    int result = 1;
+    if (!serveReadable(readable)) {
+        result = agent_check_and_process(0);
+        serveTaken();
+    }
     if (flushOutput() && result == 0)
         result = 1;
     trapGate().endPass();
@@ -133,11 +137,6 @@ void kaDescriptors(std::vector<int> &descriptors)
 bool kaDescriptorsChanged()
 {
     return takeDescriptorsChanged();
-}
-
-bool kaAnsweredLast()
-{
-    return takeAnsweredLast();
 }
 
 void setMasterEnding(bool ending)

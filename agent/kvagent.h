@@ -44,9 +44,9 @@ extern KvAgent *kvAgent;
 /// Fills the record, registers the MIB modules of the model and connects to the master agent. Call once.
 void kaAgentStart(std::uint32_t modelNumber, std::uint8_t ampType, const char *modelText);
 
-/// One non-blocking pass of the agent library. Returns above 0 if it handled something, 0 for nothing to do, below 0
-/// for an error. Ends a pass of trapGate().
-int kaCheckAndProcess();
+/// One non-blocking pass of the agent library, or only the descriptor that is known to be `readable`: that takes less
+/// time. Returns above 0 if it handled something, 0 for nothing to do, below 0 for an error. Ends a pass of trapGate().
+int kaCheckAndProcess(int readable = -1);
 
 /// Replaces the content by all descriptors that the library currently waits for, ascending: its connection to the
 /// master and its internal pipes. Empty before the start of the agent.
@@ -54,10 +54,6 @@ void kaDescriptors(std::vector<int> &descriptors);
 
 /// True if the descriptors may have changed since the last call. Ask after every pass.
 bool kaDescriptorsChanged();
-
-/// True if a request of the master was answered since the last call and no other one is open: another pass would find
-/// nothing.
-bool kaAnsweredLast();
 
 /// Call with `true` after the order to stop snmpd, with `false` after the next start. Traps wait in between.
 void setMasterEnding(bool ending);

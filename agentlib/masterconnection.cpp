@@ -4,12 +4,14 @@
 #include "agentlib/netsnmp.h"
 #include "device/boundedtext.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <utility>
 
+#include <fcntl.h>
 #include <net-snmp/library/snmpUnixDomain.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -23,6 +25,16 @@ bool attemptAllowed = true;
 bool descriptorsChanged = true; // a connection was opened or closed
 std::string output;             // what the master has not taken yet
 int outputSocket = -1;
+std::vector<int> pipes;
+
+/// What is left of the library's descriptors are the pipes. Reading an empty one must not wait.
+void findPipes(int masterSocket)
+{
+    awaitedDescriptors(pipes);
+    std::erase(pipes, masterSocket);
+    for (const int pipe : pipes)
+        fcntl(pipe, F_SETFL, fcntl(pipe, F_GETFL) | O_NONBLOCK);
+}
 
 int receive(netsnmp_transport *transport, void *buffer, int size, void **, int *)
 {
@@ -30,6 +42,10 @@ int receive(netsnmp_transport *transport, void *buffer, int size, void **, int *
     do
         received = recv(transport->sock, buffer, static_cast<std::size_t>(size), MSG_DONTWAIT);
     while (received < 0 && errno == EINTR);
+    if (received < 0 && errno == EAGAIN) { // not the end of the stream
+        transport->flags |= NETSNMP_TRANSPORT_FLAG_EMPTY_PKT;
+        return 0;
+    }
     return static_cast<int>(received);
 }
 
@@ -54,10 +70,11 @@ int send(netsnmp_transport *transport, const void *message, int size, void **, i
     return size;
 }
 
-void queueOutput(netsnmp_transport &transport)
+void neverWait(netsnmp_transport &transport)
 {
     output.clear();
     outputSocket = transport.sock;
+    transport.f_recv = receive;
     transport.f_send = send;
 }
 
@@ -94,7 +111,6 @@ netsnmp_transport *connectToMaster(netsnmp_tdomain_spec *)
     transport->domain_length = OID_LENGTH(unixDomain);
     transport->flags = NETSNMP_TRANSPORT_FLAG_STREAM;
     transport->msgMaxSize = SNMP_MAX_PACKET_LEN;
-    transport->f_recv = receive;
     transport->f_close = close;
     transport->sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (transport->sock < 0 ||
@@ -106,7 +122,7 @@ netsnmp_transport *connectToMaster(netsnmp_tdomain_spec *)
         return nobodyListens ? netsnmp_tdomain_transport(netsnmp_lookup_default_target(application, "tcp"), 0, "tcp")
                              : nullptr;
     }
-    queueOutput(*transport);
+    neverWait(*transport);
     return transport;
 }
 
@@ -135,7 +151,8 @@ void masterSessionOpened(netsnmp_transport *transport)
 {
     descriptorsChanged = true;
     if (transport != nullptr)
-        queueOutput(*transport);
+        neverWait(*transport);
+    findPipes(transport != nullptr ? transport->sock : -1);
     static unsigned next = 1; // the first alarm that was not looked at
     const unsigned newest = snmp_alarm_register(1, SA_REPEAT, neverCalled, nullptr);
     for (; next <= newest; ++next) {
@@ -151,6 +168,17 @@ void masterSessionLost()
     discardOutput();
     descriptorsChanged = true;
     attemptAllowed = false;
+    pipes.clear();
+}
+
+bool neverWaits(int descriptor)
+{
+    return descriptor >= 0 && (descriptor == outputSocket || std::ranges::find(pipes, descriptor) != pipes.end());
+}
+
+std::span<const int> internalPipes()
+{
+    return pipes;
 }
 
 std::size_t queuedOutput()

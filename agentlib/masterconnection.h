@@ -4,6 +4,7 @@
 #include "agentlib/netsnmp.h"
 
 #include <cstddef>
+#include <span>
 #include <vector>
 
 /// Limits the time of each attempt to connect to the default address: it fails if the master's connection queue is
@@ -36,3 +37,9 @@ bool takeDescriptorsChanged();
 /// Replaces the content by all descriptors that the library currently waits for, ascending: the connection and its
 /// internal pipes. Call after init_agent().
 void awaitedDescriptors(std::vector<int> &descriptors);
+
+/// The read ends of the pipes through which the library passes requests and answers to itself. Empty without a session.
+std::span<const int> internalPipes();
+
+/// True for the connection and the internal pipes while a session is open: the library may read them at any time.
+bool neverWaits(int descriptor);

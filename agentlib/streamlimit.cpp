@@ -23,6 +23,8 @@ constexpr u_char notify = 12;
 constexpr u_char response = 18;
 constexpr u_char networkByteOrder = 0x10;
 
+constexpr int roundsAtOnce = 16; // before other work gets a turn
+
 constexpr bool isRequest(u_char type)
 {
     return type >= firstRequest && type <= lastRequest;
@@ -52,7 +54,6 @@ struct Connection {
     int unanswered;     // questions in a row
     std::size_t taken;  // bytes since the library was last idle
     std::size_t open;   // requests without an answer
-    bool answeredLast;  // nothing was open after the last answer
     netsnmp_session *session;
 };
 Connection connection = {};
@@ -121,25 +122,35 @@ std::size_t withoutRefused(netsnmp_transport *transport, u_char *data, std::size
 }
 
 /// Whether requests are pending in the library, which passes each to itself through pipes.
-bool hasPendingRequests(int masterSocket)
+bool hasPendingRequests()
 {
-    static std::vector<int> descriptors;
     static std::vector<pollfd> polled;
-    awaitedDescriptors(descriptors);
     polled.clear();
-    for (const int descriptor : descriptors) {
-        if (descriptor != masterSocket)
-            polled.push_back({.fd = descriptor, .events = POLLIN, .revents = 0});
-    }
+    for (const int pipe : internalPipes())
+        polled.push_back({.fd = pipe, .events = POLLIN, .revents = 0});
     return poll(polled.data(), polled.size(), 0) > 0;
 }
 
+/// Lets the library read one descriptor. False if it was an empty pipe.
+bool readFrom(int descriptor)
+{
+    static netsnmp_large_fd_set set = [] {
+        netsnmp_large_fd_set empty;
+        netsnmp_large_fd_set_init(&empty, FD_SETSIZE);
+        return empty;
+    }();
+    NETSNMP_LARGE_FD_ZERO(&set);
+    NETSNMP_LARGE_FD_SET(descriptor, &set);
+    snmp_read2(&set); // removes a pipe that held a message
+    return netsnmp_large_fd_is_set(descriptor, &set) == 0;
+}
+
 /// The library takes one pending request in a pass, but reads new ones in each. Unread ones make the master wait.
-bool mustWait(int masterSocket)
+bool mustWait()
 {
     if (connection.taken < mostPending)
         return false;
-    const bool pending = hasPendingRequests(masterSocket);
+    const bool pending = hasPendingRequests();
     if (!pending)
         connection.taken = 0;
     return pending;
@@ -149,7 +160,7 @@ int receiveLimited(netsnmp_transport *transport, void *buffer, int size, void **
 {
     auto *const data = static_cast<u_char *>(buffer);
     flushOutput(); // the library also reads while it waits for an answer
-    if (mustWait(transport->sock)) {
+    if (mustWait()) {
         transport->flags |= NETSNMP_TRANSPORT_FLAG_EMPTY_PKT; // not the end of the stream
         return 0;
     }
@@ -179,7 +190,7 @@ int sendLimited(netsnmp_transport *transport, const void *message, int size, voi
         return -1;
     }
     if (type == response && connection.open > 0)
-        connection.answeredLast = --connection.open == 0;
+        --connection.open;
     if (size <= static_cast<int>(longestMessage) || type != response)
         return connection.send(transport, message, size, opaque, opaqueLength);
     sendRefusal(transport, data);
@@ -187,9 +198,24 @@ int sendLimited(netsnmp_transport *transport, const void *message, int size, voi
 }
 } // namespace
 
-bool takeAnsweredLast()
+bool serveReadable(int descriptor)
 {
-    return std::exchange(connection.answeredLast, false) && connection.open == 0;
+    if (!neverWaits(descriptor))
+        return false;
+    readFrom(descriptor);
+    serveTaken();
+    return true;
+}
+
+void serveTaken()
+{
+    bool found = true;
+    for (int round = 0; round < roundsAtOnce && found && connection.open > 0; ++round) {
+        found = false;
+        // In the order of their creation: first that of the requests. A request may end the session.
+        for (std::size_t at = 0; connection.open > 0 && at < internalPipes().size(); ++at)
+            found = readFrom(internalPipes()[at]) || found;
+    }
 }
 
 void limitStream(netsnmp_transport &transport, netsnmp_session *session)

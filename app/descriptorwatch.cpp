@@ -23,7 +23,7 @@ void DescriptorWatch::watch(std::span<const int> descriptors)
         QSocketNotifier *&notifier = m_notifiers[descriptor];
         if (notifier == nullptr) {
             notifier = new QSocketNotifier(descriptor, QSocketNotifier::Read, this);
-            connect(notifier, SIGNAL(activated(int)), this, SIGNAL(readable()));
+            connect(notifier, SIGNAL(activated(int)), this, SIGNAL(readable(int)));
         }
         // Qt disables a notifier whose descriptor is closed; the number may be in use again.
         notifier->setEnabled(true);

@@ -21,7 +21,7 @@ public:
     void watch(std::span<const int> descriptors);
 
 Q_SIGNALS:
-    void readable();
+    void readable(int descriptor);
 
 private:
     std::map<int, QSocketNotifier *> m_notifiers; ///< children of this object

@@ -30,7 +30,6 @@ constexpr int watchdogIntervalMs = 5000;
 constexpr int idlePollMs = 100;
 constexpr int busyPollMs = 5;
 constexpr int idlePassesUntilSlow = 21;
-constexpr int passesAtOnce = 16; // for traffic, before other work gets a turn
 
 enum SignalSocket { writtenByHandler, readByNotifier };
 int signalSockets[2] = {-1, -1};
@@ -222,7 +221,7 @@ void KvSnmp::handSystemNameToAgent() const
 
 void KvSnmp::processSnmpTimeout()
 {
-    if (kaCheckAndProcess() > 0) {
+    if (kaCheckAndProcess(m_readable) > 0) {
         idlePasses = 0;
         pollEvery(busyPollMs);
     } else {
@@ -242,14 +241,11 @@ void KvSnmp::pollEvery(int intervalMs)
         m_processTimer.setInterval(intervalMs);
 }
 
-void KvSnmp::serveReadable()
+void KvSnmp::serveReadable(int descriptor)
 {
-    // The library passes requests and answers to itself through pipes, so one request takes several passes.
-    for (int pass = 0; pass < passesAtOnce; ++pass) {
-        processSnmpTimeout();
-        if (idlePasses > 0 || kaAnsweredLast())
-            break;
-    }
+    m_readable = descriptor;
+    processSnmpTimeout();
+    m_readable = -1;
 }
 
 void KvSnmp::flushOutput()

@@ -70,7 +70,7 @@ private:
     void startWatchdog();
     void handSystemNameToAgent() const;
     void pollEvery(int intervalMs);
-    void serveReadable();
+    void serveReadable(int descriptor);
     void flushOutput();
     void watchAgent();
 
@@ -85,6 +85,7 @@ private:
     QTimer m_processTimer{this};
     DescriptorWatch m_agentWatch{this}; ///< the descriptors of the agent library
     std::vector<int> m_agentDescriptors;
+    int m_readable = -1; ///< one of them while processSnmpTimeout() serves only this one
     bool m_talReady = false;
     bool m_agentStarted = false;
     Identity m_identity;

@@ -15,7 +15,7 @@ private Q_SLOTS:
     {
         m_log.reset(new MessageLog);
         m_watch.reset(new DescriptorWatch);
-        m_readable.reset(new QSignalSpy(m_watch.get(), SIGNAL(readable())));
+        m_readable.reset(new QSignalSpy(m_watch.get(), SIGNAL(readable(int))));
     }
 
     void cleanup()
