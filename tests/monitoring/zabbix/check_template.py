@@ -17,7 +17,9 @@ from support.mib import mib
 from support.polling import wait_until
 from support.snmp import COMMUNITY, NUMERIC, TABLES, parse
 from support.traps import E, Faults
-from test_discover import PORT, Agents, discover, load_program
+from agents import PORT, Agents
+from prometheus_files import loaded
+from test_discover import PROGRAM, discover
 
 TEMPLATE = (CHECKOUT / "monitoring/zabbix/kvsnmp-template.yaml").read_text()
 EXPORTED = yaml.safe_load(TEMPLATE)["zabbix_export"]["templates"][0]
@@ -325,7 +327,7 @@ def test_hosts_of_the_discovery_are_imported(bench):
 
 def test_hosts_with_version_3_are_imported(bench):
     """With every algorithm; without the template, whose items take the server seconds a host."""
-    program, hosts = load_program(), []
+    program, hosts = loaded(PROGRAM), []
     algorithms = [("MD5", "DES"), ("SHA", "AES"), ("SHA-224", "AES-192"), ("SHA-256", "AES-256"), ("SHA-384", "AES"),
                   ("SHA-512", "AES")]
     for number, (authentication, privacy) in enumerate(algorithms, 101):
