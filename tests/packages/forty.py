@@ -18,13 +18,8 @@ ROOMS = ["platform", "hall", "foyer", "stairs", "tunnel", "kitchen", "gate", "of
 MODELS = {f"10.1.0.{number}": model for number, model in zip(
     range(11, 51), [*(AMPLIFIERS * 4), *itertools.islice(itertools.cycle(OTHERS), 20)])}
 NAMES = dict(zip(MODELS, (f"{room}-{floor}" for floor in itertools.count(1) for room in ROOMS)))
-# Object below the private MIB's .3 to another value.
-FAULTS = {
-    "10.1.0.16": {"7.3.1.4.1": "3"},  # the loudspeaker line of channel 1 is shorted
-    "10.1.0.23": {"3.2.1.3.1": "0"},  # the left fan stands still
-    "10.1.0.29": {"4.2.1.3.3": "2810"},  # 3.3 V is low
-}
-HEALTHY = {"6410": {"6.1.1.2.1": "2"}}  # of the golden walks, whose first line input has no pilot tone
+FAULTS = {"10.1.0.16": {"ampChannelLineState.1": "3"}, "10.1.0.23": {"fanSpeed.1": "0"}, "10.1.0.29": {"voltageValue.3": "2810"}}
+HEALTHY = {"6410": {"lineInStatus.1": "2"}}  # of the golden walks, whose first line input has no pilot tone
 
 
 if __name__ == "__main__":

@@ -12,6 +12,8 @@ import walks  # the path is set by those who import this
 
 from . import ber
 from .ber import Oid
+from .catalogue import COLUMN_OIDS, SCALAR_OIDS
+from .snmp import PRIVATE_MIB
 
 Answer = Callable[[ber.Answer, bytes], list[bytes]]  # of a request as read and as sent
 
@@ -24,8 +26,8 @@ LARGEST = 1400  # bytes of an answer
 
 class WalkAgent:
     def __init__(self, walk: str, name: str, changed: dict[str, str] | None = None) -> None:
-        self.values = {ber.numbers(item.oid): KINDS[item.type](item.value) for item in walks.read(walk)}
-        self.types = {ber.numbers(item.oid): item.type for item in walks.read(walk)}
+        self.items = {item.oid: item for item in walks.read(walk)}
+        self.values = {ber.numbers(item.oid): KINDS[item.type](item.value) for item in self.items.values()}
         self.change(changed or {})
         for number, text in {1: "Linux", 4: "operations@example.com", 5: name, 6: "Equipment room 1"}.items():
             self.values[1, 3, 6, 1, 2, 1, 1, number, 0] = ber.field(ber.OCTETS, text.encode())
@@ -34,10 +36,12 @@ class WalkAgent:
         self.order = sorted(self.values)
 
     def change(self, changed: dict[str, str]) -> None:
-        """Objects below the private MIB's .3 to other values."""
-        for arc, text in changed.items():
-            oid = ber.numbers(f"{walks.BASE}.{arc}")
-            self.values[oid] = KINDS[self.types[oid]](text)
+        """Objects, e.g. fanSpeed.1, to other values."""
+        for name, text in changed.items():
+            column, _, row = name.partition(".")
+            oid = (f"{COLUMN_OIDS[column]}.{row}" if row else SCALAR_OIDS[column]).removeprefix(".")
+            self.items[oid] = self.items[oid]._replace(value=text)
+            self.values[ber.numbers(oid)] = KINDS[self.items[oid].type](text)
 
     def answer(self, asked: ber.Answer, _: bytes = b"") -> list[bytes]:
         if asked.community != b"public":
@@ -108,3 +112,11 @@ class Agents(threading.Thread):
     def stop(self) -> None:
         self.running = False
         self.join()
+
+
+def trap_command(sender: str, receiver: str, arc: int, *, name: str = "pa-device", level: int = 2, text: str) -> list[str]:
+    """snmptrap with a device's notification."""
+    base = f"{PRIVATE_MIB}.2.4"
+    return ["snmptrap", "-v2c", "-c", "public", f"--clientAddr={sender}", receiver, "0", f"{PRIVATE_MIB}.2.8.{arc}",
+            f"{base}.1.0", "s", "Orvane IPKiosk", f"{base}.2.0", "s", "device", ".1.3.6.1.2.1.1.5", "s", name,
+            f"{base}.3.0", "i", str(level), f"{base}.4.0", "s", "Sat Jun  1 10.02.03 2024\n", f"{base}.5.0", "s", text]

@@ -27,9 +27,8 @@ CHECKS = FOLDER.parent / "checks"
 LIBRARIES = f"/usr/lib/{sysconfig.get_config_var('MULTIARCH')}"
 # Nothing listens at the silent one; the warm one is the healthy one with other limits.
 HOSTS = {"healthy": "127.0.60.1", "broken": "127.0.60.2", "silent": "127.0.60.3", "warm": "127.0.60.1"}
-HEALTHY = {"6.1.1.2.1": "2"}  # the golden walk's first line input has no pilot tone
-FAULTS = {"4.2.1.3.3": "3700", "2.2.1.4.1": "701", "7.3.1.4.1": "4"}  # a voltage, a temperature, a loudspeaker line
-REPAIRS = {"4.2.1.3.3": "3312", "2.2.1.4.1": "524", "7.3.1.4.1": "2"}
+FAULTS = {"voltageValue.3": "3700", "tempCurrent.1": "701", "ampChannelLineState.1": "4"}
+REPAIRS = {"voltageValue.3": "3312", "tempCurrent.1": "524", "ampChannelLineState.1": "2"}
 OK, WARNING, CRITICAL = "0", "1", "2"
 CREDENTIALS = "defVersion 2c\ndefCommunity public\n"
 
@@ -143,8 +142,8 @@ class Icinga2(Monitor):
 
 @pytest.fixture(scope="module")
 def broken() -> Iterator[WalkAgent]:
-    broken = WalkAgent("6420", "broken", HEALTHY | FAULTS)
-    agents = Agents({(HOSTS["healthy"], PORT): WalkAgent("6420", "healthy", HEALTHY).answer,
+    broken = WalkAgent("6420", "broken", FAULTS)
+    agents = Agents({(HOSTS["healthy"], PORT): WalkAgent("6420", "healthy").answer,
                      (HOSTS["broken"], PORT): broken.answer})
     agents.start()
     yield broken
