@@ -25,7 +25,7 @@ class Network:
         self.enter("ip", "route", "add", "local", NETWORK, "dev", "lo", "table", "local")
         self.devices = subprocess.Popen(
             self.entering("/usr/bin/python3", str(Path(__file__).with_name("forty.py"))), stdin=subprocess.DEVNULL)
-        wait_until(self._answers, 60, "an answer of the last device")
+        wait_until(self._answers, 60, what="an answer of the last device")
 
     def _answers(self) -> bool:
         address, model = list(MODELS.items())[-1]
