@@ -1,7 +1,6 @@
 """monitoring/checks/check_kvsnmp: ranges, the judgement of each model, its output, and its handling of snmpbulkwalk."""
 from __future__ import annotations
 
-import importlib.util
 import json
 import os
 import re
@@ -9,31 +8,15 @@ import stat
 import subprocess
 import sys
 import time
-from importlib.machinery import SourceFileLoader
 from pathlib import Path
-from types import ModuleType
 
 import pytest
 import yaml
+from prometheus_files import CHECKOUT, alerts, loaded, walks
+from mib import Mib  # the path is set by the one above
 
-CHECKOUT = Path(__file__).resolve().parents[2]
 PLUGIN = CHECKOUT / "monitoring/checks/check_kvsnmp"
-sys.path.insert(0, str(CHECKOUT / "monitoring"))
-sys.dont_write_bytecode = True
-
-import walks  # noqa: E402  (the path has to be set first)
-from mib import Mib  # noqa: E402
-
-
-def load() -> ModuleType:
-    loader = SourceFileLoader("check_kvsnmp", str(PLUGIN))
-    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("check_kvsnmp", loader))
-    sys.modules["check_kvsnmp"] = module
-    loader.exec_module(module)
-    return module
-
-
-plugin = load()
+plugin = loaded(PLUGIN)
 OK, WARNING, CRITICAL, UNKNOWN = range(4)
 FACTS = json.loads(PLUGIN.with_name("check_kvsnmp.json").read_text())
 RULES = {rule["name"]: rule for rule in FACTS["rules"]}
@@ -259,12 +242,10 @@ def test_limits_of_the_command_line():
 
 
 def test_alerts_and_triggers_have_the_same_limits():
-    rules = (CHECKOUT / "monitoring/prometheus/kvsnmp.rules.yml").read_text()
-    alerts = {rule["alert"]: " ".join(rule["expr"].split()) for group in yaml.safe_load(rules)["groups"]
-              for rule in group["rules"] if "alert" in rule}
+    expressions = {name: " ".join(rule["expr"].split()) for name, rule in alerts().items()}
     temperature, voltage = ([limit.high for limit in LIMITS[kind]] for kind in ("temperature", "voltage"))
-    assert re.findall(r"[<>]=? ([\d.]+)", alerts["KvsnmpTempHigh"]) == [f"{end:g}" for end in temperature]
-    assert re.findall(r"[<>]=? ([\d.]+)", alerts["KvsnmpVoltageDrift"]) == [f"{end / 100:g}" for end in voltage]
+    assert re.findall(r"[<>]=? ([\d.]+)", expressions["KvsnmpTempHigh"]) == [f"{end:g}" for end in temperature]
+    assert re.findall(r"[<>]=? ([\d.]+)", expressions["KvsnmpVoltageDrift"]) == [f"{end / 100:g}" for end in voltage]
     template = yaml.safe_load((CHECKOUT / "monitoring/zabbix/kvsnmp-template.yaml").read_text())
     macros = {macro["macro"]: macro["value"] for macro in template["zabbix_export"]["templates"][0]["macros"]}
     assert [macros[f"{{$KV.TEMP.{level}}}"] for level in ("WARN", "CRIT")] == [f"{end:g}" for end in temperature]
@@ -273,11 +254,11 @@ def test_alerts_and_triggers_have_the_same_limits():
 
 def test_alerts_have_the_same_states_and_severities():
     """They have no alert for what has not been reported, except of channels and relays."""
-    rules = (CHECKOUT / "monitoring/prometheus/kvsnmp.rules.yml").read_text()
     alerted: dict[str, set[tuple[str, str]]] = {}
-    for alert, severity in re.findall(r"- alert: \w+\n(.*?)severity: (\w+)", rules, re.DOTALL):
-        for name, words in re.findall(r'object=~?"([^"]+)", state=~?"([^"]+)"', alert)[:1]:
-            alerted.setdefault(name.replace("[12]", "1"), set()).update((word, severity) for word in words.split("|"))
+    for rule in alerts().values():
+        for name, words in re.findall(r'object=~?"([^"]+)", state=~?"([^"]+)"', rule["expr"])[:1]:
+            alerted.setdefault(name.replace("[12]", "1"), set()).update(
+                (word, rule["labels"]["severity"]) for word in words.split("|"))
     names = {f".{item.oid}.": item.name for item in Mib.read().readable}
     listed = {names[rule["column"]]: {(word, level) for level in ("warning", "critical") for word in rule[level]} for rule in FACTS["rules"]
               if "words" in rule and names[rule["column"]] != "letChannel2Status"}
