@@ -22,7 +22,6 @@ sys.path[:0] = [str(FOLDER.parent), str(FOLDER.parent / "checks"), str(CHECKOUT 
 sys.dont_write_bytecode = True
 
 import walks  # noqa: E402, F401  (the path has to be set first)
-from support.catalogue import TABLES  # noqa: E402, F401
 
 BEFORE, SINCE = FOLDER / "snmp-before-0.23.yml", FOLDER / "snmp-from-0.23.yml"
 RULES = FOLDER / "kvsnmp.rules.yml"

@@ -7,7 +7,7 @@ from typing import NamedTuple
 import pytest
 from prometheus_files import FOLDER, alerts, evaluate, promtool, states, walks
 from series import expected_series
-from support.snmp import Variable
+from support.walkagent import WalkAgent
 
 DEVICE = {"job": "kvsnmp", "instance": "hall"}
 VOLTAGE_DESCRIPTION = f"{walks.BASE}.4.2.1.2."
@@ -217,7 +217,7 @@ def test_no_alert_on_a_healthy_device(tmp_path):
     assert all(int(rule["for"].removesuffix("m")) < LAST for rule in alerts().values())
     tests = []
     for name in walks.NAMES:
-        found = expected_series([Variable(f".{item.oid}", item.type, item.value) for item in walks.read(name)])
+        found = expected_series(WalkAgent(name, "").variables)
         found |= {("up", frozenset()): 1, ("kvsnmp_sys_up_time_centiseconds", frozenset()): 100}
         tests.append({"name": name, "interval": "1m", "alert_rule_test": [
             {"eval_time": f"{LAST}m", "alertname": alert, "exp_alerts": []} for alert in alerts()

@@ -13,7 +13,7 @@ import walks  # the path is set by those who import this
 from . import ber
 from .ber import Oid
 from .catalogue import COLUMN_OIDS, SCALAR_OIDS
-from .snmp import PRIVATE_MIB
+from .snmp import PRIVATE_MIB, Variable
 
 Answer = Callable[[ber.Answer, bytes], list[bytes]]  # of a request as read and as sent
 
@@ -26,7 +26,8 @@ LARGEST = 1400  # bytes of an answer
 
 class WalkAgent:
     def __init__(self, walk: str, name: str, changed: dict[str, str] | None = None) -> None:
-        self.items = {item.oid: item for item in walks.read(walk)}
+        """Without a walk it is a snmpd alone."""
+        self.items = {item.oid: item for item in walks.read(walk)} if walk else {}
         self.values = {ber.numbers(item.oid): KINDS[item.type](item.value) for item in self.items.values()}
         self.change(changed or {})
         for number, text in {1: "Linux", 4: "operations@example.com", 5: name, 6: "Equipment room 1"}.items():
@@ -35,13 +36,20 @@ class WalkAgent:
         self.values |= dict.fromkeys(UP_TIMES, b"")
         self.order = sorted(self.values)
 
-    def change(self, changed: dict[str, str]) -> None:
-        """Objects, e.g. fanSpeed.1, to other values."""
+    @property
+    def variables(self) -> list[Variable]:
+        return [Variable(f".{item.oid}", item.type, item.value) for item in self.items.values()]
+
+    def change(self, changed: dict[str, str]) -> dict[str, str]:
+        """Objects, e.g. fanSpeed.1, to other values. Returns the former ones."""
+        former = {}
         for name, text in changed.items():
             column, _, row = name.partition(".")
             oid = (f"{COLUMN_OIDS[column]}.{row}" if row else SCALAR_OIDS[column]).removeprefix(".")
+            former[name] = self.items[oid].value
             self.items[oid] = self.items[oid]._replace(value=text)
             self.values[ber.numbers(oid)] = KINDS[self.items[oid].type](text)
+        return former
 
     def answer(self, asked: ber.Answer, _: bytes = b"") -> list[bytes]:
         if asked.community != b"public":
@@ -79,6 +87,10 @@ class WalkAgent:
         return bindings
 
 
+def silent(*_) -> list[bytes]:
+    return []
+
+
 class Agents(threading.Thread):
     """Answers at loopback addresses and ports until `stop`."""
 
@@ -112,6 +124,8 @@ class Agents(threading.Thread):
     def stop(self) -> None:
         self.running = False
         self.join()
+        for one in self.sockets.values():
+            one.close()
 
 
 def trap_command(sender: str, receiver: str, arc: int, *, name: str = "pa-device", level: int = 2, text: str) -> list[str]:
