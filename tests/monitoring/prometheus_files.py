@@ -18,7 +18,7 @@ import yaml
 
 CHECKOUT = Path(__file__).resolve().parents[2]
 FOLDER = CHECKOUT / "monitoring/prometheus"
-sys.path[:0] = [str(FOLDER.parent), str(FOLDER.parent / "checks"), str(CHECKOUT / "tests/device")]
+sys.path[:0] = [str(FOLDER.parent), str(FOLDER.parent / "checks"), str(CHECKOUT / "tests/device"), str(FOLDER)]
 sys.dont_write_bytecode = True
 
 import walks  # noqa: E402, F401  (the path has to be set first)

@@ -4,17 +4,12 @@ from __future__ import annotations
 
 import json
 import re
-import sys
 
 import pytest
-from prometheus_files import (FLEET, FOLDER, ONE_DEVICE, evaluate, modules, names_in, panel_queries, panels, promtool,
+from prometheus_files import (FLEET, ONE_DEVICE, evaluate, modules, names_in, panel_queries, panels, promtool,
                               queries, states)
+from limits import CHECKS, SETTINGS  # the path is set by the one above
 from test_prometheus_rules import series, state
-
-sys.path.insert(0, str(FOLDER.parent / "checks"))
-sys.dont_write_bytecode = True
-
-from limits import CHECKS, SETTINGS  # noqa: E402  (the path has to be set first)
 
 BOTH = pytest.mark.parametrize("file", [FLEET, ONE_DEVICE], ids=lambda file: file.stem)
 TIMELINES = [panel for panel in panels(ONE_DEVICE) if panel["type"] == "state-timeline"]

@@ -11,6 +11,7 @@ from prometheus_files import (ALERTMANAGER, ALERTS_MD, BEFORE, CHECKOUT, DEVICES
                               alerts, amtool, groups, modules, names_in, panel_queries, program, rules, run,
                               scraped_names, states)
 from mib import BASE_MODULES, MIB_FILE, Mib  # the path is set by the one above
+from runbook import SECTIONS
 
 MODULE_KEYS = {"walk", "get", "metrics", "max_repetitions", "retries", "timeout"}
 
@@ -126,60 +127,39 @@ def test_every_alert_says_what_and_what_to_do():
     assert "alerts.md" in installed[1].split()
 
 
-# docs/alerts.md
-
-
-def sections() -> dict[str, str]:
-    return dict(re.findall(r"^## (\w+)\n\n(.*?)(?=^## |\Z)", ALERTS_MD.read_text(), re.MULTILINE | re.DOTALL))
-
-
-def test_every_alert_has_its_section():
-    assert list(sections()) == list(alerts())
-    for name, text in sections().items():
-        rule, words = alerts()[name], " ".join(text.split())
-        first = f"**{rule['labels']['severity'].capitalize()}**, after {rule['for'].replace('m', ' min')}: "
-        assert re.fullmatch(re.escape(first) + r".+\. - \*\*On the device\*\*: .+\. - \*\*Its end shows in\*\* .+\. "
-                            r"- \*\*Trap\*\*: .+\.", words), words
-    table = re.findall(r"^\| \[`(\w+)`\]\(#(\w+)\) \| (\w+) \| (\d+) min \|$", ALERTS_MD.read_text(), re.MULTILINE)
-    assert table == [(name, name.lower(), rule["labels"]["severity"], rule["for"].rstrip("m")) for name, rule in alerts().items()]
+# docs/alerts.md, which is made of the rules and the sections of runbook.py
 
 
 def test_the_end_shows_in_an_object_that_the_alert_watches():
     mib = Mib.read()
     recorded = {rule["record"]: rule["expr"] for rule in rules() if "record" in rule and rule["record"] != "kvsnmp:state"}
-    for name, text in sections().items():
-        ends = re.findall(r"`(\w+)`", re.search(r"\*\*Its end shows in\*\* ([^:]+):", text)[1])
-        if ends == ["sysUpTime"]:
+    assert set(SECTIONS) == set(alerts())
+    for name, section in SECTIONS.items():
+        if section.ends == ["sysUpTime"]:
             continue
         query = alerts()[name]["expr"]
         for record, expression in reversed(list(recorded.items())):
             query = query.replace(record, expression)
         patterns = re.findall(r'object=~?"([^"]+)"', query)
-        for end in ends:
-            words = mib.objects[end].enumeration
+        for end in section.ends:
             snake = re.sub(r"(?<=[a-z0-9])(?=[A-Z])", "_", end).lower()
             assert f"kvsnmp_{snake}" in query or any(re.fullmatch(pattern, end) for pattern in patterns), (name, end)
-            assert words or "(" not in text.split("Its end shows in")[1].split("- **Trap")[0], (name, end)
-        for word, code in re.findall(r"(\w+)\((\d+)\)", text):
-            assert word in [mib.objects[end].enumeration.get(int(code)) for end in ends], (name, word)
+            assert mib.objects[end].enumeration or "(" not in section.end, (name, end)
+        for word, code in re.findall(r"(\w+)\((\d+)\)", f"{section.fires} {section.look} {section.end}"):
+            assert word in [mib.objects[end].enumeration.get(int(code)) for end in section.ends], (name, word)
 
 
 def test_traps_of_the_alerts():
-    """A trap's end shows in an object of its alerts, as docs/traps.md says."""
+    """A trap's end shows in an object of its alerts, as docs/traps.md says; without an alert no object shows it."""
     rows = re.findall(r"^\| \d+ \| `(\w+)` \| ([^|]+) \| [^|]+ \| ([^|]+) \|", (CHECKOUT / "docs/traps.md").read_text(),
                       re.MULTILINE)
     ends = {trap: set(re.findall(r"`([a-z]\w*)", cell.replace("ChannelN", "Channel1"))) for trap, _, cell in rows}
-    titles = {trap: title for trap, title, _ in rows}
-    assert len(rows) == 20
-    alerted = set()
-    for name, text in sections().items():
-        shown = set(re.findall(r"`(\w+)`", re.search(r"\*\*Its end shows in\*\* ([^:]+):", text)[1]))
-        for trap, title in re.findall(r"`(\w+)` \(([^)]+)\)", " ".join(text.split("- **Trap**: ")[1].split())):
-            assert titles[trap] == title and ends[trap] & shown, (name, trap)
-            alerted.add(trap)
-    silent = re.search(r"\*\*No alert comes with\*\* the traps ([^:]+):", ALERTS_MD.read_text())[1]
-    assert set(re.findall(r"`(\w+)`", silent)) == set(titles) - alerted
-    assert not any(ends[trap] for trap in set(titles) - alerted)
+    assert len(rows) == 20 and {trap: title for trap, title, _ in rows} == {
+        name: notification.title for name, notification in Mib.read().notifications.items()}
+    for name, section in SECTIONS.items():
+        for trap in section.traps:
+            assert ends[trap] & set(section.ends), (name, trap)
+    assert not any(ends[trap] for trap in ends.keys() - {trap for section in SECTIONS.values() for trap in section.traps})
 
 
 def test_names_in_a_query():
