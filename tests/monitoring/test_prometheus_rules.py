@@ -168,6 +168,15 @@ def test_every_alert_has_a_case_that_fires_and_one_that_does_not():
     assert {case.alert for case in CASES} == set(alerts())
 
 
+def test_series_have_the_labels_that_the_exporter_makes():
+    made = {(name, frozenset(dict(labels))) for walk in walks.NAMES
+            for name, labels in expected_series(WalkAgent(walk, "").variables)}
+    for entry in (entry for case in CASES for entry in case.series if entry["series"].startswith("kvsnmp_")):
+        name, _, labels = entry["series"].partition("{")
+        keys = frozenset(re.findall(r'(\w+)="', labels)) - frozenset(DEVICE)
+        assert (name, keys) in made or name in ("kvsnmp_sys_up_time_centiseconds", "kvsnmp_info_model_number"), entry
+
+
 def expectation(case: Case, minute: int, fires: bool) -> dict:
     rule, labels = alerts()[case.alert], DEVICE | (case.labels or {})
     expected = []
