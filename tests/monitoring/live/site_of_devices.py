@@ -2,9 +2,8 @@
 (scripts/test-monitoring)."""
 from __future__ import annotations
 
-import html
+import functools
 import json
-import os
 import re
 import subprocess
 import sys
@@ -14,10 +13,13 @@ import urllib.request
 from pathlib import Path
 from typing import Any
 
+from selenium.webdriver.remote.webdriver import WebDriver
+
 HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parent))
 
 from prometheus_files import BEFORE, CHECKOUT, DEVICES, FOLDER, RULES, UNPACKED, walks  # noqa: E402  (the path has to be set first)
+from support.browser import chromium, resize  # noqa: E402
 from support.polling import wait_until  # noqa: E402
 from support.walkagent import Agents, Answer, WalkAgent  # noqa: E402
 
@@ -124,29 +126,29 @@ class Site:
 
     # Browser
 
-    def browse(self, url: str, *arguments: str) -> str:
-        command = ["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-                   "--disable-background-networking", "--disable-component-update", "--disable-sync", "--hide-scrollbars",
-                   f"--user-data-dir={self.folder}/chromium", "--virtual-time-budget=15000", *arguments, url]
-        done = subprocess.run(command, capture_output=True, text=True, timeout=120, stdin=subprocess.DEVNULL,
-                              env=os.environ | {"HOME": str(self.folder)})
-        assert done.returncode == 0, done.stderr
-        return done.stdout
+    @functools.cached_property
+    def browser(self) -> WebDriver:
+        return chromium(self.folder / "chromium", 1200)
 
-    def page(self, path: str) -> str:
-        """The text of a page once its scripts have run."""
-        return html.unescape(re.sub(r"<[^>]*>", "", self.browse(f"http://{PROMETHEUS}/{path}", "--dump-dom")))
+    def page(self, path: str, *texts: str) -> str:
+        """The text of a page once it shows these."""
+        self.browser.get(f"http://{PROMETHEUS}/{path}")
+        return wait_until(lambda: (said := self.browser.find_element("tag name", "body").text) and all(
+            text in said for text in texts) and said, 60, 0.2, f"{texts} on {path}")
 
-    def picture(self, path: str, name: str, height: int) -> Path:
+    def picture(self, path: str, name: str, height: int, *texts: str) -> None:
         PICTURES.mkdir(parents=True, exist_ok=True)
-        file = PICTURES / name
-        file.unlink(missing_ok=True)
-        self.browse(f"http://{PROMETHEUS}/{path}", f"--screenshot={file}", f"--window-size=1200,{height}")
-        return file
+        resize(self.browser, 1200, height)
+        self.page(path, *texts)
+        self.browser.execute_script("document.documentElement.style.overflow = 'hidden'")
+        self.browser.save_screenshot(str(PICTURES / name))
+        assert (PICTURES / name).stat().st_size > 20000, name
 
     # The end
 
     def stop(self) -> None:
+        if "browser" in vars(self):
+            self.browser.quit()
         for process in reversed(self.processes):
             process.terminate()
             process.wait(20)

@@ -3,7 +3,6 @@ and each alert fires on a fault and clears again. Run by scripts/test-monitoring
 from __future__ import annotations
 
 import re
-import struct
 import time
 from collections import Counter
 from collections.abc import Iterator
@@ -192,17 +191,9 @@ def test_pictures_of_one_alert(site, history):
     path = graph(f'kvsnmp_fan_speed_rpm{{{chosen}}}',
                  f'ALERTS{{alertname="KvsnmpFanStopped", alertstate="firing", {chosen}}} or on () vector(0)',
                  seconds=int(time.monotonic() - history.begin))
-    page = site.page(path)
-    assert 'description="Left Fan"' in page and 'alertstate="firing"' in page, "in the legends of the two graphs"
-    one = site.picture(path, "prometheus-alert-history.png", 1600)
-    table = graph(f'kvsnmp_voltage_value_volts{{instance="{site.addresses["6420"]}"}}')
-    assert "Phantom Microphone 12.0V" in site.page(table)
-    two = site.picture(table, "prometheus-voltages.png", 850)
-    for file in (one, two):
-        head = file.read_bytes()[:24]
-        assert head[:8] == b"\x89PNG\r\n\x1a\n" and file.stat().st_size > 20000, file
-        width, height = struct.unpack(">II", head[16:24])
-        assert width == 1200 and height >= 850, file
+    site.picture(path, "prometheus-alert-history.png", 1600, 'description="Left Fan"', 'alertstate="firing"')  # in the legends
+    site.picture(graph(f'kvsnmp_voltage_value_volts{{instance="{site.addresses["6420"]}"}}'), "prometheus-voltages.png", 850,
+                 "Phantom Microphone 12.0V")
 
 
 def test_query_of_the_readme(site, history):
