@@ -44,7 +44,7 @@ class Bench:
         self.agents = walkagent.Agents({(ADDRESSES[name], PORT): device.answer for name, device in self.devices.items()})
         self.agents.start()
         self.server = Server()
-        self.server.import_template(TEMPLATE)
+        self.server.import_text("template.yaml", TEMPLATE)
         self.template = self.server.call("template.get", filter={"host": EXPORTED["template"]})[0]["templateid"]
         group = self.server.call("hostgroup.create", name="Public address")["groupids"][0]
         self.hosts = {name: self.add_host(
@@ -104,7 +104,7 @@ def test_import_creates_everything_and_a_second_one_changes_nothing(bench):
         return [sorted(one, key=str) for one in found]
 
     first = facts()
-    bench.server.import_template(TEMPLATE)
+    bench.server.import_text("template.yaml", TEMPLATE)
     assert facts() == first
     for (_, name, expected), made in zip(KINDS, first):
         assert expected and sorted(one[name] for one in made) == sorted(expected)
@@ -218,7 +218,7 @@ def test_stock_templates_discover_the_standard_sensors(bench, amplifier, templat
 
 def imported(server: Server, text: str) -> list[dict[str, Any]]:
     """The hosts as the server has them; it does not poll them."""
-    server.import_hosts(text)
+    server.import_text("hosts.json", text)
     names = [host["host"] for host in json.loads(text)["zabbix_export"]["hosts"]]
     found = server.call("host.get", filter={"host": names}, output=["host", "name", "inventory_mode"], sortfield="host",
                         selectInterfaces=["ip", "port", "details"], selectParentTemplates=["host"], selectTags=["tag", "value"])
