@@ -110,7 +110,7 @@ exec /usr/bin/snmpget "$@"
     file = tmp_path / "credentials"
     file.write_text("\n".join([*settings, *secrets]))
     path = f"{tmp_path}:{os.environ['PATH']}"
-    done = discover("--credentials", str(file), "--format", "prometheus", "--retries", "0", *RANGES, PATH=path)
+    done = discover("--credentials", str(file), "--format", "prometheus", "--retries", "0", "--timeout", "2", *RANGES, PATH=path)
     assert (done.returncode, done.stderr) == (0, "kvsnmp-discover: Unknown user name (1 address)\n")
     assert devices_of(done.stdout) == {"127.0.40.1": expected["127.0.40.1"]}
     said = calls.read_text()
@@ -160,7 +160,7 @@ def test_the_process_list_shows_no_community_and_no_user(tmp_path, words):
 def test_the_community_decides_who_answers(tmp_path):
     (tmp_path / "file").write_text('# for these\nmibs +ALL\ndefCommunity "pub\\lic"\n')
     for words, found in [(["-c", "public"], 0), (["-c", "private"], 1), (["--credentials", str(tmp_path / "file")], 0)]:
-        assert discover(*words, "--retries", "0", "--timeout", "0.5", "127.0.10.1").returncode == found, words
+        assert discover(*words, "--retries", "0", "--timeout", "2", "127.0.10.1").returncode == found, words
 
 
 # How it asks

@@ -219,7 +219,7 @@ def made(request, outputs, tmp_path) -> dict[str, str]:  # noqa: F811
         return outputs
     file = tmp_path / 'kvsnmp "$1$"; !.snmp'
     file.write_text("defCommunity public\n")
-    words = ["--credentials", str(file), "--retries", "0", "--timeout", "0.5", "127.0.10.0/26"]
+    words = ["--credentials", str(file), "--retries", "0", "--timeout", "2", "127.0.10.0/26"]
     return {name: discover("--format", name, *words).stdout for name in ("nagios", "icinga2")}
 
 
