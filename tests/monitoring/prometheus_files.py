@@ -1,24 +1,27 @@
-"""The files of monitoring/prometheus, and the programs that read them."""
+"""The files of monitoring, and the programs that read them."""
 from __future__ import annotations
 
 import functools
+import importlib.util
 import json
 import os
 import re
 import shutil
 import subprocess
 import sys
+from importlib.machinery import SourceFileLoader
 from pathlib import Path
+from types import ModuleType
 from typing import Any
 
 import yaml
 
 CHECKOUT = Path(__file__).resolve().parents[2]
 FOLDER = CHECKOUT / "monitoring/prometheus"
-sys.path[:0] = [str(FOLDER.parent), str(CHECKOUT / "tests/device")]
+sys.path[:0] = [str(FOLDER.parent), str(FOLDER.parent / "checks"), str(CHECKOUT / "tests/device"), str(FOLDER)]
+sys.dont_write_bytecode = True
 
 import walks  # noqa: E402, F401  (the path has to be set first)
-from support.catalogue import TABLES  # noqa: E402, F401
 
 BEFORE, SINCE = FOLDER / "snmp-before-0.23.yml", FOLDER / "snmp-from-0.23.yml"
 RULES = FOLDER / "kvsnmp.rules.yml"
@@ -30,6 +33,14 @@ UNPACKED = CHECKOUT / "build/monitoring/root"  # by scripts/install-deps monitor
 # Metrics of Prometheus and of the exporter.
 FOREIGN = {"up", "ALERTS", "snmp_scrape_duration_seconds"}
 METRIC = re.compile(r"\b(kvsnmp[_:][\w:]+|up|ALERTS|snmp_\w+)\b(?=[{\[\s)=+*/-]|$)")
+
+
+def loaded(file: Path) -> ModuleType:
+    """One of our programs, in this process."""
+    loader = SourceFileLoader(file.name, str(file))
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader(file.name, loader))
+    loader.exec_module(module)
+    return module
 
 
 def program(name: str) -> str:

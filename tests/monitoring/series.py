@@ -1,4 +1,4 @@
-"""The metrics that the exporter makes of a walk, computed from the MIB alone."""
+"""What the exporter makes of a walk, computed from the MIB alone: its metrics, and the words of codes."""
 from __future__ import annotations
 
 import re
@@ -19,6 +19,15 @@ Series = dict[tuple[str, frozenset[tuple[str, str]]], float]
 
 def snake(name: str) -> str:
     return re.sub(r"(?<=[a-z0-9])(?=[A-Z])", "_", name).lower()
+
+
+def codes(values: dict[str, str]) -> dict[str, str]:
+    """Values of objects, e.g. powerLive.1, whose words are their codes."""
+    found = {}
+    for name, text in values.items():
+        enumeration = mib().objects[name.partition(".")[0]].enumeration
+        found[name] = next((str(code) for code, word in enumeration.items() if word == text), text)
+    return found
 
 
 def expected_series(walk: list[Variable]) -> Series:

@@ -4,17 +4,12 @@ from __future__ import annotations
 
 import json
 import re
-import sys
 
 import pytest
-from prometheus_files import (FLEET, FOLDER, ONE_DEVICE, evaluate, modules, names_in, panel_queries, panels, promtool,
+from prometheus_files import (FLEET, ONE_DEVICE, evaluate, modules, names_in, panel_queries, panels, promtool,
                               queries, states)
+from limits import CHECKS, SETTINGS  # the path is set by the one above
 from test_prometheus_rules import series, state
-
-sys.path.insert(0, str(FOLDER.parent / "checks"))
-sys.dont_write_bytecode = True
-
-from limits import CHECKS, SETTINGS  # noqa: E402  (the path has to be set first)
 
 BOTH = pytest.mark.parametrize("file", [FLEET, ONE_DEVICE], ids=lambda file: file.stem)
 TIMELINES = [panel for panel in panels(ONE_DEVICE) if panel["type"] == "state-timeline"]
@@ -146,12 +141,17 @@ def at(instance: str, entries: list[dict[str, str]]) -> list[dict[str, str]]:
     return [entry | {"series": entry["series"].replace('instance="hall"', f'instance="{instance}"')} for entry in entries]
 
 
-def worst_of(folder, devices: dict[str, list[dict[str, str]]], expected: dict[str, tuple[str, int]]) -> None:
-    samples = [{"labels": f'{{instance="{instance}"' + (f', worst="{worst}"' if worst else "") + "}", "value": level}
-               for instance, (worst, level) in expected.items()]
-    input_series = [entry for instance, entries in devices.items() for entry in at(instance, entries)]
+def answers(folder, input_series: list[dict[str, str]], expected: dict[str, dict[str, float]]) -> None:
+    """Query to its samples, by their labels."""
     evaluate(folder, [{"interval": "1m", "input_series": input_series, "promql_expr_test": [
-        {"expr": WORST, "eval_time": "4m", "exp_samples": samples}]}])
+        {"expr": query, "eval_time": "4m", "exp_samples": [{"labels": labels, "value": value} for labels, value in samples.items()]}
+        for query, samples in expected.items()]}])
+
+
+def worst_of(folder, devices: dict[str, list[dict[str, str]]], expected: dict[str, tuple[str, int]]) -> None:
+    answers(folder, [entry for instance, entries in devices.items() for entry in at(instance, entries)], {WORST: {
+        f'{{instance="{instance}"' + (f', worst="{worst}"' if worst else "") + "}": level
+        for instance, (worst, level) in expected.items()}})
 
 
 def row(index: int | str = 1) -> dict[str, str]:
@@ -197,10 +197,7 @@ def test_reached_devices(tmp_path):
     (query,) = (query for query in queries(FLEET) if query.startswith("sum by (instance) (up") and "model_number" in query)
     input_series = at("silent", [series("up", {}, "0x5")]) + at("snmpd", [series("up", {}, "1x5")]) \
         + at("all", [series("up", {}, "1x5"), *model(6410)])
-    samples = [{"labels": f'{{instance="{name}"}}', "value": value} for name, value in
-               [("silent", 0), ("snmpd", 1), ("all", 2)]]
-    evaluate(tmp_path, [{"interval": "1m", "input_series": input_series, "promql_expr_test": [
-        {"expr": query, "eval_time": "4m", "exp_samples": samples}]}])
+    answers(tmp_path, input_series, {query: {'{instance="silent"}': 0, '{instance="snmpd"}': 1, '{instance="all"}': 2}})
 
 
 def test_worst_voltage_keeps_its_sign(tmp_path):
@@ -211,9 +208,7 @@ def test_worst_voltage_keeps_its_sign(tmp_path):
         for index, (nominal, value) in enumerate(zip(("3.3", "5.0"), values), 3):
             labels = row(index) | {"description": f"Internal voltage {nominal}V"}
             input_series += at(name, [series("kvsnmp_voltage_value_volts", labels, f"{value}x5")])
-    samples = [{"labels": '{instance="low", voltage="Internal voltage 3.3V"}', "value": 3.0 / 3.3 - 1},
-               {"labels": '{instance="high", voltage="Internal voltage 5.0V"}', "value": 5.5 / 5 - 1}]
-    rows = [{"labels": f'{{instance="{name}"}}', "value": 1} for name in ("low", "high", "alike")]
-    evaluate(tmp_path, [{"interval": "1m", "input_series": input_series, "promql_expr_test": [
-        {"expr": f"{query} != 0", "eval_time": "4m", "exp_samples": samples},
-        {"expr": f"count by (instance) ({query})", "eval_time": "4m", "exp_samples": rows}]}])
+    answers(tmp_path, input_series, {
+        f"{query} != 0": {'{instance="low", voltage="Internal voltage 3.3V"}': 3.0 / 3.3 - 1,
+                          '{instance="high", voltage="Internal voltage 5.0V"}': 5.5 / 5 - 1},
+        f"count by (instance) ({query})": {f'{{instance="{name}"}}': 1 for name in ("low", "high", "alike")}})

@@ -7,10 +7,10 @@ from pathlib import Path
 
 import pytest
 
-from debianroot import Booted, DebianRoot
-
 CHECKOUT = Path(__file__).resolve().parents[2]
-sys.path.append(str(CHECKOUT / "monitoring"))
+sys.path += [str(CHECKOUT / "monitoring"), str(CHECKOUT / "tests/device")]
+
+from debianroot import Booted, DebianRoot  # noqa: E402  (the path has to be set first)
 
 
 @pytest.fixture(scope="session")
@@ -22,9 +22,6 @@ def debs() -> Path:
 def root(debs: Path) -> DebianRoot:
     made = DebianRoot(CHECKOUT / "build/package/debian/root", debs)
     made.make(["systemd", "dbus", "ca-certificates"])
-    made.path("/etc/apt/apt.conf.d/90yes").write_text('APT::Get::Assume-Yes "true";\n')
-    # Every installed Debian has it. snmpd sends traps to 127.0.0.1 from "localhost"; without that name it sends none.
-    made.path("/etc/hosts").write_text("127.0.0.1 localhost\n")
     return made
 
 

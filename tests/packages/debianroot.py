@@ -5,21 +5,14 @@ import os
 import shutil
 import signal
 import subprocess
-import time
-from collections.abc import Callable
 from pathlib import Path
+
+from support.polling import wait_until  # the path is set by conftest.py
 
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LANG": "C.UTF-8", "DEBIAN_FRONTEND": "noninteractive"}
 DEBS = "/debs"  # the packages, as the root sees them
 PACKAGES = ["kvsnmp", "kvsnmp-monitoring", "kvsnmp-simulator"]
 BOOT_SCRIPT = Path(__file__).with_name("boot")
-
-
-def wait_until(look: Callable[[], object], seconds: float, what: str) -> None:
-    limit = time.monotonic() + seconds
-    while not look():
-        assert time.monotonic() < limit, f"not seen within {seconds} s: {what}"
-        time.sleep(0.05)
 
 
 def files_of(package: str, debs: Path) -> set[str]:
@@ -55,7 +48,7 @@ class DebianRoot:
         self.debs = debs
 
     def make(self, include: list[str]) -> None:
-        remove_tree(self.folder)
+        shutil.rmtree(self.folder, ignore_errors=True)
         self.folder.parent.mkdir(parents=True, exist_ok=True)
         sources = debian_sources()
         options = [f"--aptopt={line}" for line in apt_proxy()]
@@ -64,6 +57,9 @@ class DebianRoot:
                         suite_of(sources), str(self.folder), "-"],
                        input=sources, text=True, check=True)
         (self.folder / DEBS[1:]).mkdir()
+        self.path("/etc/apt/apt.conf.d/90yes").write_text('APT::Get::Assume-Yes "true";\n')
+        # Every installed Debian has it. snmpd sends traps to 127.0.0.1 from "localhost"; without that name it sends none.
+        self.path("/etc/hosts").write_text("127.0.0.1 localhost\n")
         # No service is started before its systemd runs.
         self.service_policy.write_text("#!/bin/sh\nexit 101\n")
         self.service_policy.chmod(0o755)
@@ -94,11 +90,6 @@ def _run(command: list[str], check: bool) -> subprocess.CompletedProcess[str]:
     return done
 
 
-def remove_tree(folder: Path) -> None:
-    if folder.exists():
-        shutil.rmtree(folder)
-
-
 class Booted:
     """The root, with its systemd as the first process of its namespaces."""
 
@@ -110,8 +101,8 @@ class Booted:
         self.process = subprocess.Popen([str(BOOT_SCRIPT), str(root.folder), str(root.debs), str(self.group)],
                                         stdin=subprocess.DEVNULL, stdout=self.log, stderr=self.log)
         self.first = 0
-        wait_until(self._find_first, 10, "the first process of the root")
-        wait_until(lambda: self.state() in ("running", "degraded"), 60, "systemd's start")
+        wait_until(self._find_first, 10, what="the first process of the root")
+        wait_until(lambda: self.state() in ("running", "degraded"), 60, what="systemd's start")
 
     def _find_first(self) -> bool:
         """unshare's one child."""
@@ -143,16 +134,16 @@ class Booted:
             os.kill(self.first, signal.SIGKILL)  # ends all that it has started
         self.process.wait(30)
         self.log.close()
+
+        def removed(folder: str) -> bool:
+            try:
+                os.rmdir(folder)
+                return True
+            except OSError:  # its last processes are still ending
+                return False
+
         for folder, _, _ in os.walk(self.group, topdown=False):
-            limit = time.monotonic() + 10
-            while True:
-                try:
-                    os.rmdir(folder)
-                    break
-                except OSError:  # its last processes are still ending
-                    if time.monotonic() > limit:
-                        raise
-                    time.sleep(0.05)
+            wait_until(lambda: removed(folder), 10, what=f"{folder} removed")
 
 
 def cgroup_folder() -> Path:

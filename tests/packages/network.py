@@ -7,7 +7,8 @@ import sys
 from pathlib import Path
 
 from debianroot import Booted, wait_until
-from forty import MODELS, NAMES
+from forty import MODELS, NAMES  # it also sets the path for the next
+from support.walkagent import trap_command
 
 NETWORK, MANAGER = "10.1.0.0/22", "10.1.0.2"  # the network is that of docs/operators.md
 BASE = ".1.3.6.1.4.1.52717"
@@ -24,7 +25,7 @@ class Network:
         self.enter("ip", "route", "add", "local", NETWORK, "dev", "lo", "table", "local")
         self.devices = subprocess.Popen(
             self.entering("/usr/bin/python3", str(Path(__file__).with_name("forty.py"))), stdin=subprocess.DEVNULL)
-        wait_until(self._answers, 60, "an answer of the last device")
+        wait_until(self._answers, 60, what="an answer of the last device")
 
     def _answers(self) -> bool:
         address, model = list(MODELS.items())[-1]
@@ -45,10 +46,7 @@ class Network:
         return self.enter(sys.executable, "-c", script, url, data)
 
     def send_trap(self, address: str) -> None:
-        self.enter("snmptrap", "-v2c", "-c", "public", f"--clientAddr={address}", MANAGER, "0", f"{BASE}.2.8.1",
-                   f"{BASE}.2.4.1.0", "s", "Orvane IPKiosk", f"{BASE}.2.4.2.0", "s", "device", ".1.3.6.1.2.1.1.5", "s",
-                   NAMES[address], f"{BASE}.2.4.3.0", "i", "1", f"{BASE}.2.4.4.0", "s", "Sat Jun  1 10.02.03 2024\n",
-                   f"{BASE}.2.4.5.0", "s", "Fan 1 stands still")
+        self.enter(*trap_command(address, MANAGER, 1, name=NAMES[address], level=1, text="Fan 1 stands still"))
 
     def stop(self) -> None:
         self.devices.terminate()

@@ -38,7 +38,7 @@ def answers(booted: Booted) -> bool:
 
 def wait_answering(booted: Booted) -> None:
     try:
-        wait_until(lambda: answers(booted), 20, "the model number through snmpd")
+        wait_until(lambda: answers(booted), 20, what="the model number through snmpd")
     except AssertionError:
         print(booted.output("systemctl", "status", "--no-pager", "-l", "kvsnmp.service"))
         print(booted.output("journalctl", "--no-pager", "-n", "60"))
@@ -52,7 +52,7 @@ def restart(booted: Booted) -> None:
 
 
 def wait_new_snmpd(booted: Booted, before: list[str], what: str) -> None:
-    wait_until(lambda: snmpd_pids(booted) not in ([], before), 20, what)
+    wait_until(lambda: snmpd_pids(booted) not in ([], before), 20, what=what)
     wait_answering(booted)
 
 
@@ -70,8 +70,8 @@ def walk(booted: Booted) -> str:
 
 def wait_golden_walk(booted: Booted) -> None:
     """A walk before the data have come shows the starting values, and keeps those of the tables for 60 s."""
-    wait_until(lambda: "kvsnmp_sys_messages" in booted.output("talctl", "subscriptions"), 20, "subscriptions")
-    wait_until(lambda: walk(booted) == GOLDEN_WALK, 75, "the golden walk")
+    wait_until(lambda: "kvsnmp_sys_messages" in booted.output("talctl", "subscriptions"), 20, what="subscriptions")
+    wait_until(lambda: walk(booted) == GOLDEN_WALK, 75, what="the golden walk")
 
 
 def wait_next_tick(booted: Booted, poll: bool = False) -> None:
@@ -80,4 +80,4 @@ def wait_next_tick(booted: Booted, poll: bool = False) -> None:
         return booted.output("stat", "-c", "%y", "/tmp/kvsnmp.watchdogtest")
 
     before = written()
-    wait_until(lambda: (not poll or walk(booted)) and written() != before, 10, "a tick of 5 s")
+    wait_until(lambda: (not poll or walk(booted)) and written() != before, 10, what="a tick of 5 s")

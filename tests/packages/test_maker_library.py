@@ -36,24 +36,15 @@ def library() -> Path:
     return WORK / "library"
 
 
-@pytest.fixture(scope="module")
-def daemon(library: Path) -> Path:
+def test_the_daemon_links_to_the_library_of_the_root_and_not_to_systemd_s(library: Path) -> None:
     configure(WORK / "build", f"-DKVSNMP_XRCOMMON_ROOT={library}", "-DKVSNMP_SYSTEMD=OFF")
     cmake("--build", WORK / "build", "--target", "kvsnmp")
-    return WORK / "build/bin/kvsnmp"
-
-
-def test_the_daemon_links_to_the_library_of_the_root(library: Path, daemon: Path) -> None:
-    loaded = subprocess.run(["ldd", str(daemon)], capture_output=True, text=True, check=True).stdout
+    loaded, needed = (subprocess.run([*command, WORK / "build/bin/kvsnmp"], capture_output=True, text=True, check=True).stdout
+                      for command in (["ldd"], ["objdump", "-p"]))
     assert f"libxrcommon.so => {library}/lib/libxrcommon.so " in loaded, loaded
     assert not list((WORK / "build").rglob("talinterface.cpp.o")), "the stand-in was built, too"
-
-
-def test_without_systemd_the_daemon_does_not_need_its_library(daemon: Path) -> None:
-    """Only the D-Bus library may."""
-    needed = subprocess.run(["objdump", "-p", str(daemon)], capture_output=True, text=True, check=True).stdout
-    assert re.search(r"NEEDED +libxrcommon\.so", needed)
-    assert not re.search(r"NEEDED +libsystemd", needed)
+    # The D-Bus library may need systemd's, the daemon does not.
+    assert re.search(r"NEEDED +libxrcommon\.so", needed) and not re.search(r"NEEDED +libsystemd", needed)
 
 
 @pytest.mark.parametrize("missing", ["include/xrcommon/TalInterface.h", "lib/libxrcommon.so"])

@@ -46,8 +46,6 @@ RECIPES = recipes()
 def manager(debs: Path) -> Iterator[Booted]:
     root = DebianRoot(WORK / "root", debs)
     root.make(["systemd-sysv", "dbus", "ca-certificates", "locales"])
-    root.path("/etc/apt/apt.conf.d/90yes").write_text('APT::Get::Assume-Yes "true";\n')
-    root.path("/etc/hosts").write_text("127.0.0.1 localhost\n")
     # A Debian that was installed in English has this locale.
     root.path("/etc/locale.gen").write_text("en_US.UTF-8 UTF-8\n")
     root.run("locale-gen")
@@ -76,7 +74,7 @@ def eventually(look: Callable[[], object], seconds: float, what: str) -> None:
         except (subprocess.CalledProcessError, ValueError, KeyError):
             return False
 
-    wait_until(seen, seconds, what)
+    wait_until(seen, seconds, what=what)
 
 
 def type_recipe(manager: Booted, lines: list[str]) -> str:

@@ -55,7 +55,7 @@ def test_an_upgrade_restarts_the_daemon_and_keeps_a_changed_kvagent_conf(booted:
 def test_the_guide_s_commands_end_both_processes(booted: Booted) -> None:
     type_in(booted, "systemctl disable --now kvsnmp.service")
     type_in(booted, "start-stop-daemon --stop --pidfile /run/snmpd.pid --exec /usr/sbin/snmpd")
-    wait_until(lambda: not snmpd_pids(booted), 10, "the end of snmpd")
+    wait_until(lambda: not snmpd_pids(booted), 10, what="the end of snmpd")
 
 
 def test_removing_leaves_the_settings(booted: Booted) -> None:

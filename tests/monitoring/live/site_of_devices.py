@@ -1,9 +1,9 @@
-"""Devices, the exporter, Prometheus and a browser, in a separate network (scripts/test-monitoring)."""
+"""Devices that are played from golden walks, the exporter, Prometheus and a browser, in a separate network
+(scripts/test-monitoring)."""
 from __future__ import annotations
 
-import html
+import functools
 import json
-import os
 import re
 import subprocess
 import sys
@@ -13,76 +13,38 @@ import urllib.request
 from pathlib import Path
 from typing import Any
 
-HERE = Path(__file__).resolve().parent
-sys.path[:0] = [str(HERE.parent), str(HERE.parents[1] / "device")]
+from selenium.webdriver.remote.webdriver import WebDriver
 
-from prometheus_files import BEFORE, CHECKOUT, DEVICES, FOLDER, RULES, UNPACKED  # noqa: E402  (the paths have to be set first)
-from support import steps  # noqa: E402
-from support.catalogue import EXTENDED, MODELS  # noqa: E402
-from support.device import Device  # noqa: E402
+HERE = Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE.parent))
+
+from prometheus_files import BEFORE, CHECKOUT, DEVICES, FOLDER, RULES, UNPACKED, walks  # noqa: E402  (the path has to be set first)
+from support.browser import chromium, resize  # noqa: E402
 from support.polling import wait_until  # noqa: E402
-from support.snmp import Snmp  # noqa: E402
+from support.walkagent import Agents, Answer, WalkAgent  # noqa: E402
 
 EXPORTER, PROMETHEUS, ALERTMANAGER = "127.0.0.1:9116", "127.0.0.1:9090", "127.0.0.1:9093"
 PICTURES = CHECKOUT / "build/monitoring/pictures"
-STATION = "6214-extended"  # beside the thirteen models
-RESTARTED = ("6425", "6913", "6914")  # kvsnmp is ended and started again during the test
+NAMES = [name for name in walks.NAMES if name.isdigit()] + ["6214-extended"]
 
 Alert = tuple[str, str, str]  # name, device, index or ""
 
 
-class SnmpAt(Snmp):
-    """The devices share one network and have different ports."""
-
-    def __init__(self, run, address: str) -> None:
-        super().__init__(run)
-        self.address = address
-
-    def tool(self, tool, arguments, **options) -> subprocess.CompletedProcess:
-        return super().tool(tool, arguments, **({"address": self.address} | options))
-
-
 class Site:
-    def __init__(self, folder: Path) -> None:
+    def __init__(self, folder: Path, names: list[str]) -> None:
+        """Of devices in order."""
         self.folder = folder
-        self.devices: dict[str, Device] = {}
-        self.addresses: dict[str, str] = {}
+        self.addresses = {name: f"127.0.60.{number}:161" for number, name in enumerate(names, 1)}
+        self.devices = {name: WalkAgent(name, "pa-device", {"lineInStatus.1": "2"} if name == "6410" else None) for name in names}
+        self.agents = Agents({self._place(name): device.answer for name, device in self.devices.items()})
+        self.agents.start()
         self.processes: list[subprocess.Popen] = []
 
-    # Devices
+    def _place(self, name: str) -> tuple[str, int]:
+        return self.addresses[name].partition(":")[0], 161
 
-    def start_devices(self) -> None:
-        names = [str(model) for model in MODELS] + [STATION]
-        for number, name in enumerate(names):
-            port = 20161 + 10 * number
-            options = ["--clock-shift", "--no-traps", "--port", str(port)]
-            if name == STATION:
-                options += ["--model-text", EXTENDED]
-            if name in RESTARTED:
-                options.append("--no-kvsnmp")
-            device = Device(int(name[:4]), *options)
-            self.addresses[name] = f"127.0.0.1:{port}"
-            device.snmp = SnmpAt(device.run, self.addresses[name])
-            self.devices[name] = device
-        for name, device in self.devices.items():
-            device.wait_ready()
-            if name in RESTARTED:
-                self.start_kvsnmp(name)
-        for device in self.devices.values():
-            device.wait_answering(60).wait_subscribed(60)
-        for name in self.devices:
-            self.apply(name, [])
-
-    def start_kvsnmp(self, name: str) -> None:
-        self.devices[name].start_kvsnmp("-d", clock_shift=True)
-
-    def apply(self, name: str, commands: list[list[str]]) -> None:
-        steps.apply(self.devices[name], commands)
-
-    def expire_tables(self) -> None:
-        """Lets a minute pass on every device."""
-        for device in self.devices.values():
-            device.shift_clock(steps.CACHE_SECONDS)
+    def answering(self, name: str, answer: Answer) -> None:
+        self.agents.answers[self._place(name)] = answer
 
     # Prometheus and its exporter
 
@@ -151,7 +113,6 @@ class Site:
 
         def look() -> bool:
             nonlocal found
-            self.expire_tables()
             found = self.alerts()
             return set(found) == expected and all(alert["state"] == "firing" for alert in found.values())
 
@@ -165,36 +126,33 @@ class Site:
 
     # Browser
 
-    def browse(self, url: str, *arguments: str) -> str:
-        command = ["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-                   "--disable-background-networking", "--disable-component-update", "--disable-sync", "--hide-scrollbars",
-                   f"--user-data-dir={self.folder}/chromium", "--virtual-time-budget=15000", *arguments, url]
-        done = subprocess.run(command, capture_output=True, text=True, timeout=120, stdin=subprocess.DEVNULL,
-                              env=os.environ | {"HOME": str(self.folder)})
-        assert done.returncode == 0, done.stderr
-        return done.stdout
+    @functools.cached_property
+    def browser(self) -> WebDriver:
+        return chromium(self.folder / "chromium", 1200)
 
-    def page(self, path: str) -> str:
-        """The text of a page once its scripts have run."""
-        return html.unescape(re.sub(r"<[^>]*>", "", self.browse(f"http://{PROMETHEUS}/{path}", "--dump-dom")))
+    def page(self, path: str, *texts: str) -> str:
+        """The text of a page once it shows these."""
+        self.browser.get(f"http://{PROMETHEUS}/{path}")
+        return wait_until(lambda: (said := self.browser.find_element("tag name", "body").text) and all(
+            text in said for text in texts) and said, 60, 0.2, f"{texts} on {path}")
 
-    def picture(self, path: str, name: str, height: int) -> Path:
+    def picture(self, path: str, name: str, height: int, *texts: str) -> None:
         PICTURES.mkdir(parents=True, exist_ok=True)
-        file = PICTURES / name
-        file.unlink(missing_ok=True)
-        self.browse(f"http://{PROMETHEUS}/{path}", f"--screenshot={file}", f"--window-size=1200,{height}")
-        return file
+        resize(self.browser, 1200, height)
+        self.page(path, *texts)
+        self.browser.execute_script("document.documentElement.style.overflow = 'hidden'")
+        self.browser.save_screenshot(str(PICTURES / name))
+        assert (PICTURES / name).stat().st_size > 20000, name
 
     # The end
 
-    def stop(self) -> list[str]:
-        complaints = []
+    def stop(self) -> None:
+        if "browser" in vars(self):
+            self.browser.quit()
         for process in reversed(self.processes):
             process.terminate()
             process.wait(20)
-        for name, device in self.devices.items():
-            complaints += [f"{name}: {text}" for text in device.stop()]
-        return complaints
+        self.agents.stop()
 
 
 def replaced(file: Path, words: dict[str, str]) -> str:

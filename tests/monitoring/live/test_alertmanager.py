@@ -1,5 +1,4 @@
-"""Debian's Prometheus and Alertmanager with our files: what arrives at the receivers. A stand-in for the exporter answers
-for two devices. Run by scripts/test-monitoring."""
+"""Debian's Prometheus and Alertmanager with our files: what arrives at the receivers. Run by scripts/test-monitoring."""
 from __future__ import annotations
 
 import json
@@ -7,20 +6,18 @@ import threading
 from collections.abc import Iterator
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from typing import Any, NamedTuple
-from urllib.parse import parse_qs, urlparse
 
 import pytest
-from site_of_devices import ALERTMANAGER, EXPORTER, Site, fetch, replaced
+from site_of_devices import ALERTMANAGER, Site, fetch, replaced
 
 import prometheus_files  # the paths are set by the one above
-import walks
 from prometheus_files import alerts
-from series import Series, expected_series
+from series import codes
 from support.polling import stays, wait_until
-from support.snmp import Variable
+from support.walkagent import WalkAgent, silent
 
-HALL, TOWER = "192.0.2.10", "192.0.2.11"
-RECEIVERS = "127.0.0.1:8080"
+HALL, TOWER = "127.0.60.1:161", "127.0.60.2:161"
+RECEIVERS = ("127.0.0.1", 8080)
 QUIET = 5.0  # seconds: five times the interval in which Alertmanager notifies an end
 
 
@@ -31,75 +28,38 @@ class Notification(NamedTuple):
     device: str
 
 
-class Exporter:
-    """The metrics of a model 6420 for each device; a device without metrics does not answer."""
-
-    def __init__(self) -> None:
-        walk = [Variable(f".{item.oid}", item.type, item.value) for item in walks.read("6420")]
-        self.devices: dict[str, Series | None] = {device: expected_series(walk) for device in (HALL, TOWER)}
-
-    def set(self, device: str, metric: str, index: str, value: float) -> None:
-        (key,) = [key for key in self.devices[device] if key[0] == metric and ("index", index) in key[1]]
-        self.devices[device][key] = value
-
-    def set_state(self, device: str, metric: str, index: str, word: str) -> None:
-        found = [key for key in self.devices[device] if key[0] == metric and ("index", index) in key[1]]
-        assert word in [dict(labels)[metric] for _, labels in found]
-        for name, labels in found:
-            self.devices[device][name, labels] = float(dict(labels)[metric] == word)
-
-    def page(self, device: str) -> str | None:
-        series = self.devices[device]
-        return None if series is None else "kvsnmp_sys_up_time_centiseconds 4200\n" + "".join(
-            f"{name}{{{','.join(f'{key}={json.dumps(text, ensure_ascii=False)}' for key, text in sorted(labels))}}} {value}\n"
-            for (name, labels), value in series.items())
-
-
 class Alerting(Site):
     """Seconds stand for minutes in the rules and for the times of Alertmanager."""
 
     def __init__(self, folder) -> None:
-        super().__init__(folder)
-        self.addresses = {"hall": HALL, "tower": TOWER}
-        self.exporter = Exporter()
+        super().__init__(folder, ["6420", "6764"])
         self.notifications: list[tuple[Notification, dict[str, Any]]] = []
-        self.servers = [self._serve(EXPORTER, self._scraped), self._serve(RECEIVERS, self._notified)]
+        site = self
 
-    def _serve(self, address: str, answer) -> ThreadingHTTPServer:
-        class Handler(BaseHTTPRequestHandler):
-            def do_GET(self) -> None:
-                body = self.rfile.read(int(self.headers.get("Content-Length", 0)))
-                text = answer(urlparse(self.path), body)
-                self.send_response(500 if text is None else 200)
+        class Receivers(BaseHTTPRequestHandler):
+            def do_POST(self) -> None:
+                site.notified(self.path.strip("/"), json.loads(self.rfile.read(int(self.headers["Content-Length"]))))
+                self.send_response(200)
                 self.end_headers()
-                self.wfile.write((text or "no answer").encode())
-
-            do_POST = do_GET
 
             def log_message(self, *_) -> None:
                 pass
 
-        host, port = address.split(":")
-        server = ThreadingHTTPServer((host, int(port)), Handler)
-        threading.Thread(target=server.serve_forever, daemon=True).start()
-        return server
+        self.receivers = ThreadingHTTPServer(RECEIVERS, Receivers)
+        threading.Thread(target=self.receivers.serve_forever, daemon=True).start()
 
-    def _scraped(self, url, _body: bytes) -> str | None:
-        return self.exporter.page(parse_qs(url.query)["target"][0])
-
-    def _notified(self, url, body: bytes) -> str:
-        for alert in json.loads(body)["alerts"]:
+    def notified(self, receiver: str, message: dict[str, Any]) -> None:
+        for alert in message["alerts"]:
             labels = alert["labels"]
             self.notifications.append((
-                Notification(url.path.strip("/"), alert["status"], labels["alertname"], labels["instance"]), alert))
-        return "ok"
+                Notification(receiver, alert["status"], labels["alertname"], labels["instance"]), alert))
 
     def start_alertmanager(self) -> None:
         config = replaced(prometheus_files.ALERTMANAGER, {"group_wait: 30s": "group_wait: 1s",
                                                           "group_interval: 5m": "group_interval: 1s"})
         etc = self.folder / "alertmanager"
         etc.mkdir()
-        (etc / "alertmanager.yml").write_text(config.replace("localhost:8080", RECEIVERS))
+        (etc / "alertmanager.yml").write_text(config.replace("localhost:8080", "127.0.0.1:8080"))
         self.spawn_packaged("prometheus-alertmanager", etc, "--config.file=/etc/prometheus/alertmanager.yml",
                             "--storage.path=/etc/prometheus/data", f"--web.listen-address={ALERTMANAGER}",
                             "--cluster.listen-address=")
@@ -119,18 +79,17 @@ class Alerting(Site):
         return {(alert["labels"]["alertname"], alert["labels"]["instance"])
                 for alert in json.loads(fetch(f"http://{ALERTMANAGER}/api/v2/alerts") or "[]") if alert["status"]["inhibitedBy"]}
 
-    def stop(self) -> list[str]:
-        complaints = super().stop()
-        for server in self.servers:
-            server.shutdown()
-            server.server_close()
-        return complaints
+    def stop(self) -> None:
+        super().stop()
+        self.receivers.shutdown()
+        self.receivers.server_close()
 
 
 @pytest.fixture(scope="module")
 def site(tmp_path_factory) -> Iterator[Alerting]:
     site = Alerting(tmp_path_factory.mktemp("alerting"))
     try:
+        site.start_exporter()
         site.start_alertmanager()
         site.start_prometheus("1s")
         wait_until(lambda: len(site.query("up == 1")) == 2, 30, 0.5, "both devices scraped")
@@ -147,16 +106,11 @@ FAULTS = {Notification(*FAN, HALL), Notification("warning", "firing", "KvsnmpTem
 UNREACHABLE = Notification("critical", "firing", "KvsnmpDeviceUnreachable", HALL)
 
 
-def stop_fan(site: Alerting, device: str) -> None:
-    site.exporter.set(device, "kvsnmp_fan_speed_rpm", "1", 0)
-
-
 def test_notifications(site):
     """Each severity reaches its receiver; a device that vanishes is one notification, and resolves nothing; the other
     device is not muted."""
-    stop_fan(site, HALL)
-    site.exporter.set(HALL, "kvsnmp_temp_current_celsius", "1", 70.5)
-    site.exporter.set_state(HALL, "kvsnmp_eth_monitoring_monitored", "1", "notMonitored")
+    hall, tower = site.devices.values()
+    hall.change({"fanSpeed.1": "0", "tempCurrent.1": "705", **codes({"ethMonitoringMonitored.1": "notMonitored"})})
     site.wait_received(FAULTS)
     for notification, alert in site.notifications:
         rule = alerts()[notification.alert]
@@ -165,26 +119,26 @@ def test_notifications(site):
         assert alert["annotations"]["summary"].startswith(HALL)
     assert set(site.received()) == FAULTS, "the other device is in order"
 
-    before, answered = len(site.notifications), site.exporter.devices[HALL]
-    site.exporter.devices[HALL] = None
+    before = len(site.notifications)
+    site.answering("6420", silent)
     site.wait_received({UNREACHABLE}, before)
     wait_until(lambda: site.inhibited() == {(fault.alert, HALL) for fault in FAULTS}, 10, 0.1, "the rest muted")
-    wait_until(lambda: {name for name, device, _ in site.alerts() if device == "hall"} == {"KvsnmpDeviceUnreachable"},
+    wait_until(lambda: {name for name, device, _ in site.alerts() if device == "6420"} == {"KvsnmpDeviceUnreachable"},
                30, 0.5, "the rest ended in Prometheus")
     stays(lambda: site.received(before) == [UNREACHABLE], QUIET, 0.2, "nothing else about the device")
 
-    stop_fan(site, TOWER)
+    tower.change({"fanSpeed.1": "0"})
     site.wait_received({Notification(*FAN, TOWER)}, before)
     assert set(site.received(before)) == {UNREACHABLE, Notification(*FAN, TOWER)}
 
     before = len(site.notifications)
-    site.exporter.devices[HALL] = answered
+    site.answering("6420", hall.answer)
     site.wait_received({UNREACHABLE._replace(status="resolved")}, before)
-    wait_until(lambda: {name for name, device, _ in site.alerts() if device == "hall"} == {fault.alert for fault in FAULTS},
+    wait_until(lambda: {name for name, device, _ in site.alerts() if device == "6420"} == {fault.alert for fault in FAULTS},
                30, 0.5, "its faults fire again")
     wait_until(lambda: not site.inhibited(), 10, 0.1, "nothing is muted")
-    for device in (HALL, TOWER):
-        site.exporter.set(device, "kvsnmp_fan_speed_rpm", "1", 1450)
+    for device in (hall, tower):
+        device.change({"fanSpeed.1": "1450"})
     site.wait_received({Notification("critical", "resolved", "KvsnmpFanStopped", device) for device in (HALL, TOWER)}, before)
     repeated = {found.alert for found in site.received(before) if found.status == "firing"}
     assert repeated <= {"KvsnmpFanStopped"}, "what was never resolved waits for its repetition"
@@ -192,14 +146,14 @@ def test_notifications(site):
 
 def test_a_device_whose_daemon_has_ended(site):
     """It answers without kvsnmp, which mutes its faults."""
-    site.exporter.set_state(TOWER, "kvsnmp_control_output_state", "1", "failSet")
+    site.devices["6764"].change(codes({"controlOutputState.1": "failSet"}))
     fault = Notification("critical", "firing", "KvsnmpControlOutputFault", TOWER)
     site.wait_received({fault})
     before = len(site.notifications)
-    site.exporter.devices[TOWER] = {}
+    site.answering("6764", WalkAgent("", "pa-device").answer)
     gone = Notification("critical", "firing", "KvsnmpSubagentGone", TOWER)
     site.wait_received({gone}, before)
-    wait_until(lambda: {name for name, device, _ in site.alerts() if device == "tower"} == {"KvsnmpSubagentGone"},
+    wait_until(lambda: {name for name, device, _ in site.alerts() if device == "6764"} == {"KvsnmpSubagentGone"},
                30, 0.5, "the fault ended in Prometheus")
     stays(lambda: [found for found in site.received(before) if found.device == TOWER] == [gone], QUIET, 0.2,
           "nothing else about the device")

@@ -8,22 +8,21 @@ import time
 from collections.abc import Iterator
 
 import pytest
-from site_of_devices import Site
+from site_of_devices import NAMES, Site
 
 from prometheus_files import BEFORE, FLEET, ONE_DEVICE, modules, names_in, panels, queries  # the paths are set by the one above
-from support.snmp import TABLES
-from support.steps import put
-from test_prometheus import LINE_STATE, NAMES, site  # noqa: F401  (a fixture, whose devices are this file's)
+from series import codes
+from support.polling import wait_until
+from test_prometheus import site  # noqa: F401  (a fixture, whose devices are this file's)
 
 
 @pytest.fixture(scope="module")
 def with_a_fault(site) -> Iterator[Site]:
     """A loudspeaker line has an earth fault, so that the panels of alerts have data, too."""
-    path = "/state/" + LINE_STATE.format("ch1")
-    site.apply("6720", [put(path, "ground_fault")])
+    former = site.devices["6720"].change(codes({"ampChannelLineState.1": "groundFault"}))
     site.wait_for_alerts({("KvsnmpSpeakerLineFault", "6720", "1")}, 90)
     yield site
-    site.apply("6720", [put(path, "ok")])
+    site.devices["6720"].change(former)
 
 
 def test_every_query_of_the_fleet_returns_data(with_a_fault):
@@ -65,9 +64,10 @@ def test_every_query_of_a_device_returns_data(with_a_fault):
 
 def test_timelines_have_the_served_states(with_a_fault):
     oids = {metric["name"]: metric["oid"] for metric in modules()[BEFORE.name]["metrics"]}
+    wait_until(lambda: len(with_a_fault.query("up offset 12s == 1")) == len(NAMES), 30, 0.5, "twelve seconds of data")
     end, states_seen = time.time(), 0
     for name in NAMES:
-        served = {variable.oid.lstrip("."): variable.text for variable in with_a_fault.devices[name].snmp.walk(TABLES)}
+        served = {variable.oid.lstrip("."): variable.text for variable in with_a_fault.devices[name].variables}
         for query in queries(ONE_DEVICE, "state-timeline", with_a_fault.addresses[name])[1:]:  # the first shows alerts
             (metric,) = names_in(query)
             column = {oid.removeprefix(f"{oids[metric]}."): int(text) for oid, text in served.items()

@@ -105,18 +105,12 @@ class Server:
             raise ApiError(f"{method}: {answer['error']}")
         return answer["result"]
 
-    def import_template(self, text: str) -> None:
-        self._import("template.yaml", text)
-
     def add_trap(self, text: str) -> None:
         """As a trap receiver writes it: the sender's address and the rest."""
         with open(self.folder / "traps.log", "a", encoding="utf-8") as file:
             file.write(f"{datetime.datetime.now().astimezone():%Y-%m-%dT%H:%M:%S%z} ZBXTRAP {text}")
 
-    def import_hosts(self, text: str) -> None:
-        self._import("hosts.json", text)
-
-    def _import(self, name: str, text: str) -> None:
+    def import_text(self, name: str, text: str) -> None:
         (self.folder / name).write_text(text)
         done = subprocess.run([IMPORT, API, self.folder / name], capture_output=True, text=True, check=False,
                               stdin=subprocess.DEVNULL, env=os.environ | {"ZABBIX_PASSWORD": PASSWORD})
