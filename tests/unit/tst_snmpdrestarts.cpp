@@ -169,6 +169,7 @@ void tryChanges(int spacingMs, int startMs)
                 .toLatin1();
         const AtRow at(trial);
         snmpd.passWithEvents(pauseMs);
+        const int stops = snmpd.stops();
         QByteArray newest;
         for (int change = 1; change <= 3; ++change) {
             newest = QByteArray::number(nowMs);
@@ -176,6 +177,8 @@ void tryChanges(int spacingMs, int startMs)
             snmpd.passWithEvents(change < 3 ? spacingMs : settleMs);
         }
         QVERIFY2(snmpd.read() == QByteArrayList{newest}, qPrintable(snmpd.events.join(QLatin1Char('\n'))));
+        if (spacingMs < 450) // the changes fold into one restart
+            QCOMPARE(snmpd.stops(), stops + 1);
         snmpd.events.clear();
     }
 }

@@ -44,10 +44,9 @@ struct StartedBench : SnmpdBench {
     {
         deliverSettings();
         QTRY_COMPARE_WITH_TIMEOUT(count(startEvent()), 1, 5000);
-        firstEvents.swap(events);
+        QCOMPARE(events, (QStringList{settledEvent, killallEvent, finishEvent, startingEvent, startEvent()}));
+        events.clear();
     }
-
-    QStringList firstEvents;
 };
 
 } // namespace
@@ -106,25 +105,6 @@ private Q_SLOTS:
         QCOMPARE(opened, 1);
         gate.setOpened(nullptr);
         gate.closeSession();
-    }
-
-    void changesOfTheFolderFoldIntoOneRestart()
-    {
-        const StartedBench bench;
-        QCOMPARE(bench.firstEvents,
-                 (QStringList{settledEvent, killallEvent, finishEvent, startingEvent, bench.startEvent()}));
-        QTest::qWait(1100); // room for a restart too many
-        QCOMPARE(bench.events, QStringList());
-        QElapsedTimer sinceLastChange;
-        for (int i = 0; i < 4; ++i) {
-            writeFile(bench.folder + qs("/local%1.conf").arg(i), "x\n");
-            sinceLastChange.start();
-            QTest::qWait(150);
-        }
-        QTRY_COMPARE(bench.count(killallEvent), 1);
-        QVERIFY(sinceLastChange.elapsed() >= 500);
-        QTest::qWait(1100);
-        QCOMPARE(bench.events, (QStringList{killallEvent, finishEvent, startingEvent, bench.startEvent()}));
     }
 
     void folderThatIsMissingAtStartIsWatchedLater()
@@ -227,6 +207,11 @@ private Q_SLOTS:
             {"\n1234\n", ""},
             {QByteArray(100000, '7'), QByteArray(255, '7')}, // bounded
         };
+        SnmpdBench none;
+        expectStart(none, {});
+        SnmpdBench folder;
+        QVERIFY(QDir().mkpath(folder.pidFile));
+        expectStart(folder, {});
         for (const auto &[content, argument] : rows) {
             const AtRow at(argument);
             SnmpdBench bench;
@@ -239,15 +224,6 @@ private Q_SLOTS:
         QCOMPARE(chmod(QFile::encodeName(unreadable.dir.path()).constData(), 0711), 0); // to see that the file exists
         const AsOrdinaryUser user;
         expectStart(unreadable, {notClosedEvent, qs("run: rm|") + unreadable.pidFile});
-    }
-
-    void onlyAFileIsAPidFile()
-    {
-        SnmpdBench bench;
-        expectStart(bench, {});
-        SnmpdBench folder;
-        QVERIFY(QDir().mkpath(folder.pidFile));
-        expectStart(folder, {});
     }
 
     void probe()
@@ -275,16 +251,6 @@ private Q_SLOTS:
              {QByteArray("10240\n"), QByteArray(" \t 10240 \n\n"), QByteArray("10240\0junk\n", 11)})
             expect(big, logEvent(LOG_ERR, "Snmpd health check: memory usage too high: 10240 kB"),
                    qs("SnmpdConfHandler watchdogSnmpd watchdog restarting snmpd, memory usage too high: 10240"));
-    }
-
-    void probeRestartsThroughTheNormalPath()
-    {
-        StartedBench bench;
-        bench.probeOutput.clear();
-        bench.handler->watchdogSnmpd();
-        QTRY_COMPARE(bench.count(bench.startEvent()), 1);
-        QCOMPARE(bench.events, (QStringList{probeEvent, notRunningEvent, killallEvent, finishEvent, startingEvent,
-                                            bench.startEvent()}));
     }
 
 private:
