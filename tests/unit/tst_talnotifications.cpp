@@ -115,24 +115,6 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(b.notified.count() + b.log.warnings.size(), 3, 20000);
         QCOMPARE(b.notified.count(), 2);
     }
-
-    void dataIsFoundByXPath()
-    {
-        TalInterfaceBench b;
-        QStringList found;
-        connect(b.tal.get(), &TalInterface::talNotifySignal, this,
-                [&found](const QString &, const QString &, const QString &rPath, const QString &sPath,
-                         const QString &data) {
-                    QString out = qs("-");
-                    TalInterface::xpathGetTextNode(out, qs("/a/b"), sPath, rPath, data);
-                    found << out;
-                });
-        for (const char *data :
-             {"<b>1</b>", "<b> </b>", "", "<b>1</b><b>2</b>", "text", "<b>2</b>", "<b/>x", "<!-- c --><b>3</b>"})
-            b.peer.sendMessage(notify(data));
-        QTRY_COMPARE(found.size(), 8);
-        QCOMPARE(found.join(QLatin1Char('|')), qs("1| ||-|-|2|-|3"));
-    }
 };
 
 const TestEntry entry("tst_talnotifications", runTest<TestTalNotifications>);
