@@ -57,7 +57,6 @@ private Q_SLOTS:
             {"kvsnmp word -d", readOn, "", ""},
             {"kvsnmp -h", 0, usage, ""},
             {"kvsnmp --help", 0, usage, ""},
-            {"kvsnmp -d -h -x", 0, usage, ""},
             {"kvsnmp -x", 1, "", usage},
             {"kvsnmp --unknown", 1, "", usage},
             {"kvsnmp --daemon=yes", 1, "", usage},
@@ -65,7 +64,6 @@ private Q_SLOTS:
             {"kvsnmp -v", aborted, "", ""},
             {"kvsnmp --testmode", aborted, "", ""},
             {"kvsnmp --NULL", aborted, "", ""},
-            {"kvsnmp -d -t", aborted, "", ""},
         };
         for (const auto &row : rows) {
             const AtRow at(row.line);

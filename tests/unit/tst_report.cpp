@@ -53,6 +53,11 @@ constexpr char wholeJson[] = R"({
 constexpr char consequenceJson[] =
     R"({"id": "b", "title": "B", "status": "failed", "text": "bad", "hint": "mend it", "because": "a"})";
 
+constexpr Check inOrder[] = {{"a", "A", {}, {}, nullptr}, {"b", "B", {"a"}, {"a"}, nullptr}};
+constexpr Check unknown[] = {{"a", "A", {}, {}, nullptr}, {"b", "B", {"a", "x"}, {}, nullptr}};
+constexpr Check later[] = {{"a", "A", {}, {"b"}, nullptr}, {"b", "B", {}, {}, nullptr}};
+static_assert(isInOrder(inOrder) && !isInOrder(unknown) && !isInOrder(later));
+
 } // namespace
 
 class TestReport : public QObject {
@@ -136,16 +141,6 @@ private Q_SLOTS:
         QCOMPARE(checks.size(), 3);
         QCOMPARE(checks[1].toObject(), objectOf(consequenceJson));
         QVERIFY(objectOf(jsonOf(report, 0))[QStringLiteral("model")].isNull());
-    }
-
-    void orderOfTheChecksIsTested()
-    {
-        constexpr Check inOrder[] = {{"a", "A", {}, {}, nullptr}, {"b", "B", {"a"}, {"a"}, nullptr}};
-        constexpr Check unknown[] = {{"a", "A", {}, {}, nullptr}, {"b", "B", {"a", "x"}, {}, nullptr}};
-        constexpr Check later[] = {{"a", "A", {}, {"b"}, nullptr}, {"b", "B", {}, {}, nullptr}};
-        static_assert(isInOrder(inOrder));
-        static_assert(!isInOrder(unknown));
-        static_assert(!isInOrder(later));
     }
 
     void idsAreUnique()

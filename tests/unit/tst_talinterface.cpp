@@ -22,23 +22,23 @@ class TestTalInterface : public QObject {
 private Q_SLOTS:
     void connectsWhenTheServiceStarts()
     {
-        LevelLog log;
+        MessageLog log;
         TalPeer peer(TalPeer::Start::NotListening);
         const TalInterface tal(nullptr);
         const QSignalSpy connected(&tal, &TalInterface::talLocalUnixSocketConnectedSignal);
         QTest::qWait(2500);
-        QCOMPARE(log.debugLines.size(), 1); // one line for all failures
-        QCOMPARE(log.warnings, QStringList());
+        QCOMPARE(log.lines().size(), 1); // one line for all failures
+        QCOMPARE(log.warnings(), 0);
         QVERIFY(peer.listen());
         QTRY_COMPARE(peer.connections(), 1);
         QTRY_COMPARE(connected.count(), 1);
         QTest::qWait(1500); // it does not try again while it is connected
         QCOMPARE(peer.connections(), 1);
 
-        log.clear();
+        log.takeLines();
         qputenv("TAL_SOCKET", QByteArray(200, 'x')); // longer than an address
         const TalInterface unconnected(nullptr);
-        QTRY_COMPARE(log.debugLines.size(), 1);
+        QTRY_COMPARE(log.lines().size(), 1);
     }
 
     void reconnectsASecondAfterEachLoss()
@@ -63,7 +63,7 @@ private Q_SLOTS:
             b.peer.sendMessage(notify("<b/>"));
             QTRY_COMPARE(b.notified.count(), loss);
         }
-        QCOMPARE(b.log.warnings, QStringList());
+        QCOMPARE(b.log.warnings(), 0);
     }
 
     void requests()
@@ -93,7 +93,7 @@ private Q_SLOTS:
             QTRY_COMPARE(b.peer.messages(), QByteArrayList{text});
             b.peer.takeMessages();
         }
-        QCOMPARE(b.log.all(), QStringList());
+        QCOMPARE(b.log.lines(), QStringList());
     }
 
     void requestsUseTheNewestInstance()
@@ -103,42 +103,42 @@ private Q_SLOTS:
         QTRY_COMPARE(b.peer.connections(), 2);
         request(qs("<x/>"));
         QCOMPARE(b.sent(), qs("<x/>"));
-        b.log.clear();
+        b.log.takeLines();
         b.tal.reset();
         subscribe("r", "/a", "change", "true");
         request(qs("<x/>"));
         edit("r", "/a", "create", "<a/>");
-        QCOMPARE(b.log.debugLines.size(), 3);
-        QCOMPARE(b.log.warnings, QStringList());
+        QCOMPARE(b.log.lines().size(), 3);
+        QCOMPARE(b.log.warnings(), 0);
         QTRY_VERIFY(!b.peer.isConnected());
         QCOMPARE(b.peer.messages(), QByteArrayList());
     }
 
     void requestWhileNotConnected()
     {
-        const LevelLog log;
+        const MessageLog log;
         TalPeer peer;
         const TalInterface tal(nullptr);
         const QSignalSpy connected(&tal, &TalInterface::talLocalUnixSocketConnectedSignal);
         request(qs("too early"));
-        QCOMPARE(log.debugLines.size(), 1);
+        QCOMPARE(log.lines().size(), 1);
         QTRY_COMPARE(connected.count(), 1);
         request(qs("in time"));
         QTRY_COMPARE(peer.messages(), QByteArrayList({"in time"})); // the dropped one is not sent later
         peer.shutDown();
-        QTRY_COMPARE(log.debugLines.size(), 2); // the loss
+        QTRY_COMPARE(log.lines().size(), 2); // the loss
         request(qs("too late"));
-        QCOMPARE(log.debugLines.size(), 3);
-        QCOMPARE(log.warnings, QStringList());
+        QCOMPARE(log.lines().size(), 3);
+        QCOMPARE(log.warnings(), 0);
     }
 
     void requestThatCannotBeFramed()
     {
         TalInterfaceBench b;
         request(qs("<a>") + QChar(QChar::Null) + qs("</a>"));
-        QCOMPARE(b.log.warnings.size(), 1);
+        QCOMPARE(b.log.warnings(), 1);
         request(QString(static_cast<int>(maxMessageSize) + 1, QLatin1Char('x')));
-        QCOMPARE(b.log.warnings.size(), 2);
+        QCOMPARE(b.log.warnings(), 2);
         request(qs("next"));
         QCOMPARE(b.sent(), qs("next"));
     }
@@ -161,7 +161,7 @@ private Q_SLOTS:
 
         b.peer.readNothing(); // with 8 MB unread the client opens the connection anew
         int sent = 0;
-        for (; sent < 1000 && b.log.all().isEmpty(); ++sent)
+        for (; sent < 1000 && b.log.lines().isEmpty(); ++sent)
             request(QString(100000, QLatin1Char('x')));
         QVERIFY(sent > 80);
         QVERIFY(sent < 150);
@@ -247,8 +247,8 @@ private Q_SLOTS:
         request(qs("<question/>"));
         b.peer.sendMessage(notify("<b>ä</b>"));
         QTRY_COMPARE(b.notified.count(), 1);
-        QCOMPARE(b.log.debugLines.filter(qs("<question/>")).size(), 1);
-        QCOMPARE(b.log.debugLines.filter(qs("<data><b>ä</b></data>")).size(), 1);
+        QCOMPARE(b.log.lines().filter(qs("<question/>")).size(), 1);
+        QCOMPARE(b.log.lines().filter(qs("<data><b>ä</b></data>")).size(), 1);
     }
 };
 

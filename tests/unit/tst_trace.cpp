@@ -210,10 +210,6 @@ private Q_SLOTS:
         }
     }
 
-    void timestampHasOneBuffer() { QVERIFY(updateTimestamp() == updateTimestamp()); }
-
-    void inertSwitches() { QVERIFY(!Trace::syncLogging && !Trace::blockOnFullQueue); }
-
 private:
     QScopedPointer<Trace> m_trace;
     QStringList m_lines;

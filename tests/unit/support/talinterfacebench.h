@@ -3,44 +3,11 @@
 
 #include <xrcommon/TalInterface.h>
 
+#include "support/messagelog.h"
 #include "support/talpeer.h"
 #include "support/testprogram.h"
 
 #include <memory>
-
-/// Takes the log lines of the library; those of a test that has failed are printed, too.
-class LevelLog {
-public:
-    LevelLog()
-    {
-        s_current = this;
-        s_before = qInstallMessageHandler(take);
-    }
-    ~LevelLog() { qInstallMessageHandler(s_before); }
-    Q_DISABLE_COPY(LevelLog)
-
-    QStringList all() const { return debugLines + warnings; }
-
-    void clear()
-    {
-        debugLines.clear();
-        warnings.clear();
-    }
-
-    QStringList debugLines;
-    QStringList warnings;
-
-private:
-    static void take(QtMsgType type, const QMessageLogContext &context, const QString &text)
-    {
-        (type == QtDebugMsg ? s_current->debugLines : s_current->warnings) << text;
-        if (QTest::currentTestFailed())
-            s_before(type, context, text);
-    }
-
-    inline static LevelLog *s_current = nullptr;
-    inline static QtMessageHandler s_before = nullptr;
-};
 
 inline void request(const QString &xml)
 {
@@ -57,7 +24,7 @@ inline const QByteArray nul(1, '\0');
 
 /// A client that is connected.
 struct TalInterfaceBench {
-    LevelLog log;
+    MessageLog log;
     TalPeer peer;
     std::unique_ptr<TalInterface> tal = std::make_unique<TalInterface>(nullptr);
     QSignalSpy connected{tal.get(), &TalInterface::talLocalUnixSocketConnectedSignal};
@@ -67,7 +34,7 @@ struct TalInterfaceBench {
     {
         if (!QTest::qWaitFor([this] { return peer.connections() == 1 && connected.count() == 1; }))
             qFatal("no connection");
-        log.clear();
+        log.takeLines();
     }
 
     QString sent()
