@@ -13,18 +13,15 @@
 #include <vector>
 
 namespace {
-
 struct PendingGet : PendingRequest {
     PendingGet() : PendingRequest(SNMP_MSG_GET, {qs("3.1.0")}) {}
 };
 
-/// As the library does when the master has accepted or lost the sub-agent.
 void callSession(int event)
 {
     static netsnmp_session session{};
     snmp_call_callbacks(SNMP_CALLBACK_APPLICATION, event, &session);
 }
-
 } // namespace
 
 class TestAgentPolling : public QObject {

@@ -10,7 +10,6 @@ using namespace simulator;
 using namespace std::string_literals;
 
 namespace {
-
 QString text(const std::string &utf8)
 {
     return QString::fromStdString(utf8);
@@ -31,7 +30,6 @@ constexpr char smallTree[] =
     "<let><kid>2</kid><vcc>20</vcc></let></lets></line><line><kid>ch2</kid><lets><let><kid>1</kid><vcc>30</vcc></let>"
     "</lets></line></lines><sys_messages/></state>";
 
-/// A small tree with subscriptions, and their messages as "op rpath data".
 struct Bench {
     DataTree tree;
     std::vector<Subscription> subscriptions;
@@ -74,7 +72,6 @@ struct Bench {
         return text(message).replace(notify, "\\1 \\2 \\3");
     }
 };
-
 } // namespace
 
 class TestDataTree : public QObject {

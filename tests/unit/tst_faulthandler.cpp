@@ -12,7 +12,6 @@
 #include <functional>
 
 namespace {
-
 QStringList sent; // "number|description|level|time", in the order of the calls, refused ones included
 std::function<int(const QString &call)> answer;
 
@@ -87,7 +86,6 @@ const Script scripts[] = {
      "raise am p7 -> 5|text|2|0 / clear psu 8 / raise amp 7"},
 };
 // clang-format on
-
 } // namespace
 
 class TestFaultHandler : public QObject {

@@ -10,7 +10,6 @@
 using Outcome = MessageFraming::Outcome;
 
 namespace {
-
 /// Feeds bytes and collects the messages that are complete by now; `last` is the outcome after them.
 struct Reader {
     MessageFraming framing;
@@ -37,7 +36,6 @@ long residentBytes()
 
 const QByteArray nul(1, '\0');
 const int greatest = static_cast<int>(maxMessageSize);
-
 } // namespace
 
 class TestFraming : public QObject {

@@ -4,7 +4,6 @@
 #include "gpio/gpiolines.h"
 
 namespace {
-
 constexpr uint models[] = {6211, 6214, 6259, 6891};
 constexpr uint nothing = 0; // no status at all
 
@@ -20,7 +19,6 @@ QByteArray linesOf(char kind, std::span<const LineSet> sets, uint model, bool ex
                                                          : " ");
     return found;
 }
-
 } // namespace
 
 class TestGpioLines : public QObject {

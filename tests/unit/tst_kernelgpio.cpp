@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 namespace {
-
 /// Every opening, reading and writing of files below folders, as "folder/file: what".
 class AccessLog {
 public:
@@ -103,7 +102,6 @@ const Script scripts[] = {
      "chip 480 1-0022; read 195@22 -> 255 483; read 195@22 -> 255; read 195@22 -> 255"},
 };
 // clang-format on
-
 } // namespace
 
 class TestKernelGpio : public QObject {

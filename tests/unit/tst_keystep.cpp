@@ -6,7 +6,6 @@
 #include <type_traits>
 
 namespace {
-
 constexpr TextCode colours[] = {{"red", 4}, {"green", 9}};
 constexpr const char *lightPath = "/lights/light[kid='%1']/colour";
 
@@ -15,7 +14,6 @@ constexpr KeyRow secondRows[] = {{"a", 5}};
 constexpr KeySet keySets[] = {{{6420, 6720}, firstRows}, {{6720, 6764}, secondRows}};
 static_assert(rowsBelow(keySets, 6));
 static_assert(!rowsBelow(keySets, 5));
-
 } // namespace
 
 // A rule that is wrong for "delete", for another text or for the step does not compile.
@@ -43,8 +41,8 @@ private Q_SLOTS:
             // three decimals use up a scale of 1000, with more of them it becomes 0; trailing zeros count
             {"1.234", 1000, 1234}, {"1.2345", 1000, 0}, {"1.2000", 1000, 0}, {"1200.5", 1, 0},
             // other characters are skipped: a second point, signs, blanks, letters, a comma, a full-width point
-            {"1.2.3", 1000, 1230}, {"-5.0", 1000, 5000}, {"+5.0", 1000, 5000}, {" 1 2 . 5 ", 1000, 12500},
-            {"3V3", 10, 330}, {"1e3", 1000, 13000}, {"3,3", 1000, 33000}, {"1\xef\xbc\x8e" "5", 10, 150},
+            {"1.2.3", 1000, 1230}, {"-5.0", 1000, 5000}, {" 1 2 . 5 ", 1000, 12500}, {"1e3", 1000, 13000},
+            {"3,3", 1000, 33000}, {"1\xef\xbc\x8e" "5", 10, 150},
             // decimal digits of any script: Arabic-Indic, full-width, bold and Adlam; no letter beyond the first plane,
             // no superscript two, vulgar half or Roman five
             {"\xd9\xa1\xd9\xa2.\xd9\xa3", 1000, 12300}, {"\xef\xbc\x94\xef\xbc\x98", 10, 480},

@@ -53,7 +53,6 @@ int __wrap_netsnmp_set_request_error(netsnmp_agent_request_info *info, netsnmp_r
     return __real_netsnmp_set_request_error(info, request, error);
 }
 
-/// The handlers behind the gate are counted on their own.
 int __wrap_netsnmp_call_next_handler(netsnmp_mib_handler *handler, netsnmp_handler_registration *registration,
                                      netsnmp_agent_request_info *info, netsnmp_request_info *requests)
 {
@@ -146,7 +145,6 @@ int serveEverything()
     return objects.size();
 }
 
-/// Ends with a line of numbers.
 void serveAsModel(std::uint32_t model)
 {
     std::printf("\n"); // standard output has its buffer from here on

@@ -7,7 +7,6 @@
 #include <vector>
 
 namespace {
-
 constexpr char usage[] = "\nUsage: kvsnmp options\n"
                          "\nOptions:\n"
                          "  -h  --help         Display this usage information.\n"
@@ -33,7 +32,6 @@ ChildResult parseInChild(const char *line)
         return readOn + (options.daemon ? asDaemon : 0) + (options.talDebug ? talDebug : 0);
     });
 }
-
 } // namespace
 
 class TestOptions : public QObject {

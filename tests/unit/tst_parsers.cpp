@@ -11,7 +11,6 @@
 using catalogue::Row;
 
 namespace {
-
 constexpr uint huge = std::numeric_limits<uint>::max();
 constexpr uint sentinel = 77; // no text has this code
 
@@ -23,7 +22,6 @@ struct Word {
 /// A parser that feeds a field of the records, with its keys in order.
 struct Parser : Row {
     QString name() const { return text("parser"); }
-    /// A model that has the last key.
     uint model() const { return keys.last().has(6420) ? 6420 : keys.last().list("models").first().toUInt(); }
     QVector<Row> keys;
     QVector<Word> words;
@@ -57,7 +55,6 @@ const QVector<Parser> &parsers()
     return all;
 }
 
-/// A text that the parser takes, and what it keeps for it.
 Word goodWord(const Parser &parser)
 {
     const QString other = parser.text("other");
@@ -158,7 +155,6 @@ bool isStored(const QString &value)
 {
     return value != qs("ignored") && value != qs("handled");
 }
-
 } // namespace
 
 class TestParsers : public QObject {

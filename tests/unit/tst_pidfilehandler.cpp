@@ -11,13 +11,11 @@
 #include <sys/file.h>
 
 namespace {
-
 QByteArray lineOf(pid_t pid)
 {
     return QByteArray::number(pid) + '\n';
 }
 
-/// The pid of a process that has ended and been waited for.
 pid_t deadPid()
 {
     const pid_t pid = fork();
@@ -37,7 +35,6 @@ struct HeldLock {
 
     int descriptor;
 };
-
 } // namespace
 
 class TestPidFileHandler : public QObject {

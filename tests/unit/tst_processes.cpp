@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 namespace {
-
 /// The fields of a process up to its start, 4000 s after the system's.
 QByteArray stat(const char *name, char state, int parent = 1)
 {
@@ -18,7 +17,6 @@ QByteArray stat(const char *name, char state, int parent = 1)
     return QByteArray("7 (") + name + ") " + state + " " + QByteArray::number(parent) +
            " 1 1 0 -1 4194560 1 0 0 0 1 1 0 0 20 0 1 0 " + ticks + " 100 2\n";
 }
-
 } // namespace
 
 class TestProcesses : public QObject {

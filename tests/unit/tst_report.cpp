@@ -12,7 +12,6 @@
 #include <QSet>
 
 namespace {
-
 int badLooks = 0;
 
 constexpr auto good = [](Subject &) { return ok(QStringLiteral("good")); };
@@ -57,7 +56,6 @@ constexpr Check inOrder[] = {{"a", "A", {}, {}, nullptr}, {"b", "B", {"a"}, {"a"
 constexpr Check unknown[] = {{"a", "A", {}, {}, nullptr}, {"b", "B", {"a", "x"}, {}, nullptr}};
 constexpr Check later[] = {{"a", "A", {}, {"b"}, nullptr}, {"b", "B", {}, {}, nullptr}};
 static_assert(isInOrder(inOrder) && !isInOrder(unknown) && !isInOrder(later));
-
 } // namespace
 
 class TestReport : public QObject {

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 namespace {
-
 /// A service manager's socket, named in the environment while it lives. A name that begins with '@' is abstract.
 class NotifySocket {
 public:
@@ -43,7 +42,6 @@ public:
 private:
     int m_descriptor;
 };
-
 } // namespace
 
 class TestServiceNotify : public QObject {

@@ -16,14 +16,11 @@
 using namespace simulator;
 
 namespace {
-
-/// The commands of talctl on a device without clients.
 struct Bench {
     DataTree tree;
     TalServer server{nullptr, tree};
     Device device{tree, server, nullptr, nullptr, {}};
 
-    /// The reply to a line, as "code text".
     QString run(const QString &line)
     {
         QString error;
@@ -47,7 +44,6 @@ struct GpioBench : Bench {
             qFatal("%s", qPrintable(error));
     }
 
-    /// Without its line end.
     QString content(const QString &name) const
     {
         QFile file(root + '/' + name);
@@ -56,7 +52,6 @@ struct GpioBench : Bench {
                                               : "(missing)";
     }
 
-    /// In place, as the kernel's files are written.
     bool write(const QString &name, const QByteArray &text) const
     {
         QFile file(root + '/' + name);
@@ -107,10 +102,8 @@ constexpr struct { const char *command, *reply, *signal; } announcements[] = {
 // clang-format on
 
 const QString busName = "com.orvane.pamon";
-
 } // namespace
 
-/// Collects the monitor's signals from the bus: name, types, values.
 class Listener : public QObject {
     Q_OBJECT
 

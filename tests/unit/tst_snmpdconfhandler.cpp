@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 namespace {
-
 const QByteArray usualFile = // of SnmpdBench::deliverSettings()
     snmpdConfText({{qs("public"), qs("Read"), qs("192.0.2.1"), qs("2001:db8::1"), qs("161")},
                    {qs("amp-1"), qs("cellar"), qs("ops")},
@@ -43,7 +42,6 @@ void withoutRoomForTheEnd(Function function)
     function();
     setrlimit(RLIMIT_FSIZE, &before);
 }
-
 } // namespace
 
 // Stand in front of the system's own.

@@ -8,7 +8,6 @@
 #include <csignal>
 
 namespace {
-
 const SnmpdHost host = deviceHost();
 const Command missingCommand{QStringLiteral("no-such-command-anywhere"), {}};
 constexpr int longMs = 30000;
@@ -20,7 +19,6 @@ Command shell(const char *script, const QString &file = {})
         QString::fromLatin1(script).replace(QStringLiteral("%1"), QLatin1Char('\'') + file + QLatin1Char('\''));
     return {QStringLiteral("sh"), {QStringLiteral("-c"), text}};
 }
-
 } // namespace
 
 class TestSnmpdHost : public QObject {

@@ -6,7 +6,6 @@
 #include "agent/trapgate.h"
 
 namespace {
-
 const QString restartingLine = qs("SnmpdConfHandler onRestartSnmpdTimeout Restarting snmpd");
 const QString cancelLine = qs("SnmpdConfHandler onRestartSnmpdTimeout Cancel restart snmp, no config file");
 const QString probeEvent = qs("probe(30000): ps|--noheaders|-C snmpd|-o rss");
@@ -48,7 +47,6 @@ struct StartedBench : SnmpdBench {
         events.clear();
     }
 };
-
 } // namespace
 
 class TestSnmpdSupervision : public QObject {
@@ -118,16 +116,6 @@ private Q_SLOTS:
         QVERIFY(QDir().mkpath(bench.folder));
         bench.settle();
         QVERIFY(QFile::exists(bench.configFile));
-        QTRY_COMPARE(bench.count(bench.startEvent()), 1);
-    }
-
-    void folderThatWentAndCameBackIsWatchedAgain()
-    {
-        StartedBench bench;
-        QVERIFY(QDir(bench.folder).removeRecursively());
-        QTRY_VERIFY(bench.tal.log.lines().contains(cancelLine));
-        QVERIFY(QDir().mkpath(bench.folder));
-        bench.settle();
         QTRY_COMPARE(bench.count(bench.startEvent()), 1);
     }
 
@@ -254,7 +242,6 @@ private Q_SLOTS:
     }
 
 private:
-    /// A clean start, and what is done before it.
     static void expectStart(SnmpdBench &bench, const QStringList &before)
     {
         bench.handler->doStartSnmpd();

@@ -6,7 +6,6 @@
 #include <memory>
 
 namespace {
-
 const QString settings = QStringLiteral("/state/config/snmp_settings/");
 
 using Traps = QMap<QString, bool>;
@@ -197,7 +196,6 @@ QString withTraps(QString data)
     static const QRegularExpression trap(qs("\\[([^=]*)=([^\\]]*)\\]"));
     return data.replace(trap, trapXml(qs("\\1"), qs("\\2")));
 }
-
 } // namespace
 
 class TestSnmpSettings : public QObject {

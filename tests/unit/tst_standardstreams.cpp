@@ -18,12 +18,10 @@
 #include <utility>
 
 namespace {
-
 constexpr char longLine[] = "a line of the length that a progress message usually has, and then a little more of it";
 
 constexpr int errnoBefore = EXDEV; // no call here fails with it
 
-/// Prints far more on both streams than any pipe, socket or terminal holds.
 void printTooMuch()
 {
     for (int i = 0; i < 20000; ++i)
@@ -61,7 +59,6 @@ int endOf(int descriptor, const std::function<void()> &function)
     return WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status);
 }
 
-/// False if it ends the child, or still runs after ten seconds.
 bool runsToItsEnd(int descriptor, const std::function<void()> &function)
 {
     return endOf(descriptor, function) == 7;
@@ -120,7 +117,6 @@ struct Ends {
     int reader = -1;
     int writer = -1;
 };
-
 } // namespace
 
 class TestStandardStreams : public QObject {

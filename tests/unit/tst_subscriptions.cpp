@@ -9,10 +9,8 @@
 #include <optional>
 
 namespace {
-
 using catalogue::Row;
 
-/// The subscriptions of a model, as they go over the socket.
 QByteArrayList requestsOf(uint model, const char *block)
 {
     QByteArrayList requests;
@@ -59,7 +57,6 @@ struct Bench {
         return all;
     }
 };
-
 } // namespace
 
 class TestSubscriptions : public QObject {

@@ -2,7 +2,6 @@
 #include "support/talinterfacebench.h"
 
 namespace {
-
 void subscribe(const char *ref, const char *path, const char *operation, const char *flag, int target = 0)
 {
     TalInterface::requestDataSubscribeSingleLevel(qs(ref), qs(path), qs(operation), qs(flag),
@@ -13,7 +12,6 @@ void edit(const char *ref, const char *path, const char *operation, const char *
 {
     TalInterface::requestDataEdit(qs(ref), qs(path), qs(operation), qs(xml));
 }
-
 } // namespace
 
 class TestTalInterface : public QObject {

@@ -9,7 +9,6 @@
 #include <thread>
 
 namespace {
-
 QString text(const char *latin1)
 {
     return QLatin1String(latin1);
@@ -19,7 +18,6 @@ void logs(const char *message)
 {
     Trace::logs(text("Class"), text("function"), text(message));
 }
-
 } // namespace
 
 class TestTrace : public QObject {

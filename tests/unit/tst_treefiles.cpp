@@ -10,7 +10,6 @@
 using namespace simulator;
 
 namespace {
-
 const QString treesFolder = KVSNMP_TREES;
 
 bool isRefused(const Refusal &refusal, const char *because)
@@ -20,7 +19,6 @@ bool isRefused(const Refusal &refusal, const char *because)
     qWarning("refusal: %s", refusal ? refusal->c_str() : "(none)");
     return false;
 }
-
 } // namespace
 
 class TestTreeFiles : public QObject {

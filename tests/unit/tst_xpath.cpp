@@ -4,7 +4,6 @@
 #include <xrcommon/TalInterface.h>
 
 namespace {
-
 /// In these texts "␀" stands for NUL and "�" for half of a surrogate pair.
 QString u(const char *text)
 {
@@ -25,7 +24,6 @@ constexpr char none[] = "(untouched)";
 constexpr char rpm[] = "/state/fans/fan[kid='fan1']/speed_sensor_rpm";
 constexpr char fan[] = "<fan><kid>fan1</kid><speed_sensor_rpm>1200</speed_sensor_rpm></fan>";
 constexpr char twoKeys[] = "/m/s[reporter='a'][rep_ref='b']";
-
 } // namespace
 
 class TestXPath : public QObject {

@@ -14,7 +14,6 @@ inline void request(const QString &xml)
     TalInterface::requestData(xml, TALTARGET_DEFAULT);
 }
 
-/// A message of the data service.
 inline QByteArray notify(const QByteArray &data)
 {
     return "<notify><ref>r</ref><op>replace</op><rpath>/a/b</rpath><spath>/a</spath><data>" + data + "</data></notify>";
@@ -22,7 +21,6 @@ inline QByteArray notify(const QByteArray &data)
 
 inline const QByteArray nul(1, '\0');
 
-/// A client that is connected.
 struct TalInterfaceBench {
     MessageLog log;
     TalPeer peer;
