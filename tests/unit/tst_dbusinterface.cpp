@@ -6,7 +6,6 @@
 
 #include "dbus/dbusinterface.h"
 
-#include <QDBusAbstractInterface>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
@@ -239,21 +238,8 @@ private Q_SLOTS:
         QTRY_COMPARE(monitor.notes.calls, QStringList{qs("com.orvane.pamon.doPaUiDbusConnected")});
     }
 
-    void proxyIsForTheMonitorOnTheSystemBus()
+    void signalsAndSlotsInOrder()
     {
-        LinkBench bench;
-        const auto proxies = bench.link->findChildren<QDBusAbstractInterface *>(QString(), Qt::FindDirectChildrenOnly);
-        QCOMPARE(proxies.size(), 1);
-        const QDBusAbstractInterface *proxy = proxies.first();
-        const QMetaObject &meta = *proxy->metaObject();
-        QCOMPARE(meta.className(), "ComOrvanePamonInterface");
-        QCOMPARE(proxy->service(), serviceName);
-        QCOMPARE(proxy->path(), objectPath);
-        QCOMPARE(proxy->interface(), serviceName);
-        QCOMPARE(proxy->connection().name(), QDBusConnection::systemBus().name());
-        const QMetaProperty property = meta.property(meta.indexOfProperty("pamonInterfacUp"));
-        QVERIFY(property.isReadable() && !property.isWritable());
-
         const QMetaObject &link = DbusInterface::staticMetaObject;
         QCOMPARE(ownMethods(link, QMetaMethod::Signal),
                  qs("gpoUpdateSignal(uint,QString,QString) gpiUpdateSignal(uint,QString) "

@@ -189,54 +189,6 @@ private Q_SLOTS:
         QVERIFY2(mostInATurn <= 4096 / single.size() + 1, qPrintable(QString::number(mostInATurn)));
     }
 
-    void slotDeletesTheClient()
-    {
-        TalInterfaceBench b;
-        int count = 0;
-        connect(b.tal.get(), &TalInterface::talNotifySignal, this, [&] {
-            ++count;
-            b.tal.reset();
-        });
-        b.peer.sendRaw(notify("<b/>") + nul + notify("<b/>") + nul);
-        QTRY_COMPARE(count, 1);
-        QTRY_VERIFY(!b.peer.isConnected());
-        QCOMPARE(count, 1);
-
-        auto tal = std::make_unique<TalInterface>(nullptr);
-        connect(tal.get(), &TalInterface::talLocalUnixSocketConnectedSignal, this, [&tal] { tal.reset(); });
-        QTRY_VERIFY(!tal);
-        QTRY_COMPARE(b.peer.connections(), 2);
-        QTRY_VERIFY(!b.peer.isConnected());
-    }
-
-    void slotRunsAnEventLoop()
-    {
-        TalInterfaceBench b;
-        bool isFirst = true;
-        connect(b.tal.get(), &TalInterface::talNotifySignal, this, [&] {
-            if (!std::exchange(isFirst, false))
-                return;
-            b.peer.sendMessage(notify("<b>3</b>"));
-            QTRY_COMPARE(b.notified.count(), 3);
-        });
-        b.peer.sendRaw(notify("<b>1</b>") + nul + notify("<b>2</b>") + nul);
-        QTRY_COMPARE(b.notified.count(), 3);
-        QCOMPARE(b.dataTexts(), QStringList({qs("<b>1</b>"), qs("<b>2</b>"), qs("<b>3</b>")}));
-    }
-
-    void nothingOfAConnectionLostWithinASlot()
-    {
-        TalInterfaceBench b;
-        b.peer.readNothing();
-        connect(b.tal.get(), &TalInterface::talNotifySignal, this, [] {
-            for (int i = 0; i < 100; ++i) // more than is kept for a service that reads nothing
-                request(QString(100000, QLatin1Char('x')));
-        });
-        b.peer.sendRaw(notify("<b>1</b>") + nul + notify("<b>2</b>") + nul);
-        QTRY_COMPARE(b.connected.count(), 2);
-        QCOMPARE(b.dataTexts(), QStringList({qs("<b>1</b>")}));
-    }
-
     // last: it stays on
     void debugPrint()
     {

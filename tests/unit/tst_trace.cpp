@@ -189,16 +189,6 @@ private Q_SLOTS:
         }
     }
 
-    void lockIsReleasedAfterEachLine()
-    {
-        logs("message");
-        QVERIFY(Trace::traceMutex.tryLock());
-        Trace::unlock();
-        Trace::lock();
-        QVERIFY(!Trace::traceMutex.tryLock());
-        Trace::unlock();
-    }
-
     void errorText()
     {
         for (const auto &[number, expected] :
