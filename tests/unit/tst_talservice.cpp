@@ -277,17 +277,6 @@ private Q_SLOTS:
         QTRY_COMPARE(quick.received.count('\0'), sent); // the other one gets every change
     }
 
-    void fileInPlaceOfTheSocketIsKept()
-    {
-        DataTree tree;
-        TalServer server(nullptr, tree);
-        QTemporaryFile file;
-        QString error;
-        QVERIFY(file.open());
-        QVERIFY(!server.listen(file.fileName(), error));
-        QVERIFY(error.endsWith("is there and is no socket") && file.exists());
-    }
-
     void controlCommands()
     {
         const Service service;

@@ -1,4 +1,4 @@
-// The tree files of the simulator: the tree of every model, and files that are refused.
+// The tree files of the simulator: the tree of every model.
 #include "support/catalogue.h"
 #include "support/testprogram.h"
 
@@ -11,14 +11,6 @@ using namespace simulator;
 
 namespace {
 const QString treesFolder = KVSNMP_TREES;
-
-bool isRefused(const Refusal &refusal, const char *because)
-{
-    if (refusal && refusal->find(because) != std::string::npos)
-        return true;
-    qWarning("refusal: %s", refusal ? refusal->c_str() : "(none)");
-    return false;
-}
 } // namespace
 
 class TestTreeFiles : public QObject {
@@ -48,27 +40,6 @@ private Q_SLOTS:
             QCOMPARE(names, switches);
         }
         QCOMPARE(modelsIn(treesFolder), models);
-    }
-
-    void wrongTreeFiles()
-    {
-        static constexpr const char *rows[][2] = {
-            {"<tree><state></tree>", "1.xml: malformed XML"},
-            {"<state/>", "the root of a tree file is <tree>"},
-            {"<tree><x/></tree>", "neither <include> nor <state>: x"},
-            {"<tree><include>no.xml</include></tree>", "no.xml: No such file"},
-            {"<tree><include>1.xml</include></tree>", "in a circle"},
-        };
-        const QTemporaryDir folder;
-        DataTree tree;
-        for (const auto &[xml, error] : rows) {
-            QFile file(folder.filePath("1.xml"));
-            QVERIFY(file.open(QIODevice::WriteOnly) && file.write(xml) > 0);
-            file.close();
-            QVERIFY(isRefused(loadModel(folder.path(), "1", tree), error));
-        }
-        QVERIFY(isRefused(loadModel(folder.path(), "2", tree), "no tree for model 2, there is one for: 1"));
-        QVERIFY(isRefused(loadModel(folder.path() + "/x", "1", tree), "no tree files in"));
     }
 
 private:
