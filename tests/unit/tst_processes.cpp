@@ -4,9 +4,6 @@
 
 #include "check/processes.h"
 
-#include <QDir>
-#include <QTemporaryDir>
-
 #include <unistd.h>
 
 namespace {

@@ -6,11 +6,6 @@
 #include "check/report.h"
 #include "check/subject.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QSet>
-
 namespace {
 int badLooks = 0;
 

@@ -1,4 +1,4 @@
-// talctl and talservice as programs: words, replays, batches, exit codes.
+// talctl as a program: words, replays, scenarios, exit codes.
 #include "support/catalogue.h"
 #include "support/testprogram.h"
 
@@ -7,15 +7,6 @@
 #include "simulator/treefiles.h"
 #include "simulator/treexml.h"
 #include "simulator/words.h"
-
-#include <QDir>
-#include <QElapsedTimer>
-#include <QFile>
-#include <QProcess>
-#include <QRegularExpression>
-#include <QSet>
-#include <QTemporaryDir>
-#include <csignal>
 
 using namespace simulator;
 
@@ -26,10 +17,10 @@ struct Result {
     QString err;
 };
 
-Result runProgram(const char *program, const QStringList &arguments, const QByteArray &input = {})
+Result runTalctl(const QStringList &arguments, const QByteArray &input = {})
 {
     QProcess process;
-    process.start(program, arguments);
+    process.start(KVSNMP_TALCTL, arguments);
     process.write(input);
     process.closeWriteChannel();
     if (!process.waitForFinished(60000))
@@ -43,47 +34,27 @@ struct Service {
     QString socket = folder.filePath("tal.sock");
     QString control = folder.filePath("ctl.sock");
     QProcess process;
-    QString readyLine;
 
-    explicit Service(const QStringList &more = {}) { start(more); }
-
-    void start(const QStringList &more = {})
+    Service()
     {
         process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        process.start(KVSNMP_TALSERVICE, arguments() + more);
-        while (!process.canReadLine())
-            if (!process.waitForReadyRead(20000))
-                return;
-        readyLine = QString::fromUtf8(process.readLine()).trimmed();
+        process.start(KVSNMP_TALSERVICE,
+                      {"--socket", socket, "--control", control, "--bus", "none", "--model", "6420"});
+        process.waitForReadyRead(20000);
     }
-
-    QStringList arguments() const
+    ~Service()
     {
-        return {"--socket", socket, "--control", control, "--bus", "none", "--model", "6420"};
+        process.terminate();
+        process.waitForFinished();
     }
 
     Result talctl(const QStringList &words, const QByteArray &input = {}) const
     {
-        return runProgram(KVSNMP_TALCTL, QStringList{"--control", control} + words, input);
-    }
-
-    int end(int signal)
-    {
-        ::kill(static_cast<pid_t>(process.processId()), signal);
-        if (!process.waitForFinished(20000))
-            return -1;
-        return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -2;
-    }
-
-    ~Service()
-    {
-        if (process.state() != QProcess::NotRunning)
-            end(SIGKILL);
+        return runTalctl(QStringList{"--control", control} + words, input);
     }
 };
 
 constexpr char fanPath[] = "/state/fans/fan[kid='amp_power']/speed_sensor_rpm";
-constexpr char namePath[] = "/state/config/snmp_settings/mib_2_settings/sys_name";
 
 // clang-format off
 /// A line, and its words, each with a | behind it, or its error.
@@ -128,16 +99,6 @@ constexpr struct { const char *words; int code; const char *out, *err; } calls[]
      "network-port-lost output-stage-shutdown)"},
 };
 
-/// The arguments of a talservice that does not start, its exit code and the beginning of its error after
-/// "talservice: ".
-constexpr struct { const char *arguments; int code; const char *err; } refusedStarts[] = {
-    {"",                                            2, "--model is missing (there is a tree for: 6211 6214"},
-    {"--model 6420 --trees /x",                     2, "no tree files in /x"},
-    {"--model 6420 --bus x",                        2, "--bus is"},
-    {"--model 6420 --set /state/fans/fan[kid='a]=b']/x=1", 2,
-     "--set /state/fans/fan[kid='a]=b']/x=1: no such node: /state/fans/fan[kid='a]=b']/x\n"},
-    {"--model 6420 --bus none --socket /nowhere/x", 1, "/nowhere/x: its folder is not there"},
-};
 // clang-format on
 } // namespace
 
@@ -200,7 +161,7 @@ private Q_SLOTS:
             QCOMPARE(service.talctl({"get", fanPath}).out, *value != '\0' ? QString(value) + '\n' : QString());
         }
         const QString path = service.folder.filePath("none.sock");
-        const Result noService = runProgram(KVSNMP_TALCTL, {"--control", path, "get", "/state"});
+        const Result noService = runTalctl({"--control", path, "get", "/state"});
         QCOMPARE(noService.code, 3);
         QCOMPARE(noService.err, QString("talctl: no service at %1: No such file or directory\n").arg(path));
     }
@@ -284,75 +245,6 @@ private Q_SLOTS:
                 QVERIFY(active.isEmpty());
             }
         }
-    }
-
-    void batch()
-    {
-        const Service service;
-        const QByteArray fan = fanPath;
-        const Result good = service.talctl({"batch"}, "# one\nset " + fan + " 5\n\nget " + fan);
-        QCOMPARE(good.err, QString());
-        QCOMPARE(good.out, QString("5\n"));
-        QCOMPARE(good.code, 0);
-        const Result bad = service.talctl({"batch"}, "set /state/x 1\nset 'x\nfrob\nget " + fan + "\n");
-        QCOMPARE(bad.code, 1);
-        QCOMPARE(bad.out, QString("5\n"));
-        QCOMPARE(bad.err, QString("talctl: line 1: no such node: /state/x\ntalctl: line 2: a quote is left open\n"
-                                  "talctl: line 3: no such command: frob (talctl --help shows all)\n"));
-    }
-
-    void batchAnswersAtOnce()
-    {
-        const Service service;
-        QProcess batch;
-        batch.start(KVSNMP_TALCTL, {"--control", service.control, "batch", "--answers"});
-        const auto answer = [&](const QByteArray &line) {
-            batch.write(line + '\n');
-            while (!batch.canReadLine())
-                if (!batch.waitForReadyRead(20000))
-                    return QByteArray("(nothing)");
-            return batch.readLine();
-        };
-        QCOMPARE(answer(QByteArray("get ") + fanPath), QByteArray("{\"code\":0,\"text\":\"1450\"}\n"));
-        QCOMPARE(answer("[\"set\",\"/state/x\",\"1\"]"),
-                 QByteArray("{\"code\":1,\"text\":\"no such node: /state/x\"}\n"));
-        batch.closeWriteChannel();
-        QVERIFY(batch.waitForFinished(20000));
-        QCOMPARE(batch.exitCode(), 0);
-    }
-
-    void serviceRefusesToStart()
-    {
-        for (const auto &row : refusedStarts) {
-            const AtRow at(row.arguments);
-            const Result result = runProgram(KVSNMP_TALSERVICE, QString(row.arguments).split(' ', Qt::SkipEmptyParts));
-            QVERIFY2(result.err.startsWith(QString("talservice: ") + row.err), qPrintable(result.err));
-            QCOMPARE(result.code, row.code);
-            QCOMPARE(result.out, QString());
-        }
-    }
-
-    void serviceEndsAndStartsAgain()
-    {
-        Service service({"--set", QString(namePath) + "=a]['=b"});
-        QCOMPARE(service.readyLine, QString("talservice: ready model 6420 socket %1 control %2 gpio none bus none")
-                                        .arg(service.socket, service.control));
-        QCOMPARE(service.talctl({"get", namePath}).out, QString("a]['=b\n"));
-        const Result second = runProgram(KVSNMP_TALSERVICE, service.arguments());
-        QCOMPARE(second.code, 1);
-        QVERIFY(second.err.endsWith("is served by another program\n"));
-        QCOMPARE(service.end(SIGTERM), 0);
-        QVERIFY(!QFile::exists(service.socket) && !QFile::exists(service.control));
-        QProcess waiting;
-        waiting.start(KVSNMP_TALCTL, {"--control", service.control, "--wait", "20", "get", fanPath});
-        QVERIFY(waiting.waitForStarted());
-        service.start();
-        QVERIFY(waiting.waitForFinished(20000));
-        QCOMPARE(waiting.readAllStandardOutput(), QByteArray("1450\n"));
-        service.end(SIGKILL);
-        QVERIFY(QFile::exists(service.socket)); // left behind, and replaced
-        service.start();
-        QVERIFY(service.readyLine.startsWith("talservice: ready"));
     }
 };
 

@@ -122,11 +122,6 @@ constexpr struct { const char *line, *reply; } commands[] = {
                             "/state/fans/fan[kid='amp_class_d']\t"
                             "<fan><kid>amp_class_d</kid><speed_sensor_rpm>1600</speed_sensor_rpm></fan>"},
     {"get /state/fans/fan/kid", "0 FAN/kid\tamp_power\n/state/fans/fan[kid='amp_class_d']/kid\tamp_class_d"},
-    {"get x y", "2 usage: talctl get PATH"},
-    {R"(["create","/state/x","<x><y> \n&lt;'&quot;> </y></x>"])", "0"},
-    {"get /state/x", "0 <x>\n  <y> \n&lt;'\"&gt; </y>\n</x>"},
-    {"patch /state/x <x><z>2</z></x>", "0"}, {"get /state/x/z", "0 2"},
-    {"replace /state/x <x/>", "0"}, {"get /state/x", "0"}, {"delete /state/x", "0"},
     {"fault raise amp 7 fan_not_running crit 'no fan' --timestamp 0x10", "0"},
     {"fault raise amp 7 x crit t", "1 is there already: FAULT"},
     {"get FAULT", "0 <sys_message>\n  <reporter>amp</reporter>\n  <rep_ref>7</rep_ref>\n  <msgdata>\n"
@@ -142,8 +137,6 @@ constexpr struct { const char *line, *reply; } commands[] = {
     {"trap disable 'LET Fault'", "0"},
     {"get \"TRAP\"", "0 <trap>\n  <name>LET Fault</name>\n  <enabled>false</enabled>\n</trap>"},
     {"trap enable 'LET Fault'", "0"}, {"get \"TRAP/enabled\"", "0 true"}, {"trap enable x", "1 no such trap: x"},
-    {"gpio list", "1 no GPIO tree: talservice was started without --gpio-root"},
-    {"monitor gpi 1 ok_open", "1 the amplifier monitor is on no message bus"},
 };
 // clang-format on
 
@@ -285,22 +278,6 @@ private Q_SLOTS:
             const AtRow at(line);
             QCOMPARE(control.run(withPaths(line)), withPaths(reply));
         }
-    }
-
-    void controlRepliesInOrder()
-    {
-        const Service service;
-        Control control(service);
-        Control other(service);
-        QByteArray lines;
-        for (int i = 0; i < 3000; ++i)
-            lines += QByteArray("set ") + (i % 3 == 0 ? "/state/none" : fanPath) + ' ' + QByteArray::number(i) + '\n';
-        control.socket.write(lines + "[\"get\",\nget " + fanPath + '\n');
-        QCOMPARE(other.run("get /state/power_sources/power_source[kid='ac_power']/live"), QString("0 true"));
-        for (int i = 0; i < 3000; ++i)
-            QCOMPARE(control.reply(), QString(i % 3 == 0 ? "1 no such node: /state/none" : "0"));
-        QCOMPARE(control.reply(), QString("2 malformed JSON list"));
-        QCOMPARE(control.reply(), QString("0 2999"));
     }
 
     void replyComesAfterTheChangeWasSent()

@@ -1,9 +1,8 @@
-// The simulator's amplifier monitor and GPIO tree, and their commands.
+// The simulator's amplifier monitor and its commands.
 #include "support/messagebus.h"
 #include "support/testprogram.h"
 
 #include "simulator/commandrunner.h"
-#include "simulator/gpiotree.h"
 #include "simulator/monitor.h"
 #include "simulator/talserver.h"
 #include "simulator/treefiles.h"
@@ -11,7 +10,6 @@
 
 #include <QDBusConnection>
 #include <QDBusMessage>
-#include <QDBusPendingReply>
 
 using namespace simulator;
 
@@ -28,61 +26,6 @@ struct Bench {
         return QString("%1 %2").arg(reply.code).arg(reply.text).trimmed();
     }
 };
-
-/// A GPIO tree, and its folder as a program sees it that does not know the simulator.
-struct GpioBench : Bench {
-    QTemporaryDir folder;
-    QString root = folder.filePath("gpio");
-    GpioTree gpio;
-
-    GpioBench(uint model, bool exportAll) : gpio(nullptr, root, model)
-    {
-        device.gpio = &gpio;
-        gpio.setOutput("gpio2");
-        QString error;
-        if (!gpio.start(exportAll, error))
-            qFatal("%s", qPrintable(error));
-    }
-
-    QString content(const QString &name) const
-    {
-        QFile file(root + '/' + name);
-        return file.open(QIODevice::ReadOnly) ? QString(file.readAll()).remove('\n')
-               : file.exists()                ? "(folder)"
-                                              : "(missing)";
-    }
-
-    bool write(const QString &name, const QByteArray &text) const
-    {
-        QFile file(root + '/' + name);
-        return file.open(QIODevice::ReadWrite | QIODevice::ExistingOnly | QIODevice::Unbuffered) &&
-               file.write(text) == text.size();
-    }
-};
-
-/// Steps on a GPIO tree: "FILE: TEXT" in the end, "FILE < TEXT" writes, "COMMAND -> REPLY" of talctl gpio.
-// clang-format off
-constexpr struct { const char *name; uint model; bool exportAll; const char *steps; } gpioScripts[] = {
-    {"chips and lines", 6891, true,
-     "gpiochip616/label: 1-0022; gpiochip616/base: 616; gpiochip616/ngpio: 16; gpio504/direction: in; gpio505/direction: out; "
-     "gpio510/direction: out; gpio504/edge: none; gpio504/value: 0"},
-    {"levels", 6891, true,
-     "gpio1 1 -> 0; gpio504/value: 1; 504 unreadable -> 0; gpio504/value: unreadable; gpio1 0 -> 0; gpio504/value: 0; "
-     "e_relay8 1 -> 0; gpio607/value: 1; gpio15 1 -> 1 no such line: gpio15; "
-     "gpio1 2 -> 2 usage: talctl gpio LINE 0|1|unreadable"},
-    {"exports by file: the number in the tree, with and without a line end, longer and shorter than before", 6214, false,
-     "gpio84: (missing); export < 84; gpio84/value: 0; export: ; export < 168\n; gpio168/value: 0; export: ; "
-     "export < 600\n; gpio600/value: 0; export: ; export < 5000; export: ; export < x; export: ; export < 176; export: ; "
-     "gpio176: (missing); unexport < 84; gpio84: (missing)"},
-    {"exports by command, and a level that is kept for the next export", 6214, false,
-     "export relay3 -> 0; gpio84/value: 0; export relay3 -> 1 relay3 is exported already; unexport 84 -> 0; "
-     "unexport 84 -> 1 relay3 is not exported; relay3 1 -> 0; gpio84: (missing); export relay3 -> 0; gpio84/value: 1"},
-    {"the tree is removed and restored", 6211, true,
-     "unexport gpio2 -> 0; restore -> 1 the GPIO tree is in place; remove -> 0; : (missing); "
-     "remove -> 1 the GPIO tree is removed already; gpio1 1 -> 0; : (missing); restore -> 0; gpio168/value: 1; "
-     "gpio169: (missing); export < 169; gpio169/value: 0"}, // the new file is watched
-};
-// clang-format on
 
 /// Commands of talctl monitor, one after the other, their replies and the signals that they send.
 // clang-format off
@@ -120,7 +63,7 @@ public Q_SLOTS:
     }
 };
 
-class TestSimulatedDevice : public QObject {
+class TestMonitor : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -174,24 +117,7 @@ private Q_SLOTS:
         monitor.setChannels(ampChannelsOf(station));
         QCOMPARE(b.run("monitor amp 0 1"), QString("1 this model has no amplifier channel (--any sends any)"));
     }
-
-    void gpioTreeOnDisk()
-    {
-        for (const auto &[name, model, exportAll, steps] : gpioScripts) {
-            const AtRow at(name);
-            GpioBench b(model, exportAll);
-            for (const QString &step : QString(steps).split("; ")) {
-                const AtRow atStep(step.toUtf8());
-                if (step.contains(" < "))
-                    QVERIFY(b.write(step.section(" < ", 0, 0), step.section(" < ", 1).toLatin1()));
-                else if (step.contains(" -> "))
-                    QCOMPARE(b.run("gpio " + step.section(" -> ", 0, 0)), step.section(" -> ", 1));
-                else
-                    QTRY_COMPARE(b.content(step.section(": ", 0, 0)), step.section(": ", 1));
-            }
-        }
-    }
 };
 
-const TestEntry entry("tst_simulateddevice", runTest<TestSimulatedDevice>);
-#include "tst_simulateddevice.moc"
+const TestEntry entry("tst_monitor", runTest<TestMonitor>);
+#include "tst_monitor.moc"
