@@ -47,14 +47,6 @@ private Q_SLOTS:
         }
     }
 
-    void thisProcessIsFound()
-    {
-        const std::optional<Process> self = processOf(getpid());
-        QVERIFY(self);
-        QCOMPARE(self->name, QCoreApplication::applicationName().toLocal8Bit());
-        QVERIFY(qAbs(self->started.secsTo(QDateTime::currentDateTime())) < 100);
-    }
-
     void environment()
     {
         write("30/environ", QByteArray("PATH=/bin:/sbin\0EMPTY=\0A=b=c\0", 29));

@@ -32,13 +32,6 @@ private Q_SLOTS:
         m_timer.start();
     }
 
-    void pathsAreTheSystems()
-    {
-        QCOMPARE(host.configFile, QStringLiteral("/etc/snmp/snmpd.conf"));
-        QCOMPARE(host.configFolder, QStringLiteral("/etc/snmp/"));
-        QCOMPARE(host.pidFile, QStringLiteral("/var/run/snmpd.pid"));
-    }
-
     void runWaitsForTheEndAndIgnoresFailures()
     {
         host.run(shell("sleep 0.3; echo noise; echo noise >&2; : > %1; exit 3", m_file));
