@@ -85,18 +85,10 @@ constexpr struct { const char *words; int code; const char *out, *err; } calls[]
     {"get /state/x",                         1, "",     "no such node: /state/x"},
     {"",                                     2, "",     "no command (talctl --help shows all)"},
     {"--x get",                              2, "",     "Unknown option 'x' (talctl --help shows all)"},
-    {"--wait nan get /state",                2, "",     "--wait needs a number of seconds"},
     {"get",                                  2, "",     "usage: talctl get PATH"},
-    {"trap x",                               2, "",     "no such command: trap x (talctl trap --help shows all)"},
-    {"monitor amp x 1",                      2, "",     "not a number: x"},
     {"fault raise a 1 x odd t",              1, "",
      "no such level: odd (possible: emerg alert crit err warning notice info debug; --any sends any other)"},
-    {"fault raise a 1 x odd t --any",        0, "",     ""},
-    {"replay /nowhere",                      2, "",     "/nowhere: No such file or directory"},
     {"replay /nowhere --speed 0",            2, "",     "--speed needs a number above 0"},
-    {"scenario x",                           2, "",
-     "no such scenario: x (possible: fan-fails fault-flood healthy-day let-lost line-shorted mains-lost "
-     "network-port-lost output-stage-shutdown)"},
 };
 
 // clang-format on
