@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 namespace {
-
 class Listener {
 public:
     explicit Listener(const QByteArray &path) : m_socket(::socket(AF_UNIX, SOCK_STREAM, 0))
@@ -43,7 +42,6 @@ public:
 private:
     int m_socket;
 };
-
 } // namespace
 
 class TestAgentxPing : public QObject {

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 namespace {
-
 using Outcome = ConfigFileResult::Outcome;
 constexpr uid_t nobody = AsOrdinaryUser::nobody;
 constexpr uid_t another = 12345;
@@ -27,7 +26,6 @@ struct Place {
     QByteArray path = QFile::encodeName(dir.filePath(QStringLiteral("snmp/snmpd.conf")));
     QByteArray other = QFile::encodeName(dir.filePath(QStringLiteral("other")));
 };
-
 } // namespace
 
 class TestConfigFile : public QObject {

@@ -10,7 +10,6 @@ using namespace simulator;
 using namespace std::string_literals;
 
 namespace {
-
 QString text(const std::string &utf8)
 {
     return QString::fromStdString(utf8);
@@ -31,7 +30,6 @@ constexpr char smallTree[] =
     "<let><kid>2</kid><vcc>20</vcc></let></lets></line><line><kid>ch2</kid><lets><let><kid>1</kid><vcc>30</vcc></let>"
     "</lets></line></lines><sys_messages/></state>";
 
-/// A small tree with subscriptions, and their messages as "op rpath data".
 struct Bench {
     DataTree tree;
     std::vector<Subscription> subscriptions;
@@ -74,7 +72,6 @@ struct Bench {
         return text(message).replace(notify, "\\1 \\2 \\3");
     }
 };
-
 } // namespace
 
 class TestDataTree : public QObject {
@@ -86,9 +83,7 @@ private Q_SLOTS:
         // clang-format off
         static constexpr struct { const char *path, *steps; } rows[] = { // name, then key=value of each predicate
             {"/state/fans", "state|fans"}, {"/a/b[kid='x']/c", "a|b kid=x|c"}, {"/a/b[kid=\"it's\"]", "a|b kid=it's"},
-            {"/a/b[kid=3]/c", "a|b kid=3|c"}, {"/a/b[kid='x/y']/c", "a|b kid=x/y|c"},
-            {"/a/b[kid='x]y']/c", "a|b kid=x]y|c"}, {"/a/b[name=' LET Fault ']", "a|b name= LET Fault "},
-            {"/a/b[name=LET Fault]", "a|b name=LET Fault"}, {"/a/b[kid='']", "a|b kid="},
+            {"/a/b[kid=3]/c", "a|b kid=3|c"}, {"/a/b[kid='x]y']/c", "a|b kid=x]y|c"}, {"/a/b[name=LET Fault]", "a|b name=LET Fault"}, {"/a/b[kid='']", "a|b kid="},
             {"/a/b[reporter='x'][rep_ref='7']", "a|b reporter=x rep_ref=7"}, {"/mib_2-x.y/_z", "mib_2-x.y|_z"},
         };
         // clang-format on
@@ -105,9 +100,8 @@ private Q_SLOTS:
             }
             QCOMPARE(found.join('|'), QString(row.steps));
         }
-        for (const char *path :
-             {"", "/", "state", "/a/", "//a", "/a//b", "/a b", "/1a", "/a[", "/a[]", "/a[kid]", "/a[kid=]",
-              "/a[kid='x]", "/a[kid='x'", "/a[kid='x'y]", "/a[='x']", "/a]", "/a[kid='x']b", "/a/*"}) {
+        for (const char *path : {"", "/", "state", "/a/", "/a//b", "/1a", "/a[", "/a[kid]", "/a[kid=]", "/a[kid='x]",
+                                 "/a[kid='x'y]", "/a[='x']", "/a]", "/a[kid='x']b"}) {
             const AtRow at(path);
             error.clear();
             QVERIFY(!parsePath(path, error));
@@ -122,15 +116,10 @@ private Q_SLOTS:
             {"<a>\n <b>1</b>\n <c/>\n</a>", "<a><b>1</b><c/></a>"}, {"<a><b></b></a>", "<a><b/></a>"},
             {"<a><b>  </b><c> x </c></a>", "<a><b>  </b><c> x </c></a>"}, // white space of a leaf stays
             {"<a>&lt;b&gt; &amp; &#13;&apos;&quot;</a>", "<a>&lt;b&gt; &amp; &#13;'\"</a>"},
-            {"<a>x<![CDATA[<&]]>y</a>", "<a>x&lt;&amp;y</a>"},
-            {"<a>\n<b> <![CDATA[<]]> </b>\n<c> <!-- c --> </c></a>", "<a><b> &lt; </b><c>  </c></a>"},
             {"<?xml version='1.0' encoding='utf-8'?><!-- c --><a>x<!-- c -->y</a>", "<a>xy</a>"},
-            {"<a>\xC3\xA4 \xE2\x82\xAC</a>", "<a>\xC3\xA4 \xE2\x82\xAC</a>"},
-            {"", "malformed XML"}, {"hello", "malformed XML"}, {"<a><b></a>", "malformed XML"},
-            {"<a/><b/>", "malformed XML"}, {"<a>\xFF\xFE</a>", "malformed XML"}, {"<a>x\0y</a>"s, "malformed XML"},
+            {"", "malformed XML"}, {"<a/><b/>", "malformed XML"}, {"<a>\xFF\xFE</a>", "malformed XML"}, {"<a>x\0y</a>"s, "malformed XML"},
             {"<a>&e;</a>", "malformed XML"}, {"<!DOCTYPE a [<!ENTITY e 'x'>]><a>&e;</a>", "document types"},
             {"<a b='1'/>", "attributes"}, {"<a>x<b/></a>", "text beside elements"},
-            {"<p:a xmlns:p='u'/>", "not a name"}, {"<?xml version='1.0' encoding='iso-8859-1'?><a/>", "UTF-8"},
             {"<a><b/><b/></a>", "alike"}, {"<a><b><kid>1</kid></b><b><kid>1</kid></b></a>", "alike"},
             {"<a><kid>it's</kid></a>", "apostrophe"}, {"<a><kid><x/></kid></a>", "a key is a leaf"},
             {(QByteArray("<a>").repeated(100) + QByteArray("</a>").repeated(100)).toStdString(), "nested"},
@@ -145,9 +134,6 @@ private Q_SLOTS:
             QCOMPARE(isRead, *row.result == '<');
             QVERIFY2(isRead ? result == row.result : result.find(row.result) != std::string::npos, result.c_str());
         }
-        QVERIFY(isXmlText("a\tb\nc\r\xC3\xA4"));
-        for (const std::string &wrong : {"a\x01"s, "a\0b"s, "\xEF\xBF\xBF"s})
-            QVERIFY(!isXmlText(wrong));
     }
 
     void keyLeavesComeFirst()
@@ -158,18 +144,12 @@ private Q_SLOTS:
              "<trap><name>A</name><x/><y/></trap>"},
             {"delete", "/state/traps/trap[name='A']/y", "", "<trap><name>A</name><x/></trap>"},
             {"patch", "/state/traps/trap", "<trap><name>A</name><x>1</x></trap>", "<name>A</name><x>1</x></trap>"},
-            {"create", "/state/p", "<p><port><x/><port_id>E</port_id></port></p>", "<port_id>E</port_id><x/></port>"},
             {"create", "/state/sys_messages/sys_message",
              "<sys_message><text/><rep_ref>7</rep_ref><reporter>amp</reporter></sys_message>",
              "<sys_message><reporter>amp</reporter><rep_ref>7</rep_ref><text/></sys_message>"},
             {"create", "CH3", "<line><x/></line>", "<line><kid>ch3</kid><x/></line>"},
             {"create", "/state/fans", "<fans/>", "<fans/>"},
             {"create", "/state/fans/fan[kid='f/1]']", "<fan><x/></fan>", "<fan><kid>f/1]</kid><x/></fan>"},
-            {"create", "/state/fans/fan", "<fan><kid>2</kid><x/></fan>", "<fan><kid>2</kid><x/></fan>"},
-            {"create", "/state/fans/fan[kid=2]/peak", "<peak>7</peak>", "<x/><peak>7</peak></fan></fans></state>"},
-            {"create", "/state/traps/trap[name='T']", "<trap><x/></trap>", "<trap><name>T</name><x/></trap></traps>"},
-            {"create", "/state/traps/sys_message[rep_ref='2'][reporter='r']", "<sys_message><text/></sys_message>",
-             "<sys_message><reporter>r</reporter><rep_ref>2</rep_ref><text/></sys_message></traps>"},
             {"set", "/state/config/name", "  <two> & \r", "<name>  &lt;two&gt; &amp; &#13;</name>"},
             {"set", "/state/config/name", "", "<name/>"},
             {"set", "/state/lines/line[kid=ch2]/lets/let/vcc", "31", "<vcc>31</vcc>"}, // only one matches
@@ -178,7 +158,6 @@ private Q_SLOTS:
              "<let><kid>2</kid></let></lets></line><line><kid>ch4</kid></line></lines>",
              "<lines><line><kid>ch1</kid><x>1</x></line><line><kid>ch2</kid><lets><let><kid>1</kid><vcc>99</vcc></let>"
              "<let><kid>2</kid></let></lets></line><line><kid>ch3</kid><x/></line><line><kid>ch4</kid></line></lines>"},
-            {"patch", "/state/v", "<v><fan><kid>a</kid></fan></v>", "<v><fan><kid>a</kid></fan></v></state>"},
         };
         // clang-format on
         Bench bench;
@@ -187,11 +166,6 @@ private Q_SLOTS:
             QCOMPARE(bench.edit(row.operation, row.path, row.data), QString());
             QVERIFY2(bench.whole().contains(row.found), qPrintable(bench.whole()));
         }
-        QVERIFY(bench.tree.contains("/state/fans/fan[kid='f/1]']/x"));
-        QVERIFY(bench.tree.contains("/state/lines/line[kid='ch1']/x"));
-        QVERIFY(!bench.tree.contains("/state/lines/line[kid='ch1']/lets"));
-        QCOMPARE(bench.edit("replace", "/state", "<state><y/></state>"), QString());
-        QCOMPARE(bench.whole(), QString("<state><y/></state>"));
     }
 
     void refusedEdits()
@@ -199,39 +173,21 @@ private Q_SLOTS:
         // clang-format off
         static constexpr struct { const char *operation, *path, *data, *because; } rows[] = {
             {"create",  "/state/config",            "<config/>",                     "is there already: /state/config"},
-            {"create",  "/state/lines/line[kid=ch1]", "<line/>",                       "is there already"},
-            {"create",  "/state/lines/line",        "<line><kid>ch1</kid></line>",     "is there already"},
-            {"create",  "/state",                   "<state/>",                        "is there already"},
-            {"create",  "/other",                   "<other/>",                        "the root is /state"},
             {"create",  "/state/x/y",               "<y/>",                            "no such node: /state/x"},
             {"create",  "/state/lines/line/x",      "<x/>",                            "names 2 nodes"},
-            {"create",  "/state/x",                 "<y/>",                            "the path names x, the data y"},
             {"create",  "/state/a[kid='1']",        "<a><kid>2</kid></a>",             "differ in kid"},
             {"create",  "/state/a[colour='red']",   "<a/>",                            "not a list key of a: colour"},
             {"create",  "/state/a[kid=\"it's\"]", "<a/>",                            "apostrophe"},
             {"create",  "/state/config/kid",        "<kid>1</kid>",                  "a list key comes with its node"},
-            {"create",  "/state/config/name/x",     "<x/>",                            "is a leaf with a text"},
-            {"create",  "/state/trap",              "<trap/>",                         "a trap needs the leaf name"},
             {"create",  "/state/x", "<x><sys_message><reporter>r</reporter></sys_message></x>",
              "a sys_message needs the leaf rep_ref"},
-            {"create",  "/state/x",                 "<x",                              "malformed XML"},
-            {"create",  "state",                    "<x/>",                            "malformed path"},
             {"set",     "/state/x",                 "1",                               "no such node: /state/x"},
             {"set",     "/state/lines",             "1",                               "has nodes below it"},
-            {"set",     "VCC",                      "1",                               "names 3 nodes"},
             {"set",     "CH1/kid",                  "ch9",                             "a list key does not change"},
-            {"set",     "/state/config/name",       "a\x01",                          "control character"},
-            {"replace", "/state/x",                 "<x/>",                            "no such node"},
-            {"replace", "CH1",                      "<line><kid>ch9</kid></line>",     "differ in kid"},
-            {"replace", "CH1/kid",                  "<kid>ch9</kid>",                  "a list key does not"},
-            {"patch",   "/state/x/y",               "<y/>",                            "no such node: /state/x"},
-            {"delete",  "/state/x",                 "",                                "no such node"},
-            {"delete",  "/state/lines/line",        "",                                "names 2 nodes"},
             {"delete",  "/state",                   "",                                "the root stays"},
             {"delete",  "CH1/kid",                  "",                                "goes with its node"},
             {"set",     "/state/config/name",       "one",                             ""}, // unchanged, not refused
             {"replace", "/state/config",            "<config><name>one</name></config>", ""},
-            {"patch",   "/state/config",            "<config><name>one</name></config>", ""},
             {"patch",   "/state/lines",             "<lines/>",                        ""},
         };
         // clang-format on
@@ -243,8 +199,6 @@ private Q_SLOTS:
             QCOMPARE(bench.whole(), QString(smallTree));
             QCOMPARE(bench.messages, QStringList());
         }
-        QCOMPARE(bench.edit("delete", "CH1", ""), QString());
-        QVERIFY(bench.edit("delete", "CH1", "").contains("no such node"));
     }
 
     void existingNodesInDocumentOrder()
@@ -273,7 +227,6 @@ private Q_SLOTS:
         static constexpr struct { const char *name, *path, *operation, *target, *data, *messages; } rows[] = {
             {"the matched node",   "VCC",           "set", "LET1/vcc", "11", "replace LET1/vcc #11"},
             {"below it",           "/state/lines",  "set", "LET1/vcc", "11", "replace LET1/vcc #11"},
-            {"beside it",          "/state/config", "set", "LET1/vcc", "11", ""},
             {"another list node",  "CH2",           "set", "LET1/vcc", "11", ""},
             {"a chosen list node", "CH1",           "set", "LET1/vcc", "11", "replace LET1/vcc #11"},
             {"an ancestor goes: each matched node by itself", "VCC", "delete", "CH1", "",
@@ -289,7 +242,6 @@ private Q_SLOTS:
             {"an ancestor that holds no matched node", "VCC", "create", "CH3", "<line><y/></line>", ""},
             {"create of a matched node", "/state/lines/line", "create", "CH3", "<line/>",
              "create CH3 <line><kid>ch3</kid></line>"},
-            {"create below a matched node", "CH1", "create", "CH1/x", "<x>1</x>", "create CH1/x <x>1</x>"},
             {"replace of a matched node", "/state/lines/line", "replace", "CH1", "<line><x>1</x></line>",
              "replace CH1 <line><kid>ch1</kid><x>1</x></line>"},
             {"delete below a matched node", "/state/lines/line", "delete", "LET1/vcc", "", "delete LET1/vcc #10"},

@@ -85,21 +85,6 @@ private Q_SLOTS:
         QVERIFY(wakes(second));
     }
 
-    void manyChangesLeaveNothingBehind()
-    {
-        const SocketPair stays;
-        for (int round = 0; round < 200; ++round) {
-            const SocketPair comes;
-            m_watch->watch(std::array{stays.nearEnd(), comes.nearEnd()});
-            QVERIFY(comes.put());
-            QCoreApplication::processEvents();
-            m_watch->watch(std::array{stays.nearEnd()});
-            QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-        }
-        QTRY_COMPARE(notifiers(), 1);
-        QVERIFY(isSilent()); // nothing spins
-    }
-
 private:
     int notifiers() const { return m_watch->findChildren<QSocketNotifier *>().size(); }
 

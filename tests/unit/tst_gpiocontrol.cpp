@@ -8,11 +8,9 @@
 #include <xrcommon/Gpio.h>
 
 namespace {
-
 constexpr int base21 = 400; // where the expanders' lines begin in the tree
 constexpr int base22 = 300;
 
-/// With both expanders; lines are made by setting them.
 class GpioTree : public GpioFolder {
 public:
     GpioTree()
@@ -78,10 +76,8 @@ private:
     }
 };
 
-/// A line by its number in the tree, and what it is reported as.
 using Line = std::pair<int, QString>;
 
-/// The lines of a device in the order of their checks.
 QVector<Line> linesOf(uint model, const char *description)
 {
     const bool expanders = description != ordinaryDescription;
@@ -106,7 +102,6 @@ QStringList words(const char *text)
 {
     return qs(text).split(qs(", "));
 }
-
 } // namespace
 
 class TestGpioControl : public QObject {

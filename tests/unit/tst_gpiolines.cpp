@@ -4,7 +4,6 @@
 #include "gpio/gpiolines.h"
 
 namespace {
-
 constexpr uint models[] = {6211, 6214, 6259, 6891};
 constexpr uint nothing = 0; // no status at all
 
@@ -20,34 +19,12 @@ QByteArray linesOf(char kind, std::span<const LineSet> sets, uint model, bool ex
                                                          : " ");
     return found;
 }
-
 } // namespace
 
 class TestGpioLines : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void stepsOfACycle()
-    {
-        for (const uint model : models)
-            for (const bool expanders : {false, true}) {
-                QVector<uint> expected{0, 1, 2, 3, 4, 5, 14};
-                if (expanders)
-                    expected = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14};
-                if (model == 6214 || model == 6259)
-                    expected += {15, 16, 17};
-                if (expanders)
-                    expected += {18, 19, 20, 21, 22, 23, 24, 25};
-                QVector<uint> steps;
-                for (uint step = 0; steps.isEmpty() || (step != 0 && steps.size() < 100);
-                     step = nextStep(step, model, expanders))
-                    steps << step;
-                QCOMPARE(steps, expected);
-                for (const uint beyond : {26U, 27U, 4294967295U})
-                    QCOMPARE(nextStep(beyond, model, expanders), 0U);
-            }
-    }
-
     void linesOfAModel()
     {
         const QByteArray onExpander21 =

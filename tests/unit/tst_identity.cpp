@@ -7,7 +7,6 @@
 #include <cstring>
 
 namespace {
-
 constexpr const char *noFile = nullptr;
 
 QByteArrayList logLines; // Latin-1, without the NULs of a file
@@ -29,7 +28,6 @@ QByteArray textOf(const InfoText &field)
         return "(length and text differ)";
     return field.text;
 }
-
 } // namespace
 
 class TestIdentity : public QObject {
@@ -120,10 +118,7 @@ private Q_SLOTS:
             {"not UTF-8",                "Stra\xdf" "e\n",     "Stra?e"},
             {"ends within a character",  "Stra\xc3\n",         "Stra?"},
             {"UTF-8 byte order mark",    "\xef\xbb\xbf" "ab\n", "ab"},
-            {"byte order mark alone",    "\xef\xbb\xbf",       ""},
             {"UTF-16, little endian",    {"\xff\xfe" "\xfc\0b\0\n\0", 8}, "\xfc" "b"},
-            {"UTF-16, big endian",       {"\xfe\xff" "\0\xfc\0b\0\n", 8}, "\xfc" "b"},
-            {"UTF-32, little endian",    {"\xff\xfe\0\0" "a\0\0\0\n\0\0\0", 12}, "a"},
         };
         // clang-format on
         for (const auto &row : rows) {
@@ -182,23 +177,12 @@ private Q_SLOTS:
             if (row.rawTag != nullptr)
                 lines.prepend(function + row.rawTag);
             QCOMPARE(logLines, lines);
-        }
-    }
-
-    void versionContents()
-    {
-        const std::pair<QByteArray, QByteArray> rows[] = {
-            {"\n1.2\n", ""},
-            {QByteArray(128, 'v') + '\n', QByteArray(127, 'v')},
-            {QByteArray("\xc3\xa4").repeated(127) + '\n', QByteArray(127, '\xe4')}, // two bytes each
-            {QByteArray("1.2\0.3\n", 7), "1.2"},
-        };
-        for (const auto &[content, stored] : rows) {
-            const AtRow at(content);
-            write("/etc/xr-pkgver", content);
-            Identity device = identity();
-            device.readPackageVersion();
-            QCOMPARE(textOf(device.infoData().packageVersion), stored);
+            write(row.path, QByteArray("\xc3\xa4").repeated(128) + '\n'); // two bytes each
+            QCOMPARE(read(), QByteArray(127, '\xe4'));
+            write(row.path, QByteArray("1.2\0.3\n", 7));
+            QCOMPARE(read(), "1.2");
+            write(row.path, "\n1.2\n");
+            QCOMPARE(read(), "");
         }
     }
 
@@ -223,10 +207,8 @@ private Q_SLOTS:
         const InfoData &info = device.infoData();
         QCOMPARE(int{device.modelNumber()}, 0);
         QCOMPARE(device.ampTypeCode(), 1);
-        QCOMPARE(info.modelNumber.length, 0U);
-        QCOMPARE(info.disablement.length, 0U);
-        for (const InfoText *text : {&info.packageVersion, &info.modelType, &info.amplifierType})
-            QCOMPARE(textOf(*text), QByteArray());
+        QCOMPARE(info.modelNumber.length + info.disablement.length, 0U);
+        QCOMPARE(textOf(info.packageVersion) + textOf(info.modelType) + textOf(info.amplifierType), QByteArray());
     }
 
 private:
@@ -239,7 +221,6 @@ private:
             writeFile(file, content);
     }
 
-    /// The log starts anew with it.
     Identity identity() const
     {
         logLines.clear();

@@ -44,8 +44,6 @@ private Q_SLOTS:
         }
     }
 
-    void setIsRefused() { QCOMPARE(snmpSet("3.1.7.0"), lines({"error 17 at 1"})); }
-
 private:
     InfoData m_info = {};
 };

@@ -6,7 +6,6 @@
 #include <type_traits>
 
 namespace {
-
 constexpr TextCode colours[] = {{"red", 4}, {"green", 9}};
 constexpr const char *lightPath = "/lights/light[kid='%1']/colour";
 
@@ -15,7 +14,6 @@ constexpr KeyRow secondRows[] = {{"a", 5}};
 constexpr KeySet keySets[] = {{{6420, 6720}, firstRows}, {{6720, 6764}, secondRows}};
 static_assert(rowsBelow(keySets, 6));
 static_assert(!rowsBelow(keySets, 5));
-
 } // namespace
 
 // A rule that is wrong for "delete", for another text or for the step does not compile.
@@ -43,8 +41,8 @@ private Q_SLOTS:
             // three decimals use up a scale of 1000, with more of them it becomes 0; trailing zeros count
             {"1.234", 1000, 1234}, {"1.2345", 1000, 0}, {"1.2000", 1000, 0}, {"1200.5", 1, 0},
             // other characters are skipped: a second point, signs, blanks, letters, a comma, a full-width point
-            {"1.2.3", 1000, 1230}, {"-5.0", 1000, 5000}, {"+5.0", 1000, 5000}, {" 1 2 . 5 ", 1000, 12500},
-            {"3V3", 10, 330}, {"1e3", 1000, 13000}, {"3,3", 1000, 33000}, {"1\xef\xbc\x8e" "5", 10, 150},
+            {"1.2.3", 1000, 1230}, {"-5.0", 1000, 5000}, {" 1 2 . 5 ", 1000, 12500}, {"1e3", 1000, 13000},
+            {"3,3", 1000, 33000}, {"1\xef\xbc\x8e" "5", 10, 150},
             // decimal digits of any script: Arabic-Indic, full-width, bold and Adlam; no letter beyond the first plane,
             // no superscript two, vulgar half or Roman five
             {"\xd9\xa1\xd9\xa2.\xd9\xa3", 1000, 12300}, {"\xef\xbc\x94\xef\xbc\x98", 10, 480},
@@ -66,8 +64,6 @@ private Q_SLOTS:
     void pathsWithHoles()
     {
         const auto filled = [](const KeyPath &path, const Keys &keys) { return path.with(keys); };
-        QCOMPARE(filled("/a/b", {}), QStringLiteral("/a/b"));
-        QCOMPARE(filled("/a/b[kid='%1']", {"x", {}}), QStringLiteral("/a/b[kid='x']"));
         QCOMPARE(filled("/a/b[kid='%1']/c", {"x", {}}), QStringLiteral("/a/b[kid='x']/c"));
         QCOMPARE(filled("/a[kid='ch%1']/b[kid=%2]/c", {"1", "10"}), QStringLiteral("/a[kid='ch1']/b[kid=10]/c"));
         QCOMPARE(filled("/a[kid='%1']/%2", {"%2", "leaf"}), QStringLiteral("/a[kid='%2']/leaf")); // not filled twice
@@ -128,21 +124,6 @@ private Q_SLOTS:
             QCOMPARE(measured.value, row.value);
             QCOMPARE(int(measured.reading), int(row.reading));
         }
-    }
-
-    void keysOfAModelInTheOrderOfTheTable()
-    {
-        const auto keysOf = [](std::uint32_t model) {
-            QString keys;
-            forEachKey(keySets, model,
-                       [&keys](const KeyRow &row) { keys += latin1(row.key) + QString::number(row.row); });
-            return keys;
-        };
-        QCOMPARE(keysOf(6420), QStringLiteral("b3a1"));
-        QCOMPARE(keysOf(6720), QStringLiteral("b3a1a5"));
-        QCOMPARE(keysOf(6764), QStringLiteral("a5"));
-        QCOMPARE(keysOf(6211), QString());
-        QCOMPARE(keysOf(1), QString());
     }
 };
 

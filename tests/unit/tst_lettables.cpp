@@ -84,18 +84,6 @@ private Q_SLOTS:
                      QStringList{QStringLiteral("letChannelTable_handler()   Processing request (%1)").arg(mode)});
         }
     }
-
-    void eachTableLoadsItsChannel()
-    {
-        for (const int channel : {1, 2}) {
-            const TableModule &table = channel == 1 ? letChannel1Table : letChannel2Table;
-            int result = 1;
-            QCOMPARE(printed([&] { result = table.hooks.load(nullptr, nullptr); }),
-                     (QStringList{QStringLiteral("letChannel%1Table_load()").arg(channel),
-                                  QStringLiteral("copyTalLetChannelTableData() for letChannel: %1").arg(channel)}));
-            QCOMPARE(result, 0);
-        }
-    }
 };
 
 const TestEntry entry("tst_lettables", runTest<TestLetTables>);

@@ -4,11 +4,9 @@
 #include "device/models.h"
 
 namespace {
-
 const QVector<uint> everyModel{6211, 6214, 6259, 6410, 6420, 6425, 6601, 6602, 6720, 6764, 6891, 6913, 6914};
 constexpr ModelSet all{6211, 6214, 6259, 6410, 6420, 6425, 6601, 6602, 6720, 6764, 6891, 6913, 6914};
 constexpr ModelSet some{6211, 6914};
-
 } // namespace
 
 class TestModels : public QObject {

@@ -8,7 +8,6 @@
 #include <memory>
 
 namespace {
-
 /// A line "MODEL: NAME" begins a script. A step is "EVENT -> EFFECTS", or "EVENT & EVENT -> EFFECTS of each". Events:
 /// "PARSER OP KEY TEXT" changes a leaf, TEXT up to the end; "xml REFERENCE OP PATH DATA" is any notification; "monitor
 /// CHANNEL STATUS" and "presence CHANNEL LET STATUS" are calls of the amplifier monitor; "set FIELD VALUE" is the test
@@ -30,10 +29,6 @@ const char scripts[] = R"(
     xml kvsnmp_fan delete /state/fans <fans><fan><kid>amp_class_d</kid><speed_sensor_rpm>1600</speed_sensor_rpm></fan></fans> -> fan.1=0
 6410: both power sources, AC first whatever their order
     xml kvsnmp_power_status replace /state/power_sources <power_sources><power_source><kid>dc_power</kid><live>other</live></power_source><power_source><kid>ac_power</kid><live>true</live></power_source></power_sources> -> power.0.liveStatus=3 power.1.liveStatus=3
-6913: both Ethernet ports
-    xml kvsnmp_eth_monitoring create /state/config/os_ip/eth_switch <eth_switch><port><port_id>Eth2</port_id><monitored>false</monitored></port><port><port_id>Eth1</port_id><monitored>true</monitored></port></eth_switch> -> ethMonitoring.0=3 ethMonitoring.1=2
-6914: both channels enabled at once, a third is not there
-    xml kvsnmp_amp_enable create /state/config/lines <lines><line><kid>ch1</kid><enable>true</enable></line><line><kid>ch2</kid><enable>false</enable></line><line><kid>ch3</kid><enable>true</enable></line></lines> -> ampChannel.0.ampEnable=2 ampChannel.1.ampEnable=1
 6425: a line state copies the last pilot tone of either input
     pilot_tone replace ln2 failed -> lineIn.1.lineInStatus=3
     pilot_tone replace ln1 ok -> lineIn.0.lineInStatus=2
@@ -168,7 +163,6 @@ private:
 
     QStringList m_effects;
 };
-
 } // namespace
 
 class TestNotifications : public QObject {
@@ -267,12 +261,6 @@ private Q_SLOTS:
              "configRelayDelayUpdate relay1  delay: 2\nconfigRelayDelayUpdate relay2  delay: 3\n"
              "configRelayDelayUpdate e_relay1  delay: 4\nconfigRelayDelayUpdate e_relay1  delay: 4\n"
              "configRelayDelayUpdate e_relay3  delay: 5"},
-            {"LETs", 6420, "xml kvsnmp_let_voltage replace /state/lines <lines><line><kid>ch2</kid><lets><let><kid>1</kid>"
-             "<let_vcc>4</let_vcc></let></lets></line><line><kid>ch1</kid><lets><let><kid>10</kid><let_vcc>3</let_vcc>"
-             "</let><let><kid>2</kid><let_vcc>2</let_vcc></let></lets></line></lines>",
-             "stateLetVoltageUpdate Channel: 1 LET: 2 Voltage: 2000\n"
-             "stateLetVoltageUpdate Channel: 1 LET: 10 Voltage: 3000\n"
-             "stateLetVoltageUpdate Channel: 2 LET: 1 Voltage: 4000"},
             {"class-D", 6420, "class_d patch _ ok", "stateClassDStatusUpdate op: patch "
              "rPath: /state/class_d_amp_status/status sPath: /state/class_d_amp_status/status"},
             {"GPIO 14", 6214, "gpio_type patch 14 gpi", "getGpioType op: patch rPath: /state/config/gpios/gpio[kid='gpio14']"

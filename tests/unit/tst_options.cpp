@@ -7,7 +7,6 @@
 #include <vector>
 
 namespace {
-
 constexpr char usage[] = "\nUsage: kvsnmp options\n"
                          "\nOptions:\n"
                          "  -h  --help         Display this usage information.\n"
@@ -33,7 +32,6 @@ ChildResult parseInChild(const char *line)
         return readOn + (options.daemon ? asDaemon : 0) + (options.talDebug ? talDebug : 0);
     });
 }
-
 } // namespace
 
 class TestOptions : public QObject {
@@ -57,7 +55,6 @@ private Q_SLOTS:
             {"kvsnmp word -d", readOn, "", ""},
             {"kvsnmp -h", 0, usage, ""},
             {"kvsnmp --help", 0, usage, ""},
-            {"kvsnmp -d -h -x", 0, usage, ""},
             {"kvsnmp -x", 1, "", usage},
             {"kvsnmp --unknown", 1, "", usage},
             {"kvsnmp --daemon=yes", 1, "", usage},
@@ -65,7 +62,6 @@ private Q_SLOTS:
             {"kvsnmp -v", aborted, "", ""},
             {"kvsnmp --testmode", aborted, "", ""},
             {"kvsnmp --NULL", aborted, "", ""},
-            {"kvsnmp -d -t", aborted, "", ""},
         };
         for (const auto &row : rows) {
             const AtRow at(row.line);

@@ -11,13 +11,11 @@
 #include <sys/file.h>
 
 namespace {
-
 QByteArray lineOf(pid_t pid)
 {
     return QByteArray::number(pid) + '\n';
 }
 
-/// The pid of a process that has ended and been waited for.
 pid_t deadPid()
 {
     const pid_t pid = fork();
@@ -37,7 +35,6 @@ struct HeldLock {
 
     int descriptor;
 };
-
 } // namespace
 
 class TestPidFileHandler : public QObject {
@@ -165,43 +162,6 @@ private Q_SLOTS:
         expect("/nonexistent/kvsnmp.pid", ENOENT, {}, "Can't open or create " + m_path + ".\n");
         expect(nullptr, EWOULDBLOCK, "Can't lock, lock is held by pid 4711.\n", {});
         expect("/dev/full", ENOSPC, "Can't write pid , No space left on device.\n", {});
-    }
-
-    /// Whoever gets the lock writes; the other one waits or is refused. The file never holds a mix.
-    void twoWritersAtOnce()
-    {
-        for (int round = 0; round < 20; ++round) {
-            QFile::remove(QFile::decodeName(m_path));
-            pid_t writers[2];
-            for (pid_t &writer : writers) {
-                writer = fork();
-                if (writer == 0) {
-                    const PidFileHandler handler(m_path.constData());
-                    _exit(handler.writePid() == getpid() ? 0 : 1);
-                }
-            }
-            int successes = 0;
-            for (const pid_t writer : writers) {
-                int status = -1;
-                waitpid(writer, &status, 0);
-                successes += WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 1 : 0;
-            }
-            QVERIFY(successes >= 1);
-            // Only the first line: the end of a longer number may follow it, if the pids began anew in between.
-            const QByteArray found = readFile(m_path).split('\n').first() + '\n';
-            QVERIFY2(found == lineOf(writers[0]) || found == lineOf(writers[1]), found.constData());
-        }
-    }
-
-    void linkIsRemovedAndNotItsTarget()
-    {
-        const QString target = m_folder->filePath(QStringLiteral("target"));
-        writeFile(target, {});
-        QVERIFY(QFile::link(target, QFile::decodeName(m_path)));
-        const PidFileHandler handler(m_path.constData());
-        handler.removePid();
-        QCOMPARE(statusOf(m_path).st_mode, mode_t{0});
-        QVERIFY(QFile::exists(target));
     }
 
 private:

@@ -4,13 +4,9 @@
 
 #include "check/processes.h"
 
-#include <QDir>
-#include <QTemporaryDir>
-
 #include <unistd.h>
 
 namespace {
-
 /// The fields of a process up to its start, 4000 s after the system's.
 QByteArray stat(const char *name, char state, int parent = 1)
 {
@@ -18,7 +14,6 @@ QByteArray stat(const char *name, char state, int parent = 1)
     return QByteArray("7 (") + name + ") " + state + " " + QByteArray::number(parent) +
            " 1 1 0 -1 4194560 1 0 0 0 1 1 0 0 20 0 1 0 " + ticks + " 100 2\n";
 }
-
 } // namespace
 
 class TestProcesses : public QObject {
@@ -50,14 +45,6 @@ private Q_SLOTS:
             QCOMPARE(process->isStopped(), state == 'T' || state == 't');
             QCOMPARE(process->started.toSecsSinceEpoch(), qint64{1004000});
         }
-    }
-
-    void thisProcessIsFound()
-    {
-        const std::optional<Process> self = processOf(getpid());
-        QVERIFY(self);
-        QCOMPARE(self->name, QCoreApplication::applicationName().toLocal8Bit());
-        QVERIFY(qAbs(self->started.secsTo(QDateTime::currentDateTime())) < 100);
     }
 
     void environment()

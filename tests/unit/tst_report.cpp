@@ -6,13 +6,7 @@
 #include "check/report.h"
 #include "check/subject.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QSet>
-
 namespace {
-
 int badLooks = 0;
 
 constexpr auto good = [](Subject &) { return ok(QStringLiteral("good")); };
@@ -53,6 +47,10 @@ constexpr char wholeJson[] = R"({
 constexpr char consequenceJson[] =
     R"({"id": "b", "title": "B", "status": "failed", "text": "bad", "hint": "mend it", "because": "a"})";
 
+constexpr Check inOrder[] = {{"a", "A", {}, {}, nullptr}, {"b", "B", {"a"}, {"a"}, nullptr}};
+constexpr Check unknown[] = {{"a", "A", {}, {}, nullptr}, {"b", "B", {"a", "x"}, {}, nullptr}};
+constexpr Check later[] = {{"a", "A", {}, {"b"}, nullptr}, {"b", "B", {}, {}, nullptr}};
+static_assert(isInOrder(inOrder) && !isInOrder(unknown) && !isInOrder(later));
 } // namespace
 
 class TestReport : public QObject {
@@ -136,16 +134,6 @@ private Q_SLOTS:
         QCOMPARE(checks.size(), 3);
         QCOMPARE(checks[1].toObject(), objectOf(consequenceJson));
         QVERIFY(objectOf(jsonOf(report, 0))[QStringLiteral("model")].isNull());
-    }
-
-    void orderOfTheChecksIsTested()
-    {
-        constexpr Check inOrder[] = {{"a", "A", {}, {}, nullptr}, {"b", "B", {"a"}, {"a"}, nullptr}};
-        constexpr Check unknown[] = {{"a", "A", {}, {}, nullptr}, {"b", "B", {"a", "x"}, {}, nullptr}};
-        constexpr Check later[] = {{"a", "A", {}, {"b"}, nullptr}, {"b", "B", {}, {}, nullptr}};
-        static_assert(isInOrder(inOrder));
-        static_assert(!isInOrder(unknown));
-        static_assert(!isInOrder(later));
     }
 
     void idsAreUnique()

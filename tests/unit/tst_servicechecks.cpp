@@ -6,10 +6,8 @@
 #include "tal/talhandler.h"
 
 namespace {
-
 using Access = SnmpAccessSettings;
 
-/// Settings with which a device answers.
 Subject goodSubject()
 {
     Subject subject(200);
@@ -24,7 +22,6 @@ Subject goodSubject()
     subject.service.settings.version.version2c = true;
     return subject;
 }
-
 } // namespace
 
 class TestServiceChecks : public QObject {

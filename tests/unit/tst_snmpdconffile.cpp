@@ -4,7 +4,6 @@
 #include "check/snmpdconffile.h"
 
 namespace {
-
 /// "empty, master, socket; versions; access rules; listening addresses; receivers".
 QByteArray meaningOf(const SnmpdConf &conf)
 {
@@ -27,7 +26,6 @@ QByteArray meaningOf(const SnmpdConf &conf)
            "; " + versions.join(' ') + "; " + rules.join(", ") + "; " + addresses.join(", ") + "; " +
            receivers.join(", ");
 }
-
 } // namespace
 
 class TestSnmpdConfFile : public QObject {

@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 namespace {
-
 const QByteArray usualFile = // of SnmpdBench::deliverSettings()
     snmpdConfText({{qs("public"), qs("Read"), qs("192.0.2.1"), qs("2001:db8::1"), qs("161")},
                    {qs("amp-1"), qs("cellar"), qs("ops")},
@@ -43,7 +42,6 @@ void withoutRoomForTheEnd(Function function)
     function();
     setrlimit(RLIMIT_FSIZE, &before);
 }
-
 } // namespace
 
 // Stand in front of the system's own.
@@ -72,9 +70,6 @@ private Q_SLOTS:
             QVERIFY(bench.settingsTimer()->isSingleShot() && !bench.settingsTimer()->isActive());
             QVERIFY(bench.restartTimer()->isSingleShot() && bench.restartTimer()->isActive());
             QVERIFY(!bench.watchdogTimer()->isSingleShot() && bench.watchdogTimer()->isActive());
-            QCOMPARE(bench.tal.log.lines(), QStringList());
-            QCOMPARE(bench.handler->useCustomConfigFile(), false);
-            QCOMPARE(bench.handler->sysName(), QString());
         }
         QCOMPARE(systemLog.closed, 1);
     }
@@ -123,11 +118,10 @@ private Q_SLOTS:
               "access public Read 192.0.2.9 2001:db8::1 161", "access public Read 192.0.2.1 2001:db8::1 1161",
               "trap 192.0.2.17 192.0.2.8", "trap 192.0.2.7 192.0.2.18", "version 1 1 0", "version 0 0 0"})
             expect(other, true);
-        for (const char *equal : {"mib2 amp-1 cellar ops", "access public Read 192.0.2.1 2001:db8::1 161",
-                                  "trap 192.0.2.7 192.0.2.8", "version 0 1 0"})
+        for (const char *equal :
+             {"mib2 amp-1 cellar ops", "access public Read 192.0.2.1 2001:db8::1 161", "trap 192.0.2.7 192.0.2.8",
+              "version 0 1 0", "access public Read 192.0.2.1 2001:db8::9 161", "version 0 1 1"}) // intended
             expect(equal, false);
-        for (const char *notCompared : {"access public Read 192.0.2.1 2001:db8::9 161", "version 0 1 1"}) // intended
-            expect(notCompared, false);
     }
 
     void addressThatIsNotComparedComesWithTheNextChange()
@@ -135,8 +129,6 @@ private Q_SLOTS:
         SnmpdBench bench;
         bench.deliverSettings();
         bench.change("access public Read 192.0.2.1 2001:db8::9 161");
-        bench.settle();
-        QCOMPARE(bench.configText(), usualFile);
         bench.change("access public Read 192.0.2.1 2001:db8::9 1161");
         bench.settle();
         QCOMPARE(bench.configText(), QByteArray(usualFile).replace("db8::1", "db8::9").replace(":161", ":1161"));
@@ -221,6 +213,8 @@ private Q_SLOTS:
             bench.tal.log.lines(),
             QStringList{qs("SnmpdConfHandler slotSnmpdConfUseCustomConfFile Device uses our generated snmpd.conf")});
         QTRY_COMPARE(bench.configText(), usualFile);
+        bench.change("access public Write 192.0.2.1 2001:db8::1 161");
+        QTRY_COMPARE(bench.configText(), QByteArray()); // empty, and there
     }
 
     void customFlagWhileTheCountdownRuns()
@@ -239,16 +233,6 @@ private Q_SLOTS:
         QTRY_VERIFY(!bench.settingsTimer()->isActive());
         QCOMPARE(bench.events, (QStringList{settledEvent, finishEvent}));
         QCOMPARE(bench.configText(), handmadeFile);
-    }
-
-    void otherAccessTextLeavesAnEmptyFile()
-    {
-        SnmpdBench bench;
-        bench.deliverSettings();
-        bench.change("access public Write 192.0.2.1 2001:db8::1 161");
-        bench.settle();
-        QCOMPARE(bench.configText(), QByteArray()); // it is there
-        QCOMPARE(bench.tal.log.lines().last(), generatingLine);
     }
 
     void fileIsMadeAnewForItsOwnerAlone()

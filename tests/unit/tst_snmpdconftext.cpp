@@ -4,7 +4,6 @@
 #include "snmpdconf/snmpdconftext.h"
 
 namespace {
-
 using Settings = SnmpdConfSettings;
 
 Settings readSettings()
@@ -30,7 +29,6 @@ const QByteArray disabledAccessLines = "#com2sec\n"
                                        "#view all    included .1\n"
                                        "#access MyROGroup \"\"      any       noauth    prefix  all    none   none\n"
                                        "#agentAddress udp6:161,udp:161\n";
-
 } // namespace
 
 class TestSnmpdConfText : public QObject {

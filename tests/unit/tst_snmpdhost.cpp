@@ -8,7 +8,6 @@
 #include <csignal>
 
 namespace {
-
 const SnmpdHost host = deviceHost();
 const Command missingCommand{QStringLiteral("no-such-command-anywhere"), {}};
 constexpr int longMs = 30000;
@@ -20,7 +19,6 @@ Command shell(const char *script, const QString &file = {})
         QString::fromLatin1(script).replace(QStringLiteral("%1"), QLatin1Char('\'') + file + QLatin1Char('\''));
     return {QStringLiteral("sh"), {QStringLiteral("-c"), text}};
 }
-
 } // namespace
 
 class TestSnmpdHost : public QObject {
@@ -32,13 +30,6 @@ private Q_SLOTS:
         m_dir.reset(new QTemporaryDir);
         m_file = m_dir->filePath(QStringLiteral("file"));
         m_timer.start();
-    }
-
-    void pathsAreTheSystems()
-    {
-        QCOMPARE(host.configFile, QStringLiteral("/etc/snmp/snmpd.conf"));
-        QCOMPARE(host.configFolder, QStringLiteral("/etc/snmp/"));
-        QCOMPARE(host.pidFile, QStringLiteral("/var/run/snmpd.pid"));
     }
 
     void runWaitsForTheEndAndIgnoresFailures()

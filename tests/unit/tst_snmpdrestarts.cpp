@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 namespace {
-
 constexpr int stepMs = 10;
 constexpr int killallMs = 20;  // how long killall runs
 constexpr int endMs = 40;      // how long snmpd needs to end
@@ -19,7 +18,6 @@ constexpr int settleMs = 4500; // until the last restart is over
 
 qint64 nowMs = 0; // CLOCK_MONOTONIC of the main thread; 0: the machine's own
 thread_local bool isMainThread = false;
-
 } // namespace
 
 // Stands in front of the system's own. Other threads keep that one: one of them ends a test that runs too long.
@@ -34,7 +32,6 @@ extern "C" int clock_gettime(clockid_t id, timespec *time) noexcept
 }
 
 namespace {
-
 /// A bench with its snmpd processes. The test fails if one is started too early, or killed while it runs well.
 class SnmpdModel : public SnmpdBench {
 public:
@@ -47,7 +44,6 @@ public:
         change("custom 1");
     }
 
-    /// Some time passes, and what is due in it happens.
     void pass(int ms)
     {
         for (const qint64 end = nowMs + ms; nowMs < end;) {
@@ -77,7 +73,6 @@ public:
         writeFile(configFile, text);
     }
 
-    /// What the snmpd processes that run have read.
     QByteArrayList read() const
     {
         QByteArrayList texts;
@@ -169,6 +164,7 @@ void tryChanges(int spacingMs, int startMs)
                 .toLatin1();
         const AtRow at(trial);
         snmpd.passWithEvents(pauseMs);
+        const int stops = snmpd.stops();
         QByteArray newest;
         for (int change = 1; change <= 3; ++change) {
             newest = QByteArray::number(nowMs);
@@ -176,10 +172,11 @@ void tryChanges(int spacingMs, int startMs)
             snmpd.passWithEvents(change < 3 ? spacingMs : settleMs);
         }
         QVERIFY2(snmpd.read() == QByteArrayList{newest}, qPrintable(snmpd.events.join(QLatin1Char('\n'))));
+        if (spacingMs < 450) // the changes fold into one restart
+            QCOMPARE(snmpd.stops(), stops + 1);
         snmpd.events.clear();
     }
 }
-
 } // namespace
 
 class TestSnmpdRestarts : public QObject {

@@ -41,7 +41,6 @@ QByteArray refusal(bool bigEndian = false)
     return bytes;
 }
 
-/// The connection, limited; what the library would read and what the master would get.
 class Stream {
 public:
     Stream()
@@ -89,7 +88,6 @@ public:
         return recv(m_sockets[1], &byte, 1, MSG_DONTWAIT) == 0;
     }
 
-    /// What the library gets of the bytes, which arrive in parts of that size.
     QByteArray received(const QByteArray &bytes, int partSize)
     {
         QByteArray got;
@@ -118,7 +116,6 @@ public:
         return QByteArray(m_buffer.data(), qMax(0, size));
     }
 
-    /// What the master gets of a message.
     QByteArray sentOf(const QByteArray &bytes)
     {
         s_sent.clear();

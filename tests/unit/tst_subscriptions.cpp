@@ -9,10 +9,8 @@
 #include <optional>
 
 namespace {
-
 using catalogue::Row;
 
-/// The subscriptions of a model, as they go over the socket.
 QByteArrayList requestsOf(uint model, const char *block)
 {
     QByteArrayList requests;
@@ -59,7 +57,6 @@ struct Bench {
         return all;
     }
 };
-
 } // namespace
 
 class TestSubscriptions : public QObject {
@@ -90,35 +87,6 @@ private Q_SLOTS:
             QCOMPARE(bench.sent(), data + settings);
             QCOMPARE(bench.log.lines(), requestNames());
         }
-    }
-
-    void requestsAreNamedWithoutAConnection()
-    {
-        TalBench bench(6420); // no TalInterface: the library drops each request with one more line
-        bench.handler.slotTalReady();
-        bench.handler.slotStartSubscribe();
-        QStringList lines = bench.log.takeLines();
-        QCOMPARE(lines.filter(qs(" dropped: ")).size(),
-                 requestsOf(6420, "settings").size() + requestsOf(6420, "data").size());
-        QCOMPARE(lines.filter(QRegularExpression(qs("^(?!.* dropped: )"))), requestNames());
-    }
-
-    void voltageFromTheSocketToTheRecord()
-    {
-        Bench bench(6420);
-        QObject::connect(
-            &bench.client,
-            SIGNAL(talNotifySignal(const QString, const QString, const QString, const QString, const QString)),
-            &*bench.handler,
-            SLOT(talHandlerNotifySlot(const QString, const QString, const QString, const QString, const QString)));
-        const auto &voltages = bench.handler->tableRecords().voltage.values;
-        const QString path = qs("/state/power_lines/power_line[kid='24v0FB']/voltage");
-        bench.peer.sendNotify(qs("kvsnmp_voltage"), qs("create"), path, withoutPredicates(path),
-                              qs("<voltage>23.9</voltage>"));
-        QTRY_COMPARE(voltages[8].value, 23900U);
-        bench.peer.sendNotify(qs("kvsnmp_voltage"), qs("delete"), path, withoutPredicates(path), QString());
-        QTRY_COMPARE(voltages[8].value, 0U);
-        QCOMPARE(bench.log.lines(), QStringList());
     }
 
     void publishSoftwareVersion()

@@ -49,7 +49,6 @@ std::uint32_t &firstValue()
     return static_cast<ValueRow<std::uint32_t> *>(benchRows.first())->values;
 }
 
-/// A request as the library hands it to a table's handler, and its answer.
 class Request {
 public:
     Request(TableRow *row, unsigned int column, bool withTableInfo = true)

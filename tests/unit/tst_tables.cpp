@@ -58,7 +58,6 @@ QString cell(const Row &column, const Row &row, const TableRecords *records)
     return withoutQuotes(recordfields::valueOf(*records, row.text("source") + field));
 }
 
-/// The whole walk of a device, column by column and in each the rows.
 QStringList expectedWalk(uint model, bool expanders, const TableRecords *records)
 {
     QStringList walk;

@@ -27,12 +27,10 @@ private Q_SLOTS:
             QCOMPARE(recordfields::changes(bench.records(), handler->tableRecords()), QStringList());
             handler->~TalHandler();
         }
-        for (const char *description : {static_cast<const char *>(nullptr), ""}) {
-            TalBench bench(6214, description);
-            bench.leaf("kvsnmp_relay_delay", "replace", qs("/state/config/gpos/gpo[kid='e_relay1']/delay"), qs("9"));
-            QCOMPARE(bench.records().relay.rows[2].delay, 9U);
-            QCOMPARE(bench.records().relay.rows[4].delay, 0U);
-        }
+        TalBench bench(6214, nullptr);
+        bench.leaf("kvsnmp_relay_delay", "replace", qs("/state/config/gpos/gpo[kid='e_relay1']/delay"), qs("9"));
+        QCOMPARE(bench.records().relay.rows[2].delay, 9U);
+        QCOMPARE(bench.records().relay.rows[4].delay, 0U);
     }
 
     void constructionIsTracedWhereTracingIsOn()
@@ -102,19 +100,6 @@ private Q_SLOTS:
             bench.notify(ref, "delete", path, qs("<custom_config>true</custom_config>"));
             QCOMPARE(std::exchange(emitted, 0), ref == "kvsnmp_gpio_type" ? 8 : 1); // 8 lines that are always inputs
         }
-    }
-
-    void routingDoesNotLookAtTheModel()
-    {
-        TalBench bench(6211); // subscribes to neither
-        const TableRecords before = bench.records();
-        for (const char *op : {"create", "delete", "patch"}) // has no keys of voltages
-            bench.leaf("kvsnmp_voltage", op, qs("/state/power_lines/power_line[kid='24v0']/voltage"), qs("24.0"));
-        QCOMPARE(recordfields::changes(before, bench.records()), QStringList());
-        QCOMPARE(bench.log.lines(), QStringList());
-        bench.leaf("kvsnmp_let_voltage", "create", qs("/state/lines/line[kid='ch1']/lets/let[kid='1']/let_vcc"),
-                   qs("24.0"));
-        QCOMPARE(bench.records().let.lets[0][0].letVoltage, 24000U);
     }
 
     void signalsAndSlotsInOrder()

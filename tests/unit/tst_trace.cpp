@@ -9,7 +9,6 @@
 #include <thread>
 
 namespace {
-
 QString text(const char *latin1)
 {
     return QLatin1String(latin1);
@@ -19,7 +18,6 @@ void logs(const char *message)
 {
     Trace::logs(text("Class"), text("function"), text(message));
 }
-
 } // namespace
 
 class TestTrace : public QObject {
@@ -191,16 +189,6 @@ private Q_SLOTS:
         }
     }
 
-    void lockIsReleasedAfterEachLine()
-    {
-        logs("message");
-        QVERIFY(Trace::traceMutex.tryLock());
-        Trace::unlock();
-        Trace::lock();
-        QVERIFY(!Trace::traceMutex.tryLock());
-        Trace::unlock();
-    }
-
     void errorText()
     {
         for (const auto &[number, expected] :
@@ -209,10 +197,6 @@ private Q_SLOTS:
             QCOMPARE(Trace::getError(), text(expected));
         }
     }
-
-    void timestampHasOneBuffer() { QVERIFY(updateTimestamp() == updateTimestamp()); }
-
-    void inertSwitches() { QVERIFY(!Trace::syncLogging && !Trace::blockOnFullQueue); }
 
 private:
     QScopedPointer<Trace> m_trace;

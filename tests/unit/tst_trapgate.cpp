@@ -36,7 +36,6 @@ struct Step {
 };
 
 QStringList sent; // the descriptions, in order
-
 } // namespace
 
 extern "C" void send_v2trap(netsnmp_variable_list *variables)

@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 namespace {
-
 int bindSocket(const char *path)
 {
     sockaddr_un address{};
@@ -23,7 +22,6 @@ int bindSocket(const char *path)
     close(descriptor);
     return result;
 }
-
 } // namespace
 
 class TestWatchdogFile : public QObject {

@@ -3,10 +3,7 @@
 
 #include <xrcommon/TalInterface.h>
 
-#include <random>
-
 namespace {
-
 /// In these texts "␀" stands for NUL and "�" for half of a surrogate pair.
 QString u(const char *text)
 {
@@ -27,7 +24,6 @@ constexpr char none[] = "(untouched)";
 constexpr char rpm[] = "/state/fans/fan[kid='fan1']/speed_sensor_rpm";
 constexpr char fan[] = "<fan><kid>fan1</kid><speed_sensor_rpm>1200</speed_sensor_rpm></fan>";
 constexpr char twoKeys[] = "/m/s[reporter='a'][rep_ref='b']";
-
 } // namespace
 
 class TestXPath : public QObject {
@@ -43,31 +39,22 @@ private Q_SLOTS:
             {"list node", rpm, "/state/fans/fan[kid='fan1']", fan, "=1200"},
             {"leaf", rpm, rpm, "<speed_sensor_rpm>1200</speed_sensor_rpm>", "=1200"},
             {"other key", "/state/fans/fan[kid='fan2']/speed_sensor_rpm", "/state/fans/fan[kid='fan1']", fan, none},
-            {"other leaf", "/state/fans/fan[kid='fan1']/other", "/state/fans/fan[kid='fan1']", fan, none},
-            {"leaf of another list node", "/state/fans/fan[kid='fan2']/speed_sensor_rpm", rpm,
-             "<speed_sensor_rpm>1200</speed_sensor_rpm>", none},
             {"number predicate", "/a/let[kid=3]/v", "/a/let[kid='3']/v", "<v>7</v>", "=7"},
-            {"number predicate, whole node", "/a/let[kid=3]/v", "/a", "<a><let><kid>3</kid><v>7</v></let></a>", "=7"},
             {"number predicate, other number", "/a/let[kid=4]/v", "/a/let[kid='3']/v", "<v>7</v>", none},
             {"key without quotes in the path", "/a/let[kid='3']/v", "/a/let[kid=3]/v", "<v>7</v>", "=7"},
             {"key in double quotes in the path", "/a/let[kid='3']/v", "/a/let[kid=\"3\"]/v", "<v>7</v>", "=7"},
-            {"blanks in a predicate of the path", "/a/let[kid='3']/v", "/a/let[ kid = '3' ]/v", "<v>7</v>", "=7"},
             {"blanks around a key without quotes", "/a/let[kid='3']/v", "/a/let[ kid = 3 ]/v", "<v>7</v>", "=7"},
             {"slash in a key", "/l/n[k='a/b']/v", "/l/n[k='a/b']/v", "<v>1</v>", "=1"},
             {"bracket in a key", "/l/n[k='a]b[']/v", "/l/n[k='a]b[']/v", "<v>1</v>", "=1"},
             {"blank in a key", "/l/n[k=' a b ']/v", "/l/n[k=' a b ']/v", "<v>1</v>", "=1"},
-            {"equals sign in a key", "/l/n[k='a=b']/v", "/l/n[k='a=b']/v", "<v>1</v>", "=1"},
             {"markup in a key", "/l/n[k='<&>']/k", "/l/n[k='<&>']/v", "<v>1</v>", "=<&>"},
             {"carriage return in a key", "/l/n/k", "/l/n[k='a\rb']/v", "<v>1</v>", "=a\rb"},
             {"empty key", "/l/n[k='']/v", "/l/n[k='']/v", "<v>1</v>", "=1"},
             {"umlaut in a key", "/l/n[k='ä€😀']/v", "/l/n[k='ä€😀']/v", "<v>1</v>", "=1"},
-            {"umlaut in a name", "/l/größe", "/l/größe", "<größe>1</größe>", "=1"},
             {"two keys, one lacking in the data", "/m/s[reporter='a'][rep_ref='b']/id", twoKeys,
              "<s><reporter>a</reporter><id>5</id></s>", "=5"},
-            {"two keys, other order", "/m/s[rep_ref='b'][reporter='a']/id", twoKeys, "<s><id>5</id></s>", "=5"},
             {"key of the node, not of the path", "/m/s/reporter", twoKeys, "<s><reporter>z</reporter></s>", "=z"},
             {"key leaves come first, in the order of the path", "/m/s/*", twoKeys, "<s><id>5</id></s>", "=a"},
-            {"second key leaf", "/m/s/*[2]", twoKeys, "<s><id>5</id></s>", "=b"},
             {"key leaf of an upper step", "/l/n/k", "/l/n[k='x']/v", "<v>1</v>", "=x"},
             {"first in document order", "//v", "/l", "<l><v>1</v><v>2</v></l>", "=1"},
             {"document order, not the expression's", "/l/b | /l/a", "/l", "<l><a>1</a><b>2</b></l>", "=1"},
@@ -76,13 +63,9 @@ private Q_SLOTS:
             {"deleted leaf, empty data", "/l/n[k='x']/v", "/l/n[k='x']/v", "", "="},
             {"deleted list node, empty data", "/l/n[k='x']", "/l/n[k='x']", "", "="},
             {"deleted list node, empty data, its key", "/l/n[k='x']/k", "/l/n[k='x']", "", "=x"},
-            {"deleted list node, empty data, a leaf of it", "/l/n[k='x']/v", "/l/n[k='x']", "", none},
             {"attribute only", "/l/@a", "/l", "<l a='1'>2</l>", none},
             {"attribute first, then an element", "/l/@a | /l/v", "/l", "<l a='1'><v>2</v></l>", "=2"},
-            {"attribute, then a reverse axis", "/l/@a | /l/c/preceding-sibling::*", "/l",
-             "<l a='1'><a>1</a><b>2</b><c/></l>", "=1"},
             {"text node only", "/l/text()", "/l", "<l>2</l>", none},
-            {"document only", "/", "/l", "<l>2</l>", none},
             {"predicate on an attribute", "/l/v[@a='2']", "/l", "<l><v a='1'>x</v><v a='2'>y</v></l>", "=y"},
         };
         // clang-format on
@@ -180,13 +163,6 @@ private Q_SLOTS:
         QCOMPARE(found(u("//v"), path, u("<v>x</v>")), u("=1x")); // its key leaf comes first
     }
 
-    void fourMebibyteText()
-    {
-        const QString text = u("0123456789abcdef").repeated(256 * 1024);
-        QCOMPARE(found(u("/l/v"), u("/l/v"), u("<v>") + text + u("</v>")), QLatin1Char('=') + text);
-        QVERIFY(found(u("/l/v"), u("/l/v"), u("<v>") + text + u("</v>x")) == notFound);
-    }
-
     void keptTreeIsOfThisPathAndData()
     {
         QString data = u("<v>1</v>");
@@ -217,28 +193,6 @@ private Q_SLOTS:
             QCOMPARE(found(u("/state/fans/fan[kid='fan%1']/rpm").arg(number), u("/state/fans"), data),
                      u("=%1").arg(number));
         }
-    }
-
-    void randomXml()
-    {
-        const QStringList pieces = u("<v>|</v>|<a b='c'>|</a>|<x/>|text|&amp;|&e;|<![CDATA[|]]>|<!--|-->|<?p|?>|"
-                                     "<!DOCTYPE v|>|<|\"|'|&#x41;|ä😀|␀|�|/|[|]|=")
-                                       .split(QLatin1Char('|'));
-        std::mt19937 random(2); // NOLINT(cert-msc51-cpp): the same on every run
-        const auto anyText = [&](unsigned most) {
-            QString text;
-            for (auto i = random() % most; i > 0; --i)
-                text += pieces[static_cast<int>(random() % static_cast<unsigned>(pieces.size()))];
-            return text;
-        };
-        int some = 0;
-        for (int round = 0; round < 20000; ++round) {
-            const QString data = random() % 2 ? u("<v>") + anyText(6) + u("</v>") : anyText(12);
-            const QString path = random() % 4 ? u("/l/v") : u("/l") + anyText(6);
-            const QString xpath = random() % 4 ? u("/l/*") : u("/l") + anyText(6);
-            some += found(xpath, path, data) != notFound;
-        }
-        QVERIFY(some > 100);
     }
 };
 

@@ -56,6 +56,14 @@ QString shortOid(const oid *name, std::size_t length)
     return (below ? QString() : QStringLiteral(".")) + arcs.join(QLatin1Char('.'));
 }
 
+QStringList linesOf(const QByteArray &text)
+{
+    QStringList lines = QString::fromLatin1(text).split(QLatin1Char('\n'));
+    if (lines.last().isEmpty()) // behind the last line end
+        lines.removeLast();
+    return lines;
+}
+
 constexpr oid farEnd[] = {2, 1};
 
 QStringList ask(int command, const QStringList &objects, int repetitions = 0, bool startCounts = false)
@@ -131,14 +139,6 @@ QByteArray StandardOutput::takeText()
     return text;
 }
 
-QStringList StandardOutput::takeLines()
-{
-    QStringList lines = QString::fromLatin1(takeText()).split(QLatin1Char('\n'));
-    if (lines.last().isEmpty()) // behind the last line end
-        lines.removeLast();
-    return lines;
-}
-
 QStringList lines(std::initializer_list<const char *> texts)
 {
     QStringList list;
@@ -151,25 +151,22 @@ QStringList printed(const std::function<void()> &body)
 {
     StandardOutput output;
     body();
-    return output.takeLines();
+    return linesOf(output.takeText());
 }
 
 QStringList printedInOwnProcess(const std::function<void()> &body)
 {
-    StandardOutput output;
-    const pid_t child = fork();
-    if (child == 0) {
+    const ChildResult child = inChild([&body] {
         body();
         std::fflush(stdout);
         if (__gcov_dump != nullptr)
             __gcov_dump();
-        std::_Exit(0); // what is static, the temporary folder for one, belongs to the parent
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    QStringList lines = output.takeLines();
-    if (status != 0)
-        lines.append(QStringLiteral("the process ended with status %1").arg(status));
+        return 0;
+    });
+    std::fputs(child.err.constData(), stderr);
+    QStringList lines = linesOf(child.out);
+    if (child.waitStatus != 0)
+        lines.append(QStringLiteral("the process ended with status %1").arg(child.waitStatus));
     return lines;
 }
 

@@ -12,7 +12,6 @@
 #include <functional>
 #include <initializer_list>
 
-/// Takes standard output while it lives.
 class StandardOutput {
 public:
     StandardOutput();
@@ -20,7 +19,6 @@ public:
     Q_DISABLE_COPY(StandardOutput)
 
     QByteArray takeText(); ///< what was written since the start or the last call
-    QStringList takeLines();
 
 private:
     int m_file;
@@ -38,7 +36,6 @@ QStringList printedInOwnProcess(const std::function<void()> &body);
 /// Calls `questions` in a process of its own and returns the answers, without what is printed meanwhile.
 QStringList answeredInOwnProcess(const std::function<QStringList()> &questions);
 
-/// kaAgentStart() without its output.
 void startAgent(std::uint32_t model, const char *modelText = "", std::uint8_t ampType = 1);
 
 /// Names of objects below the enterprise arc, also as one text with blanks between them.
@@ -78,7 +75,6 @@ private:
     QStringList m_answers;
 };
 
-/// The name of the object in front of each answer.
 QStringList objectsOf(const QStringList &answers);
 
 /// The cache in front of a table, null when there is none.

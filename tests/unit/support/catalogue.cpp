@@ -5,7 +5,6 @@
 #include <QRegularExpression>
 
 namespace {
-
 QStringList cellsOf(const QString &line)
 {
     QStringList cells = line.split(QLatin1Char('|'));
@@ -36,7 +35,6 @@ QVector<QStringList> writtenOut(const QStringList &cells)
     }
     return all;
 }
-
 } // namespace
 
 bool catalogue::Row::has(uint model) const

@@ -7,7 +7,6 @@
 #include <QVector>
 
 namespace catalogue {
-
 /// One row of a file: its cells by the name of their column.
 class Row : public QHash<QString, QString> {
 public:
@@ -30,9 +29,7 @@ public:
 /// The rows of a file, in order, with ranges written out. A file that cannot be read ends the program.
 QVector<Row> rows(const char *file);
 
-/// The rows of a file with this cell in this column.
 QVector<Row> rows(const char *file, const char *column, const QString &cell);
 
 QVector<uint> models();
-
 } // namespace catalogue

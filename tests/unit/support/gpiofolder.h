@@ -16,7 +16,6 @@ public:
     QString root() const { return m_folder.filePath(QStringLiteral("gpio")); }
     QString path(const QString &name) const { return root() + QLatin1Char('/') + name; }
 
-    /// Empty, as before anything was exported.
     void addExport() const { write(QStringLiteral("export"), {}); }
     void setValue(int line, const QByteArray &value) const { write(QStringLiteral("gpio%1/value").arg(line), value); }
     /// The line is driven, as the kernel's files say it.

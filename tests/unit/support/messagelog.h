@@ -21,12 +21,13 @@ public:
 
     /// The lines of every level since the start or the last `takeLines()`, oldest first.
     const QStringList &lines() const { return m_lines; }
+    /// How many of them are above the level of debug lines.
+    int warnings() const { return m_warnings; }
 
     QStringList takeLines()
     {
-        QStringList lines;
-        lines.swap(m_lines);
-        return lines;
+        m_warnings = 0;
+        return std::exchange(m_lines, {});
     }
 
 private:
@@ -37,10 +38,12 @@ private:
         if (type != QtDebugMsg && text.startsWith(QLatin1String("QObject::connect")))
             QTest::qFail(qPrintable(text), __FILE__, __LINE__);
         s_current->m_lines.append(text);
+        s_current->m_warnings += type == QtDebugMsg ? 0 : 1;
     }
 
     inline static MessageLog *s_current = nullptr;
     MessageLog *m_outer;
     QtMessageHandler m_previous = nullptr;
     QStringList m_lines;
+    int m_warnings = 0;
 };

@@ -9,7 +9,6 @@
 #include <string>
 
 namespace {
-
 struct Field {
     bool isFlag() const { return size == sizeof(std::uint8_t); }
     bool isNumber() const { return size == sizeof(std::uint32_t); }
@@ -142,7 +141,6 @@ QString read(const TableRecords &records, const Field &field)
     return QLatin1Char('\'') + QString::fromLatin1(text, static_cast<int>(strnlen(text, field.size))) +
            QLatin1Char('\'');
 }
-
 } // namespace
 
 QStringList recordfields::changes(const TableRecords &before, const TableRecords &after)

@@ -7,7 +7,6 @@
 #include <QStringList>
 
 namespace recordfields {
-
 /// What differs, as "NAME=VALUE" in the order of the records; texts between apostrophes.
 QStringList changes(const TableRecords &before, const TableRecords &after);
 
@@ -21,5 +20,4 @@ TableRecords distinct();
 QString valueOf(const TableRecords &records, const QString &name);
 
 void set(TableRecords &records, const QString &name, const QString &value);
-
 } // namespace recordfields

@@ -71,7 +71,6 @@ public:
             change(signal);
     }
 
-    /// One of the handler's timers, by its interval.
     QTimer *timer(int intervalMs) const
     {
         for (QTimer *timer : handler->findChildren<QTimer *>())

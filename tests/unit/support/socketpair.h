@@ -22,7 +22,6 @@ public:
     Q_DISABLE_COPY(SocketPair)
 
     int nearEnd() const { return m_ends[0]; }
-    /// One byte for the near end, and reading it there.
     bool put() const { return write(m_ends[1], "x", 1) == 1; }
     bool take() const
     {

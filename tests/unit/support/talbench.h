@@ -18,7 +18,6 @@ inline QString withoutPredicates(QString path)
     return path.remove(predicates);
 }
 
-/// A leaf as one element, named like the last step of its path.
 inline QString leafXml(const QString &path, const QString &text)
 {
     const QString name = withoutPredicates(path).section(QLatin1Char('/'), -1);
@@ -41,7 +40,6 @@ public:
         handler.talHandlerNotifySlot(qs(ref), qs(op), rPath, sPath, data);
     }
 
-    /// A notification of one leaf that was subscribed to itself.
     void leaf(const char *ref, const char *op, const QString &path, const QString &text)
     {
         notify(ref, op, path, leafXml(path, text));

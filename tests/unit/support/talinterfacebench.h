@@ -3,51 +3,17 @@
 
 #include <xrcommon/TalInterface.h>
 
+#include "support/messagelog.h"
 #include "support/talpeer.h"
 #include "support/testprogram.h"
 
 #include <memory>
-
-/// Takes the log lines of the library; those of a test that has failed are printed, too.
-class LevelLog {
-public:
-    LevelLog()
-    {
-        s_current = this;
-        s_before = qInstallMessageHandler(take);
-    }
-    ~LevelLog() { qInstallMessageHandler(s_before); }
-    Q_DISABLE_COPY(LevelLog)
-
-    QStringList all() const { return debugLines + warnings; }
-
-    void clear()
-    {
-        debugLines.clear();
-        warnings.clear();
-    }
-
-    QStringList debugLines;
-    QStringList warnings;
-
-private:
-    static void take(QtMsgType type, const QMessageLogContext &context, const QString &text)
-    {
-        (type == QtDebugMsg ? s_current->debugLines : s_current->warnings) << text;
-        if (QTest::currentTestFailed())
-            s_before(type, context, text);
-    }
-
-    inline static LevelLog *s_current = nullptr;
-    inline static QtMessageHandler s_before = nullptr;
-};
 
 inline void request(const QString &xml)
 {
     TalInterface::requestData(xml, TALTARGET_DEFAULT);
 }
 
-/// A message of the data service.
 inline QByteArray notify(const QByteArray &data)
 {
     return "<notify><ref>r</ref><op>replace</op><rpath>/a/b</rpath><spath>/a</spath><data>" + data + "</data></notify>";
@@ -55,9 +21,8 @@ inline QByteArray notify(const QByteArray &data)
 
 inline const QByteArray nul(1, '\0');
 
-/// A client that is connected.
 struct TalInterfaceBench {
-    LevelLog log;
+    MessageLog log;
     TalPeer peer;
     std::unique_ptr<TalInterface> tal = std::make_unique<TalInterface>(nullptr);
     QSignalSpy connected{tal.get(), &TalInterface::talLocalUnixSocketConnectedSignal};
@@ -67,7 +32,7 @@ struct TalInterfaceBench {
     {
         if (!QTest::qWaitFor([this] { return peer.connections() == 1 && connected.count() == 1; }))
             qFatal("no connection");
-        log.clear();
+        log.takeLines();
     }
 
     QString sent()

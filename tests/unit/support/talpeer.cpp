@@ -76,15 +76,6 @@ void TalPeer::sendMessage(const QByteArray &xml)
     sendRaw(xml + '\0');
 }
 
-void TalPeer::sendNotify(const QString &ref, const QString &op, const QString &rPath, const QString &sPath,
-                         const QString &data)
-{
-    sendMessage(
-        QStringLiteral("<notify><ref>%1</ref><op>%2</op><rpath>%3</rpath><spath>%4</spath><data>%5</data></notify>")
-            .arg(ref.toHtmlEscaped(), op.toHtmlEscaped(), rPath.toHtmlEscaped(), sPath.toHtmlEscaped(), data)
-            .toUtf8());
-}
-
 void TalPeer::accept()
 {
     drop();

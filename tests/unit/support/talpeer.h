@@ -36,8 +36,6 @@ public:
 
     void sendRaw(const QByteArray &bytes);   ///< without waiting, as far as the kernel accepts it
     void sendMessage(const QByteArray &xml); ///< the text and its NUL
-    void sendNotify(const QString &ref, const QString &op, const QString &rPath, const QString &sPath,
-                    const QString &data); ///< texts are escaped, `data` is XML and stays as it is
 
 private:
     void accept();
