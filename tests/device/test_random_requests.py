@@ -20,11 +20,11 @@ from support.device import Device
 from support.rawmanager import ROOT, RawManager
 from support.snmp import END_OF_VIEW, NO_SUCH_INSTANCE, NO_SUCH_OBJECT
 from support.standard import LAST_CHANGE, PHYSICAL, PHYSICAL_COLUMNS, ROOTS, SENSOR, SENSOR_COLUMNS
-from support.target import GREATEST, SEED, entry_of, options
+from support.target import GREATEST, entry_of, options
 from support.walks import WALKS, Walk, wait_for_lines
 
 PDUS = int(os.environ.get("KVSNMP_PDUS", 500))
-FIRST_SEED = int(os.environ.get("KVSNMP_SEED", SEED))
+FIRST_SEED = int(os.environ.get("KVSNMP_SEED", 52717))
 AT_A_TIME = 7  # devices that run at once
 NAMES_AT_MOST = 64
 NAMES_OF_A_POOL, PDUS_OF_A_POOL = 300, 500

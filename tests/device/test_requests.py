@@ -6,15 +6,25 @@ import time
 
 import pytest
 from support import ber
-from support.ber import GET, GETBULK, GETNEXT, V1, V2C
+from support.ber import GET, GETBULK, GETNEXT, V1
 from support.rawmanager import RawManager, sockets
 from support.snmp import PRIVATE_MIB
-from support.target import GREATEST, options, target_of, unharmed  # noqa: F401
+from support.target import GREATEST, Target, intact, make_target, options
 from support.walks import Walk
 
 
 def below_enterprise(arcs: str) -> ber.Oid:
     return ber.numbers(f"{PRIVATE_MIB}.{arcs}")
+
+
+@pytest.fixture(scope="module")
+def target(start_shared_device) -> Target:
+    return make_target(start_shared_device(6420, *options(Walk(6420))), Walk(6420))
+
+
+@pytest.fixture
+def unharmed(target):
+    yield from intact(target)
 
 
 def test_all_names_at_once(unharmed):
@@ -76,18 +86,6 @@ def test_long_requests_in_a_row_block_nobody(start_device, names):
     for manager in flooding:
         manager.close()
     device.end_kvsnmp()
-
-
-def test_too_many_names_are_refused_after_a_restart_of_snmpd(start_device):
-    device = start_device(6420, *options(Walk(6420))).wait_answering()
-    former = device.wait_snmpd()
-    device.stir_snmpd_folder()
-    device.wait_snmpd(other_than=[former])
-    device.wait_answering()
-    manager = RawManager.of(device)
-    assert manager.ask(GETNEXT, [CELL] * (GETNEXT_LIMIT + 1), timeout=5, tries=1).error == ber.TOO_BIG
-    assert manager.ask(GET, [CELL], timeout=1, tries=1).error == 0
-    manager.close()
 
 
 def test_as_many_names_as_there_is_room_for(unharmed):
