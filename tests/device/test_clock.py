@@ -61,9 +61,7 @@ def clocked(start_shared_device):
 
 
 TIMES = {
-    "back a year": time.time() - 365 * DAY,
     "back to 1970": 60.0,
-    "forward beyond 2038": datetime.datetime(2042, 5, 6, tzinfo=UTC).timestamp(),
     "forward to 2106": float((1 << 32) - 5),
     "right again": time.time(),
 }
