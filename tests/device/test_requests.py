@@ -1,4 +1,4 @@
-"""Requests for too much, and from many managers. test_random_requests.py has every kind of request for up to 64 names."""
+"""Requests for too much, and from many managers. test_walks.py has every kind of request for up to 64 names."""
 from __future__ import annotations
 
 import selectors

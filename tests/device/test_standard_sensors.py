@@ -1,5 +1,5 @@
 """The IETF's sensor tables: the state of a sensor, the setting that switches them on, another sub-agent's registration.
-The walks of all models are in test_walks.py, random requests in test_random_requests.py."""
+test_walks.py has the walks of all models and random requests."""
 from __future__ import annotations
 
 import pytest
