@@ -12,12 +12,14 @@ import time
 import pytest
 from support.dataservice import SETTINGS
 from support.device import Device
-from support.outages import (PROBES, assert_idle, change_a_setting, hurry, run_probe, serve, wait_for_another_snmpd,
+from support.outages import (PROBES, assert_idle, change_a_setting, hurry, run_probe, wait_for_another_snmpd,
                              wait_served)
 from support.polling import stays, wait_until
 from support.press import Press
 from support.process import descriptors
 from support.settingsfile import READ
+from support.target import make_target
+from support.walks import Walk
 
 KILLS = int(os.environ.get("KVSNMP_SNMPD_KILLS", "8"))
 CONF, PID_FILE = "/etc/snmp/snmpd.conf", "/run/snmpd.pid"
@@ -31,7 +33,7 @@ ATTEMPT = "Warning: Failed to connect to the agentx master agent ([NIL]): "
 
 @pytest.fixture(scope="module")
 def served(start_shared_device):
-    served = serve(start_shared_device(6420, "--no-dbus", "--no-traps", "--clock-shift"))
+    served = make_target(start_shared_device(6420, "--no-dbus", "--no-traps", "--clock-shift"), Walk(6420))
     yield served
     served.manager.close()
 

@@ -3,34 +3,18 @@ from __future__ import annotations
 
 import time
 from collections.abc import Callable
-from typing import NamedTuple
 
-from . import ber, steps
+from . import ber
 from .dataservice import SETTINGS
 from .device import MODEL_NUMBER, Device
 from .polling import wait_until
 from .process import processor_seconds
-from .rawmanager import RawManager
+from .target import Target
 
 MODEL = ber.numbers(MODEL_NUMBER)
 HEALTH_PERIOD = 601
 PROBES = "/run/device/probes"
 IDLE = 14  # wake-ups a second at most: ten of the process timer, one of the ping, one in 5 s of the watchdog file
-
-
-class Served(NamedTuple):
-    device: Device
-    manager: RawManager
-    walk: list[ber.Binding]
-
-
-def serve(device: Device) -> Served:
-    """A device started with --clock-shift, once it serves all its values."""
-    device.wait_answering().wait_subscribed()
-    steps.apply(device, dbus=False)
-    manager = RawManager.of(device)
-    return Served(device, manager, manager.walk())
-
 
 _contacts = iter(range(1, 1000000))
 
@@ -65,7 +49,7 @@ def wait_for_another_snmpd(device: Device, old: int, way: Callable[[Device], Non
     return pid
 
 
-def wait_served(served: Served, timeout: float = 20) -> None:
+def wait_served(served: Target, timeout: float = 20) -> None:
     wait_until(lambda: served.manager.try_get(MODEL) == ("INTEGER", str(served.device.model)), timeout,
                what="model number answered")
     assert served.manager.walk() == served.walk
