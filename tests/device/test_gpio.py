@@ -193,4 +193,3 @@ def test_an_amplifier_touches_no_line(start_device):
         wait_until(watchdog.exists, 10, what="watchdog file written")
     assert events.events == []
     service.close()
-    events.close()

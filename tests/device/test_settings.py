@@ -125,7 +125,6 @@ def test_restart_sequence_and_its_times(start_device):
     device.wait_snmpd(other_than=[old])
     device.wait_answering()
     answered = time.monotonic()
-    events.close()
     written, ended, started = (events.first(what, name, asked) for what, name in [
         ("create", "snmpd.conf"), ("delete", "snmpd.pid"), ("create", "snmpd.pid")])
     assert written and ended and started, events.events
