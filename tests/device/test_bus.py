@@ -40,8 +40,8 @@ ASK_BUS = "dbus-send --system --print-reply --dest=org.freedesktop.DBus / org.fr
 # Announces, as only the bus itself may, that the next but six owns the monitor's name.
 CHANGE_OWNER = "\n".join([
     f"""n=$({ASK_BUS}.GetId | sed -n 's/.*destination=:1.\\([0-9]*\\).*/\\1/p')""",
-    *(f"dbus-send --system --type=signal --dest=:1.{number} /org/freedesktop/DBus org.freedesktop.DBus.NameOwnerChanged "
-      "string:com.orvane.pamon string:$owner string::1.$((n + 7))" for number in FIRST)])
+    *(f"dbus-send --system --type=signal --dest=:1.{number} /org/freedesktop/DBus "
+      "org.freedesktop.DBus.NameOwnerChanged string:com.orvane.pamon string:$owner string::1.$((n + 7))" for number in FIRST)])
 OTHERS = {
     "broadcast": BROADCAST,
     # The bus does not filter these.
@@ -59,9 +59,8 @@ OTHERS = {
 @pytest.fixture(scope="module")
 def linked(start_shared_device):
     device = start_shared_device(6420, "--no-traps", "--clock-shift").wait_answering().wait_subscribed()
-    connected = [device.run(["sh", "-c", f"{ASK_BUS}.GetConnectionUnixProcessID string::1.{number}"], check=False).stdout
-                 for number in FIRST]
-    assert str(device.kvsnmp_pid()) in " ".join(connected).split()
+    ask = ";".join(f"{ASK_BUS}.GetConnectionUnixProcessID string::1.{number}" for number in FIRST)
+    assert str(device.kvsnmp_pid()) in device.run(["sh", "-c", ask], check=False).stdout.split()
     return device
 
 

@@ -6,7 +6,8 @@ from collections.abc import Callable
 from contextlib import AbstractContextManager
 
 import pytest
-from support.breakages import (ACCESS, CONF, access, beside, edited, moved_away, newer_conf, restart_snmpd, setting, stopped)
+from support.breakages import (ACCESS, CONF, access, beside, edited, moved_away, newer_conf, restart_snmpd, setting,
+                               stopped)
 from support.dataservice import SETTINGS
 from support.device import Device
 from support.polling import wait_until

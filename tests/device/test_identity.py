@@ -21,7 +21,8 @@ SERVED = [
     (6764, ["--etc", "xr-powertype=200"], [None, None, "6764", "VQ9C-P2", None, None, "2"]),
     (6420, [part for name in [*TEXT_FILES, "xr-amptype"] for part in ("--no-etc", name)],
      ["Unknown", "Unknown", "6420", "Unknown", "Unknown", "Unknown", "2"]),
-    (6214, ["--model-text", "m" * 300, "--etc", "xr-modelnumber= +6214 "], [None, "m" * 127, "6214", "", None, None, "2"]),
+    (6214, ["--model-text", "m" * 300, "--etc", "xr-modelnumber= +6214 "],
+     [None, "m" * 127, "6214", "", None, None, "2"]),
 ]
 
 

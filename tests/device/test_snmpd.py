@@ -120,7 +120,7 @@ def test_snmpd_killed_over_and_over_during_walks(served, device):
             device.kill(snmpd, signal.SIGKILL)
             snmpd = wait_for_another_snmpd(device, snmpd, (change_a_setting, run_probe)[number % 2])
             wait_served(served)
-            wait_until(lambda: descriptors(device, pid) == opened, 2, what=f"as many descriptors after {number + 1} kills")
+            wait_until(lambda: descriptors(device, pid) == opened, 2, what=f"descriptors after {number + 1} kills")
         press.check()
     print(f"{KILLS} kills in {time.monotonic() - begin:.0f} s, {press.answered} GETBULKs answered meanwhile")
     assert device.kvsnmp_pid() == pid
