@@ -6,7 +6,7 @@ from collections.abc import Callable
 from contextlib import AbstractContextManager
 
 import pytest
-from support.breakages import (ACCESS, CONF, access, beside, edited, moved_away, newer_conf, no_traps, restart_snmpd, setting,
+from support.breakages import (ACCESS, CONF, access, beside, edited, moved_away, newer_conf, restart_snmpd, setting,
                                stopped)
 from support.dataservice import SETTINGS
 from support.device import Device
@@ -28,7 +28,6 @@ def amplifier(start_shared_device):
 
 FAKE = "import ctypes, time; ctypes.CDLL(None).prctl(15, b'kvsnmp'); time.sleep(60)"
 DEAD_SOCKET = "import socket; socket.socket(socket.AF_UNIX).bind('/run/tal.sock')"
-SECOND_SNMPD = ["snmpd", "-f", "-C", "-Ln", "-x", "/tmp/second", "udp:127.0.0.1:1999"]
 
 # What is broken, how, and what the check reports (support/selfcheck.py)
 BROKEN: list[tuple[str, Callable[[Device], AbstractContextManager], str]] = [
@@ -55,8 +54,6 @@ BROKEN: list[tuple[str, Callable[[Device], AbstractContextManager], str]] = [
     ("snmpd stopped", lambda device: stopped(device, "snmpd"), """
         cause snmpd-process: process {snmpd} is stopped
         text agentx-socket: takes the connection, but does not answer within 1 s"""),
-    ("two snmpd", lambda device: beside(device, "snmpd", *SECOND_SNMPD), """
-        cause snmpd-process: 2 of them run"""),
     ("stale pid file of snmpd", lambda device: edited(device, "/run/snmpd.pid", lambda _: "99999\n"), """
         cause snmpd-pid-file: names process 99999, not {snmpd}"""),
     ("configuration damaged by hand",
@@ -78,11 +75,6 @@ BROKEN: list[tuple[str, Callable[[Device], AbstractContextManager], str]] = [
      lambda device: edited(device, "/etc/xr-modelnumber", lambda _: "6425\n"), """
         cause model-number-served: 6420 is served, the identity file says 6425
         hint model-number-served: restart kvsnmp"""),
-    ("no trap enabled", no_traps, """
-        warning traps-enabled: none of the 20 traps is enabled"""),
-    ("one trap enabled", lambda device: no_traps(device, "LET Fault"), """
-        ok traps-enabled
-        text traps-enabled: 1 of 20, on: LET Fault"""),
 ]
 
 
@@ -121,12 +113,6 @@ def wait_given_up(device: Device) -> None:
     wait_until(lambda: not device.pids("snmpd"), what="snmpd given up")
 
 
-def wait_empty_conf(device: Device) -> None:
-    wait_until(lambda: "FINISH kaAgentStart()\n" in device.kvsnmp_out(), what="agent started")
-    device.wait_snmpd()
-    assert device.read(CONF) == ""
-
-
 def start_without_snmpd(device: Device) -> None:
     device.start_kvsnmp("-d", env={"PATH": "/run/device/bin:/usr/bin:/bin"})
     wait_attempt(device)
@@ -162,13 +148,6 @@ STARTS: list[tuple[str, list[str], Callable[[Device], object], str]] = [
     ("model unknown", ["--etc", "xr-modelnumber=9999"], wait_ended, """
         cause model-number: "9999"
         text model-number: no known model"""),
-    ("access that is no word of the settings", ["--set", f"{ACCESS}/access=Write"], wait_empty_conf, """
-        cause snmp-access: "Write"
-        text snmp-access: left empty
-        because snmpd-conf"""),
-    ("port that is none", ["--set", f"{ACCESS}/snmp_port=snmp"], wait_given_up, """
-        cause snmp-access: the port is "snmp"
-        because snmpd-process agentx-socket"""),
     ("kvsnmp never started", ["--no-kvsnmp"], lambda device: None, """
         cause kvsnmp-process: does not run
         because snmpd-conf snmpd-process"""),
@@ -254,7 +233,6 @@ def test_gpio_lines_missing(start_device):
     device.talctl("gpio", "168", "unreadable")
     assert_cause(SelfCheck(device), "gpio-tree", "1 of 7 lines cannot be read: 168")
     device.talctl("gpio", "168", "0")
-    assert_healthy(SelfCheck(device))
 
     # Only the model text says that the station has expanders.
     for label in device.path("/run/gpio").glob("gpiochip*/label"):

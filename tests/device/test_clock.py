@@ -56,14 +56,11 @@ def clocked(start_shared_device):
     switch(device, "Custom Fault", True)
     made = Clocked(device, traps, Faults(device), gpio)
     wait_until(lambda: made.checks(0) and device.path(WATCHDOG_FILE).exists(), 10, what="GPIO lines checked")
-    yield made
-    gpio.close()
+    return made
 
 
 TIMES = {
-    "back a year": time.time() - 365 * DAY,
     "back to 1970": 60.0,
-    "forward beyond 2038": datetime.datetime(2042, 5, 6, tzinfo=UTC).timestamp(),
     "forward to 2106": float((1 << 32) - 5),
     "right again": time.time(),
 }

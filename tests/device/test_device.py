@@ -131,7 +131,7 @@ def test_exec_list_and_stop(typed):
     assert not device.folder.exists()
 
 
-@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP], ids=lambda number: number.name)
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGHUP], ids=lambda number: number.name)
 def test_end_leaves_nothing_behind(typed, number):
     device = typed("--model", "6410")
     device.wait_printed("end it:")

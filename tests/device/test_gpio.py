@@ -1,14 +1,14 @@
-"""GPIO lines: which are read and when, what a manager sees of them, and that nothing else is touched."""
+"""GPIO lines: which are read and when, what a manager sees of them, and that nothing else is touched. The unit tests
+have the lines of every station."""
 from __future__ import annotations
 
 import time
-from collections.abc import Callable
 from pathlib import Path
 from typing import NamedTuple
 
 import pytest
 from support import steps
-from support.catalogue import COLUMN_OIDS, COMPACT, EXTENDED, MODELS, STATIONS
+from support.catalogue import COLUMN_OIDS, EXTENDED
 from support.dataservice import DataService
 from support.device import Device
 from support.inotify import Event, FolderEvents
@@ -16,8 +16,7 @@ from support.polling import wait_until
 
 LIGHT = ["--no-kvsnmp", "--no-dbus", "--no-traps", "--clock-shift"]
 # Lines of the controller: inputs and outputs, relays, in the order in which they are checked.
-OWN_LINES = {6211: ([168, 169, 170, 171, 172, 173], [174]), 6214: ([168, 169, 170, 171, 172, 173], [175, 174, 84, 85]),
-             6259: ([168, 169, 170, 171, 172, 173], [175, 174, 84, 85]), 6891: ([504, 505, 506, 507, 508, 509], [510])}
+OWN_LINES = [168, 169, 170, 171, 172, 173], [175, 174, 84, 85]
 INPUT, OUTPUT, RELAY = (COLUMN_OIDS[name] for name in ("controlInputStatus", "controlOutputState", "relayStatus"))
 UNKNOWN = "1"
 STATUS = {"0": "2", "1": "3", "unreadable": UNKNOWN}  # by level
@@ -34,27 +33,20 @@ class Line(NamedTuple):
 class Station:
     """A device with GPIO lines, and the events below its GPIO root."""
 
-    def __init__(self, device: Device, description: str) -> None:
-        self.device, self.description = device, description  # empty: the model's ordinary one, without expanders
+    def __init__(self, device: Device) -> None:
+        self.device = device
         self.root = device.path("/run/gpio")
-        self.lines = self._find_lines()
-        self.folders = [line.folder for line in self.lines]  # what a cycle reads, in order
+        inputs, relays = self._expander_base("-0022"), self._expander_base("-0021")
+        self.lines = [*(Line(f"gpio{i}", i, f"gpio{number}") for i, number in enumerate(OWN_LINES[0], 1)),
+                      *(Line(f"gpio{7 + i}", 7 + i, f"gpio{inputs + i}") for i in range(8)),
+                      *(Line(f"relay{i}", i, f"gpio{number}") for i, number in enumerate(OWN_LINES[1], 1)),
+                      *(Line(f"e_relay{1 + i}", 5 + i, f"gpio{relays + i}") for i in range(8))]
         self.settings = self.settings_now()
         self.events = watched(self.root)
         self.levels: dict[str, str] = {}
         self.types: dict[int, str] = {}
         self.started = time.monotonic()
         device.start_kvsnmp("-d", clock_shift=True)
-
-    def _find_lines(self) -> list[Line]:
-        gpios, relays = OWN_LINES[self.device.model]
-        lines = [Line(f"gpio{i}", i, f"gpio{number}") for i, number in enumerate(gpios, 1)]
-        own_relays = [Line(f"relay{i}", i, f"gpio{number}") for i, number in enumerate(relays, 1)]
-        if not self.description:
-            return lines + own_relays
-        inputs, expander_relays = self._expander_base("-0022"), self._expander_base("-0021")
-        lines += [Line(f"gpio{7 + i}", 7 + i, f"gpio{inputs + i}") for i in range(8)]
-        return lines + own_relays + [Line(f"e_relay{1 + i}", 5 + i, f"gpio{expander_relays + i}") for i in range(8)]
 
     def _expander_base(self, label_end: str) -> int:
         chip = next(chip for chip in self.root.glob("gpiochip*")
@@ -63,8 +55,8 @@ class Station:
 
     def settings_now(self) -> dict[str, tuple[str, int]]:
         """Content and time of the files that configure a line."""
-        files = {f"{folder}/{name}": self.root / folder / name
-                 for folder in self.folders for name in ("direction", "edge", "active_low")}
+        files = {f"{line.folder}/{name}": self.root / line.folder / name
+                 for line in self.lines for name in ("direction", "edge", "active_low")}
         return {name: (file.read_text(), file.stat().st_mtime_ns) for name, file in files.items()}
 
     def reads(self) -> list[Event]:
@@ -97,96 +89,48 @@ class Station:
         oids = list(self.expected())
         return dict(zip(oids, (text for _, text in self.device.snmp.get(*oids))))
 
+    def wait_served(self, expected: dict[str, str]) -> None:
+        wait_until(lambda: self.served() == expected, 30, what="levels served")
+
+    def hurry_cycle(self) -> None:
+        """At each of its wake-ups, ten a second, the daemon makes one check that is due."""
+        goal = len(self.reads()) + len(self.lines) + 1
+        wait_until(lambda: len(self.reads()) >= goal or self.device.shift_clock(1), 30, 0.03, "another cycle")
+
 
 def watched(root: Path) -> FolderEvents:
     return FolderEvents(root, *(folder for folder in root.iterdir() if folder.is_dir()), accesses=True)
 
 
-def hurry(devices: list[Device], done: Callable[[], bool], what: str) -> None:
-    """Lets seconds pass quickly. At each of its wake-ups, ten a second, the daemon makes one check that is due."""
-    def look() -> bool:
-        if done():
-            return True
-        for device in devices:
-            device.shift_clock(1)
-        return False
-
-    wait_until(look, 30, 0.03, what)
-
-
-def hurry_cycle(stations: list[Station]) -> None:
-    goals = [(station, len(station.reads()) + len(station.lines) + 1) for station in stations]
-    hurry([station.device for station in stations],
-          lambda: all(len(station.reads()) >= goal for station, goal in goals), "another cycle")
-
-
 @pytest.fixture(scope="module")
-def stations(start_shared_device) -> dict[tuple[int, str], Station]:
-    kinds = {(model, kind): "" if kind == "ordinary" else EXTENDED if model == 6214 else COMPACT
-             for model in OWN_LINES for kind in ("ordinary", "expanders")}
-    devices = {key: start_shared_device(key[0], *LIGHT, *(["--model-text", text] if text else []), wait=False)
-               for key, text in kinds.items()}
-    return {key: Station(device.wait_ready(), kinds[key]) for key, device in devices.items()}
+def station(start_shared_device) -> Station:
+    """With expanders."""
+    return Station(start_shared_device(6214, *LIGHT, "--model-text", EXTENDED))
 
 
-class Observed(NamedTuple):
-    first: Event
-    reads: list[Event]
-    at_own_speed: int  # reads before the clock was moved
-
-
-@pytest.fixture(scope="module")
-def observed(stations) -> dict[tuple[int, str], Observed]:
-    """Eight lines at their own speed, then two cycles."""
-    for station in stations.values():
-        wait_until(lambda station=station: len(station.reads()) > 8, 60, 0.1, "eight lines")
-    at_own_speed = {key: len(station.reads()) for key, station in stations.items()}
-    hurry_cycle(list(stations.values()))
-    hurry_cycle(list(stations.values()))
-    return {key: Observed(station.events.events[0], station.reads(), at_own_speed[key])
-            for key, station in stations.items()}
-
-
-KEYS = [(model, kind) for model in STATIONS for kind in ("ordinary", "expanders")]
-each_station = pytest.mark.parametrize("key", KEYS, ids=lambda key: f"{key[0]}-{key[1]}")
-
-
-@each_station
-def test_a_cycle_reads_each_line_once_and_in_order_one_a_second(stations, observed, key):
-    station, (first, reads, at_own_speed) = stations[key], observed[key]
-    checks = len(station.lines)
-    assert len(reads) > 2 * checks
-    assert [event.folder for event in reads] == [station.folders[place % checks] for place in range(len(reads))]
-    times = [event.at for event in reads[:at_own_speed]]
+def test_a_cycle_reads_each_line_once_and_in_order_one_a_second(station):
+    wait_until(lambda: len(station.reads()) > 8, 60, 0.1, "eight lines")
+    times = [event.at for event in station.reads()]
     gaps = [later - earlier for earlier, later in zip(times, times[1:])]
     assert all(0.2 < gap < 2.5 for gap in gaps), gaps  # a late check does not delay the next
     assert 0.97 * len(gaps) < times[-1] - times[0] < len(gaps) + 2.5, gaps
     # 3 s after the connection to the data service plus the first second of the checks, less the 5 % of coarse timers
-    assert first.at - station.started > 3.8, "nothing is touched before the checks start"
+    assert station.events.events[0].at - station.started > 3.8, "nothing is touched before the checks start"
+    station.hurry_cycle()
+    station.hurry_cycle()
+    folders = [line.folder for line in station.lines]
+    assert [event.folder for event in station.reads()] == [
+        folders[place % len(folders)] for place in range(len(station.reads()))]
 
 
-@pytest.fixture(scope="module")
-def rounds(stations, observed) -> dict[tuple[int, str], list[tuple[dict[str, str], dict[str, str]]]]:
-    """What is expected and what is served in three settings of levels and types: each GPIO has every type once."""
-    found = {key: [] for key in stations}
-    for station in stations.values():
-        station.device.wait_answering()
+def test_levels_show_in_the_rows_and_outputs_stay_outputs(station):
+    """In three settings of levels and types: each GPIO has every type once."""
+    station.device.wait_answering()
     for turn in range(3):
-        for station in stations.values():
-            station.set_up({line.name: LEVELS[place // 3 ** turn % 3] for place, line in enumerate(station.lines)},
-                           {number: TYPES[(number + turn) % 3] for number in range(1, 15)})
-        hurry_cycle(list(stations.values()))
-        for key, station in stations.items():
-            found[key].append((station.expected(), station.served()))
-    return found
-
-
-@each_station
-def test_levels_show_in_the_rows_and_outputs_stay_outputs(stations, rounds, key):
-    station = stations[key]
-    for turn, (expected, served) in enumerate(rounds[key]):
-        assert served == expected, f"round {turn}"
-    assert {status for _, served in rounds[key] for status in served.values()} == {"1", "2", "3"}
+        station.set_up({line.name: LEVELS[place // 3 ** turn % 3] for place, line in enumerate(station.lines)},
+                       {number: TYPES[(number + turn) % 3] for number in range(1, 15)})
+        station.hurry_cycle()
+        assert station.served() == station.expected(), f"round {turn}"
     walked = [variable.oid for column in (INPUT, OUTPUT, RELAY) for variable in station.device.snmp.walk(column)]
     assert sorted(walked) == sorted(station.expected())
     outputs = {f"{line.folder}/direction" for line in station.lines if "relay" in line.name or line.row in (4, 5)}
@@ -194,24 +138,22 @@ def test_levels_show_in_the_rows_and_outputs_stay_outputs(stations, rounds, key)
     assert station.settings_now() == station.settings
 
 
-@pytest.mark.parametrize("key", [(6214, "expanders"), (6891, "ordinary")], ids=["6214-expanders", "6891-ordinary"])
-def test_tree_removed_and_restored(stations, rounds, key):
-    station, daemon = stations[key], stations[key].device.kvsnmp_pid()
+def test_tree_removed_and_restored(station):
+    daemon = station.device.kvsnmp_pid()
     station.set_up({line.name: LEVELS[place % 3] for place, line in enumerate(station.lines)}, {1: "gpi", 2: "gpo"})
     before = station.expected()
     assert set(before.values()) == {"1", "2", "3"}
-    wait_until(lambda: station.served() == before, 30, what="levels shown")
+    station.wait_served(before)
     station.device.talctl("gpio", "remove")
-    wait_until(lambda: set(station.served().values()) == {UNKNOWN}, 30, what="everything unknown")
+    station.wait_served(dict.fromkeys(before, UNKNOWN))
     assert not station.root.exists()
     station.device.talctl("gpio", "restore")
-    wait_until(lambda: station.served() == before, 30, what="everything known again")
+    station.wait_served(before)
     assert station.device.kvsnmp_pid() == daemon
     assert "gpio: export" not in station.device.read("/var/log/talservice.log")  # the daemon exported none
 
 
-def test_unexported_lines_are_exported_again_and_stay_outputs(stations, rounds):
-    station = stations[6259, "expanders"]
+def test_unexported_lines_are_exported_again_and_stay_outputs(station):
     gone = {line.name: line.folder for line in station.lines if line.name in ("gpio4", "gpio9", "relay3", "e_relay8")}
     station.set_up({name: "1" for name in gone}, {4: "gpo"})
 
@@ -222,36 +164,32 @@ def test_unexported_lines_are_exported_again_and_stay_outputs(stations, rounds):
     for count in (1, 2):
         for name in gone:
             station.device.talctl("gpio", "unexport", name)
-        hurry([station.device], lambda: min(exports()) >= count, "exports")
-        wait_until(lambda: station.served() == station.expected(), 30, what="lines read again")
+        wait_until(lambda: min(exports()) >= count or station.device.shift_clock(1), 30, 0.03, "exports")
+        station.wait_served(station.expected())
         assert exports() == [count] * 4
         assert {name: (station.root / folder / "direction").read_text() for name, folder in gone.items()} == {
             "gpio4": "out\n", "gpio9": "in\n", "relay3": "out\n", "e_relay8": "out\n"}
 
 
-def test_models_without_gpio_touch_no_line(start_device):
+def test_an_amplifier_touches_no_line(start_device):
     """In a quiet tree with all the lines that any model reads."""
-    devices = {}
-    for model in sorted(set(MODELS) - set(STATIONS)):
-        device = start_device(model, *LIGHT, "--no-simulator", "--model-text", EXTENDED)
-        root = device.path("/run/gpio")
-        files = {f"gpio{number}/value": "1" for number in (84, 85, *range(168, 176), *range(300, 308), *range(400, 408),
-                                                           *range(504, 511))}
-        files |= {"gpiochip300/label": "3-0022", "gpiochip300/base": "300", "gpiochip400/label": "pins 3-0021",
-                  "gpiochip400/base": "400", "export": ""}
-        for name, text in files.items():
-            (root / name).parent.mkdir(parents=True, exist_ok=True)
-            (root / name).write_text(f"{text}\n")
-        devices[model] = device, watched(root), DataService(device.path("/run/tal.sock"))
-        device.start_kvsnmp("-d", clock_shift=True)
-    for model, (device, events, service) in devices.items():
-        wait_until(lambda service=service: service.has("kvsnmp_sys_messages"), 20, what="data subscribed")
-        for _ in range(3):  # half a minute; every 5 s the daemon writes its watchdog file
-            watchdog = device.path("/tmp/kvsnmp.watchdogtest")
-            watchdog.unlink(missing_ok=True)
-            device.shift_clock(10)
-            service.notify("nobody's", "create", "/state/nothing", "<nothing/>")  # ends the daemon's sleep
-            wait_until(watchdog.exists, 10, what="watchdog file written")
-        assert events.events == [], model
-        service.close()
-        events.close()
+    device = start_device(6420, *LIGHT, "--no-simulator", "--model-text", EXTENDED)
+    root = device.path("/run/gpio")
+    files = {f"gpio{number}/value": "1" for number in (84, 85, *range(168, 176), *range(300, 308), *range(400, 408),
+                                                       *range(504, 511))}
+    files |= {"gpiochip300/label": "3-0022", "gpiochip300/base": "300", "gpiochip400/label": "pins 3-0021",
+              "gpiochip400/base": "400", "export": ""}
+    for name, text in files.items():
+        (root / name).parent.mkdir(parents=True, exist_ok=True)
+        (root / name).write_text(f"{text}\n")
+    events, service = watched(root), DataService(device.path("/run/tal.sock"))
+    device.start_kvsnmp("-d", clock_shift=True)
+    wait_until(lambda: service.has("kvsnmp_sys_messages"), 20, what="data subscribed")
+    for _ in range(3):  # half a minute; every 5 s the daemon writes its watchdog file
+        watchdog = device.path("/tmp/kvsnmp.watchdogtest")
+        watchdog.unlink(missing_ok=True)
+        device.shift_clock(10)
+        service.notify("nobody's", "create", "/state/nothing", "<nothing/>")  # ends the daemon's sleep
+        wait_until(watchdog.exists, 10, what="watchdog file written")
+    assert events.events == []
+    service.close()

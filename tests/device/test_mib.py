@@ -52,12 +52,6 @@ def test_pysmi_and_net_snmp_read_it_without_a_complaint(tmp_path):
     assert run("snmptranslate", "-Td", f"{MODULE}::relayTable", **MIB_ENVIRONMENT).startswith(f"{MODULE}::relayTable\n")
 
 
-def test_the_newest_revision_is_the_last_update():
-    revisions = [revision["revision"] for revision in mib().nodes["kvsnmpMIB"]["revisions"]]
-    assert revisions == sorted(revisions, reverse=True)
-    assert mib().nodes["kvsnmpMIB"]["lastupdated"].startswith(re.sub(r"\D", "", revisions[0])[:8])
-
-
 # The walks
 
 
@@ -133,16 +127,6 @@ def test_measured_values_have_their_convention():
     for node in measured.values():
         convention = node["syntax"]["type"]
         assert (mib().nodes[convention]["displayhint"], node["units"]) == hints[convention]
-
-
-def test_everything_is_described_and_in_one_group():
-    assert [name for name, node in mib().nodes.items() if "status" in node and len(node.get("description", "")) < 8] == []
-    groups = {name: [member["object"] for member in node["objects"]] for name, node in mib().nodes.items()
-              if node.get("class") in ("objectgroup", "notificationgroup")}
-    assert sorted(member for group in groups.values() for member in group) == sorted(
-        [*readable(), *NOTIFICATION_OBJECTS, *mib().notifications])
-    compliance, = (node for node in mib().nodes.values() if node.get("class") == "modulecompliance")
-    assert sorted(group["object"] for group in compliance["modulecompliance"]) == sorted(groups)
 
 
 def test_states_and_models_that_descriptions_name_exist():

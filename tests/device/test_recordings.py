@@ -6,7 +6,7 @@ import os
 import re
 import socket
 import subprocess
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from pathlib import Path
 from tempfile import TemporaryDirectory
 
@@ -20,58 +20,53 @@ GENERATE = CHECKOUT / "monitoring/recordings/generate"
 SYSTEM = ".1.3.6.1.2.1.1"
 
 
-class Simulator:
-    def __init__(self, data: Path) -> None:
-        folder = data.parent
-        (folder / "cache").mkdir()
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-            probe.bind(("127.0.0.1", 0))
-            self.port = probe.getsockname()[1]
-        command = ["snmpsimd", f"--data-dir={data}", f"--cache-dir={folder}/cache", "--logging-method=stdout",
-                   f"--agent-udpv4-endpoint=127.0.0.1:{self.port}"]
-        if os.geteuid() == 0:  # it drops its rights
-            folder.chmod(0o755)
-            (folder / "cache").chmod(0o777)
-            command += ["--process-user=nobody", "--process-group=nogroup"]
-        self.log = folder / "log"
-        with open(self.log, "wb") as log:
-            self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log, cwd="/")
-        wait_until(self._listening, 60, 0.1, what="snmpsimd listens")
-
-    def _listening(self) -> bool:
-        assert self.process.poll() is None, self.log.read_text()
-        return "Listening at UDP/IPv4 endpoint" in self.log.read_text()
-
-    def walk(self, name: str, oid: str) -> str:
-        command = ["snmpbulkwalk", *NUMERIC, "-t5", "-Cr50", "-v2c", "-c", name, f"127.0.0.1:{self.port}", oid]
-        done = subprocess.run(command, capture_output=True, text=True, check=True, timeout=60,
-                              env=os.environ | {"MIBS": ""})
-        # The recording ends there, a device goes on.
-        return re.sub(r"^\S+ = No more variables left in this MIB View .*\n", "", done.stdout, flags=re.MULTILINE)
+Ask = Callable[[str, str], str]
 
 
 @pytest.fixture(scope="module")
-def simulator() -> Iterator[Simulator]:
+def walk() -> Iterator[Ask]:
+    """Walks a recording below an OID."""
     with TemporaryDirectory() as place:  # pytest closes its own folders to other users whenever a run begins
-        folder = Path(place) / "data"
+        folder, cache, log = (Path(place) / name for name in ("data", "cache", "log"))
         subprocess.run([GENERATE, folder], check=True, stdout=subprocess.DEVNULL)
         assert sorted(file.name for file in folder.iterdir()) == sorted(f"{name}.snmprec" for name in golden.NAMES)
-        simulator = Simulator(folder)
-        yield simulator
-        simulator.process.terminate()
-        simulator.process.wait(10)
+        cache.mkdir()
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+            probe.bind(("127.0.0.1", 0))
+            address = f"127.0.0.1:{probe.getsockname()[1]}"
+        command = ["snmpsimd", f"--data-dir={folder}", f"--cache-dir={cache}", "--logging-method=stdout",
+                   f"--agent-udpv4-endpoint={address}"]
+        if os.geteuid() == 0:  # it drops its rights
+            Path(place).chmod(0o755)
+            cache.chmod(0o777)
+            command += ["--process-user=nobody", "--process-group=nogroup"]
+        with open(log, "wb") as output:
+            process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=output, cwd="/")
+
+        def ask(name: str, oid: str) -> str:
+            done = subprocess.run(["snmpbulkwalk", *NUMERIC, "-t5", "-Cr50", "-v2c", "-c", name, address, oid], text=True,
+                                  capture_output=True, check=True, timeout=60, env=os.environ | {"MIBS": ""})
+            # The recording ends there, a device goes on.
+            return re.sub(r"^\S+ = No more variables left in this MIB View .*\n", "", done.stdout, flags=re.MULTILINE)
+
+        wait_until(lambda: "Listening at UDP/IPv4 endpoint" in log.read_text() or process.poll() is not None, 60, 0.1,
+                   what="snmpsimd listens")
+        assert process.poll() is None, log.read_text()
+        yield ask
+        process.terminate()
+        process.wait(10)
 
 
-def test_snmpsim_serves_the_golden_walks(simulator):
+def test_snmpsim_serves_the_golden_walks(walk):
     for name in golden.NAMES:
-        assert simulator.walk(name, TABLES) == golden.text_of(name), name
+        assert walk(name, TABLES) == golden.text_of(name), name
 
 
-def test_snmpsim_serves_the_system_group_of_a_device(simulator, start_device):
+def test_snmpsim_serves_the_system_group_of_a_device(walk, start_device):
     device = start_device(6420, "--no-dbus", "--no-traps").wait_answering()
     lines = dict(line.split(" = ", 1) for line in device.run(
         ["snmpwalk", *NUMERIC, *COMMUNITY, "127.0.0.1", SYSTEM]).stdout.splitlines() if " = " in line)
-    served = dict(line.split(" = ", 1) for line in simulator.walk("6420", SYSTEM).splitlines())
+    served = dict(line.split(" = ", 1) for line in walk("6420", SYSTEM).splitlines())
     assert list(served) == [f"{SYSTEM}.{number}.0" for number in range(1, 7)]
     assert served.pop(f"{SYSTEM}.1.0") == 'STRING: "Linux device 5.15.71"'  # a device has that of its own kernel
     assert served.pop(f"{SYSTEM}.3.0").startswith("Timeticks: ")

@@ -2,10 +2,12 @@
 from __future__ import annotations
 
 import signal
+import socket
 import time
+from contextlib import ExitStack
 
 import pytest
-from support.device import MODEL_NUMBER, Device
+from support.device import Device
 from support.outages import PROBES, run_probe
 from support.polling import stays, wait_until
 
@@ -30,103 +32,69 @@ echo 8192
 """
 
 
-@pytest.fixture
-def probing(start_device):
+@pytest.mark.parametrize("hangs", [False, True], ids=["as soon as the probe is over", "after 30 seconds"])
+def test_sigterm_during_a_probe_ends_the_daemon(start_device, hangs):
     device = start_device(6410, "--no-dbus", "--no-traps", "--no-kvsnmp")
     install(device, "ps", HANGING_PS)
     kvsnmp = device.start_kvsnmp("-d", clock_shift=True)
     device.wait_answering()
     run_probe(device)
-    yield device, kvsnmp
-    device.path("/tmp/go").touch()
-
-
-def test_sigterm_during_a_probe_ends_the_daemon_as_soon_as_the_probe_is_over(probing):
-    device, kvsnmp = probing
+    if hangs:
+        device.shift_clock(31)  # seen when the signal wakes the daemon
     device.kill(device.kvsnmp_pid(), signal.SIGTERM)
-    stays(lambda: kvsnmp.poll() is None, 2.0, what="daemon waits for the probe")
-    device.path("/tmp/go").touch()
-    answered = time.monotonic()
-    assert kvsnmp.wait(10) == 0
-    assert time.monotonic() - answered < 3
-    assert ENDED in device.kvsnmp_err()
-
-
-def test_sigterm_during_a_probe_that_hangs_ends_the_daemon_after_30_seconds(probing):
-    """The clock is moved by them: the signal wakes the daemon."""
-    device, kvsnmp = probing
-    device.shift_clock(31)
-    device.kill(device.kvsnmp_pid(), signal.SIGTERM)
-    assert kvsnmp.wait(10) == 0
-    assert ENDED in device.kvsnmp_err()
-    assert NOT_RUNNING in device.syslog_texts()
-    wait_until(lambda: not device.pids("ps"), 5, what="the hanging probe killed")
-
-
-def test_probe_that_hangs_delays_answers_for_30_seconds(probing):
-    """In real time. Then snmpd counts as not running, and is restarted."""
-    device, _ = probing
+    if not hangs:
+        stays(lambda: kvsnmp.poll() is None, 2.0, what="daemon waits for the probe")
+        device.path("/tmp/go").touch()
     begin = time.monotonic()
-    snmpd = device.wait_snmpd()
-    assert device.snmp.try_get(MODEL_NUMBER) is None
-    wait_until(lambda: NOT_RUNNING in device.syslog_texts(), 35, what="probe given up")
-    stalled = time.monotonic() - begin
-    print(f"the event loop was blocked for {stalled:.1f} s")
-    assert 25 < stalled < 33
-    device.wait_snmpd(other_than=[snmpd])
-    device.wait_answering()
+    assert kvsnmp.wait(10) == 0
+    assert time.monotonic() - begin < 3
+    assert ENDED in device.kvsnmp_err()
+    assert (NOT_RUNNING in device.syslog_texts()) == hangs
+    wait_until(lambda: not device.pids("ps"), 5, what="no probe left")
 
 
-# snmpd stopped
+def ticks(device: Device, seconds: float) -> list[float]:
+    """The times between two writes of the watchdog file, due every 5 s."""
+    watchdog = device.path(WATCHDOG_FILE)
+    end = time.monotonic() + seconds
+    times, last = [time.monotonic()], 0
+    while time.monotonic() < end:
+        now = watchdog.stat().st_mtime_ns if watchdog.exists() else 0
+        if now != last:
+            times.append(time.monotonic())
+            last = now
+        time.sleep(0.02)
+    return [later - earlier for earlier, later in zip(times, [*times[1:], end])]
 
-STOPPED = 65  # seconds
 
-
-@pytest.fixture
-def stopped(start_device):
-    """A device whose snmpd has just been stopped, with SIGSTOP."""
+def test_stopped_snmpd_stalls_the_daemon_for_one_attempt_at_a_time(start_device):
+    """The attempts fill snmpd's queue of connections; once it is full they end at once."""
     device = start_device(6410, "--no-dbus", "--no-traps", "--no-kvsnmp")
     kvsnmp = device.start_kvsnmp("-d")
     device.wait_answering().wait_subscribed()
     snmpd = device.wait_snmpd()
     device.kill(snmpd, signal.SIGSTOP)
-    return device, kvsnmp, snmpd
-
-
-def test_stopped_snmpd_stalls_the_daemon_for_one_attempt_at_a_time(stopped):
-    """The attempts fill snmpd's queue of connections; once it is full they end at once."""
-    device, _, snmpd = stopped
-    watchdog = device.path(WATCHDOG_FILE)
-    ticks: list[float] = []
-    last = watchdog.stat().st_mtime_ns if watchdog.exists() else 0
-    begin = time.monotonic()
-    while time.monotonic() < begin + STOPPED:
-        now = watchdog.stat().st_mtime_ns if watchdog.exists() else 0
-        if now != last:
-            ticks.append(time.monotonic())
-            last = now
-        time.sleep(0.02)
-    gaps = [later - earlier for earlier, later in zip([begin, *ticks], [*ticks, time.monotonic()])]
-    shown = ", ".join(f"{gap:.1f}" for gap in gaps)
-    print(f"snmpd stopped for {STOPPED} s: the watchdog file, due every 5 s, was written after {shown} s")
-    assert max(gaps) < 15
-    assert gaps[-2] < 6, "the queue is full"
+    gaps = ticks(device, 16)
+    print("the watchdog file was written after " + ", ".join(f"{gap:.1f}" for gap in gaps) + " s")
+    assert 5.5 < max(gaps) < 15
+    with ExitStack() as queue, pytest.raises(BlockingIOError):
+        while True:
+            queued = queue.enter_context(socket.socket(socket.AF_UNIX))
+            queued.setblocking(False)
+            queued.connect(str(device.path("/var/agentx/master")))
+    time.sleep(max(gaps))  # the attempt that had a place
+    assert max(ticks(device, 12)) < 6, "the queue is full"
     device.kill(snmpd, signal.SIGCONT)
-    continued = time.monotonic()
     device.wait_answering(30)
-    print(f"answered {time.monotonic() - continued:.1f} s after snmpd went on")
     assert device.pids("snmpd") == [snmpd]
 
-
-def test_sigterm_while_snmpd_is_stopped(stopped):
-    device, kvsnmp, snmpd = stopped
+    device.kill(snmpd, signal.SIGSTOP)
     time.sleep(2)  # into the first attempt
     asked = time.monotonic()
     device.kill(device.kvsnmp_pid(), signal.SIGTERM)
     assert kvsnmp.wait(25) == 0
-    taken = time.monotonic() - asked
-    print(f"ended {taken:.1f} s after SIGTERM")
-    assert taken < 15
+    print(f"ended {time.monotonic() - asked:.1f} s after SIGTERM")
+    assert time.monotonic() - asked < 15
     assert ENDED in device.kvsnmp_err()
     device.kill(snmpd, signal.SIGCONT)
 

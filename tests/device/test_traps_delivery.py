@@ -3,18 +3,18 @@ trap was sent is still sent if snmpd was only busy, and never if it was gone."""
 from __future__ import annotations
 
 import functools
-import re
 import signal
 import time
 
 import pytest
 from support.device import MODEL_NUMBER, is_sanitized
 from support.polling import stays, wait_until
+from support.process import memory_kb
 from support.traps import Faults, TrapReceiver, send_results, switch
 
 RESTARTING = "SnmpdConfHandler onRestartSnmpdTimeout Restarting snmpd\n"
 DISCONNECTED = "AgentX master disconnected us"  # the agent library's own words
-RESTARTS = 12
+RESTARTS = 6
 PING_INTERVAL = 100  # seconds: the library pings snmpd only when the test moves the clock
 
 
@@ -60,16 +60,6 @@ class Bench:
         line = f"Remove Fault: [tests] [{self.faults.raised[text]}]\n"
         wait_until(lambda: line in self.device.kvsnmp_err(), what=f"end of {text} received")
 
-    def raise_and_clear_behind_a_full_connection(self, topic: str) -> tuple[str, str]:
-        """While snmpd does not read. Returns a fault that has ended and an active one; both wait."""
-        fillers = [f"{text} ".ljust(40000, "x") for text in self.faults.new_texts(topic, 3)]
-        ended, = self.faults.new_texts(f"{topic}, ended", 1)
-        self.device.talctl_batch([self.faults.raise_line("let_fail", text) for text in [*fillers, ended]]
-                                 + [self.faults.clear_line(ended)])
-        self.wait_ended(ended)
-        assert set(send_results(self.device, fillers[2])) == {"FAILED"}, "the connection had room for everything"
-        return ended, fillers[2]
-
 
 @pytest.fixture(scope="module")
 def benches(start_shared_device):
@@ -111,87 +101,44 @@ def test_faults_raised_without_snmpd_are_sent_when_it_runs(bench):
 
 def test_faults_over_many_restarts_are_each_received_once(bench):
     """Earlier faults are active all the while, and not sent again. While the daemon ends snmpd, it sends no trap until
-    the session is gone. At most, snmpd leaves unread what it was sent right before."""
+    the session is gone: of the ten faults spread over a restart, snmpd leaves at most one unread."""
     device, faults = bench.device, bench.faults
-    log_start = len(device.kvsnmp_err())
+    restarts = device.kvsnmp_err().count(RESTARTING)
     for _ in range(RESTARTS):
         snmpd = device.pids("snmpd")
         device.stir_snmpd_folder()
-        for text in faults.new_texts("restart", 10):  # spread over the whole restart
+        for text in faults.new_texts("restart", 10):
             faults.raise_one("let_fail", text)
             time.sleep(0.05)
         device.wait_snmpd(other_than=snmpd)
         bench.traps.wait_for(text, timeout=10)
     faults.mark(bench.traps)
-
-    restarts, ending, last = 0, False, ""
-    last_before: set[str] = set()  # the last trap sent before each restart
-    to_the_dying: list[str] = []
-    for line in device.kvsnmp_err()[log_start:].splitlines(keepends=True):  # in order: one thread writes them
-        if line == RESTARTING:
-            restarts, ending = restarts + 1, True
-            last_before.add(last)
-        elif line.startswith(DISCONNECTED):
-            ending = False
-        elif sent := re.search(r"description: (restart \d+) ->Send SUCCESS", line):
-            last = sent[1]
-            to_the_dying += [last] * ending
     counts = bench.traps.counts("restart ")
-    lost = {text for text in faults.raised if text.startswith("restart ")} - set(counts)
-    print(f"{10 * RESTARTS} faults over {RESTARTS} restarts: {len(counts)} received, {len(lost)} lost")
-    assert restarts >= RESTARTS and not ending
-    assert to_the_dying == []
+    print(f"{10 * RESTARTS} faults over {RESTARTS} restarts: {len(counts)} received")
+    assert device.kvsnmp_err().count(RESTARTING) >= restarts + RESTARTS
     assert max(counts.values()) == 1
     # snmpd reads a trap within about a millisecond, and faults come 50 ms apart; a busy machine may be slower.
-    assert lost <= last_before and len(lost) <= 2
-    assert len(lost) + len(counts) == 10 * RESTARTS
-
-
-def test_faults_that_meet_a_dead_snmpd_before_the_daemon_knows_are_not_lost(bench):
-    """The daemon is stopped while snmpd is killed and the faults are raised, so it sees everything at once."""
-    device = bench.device
-    snmpd, kvsnmp = device.wait_snmpd(), device.kvsnmp_pid()
-    device.kill(kvsnmp, signal.SIGSTOP)
-    device.kill(snmpd, signal.SIGKILL)
-    bench.faults.raise_all("let_fail", bench.faults.new_texts("dead", 50))
-    device.kill(kvsnmp, signal.SIGCONT)
-    bench.restart()
-    bench.assert_each_once("dead", 50)
+    assert len(counts) >= 10 * RESTARTS - 2
 
 
 def test_a_hung_snmpd_doubles_and_loses_nothing(bench):
-    """Stopped for 4 s while faults are raised; the longest delay until the daemon receives one is measured."""
-    device, faults = bench.device, bench.faults
-    snmpd = device.wait_snmpd()
-    raised: dict[str, float] = {}
-    received: dict[str, float] = {}
-
-    def look() -> None:
-        for reference in re.findall(r"New Fault: \[tests\] \[(r\d+)\]", device.kvsnmp_err()):
-            received.setdefault(reference, time.monotonic())
-
-    device.kill(snmpd, signal.SIGSTOP)
-    stopped = time.monotonic()
-    while time.monotonic() < stopped + 6:
-        if time.monotonic() > stopped + 4 and snmpd:
-            device.kill(snmpd, signal.SIGCONT)
-            snmpd = 0
-        text, = faults.new_texts("hung", 1)
-        raised[text] = time.monotonic()
-        faults.raise_one("let_fail", text)
-        look()
-    faults.mark(bench.traps, timeout=30)
-    look()
-    stall = max(received[faults.raised[text]] - at for text, at in raised.items())
-    print(f"snmpd stopped for 4 s: {len(raised)} faults raised, the event loop was blocked for up to {stall:.2f} s")
-    bench.assert_each_once("hung", len(raised))
-    assert stall < 20
-    device.wait_answering()
+    """Stopped for 4 s while faults are raised."""
+    snmpd, begin = bench.device.wait_snmpd(), time.monotonic()
+    bench.device.kill(snmpd, signal.SIGSTOP)
+    count = 0
+    while time.monotonic() < begin + 6:
+        if time.monotonic() > begin + 4:
+            bench.device.kill(snmpd, signal.SIGCONT)
+        bench.faults.raise_all("let_fail", bench.faults.new_texts("hung", 1))
+        count += 1
+    bench.assert_each_once("hung", count)
+    bench.device.wait_answering()
 
 
 def test_five_thousand_waiting_faults_whose_trap_is_enabled(bench):
-    """Each received once, and GETs answered meanwhile."""
+    """Each received once, GETs answered meanwhile, and their memory returned when they have ended."""
     device, faults, traps = bench.device, bench.faults, bench.traps
+    before = memory_kb(device, device.kvsnmp_pid(), "VmRSS")
     switch(device, "LET Fault", False)
     faults.raise_all("let_fail", faults.new_texts("waiting", 5000))
     faults.mark(traps, timeout=60)
@@ -206,25 +153,18 @@ def test_five_thousand_waiting_faults_whose_trap_is_enabled(bench):
     print(f"5,000 waiting faults: {5000 / taken:.0f} traps per second, {len(answers)} GETs answered meanwhile")
     assert set(answers) - {None} == {("INTEGER", "6420")}, "a loaded machine may answer one too late"
     bench.assert_each_once("waiting", 5000)
+    faults.clear_everything()
+    if not is_sanitized():  # a sanitizer keeps freed memory
+        wait_until(lambda: memory_kb(device, device.kvsnmp_pid(), "VmRSS") < before + 3000, 10, what="memory returned")
 
 
-@pytest.mark.parametrize("distance", [0, 2000], ids=["one by one", "all at the end"])
-def test_a_burst_of_two_thousand_faults_raised_and_cleared(bench, distance):
+def test_a_burst_of_two_thousand_faults_raised_and_cleared(bench):
     """However soon it ends, each fault is sent once."""
     faults = bench.faults
-    topic = f"burst{distance}"
-    texts = faults.new_texts(topic, 2000)
-    lines = []
-    for number, text in enumerate(texts):
-        lines.append(faults.raise_line("let_fail", text))
-        if number >= distance:
-            lines.append(faults.clear_line(texts[number - distance]))
-    lines += [faults.clear_line(text) for text in texts[2000 - distance:]]
-    begin = time.monotonic()
+    lines = [line for text in faults.new_texts("burst", 2000)
+             for line in (faults.raise_line("let_fail", text), faults.clear_line(text))]
     bench.device.talctl_batch(lines)
-    bench.assert_each_once(topic, 2000)
-    taken = time.monotonic() - begin
-    print(f"2,000 faults raised and cleared: {2000 / taken:.0f} traps per second")
+    bench.assert_each_once("burst", 2000)
     assert bench.device.talctl("fault", "list").strip() == ""
     size, received = len(bench.device.kvsnmp_err()), len(bench.traps.received)
     stays(lambda: len(bench.device.kvsnmp_err()) == size and len(bench.traps.received) == received, 1.0,
@@ -234,61 +174,33 @@ def test_a_burst_of_two_thousand_faults_raised_and_cleared(bench, distance):
 # Faults that end before their trap was sent
 
 
-@pytest.mark.parametrize("asleep", [True, False], ids=["before the daemon could notice", "while the daemon notices"])
-def test_faults_raised_and_cleared_while_snmpd_is_dead_are_never_sent(silent, asleep):
+def test_faults_that_meet_a_dead_snmpd_before_the_daemon_knows(silent):
+    """Those that ended are never sent, the others once. The daemon is stopped meanwhile, so it sees all at once."""
     device, faults = silent.device, silent.faults
     snmpd, kvsnmp = device.wait_snmpd(), device.kvsnmp_pid()
-    ended = faults.new_texts("ended while dead", 6)
-    present, = faults.new_texts("present while dead", 1)
-    if asleep:
-        device.kill(kvsnmp, signal.SIGSTOP)
+    ended, present = faults.new_texts("ended", 6), faults.new_texts("present", 20)
+    device.kill(kvsnmp, signal.SIGSTOP)
     device.kill(snmpd, signal.SIGKILL)
-    lines = [line for text in ended for line in (faults.raise_line("let_fail", text), faults.clear_line(text))]
-    device.talctl_batch([*lines, faults.raise_line("let_fail", present)])
-    if asleep:
-        device.kill(kvsnmp, signal.SIGCONT)
+    faults.raise_all("let_fail", ended)
+    faults.clear_all(ended)
+    faults.raise_all("let_fail", present)
+    device.kill(kvsnmp, signal.SIGCONT)
     silent.wait_ended(ended[-1])
     silent.restart()
-    faults.mark(silent.traps)
+    silent.assert_each_once("present", 20)
     assert silent.traps.with_description(*ended) == []
-    assert len(silent.traps.with_description(present)) == 1
 
 
 def test_a_fault_that_ended_while_snmpd_did_not_read_is_sent_when_it_reads(silent):
-    snmpd = silent.device.wait_snmpd()
-    silent.device.kill(snmpd, signal.SIGSTOP)
-    ended, _ = silent.raise_and_clear_behind_a_full_connection("slow")
-    silent.device.kill(snmpd, signal.SIGCONT)
-    silent.faults.mark(silent.traps)
+    device, faults = silent.device, silent.faults
+    snmpd = device.wait_snmpd()
+    device.kill(snmpd, signal.SIGSTOP)
+    fillers = [f"{text} ".ljust(40000, "x") for text in faults.new_texts("slow", 3)]
+    ended, = faults.new_texts("slow, ended", 1)
+    device.talctl_batch([faults.raise_line("let_fail", text) for text in [*fillers, ended]] + [faults.clear_line(ended)])
+    silent.wait_ended(ended)
+    assert set(send_results(device, fillers[2])) == {"FAILED"}, "the connection had room for everything"
+    device.kill(snmpd, signal.SIGCONT)
+    faults.mark(silent.traps)
     assert silent.traps.counts("slow, ended") == {ended: 1}
     assert sorted(silent.traps.counts("slow ").values()) == [1, 1, 1]
-
-
-def test_a_fault_that_ended_while_snmpd_did_not_read_is_never_sent_when_it_dies(silent):
-    snmpd = silent.device.wait_snmpd()
-    silent.device.kill(snmpd, signal.SIGSTOP)
-    _, waiting = silent.raise_and_clear_behind_a_full_connection("dying")
-    silent.device.kill(snmpd, signal.SIGKILL)
-    silent.restart()
-    silent.faults.mark(silent.traps)
-    assert silent.traps.counts("dying, ended") == {}
-    assert silent.traps.counts("dying ") == {waiting: 1}  # snmpd had the others in its connection
-
-
-@pytest.mark.skipif(is_sanitized(), reason="a sanitizer keeps freed memory")
-def test_memory_of_ended_faults_is_returned(start_device):
-    device = start_device(6420, "--no-traps").wait_answering().wait_subscribed()
-    traps, faults = TrapReceiver(device), Faults(device)
-    status = ["sed", "-n", "s/^VmRSS: *//p", f"/proc/{device.kvsnmp_pid()}/status"]
-
-    def kilobytes() -> int:
-        return int(device.run(status).stdout.split()[0])
-
-    before = kilobytes()
-    switch(device, "LET Fault", False)
-    faults.raise_all("let_fail", faults.new_texts("waiting", 5000))
-    switch(device, "LET Fault", True)
-    faults.mark(traps, timeout=60)
-    assert len(traps.counts("waiting ")) == 5000
-    faults.clear_everything()
-    wait_until(lambda: kilobytes() < before + 3000, 10, what="memory returned")

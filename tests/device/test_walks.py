@@ -1,5 +1,8 @@
 """The whole private MIB of every model, read with GETNEXT and GETBULK, equals its golden walk, and that has the rows of
-the catalogue. The standard sensor tables show the same values. KVSNMP_WRITE_GOLDEN=1 in the environment writes the golden walks again.
+the catalogue. The standard sensor tables show the same values, and random requests get the answers of the walk.
+
+KVSNMP_WRITE_GOLDEN=1 in the environment writes the golden walks again. KVSNMP_PDUS is the number of random requests to
+each device, KVSNMP_SEED selects others.
 """
 from __future__ import annotations
 
@@ -11,6 +14,7 @@ import pytest
 from support import ber, catalogue, standard, steps
 from support.catalogue import OBJECTS, SCALAR_OIDS
 from support.device import Device
+from support.randomrequests import ask_at_random
 from support.snmp import COMMUNITY, NO_SUCH_OBJECT, NUMERIC, TABLES, Variable, parse
 from support.walks import FAILED_TONE, WALKS, Walk, golden, wait_for_lines, write_golden
 
@@ -22,7 +26,7 @@ class Answers(NamedTuple):
     getnext: str
     getbulk: list[str]
     standard: list[Variable]
-    complaints: list[str]
+    failures: list[str]
 
 
 def read(walk: Walk) -> Answers:
@@ -42,11 +46,12 @@ def read(walk: Walk) -> Answers:
                    for number in REPETITIONS]
         standard_tables = [variable for root in standard.ROOTS for variable in parse(
             device.run(["snmpbulkwalk", *NUMERIC, *COMMUNITY, "127.0.0.1", ber.dotted(root)]).stdout)]
+        failures = ask_at_random(device, walk.name)
     except Exception as error:
         raise AssertionError(f"device {walk.name}: {error}\n{device.logs()}") from error
     finally:
-        complaints = device.stop()
-    return Answers(getnext, getbulk, standard_tables, complaints)
+        complaints = device.stop()  # a daemon that hangs does not end
+    return Answers(getnext, getbulk, standard_tables, failures + complaints)
 
 
 @pytest.fixture(scope="module")
@@ -63,7 +68,11 @@ def test_walk_is_the_golden_one(answers, walk):
     found = answers[walk.name]
     assert found.getnext == walk.golden_text
     assert found.getbulk == [walk.golden_text] * len(REPETITIONS), "the same in the same order"
-    assert found.complaints == []
+
+
+@pytest.mark.parametrize("walk", WALKS, ids=[walk.name for walk in WALKS])
+def test_random_requests_get_the_answers_of_the_walk(answers, walk):
+    assert answers[walk.name].failures == []
 
 
 @pytest.mark.parametrize("walk", WALKS, ids=[walk.name for walk in WALKS])

@@ -98,12 +98,3 @@ def newer_conf(device: Device):
     device.run(["mount", "--bind", "/etc/newer.conf", CONF])
     yield
     device.run(["umount", CONF])
-
-
-@contextmanager
-def no_traps(device: Device, *but: str):
-    names = [line.split("\t")[0] for line in device.talctl("trap", "list").splitlines()]
-    assert len(names) == 20
-    device.talctl_batch([f"trap disable '{name}'" for name in names] + [f"trap enable '{name}'" for name in but])
-    yield
-    device.talctl_batch([f"trap enable '{name}'" for name in names])

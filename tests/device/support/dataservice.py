@@ -1,8 +1,9 @@
 """A data service for tests: it records the requests, and sends the messages of the test."""
 from __future__ import annotations
 
-import select
+import contextlib
 import socket
+import socketserver
 import threading
 import xml.etree.ElementTree as ElementTree
 from pathlib import Path
@@ -20,22 +21,17 @@ class Subscription(NamedTuple):
     target: str
 
 
-class DataService:
+class DataService(socketserver.ThreadingUnixStreamServer):
+    daemon_threads = True
+
     def __init__(self, socket_path: Path) -> None:
+        super().__init__(str(socket_path), _Connection)
         self.subscriptions: list[Subscription] = []
         self.others: list[str] = []  # other requests
         self.connections = 0
-        self._client: socket.socket | None = None
-        self._lock = threading.Lock()
-        self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self._listener.bind(str(socket_path))
-        self._listener.listen()
-        self._wake_read, self._wake_write = socket.socketpair()
-        self._thread = threading.Thread(target=self._serve, daemon=True)
-        self._thread.start()
-
-    def paths(self) -> list[str]:
-        return [subscription.path for subscription in list(self.subscriptions)]
+        self.client: socket.socket | None = None
+        self.lock = threading.Lock()
+        threading.Thread(target=self.serve_forever, args=(0.05,), daemon=True).start()
 
     def has(self, ref: str) -> bool:
         return any(subscription.ref == ref for subscription in list(self.subscriptions))
@@ -47,50 +43,21 @@ class DataService:
         self.send(text.encode() + b"\0")
 
     def send(self, data: bytes) -> None:
-        with self._lock:
-            assert self._client, "the daemon is not connected"
-            self._client.sendall(data)
+        with self.lock:
+            assert self.client, "the daemon is not connected"
+            self.client.sendall(data)
 
     def hang_up(self) -> None:
-        with self._lock:
-            if self._client:
-                self._client.shutdown(socket.SHUT_RDWR)
+        with self.lock:
+            if self.client:
+                self.client.shutdown(socket.SHUT_RDWR)
 
     def close(self) -> None:
-        self._wake_write.send(b"x")
-        self._thread.join(5)
-        for end in (self._listener, self._wake_read, self._wake_write):
-            end.close()
+        self.shutdown()
+        self.server_close()
+        self.hang_up()
 
-    def _serve(self) -> None:
-        pending = b""
-        while True:
-            waiting = [self._listener, self._wake_read] + ([self._client] if self._client else [])
-            readable = select.select(waiting, [], [])[0]
-            if self._wake_read in readable:
-                break
-            if self._listener in readable:
-                client, _ = self._listener.accept()
-                with self._lock:
-                    self._client, pending = client, b""
-                self.connections += 1
-            elif self._client in readable:
-                try:
-                    chunk = self._client.recv(65536)
-                except OSError:
-                    chunk = b""
-                if not chunk:
-                    with self._lock:
-                        self._client.close()
-                        self._client = None
-                    continue
-                *messages, pending = (pending + chunk).split(b"\0")
-                for message in messages:
-                    self._receive(message.decode())
-        if self._client:
-            self._client.close()
-
-    def _receive(self, message: str) -> None:
+    def receive(self, message: str) -> None:
         request = ElementTree.fromstring(message)
         subscribe = request.find("subscribe")
         if subscribe is None:
@@ -99,3 +66,19 @@ class DataService:
         self.subscriptions.append(Subscription(
             request.findtext("ref", ""), subscribe.findtext("path", ""), subscribe.findtext("operation", ""),
             subscribe.findtext("single_level", ""), subscribe.findtext("target", "")))
+
+
+class _Connection(socketserver.BaseRequestHandler):
+    def handle(self) -> None:
+        with self.server.lock:
+            self.server.client = self.request
+        self.server.connections += 1
+        pending = b""
+        with contextlib.suppress(ConnectionError):
+            while chunk := self.request.recv(65536):
+                *messages, pending = (pending + chunk).split(b"\0")
+                for message in messages:
+                    self.server.receive(message.decode())
+        with self.server.lock:
+            if self.server.client is self.request:
+                self.server.client = None

@@ -219,16 +219,12 @@ class Device:
         stirred.write_text("")
         stirred.unlink()
 
-    def running_snmpd(self) -> int:
-        """The only snmpd, if it has written its pid file and so is in the background; else 0."""
-        pids = self.pids("snmpd")
-        return pids[0] if len(pids) == 1 and self.read("/run/snmpd.pid").strip() == str(pids[0]) else 0
-
     def wait_snmpd(self, other_than: Sequence[int] = (), timeout: float = 10.0) -> int:
-        """Until a single snmpd runs, other than these, and has written its pid file."""
+        """Until a single snmpd runs, other than these, and has written its pid file, so is in the background."""
         def look() -> int:
-            pid = self.running_snmpd()
-            return 0 if pid in other_than else pid
+            pids = self.pids("snmpd")
+            ready = len(pids) == 1 and self.read("/run/snmpd.pid").strip() == str(pids[0])
+            return pids[0] if ready and pids[0] not in other_than else 0
 
         return wait_until(look, timeout, what="snmpd running")
 
@@ -286,7 +282,10 @@ class Device:
                 self.end_kvsnmp()
                 complaints = self.complaints()
         finally:
-            self._end_commands()
+            for process in self._commands:
+                process.kill()
+                with process:  # waits, and closes its streams
+                    pass
             self._script.terminate()
             try:
                 self._script.communicate(timeout=20)
@@ -295,15 +294,6 @@ class Device:
                 self._script.communicate()
                 complaints.append("scripts/device did not end")
         return complaints
-
-    def _end_commands(self) -> None:
-        for process in self._commands:
-            if process.poll() is None:
-                process.kill()
-            process.wait()
-            for stream in (process.stdin, process.stdout, process.stderr):
-                if stream:
-                    stream.close()
 
 
 MODEL_NUMBER = ".1.3.6.1.4.1.52717.3.1.3.0"

@@ -3,7 +3,6 @@ from __future__ import annotations
 
 import ctypes
 import os
-import select
 import struct
 import threading
 import time
@@ -38,25 +37,15 @@ class FolderEvents:
             if watch < 0:
                 raise OSError(ctypes.get_errno(), "inotify_add_watch", str(folder))
             self._folders[watch] = folder.name
-        self._end_read, self._end_write = os.pipe()
-        self._thread = threading.Thread(target=self._collect, daemon=True)
-        self._thread.start()
+        threading.Thread(target=self._collect, daemon=True).start()
 
     def first(self, what: str, name: str, after: float = 0.0) -> Event | None:
         return next((event for event in list(self.events)
                      if event.at >= after and event.what == what and event.name == name), None)
 
-    def close(self) -> None:
-        os.write(self._end_write, b"x")
-        self._thread.join(5)
-        for descriptor in (self._descriptor, self._end_read, self._end_write):
-            os.close(descriptor)
-
     def _collect(self) -> None:
         while True:
-            if self._end_read in select.select([self._descriptor, self._end_read], [], [])[0]:
-                return
-            at, data, place = time.monotonic(), os.read(self._descriptor, 65536), 0
+            data, at, place = os.read(self._descriptor, 65536), time.monotonic(), 0
             while place < len(data):
                 watch, mask, _, length = struct.unpack_from("iIII", data, place)
                 name = data[place + 16:place + 16 + length].rstrip(b"\0").decode()

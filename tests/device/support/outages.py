@@ -3,35 +3,18 @@ from __future__ import annotations
 
 import time
 from collections.abc import Callable
-from typing import NamedTuple
 
-from . import ber, steps
+from . import ber
 from .dataservice import SETTINGS
 from .device import MODEL_NUMBER, Device
 from .polling import wait_until
-from .pollset import wake_ups_per_second
 from .process import processor_seconds
-from .rawmanager import RawManager
+from .target import Target
 
 MODEL = ber.numbers(MODEL_NUMBER)
 HEALTH_PERIOD = 601
 PROBES = "/run/device/probes"
 IDLE = 14  # wake-ups a second at most: ten of the process timer, one of the ping, one in 5 s of the watchdog file
-
-
-class Served(NamedTuple):
-    device: Device
-    manager: RawManager
-    walk: list[ber.Binding]
-
-
-def serve(device: Device) -> Served:
-    """A device started with --clock-shift, once it serves all its values."""
-    device.wait_answering().wait_subscribed()
-    steps.apply(device, dbus=False)
-    manager = RawManager.of(device)
-    return Served(device, manager, manager.walk())
-
 
 _contacts = iter(range(1, 1000000))
 
@@ -66,7 +49,7 @@ def wait_for_another_snmpd(device: Device, old: int, way: Callable[[Device], Non
     return pid
 
 
-def wait_served(served: Served, timeout: float = 20) -> None:
+def wait_served(served: Target, timeout: float = 20) -> None:
     wait_until(lambda: served.manager.try_get(MODEL) == ("INTEGER", str(served.device.model)), timeout,
                what="model number answered")
     assert served.manager.walk() == served.walk
@@ -74,9 +57,16 @@ def wait_served(served: Served, timeout: float = 20) -> None:
 
 def assert_idle(device: Device, wake_ups: float = IDLE) -> None:
     pid = device.kvsnmp_pid()
+
+    def look() -> tuple[float, int, float]:
+        status = device.run(["cat", f"/proc/{pid}/status"]).stdout
+        switches = int(status.partition("voluntary_ctxt_switches:")[2].split()[0])
+        return time.monotonic(), switches, processor_seconds(device, pid)
+
     time.sleep(1)  # until the passes after the last answer are over
-    before = processor_seconds(device, pid)
-    rate = wake_ups_per_second(device, pid, 4)
-    spent = processor_seconds(device, pid) - before
+    begin, before, busy = look()
+    time.sleep(4)
+    end, after, busier = look()
+    rate, spent = (after - before) / (end - begin), busier - busy
     print(f"{rate:.1f} wake-ups a second, {spent:.2f} s of processor time in 4 s")
     assert rate < wake_ups and spent < 0.5

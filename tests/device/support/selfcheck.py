@@ -56,11 +56,6 @@ def assert_cause(check: SelfCheck, cause: str, *texts: str) -> None:
     assert {check.checks[other]["because"] for other in check.consequences()} <= {cause}, str(check)
 
 
-def assert_only_warnings(check: SelfCheck, *warned: str) -> None:
-    assert check.ids("warning") == list(warned), str(check)
-    assert check.status == 0 and check.causes == [], str(check)
-
-
 def assert_reports(check: SelfCheck, report: str) -> None:
     """Each line of the report holds: "cause ID: TEXT" the only cause, "warning IDS: TEXT" all warnings, and TEXT is part of
     the first one's text, "text ID: TEXT" and "hint ID: TEXT" part of that check's text or hint, "ok IDS", "because IDS"
@@ -71,7 +66,8 @@ def assert_reports(check: SelfCheck, report: str) -> None:
         if word == "cause":
             assert_cause(check, name, text)
         elif word == "warning":
-            assert_only_warnings(check, *name.split())
+            assert check.ids("warning") == name.split(), str(check)
+            assert check.status == 0 and check.causes == [], str(check)
         if word in ("warning", "text", "hint"):
             assert text in check.checks[name.split()[0]]["hint" if word == "hint" else "text"], str(check)
         elif word == "ok":
