@@ -69,31 +69,30 @@ class Member:
         self.syslog = SyslogSink(self.claim.root)
         self._traps = traps
         command = ["/bin/sh", "-c", FIRST_PROCESS, "sh", self.settings.name, *talservice_command(self.settings)]
-        self.bwrap = self._run(command, status)
+        self._run(command, status)
+        self.publish(ready=False)
 
     def start_receiver(self) -> TrapPrinter:
         make_folders(self.claim.root, self.settings, {}, RSS)
-        self.bwrap = self._run(snmptrapd_command(self.settings), subprocess.PIPE)
+        self._run(snmptrapd_command(self.settings), subprocess.PIPE)
         return TrapPrinter(self.bwrap.stdout, self.claim.root / TRAP_LOG[1:], sys.stderr)
 
-    def _run(self, command: list[str], output: int) -> subprocess.Popen:
+    def _run(self, command: list[str], output: int) -> None:
         info_read, info_write = os.pipe()
         options = ["--as-pid-1"]
         for name, value in kvsnmp_environment(False, "").items():
             options += ["--setenv", name, value]
         with open(self.claim.root / "var/log/first-process.log", "ab") as log:
-            bwrap = subprocess.Popen(
+            self.bwrap = subprocess.Popen(
                 sandbox.bwrap_command(self.claim.root, self.settings, info_write, command, *options),
                 stdin=subprocess.DEVNULL, stdout=output, stderr=log, pass_fds=(info_write,), start_new_session=True)
         os.close(info_write)
         with os.fdopen(info_read, "rb") as info:
             text = info.read()
         if not text:
-            bwrap.wait()
             raise DeviceError(f"{self.logs()}\n{sandbox.FAILED_HINT}")
         self.first_process = first_process(text)
         self.first_process_end = os.pidfd_open(self.first_process)
-        return bwrap
 
     def logs(self) -> str:
         """The last lines of each log, which will be removed with the device."""
@@ -158,9 +157,11 @@ class Member:
 
 
 class Fleet:
-    def __init__(self, members: list[Member], receiver: Member | None, traps: Path) -> None:
-        self.members, self.receiver, self._traps = members, receiver, traps
-        self._waiting = list(reversed(members))
+    """`receiver` also holds the fleet's folder, with or without a receiver of traps."""
+
+    def __init__(self, receiver: Member, receives: bool) -> None:
+        self.members: list[Member] = []
+        self.receiver, self._receives = receiver, receives
         self._starting: list[Member] = []
         self._selector = selectors.DefaultSelector()
         self._ended = False
@@ -190,25 +191,25 @@ class Fleet:
 
     def start(self) -> bool:
         """Until all devices answer with their first values; False when a signal has ended the fleet."""
-        if self.receiver:
+        if self._receives:
             printer = self.receiver.start_receiver()
             self._selector.register(printer.stream, selectors.EVENT_READ, lambda: self._on_traps(printer))
         seconds = START_SECONDS + SECONDS_EACH * len(self.members)
         limit = time.monotonic() + seconds
-        while (self._waiting or self._starting) and not self._ended:
-            while self._waiting and len(self._starting) < AT_ONCE:
-                self._start(self._waiting.pop())
+        waiting = self.members[::-1]
+        while (waiting or self._starting) and not self._ended:
+            while waiting and len(self._starting) < AT_ONCE:
+                self._start(waiting.pop())
             self._serve_until(time.monotonic() + LOOK_SECONDS)
             self._starting = [member for member in self._starting if not self._is_ready(member)]
             if time.monotonic() > limit:
-                late = self._starting + self._waiting
+                late = self._starting + waiting
                 names = ", ".join(member.settings.name for member in late)
                 raise DeviceError(f"not ready after {seconds} s: {names}\n{late[0].logs()}")
         return not self._ended
 
     def _start(self, member: Member) -> None:
-        member.start(self._status_write, self._traps)
-        member.publish(ready=False)
+        member.start(self._status_write, self.receiver.claim.root / TRAP_LOG[1:])
         self._selector.register(member.syslog.socket, selectors.EVENT_READ, member.syslog.receive)
         self._selector.register(member.first_process_end, selectors.EVENT_READ, lambda: self._on_end(member))
         self._starting.append(member)
@@ -252,8 +253,7 @@ class Fleet:
             self._serve_until(at)
 
     def close(self) -> None:
-        everyone = self.members + ([self.receiver] if self.receiver else [])
-        for member in everyone:
+        for member in [*self.members, self.receiver]:
             member.kill()
-        for member in everyone:
+        for member in [*self.members, self.receiver]:
             member.remove()

@@ -20,7 +20,6 @@ from .settings import FLEET_COMMAND, TRAP_LOG, Settings
 PROGRAM = FLEET_COMMAND.rpartition("/")[2]
 NAME = "fleet"  # of the folder of the fleet's snmptrapd
 MOST = 200
-WATCHES, WATCHES_OF_OTHERS = 4, 20  # inotify instances of a device, and left for other programs
 KINDS = ["Amplifier", "Controller", "Switch", "Desk", "Outdoor"]  # a station has none of these words
 PLACES = ["Entrance hall", "Terminal A", "Terminal B", "Platform 1", "Platform 2", "Concourse", "Control room"]
 SETTINGS = "/state/config/snmp_settings/"
@@ -63,12 +62,11 @@ def start_parser() -> argparse.ArgumentParser:
     parser.add_argument("--inventory", metavar="FILE",
                         help='write the list of the devices for file_sd of Prometheus ("-": standard output)')
     parser.add_argument("--seed", type=int, default=1, metavar="N", help="of the random values and faults (default 1)")
-    parser.add_argument("--step", type=seconds, default=10.0, metavar="SECONDS",
+    parser.add_argument("--step", type=float, default=10.0, metavar="SECONDS",
                         help="change three values of each device once in this time (default 10)")
     parser.add_argument("--faults-per-hour", type=float, default=0.0, metavar="N",
                         help="faults of the whole fleet, each of 1 to 5 minutes (default 0)")
-    parser.add_argument("--bin", metavar="DIR", help="folder of kvsnmp, talservice and talctl "
-                                                     "(default: the build found in the tree)")
+    parser.add_argument("--bin", metavar="DIR", help="folder of kvsnmp, talservice and talctl (default: the build)")
     parser.add_argument("--version", action=cli.PrintVersion, nargs=0, help="print the version and end")
     return parser
 
@@ -77,12 +75,6 @@ def count(text: str) -> int:
     if not text.isdigit() or not 1 <= int(text) <= MOST:
         raise argparse.ArgumentTypeError(f"a fleet has 1 to {MOST} devices")
     return int(text)
-
-
-def seconds(text: str) -> float:
-    if not 0.01 <= float(text) <= 86400:
-        raise argparse.ArgumentTypeError("0.01 to 86400 seconds")
-    return float(text)
 
 
 def models(text: str) -> list[int]:
@@ -119,14 +111,14 @@ def settings_of(options: argparse.Namespace) -> list[Settings]:
         kind = next((kind for kind in KINDS if kind in IDENTITIES[model].text), "Station").lower()
         name = f"{kind}-{model}-{numbers[model]:02}"
         location = f"{PLACES[place % len(PLACES)]}, rack {place // len(PLACES) + 1}"
-        leaves = {"mib_2_settings/sys_name": name, "mib_2_settings/sys_location": location,
-                  "access_control/nms_ip": "default"}
+        leaves = [f"mib_2_settings/sys_name={name}", f"mib_2_settings/sys_location={location}",
+                  "access_control/nms_ip=default"]
         found.append(Settings(
             model, name, bin_dir, hostname=name, is_in_fleet=True, traps=False,
             address=str(first if options.base_port else first + place),
             port=options.base_port + place if options.base_port else 161,
             trap_target=options.trap_target or f"127.0.0.1:{receiver.trap_port}",
-            simulator_args=[word for leaf, text in leaves.items() for word in ("--set", f"{SETTINGS}{leaf}={text}")]))
+            simulator_args=[word for leaf in leaves for word in ("--set", SETTINGS + leaf)]))
     return found + [receiver]
 
 
@@ -142,37 +134,26 @@ def wait_for_ports(places: list[tuple[str, int]]) -> None:
             time.sleep(0.1)
 
 
-def check_watches(devices: int) -> None:
-    """Without a watch the devices look once a second, but other programs of this user may fail."""
-    limit = int(Path("/proc/sys/fs/inotify/max_user_instances").read_text())
-    if WATCHES * devices > limit - WATCHES_OF_OTHERS:
-        note(f"{devices} devices watch files with {WATCHES * devices} inotify instances of {limit}: other programs of "
-             f"this user may fail to; more: sysctl fs.inotify.max_user_instances={2 * WATCHES * devices}")
-
-
 def run_start(arguments: list[str]) -> int:
     options = start_parser().parse_args(arguments)
     cli.check_programs()
     *devices, receiver = settings_of(options)
     if options.panel:
         panel.check(options.panel)
-    check_watches(len(devices))
     registry.sweep()
     started = time.monotonic()
-    fleet_claim = registry.claim(NAME, 0)
-    members: list[Member] = []
-    fleet = page = None
+    fleet = Fleet(Member(registry.claim(NAME, 0), receiver), not options.trap_target)
+    page = None
     try:
         wait_for_ports([(settings.address, settings.port) for settings in devices]
                        + ([] if options.trap_target else [("127.0.0.1", receiver.trap_port)]))
         for settings in devices:
-            members.append(Member(registry.claim(settings.name, settings.model), settings))
-        fleet = Fleet(members, None if options.trap_target else Member(fleet_claim, receiver),
-                      fleet_claim.root / TRAP_LOG[1:])
+            fleet.members.append(Member(registry.claim(settings.name, settings.model), settings))
         if fleet.start():
-            note(f"{len(members)} devices answer after {time.monotonic() - started:.0f} s; "
+            note(f"{len(devices)} devices answer after {time.monotonic() - started:.0f} s; "
                  f"list them: {FLEET_COMMAND} list; end them: Ctrl-C, or {FLEET_COMMAND} stop")
-            write_inventory(options.inventory, devices)
+            if options.inventory:
+                write_inventory(options.inventory, devices)
             page = panel.start(options.panel, None) if options.panel else None
             fleet.run(options.seed, options.step, options.faults_per_hour)
         return 0
@@ -181,33 +162,25 @@ def run_start(arguments: list[str]) -> int:
             signal.signal(number, signal.SIG_IGN)
         if page:
             panel.stop(page)
-        if fleet:
-            fleet.close()
-        else:
-            for member in members:
-                member.claim.remove()
-        if options.trap_target or not fleet:
-            fleet_claim.remove()
+        fleet.close()
 
 
-def write_inventory(file: str | None, devices: list[Settings]) -> None:
+def write_inventory(file: str, devices: list[Settings]) -> None:
     """As kvsnmp-discover writes it for Prometheus."""
-    def description(settings: Settings) -> dict[str, object]:
+    found = []
+    for settings in devices:
         texts = {"name": settings.name, "model": str(settings.model), "description": served_text(settings.model),
                  "firmware": identity_files(settings.model)["xr-pkgver"].strip()}
-        return {"targets": [settings.address if settings.port == 161 else f"{settings.address}:{settings.port}"],
-                "labels": {f"__meta_kvsnmp_{name}": text for name, text in texts.items()}}
-
-    text = json.dumps([description(settings) for settings in devices], indent=1) + "\n"
-    if file == "-":
-        print(text, end="", flush=True)
-    elif file:
-        partial = Path(file + ".new")
-        try:
-            partial.write_text(text)
-            partial.rename(file)
-        except OSError as error:
-            raise DeviceError(f"{file}: {error.strerror}") from error
+        place = settings.address if settings.port == 161 else f"{settings.address}:{settings.port}"
+        found.append({"targets": [place], "labels": {f"__meta_kvsnmp_{name}": text for name, text in texts.items()}})
+    text = json.dumps(found, indent=1) + "\n"
+    try:
+        if file == "-":
+            print(text, end="", flush=True)
+        else:
+            Path(file).write_text(text)
+    except OSError as error:
+        raise DeviceError(f"{file}: {error.strerror}") from error
 
 
 # Commands on the running fleet
@@ -227,16 +200,15 @@ def run_exec(arguments: list[str]) -> int:
     parser.add_argument("command", nargs="+", metavar="CMD", help="put -- before it when it has options")
     options = parser.parse_args(arguments)
     status = 0
-    for device in running() if options.name is None else [registry.find(options.name)]:
-        if options.name is None:
+    for device in [registry.find(options.name)] if options.name else running():
+        if not options.name:
             print(f"== {device.name}", flush=True)
         status = max(status, abs(subprocess.run(cli.into(device, options.command), check=False).returncode))
     return status
 
 
 def run_list(arguments: list[str]) -> int:
-    parser = argparse.ArgumentParser(prog=f"{PROGRAM} list", description="Lists the devices of the running fleet.")
-    parser.parse_args(arguments)
+    argparse.ArgumentParser(prog=f"{PROGRAM} list", description="Lists the running devices.").parse_args(arguments)
     cli.show(running())
     return 0
 

@@ -11,10 +11,11 @@ from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
 
+from devicelib.settings import CHECKOUT, INSTALLED
+
 ROOT = ".1.3.6.1.4.1.52717.3"
 HERE = Path(__file__).resolve().parent
-CATALOGUE = next(folder for folder in (HERE.parents[1] / "tests/catalogue", HERE.parent / "catalogue")
-    if folder.is_dir())
+CATALOGUE = HERE.parent / "catalogue" if INSTALLED else CHECKOUT / "tests/catalogue"
 RANGE = re.compile(r"(\d+)\.\.(\d+)")
 EXPANDERS = ("Orvane Brisel Compact - IP-QRM-B", "Orvane Brisel Extended - IP-QRM-B")
 
@@ -42,6 +43,8 @@ CODES = {name: {word: int(code) for word, _, code in (pair.partition("=") for pa
 STATIONS = {row["model"] for row in read("models") if row["gpio"]}
 SEVERITIES = {row["level"]: int(row["severity"]) for row in read("severities")}
 TEMPERATURES = {f"temp_{field}": f".{field}" for field in ("current", "peak", "average")}
+GRAPHED = re.compile(r"tempCurrent|fanSpeed|voltageValue|\w+Voltage")
+UNITS = {"tempCurrent": (1, "°C"), "tempPeak": (1, "°C"), "tempAverage": (1, "°C"), "fanSpeed": (0, "rpm")}
 RELAYS = ["relay1", "relay2", "relay3", "relay4", *(f"e_relay{n}" for n in range(1, 9))]
 
 
@@ -56,6 +59,7 @@ class Cell:
     words: dict[int, str]  # the states of the MIB; empty for a number or a text
     decimals: int = 0
     unit: str = ""
+    nominal: float = 0.0  # of a voltage, whose description ends with it
     kind: str = ""  # what feeds it: leaf, channel, let, input, output, relay; empty: nothing
     parser: str = ""
     path: str = ""  # of the leaf, or of the switch that also decides
@@ -111,17 +115,12 @@ def cells(model: int, model_text: str, mib: str) -> list[Cell]:
                 continue  # always notReported
             index = int(row["index"])
             cell = Cell(f"{name}.{index}", table, index, row["description"], name, f"{oid}.{index}",
-                        states(mib).get(name, {}), *_unit(name))
+                        states(mib).get(name, {}), *((3, "V") if "oltage" in name else UNITS.get(name, (0, ""))))
+            if match := re.search(r"-?([\d.]+)V$", cell.row) if table == "voltageTable" else None:
+                cell.nominal = float(match[1])
             _connect(cell, str(model) in STATIONS, row["source"], feeds.get(row["source"] + content))
             found.append(cell)
     return found
-
-
-def _unit(name: str) -> tuple[int, str]:
-    if "Voltage" in name or name == "voltageValue":
-        return 3, "V"
-    return {"tempCurrent": (1, "°C"), "tempPeak": (1, "°C"), "tempAverage": (1, "°C"),
-        "fanSpeed": (0, "rpm")}.get(name, (0, ""))
 
 
 def _connect(cell: Cell, station: bool, source: str, feed: tuple[str, str] | None) -> None:

@@ -9,8 +9,7 @@ from collections.abc import Iterator
 from rows import CODES, PARSERS, SEVERITIES, STATIONS, Cell
 
 BAD = {"notLive", "failed", "disconnected", "shorted", "classDFault", "monitorFault", "loadChange", "groundFault",
-    "shutdown",
-       "voltageLow", "interrupted", "lineFault", "missing", "unconnected", "failCleared", "failSet"}
+       "shutdown", "voltageLow", "interrupted", "lineFault", "missing", "unconnected", "failCleared", "failSet"}
 WARN = {"indecisive", "failedTimeout", "failedReceiveMonitorValues"}
 OFF = {"disabled", "notMonitored"}
 UNKNOWN = {"unknown", "notReported"}
@@ -37,9 +36,9 @@ class Facts:
                        for message in state.iterfind("sys_messages/sys_message")]
 
     @property
-    def switches(self) -> dict[str, bool]:
-        return {match[1]: text == "true" for path, text in self.leaves.items()
-                if (match := re.search(r"/trap\[name='(.*)'\]/enabled$", path))}
+    def switches(self) -> list[tuple[str, bool]]:
+        return [(match[1], text == "true") for path, text in self.leaves.items()
+                if (match := re.search(r"/trap\[name='(.*)'\]/enabled$", path))]
 
     def setting(self, name: str) -> str:
         return self.leaves.get(f"/state/config/snmp_settings/{name}", "")
@@ -124,16 +123,10 @@ def level(cell: Cell, code: int | str | None) -> str:
         return "bad" if code > 850 else "warn" if code > 700 else "ok"
     if cell.object == "fanSpeed":
         return "bad" if code < 1 else "warn" if code < 500 else "ok"
-    if cell.object == "voltageValue" and (nominal := nominal_of(cell)):
-        deviation = abs(code / 1000 - nominal) / nominal
+    if cell.object == "voltageValue" and cell.nominal:
+        deviation = abs(code / 1000 - cell.nominal) / cell.nominal
         return "bad" if deviation > 0.1 else "warn" if deviation > 0.05 else "ok"
     return "ok"
-
-
-def nominal_of(cell: Cell) -> float:
-    """A description of a voltage ends with it."""
-    match = re.search(r"-?([\d.]+)V$", cell.row)
-    return float(match[1]) if match else 0.0
 
 
 def worst(facts: Facts, cells: list[Cell]) -> str:

@@ -1,5 +1,5 @@
 // The page of a device or of the fleet, by the address.
-import { h, put } from './dom.js';
+import { refresh } from './dom.js';
 import { Device } from './device.js';
 import { Fleet } from './fleet.js';
 
@@ -9,7 +9,7 @@ const link = document.getElementById('link');
 document.getElementById('app').replaceChildren(view.node);
 
 let source = null;
-let heard = Date.now();
+let heard = 0;
 
 function connect() {
   source?.close();
@@ -18,20 +18,15 @@ function connect() {
   source.onmessage = (event) => {
     heard = Date.now();
     link.hidden = true;
-    const message = JSON.parse(event.data);
-    if (Object.keys(message).length) view.take(message);
+    view.take(JSON.parse(event.data));
   };
-  source.onerror = () => {
-    link.hidden = false;
-    put(link, 'The panel does not answer. The values below are the last ones.');
-    if (source.readyState === EventSource.CLOSED) setTimeout(connect, 2000);
-  };
+  source.onerror = () => { link.hidden = false; };
 }
 
 connect();
 setInterval(() => {
-  view.tick?.();
-  if (Date.now() - heard > 25000) connect();
+  refresh();
+  if (Date.now() - heard > (source.readyState === EventSource.CLOSED ? 3000 : 25000)) connect();
 }, 1000);
-document.addEventListener('keydown', (event) => { if (event.key === 'Escape') view.escape?.(); });
+document.addEventListener('keydown', (event) => { if (event.key === 'Escape') view.select?.(null); });
 addEventListener('pagehide', () => source.close());
