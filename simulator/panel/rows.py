@@ -63,7 +63,7 @@ class Cell:
     kind: str = ""  # what feeds it: leaf, channel, let, input, output, relay; empty: nothing
     parser: str = ""
     path: str = ""  # of the leaf, or of the switch that also decides
-    place: tuple[int, ...] = ()  # of a channel, transponder or line, from 0
+    key: tuple[str, ...] = ()  # of what the amplifier monitor announces
     line: str = ""  # of the GPIO tree
     controls: list[dict[str, Any]] = dataclasses.field(default_factory=list)
 
@@ -82,15 +82,9 @@ def _has(row: Row, model: int, expanders: bool) -> bool:
     return (expanders or not row["expanders"]) and (row["models"] == "all" or str(model) in row["models"].split())
 
 
-def _path(parser: str, key: str) -> str:
-    return PARSERS[parser]["path"].replace("%1", key.split()[0]).replace("%2", key.split()[-1])
-
-
-def _feeds(model: int, expanders: bool) -> Iterator[tuple[str, str, str]]:
-    """Field of the records, parser, path."""
-    for key in (key for key in KEYS if _has(key, model, expanders)):
-        for parser in key["parser"].split():
-            yield key["field"] + TEMPERATURES.get(parser, ""), parser, _path(parser, key["key"])
+def _feed(parser: str, key: str) -> tuple[str, str]:
+    """The parser with the path of this key."""
+    return parser, PARSERS[parser]["path"].replace("%1", key.split()[0]).replace("%2", key.split()[-1])
 
 
 def _columns() -> Iterator[tuple[str, str, str, str]]:
@@ -106,7 +100,8 @@ def _columns() -> Iterator[tuple[str, str, str, str]]:
 def cells(model: int, model_text: str, mib: str) -> list[Cell]:
     """In the order of a walk."""
     expanders = model_text in EXPANDERS
-    feeds = {field: (parser, path) for field, parser, path in _feeds(model, expanders)}
+    feeds = {key["field"] + TEMPERATURES.get(parser, ""): _feed(parser, key["key"])
+             for key in KEYS if _has(key, model, expanders) for parser in key["parser"].split()}
     found = []
     for table, name, oid, content in _columns():
         for row in (row for row in ROWS if row["table"] == table and _has(row, model, expanders)):
@@ -125,49 +120,36 @@ def cells(model: int, model_text: str, mib: str) -> list[Cell]:
 
 def _connect(cell: Cell, station: bool, source: str, feed: tuple[str, str] | None) -> None:
     """Sets what feeds a cell, and the commands that change it."""
-    place = tuple(int(part) for part in source.split(".")[1:])
+    place = [int(part) for part in source.split(".")[1:]]
     if cell.object == "ampChannelStatus" and source:
-        channel = place[0]
-        cell.kind, cell.place, cell.path = "channel", place, _path("amp_enable", f"ch{channel + 1}")
-        cell.controls = [_choices("Amplifier monitor", ["monitor", "amp", str(channel)],
-                                  {"in operation": "2", "out of order": "1"}),
-                         _choices("Class-D amplifier", ["set", PARSERS["class_d"]["path"]],
-                             {"ok": "ok", "fault": "fault"}),
-                         _switch(cell.path)]
+        cell.kind, cell.key, feed = "channel", ("Amp", str(place[0])), _feed("amp_enable", f"ch{place[0] + 1}")
+        cell.controls = [_choices(["monitor", "amp", str(place[0])], "in operation=2", "out of order=1"),
+                         _choices(["set", PARSERS["class_d"]["path"]], "ok", "fault")]
     elif cell.object.endswith("Status") and source.startswith("let."):
-        cell.kind, cell.place = "let", place
-        cell.path = _path("let_enable", f"ch{place[0] + 1} {place[1] + 1}")
-        cell.controls = [_choices("Amplifier monitor", ["monitor", "let", str(place[0]), str(place[1] + 1)],
-                                  {"present": "2", "missing": "1"}), _switch(cell.path)]
+        cell.kind, cell.key = "let", ("Let", str(place[0]), str(place[1] + 1))
+        feed = _feed("let_enable", f"ch{place[0] + 1} {place[1] + 1}")
+        cell.controls = [_choices(["monitor", "let", *cell.key[1:]], "present=2", "missing=1")]
     elif cell.object in ("controlInputStatus", "controlOutputState"):
-        cell.kind, cell.place = ("input" if "Input" in cell.object else "output"), place
-        number, monitor = place[0] + 1, "gpi" if cell.kind == "input" else "gpo"
+        cell.kind = "input" if "Input" in cell.object else "output"
+        cell.key = cell.kind, str(place[0])
         if station:
-            cell.line, cell.path = f"gpio{number}", PARSERS["gpio_type"]["path"].replace("%1", str(number))
-            cell.controls = [_level(cell.line)]
-            if number <= 6:
-                cell.controls.append(_choices("Type", ["set", cell.path],
-                    {word: word for word in ("gpi", "gpo", "none")}))
+            cell.line, feed = f"gpio{place[0] + 1}", _feed("gpio_type", str(place[0] + 1)) if place[0] < 6 else None
         else:
-            cell.controls = [_choices("Amplifier monitor", ["monitor", monitor, str(number - 1)],
-                                      {word: word for word in CODES[f"{cell.kind}_state"]})]
+            monitor = "gpi" if cell.kind == "input" else "gpo"
+            cell.controls = [_choices(["monitor", monitor, cell.key[1]], *CODES[f"{cell.kind}_state"])]
     elif cell.object == "relayStatus":
         cell.kind, cell.line = "relay", RELAYS[place[0]]
-        cell.controls = [_level(cell.line)]
-    elif feed:
-        cell.kind, (cell.parser, cell.path) = "leaf", feed
-        words = list(CODES[cell.parser])
-        cell.controls = [_choices("Data service", ["set", cell.path], {word: word for word in words}) if words else
-                         {"label": "Data service", "field": ["set", cell.path, "$"]}]
+    if cell.line:
+        cell.controls = [_choices(["gpio", cell.line], "0", "1", "unreadable")]
+    if feed:
+        cell.kind, (cell.parser, cell.path) = cell.kind or "leaf", feed
+        words = CODES[cell.parser]
+        cell.controls.append(_choices(["set", cell.path], *words) if words
+                             else {"label": "Data service", "field": ["set", cell.path, "$"]})
 
 
-def _choices(label: str, words: Words, values: dict[str, str]) -> dict[str, Any]:
-    return {"label": label, "choices": {text: [*words, value] for text, value in values.items()}}
-
-
-def _switch(path: str) -> dict[str, Any]:
-    return _choices("Configuration", ["set", path], {"enabled": "true", "not enabled": "false"})
-
-
-def _level(line: str) -> dict[str, Any]:
-    return _choices("GPIO line", ["gpio", line], {"0": "0", "1": "1", "unreadable": "unreadable"})
+def _choices(command: Words, *values: str) -> dict[str, Any]:
+    """A button for each value, with another text before an equals sign."""
+    label = {"monitor": "Amplifier monitor", "set": "Data service", "gpio": "GPIO line"}[command[0]]
+    pairs = [(value.partition("=")[0], value.rpartition("=")[2]) for value in values]
+    return {"label": label, "choices": {text: [*command, word] for text, word in pairs}}

@@ -11,9 +11,9 @@ from rows import CODES, PARSERS, SEVERITIES, STATIONS, Cell
 BAD = {"notLive", "failed", "disconnected", "shorted", "classDFault", "monitorFault", "loadChange", "groundFault",
        "shutdown", "voltageLow", "interrupted", "lineFault", "missing", "unconnected", "failCleared", "failSet"}
 WARN = {"indecisive", "failedTimeout", "failedReceiveMonitorValues"}
+TYPES = {"input": "gpi", "output": "gpo"}  # of the lines of a station
 OFF = {"disabled", "notMonitored"}
 UNKNOWN = {"unknown", "notReported"}
-LEVELS = ["ok", "off", "unknown", "notice", "warn", "bad"]  # ascending
 FAULT_LEVELS = {1: "bad", 2: "bad", 3: "warn", 4: "warn", 5: "notice"}
 
 
@@ -59,32 +59,26 @@ def _leaves(node: ElementTree.Element, path: str) -> Iterator[tuple[str, str]]:
 
 def has(cell: Cell, facts: Facts) -> tuple[str, int | str | None]:
     """What the device has, in its words, and what the cell serves for it; None if that does not follow."""
-    switch = facts.leaves.get(cell.path, "")
+    leaf, line = facts.leaves.get(cell.path, ""), facts.lines.get(cell.line, "")
+    heard = facts.announced.get(cell.key, "")
     if cell.kind == "leaf":
-        return switch, _code(cell.parser, switch) if cell.path in facts.leaves else None
+        return leaf, _code(cell.parser, leaf) if cell.path in facts.leaves else None
     if cell.kind == "channel":
         class_d = facts.leaves.get(PARSERS["class_d"]["path"], "")
-        heard = facts.announced.get(("Amp", str(cell.place[0])), "")
-        texts = [{"true": "enabled", "false": "not enabled"}.get(switch, ""), class_d and f"class-D {class_d}",
+        texts = [{"true": "enabled", "false": "not enabled"}.get(leaf, ""), class_d and f"class-D {class_d}",
                  {"1": "out of order", "2": "in operation"}.get(heard, "")]
-        code = _channel(class_d, switch, heard)
+        if class_d == "ok" and leaf == "true":
+            code = {"1": 5, "2": 3}.get(heard)
+        else:
+            code = 4 if class_d not in ("ok", "") else 2 if class_d and leaf == "false" else 1
         return ", ".join(filter(None, texts)), code
     if cell.kind == "let":
-        missing = facts.announced.get(("Let", str(cell.place[0]), str(cell.place[1] + 1))) == "1"
-        text = "not enabled" if switch != "true" else "missing" if missing else "enabled"
-        return text, 2 if switch != "true" else 4 if missing else 3
-    if cell.kind in ("input", "output"):
-        if str(facts.model) not in STATIONS:
-            heard = facts.announced.get((cell.kind, str(cell.place[0])), "")
-            return heard, CODES[f"{cell.kind}_state"].get(heard, 1) if heard else None
-        wanted = "gpi" if cell.kind == "input" else "gpo"
-        kind = switch if cell.place[0] < 6 else "gpi"
-        level = facts.lines.get(cell.line, "")
-        return (f"level {level}", {"0": 2, "1": 3}.get(level, 1)) if kind == wanted else ("not used", 1)
-    if cell.kind == "relay":
-        level = facts.lines.get(cell.line, "")
-        return f"level {level}" if level else "", {"0": 2, "1": 3}.get(level, 1) if level else None
-    return "", None
+        return ("not enabled", 2) if leaf != "true" else ("missing", 4) if heard == "1" else ("enabled", 3)
+    if cell.kind in TYPES and not cell.line:
+        return heard, CODES[f"{cell.kind}_state"].get(heard, 1) if heard else None
+    if cell.kind in TYPES and (leaf if cell.path else "gpi") != TYPES[cell.kind]:
+        return "not used", 1
+    return (f"level {line}", {"0": 2, "1": 3}.get(line, 1)) if line else ("", None)
 
 
 def _code(parser: str, text: str) -> int | str | None:
@@ -100,14 +94,6 @@ def _code(parser: str, text: str) -> int | str | None:
     return int(text if other == "whole" else other) if (text if other == "whole" else other).isdigit() else None
 
 
-def _channel(class_d: str, switch: str, heard: str) -> int | None:
-    if class_d != "ok":
-        return 4 if class_d else 1
-    if switch != "true":
-        return 2 if switch == "false" else 1
-    return {"1": 5, "2": 3}.get(heard)
-
-
 def level(cell: Cell, code: int | str | None) -> str:
     """How serious a served value is."""
     if code is None:
@@ -120,17 +106,17 @@ def level(cell: Cell, code: int | str | None) -> str:
     if not isinstance(code, int):
         return "ok"
     if cell.object == "tempCurrent":
-        return "bad" if code > 850 else "warn" if code > 700 else "ok"
+        return _grade(code, 700, 850)
     if cell.object == "fanSpeed":
-        return "bad" if code < 1 else "warn" if code < 500 else "ok"
-    if cell.object == "voltageValue" and cell.nominal:
-        deviation = abs(code / 1000 - cell.nominal) / cell.nominal
-        return "bad" if deviation > 0.1 else "warn" if deviation > 0.05 else "ok"
-    return "ok"
+        return _grade(-code, -500, -1)
+    return _grade(abs(code / 1000 - cell.nominal) / cell.nominal, 0.05, 0.1) if cell.nominal else "ok"
+
+
+def _grade(value: float, warn: float, bad: float) -> str:
+    return "bad" if value > bad else "warn" if value > warn else "ok"
 
 
 def worst(facts: Facts, cells: list[Cell]) -> str:
     """Of the faults and the cells; a cell that is off or unknown is no trouble."""
-    found = [fault["state"] for fault in facts.faults]
-    found += [state for state in (level(cell, has(cell, facts)[1]) for cell in cells) if state in ("warn", "bad")]
-    return max(found, key=LEVELS.index, default="ok")
+    found = {fault["state"] for fault in facts.faults} | {level(cell, has(cell, facts)[1]) for cell in cells}
+    return next((state for state in ("bad", "warn", "notice") if state in found), "ok")

@@ -49,7 +49,6 @@ export function why(cell, entry, age, answers) {
   if (!isLate(entry)) return 'The manager reads the value that the device has.';
   const filled = age === null || age > 60 ? 'which is up to 60 s old.'
     : `filled ${age} s ago. The first request after another ${60 - age} s reads the device again.`;
-  const isLine = cell.kind === 'relay' || (['input', 'output'].includes(cell.kind) && cell.path);
-  const delay = cell.kind === 'let' ? LET_DELAY : isLine ? STATION_DELAY : '';
+  const delay = cell.kind === 'let' ? LET_DELAY : cell.line ? STATION_DELAY : '';
   return `The manager reads the table’s cache, ${filled}${delay}`;
 }
