@@ -24,7 +24,6 @@ from .walk import Command, Walk
 START_SECONDS, SECONDS_EACH = 60, 3  # of a whole fleet, and more for each device
 LOOK_SECONDS = 0.3  # between two looks at devices that start
 AT_ONCE = 4 * (os.cpu_count() or 1)  # devices that start at the same time
-LONGEST_SOCKET = 107  # bytes of a path
 RSS = "8192"  # what a device's ps says of snmpd's memory
 
 # A device's first process: $1 is its name, the rest talservice's command. A shell is much smaller than another python.
@@ -63,7 +62,7 @@ class Member:
         self.answers = False
 
     def start(self, status: int, traps: Path) -> None:
-        if len(f"{self.claim.root}{TAL_CONTROL}") > LONGEST_SOCKET:
+        if len(f"{self.claim.root}{TAL_CONTROL}") > 107:
             raise DeviceError(f"{self.claim.root} is too long for a socket; set TMPDIR to a shorter folder")
         make_folders(self.claim.root, self.settings, identity_files(self.settings.model), RSS)
         self.syslog = SyslogSink(self.claim.root)
@@ -79,13 +78,12 @@ class Member:
 
     def _run(self, command: list[str], output: int) -> None:
         info_read, info_write = os.pipe()
-        options = ["--as-pid-1"]
-        for name, value in kvsnmp_environment(False, "").items():
-            options += ["--setenv", name, value]
+        environment = kvsnmp_environment(False, "").items()
+        options = ["--as-pid-1", *(word for pair in environment for word in ("--setenv", *pair))]
+        command = sandbox.bwrap_command(self.claim.root, self.settings, info_write, command, *options)
         with open(self.claim.root / "var/log/first-process.log", "ab") as log:
-            self.bwrap = subprocess.Popen(
-                sandbox.bwrap_command(self.claim.root, self.settings, info_write, command, *options),
-                stdin=subprocess.DEVNULL, stdout=output, stderr=log, pass_fds=(info_write,), start_new_session=True)
+            self.bwrap = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=log,
+                                          pass_fds=(info_write,), start_new_session=True)
         os.close(info_write)
         with os.fdopen(info_read, "rb") as info:
             text = info.read()
@@ -123,22 +121,14 @@ class Member:
 
     def state(self) -> str:
         """The data service's tree at the start."""
-        line = self._replies.partition(b"\n")[0]
-        self._replies = b""
-        return json.loads(line)["text"]
+        return json.loads(self._replies.partition(b"\n")[0])["text"]
 
-    def send(self, *commands: Command, keep_replies: bool = True) -> None:
-        try:
+    def send(self, command: Command, keep_replies: bool = True) -> None:
+        with contextlib.suppress(OSError):
             while chunk := self._control.recv(65536):
-                self._replies += chunk
-        except OSError:
-            pass
-        if not keep_replies:
-            self._replies = b""
-        try:
-            self._control.send("".join(json.dumps(command) + "\n" for command in commands).encode())
-        except OSError:  # it has ended, or does not read
-            pass
+                self._replies = self._replies + chunk if keep_replies else b""
+        with contextlib.suppress(OSError):  # it has ended, or does not read
+            self._control.send(json.dumps(command).encode() + b"\n")
 
     def kill(self) -> None:
         if self.first_process_end >= 0:
@@ -171,7 +161,8 @@ class Fleet:
             signal.signal(number, self._end)
         self._selector.register(wake_read, selectors.EVENT_READ, lambda: os.read(wake_read, 4096))
         self._status, self._status_write = os.pipe()
-        self._selector.register(self._status, selectors.EVENT_READ, self._on_status)
+        self._selector.register(self._status, selectors.EVENT_READ,
+                                lambda: note(os.read(self._status, 4096).decode().rstrip()))
         self._asker = socket.socket(socket.AF_INET, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
         self._selector.register(self._asker, selectors.EVENT_READ, self._on_answer)
 
@@ -179,15 +170,9 @@ class Fleet:
         self._ended = True
 
     def _serve_until(self, at: float) -> None:
-        while not self._ended:
-            left = at - time.monotonic()
-            if left <= 0:
-                return
+        while not self._ended and (left := at - time.monotonic()) > 0:
             for key, _ in self._selector.select(left):
                 key.data()
-
-    def _on_status(self) -> None:
-        note(os.read(self._status, 4096).decode().rstrip())
 
     def start(self) -> bool:
         """Until all devices answer with their first values; False when a signal has ended the fleet."""

@@ -28,8 +28,7 @@ DESCRIPTION = f"""\
 Starts many throw-away devices in the network of this process, each at its own address, with values that
 change slowly. One receiver prints the traps of all. Ctrl-C ends them and leaves nothing behind.
 
-  {FLEET_COMMAND} --count 50                 then: snmpwalk -v2c -c public 127.1.0.1 .1.3.6.1.4.1.52717
-  {FLEET_COMMAND} --models 6420:30,6214:20   thirty devices of one model, twenty of another
+  {FLEET_COMMAND} --models 6420:30,6214:20   then: snmpwalk -v2c -c public 127.1.0.1 .1.3.6.1.4.1.52717
   {FLEET_COMMAND} list                       the devices that run now
   {FLEET_COMMAND} exec --name NAME -- CMD    run a command inside one device, without --name in each
   {FLEET_COMMAND} stop                       end the fleet"""
@@ -49,25 +48,19 @@ def start_parser() -> argparse.ArgumentParser:
     which.add_argument("--count", type=count, default=len(MODELS), metavar="N",
                        help=f"number of devices, all models in turn (default {len(MODELS)})")
     which.add_argument("--models", type=models, metavar="MODEL:N,...", help="models and the number of devices of each")
-    parser.add_argument("--address", type=ipaddress.IPv4Address, metavar="A",
-                        help="address of the first device; the others have the next ones (default 127.1.0.1)")
-    parser.add_argument("--base-port", type=cli.port_number, metavar="N",
-                        help="all devices have the same address (default 127.0.0.1), and the UDP ports from this one "
-                             "on (default: port 161, which needs root)")
-    parser.add_argument("--trap-target", type=trap_target, metavar="HOST[:PORT]",
-                        help="where all traps go, instead of the fleet's own receiver at port 162 of 127.0.0.1 or, "
-                             "with --base-port, the port after the last device's")
-    parser.add_argument("--panel", type=cli.port_number, metavar="N",
-                        help="serve the front panel, a web page of all devices, on this TCP port of 127.0.0.1")
-    parser.add_argument("--inventory", metavar="FILE",
-                        help='write the list of the devices for file_sd of Prometheus ("-": standard output)')
-    parser.add_argument("--seed", type=int, default=1, metavar="N", help="of the random values and faults (default 1)")
-    parser.add_argument("--step", type=float, default=10.0, metavar="SECONDS",
-                        help="change three values of each device once in this time (default 10)")
-    parser.add_argument("--faults-per-hour", type=float, default=0.0, metavar="N",
-                        help="faults of the whole fleet, each of 1 to 5 minutes (default 0)")
-    parser.add_argument("--bin", metavar="DIR", help="folder of kvsnmp, talservice and talctl (default: the build)")
-    parser.add_argument("--version", action=cli.PrintVersion, nargs=0, help="print the version and end")
+    add = parser.add_argument
+    add("--address", type=ipaddress.IPv4Address, metavar="A", help="of the first device (default 127.1.0.1)")
+    add("--base-port", type=cli.port_number, metavar="N",
+        help="one address (default 127.0.0.1) with the UDP ports from here on (default: port 161, which needs root)")
+    add("--trap-target", type=trap_target, metavar="ADDRESS[:PORT]", help="where all traps go, instead of the fleet's "
+        "receiver at port 162 of 127.0.0.1 or, with --base-port, the port after the last device's")
+    add("--panel", type=cli.port_number, metavar="N", help="serve the front panel, a web page, on this port")
+    add("--inventory", metavar="FILE", help='write the devices for file_sd of Prometheus ("-": standard output)')
+    add("--seed", type=int, default=1, metavar="N", help="of the random values and faults (default 1)")
+    add("--step", type=float, default=10.0, metavar="SECONDS", help="change values of each device so often (10)")
+    add("--faults-per-hour", type=float, default=0.0, metavar="N", help="of the whole fleet (default 0)")
+    add("--bin", metavar="DIR", help="folder of kvsnmp, talservice and talctl (default: the build)")
+    add("--version", action=cli.PrintVersion, nargs=0, help="print the version and end")
     return parser
 
 
@@ -78,22 +71,18 @@ def count(text: str) -> int:
 
 
 def models(text: str) -> list[int]:
-    found = []
-    for part in text.split(","):
-        model, _, number = part.partition(":")
-        if not model.isdigit() or int(model) not in MODELS:
+    pairs = [part.partition(":")[::2] for part in text.split(",")]
+    for model, _ in pairs:
+        if model not in map(str, MODELS):
             raise argparse.ArgumentTypeError(f"no model {model}; there are " + ", ".join(map(str, MODELS)))
-        found += [int(model)] * count(number or "1")
+    found = [int(model) for model, number in pairs for _ in range(count(number or "1"))]
     count(str(len(found)))
     return found
 
 
 def trap_target(text: str) -> str:
     host, _, port = text.partition(":")
-    try:
-        return f"{socket.gethostbyname(host)}:{cli.port_number(port or '162')}"
-    except OSError as error:
-        raise argparse.ArgumentTypeError(f"{host}: {error.strerror}") from error
+    return f"{ipaddress.IPv4Address(host)}:{cli.port_number(port or '162')}"
 
 
 def settings_of(options: argparse.Namespace) -> list[Settings]:
@@ -128,9 +117,8 @@ def wait_for_ports(places: list[tuple[str, int]]) -> None:
     for address, port in places:
         while error := cli.bind_error(port, address):
             if time.monotonic() > limit:
-                hint = "; as an ordinary user choose --base-port" if isinstance(error, PermissionError) else \
-                    "; choose another with --address, --base-port or --trap-target"
-                raise DeviceError(f"{address}, UDP port {port}: {error.strerror}{hint}") from error
+                raise DeviceError(f"{address}, UDP port {port}: {error.strerror}; "
+                                  "choose another with --base-port, --address or --trap-target") from error
             time.sleep(0.1)
 
 
@@ -186,7 +174,8 @@ def write_inventory(file: str, devices: list[Settings]) -> None:
 # Commands on the running fleet
 
 
-def running() -> list[registry.Running]:
+def running(command: str, arguments: list[str]) -> list[registry.Running]:
+    argparse.ArgumentParser(prog=f"{PROGRAM} {command}").parse_args(arguments)
     registry.sweep()
     found = [device for device in registry.running() if device.is_in_fleet]
     if not found:
@@ -195,12 +184,12 @@ def running() -> list[registry.Running]:
 
 
 def run_exec(arguments: list[str]) -> int:
-    parser = argparse.ArgumentParser(prog=f"{PROGRAM} exec", description="Runs a command inside one device, or in each.")
+    parser = argparse.ArgumentParser(prog=f"{PROGRAM} exec", description="Runs a command in one device or in each.")
     parser.add_argument("--name", help="which device (default: all, one after the other)")
     parser.add_argument("command", nargs="+", metavar="CMD", help="put -- before it when it has options")
     options = parser.parse_args(arguments)
     status = 0
-    for device in [registry.find(options.name)] if options.name else running():
+    for device in [registry.find(options.name)] if options.name else running("exec", []):
         if not options.name:
             print(f"== {device.name}", flush=True)
         status = max(status, abs(subprocess.run(cli.into(device, options.command), check=False).returncode))
@@ -208,12 +197,10 @@ def run_exec(arguments: list[str]) -> int:
 
 
 def run_list(arguments: list[str]) -> int:
-    argparse.ArgumentParser(prog=f"{PROGRAM} list", description="Lists the running devices.").parse_args(arguments)
-    cli.show(running())
+    cli.show(running("list", arguments))
     return 0
 
 
 def run_stop(arguments: list[str]) -> int:
-    argparse.ArgumentParser(prog=f"{PROGRAM} stop", description="Ends the running fleet.").parse_args(arguments)
-    cli.end(running())
+    cli.end(running("stop", arguments))
     return 0

@@ -16,11 +16,11 @@ from devicelib import registry, sandbox
 from devicelib.registry import Running
 from devicelib.settings import COMMAND, STATE_FOLDER, Settings
 from sources import Refused, Unit, run
-from state import has, level, worst
+from rows import has, level, worst
 
 WATCH_SECONDS, TILE_SECONDS = 3.0, 5.0
 HISTORY = int(15 * 60 / WATCH_SECONDS)
-UPTIME, PACKETS = ".1.3.6.1.2.1.1.3.0", ".1.3.6.1.2.1.11.1.0"
+PACKETS = ".1.3.6.1.2.1.11.1.0"
 MESSAGES = [[row["notification"], row["identifiers"].split()] for row in rows.TRAPS]
 SCENARIOS = rows.HERE.parent / "scenarios"
 # Commands inside the device. The daemon restarts snmpd when the folder changes.
@@ -32,7 +32,7 @@ def devices() -> dict[str, Running]:
 
 
 class Feed:
-    """A view that is renewed while a page is open. A page receives the parts that differ from what it has."""
+    """A view that `look` renews while a page is open. A page receives the parts that differ from what it has."""
 
     def __init__(self, seconds: float) -> None:
         self.view: dict[str, Any] = {}
@@ -40,12 +40,6 @@ class Feed:
         self._seconds, self._pages = seconds, 0
         self._task: asyncio.Task[None] | None = None
         self._news = asyncio.Event()
-
-    async def look(self) -> None:
-        raise NotImplementedError
-
-    def close(self) -> None:
-        """After the last page."""
 
     def publish(self) -> None:
         self._news.set()
@@ -87,31 +81,30 @@ class Watch(Feed):
     def __init__(self, name: str, is_only: bool) -> None:
         super().__init__(WATCH_SECONDS)
         self.name, self.is_only = name, is_only
-        self._unit: Unit | None = None
-
-    @property
-    def unit(self) -> Unit:
-        if self._unit is None:
-            raise Refused("the device is gone")
-        return self._unit
+        self.unit: Unit | None = None
 
     async def look(self) -> None:
         running = (await asyncio.to_thread(devices)).get(self.name)
-        if self._unit and (not running or running.first_process != self._unit.running.first_process):
+        if self.unit and (not running or running.first_process != self.unit.running.first_process):
             self.close()
         if not running or not running.ready:
             self.view["status"] = "starting" if running else "gone"
             return
-        if self._unit is None:
+        if self.unit is None:
             self._begin(running)
         try:
             await self._take()
-        except Refused as refusal:
-            self.view |= {"status": "silent", "why": str(refusal)}
-        await self._read()
+        except Refused:
+            self.view["status"] = "silent"
+        rate = await self._read()
+        self._show()
+        cells = self.view["cells"]
+        graphed = {cell.id: cells[cell.id][0] for cell in self.unit.cells if cell.object in rows.GRAPHED}
+        self.view["sample"] = [round(time.time()), rate, graphed]
+        self.history.append(self.view["sample"])
 
     def _begin(self, running: Running) -> None:
-        unit = self._unit = Unit(running)
+        unit = self.unit = Unit(running)
         self._served: dict[str, str] = {}
         self._packets: collections.deque[tuple[float, int]] = collections.deque(maxlen=5)
         self.view = {"model": [vars(cell) for cell in unit.cells], "messages": MESSAGES, "only": self.is_only,
@@ -120,8 +113,7 @@ class Watch(Feed):
     async def _take(self) -> None:
         await self.unit.take_state()
         await self.unit.take_rest()
-        self.view |= {"status": "running", "why": ""}
-        self._show()
+        self.view["status"] = "running"
 
     def _show(self) -> None:
         unit, cells = self.unit, {}
@@ -134,39 +126,38 @@ class Watch(Feed):
                       "switches": unit.facts.switches, "worst": worst(unit.facts, unit.cells),
                       "traps": (unit.new_traps()[::-1] + self.view["traps"])[:100]}
 
-    async def _read(self) -> None:
-        unit, rate = self.unit, None
+    async def _read(self) -> float | None:
+        """What a manager reads. Returns the requests per second."""
+        unit, now, rate = self.unit, time.time(), None
         try:
-            answer = await unit.get([UPTIME, PACKETS, *(cell.oid for cell in unit.cells)])
+            answer = await unit.get([PACKETS, *(cell.oid for cell in unit.cells)])
         except Refused:
             self._packets.clear()
             self.view["agent"] = {"answers": False}
-        else:
-            now, packets = time.monotonic(), int(answer.get(PACKETS, 0))
-            if self._packets and packets < self._packets[-1][1]:
-                self._packets.clear()  # another snmpd
-            if self._packets:
-                rate = round((packets - self._packets[0][1]) / (now - self._packets[0][0]), 2)
-            self._packets.append((now, packets))
-            self.view["agent"] = {"answers": True, "rate": rate, "uptime": int(answer.get(UPTIME, 0)) // 100}
-            # Without a log: a value that differs from the last reading shows that the cache was filled in between.
-            changed = {cell.table for cell in unit.cells if answer.get(cell.oid) != self._served.get(cell.oid)}
-            if self._served:
-                since = time.time() - 2 * WATCH_SECONDS
-                unit.loads |= {table: time.time() for table in changed if unit.loads.get(table, 0) < since}
-            self._served = answer
-        self._show()
-        graphed = {name: entry[:2] for name, entry in self.view["cells"].items() if rows.GRAPHED.match(name)}
-        self.view["sample"] = [round(time.time()), rate, graphed]
-        self.history.append(self.view["sample"])
+            return None
+        packets = int(answer.get(PACKETS, 0))
+        if self._packets and packets < self._packets[-1][1]:
+            self._packets.clear()  # another snmpd
+        if self._packets:
+            rate = round((packets - self._packets[0][1]) / (now - self._packets[0][0]), 2)
+        self._packets.append((now, packets))
+        self.view["agent"] = {"answers": True, "rate": rate}
+        # Without a log: a value that differs from the last reading shows that the cache was filled in between.
+        for cell in unit.cells if self._served else []:
+            if answer.get(cell.oid) != self._served.get(cell.oid) and unit.loads.get(cell.table, 0) < now - 6:
+                unit.loads[cell.table] = now
+        self._served = answer
+        return rate
 
     def close(self) -> None:
-        if self._unit:
-            self._unit.close()
-            self._unit = None
+        if self.unit:
+            self.unit.close()
+            self.unit = None
 
     async def click(self, action: str, value: Any) -> str:
         """Its words are those of the page; a command of talctl or its scenario, or an action on snmpd."""
+        if self.unit is None:
+            raise Refused("the device is gone")
         device, text = self.unit.running, ""
         if action == "talctl":
             text = await self.unit.talctl(value)
@@ -179,19 +170,16 @@ class Watch(Feed):
         else:
             raise Refused("this model has no such scenario")
         await self._take()  # shows at once what it changed
+        self._show()
         self.publish()
         return text
 
 
-def scenarios(model: int) -> dict[str, str]:
-    """Those of a model, each with its first line; a comment names the models."""
-    found = {}
-    for file in sorted(SCENARIOS.glob("*.tal")):
-        text = file.read_text()
-        models = re.search(r"^# Models: (.*)", text, re.MULTILINE)
-        if not models or "all" in models[1] or str(model) in models[1]:
-            found[file.stem] = text.partition("\n")[0].lstrip("# ")
-    return found
+def scenarios(model: int) -> list[str]:
+    """Those of a model; a comment names the models."""
+    found = {file.stem: re.findall(r"^# Models: (.*)", file.read_text(), re.MULTILINE)
+             for file in SCENARIOS.glob("*.tal")}
+    return sorted(name for name, models in found.items() if not models or "all" in models[0] or str(model) in models[0])
 
 
 class Fleet(Feed):
@@ -199,13 +187,13 @@ class Fleet(Feed):
 
     def __init__(self) -> None:
         super().__init__(TILE_SECONDS)
-        self._units: dict[str, Unit] = {}
+        self.units: dict[str, Unit] = {}
 
     async def look(self) -> None:
         running = await asyncio.to_thread(devices)
-        for name, unit in list(self._units.items()):
+        for name, unit in list(self.units.items()):
             if name not in running or running[name].first_process != unit.running.first_process:
-                self._units.pop(name).close()
+                self.units.pop(name).close()
         ports, tiles = _bound_ports(), {}
         for name, device in running.items():
             tiles[name] = await self._tile(device, ports)
@@ -217,7 +205,7 @@ class Fleet(Feed):
         if not device.ready:
             return tile
         try:
-            unit = self._units.get(device.name) or self._units.setdefault(device.name, Unit(device))
+            unit = self.units.get(device.name) or self.units.setdefault(device.name, Unit(device))
             await unit.take_state()
         except (Refused, OSError):
             return tile | {"state": "silent"}
@@ -226,9 +214,9 @@ class Fleet(Feed):
                                "state": worst(unit.facts, unit.cells) if is_bound else "silent"}
 
     def close(self) -> None:
-        for unit in self._units.values():
+        for unit in self.units.values():
             unit.close()
-        self._units.clear()
+        self.units.clear()
 
 
 def _bound_ports() -> set[tuple[str, int]]:

@@ -1,7 +1,4 @@
-"""The front panel: a web page of the devices that run on this machine, live.
-
-usage: server.py [--port N] [--listen ADDRESS] [--name DEVICE]
-"""
+"""The front panel: a web page of the devices that run on this machine, live."""
 from __future__ import annotations
 
 import argparse
@@ -63,17 +60,14 @@ class Panel:
         application = web.Application(middlewares=[guard], client_max_size=1 << 16)
         application.on_response_prepare.append(harden)
         application.add_routes([
-            web.get("/", self.root), web.get("/device/{name}", self.page), web.get("/events", self.events),
+            web.get("/", self.page), web.get("/device/{name}", self.page), web.get("/events", self.events),
             web.get("/device/{name}/events", self.events), web.post("/device/{name}/{action}", self.click),
             web.static("/page", HERE / "page")])
         return application
 
-    async def root(self, request: web.Request) -> web.StreamResponse:
-        if self.name:
-            raise web.HTTPFound(f"/device/{quote(self.name, safe='')}")
-        return await self.page(request)
-
     async def page(self, request: web.Request) -> web.StreamResponse:
+        if self.name and request.path == "/":
+            raise web.HTTPFound(f"/device/{quote(self.name, safe='')}")
         self._feed(request)
         return web.FileResponse(HERE / "page/index.html")
 
@@ -114,14 +108,13 @@ def is_action(action: str, value: Any) -> bool:
     return isinstance(value, str) and (action == "scenario" or action == "agent" and value in AGENT)
 
 
-async def serve(options: argparse.Namespace) -> int:
+async def serve(options: argparse.Namespace) -> None:
     runner = web.AppRunner(Panel(options.name).application(), access_log=None)
     await runner.setup()
     try:
         await web.TCPSite(runner, options.listen, options.port, shutdown_timeout=0.2).start()
     except OSError as error:
-        print(f"panel: port {options.port}: {os.strerror(error.errno or 0)}", file=sys.stderr)
-        return 1
+        sys.exit(f"panel: port {options.port}: {os.strerror(error.errno or 0)}")
     host = f"[{options.listen}]" if ":" in options.listen else options.listen
     print(f"panel: http://{host}:{options.port}/", flush=True)
     ended = asyncio.Event()
@@ -129,22 +122,18 @@ async def serve(options: argparse.Namespace) -> int:
         asyncio.get_running_loop().add_reader(0, lambda: os.read(0, 4096) or ended.set())
     await ended.wait()
     await runner.cleanup()
-    return 0
 
 
-def main() -> int:
-    parser = argparse.ArgumentParser(description=__doc__, usage=argparse.SUPPRESS,
-                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--port", type=int, default=8080)
     parser.add_argument("--listen", default="127.0.0.1",
                         help="another address than 127.0.0.1; anyone who reaches it can change the devices")
     parser.add_argument("--name", help="only this device; without it all that run")
     parser.add_argument("--until-eof", action="store_true", help="end when standard input is closed")
-    try:
-        return asyncio.run(serve(parser.parse_args()))
-    except KeyboardInterrupt:
-        return 0
+    with contextlib.suppress(KeyboardInterrupt):
+        asyncio.run(serve(parser.parse_args()))
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    main()

@@ -13,7 +13,7 @@ from devicelib import sandbox
 from devicelib.programs import RECORD_END, TIME_END, VARIABLE_END
 from devicelib.registry import Running
 from devicelib.settings import STATE_FOLDER, TAL_CONTROL
-from state import Facts
+from rows import Facts
 
 ANSWER_SECONDS = 3.0
 MOST_NAMES = 128  # that snmpget takes

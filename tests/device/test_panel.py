@@ -28,7 +28,6 @@ sys.path[:0] = [str(CHECKOUT / "simulator/panel"), str(CHECKOUT / "monitoring/ch
 
 import limits  # noqa: E402
 import rows as panel_rows  # noqa: E402
-import state as panel_state  # noqa: E402
 
 SERVER = CHECKOUT / "simulator/panel/server.py"
 MIB = (CHECKOUT / "mibs/KVSNMP-MIB.txt").read_text()
@@ -243,7 +242,7 @@ def test_texts_of_a_device_are_never_markup(page, device):
 
 def test_snmpd_is_killed_and_restarted(page):
     page.click("aside button", "Kill snmpd")
-    page.wait_text(".state", "snmpd does not answer")
+    page.wait_text(".state", "No answer")
     page.click("aside button", "Restart snmpd")
     page.wait_text(".state", "In order", 60)
 
@@ -448,7 +447,7 @@ def test_cells_are_those_of_the_catalogue(model):
 def level_of(column: str) -> Callable[[int], str]:
     """That of the first row of the first model; its voltage is 1.2 V."""
     cell = next(cell for model in MODELS for cell in panel_rows.cells(model, EXTENDED, MIB) if cell.object == column)
-    return lambda code: panel_state.level(cell, code)
+    return lambda code: panel_rows.level(cell, code)
 
 
 @pytest.mark.parametrize("check", limits.CHECKS, ids=lambda check: check.column)

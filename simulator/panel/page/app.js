@@ -8,25 +8,18 @@ const view = path ? new Device(path[1]) : new Fleet();
 const link = document.getElementById('link');
 document.getElementById('app').replaceChildren(view.node);
 
-let source = null;
-let heard = 0;
-
 function connect() {
-  source?.close();
-  source = new EventSource(path ? `${location.pathname}/events` : '/events');
-  heard = Date.now();
+  const source = new EventSource(path ? `${location.pathname}/events` : '/events');
   source.onmessage = (event) => {
-    heard = Date.now();
     link.hidden = true;
     view.take(JSON.parse(event.data));
   };
-  source.onerror = () => { link.hidden = false; };
+  source.onerror = () => {
+    link.hidden = false;
+    if (source.readyState === EventSource.CLOSED) setTimeout(connect, 2000);
+  };
 }
 
 connect();
-setInterval(() => {
-  refresh();
-  if (Date.now() - heard > (source.readyState === EventSource.CLOSED ? 3000 : 25000)) connect();
-}, 1000);
+setInterval(refresh, 1000);
 document.addEventListener('keydown', (event) => { if (event.key === 'Escape') view.select?.(null); });
-addEventListener('pagehide', () => source.close());

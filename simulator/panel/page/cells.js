@@ -30,11 +30,6 @@ export function managerText(cell, [, served]) {
 
 export const isLate = ([, served, code]) => code !== null && (served ?? null) !== null && String(code) !== served;
 
-// For graphs: both values in the unit of the cell.
-export const numbers = (cell, [text, served]) => [
-  NUMBER.test(text ?? '') ? Math.abs(Number(text)) : null,
-  NUMBER.test(served ?? '') ? Number(served) / 10 ** cell.decimals : null];
-
 // The panel asks every 3 s, so no cache is older than 63 s: a later one was filled unseen.
 export function ageOf(loads, table, now) {
   const age = Math.max(0, Math.round(now - (loads?.[table] ?? -Infinity)));

@@ -1,6 +1,6 @@
 // The page of one device.
-import { h, lampIcon, list, post, refresh, STATES } from './dom.js';
-import { numbers, rowName } from './cells.js';
+import { h, lampIcon, list, refresh, STATES } from './dom.js';
+import { rowName } from './cells.js';
 import { chart } from './charts.js';
 import { drawing } from './drawing.js';
 import { inspect } from './inspector.js';
@@ -23,21 +23,16 @@ export class Device {
     this.body = h('div', { class: 'columns' });
     const about = () => [this.about.name, this.about.model, this.about.text, this.about.location, this.about.address];
     this.node = h('div', { class: () => (this.status === 'running' ? 'device' : 'device lost') },
-      h('header', { class: 'top' }, h('a', { class: 'back', href: '/', hidden: () => this.only }, 'Fleet'),
+      h('header', { class: 'top' }, h('a', { href: '/', hidden: () => this.only }, '‹ Fleet'),
         h('div', { class: 'names' }, h('h1', {}, () => this.about.sysName || this.name),
-          h('p', {}, () => about().filter(Boolean).join(' · '))),
+          h('p', { class: 'hint' }, () => about().filter(Boolean).join(' · '))),
         h('div', { class: 'state', role: 'status', 'data-state': () => this.state() },
-          lampIcon(() => this.state(), 20), () => this.stateText())), this.body);
+          lampIcon(() => this.state(), 20), () => STATES[this.state()])), this.body);
   }
 
   state() {
     if (this.status !== 'running') return this.status ?? 'starting';
     return this.agent.answers === false ? 'silent' : this.worst;
-  }
-
-  stateText() {
-    return { gone: 'The device is gone', silent: this.why || 'snmpd does not answer',
-      starting: 'Waiting for the device' }[this.state()] ?? STATES[this.state()];
   }
 
   now() { return Date.now() / 1000 + this.offset; }
@@ -50,18 +45,15 @@ export class Device {
     if (message.model) this.build();
     refresh();
     if (message.sample || message.model) for (const draw of this.plots) draw(this.history);
-    if (message.sample) this.drawChosen?.(this.history);
   }
 
   build() {
-    const scenarios = Object.entries(this.scenarios).map(([name, about]) =>
-      h('button', { title: about, onclick: () => this.run('scenario', name, `talctl scenario ${name}`) },
-        name.replaceAll('-', ' ')));
-    const agent = (action, text) => {
-      const title = `${this.command} exec --name ${this.name} -- sh -c '${this.actions[action]}'`;
-      return h('button', { title, onclick: () => this.run('agent', action, title) }, text);
-    };
-    const pair = (label, text) => h('div', {}, h('dt', {}, label), h('dd', {}, text));
+    const button = (text, action, value, title) =>
+      h('button', { title, onclick: () => this.run(action, value, title) }, text);
+    const agent = (action, text) => button(text, 'agent', action,
+      `${this.command} exec --name ${this.name} -- sh -c '${this.actions[action]}'`);
+    const scenarios = this.scenarios.map((name) =>
+      button(name.replaceAll('-', ' '), 'scenario', name, `talctl scenario ${name}`));
     this.chosen = null;
     this.body.replaceChildren(h('main', {}, drawing(this), this.graphs()), h('aside', {}, this.inspector,
       card('Traps, as the receiver decoded them', list(h('ol', { class: 'traps', 'aria-live': 'polite' }),
@@ -69,10 +61,8 @@ export class Device {
       card('Messages', this.raiseForm(), list(h('ul', { class: 'faults' }), () => this.faults,
         (fault) => this.faultItem(fault), hint('No message is active.')), this.trapSwitches()),
       card('Scenarios', h('div', { class: 'choices' }, scenarios)),
-      card('SNMP agent', h('dl', { class: 'pair' }, pair('Answers', () => (this.agent.answers ? 'yes' : 'no')),
-        pair('Runs for', () => `${Math.floor((this.agent.uptime ?? 0) / 60)} min`),
-        pair('Requests, with the panel’s', () => `${this.agent.rate?.toFixed(1) ?? '–'} /s`)),
-      h('div', { class: 'choices' }, agent('restart', 'Restart snmpd'), agent('kill', 'Kill snmpd'))),
+      card('SNMP agent', h('p', {}, () => `${this.agent.rate ?? 'No'} requests per second, with the panel’s`),
+        h('div', { class: 'choices' }, agent('restart', 'Restart snmpd'), agent('kill', 'Kill snmpd'))),
       card('Commands of your clicks', this.log)));
     this.select(null);
   }
@@ -92,33 +82,32 @@ export class Device {
       event.preventDefault();
       this.talctl(words());
     };
-    return h('form', { class: name, onsubmit, oninput: refresh }, fields, this.commandOf(words));
+    return h('form', { class: name, onsubmit, oninput: refresh }, fields,
+      h('code', { class: 'command' }, () => quote(['talctl', ...words()])));
   }
 
-  commandOf(words) { return h('code', { class: 'command' }, () => quote(['talctl', ...words()])); }
+  button(text, words) {
+    return h('button', { title: quote(['talctl', ...words]), onclick: () => this.talctl(words) }, text);
+  }
 
-  faultItem(fault) {
-    const clear = ['fault', 'clear', fault.reporter, fault.ref];
-    const name = fault.id || fault.ref;
-    return h('li', {}, lampIcon(fault.state), h('span', {}, h('strong', {}, name), ` ${fault.text}`),
-      h('button', { title: quote(['talctl', ...clear]), 'aria-label': `Clear ${name}`,
-        onclick: () => this.talctl(clear) }, 'Clear'));
+  faultItem({ id, ref, reporter, text, state }) {
+    return h('li', {}, lampIcon(state), h('span', {}, h('strong', {}, id || ref), ` ${text}`),
+      this.button('Clear', ['fault', 'clear', reporter, ref]));
   }
 
   trapSwitches() {
     const enabled = () => this.switches?.filter(([, isEnabled]) => isEnabled).length;
-    const change = ({ target }, name) => this.talctl(['trap', target.checked ? 'enable' : 'disable', name]);
     return h('details', {},
       h('summary', {}, () => `Traps enabled: ${enabled()} of ${this.switches?.length}`),
       list(h('div', { class: 'switches' }), () => this.switches, ([name, checked]) => h('label', {},
-        h('input', { type: 'checkbox', checked, onchange: (event) => change(event, name) }), name)));
+        h('input', { type: 'checkbox', checked, onchange: () => this.talctl(['trap', checked ? 'disable' : 'enable', name]) }), name)));
   }
 
   graphs() {
-    const graph = (title, cells, value) => {
+    const graph = (title, cells) => {
       const [node, draw] = chart(title, 150, cells.map(rowName));
       this.plots.push((history) => draw(history.map(([time, , entries]) =>
-        [time, ...cells.map((cell) => value(cell, entries[cell.id] ?? []))])));
+        [time, ...cells.map((cell) => Math.abs(entries[cell.id]) * (cell.nominal ? 100 / cell.nominal : 1))])));
       return node;
     };
     const [requests, draw] = chart('SNMP requests per second', 150, ['requests']);
@@ -126,16 +115,14 @@ export class Device {
     return h('section', { class: 'card graphs' }, h('h2', {}, 'Last 15 minutes'),
       Object.entries(GRAPHS).map(([object, title]) => {
         const cells = this.model.filter((cell) => cell.object === object);
-        return cells.length ? graph(title, cells, (cell, entry) =>
-          (numbers(cell, entry)[0] ?? NaN) * (cell.nominal ? 100 / cell.nominal : 1)) : null;
+        return cells.length ? graph(title, cells) : null;
       }), requests);
   }
 
   select(cell) {
     const before = this.chosen;
     this.chosen = cell;
-    this.drawChosen = inspect(this, cell);
-    this.drawChosen?.(this.history);
+    inspect(this, cell);
     refresh();
     if (cell) this.inspector.focus({ preventScroll: true });
     else if (before) this.body.querySelector(`[data-cell="${before.id}"]`)?.focus();
@@ -145,15 +132,17 @@ export class Device {
 
   async run(action, value, command) {
     const result = h('span', { class: 'hint' }, '…');
-    this.log.prepend(h('li', {}, h('code', {}, command), result));
-    const answer = await post(`${this.base}/${action}`, value);
+    this.log.prepend(h('li', {}, h('code', {}, command), ' ', result));
+    const headers = { 'Content-Type': 'application/json' };
+    const answer = await fetch(`${this.base}/${action}`, { method: 'POST', headers, body: JSON.stringify(value) })
+      .then((response) => response.json()).catch(() => ({ text: 'the panel does not answer' }));
     result.textContent = answer.ok ? 'done' : answer.text;
-    result.classList.toggle('late', !answer.ok);
   }
 }
 
 function trapItem({ at, name, level, text, values }) {
-  return h('li', {}, h('time', {}, at), h('strong', {}, name), h('span', { class: 'chip', 'data-level': level }, level),
+  return h('li', {}, h('time', {}, at), h('strong', {}, name),
+    level && h('span', { class: 'chip', 'data-level': level }, level),
     h('span', { class: 'text' }, text),
     h('details', {}, h('summary', {}, `${Object.keys(values).length} variables`),
       h('dl', {}, Object.entries(values).map(([label, value]) => [h('dt', {}, label), h('dd', {}, value)]))));

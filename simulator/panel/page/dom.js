@@ -48,21 +48,11 @@ export function refresh() {
   for (const { update } of bindings) update();
 }
 
-export async function post(path, value) {
-  try {
-    const answer = await fetch(path,
-      { method: 'POST', headers: { 'Content-Type': 'application/json' }, body: JSON.stringify(value) });
-    return answer.ok ? await answer.json() : { ok: false, text: await answer.text() };
-  } catch {
-    return { ok: false, text: 'the panel does not answer' };
-  }
-}
-
 // Lamps have a shape for each state, so that colour is not needed to read them.
 const CIRCLE = 'M-5 0a5 5 0 1 0 10 0a5 5 0 1 0-10 0z', CROSS = 'M-5-5L5 5M5-5L-5 5';
 const SHAPES = { warn: 'M0-6L6.2 5H-6.2z', bad: 'M0-6.5L6.5 0L0 6.5L-6.5 0z', silent: CROSS, gone: CROSS };
 export const STATES = { ok: 'In order', notice: 'Notice', warn: 'Warning', bad: 'Fault', off: 'Off', unknown: 'Unknown',
-  silent: 'No answer', gone: 'Gone', starting: 'Starting' };
+  silent: 'No answer', gone: 'The device is gone', starting: 'Starting' };
 
 export const lamp = (state, transform = '') => h('path', { class: 'lamp', transform, 'data-state': state,
   d: () => SHAPES[state()] ?? CIRCLE });

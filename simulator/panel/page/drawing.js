@@ -88,12 +88,8 @@ function row(view, cell, y, name = rowName(cell)) {
 
 function item(view, cell, name, ...children) {
   const entry = () => view.cells[cell.id] ?? [];
-  const onkeydown = (event) => {
-    if (event.key !== 'Enter' && event.key !== ' ') return;
-    event.preventDefault();
-    view.select(cell);
-  };
-  return h('g', { tabindex: 0, role: 'button', 'data-cell': cell.id, onclick: () => view.select(cell), onkeydown,
+  return h('g', { tabindex: 0, role: 'link', 'data-cell': cell.id, onclick: () => view.select(cell),
+    onkeydown: ({ key }) => key === 'Enter' && view.select(cell),
     class: () => `item${isLate(entry()) ? ' late' : ''}${view.chosen === cell ? ' chosen' : ''}`,
     'data-state': () => entry()[3], 'aria-label': () => `${name}: ${STATES[entry()[3]]}. Device ${
       deviceText(cell, entry())}, manager ${managerText(cell, entry())}` }, children);

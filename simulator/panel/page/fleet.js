@@ -1,31 +1,26 @@
 // The fleet: a tile for each device.
 import { h, lampIcon, list, refresh, STATES } from './dom.js';
 
-const SUMS = { silent: 'without an answer', bad: 'with a fault', warn: 'with a warning', starting: 'starting',
-  notice: 'with a notice', ok: 'in order' };
+const names = new Intl.Collator('en', { numeric: true });
 
 export class Fleet {
   constructor() {
     document.title = 'Fleet · Front panel';
-    this.tiles = {};
-    this.take({});
+    this.tiles = [];
     const empty = h('li', {}, 'No device runs. Start one: scripts/device --model 6420');
-    this.node = h('div', { class: 'fleet' }, h('header', { class: 'top' },
-      h('h1', {}, () => (this.shown.length === 1 ? '1 device' : `${this.shown.length} devices`)),
-      list(h('ul', { class: 'sums', 'aria-label': 'Devices by state' }), () => this.sums, ([state, count]) =>
-        h('li', { 'data-state': state }, lampIcon(state, 13), `${count} ${SUMS[state]}`))),
-    h('main', {}, list(h('ul', { class: 'tiles' }), () => this.shown, tileOf, empty)));
+    this.node = h('div', { class: 'fleet' }, h('header', { class: 'top' }, h('h1', {}, () => this.title())),
+      h('main', {}, list(h('ul', { class: 'tiles' }), () => this.tiles, tileOf, empty)));
   }
 
-  take({ tiles = this.tiles }) {
-    if (tiles === this.tiles && this.shown) return;
+  title() {
+    const troubled = this.tiles.filter(({ state }) => ['bad', 'warn', 'silent'].includes(state)).length;
+    return `${this.tiles.length} device${this.tiles.length === 1 ? '' : 's'}, ${troubled} in trouble`;
+  }
+
+  take({ tiles }) {
+    if (!tiles) return;
     const focused = document.activeElement?.getAttribute('href');
-    const names = new Intl.Collator('en', { numeric: true });
-    this.tiles = tiles;
-    this.shown = Object.values(tiles).sort((a, b) => names.compare(a.name, b.name));
-    const states = Map.groupBy(this.shown, (tile) => tile.state);
-    this.sums = Object.keys(SUMS).filter((state) => states.has(state))
-      .map((state) => [state, states.get(state).length]);
+    this.tiles = Object.values(tiles).sort((a, b) => names.compare(a.name, b.name));
     refresh();
     if (focused) document.querySelector(`a[href="${CSS.escape(focused)}"]`)?.focus();
   }

@@ -1,27 +1,22 @@
 // One row in detail: what the device has, what a manager reads and why, the commands that change it.
-import { h, lampIcon, refresh, STATES } from './dom.js';
-import { ageOf, deviceText, isLate, managerText, numbers, TITLES, why } from './cells.js';
-import { chart } from './charts.js';
+import { h, lampIcon, STATES } from './dom.js';
+import { ageOf, deviceText, isLate, managerText, TITLES, why } from './cells.js';
 
-// Fills the device's inspector; returns a function that draws the graph of the chosen cell.
+// Fills the device's inspector.
 export function inspect(device, chosen) {
   const node = device.inspector;
   node.classList.toggle('open', Boolean(chosen));
   if (!chosen) {
     node.replaceChildren(h('h2', {}, 'Selected value'), h('p', { class: 'hint' },
       'Choose a lamp, a transponder or a value to see both sides of it and to change it.'));
-    return null;
+    return;
   }
   const others = device.model.filter((cell) => cell !== chosen && cell.table === chosen.table
     && cell.index === chosen.index);
-  const [graph, draw] = chosen.unit ? chart('', 96, [`device, ${chosen.unit}`, `manager, ${chosen.unit}`]) : [];
-  const [first, ...rest] = [chosen, ...others].map((cell) => details(device, cell));
   node.replaceChildren(h('header', {}, h('h2', {}, chosen.row),
     h('button', { 'aria-label': 'Close', onclick: () => device.select(null) }, '✕')),
   h('p', { class: 'hint' }, `${TITLES[chosen.table]} · ${chosen.table}, row ${chosen.index}`),
-  first, graph ?? '', ...rest);
-  return draw && ((history) => draw(history.map(([time, , entries]) =>
-    [time, ...numbers(chosen, entries[chosen.id] ?? [])])));
+  ...[chosen, ...others].map((cell) => details(device, cell)));
 }
 
 function details(device, cell) {
@@ -46,13 +41,6 @@ function field(device, cell, { label, field: words }) {
 }
 
 function buttons(device, { label, choices }) {
-  let shown = Object.values(choices)[0];
-  return h('div', { class: 'control choices', role: 'group', 'aria-label': label }, h('label', {}, label),
-    Object.entries(choices).map(([text, words]) => {
-      const show = () => {
-        shown = words;
-        refresh();
-      };
-      return h('button', { onclick: () => device.talctl(words), onmouseenter: show, onfocus: show }, text);
-    }), device.commandOf(() => shown));
+  return h('div', { class: 'choices', role: 'group', 'aria-label': label }, h('label', {}, label),
+    Object.entries(choices).map(([text, words]) => device.button(text, words)));
 }
