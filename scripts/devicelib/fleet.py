@@ -19,7 +19,7 @@ from .identity import identity_files
 from .programs import SyslogSink, TrapPrinter, say, snmptrapd_command, talservice_command
 from .registry import DeviceError
 from .settings import TAL_CONTROL, TRAP_LOG, Settings, kvsnmp_environment
-from .walk import Command, Walk
+from .walk import Walk
 
 START_SECONDS, SECONDS_EACH = 60, 3  # of a whole fleet, and more for each device
 LOOK_SECONDS = 0.3  # between two looks at devices that start
@@ -123,7 +123,7 @@ class Member:
         """The data service's tree at the start."""
         return json.loads(self._replies.partition(b"\n")[0])["text"]
 
-    def send(self, command: Command, keep_replies: bool = True) -> None:
+    def send(self, command: list[str], keep_replies: bool = True) -> None:
         with contextlib.suppress(OSError):
             while chunk := self._control.recv(65536):
                 self._replies = self._replies + chunk if keep_replies else b""

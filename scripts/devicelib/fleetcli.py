@@ -18,7 +18,6 @@ from .registry import DeviceError
 from .settings import FLEET_COMMAND, TRAP_LOG, Settings
 
 PROGRAM = FLEET_COMMAND.rpartition("/")[2]
-NAME = "fleet"  # of the folder of the fleet's snmptrapd
 MOST = 200
 KINDS = ["Amplifier", "Controller", "Switch", "Desk", "Outdoor"]  # a station has none of these words
 PLACES = ["Entrance hall", "Terminal A", "Terminal B", "Platform 1", "Platform 2", "Concourse", "Control room"]
@@ -90,7 +89,7 @@ def settings_of(options: argparse.Namespace) -> list[Settings]:
     bin_dir = cli.find_bin_dir(options.bin)
     chosen = options.models or list(itertools.islice(itertools.cycle(MODELS), options.count))
     first = options.address or ipaddress.IPv4Address("127.0.0.1" if options.base_port else "127.1.0.1")
-    receiver = Settings(0, NAME, bin_dir, port=161, is_in_fleet=True, hostname=NAME,
+    receiver = Settings(0, "fleet", bin_dir, port=161, is_in_fleet=True, hostname="fleet",
                         trap_port=options.base_port + len(chosen) if options.base_port else 162)
     if options.base_port and receiver.trap_port > 65535:
         raise DeviceError("not enough ports above --base-port")
@@ -130,7 +129,7 @@ def run_start(arguments: list[str]) -> int:
         panel.check(options.panel)
     registry.sweep()
     started = time.monotonic()
-    fleet = Fleet(Member(registry.claim(NAME, 0), receiver), not options.trap_target)
+    fleet = Fleet(Member(registry.claim("fleet", 0), receiver), not options.trap_target)
     page = None
     try:
         wait_for_ports([(settings.address, settings.port) for settings in devices]

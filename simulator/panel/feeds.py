@@ -19,7 +19,6 @@ from sources import Refused, Unit, run
 from rows import has, level, worst
 
 WATCH_SECONDS, TILE_SECONDS = 3.0, 5.0
-HISTORY = int(15 * 60 / WATCH_SECONDS)
 PACKETS = ".1.3.6.1.2.1.11.1.0"
 MESSAGES = [[row["notification"], row["identifiers"].split()] for row in rows.TRAPS]
 SCENARIOS = rows.HERE.parent / "scenarios"
@@ -36,7 +35,7 @@ class Feed:
 
     def __init__(self, seconds: float) -> None:
         self.view: dict[str, Any] = {}
-        self.history: collections.deque[list[Any]] = collections.deque(maxlen=HISTORY)
+        self.history: collections.deque[list[Any]] = collections.deque(maxlen=int(15 * 60 / WATCH_SECONDS))
         self._seconds, self._pages = seconds, 0
         self._task: asyncio.Task[None] | None = None
         self._news = asyncio.Event()

@@ -20,11 +20,9 @@ CATALOGUE = HERE.parent / "catalogue" if INSTALLED else CHECKOUT / "tests/catalo
 RANGE = re.compile(r"(\d+)\.\.(\d+)")
 EXPANDERS = ("Orvane Brisel Compact - IP-QRM-B", "Orvane Brisel Extended - IP-QRM-B")
 
-Row = dict[str, str]
-Words = list[str]  # of a talctl command; "$" stands for the value in a field
 
 
-def read(name: str) -> list[Row]:
+def read(name: str) -> list[dict[str, str]]:
     """The rows of a file of the catalogue, with their ranges of numbers written out."""
     lines = [line for line in (CATALOGUE / f"{name}.txt").read_text().splitlines() if line and line[0] != "#"]
     columns, *rows = [["" if cell.strip() == "-" else cell.strip() for cell in line.split("|")] for line in lines]
@@ -42,7 +40,7 @@ PARSERS = {row["parser"]: row for row in read("parsers")}
 CODES = {name: {word: int(code) for word, _, code in (pair.partition("=") for pair in row["words"].split())}
          for name, row in PARSERS.items()}
 STATIONS = {row["model"] for row in read("models") if row["gpio"]}
-SEVERITIES = {row["level"]: int(row["severity"]) for row in read("severities")}
+FAULT_STATES = {row["level"]: {"4": "warn", "5": "notice"}.get(row["severity"], "bad") for row in read("severities")}
 TEMPERATURES = {f"temp_{field}": f".{field}" for field in ("current", "peak", "average")}
 GRAPHED = ["tempCurrent", "fanSpeed", "voltageValue"]
 UNITS = {"tempCurrent": (1, "°C"), "tempPeak": (1, "°C"), "tempAverage": (1, "°C"), "fanSpeed": (0, "rpm")}
@@ -52,7 +50,6 @@ WARN = {"indecisive", "failedTimeout", "failedReceiveMonitorValues"}
 TYPES = {"input": "gpi", "output": "gpo"}  # of the lines of a station
 OFF = {"disabled", "notMonitored"}
 UNKNOWN = {"unknown", "notReported"}
-FAULT_LEVELS = {1: "bad", 2: "bad", 3: "warn", 4: "warn", 5: "notice"}
 RELAYS = ["relay1", "relay2", "relay3", "relay4", *(f"e_relay{n}" for n in range(1, 9))]
 
 
@@ -86,7 +83,7 @@ def states(mib: str) -> dict[str, dict[int, str]]:
             for name, syntax in re.findall(r"^(\w+) OBJECT-TYPE\s+SYNTAX\s+(\w+)", mib, re.MULTILINE)}
 
 
-def _has(row: Row, model: int, expanders: bool) -> bool:
+def _has(row: dict[str, str], model: int, expanders: bool) -> bool:
     return (expanders or not row["expanders"]) and (row["models"] == "all" or str(model) in row["models"].split())
 
 
@@ -156,7 +153,7 @@ def _connect(cell: Cell, station: bool, source: str, feed: tuple[str, str] | Non
                              else {"label": "Data service", "field": ["set", cell.path, "$"]})
 
 
-def _choices(command: Words, *values: str) -> dict[str, Any]:
+def _choices(command: list[str], *values: str) -> dict[str, Any]:
     """A button for each value, with another text before an equals sign."""
     label = {"monitor": "Amplifier monitor", "set": "Data service", "gpio": "GPIO line"}[command[0]]
     pairs = [(value.partition("=")[0], value.rpartition("=")[2]) for value in values]
@@ -181,7 +178,7 @@ class Facts:
         self.faults = [{"reporter": message.findtext("reporter", ""), "ref": message.findtext("rep_ref", ""),
                         "id": next((item.tag for item in message.find("msgdata") or []), ""),
                         "level": message.findtext("level", ""), "text": message.findtext("text", ""),
-                        "state": FAULT_LEVELS[SEVERITIES.get(message.findtext("level", ""), 3)]}
+                        "state": FAULT_STATES.get(message.findtext("level", ""), "warn")}
                        for message in state.iterfind("sys_messages/sys_message")]
 
     @property

@@ -92,12 +92,11 @@ class Panel:
         feed, action = self._feed(request), request.match_info["action"]
         try:
             value = await request.json()
-        except ValueError as error:
-            raise web.HTTPBadRequest(text="not JSON\n") from error
-        if not is_action(action, value):
-            raise web.HTTPBadRequest(text="no such action\n")
-        try:
+            if not is_action(action, value):
+                raise ValueError("no such action")
             return web.json_response({"ok": True, "text": await feed.click(action, value)})
+        except ValueError as error:
+            raise web.HTTPBadRequest(text=f"{error}\n") from error
         except Refused as refusal:
             return web.json_response({"ok": False, "text": str(refusal)})
 

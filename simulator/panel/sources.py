@@ -15,8 +15,6 @@ from devicelib.registry import Running
 from devicelib.settings import STATE_FOLDER, TAL_CONTROL
 from rows import Facts
 
-ANSWER_SECONDS = 3.0
-MOST_NAMES = 128  # that snmpget takes
 SNMPGET = ["snmpget", "-v2c", "-r", "0", "-t", "1", "-m", "", "-On", "-Oe", "-OQ", "-OU", "-Ot", "-c"]
 
 
@@ -72,7 +70,7 @@ class Unit:
     async def talctl(self, words: list[str]) -> str:
         async with self._lock:
             try:
-                reply = await asyncio.wait_for(self._exchange(words), ANSWER_SECONDS)
+                reply = await asyncio.wait_for(self._exchange(words), 3.0)
             except (OSError, ValueError, asyncio.TimeoutError) as error:
                 self.close()
                 raise Refused("the data service does not answer") from error
@@ -116,8 +114,8 @@ class Unit:
         device, found = self.running, {}
         where = [self.facts.setting("access_control/community"),
                  f"{device.address}:{device.port}" if device.port else "127.0.0.1"]
-        for first in range(0, len(oids), MOST_NAMES):
-            command = SNMPGET + where + oids[first:first + MOST_NAMES]
+        for first in range(0, len(oids), 128):
+            command = SNMPGET + where + oids[first:first + 128]
             output = await run(command if device.port else sandbox.enter_command(device.first_process, command))
             lines = re.findall(r"^(\.[\d.]+) = (.*)$", output, re.MULTILINE)
             found |= {oid: value.strip('"') for oid, value in lines if not value.startswith("No ")}

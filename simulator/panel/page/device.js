@@ -1,15 +1,12 @@
 // The page of one device.
 import { h, lampIcon, list, refresh, STATES } from './dom.js';
-import { rowName } from './cells.js';
+import { inspect, rowName } from './cells.js';
 import { chart } from './charts.js';
 import { drawing } from './drawing.js';
-import { inspect } from './inspector.js';
 
-const LEVELS = ['crit', 'err', 'warning', 'notice'];
 const SAMPLES = 300;
 const GRAPHS = { tempCurrent: 'Temperatures, °C', voltageValue: 'Voltages, % of nominal', fanSpeed: 'Fans, rpm' };
 const card = (title, ...content) => h('section', { class: 'card' }, h('h2', {}, title), ...content);
-const hint = (...text) => h('p', { class: 'hint' }, ...text);
 const quote = (words) => words.map((word) => (/^[\w./=:-]+$/.test(word) ? word
   : `"${word.replace(/(["\\$`])/g, '\\$1')}"`)).join(' ');
 
@@ -57,9 +54,9 @@ export class Device {
     this.chosen = null;
     this.body.replaceChildren(h('main', {}, drawing(this), this.graphs()), h('aside', {}, this.inspector,
       card('Traps, as the receiver decoded them', list(h('ol', { class: 'traps', 'aria-live': 'polite' }),
-        () => this.traps, trapItem, hint('None yet.'))),
+        () => this.traps, trapItem, 'None yet.')),
       card('Messages', this.raiseForm(), list(h('ul', { class: 'faults' }), () => this.faults,
-        (fault) => this.faultItem(fault), hint('No message is active.')), this.trapSwitches()),
+        (fault) => this.faultItem(fault), 'No message is active.'), this.trapSwitches()),
       card('Scenarios', h('div', { class: 'choices' }, scenarios)),
       card('SNMP agent', h('p', {}, () => `${this.agent.rate ?? 'No'} requests per second, with the panel’s`),
         h('div', { class: 'choices' }, agent('restart', 'Restart snmpd'), agent('kill', 'Kill snmpd'))),
@@ -68,9 +65,10 @@ export class Device {
   }
 
   raiseForm() {
-    const id = h('select', { 'aria-label': 'Message' }, this.messages.map(([name, ids]) =>
-      h('optgroup', { label: name }, ids.map((item) => h('option', {}, item)))));
-    const level = h('select', { 'aria-label': 'Level' }, LEVELS.map((item) => h('option', {}, item)));
+    const option = (item) => h('option', {}, item);
+    const groups = this.messages.map(([name, ids]) => h('optgroup', { label: name }, ids.map(option)));
+    const id = h('select', { 'aria-label': 'Message' }, groups);
+    const level = h('select', { 'aria-label': 'Level' }, ['crit', 'err', 'warning', 'notice'].map(option));
     const text = h('input', { 'aria-label': 'Text', value: 'Raised on the panel' });
     const words = () => ['fault', 'raise', 'panel', id.value, id.value, level.value, text.value, '--replace'];
     return this.form('raise', words, id, level, text, h('button', {}, 'Raise'));
@@ -99,8 +97,10 @@ export class Device {
     const enabled = () => this.switches?.filter(([, isEnabled]) => isEnabled).length;
     return h('details', {},
       h('summary', {}, () => `Traps enabled: ${enabled()} of ${this.switches?.length}`),
-      list(h('div', { class: 'switches' }), () => this.switches, ([name, checked]) => h('label', {},
-        h('input', { type: 'checkbox', checked, onchange: () => this.talctl(['trap', checked ? 'disable' : 'enable', name]) }), name)));
+      list(h('div', { class: 'switches' }), () => this.switches, ([name, checked]) => {
+        const onchange = () => this.talctl(['trap', checked ? 'disable' : 'enable', name]);
+        return h('label', {}, h('input', { type: 'checkbox', checked, onchange }), name);
+      }));
   }
 
   graphs() {

@@ -8,7 +8,7 @@ export function h(name, attributes = {}, ...children) {
   const node = SVG_NAMES.includes(name) ? document.createElementNS(SVG, name) : document.createElement(name);
   for (const [key, value] of Object.entries(attributes)) {
     if (key.startsWith('on')) node.addEventListener(key.slice(2), value);
-    else bind(node, value, (shown) => setAttribute(node, key, shown));
+    else bind(node, value, (shown) => node[shown || shown === 0 ? 'setAttribute' : 'removeAttribute'](key, shown));
   }
   for (const child of children.flat(2)) {
     const text = typeof child === 'function' ? new Text() : child;
@@ -18,23 +18,14 @@ export function h(name, attributes = {}, ...children) {
   return node;
 }
 
-function setAttribute(node, key, value) {
-  if (value === false || value === null || value === undefined) node.removeAttribute(key);
-  else node.setAttribute(key, value === true ? '' : value);
-}
-
 function bind(node, value, show) {
-  if (typeof value !== 'function') {
-    show(value);
-    return;
-  }
   let shown;
   const update = () => {
-    const next = value();
+    const next = typeof value === 'function' ? value() : value;
     if (next !== shown) show(shown = next);
   };
   update();
-  bindings.push({ node, update });
+  if (typeof value === 'function') bindings.push({ node, update });
 }
 
 // Fills an element with the items of a list, whenever it is another list.

@@ -1,26 +1,21 @@
 // The fleet: a tile for each device.
 import { h, lampIcon, list, refresh, STATES } from './dom.js';
 
-const names = new Intl.Collator('en', { numeric: true });
-
 export class Fleet {
   constructor() {
     document.title = 'Fleet · Front panel';
     this.tiles = [];
     const empty = h('li', {}, 'No device runs. Start one: scripts/device --model 6420');
-    this.node = h('div', { class: 'fleet' }, h('header', { class: 'top' }, h('h1', {}, () => this.title())),
+    const troubled = () => this.tiles.filter(({ state }) => ['bad', 'warn', 'silent'].includes(state)).length;
+    this.node = h('div', { class: 'fleet' }, h('header', { class: 'top' },
+      h('h1', {}, () => `Devices: ${this.tiles.length}, in trouble: ${troubled()}`)),
       h('main', {}, list(h('ul', { class: 'tiles' }), () => this.tiles, tileOf, empty)));
-  }
-
-  title() {
-    const troubled = this.tiles.filter(({ state }) => ['bad', 'warn', 'silent'].includes(state)).length;
-    return `${this.tiles.length} device${this.tiles.length === 1 ? '' : 's'}, ${troubled} in trouble`;
   }
 
   take({ tiles }) {
     if (!tiles) return;
     const focused = document.activeElement?.getAttribute('href');
-    this.tiles = Object.values(tiles).sort((a, b) => names.compare(a.name, b.name));
+    this.tiles = Object.values(tiles).sort((a, b) => a.name.localeCompare(b.name, 'en', { numeric: true }));
     refresh();
     if (focused) document.querySelector(`a[href="${CSS.escape(focused)}"]`)?.focus();
   }
