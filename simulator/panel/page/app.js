@@ -18,6 +18,7 @@ function connect() {
     link.hidden = false;
     if (source.readyState === EventSource.CLOSED) setTimeout(connect, 2000);
   };
+  addEventListener('pagehide', () => source.close()); // a page that is kept for "back" costs nothing
 }
 
 connect();

@@ -85,7 +85,7 @@ function details(device, cell) {
 function field(device, cell, { label, field: words }) {
   const input = h('input', { inputmode: cell.unit ? 'decimal' : 'text', value: device.cells[cell.id]?.[0] ?? '' });
   return device.form('control', () => words.map((word) => (word === '$' ? input.value : word)),
-    h('label', {}, label, input), h('button', {}, 'Set'));
+    h('label', {}, label, ' ', input), h('button', {}, 'Set'));
 }
 
 function buttons(device, { label, choices }) {
