@@ -19,12 +19,11 @@ from .identity import identity_files
 from .programs import SyslogSink, TrapPrinter, say, snmptrapd_command, talservice_command
 from .registry import DeviceError
 from .settings import TAL_CONTROL, TRAP_LOG, Settings, kvsnmp_environment
-from .walk import Command, Walk
+from .walk import Walk
 
 START_SECONDS, SECONDS_EACH = 60, 3  # of a whole fleet, and more for each device
 LOOK_SECONDS = 0.3  # between two looks at devices that start
 AT_ONCE = 4 * (os.cpu_count() or 1)  # devices that start at the same time
-LONGEST_SOCKET = 107  # bytes of a path
 RSS = "8192"  # what a device's ps says of snmpd's memory
 
 # A device's first process: $1 is its name, the rest talservice's command. A shell is much smaller than another python.
@@ -63,37 +62,35 @@ class Member:
         self.answers = False
 
     def start(self, status: int, traps: Path) -> None:
-        if len(f"{self.claim.root}{TAL_CONTROL}") > LONGEST_SOCKET:
+        if len(f"{self.claim.root}{TAL_CONTROL}") > 107:
             raise DeviceError(f"{self.claim.root} is too long for a socket; set TMPDIR to a shorter folder")
         make_folders(self.claim.root, self.settings, identity_files(self.settings.model), RSS)
         self.syslog = SyslogSink(self.claim.root)
         self._traps = traps
         command = ["/bin/sh", "-c", FIRST_PROCESS, "sh", self.settings.name, *talservice_command(self.settings)]
-        self.bwrap = self._run(command, status)
+        self._run(command, status)
+        self.publish(ready=False)
 
     def start_receiver(self) -> TrapPrinter:
         make_folders(self.claim.root, self.settings, {}, RSS)
-        self.bwrap = self._run(snmptrapd_command(self.settings), subprocess.PIPE)
+        self._run(snmptrapd_command(self.settings), subprocess.PIPE)
         return TrapPrinter(self.bwrap.stdout, self.claim.root / TRAP_LOG[1:], sys.stderr)
 
-    def _run(self, command: list[str], output: int) -> subprocess.Popen:
+    def _run(self, command: list[str], output: int) -> None:
         info_read, info_write = os.pipe()
-        options = ["--as-pid-1"]
-        for name, value in kvsnmp_environment(False, "").items():
-            options += ["--setenv", name, value]
+        environment = kvsnmp_environment(False, "").items()
+        options = ["--as-pid-1", *(word for pair in environment for word in ("--setenv", *pair))]
+        command = sandbox.bwrap_command(self.claim.root, self.settings, info_write, command, *options)
         with open(self.claim.root / "var/log/first-process.log", "ab") as log:
-            bwrap = subprocess.Popen(
-                sandbox.bwrap_command(self.claim.root, self.settings, info_write, command, *options),
-                stdin=subprocess.DEVNULL, stdout=output, stderr=log, pass_fds=(info_write,), start_new_session=True)
+            self.bwrap = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=log,
+                                          pass_fds=(info_write,), start_new_session=True)
         os.close(info_write)
         with os.fdopen(info_read, "rb") as info:
             text = info.read()
         if not text:
-            bwrap.wait()
             raise DeviceError(f"{self.logs()}\n{sandbox.FAILED_HINT}")
         self.first_process = first_process(text)
         self.first_process_end = os.pidfd_open(self.first_process)
-        return bwrap
 
     def logs(self) -> str:
         """The last lines of each log, which will be removed with the device."""
@@ -124,22 +121,14 @@ class Member:
 
     def state(self) -> str:
         """The data service's tree at the start."""
-        line = self._replies.partition(b"\n")[0]
-        self._replies = b""
-        return json.loads(line)["text"]
+        return json.loads(self._replies.partition(b"\n")[0])["text"]
 
-    def send(self, *commands: Command, keep_replies: bool = True) -> None:
-        try:
+    def send(self, command: list[str], keep_replies: bool = True) -> None:
+        with contextlib.suppress(OSError):
             while chunk := self._control.recv(65536):
-                self._replies += chunk
-        except OSError:
-            pass
-        if not keep_replies:
-            self._replies = b""
-        try:
-            self._control.send("".join(json.dumps(command) + "\n" for command in commands).encode())
-        except OSError:  # it has ended, or does not read
-            pass
+                self._replies = self._replies + chunk if keep_replies else b""
+        with contextlib.suppress(OSError):  # it has ended, or does not read
+            self._control.send(json.dumps(command).encode() + b"\n")
 
     def kill(self) -> None:
         if self.first_process_end >= 0:
@@ -158,9 +147,11 @@ class Member:
 
 
 class Fleet:
-    def __init__(self, members: list[Member], receiver: Member | None, traps: Path) -> None:
-        self.members, self.receiver, self._traps = members, receiver, traps
-        self._waiting = list(reversed(members))
+    """`receiver` also holds the fleet's folder, with or without a receiver of traps."""
+
+    def __init__(self, receiver: Member, receives: bool) -> None:
+        self.members: list[Member] = []
+        self.receiver, self._receives = receiver, receives
         self._starting: list[Member] = []
         self._selector = selectors.DefaultSelector()
         self._ended = False
@@ -170,7 +161,8 @@ class Fleet:
             signal.signal(number, self._end)
         self._selector.register(wake_read, selectors.EVENT_READ, lambda: os.read(wake_read, 4096))
         self._status, self._status_write = os.pipe()
-        self._selector.register(self._status, selectors.EVENT_READ, self._on_status)
+        self._selector.register(self._status, selectors.EVENT_READ,
+                                lambda: note(os.read(self._status, 4096).decode().rstrip()))
         self._asker = socket.socket(socket.AF_INET, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
         self._selector.register(self._asker, selectors.EVENT_READ, self._on_answer)
 
@@ -178,37 +170,31 @@ class Fleet:
         self._ended = True
 
     def _serve_until(self, at: float) -> None:
-        while not self._ended:
-            left = at - time.monotonic()
-            if left <= 0:
-                return
+        while not self._ended and (left := at - time.monotonic()) > 0:
             for key, _ in self._selector.select(left):
                 key.data()
 
-    def _on_status(self) -> None:
-        note(os.read(self._status, 4096).decode().rstrip())
-
     def start(self) -> bool:
         """Until all devices answer with their first values; False when a signal has ended the fleet."""
-        if self.receiver:
+        if self._receives:
             printer = self.receiver.start_receiver()
             self._selector.register(printer.stream, selectors.EVENT_READ, lambda: self._on_traps(printer))
         seconds = START_SECONDS + SECONDS_EACH * len(self.members)
         limit = time.monotonic() + seconds
-        while (self._waiting or self._starting) and not self._ended:
-            while self._waiting and len(self._starting) < AT_ONCE:
-                self._start(self._waiting.pop())
+        waiting = self.members[::-1]
+        while (waiting or self._starting) and not self._ended:
+            while waiting and len(self._starting) < AT_ONCE:
+                self._start(waiting.pop())
             self._serve_until(time.monotonic() + LOOK_SECONDS)
             self._starting = [member for member in self._starting if not self._is_ready(member)]
             if time.monotonic() > limit:
-                late = self._starting + self._waiting
+                late = self._starting + waiting
                 names = ", ".join(member.settings.name for member in late)
                 raise DeviceError(f"not ready after {seconds} s: {names}\n{late[0].logs()}")
         return not self._ended
 
     def _start(self, member: Member) -> None:
-        member.start(self._status_write, self._traps)
-        member.publish(ready=False)
+        member.start(self._status_write, self.receiver.claim.root / TRAP_LOG[1:])
         self._selector.register(member.syslog.socket, selectors.EVENT_READ, member.syslog.receive)
         self._selector.register(member.first_process_end, selectors.EVENT_READ, lambda: self._on_end(member))
         self._starting.append(member)
@@ -252,8 +238,7 @@ class Fleet:
             self._serve_until(at)
 
     def close(self) -> None:
-        everyone = self.members + ([self.receiver] if self.receiver else [])
-        for member in everyone:
+        for member in [*self.members, self.receiver]:
             member.kill()
-        for member in everyone:
+        for member in [*self.members, self.receiver]:
             member.remove()

@@ -18,9 +18,7 @@ from .registry import DeviceError
 from .settings import FLEET_COMMAND, TRAP_LOG, Settings
 
 PROGRAM = FLEET_COMMAND.rpartition("/")[2]
-NAME = "fleet"  # of the folder of the fleet's snmptrapd
 MOST = 200
-WATCHES, WATCHES_OF_OTHERS = 4, 20  # inotify instances of a device, and left for other programs
 KINDS = ["Amplifier", "Controller", "Switch", "Desk", "Outdoor"]  # a station has none of these words
 PLACES = ["Entrance hall", "Terminal A", "Terminal B", "Platform 1", "Platform 2", "Concourse", "Control room"]
 SETTINGS = "/state/config/snmp_settings/"
@@ -29,8 +27,7 @@ DESCRIPTION = f"""\
 Starts many throw-away devices in the network of this process, each at its own address, with values that
 change slowly. One receiver prints the traps of all. Ctrl-C ends them and leaves nothing behind.
 
-  {FLEET_COMMAND} --count 50                 then: snmpwalk -v2c -c public 127.1.0.1 .1.3.6.1.4.1.52717
-  {FLEET_COMMAND} --models 6420:30,6214:20   thirty devices of one model, twenty of another
+  {FLEET_COMMAND} --models 6420:30,6214:20   then: snmpwalk -v2c -c public 127.1.0.1 .1.3.6.1.4.1.52717
   {FLEET_COMMAND} list                       the devices that run now
   {FLEET_COMMAND} exec --name NAME -- CMD    run a command inside one device, without --name in each
   {FLEET_COMMAND} stop                       end the fleet"""
@@ -50,26 +47,19 @@ def start_parser() -> argparse.ArgumentParser:
     which.add_argument("--count", type=count, default=len(MODELS), metavar="N",
                        help=f"number of devices, all models in turn (default {len(MODELS)})")
     which.add_argument("--models", type=models, metavar="MODEL:N,...", help="models and the number of devices of each")
-    parser.add_argument("--address", type=ipaddress.IPv4Address, metavar="A",
-                        help="address of the first device; the others have the next ones (default 127.1.0.1)")
-    parser.add_argument("--base-port", type=cli.port_number, metavar="N",
-                        help="all devices have the same address (default 127.0.0.1), and the UDP ports from this one "
-                             "on (default: port 161, which needs root)")
-    parser.add_argument("--trap-target", type=trap_target, metavar="HOST[:PORT]",
-                        help="where all traps go, instead of the fleet's own receiver at port 162 of 127.0.0.1 or, "
-                             "with --base-port, the port after the last device's")
-    parser.add_argument("--panel", type=cli.port_number, metavar="N",
-                        help="serve the front panel, a web page of all devices, on this TCP port of 127.0.0.1")
-    parser.add_argument("--inventory", metavar="FILE",
-                        help='write the list of the devices for file_sd of Prometheus ("-": standard output)')
-    parser.add_argument("--seed", type=int, default=1, metavar="N", help="of the random values and faults (default 1)")
-    parser.add_argument("--step", type=seconds, default=10.0, metavar="SECONDS",
-                        help="change three values of each device once in this time (default 10)")
-    parser.add_argument("--faults-per-hour", type=float, default=0.0, metavar="N",
-                        help="faults of the whole fleet, each of 1 to 5 minutes (default 0)")
-    parser.add_argument("--bin", metavar="DIR", help="folder of kvsnmp, talservice and talctl "
-                                                     "(default: the build found in the tree)")
-    parser.add_argument("--version", action=cli.PrintVersion, nargs=0, help="print the version and end")
+    add = parser.add_argument
+    add("--address", type=ipaddress.IPv4Address, metavar="A", help="of the first device (default 127.1.0.1)")
+    add("--base-port", type=cli.port_number, metavar="N",
+        help="one address (default 127.0.0.1) with the UDP ports from here on (default: port 161, which needs root)")
+    add("--trap-target", type=trap_target, metavar="ADDRESS[:PORT]", help="where all traps go, instead of the fleet's "
+        "receiver at port 162 of 127.0.0.1 or, with --base-port, the port after the last device's")
+    add("--panel", type=cli.port_number, metavar="N", help="serve the front panel, a web page, on this port")
+    add("--inventory", metavar="FILE", help='write the devices for file_sd of Prometheus ("-": standard output)')
+    add("--seed", type=int, default=1, metavar="N", help="of the random values and faults (default 1)")
+    add("--step", type=float, default=10.0, metavar="SECONDS", help="change values of each device so often (10)")
+    add("--faults-per-hour", type=float, default=0.0, metavar="N", help="of the whole fleet (default 0)")
+    add("--bin", metavar="DIR", help="folder of kvsnmp, talservice and talctl (default: the build)")
+    add("--version", action=cli.PrintVersion, nargs=0, help="print the version and end")
     return parser
 
 
@@ -79,29 +69,19 @@ def count(text: str) -> int:
     return int(text)
 
 
-def seconds(text: str) -> float:
-    if not 0.01 <= float(text) <= 86400:
-        raise argparse.ArgumentTypeError("0.01 to 86400 seconds")
-    return float(text)
-
-
 def models(text: str) -> list[int]:
-    found = []
-    for part in text.split(","):
-        model, _, number = part.partition(":")
-        if not model.isdigit() or int(model) not in MODELS:
+    pairs = [part.partition(":")[::2] for part in text.split(",")]
+    for model, _ in pairs:
+        if model not in map(str, MODELS):
             raise argparse.ArgumentTypeError(f"no model {model}; there are " + ", ".join(map(str, MODELS)))
-        found += [int(model)] * count(number or "1")
+    found = [int(model) for model, number in pairs for _ in range(count(number or "1"))]
     count(str(len(found)))
     return found
 
 
 def trap_target(text: str) -> str:
     host, _, port = text.partition(":")
-    try:
-        return f"{socket.gethostbyname(host)}:{cli.port_number(port or '162')}"
-    except OSError as error:
-        raise argparse.ArgumentTypeError(f"{host}: {error.strerror}") from error
+    return f"{ipaddress.IPv4Address(host)}:{cli.port_number(port or '162')}"
 
 
 def settings_of(options: argparse.Namespace) -> list[Settings]:
@@ -109,7 +89,7 @@ def settings_of(options: argparse.Namespace) -> list[Settings]:
     bin_dir = cli.find_bin_dir(options.bin)
     chosen = options.models or list(itertools.islice(itertools.cycle(MODELS), options.count))
     first = options.address or ipaddress.IPv4Address("127.0.0.1" if options.base_port else "127.1.0.1")
-    receiver = Settings(0, NAME, bin_dir, port=161, is_in_fleet=True, hostname=NAME,
+    receiver = Settings(0, "fleet", bin_dir, port=161, is_in_fleet=True, hostname="fleet",
                         trap_port=options.base_port + len(chosen) if options.base_port else 162)
     if options.base_port and receiver.trap_port > 65535:
         raise DeviceError("not enough ports above --base-port")
@@ -119,14 +99,14 @@ def settings_of(options: argparse.Namespace) -> list[Settings]:
         kind = next((kind for kind in KINDS if kind in IDENTITIES[model].text), "Station").lower()
         name = f"{kind}-{model}-{numbers[model]:02}"
         location = f"{PLACES[place % len(PLACES)]}, rack {place // len(PLACES) + 1}"
-        leaves = {"mib_2_settings/sys_name": name, "mib_2_settings/sys_location": location,
-                  "access_control/nms_ip": "default"}
+        leaves = [f"mib_2_settings/sys_name={name}", f"mib_2_settings/sys_location={location}",
+                  "access_control/nms_ip=default"]
         found.append(Settings(
             model, name, bin_dir, hostname=name, is_in_fleet=True, traps=False,
             address=str(first if options.base_port else first + place),
             port=options.base_port + place if options.base_port else 161,
             trap_target=options.trap_target or f"127.0.0.1:{receiver.trap_port}",
-            simulator_args=[word for leaf, text in leaves.items() for word in ("--set", f"{SETTINGS}{leaf}={text}")]))
+            simulator_args=[word for leaf in leaves for word in ("--set", SETTINGS + leaf)]))
     return found + [receiver]
 
 
@@ -136,18 +116,9 @@ def wait_for_ports(places: list[tuple[str, int]]) -> None:
     for address, port in places:
         while error := cli.bind_error(port, address):
             if time.monotonic() > limit:
-                hint = "; as an ordinary user choose --base-port" if isinstance(error, PermissionError) else \
-                    "; choose another with --address, --base-port or --trap-target"
-                raise DeviceError(f"{address}, UDP port {port}: {error.strerror}{hint}") from error
+                raise DeviceError(f"{address}, UDP port {port}: {error.strerror}; "
+                                  "choose another with --base-port, --address or --trap-target") from error
             time.sleep(0.1)
-
-
-def check_watches(devices: int) -> None:
-    """Without a watch the devices look once a second, but other programs of this user may fail."""
-    limit = int(Path("/proc/sys/fs/inotify/max_user_instances").read_text())
-    if WATCHES * devices > limit - WATCHES_OF_OTHERS:
-        note(f"{devices} devices watch files with {WATCHES * devices} inotify instances of {limit}: other programs of "
-             f"this user may fail to; more: sysctl fs.inotify.max_user_instances={2 * WATCHES * devices}")
 
 
 def run_start(arguments: list[str]) -> int:
@@ -156,23 +127,20 @@ def run_start(arguments: list[str]) -> int:
     *devices, receiver = settings_of(options)
     if options.panel:
         panel.check(options.panel)
-    check_watches(len(devices))
     registry.sweep()
     started = time.monotonic()
-    fleet_claim = registry.claim(NAME, 0)
-    members: list[Member] = []
-    fleet = page = None
+    fleet = Fleet(Member(registry.claim("fleet", 0), receiver), not options.trap_target)
+    page = None
     try:
         wait_for_ports([(settings.address, settings.port) for settings in devices]
                        + ([] if options.trap_target else [("127.0.0.1", receiver.trap_port)]))
         for settings in devices:
-            members.append(Member(registry.claim(settings.name, settings.model), settings))
-        fleet = Fleet(members, None if options.trap_target else Member(fleet_claim, receiver),
-                      fleet_claim.root / TRAP_LOG[1:])
+            fleet.members.append(Member(registry.claim(settings.name, settings.model), settings))
         if fleet.start():
-            note(f"{len(members)} devices answer after {time.monotonic() - started:.0f} s; "
+            note(f"{len(devices)} devices answer after {time.monotonic() - started:.0f} s; "
                  f"list them: {FLEET_COMMAND} list; end them: Ctrl-C, or {FLEET_COMMAND} stop")
-            write_inventory(options.inventory, devices)
+            if options.inventory:
+                write_inventory(options.inventory, devices)
             page = panel.start(options.panel, None) if options.panel else None
             fleet.run(options.seed, options.step, options.faults_per_hour)
         return 0
@@ -181,39 +149,32 @@ def run_start(arguments: list[str]) -> int:
             signal.signal(number, signal.SIG_IGN)
         if page:
             panel.stop(page)
-        if fleet:
-            fleet.close()
-        else:
-            for member in members:
-                member.claim.remove()
-        if options.trap_target or not fleet:
-            fleet_claim.remove()
+        fleet.close()
 
 
-def write_inventory(file: str | None, devices: list[Settings]) -> None:
+def write_inventory(file: str, devices: list[Settings]) -> None:
     """As kvsnmp-discover writes it for Prometheus."""
-    def description(settings: Settings) -> dict[str, object]:
+    found = []
+    for settings in devices:
         texts = {"name": settings.name, "model": str(settings.model), "description": served_text(settings.model),
                  "firmware": identity_files(settings.model)["xr-pkgver"].strip()}
-        return {"targets": [settings.address if settings.port == 161 else f"{settings.address}:{settings.port}"],
-                "labels": {f"__meta_kvsnmp_{name}": text for name, text in texts.items()}}
-
-    text = json.dumps([description(settings) for settings in devices], indent=1) + "\n"
-    if file == "-":
-        print(text, end="", flush=True)
-    elif file:
-        partial = Path(file + ".new")
-        try:
-            partial.write_text(text)
-            partial.rename(file)
-        except OSError as error:
-            raise DeviceError(f"{file}: {error.strerror}") from error
+        place = settings.address if settings.port == 161 else f"{settings.address}:{settings.port}"
+        found.append({"targets": [place], "labels": {f"__meta_kvsnmp_{name}": text for name, text in texts.items()}})
+    text = json.dumps(found, indent=1) + "\n"
+    try:
+        if file == "-":
+            print(text, end="", flush=True)
+        else:
+            Path(file).write_text(text)
+    except OSError as error:
+        raise DeviceError(f"{file}: {error.strerror}") from error
 
 
 # Commands on the running fleet
 
 
-def running() -> list[registry.Running]:
+def running(command: str, arguments: list[str]) -> list[registry.Running]:
+    argparse.ArgumentParser(prog=f"{PROGRAM} {command}").parse_args(arguments)
     registry.sweep()
     found = [device for device in registry.running() if device.is_in_fleet]
     if not found:
@@ -222,26 +183,23 @@ def running() -> list[registry.Running]:
 
 
 def run_exec(arguments: list[str]) -> int:
-    parser = argparse.ArgumentParser(prog=f"{PROGRAM} exec", description="Runs a command inside one device, or in each.")
+    parser = argparse.ArgumentParser(prog=f"{PROGRAM} exec", description="Runs a command in one device or in each.")
     parser.add_argument("--name", help="which device (default: all, one after the other)")
     parser.add_argument("command", nargs="+", metavar="CMD", help="put -- before it when it has options")
     options = parser.parse_args(arguments)
     status = 0
-    for device in running() if options.name is None else [registry.find(options.name)]:
-        if options.name is None:
+    for device in [registry.find(options.name)] if options.name else running("exec", []):
+        if not options.name:
             print(f"== {device.name}", flush=True)
         status = max(status, abs(subprocess.run(cli.into(device, options.command), check=False).returncode))
     return status
 
 
 def run_list(arguments: list[str]) -> int:
-    parser = argparse.ArgumentParser(prog=f"{PROGRAM} list", description="Lists the devices of the running fleet.")
-    parser.parse_args(arguments)
-    cli.show(running())
+    cli.show(running("list", arguments))
     return 0
 
 
 def run_stop(arguments: list[str]) -> int:
-    argparse.ArgumentParser(prog=f"{PROGRAM} stop", description="Ends the running fleet.").parse_args(arguments)
-    cli.end(running())
+    cli.end(running("stop", arguments))
     return 0

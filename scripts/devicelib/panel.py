@@ -1,7 +1,6 @@
 """Starts the front panel, a web page of running devices."""
 from __future__ import annotations
 
-import importlib.util
 import socket
 import subprocess
 from pathlib import Path
@@ -12,8 +11,6 @@ from .settings import CHECKOUT, INSTALLED
 
 def check(port: int) -> None:
     """Refuses a panel that could not start, before a device does."""
-    if importlib.util.find_spec("aiohttp") is None:
-        raise DeviceError("the panel needs python3-aiohttp")
     with socket.socket() as probe:
         probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         try:

@@ -22,8 +22,6 @@ FAULTS = [
     ("version/software/kid", "device", "custom_msg", "notice", "The {} reports a test"),
 ]
 
-Command = list[str]
-
 
 class Value(NamedTuple):
     path: str
@@ -61,7 +59,7 @@ class Walk:
         self._next_fault = self._random.expovariate(self._rate) if self._rate else float("inf")
         self._active: list[tuple[float, int, str, str]] = []  # end, device, reporter, reference
 
-    def next_turn(self) -> list[tuple[int, Command]]:
+    def next_turn(self) -> list[tuple[int, list[str]]]:
         """The devices take turns; a fault comes and goes at any device."""
         device = self._turn % len(self._values)
         commands = [(device, command) for command in self._steps(device, self._turn // len(self._values))]
@@ -78,7 +76,7 @@ class Walk:
                 commands.append((device, ["fault", "raise", *fault]))
         return commands
 
-    def _steps(self, device: int, round_number: int) -> list[Command]:
+    def _steps(self, device: int, round_number: int) -> list[list[str]]:
         values, positions = self._values[device], self._positions[device]
         commands = []
         for count in range(min(VALUES_AT_ONCE, len(values))):

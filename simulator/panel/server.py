@@ -1,11 +1,9 @@
-"""The front panel: a web page of the devices that run on this machine, live.
-
-usage: server.py [--port N] [--listen ADDRESS] [--name DEVICE]
-"""
+"""The front panel: a web page of the devices that run on this machine, live."""
 from __future__ import annotations
 
 import argparse
 import asyncio
+import contextlib
 import ipaddress
 import os
 import sys
@@ -20,10 +18,8 @@ sys.path[:0] = [str(HERE), str(next(folder for folder in (HERE.parents[1] / "scr
 
 from aiohttp import web  # noqa: E402
 
-from feed import Feed, devices  # noqa: E402
+from feeds import AGENT, Feed, Fleet, Watch, devices  # noqa: E402
 from sources import Refused  # noqa: E402
-from tiles import Fleet  # noqa: E402
-from watch import AGENT, Watch  # noqa: E402
 
 POLICY = "default-src 'self'; img-src 'self' data:; base-uri 'none'; form-action 'none'; frame-ancestors 'none'"
 HEADERS = {"Content-Security-Policy": POLICY, "X-Content-Type-Options": "nosniff", "Referrer-Policy": "no-referrer",
@@ -32,17 +28,9 @@ HEADERS = {"Content-Security-Policy": POLICY, "X-Content-Type-Options": "nosniff
 
 def is_own_host(request: web.Request) -> bool:
     """The address on which the request arrived, or localhost: a name of a foreign site may resolve to this machine."""
-    host = request.headers.get("Host", "")
-    name, _, port = host.rpartition(":") if host[-1:] != "]" and ":" in host else (host, "", "")
-    own, own_port = request.transport.get_extra_info("sockname")[:2]
-    if port and port != str(own_port):
-        return False
-    if name == "localhost":
-        return ipaddress.ip_address(own).is_loopback
-    try:
-        return ipaddress.ip_address(name.strip("[]")) == ipaddress.ip_address(own)
-    except ValueError:
-        return False
+    own, port = request.transport.get_extra_info("sockname")[:2]
+    names = {own, f"[{own}]"} | ({"localhost"} if ipaddress.ip_address(own).is_loopback else set())
+    return request.headers.get("Host", "").removesuffix(f":{port}") in names
 
 
 @web.middleware
@@ -72,89 +60,60 @@ class Panel:
         application = web.Application(middlewares=[guard], client_max_size=1 << 16)
         application.on_response_prepare.append(harden)
         application.add_routes([
-            web.get("/", self.root), web.get("/device/{name}", self.page), web.get("/events", self.fleet_events),
-            web.get("/device/{name}/events", self.device_events), web.post("/device/{name}/{action}", self.click),
+            web.get("/", self.page), web.get("/device/{name}", self.page), web.get("/events", self.events),
+            web.get("/device/{name}/events", self.events), web.post("/device/{name}/{action}", self.click),
             web.static("/page", HERE / "page")])
         return application
 
-    async def root(self, request: web.Request) -> web.StreamResponse:
-        if self.name:
-            raise web.HTTPFound(f"/device/{quote(self.name, safe='')}")
-        return await self.page(request)
-
     async def page(self, request: web.Request) -> web.StreamResponse:
-        self._allowed(request)
+        if self.name and request.path == "/":
+            raise web.HTTPFound(f"/device/{quote(self.name, safe='')}")
+        self._feed(request)
         return web.FileResponse(HERE / "page/index.html")
 
-    def _allowed(self, request: web.Request) -> str:
+    def _feed(self, request: web.Request) -> Feed:
+        """A panel of one device waits for it."""
         name = request.match_info.get("name", "")
-        if self.name and name != self.name:
-            raise web.HTTPNotFound(text="this panel shows another device\n")
-        return name
-
-    def _watch(self, request: web.Request) -> Watch:
-        name = self._allowed(request)
-        if name not in self.watches and name not in devices():
+        if not name and not self.name:
+            return self.fleet
+        if name != self.name if self.name else name not in self.watches and name not in devices():
             raise web.HTTPNotFound(text="no such device\n")
-        return self.watches.setdefault(name, Watch(name))
+        return self.watches.setdefault(name, Watch(name, bool(self.name)))
 
-    async def fleet_events(self, request: web.Request) -> web.StreamResponse:
-        self._allowed(request)
-        return await self._stream(request, self.fleet)
-
-    async def device_events(self, request: web.Request) -> web.StreamResponse:
-        name = self._allowed(request)
-        if name == self.name:  # this panel waits for its device
-            self.watches.setdefault(name, Watch(name)).only = True
-        return await self._stream(request, self._watch(request))
-
-    async def _stream(self, request: web.Request, feed: Feed) -> web.StreamResponse:
+    async def events(self, request: web.Request) -> web.StreamResponse:
+        feed = self._feed(request)
         response = web.StreamResponse(headers={"Content-Type": "text/event-stream"})
         await response.prepare(request)
-        page = feed.subscribe()
-        try:
-            while True:
-                try:
-                    text = await asyncio.wait_for(page.get(), 10)
-                except asyncio.TimeoutError:
-                    text = "{}"  # shows both sides whether the other one lives
-                if text is None:
-                    break
-                await response.write(f"data: {text}\n\n".encode())
-        except ConnectionError:
-            pass
-        finally:
-            feed.unsubscribe(page)
+        with contextlib.suppress(ConnectionError):
+            await feed.stream(response.write)
         return response
 
     async def click(self, request: web.Request) -> web.StreamResponse:
-        watch, action = self._watch(request), request.match_info["action"]
+        feed, action = self._feed(request), request.match_info["action"]
         try:
             value = await request.json()
-            if action == "talctl" and value and isinstance(value, list) and all(isinstance(word, str)
-                for word in value):
-                text = await watch.talctl(value)
-            elif action == "agent" and isinstance(value, str) and value in AGENT:
-                text = await watch.agent(value)
-            elif action == "scenario" and isinstance(value, str):
-                text = await watch.scenario(value)
-            else:
-                raise web.HTTPBadRequest(text="no such action\n")
+            if not is_action(action, value):
+                raise ValueError("no such action")
+            return web.json_response({"ok": True, "text": await feed.click(action, value)})
         except ValueError as error:
-            raise web.HTTPBadRequest(text="not JSON\n") from error
+            raise web.HTTPBadRequest(text=f"{error}\n") from error
         except Refused as refusal:
             return web.json_response({"ok": False, "text": str(refusal)})
-        return web.json_response({"ok": True, "text": text})
 
 
-async def serve(options: argparse.Namespace) -> int:
+def is_action(action: str, value: Any) -> bool:
+    if action == "talctl":
+        return bool(value) and isinstance(value, list) and all(isinstance(word, str) for word in value)
+    return isinstance(value, str) and (action == "scenario" or action == "agent" and value in AGENT)
+
+
+async def serve(options: argparse.Namespace) -> None:
     runner = web.AppRunner(Panel(options.name).application(), access_log=None)
     await runner.setup()
     try:
         await web.TCPSite(runner, options.listen, options.port, shutdown_timeout=0.2).start()
     except OSError as error:
-        print(f"panel: port {options.port}: {os.strerror(error.errno or 0)}", file=sys.stderr)
-        return 1
+        sys.exit(f"panel: port {options.port}: {os.strerror(error.errno or 0)}")
     host = f"[{options.listen}]" if ":" in options.listen else options.listen
     print(f"panel: http://{host}:{options.port}/", flush=True)
     ended = asyncio.Event()
@@ -162,23 +121,18 @@ async def serve(options: argparse.Namespace) -> int:
         asyncio.get_running_loop().add_reader(0, lambda: os.read(0, 4096) or ended.set())
     await ended.wait()
     await runner.cleanup()
-    return 0
 
 
-def main() -> int:
-    parser = argparse.ArgumentParser(description=__doc__, usage=argparse.SUPPRESS,
-                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--port", type=int, default=8080)
     parser.add_argument("--listen", default="127.0.0.1",
-        help="another address than 127.0.0.1; anyone who reaches it can "
-                                                              "change the devices")
+                        help="another address than 127.0.0.1; anyone who reaches it can change the devices")
     parser.add_argument("--name", help="only this device; without it all that run")
     parser.add_argument("--until-eof", action="store_true", help="end when standard input is closed")
-    try:
-        return asyncio.run(serve(parser.parse_args()))
-    except KeyboardInterrupt:
-        return 0
+    with contextlib.suppress(KeyboardInterrupt):
+        asyncio.run(serve(parser.parse_args()))
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    main()

@@ -2,169 +2,142 @@
 from __future__ import annotations
 
 import asyncio
-import contextlib
 import json
 import re
 import time
 from pathlib import Path
 from typing import Any
 
+import rows
 from devicelib import sandbox
+from devicelib.programs import RECORD_END, TIME_END, VARIABLE_END
 from devicelib.registry import Running
-from devicelib.settings import TAL_CONTROL
+from devicelib.settings import STATE_FOLDER, TAL_CONTROL
+from rows import Facts
 
-ANSWER_SECONDS = 3.0
-MOST_NAMES = 128  # that snmpget takes
-TIME_END, VARIABLE_END, RECORD_END = "\x1d", "\x1f", b"\x1e"
-UPTIME, PACKETS = ".1.3.6.1.2.1.1.3.0", ".1.3.6.1.2.1.11.1.0"
+SNMPGET = ["snmpget", "-v2c", "-r", "0", "-t", "1", "-m", "", "-On", "-Oe", "-OQ", "-OU", "-Ot", "-c"]
 
 
 class Refused(Exception):
     pass
 
 
-class Control:
-    """talctl's side of the control socket; one connection for all commands."""
+async def run(command: list[str]) -> str:
+    """Its output; its last line is the reason for a failure."""
+    process = await asyncio.create_subprocess_exec(*command, stdout=asyncio.subprocess.PIPE,
+                                                   stderr=asyncio.subprocess.STDOUT)
+    output = (await process.communicate())[0].decode(errors="replace")
+    if process.returncode:
+        raise Refused(output.strip().rpartition("\n")[2] or f"status {process.returncode}")
+    return output
+
+
+class Tail:
+    """The whole records that were appended to a file since the last look."""
+
+    def __init__(self, file: Path, most: int, end: bytes = b"\n") -> None:
+        self._file, self._end = file, end
+        self._at = max(0, file.stat().st_size - most) if file.exists() else 0
+
+    def read(self) -> list[str]:
+        if not self._file.exists():
+            return []
+        with open(self._file, "rb") as file:
+            if file.seek(0, 2) < self._at:
+                self._at = 0
+            file.seek(self._at)
+            added, end, _ = file.read(1 << 22).rpartition(self._end)
+        self._at += len(added + end)
+        return [record.decode(errors="replace") for record in added.split(self._end)]
+
+
+class Unit:
+    """One start of a device: talctl's side of its control socket, and what is known of it."""
 
     def __init__(self, running: Running) -> None:
-        self.path = f"{running.root}{TAL_CONTROL}"
+        self.running, folder = running, running.root / STATE_FOLDER[1:]
+        self.text = (running.root / "etc/xr-model").read_text().strip()
+        self.cells = rows.cells(running.model, self.text, (folder / "mibs/KVSNMP-MIB").read_text())
+        self.facts = Facts(running.model)
+        self.loads: dict[str, float] = {}  # when each table was read into its cache
+        self.control = f"{running.root}{TAL_CONTROL}"
         self._streams: tuple[asyncio.StreamReader, asyncio.StreamWriter] | None = None
         self._lock = asyncio.Lock()
+        self._out = Tail(running.root / "var/log/kvsnmp.out", 0)
+        self._err = Tail(running.root / "var/log/kvsnmp.err", 1 << 22)
+        self._traps = Tail(running.traps, 1 << 17, RECORD_END)
 
-    async def ask(self, words: list[str]) -> str:
+    async def talctl(self, words: list[str]) -> str:
         async with self._lock:
             try:
-                return await asyncio.wait_for(self._ask(words), ANSWER_SECONDS)
+                reply = await asyncio.wait_for(self._exchange(words), 3.0)
             except (OSError, ValueError, asyncio.TimeoutError) as error:
                 self.close()
                 raise Refused("the data service does not answer") from error
-
-    async def _ask(self, words: list[str]) -> str:
-        if self._streams is None:
-            self._streams = await asyncio.open_unix_connection(self.path, limit=1 << 23)
-        reader, writer = self._streams
-        writer.write(json.dumps(words).encode() + b"\n")
-        reply = json.loads(await reader.readline())
         if reply["code"]:
             raise Refused(reply["text"])
+        if words[:2] == ["monitor", "gpo"] and len(words) > 3:  # the daemon's log has no control outputs
+            self.facts.announced["output", words[2]] = words[3]
         return reply["text"]
+
+    async def _exchange(self, words: list[str]) -> dict[str, Any]:
+        if self._streams is None:
+            self._streams = await asyncio.open_unix_connection(self.control, limit=1 << 23)
+        reader, writer = self._streams
+        writer.write(json.dumps(words).encode() + b"\n")
+        return json.loads(await reader.readline())
 
     def close(self) -> None:
         if self._streams:
             self._streams[1].close()
             self._streams = None
 
+    async def take_state(self) -> None:
+        self.facts.take(await self.talctl(["get", "/state"]))
 
-class Manager:
-    """Asks the device's snmpd with net-snmp's snmpget: one process for a whole device costs less than a library here."""
-
-    def __init__(self, running: Running) -> None:
-        self._running = running
-        self.sent = 0
-
-    async def get(self, oids: list[str], community: str) -> dict[str, str] | None:
-        """The values by OID, without those that do not exist; None if nothing answers within a second."""
-        found: dict[str, str] = {}
-        for first in range(0, len(oids), MOST_NAMES):
-            answer = await self._get(oids[first:first + MOST_NAMES], community)
-            if answer is None:
-                return None
-            found |= answer
-        return found
-
-    async def _get(self, oids: list[str], community: str) -> dict[str, str] | None:
-        device = self._running
-        command = ["snmpget", "-v2c", "-c", community, "-r", "0", "-t", "1", "-m", "", "-On", "-Oe", "-OQ", "-OU",
-            "-Ot",
-                   f"{device.address}:{device.port}" if device.port else "127.0.0.1", *oids]
-        if not device.port:
-            command = sandbox.enter_command(device.first_process, command)
-        self.sent += 1
-        process = await asyncio.create_subprocess_exec(*command, stdout=asyncio.subprocess.PIPE,
-                                                       stderr=asyncio.subprocess.DEVNULL)
-        try:
-            output, _ = await asyncio.wait_for(process.communicate(), ANSWER_SECONDS)
-        except (asyncio.TimeoutError, asyncio.CancelledError):
-            with contextlib.suppress(ProcessLookupError):
-                process.kill()
-            await process.wait()
-            raise
-        if process.returncode:
-            return None
-        lines = re.findall(r"^(\.[\d.]+) = (.*)$", output.decode(errors="replace"), re.MULTILINE)
-        return {oid: value.strip('"') for oid, value in lines if not value.startswith("No ")}
-
-
-class Tail:
-    """What was appended to a file since the last look."""
-
-    def __init__(self, file: Path, most: int) -> None:
-        self._file, self._rest = file, b""
-        self._at = max(0, self._size() - most)
-
-    def _size(self) -> int:
-        try:
-            return self._file.stat().st_size
-        except OSError:
-            return 0
-
-    def read(self, end: bytes = b"\n") -> list[str]:
-        size = self._size()
-        if size < self._at:
-            self._at = 0
-        if size == self._at:
-            return []
-        with open(self._file, "rb") as file:
-            file.seek(self._at)
-            added = file.read(1 << 22)
-        self._at += len(added)
-        *whole, self._rest = (self._rest + added).split(end)
-        return [part.decode(errors="replace") for part in whole]
-
-
-class Logs:
-    """The daemon's debug output: when a table was read into its cache, and what the amplifier monitor announced."""
-
-    def __init__(self, running: Running) -> None:
-        self._out = Tail(running.root / "var/log/kvsnmp.out", 0)
-        self._err = Tail(running.root / "var/log/kvsnmp.err", 1 << 22)
-
-    def loads(self) -> dict[str, float]:
-        now = time.time()
-        return {match[1]: now for line in self._out.read() if (match := re.fullmatch(r"(\w+Table)_load\(\)", line))}
-
-    def announced(self) -> dict[tuple[str, ...], str]:
-        found: dict[tuple[str, ...], str] = {}
+    async def take_rest(self) -> None:
+        """What only the page of this device needs."""
+        if str(self.running.model) in rows.STATIONS:
+            lines = [line.split("\t") for line in (await self.talctl(["gpio", "list"])).splitlines()]
+            self.facts.lines = {line[0]: line[-1] for line in lines}
+        for line in self._out.read():
+            if match := re.fullmatch(r"(\w+Table)_load\(\)", line):
+                self.loads[match[1]] = time.time()
         for line in self._err.read():
             if match := re.match(r"dbusDo\w+Slot (Amp|GPI): (\d+) (?:Status|State): (.*)", line):
-                found["input" if match[1] == "GPI" else "Amp", match[2]] = match[3]
+                self.facts.announced["input" if match[1] == "GPI" else "Amp", match[2]] = match[3]
             elif match := re.match(r"dbusDoLetPrecenseUpdateSlot Let: (\d+) Channel: (\d+) Status: (\d+)", line):
-                found["Let", match[1], match[2]] = match[3]  # the log's two labels are exchanged
+                self.facts.announced["Let", match[1], match[2]] = match[3]  # the log's two labels are exchanged
+
+    async def get(self, oids: list[str]) -> dict[str, str]:
+        """What a manager reads. One process for a whole device costs less than a library here."""
+        device, found = self.running, {}
+        where = [self.facts.setting("access_control/community"),
+                 f"{device.address}:{device.port}" if device.port else "127.0.0.1"]
+        for first in range(0, len(oids), 128):
+            command = SNMPGET + where + oids[first:first + 128]
+            output = await run(command if device.port else sandbox.enter_command(device.first_process, command))
+            lines = re.findall(r"^(\.[\d.]+) = (.*)$", output, re.MULTILINE)
+            found |= {oid: value.strip('"') for oid, value in lines if not value.startswith("No ")}
         return found
 
+    def new_traps(self) -> list[dict[str, Any]]:
+        """In a fleet's file only those of this system name."""
+        own = self.facts.setting("mib_2_settings/sys_name")
+        is_shared = not self.running.traps.is_relative_to(self.running.root)
+        traps = [trap for record in self._traps.read() if (trap := _trap(record))]
+        return [trap for trap in traps if not is_shared or trap["system"] == own]
 
-def announcement(words: list[str]) -> dict[tuple[str, ...], str]:
-    """What a command of talctl announces; the daemon's log has no control outputs."""
-    if words[:2] == ["monitor", "gpo"] and len(words) > 3:
-        return {("output", words[2]): words[3]}
-    return {}
-
-
-class Traps:
-    """The records of snmptrapd, newest last."""
-
-    def __init__(self, running: Running, host: str) -> None:
-        self._tail = Tail(running.traps, 1 << 17)
-        # In a fleet's file only the traps of this system name.
-        self._host = "" if running.traps.is_relative_to(running.root) else host
-
-    def read(self) -> list[dict[str, Any]]:
-        return [trap for record in self._tail.read(RECORD_END)
-                if (trap := _trap(record)) and self._host in ("", trap["system"])]
+    def about(self) -> dict[str, Any]:
+        device = self.running
+        return {"name": device.name, "model": device.model, "text": self.text,
+                "address": f"{device.address}:{device.port}" if device.port else "separate network",
+                "sysName": self.facts.setting("mib_2_settings/sys_name"),
+                "location": self.facts.setting("mib_2_settings/sys_location")}
 
 
 def _trap(record: str) -> dict[str, Any] | None:
-    at, _, variables = record.rpartition("\x02")[2].partition(TIME_END)
+    at, _, variables = record.partition(TIME_END)
     pairs = [part.partition(" = ")[::2] for part in variables.split(VARIABLE_END) if " = " in part]
     values = {name.partition(".")[0] if name[:1] != "." else name: value.strip().strip('"') for name, value in pairs}
     name = values.pop("snmpTrapOID", "") or values.pop(".1.3.6.1.6.3.1.1.4.1.0", "")
@@ -172,4 +145,3 @@ def _trap(record: str) -> dict[str, Any] | None:
         return None
     return {"at": at, "name": name, "level": values.get("trapLevel", ""), "text": values.get("trapDescription", ""),
             "system": values.get("sysName", ""), "values": values}
-

@@ -1,5 +1,5 @@
 // The page of a device or of the fleet, by the address.
-import { h, put } from './dom.js';
+import { refresh } from './dom.js';
 import { Device } from './device.js';
 import { Fleet } from './fleet.js';
 
@@ -8,30 +8,19 @@ const view = path ? new Device(path[1]) : new Fleet();
 const link = document.getElementById('link');
 document.getElementById('app').replaceChildren(view.node);
 
-let source = null;
-let heard = Date.now();
-
 function connect() {
-  source?.close();
-  source = new EventSource(path ? `${location.pathname}/events` : '/events');
-  heard = Date.now();
+  const source = new EventSource(path ? `${location.pathname}/events` : '/events');
   source.onmessage = (event) => {
-    heard = Date.now();
     link.hidden = true;
-    const message = JSON.parse(event.data);
-    if (Object.keys(message).length) view.take(message);
+    view.take(JSON.parse(event.data));
   };
   source.onerror = () => {
     link.hidden = false;
-    put(link, 'The panel does not answer. The values below are the last ones.');
     if (source.readyState === EventSource.CLOSED) setTimeout(connect, 2000);
   };
+  addEventListener('pagehide', () => source.close()); // a page that is kept for "back" costs nothing
 }
 
 connect();
-setInterval(() => {
-  view.tick?.();
-  if (Date.now() - heard > 25000) connect();
-}, 1000);
-document.addEventListener('keydown', (event) => { if (event.key === 'Escape') view.escape?.(); });
-addEventListener('pagehide', () => source.close());
+setInterval(refresh, 1000);
+document.addEventListener('keydown', (event) => { if (event.key === 'Escape') view.select?.(null); });

@@ -1,36 +1,20 @@
 // Graphs of the last 15 minutes, with uPlot.
 const SPAN = 15 * 60;
-const COLORS = ['--line1', '--line2', '--line3', '--line4', '--line5', '--line6'];
-const color = (name) => getComputedStyle(document.documentElement).getPropertyValue(name).trim();
 
-// Returns a function that draws rows of [seconds, value of each label]; a small one has no legend.
-export function chart(node, height, labels, small = false) {
-  let plot = null;
-  let last = null;
-  const make = () => {
-    const axis = { stroke: color('--muted'), grid: { stroke: color('--line'), width: 1 },
-      ticks: { stroke: color('--line'), size: 4 }, font: '11px system-ui' };
-    plot?.destroy();
-    plot = new uPlot({
-      width: Math.max(200, node.clientWidth), height, cursor: { y: false, points: { size: 6 } },
-        legend: { show: !small && labels.length > 1, live: false },
-      scales: { x: { range: (_, __, max) => [(max || Date.now() / 1000) - SPAN, max || Date.now() / 1000] } },
-      axes: [{ ...axis, values: '{HH}:{mm}', size: 26, space: small ? 90 : 60 }, { ...axis, size: 46, space: 24 }],
-      series: [{ value: '{HH}:{mm}:{ss}' }, ...labels.map((label, place) => ({
-        label, spanGaps: false, width: place % 2 && small ? 2 : 1.5, stroke: color(COLORS[place % COLORS.length]),
-        dash: small ? (place ? [4, 3] : []) : [[], [6, 3], [2, 3]][Math.floor(place / COLORS.length)],
-          points: { show: false } }))],
-    }, last ?? [[], ...labels.map(() => [])], node);
-  };
-  const draw = (rows) => {
-    if (!node.isConnected || !node.clientWidth) return;
-    last = [0, ...labels].map((_, place) => rows.map((row) => row[place] ?? null));
-    if (plot) plot.setData(last);
-    else make();
-  };
-  new ResizeObserver(() => { if (plot
-    && node.clientWidth) plot.setSize({ width: node.clientWidth, height }); }).observe(node);
-  matchMedia('(prefers-color-scheme: dark)').addEventListener('change', () =>
-    { if (plot && node.isConnected) make(); });
-  return draw;
+// Returns its element, and a function that draws rows of [seconds, value of each label].
+export function chart(title, height, labels) {
+  const node = document.createElement('figure');
+  const color = () => getComputedStyle(node).color;
+  const grid = { stroke: '#8883', width: 1 };
+  const axis = { stroke: color, grid, ticks: { ...grid, size: 4 }, font: '11px system-ui' };
+  const series = labels.map((label, place) => ({ label, width: 1.5, points: { show: false },
+    stroke: `oklch(.63 .14 ${(250 + place * 137) % 360})`, dash: place % 2 ? [5, 3] : [] }));
+  const plot = new uPlot({ title, width: 300, height, legend: { show: labels.length > 1, live: false },
+    cursor: { show: false }, series: [{}, ...series],
+    scales: { x: { range: (_, __, max) => [(max || Date.now() / 1000) - SPAN, max || Date.now() / 1000] } },
+    axes: [{ ...axis, values: '{HH}:{mm}', size: 26, space: 80 }, { ...axis, size: 46, space: 24 }],
+  }, [[], ...labels.map(() => [])], node);
+  new ResizeObserver(([{ contentRect }]) => contentRect.width && plot.setSize({ width: contentRect.width, height }))
+    .observe(node);
+  return [node, (rows) => plot.setData([0, ...labels].map((_, place) => rows.map((row) => row[place] ?? null)))];
 }
