@@ -11,6 +11,7 @@ import subprocess
 import sys
 import time
 from pathlib import Path
+from typing import TextIO
 
 from . import registry, sandbox
 from .cli import first_process
@@ -26,16 +27,14 @@ LOOK_SECONDS = 0.3  # between two looks at devices that start
 AT_ONCE = 4 * (os.cpu_count() or 1)  # devices that start at the same time
 RSS = "8192"  # what a device's ps says of snmpd's memory
 
-# A device's first process: $1 is its name, the rest talservice's command. A shell is much smaller than another python.
+# A device's first process: $0 is its name, the rest talservice's command. A shell is much smaller than another python.
 FIRST_PROCESS = """\
-name=$1
-shift
 dbus-daemon --config-file=/etc/dbus-1/device.conf --nofork --nopidfile > /var/log/dbus-daemon.log 2>&1 &
 until [ -S /run/dbus/system_bus_socket ]; do kill -0 $! || exit; sleep 0.1; done
 "$@" > /var/log/talservice.log 2>&1 &
 until grep -qs ready /var/log/talservice.log; do kill -0 $! || exit; sleep 0.1; done
 kvsnmp -d > /dev/null 2> /var/log/kvsnmp.err
-echo "$name: kvsnmp ended with status $?"
+echo "$0: kvsnmp ended with status $?"
 wait
 """
 
@@ -61,14 +60,14 @@ class Member:
         self._replies = b""
         self.answers = False
 
-    def start(self, status: int, traps: Path) -> None:
+    def start(self, traps: Path) -> None:
         if len(f"{self.claim.root}{TAL_CONTROL}") > 107:
             raise DeviceError(f"{self.claim.root} is too long for a socket; set TMPDIR to a shorter folder")
         make_folders(self.claim.root, self.settings, identity_files(self.settings.model), RSS)
         self.syslog = SyslogSink(self.claim.root)
         self._traps = traps
-        command = ["/bin/sh", "-c", FIRST_PROCESS, "sh", self.settings.name, *talservice_command(self.settings)]
-        self._run(command, status)
+        command = ["/bin/sh", "-c", FIRST_PROCESS, self.settings.name, *talservice_command(self.settings)]
+        self._run(command, sys.stderr)
         self.publish(ready=False)
 
     def start_receiver(self) -> TrapPrinter:
@@ -76,7 +75,7 @@ class Member:
         self._run(snmptrapd_command(self.settings), subprocess.PIPE)
         return TrapPrinter(self.bwrap.stdout, self.claim.root / TRAP_LOG[1:], sys.stderr)
 
-    def _run(self, command: list[str], output: int) -> None:
+    def _run(self, command: list[str], output: TextIO | int) -> None:
         info_read, info_write = os.pipe()
         environment = kvsnmp_environment(False, "").items()
         options = ["--as-pid-1", *(word for pair in environment for word in ("--setenv", *pair))]
@@ -160,9 +159,6 @@ class Fleet:
         for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
             signal.signal(number, self._end)
         self._selector.register(wake_read, selectors.EVENT_READ, lambda: os.read(wake_read, 4096))
-        self._status, self._status_write = os.pipe()
-        self._selector.register(self._status, selectors.EVENT_READ,
-                                lambda: note(os.read(self._status, 4096).decode().rstrip()))
         self._asker = socket.socket(socket.AF_INET, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
         self._selector.register(self._asker, selectors.EVENT_READ, self._on_answer)
 
@@ -194,7 +190,7 @@ class Fleet:
         return not self._ended
 
     def _start(self, member: Member) -> None:
-        member.start(self._status_write, self.receiver.claim.root / TRAP_LOG[1:])
+        member.start(self.receiver.claim.root / TRAP_LOG[1:])
         self._selector.register(member.syslog.socket, selectors.EVENT_READ, member.syslog.receive)
         self._selector.register(member.first_process_end, selectors.EVENT_READ, lambda: self._on_end(member))
         self._starting.append(member)

@@ -5,7 +5,6 @@ import argparse
 import ipaddress
 import itertools
 import json
-import signal
 import socket
 import subprocess
 import time
@@ -115,6 +114,8 @@ def wait_for_ports(places: list[tuple[str, int]]) -> None:
     limit = time.monotonic() + 3
     for address, port in places:
         while error := cli.bind_error(port, address):
+            if isinstance(error, PermissionError):
+                raise DeviceError(f"UDP port {port} needs root; as another user choose --base-port 2161") from error
             if time.monotonic() > limit:
                 raise DeviceError(f"{address}, UDP port {port}: {error.strerror}; "
                                   "choose another with --base-port, --address or --trap-target") from error
@@ -145,8 +146,6 @@ def run_start(arguments: list[str]) -> int:
             fleet.run(options.seed, options.step, options.faults_per_hour)
         return 0
     finally:
-        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-            signal.signal(number, signal.SIG_IGN)
         if page:
             panel.stop(page)
         fleet.close()
@@ -165,7 +164,9 @@ def write_inventory(file: str, devices: list[Settings]) -> None:
         if file == "-":
             print(text, end="", flush=True)
         else:
-            Path(file).write_text(text)
+            part = Path(f"{file}.part")  # Prometheus never reads half of it
+            part.write_text(text)
+            part.replace(file)
     except OSError as error:
         raise DeviceError(f"{file}: {error.strerror}") from error
 

@@ -18,7 +18,7 @@ import pytest
 from support.device import CHECKOUT, MODEL_NUMBER, bin_dir, registry, sandbox, settings
 from support.polling import wait_until
 from support.process import is_gone
-from devicelib import walk
+from devicelib import fleetcli, walk
 
 SCRIPT = str(CHECKOUT / "scripts/fleet")
 COUNT = int(os.environ.get("KVSNMP_FLEET", "0"))
@@ -278,6 +278,15 @@ def test_stop_ends_the_fleet(fleet):
 # The end
 
 
+def test_a_reader_never_sees_half_an_inventory(tmp_path):
+    file = tmp_path / "devices.json"
+    file.write_text("the whole list of before")
+    with open(file) as reader:
+        fleetcli.write_inventory(str(file), [])
+        assert reader.read() == "the whole list of before"
+    assert list(tmp_path.iterdir()) == [file] and json.loads(file.read_text()) == []
+
+
 def test_ctrl_c_leaves_nothing_behind(start_fleet, base):
     fleet = start_fleet("--count", "2", "--base-port", "2161", "--faults-per-hour", "36000", "--step", "1",
                         "--panel", "8080").wait_answering()
@@ -314,6 +323,10 @@ def test_clear_errors(base):
     assert (done.returncode, done.stdout) == (1, "")
     assert done.stderr.startswith(f"fleet: 127.0.0.1, UDP port {port}: Address already in use; choose another with")
     assert list(base.glob("kvsnmp-devices-*/*")) == []
+    no_right = ["setpriv", "--bounding-set", "-net_bind_service"] if os.geteuid() == 0 else []
+    done = subprocess.run([*no_right, SCRIPT, "--count", "1", "--bin", str(bin_dir())], capture_output=True, text=True,
+                          check=False)
+    assert done.returncode == 1 and "UDP port 161 needs root; as another user choose --base-port" in done.stderr
     deep = base / ("deep" * 10)
     deep.mkdir()
     done = script("--count", "1", "--base-port", str(port), "--bin", str(bin_dir()), env=os.environ | {"TMPDIR": str(deep)})
