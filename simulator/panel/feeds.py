@@ -5,6 +5,7 @@ import asyncio
 import collections
 import json
 import re
+import socket
 import time
 import traceback
 from collections.abc import Awaitable, Callable
@@ -81,6 +82,8 @@ class Watch(Feed):
         super().__init__(WATCH_SECONDS)
         self.name, self.is_only = name, is_only
         self.unit: Unit | None = None
+        self.scenario = ""
+        self._playing: asyncio.Task[None] | None = None
 
     async def look(self) -> None:
         running = (await asyncio.to_thread(devices)).get(self.name)
@@ -105,7 +108,7 @@ class Watch(Feed):
     def _begin(self, running: Running) -> None:
         unit = self.unit = Unit(running)
         self._served: dict[str, str] = {}
-        self._packets: collections.deque[tuple[float, int]] = collections.deque(maxlen=5)
+        self._packets: tuple[float, int] | None = None
         self.view = {"model": [vars(cell) for cell in unit.cells], "messages": MESSAGES, "only": self.is_only,
                      "command": COMMAND, "actions": AGENT, "traps": [], "scenarios": scenarios(running.model)}
 
@@ -123,6 +126,7 @@ class Watch(Feed):
             cells[cell.id] = [text, served, code, level(cell, shown)]
         self.view |= {"cells": cells, "loads": dict(unit.loads), "faults": unit.facts.faults, "about": unit.about(),
                       "switches": unit.facts.switches, "worst": worst(unit.facts, unit.cells),
+                      "scenario": self.scenario,
                       "traps": (unit.new_traps()[::-1] + self.view["traps"])[:100]}
 
     async def _read(self) -> float | None:
@@ -131,15 +135,12 @@ class Watch(Feed):
         try:
             answer = await unit.get([PACKETS, *(cell.oid for cell in unit.cells)])
         except Refused:
-            self._packets.clear()
+            self._packets = None
             self.view["agent"] = {"answers": False}
             return None
-        packets = int(answer.get(PACKETS, 0))
-        if self._packets and packets < self._packets[-1][1]:
-            self._packets.clear()  # another snmpd
-        if self._packets:
-            rate = round((packets - self._packets[0][1]) / (now - self._packets[0][0]), 2)
-        self._packets.append((now, packets))
+        before, self._packets = self._packets, (now, int(answer.get(PACKETS, 0)))
+        if before and before[1] <= self._packets[1]:  # the same snmpd
+            rate = round((self._packets[1] - before[1]) / (now - before[0]), 1)
         self.view["agent"] = {"answers": True, "rate": rate}
         # Without a log: a value that differs from the last reading shows that the cache was filled in between.
         for cell in unit.cells if self._served else []:
@@ -147,6 +148,14 @@ class Watch(Feed):
                 unit.loads[cell.table] = now
         self._served = answer
         return rate
+
+    async def _play(self, unit: Unit, name: str) -> None:
+        settings = Settings.from_json((unit.running.root / STATE_FOLDER[1:] / "settings.json").read_text())
+        try:
+            await run([settings.program("talctl"), "--control", unit.control, "scenario", name])
+            self.scenario = f"{name} has ended"
+        except Refused as refusal:
+            self.scenario = f"{name}: {refusal}"
 
     def close(self) -> None:
         if self.unit:
@@ -163,11 +172,13 @@ class Watch(Feed):
         elif action == "agent":
             command = ["sh", "-c", AGENT[value]]
             await run(sandbox.enter_command(device.first_process, command, own_network=not device.port))
-        elif value in scenarios(device.model):
-            settings = Settings.from_json((device.root / STATE_FOLDER[1:] / "settings.json").read_text())
-            await run([settings.program("talctl"), "--control", self.unit.control, "scenario", value])
-        else:
+        elif value not in scenarios(device.model):
             raise Refused("this model has no such scenario")
+        elif self._playing and not self._playing.done():
+            raise Refused(self.scenario)
+        else:  # a page has few connections, so its request does not wait for the end
+            self.scenario = f"{value} is running"
+            self._playing = asyncio.create_task(self._play(self.unit, value))
         await self._take()  # shows at once what it changed
         self._show()
         self.publish()
@@ -193,13 +204,11 @@ class Fleet(Feed):
         for name, unit in list(self.units.items()):
             if name not in running or running[name].first_process != unit.running.first_process:
                 self.units.pop(name).close()
-        ports, tiles = _bound_ports(), {}
-        for name, device in running.items():
-            tiles[name] = await self._tile(device, ports)
-            await asyncio.sleep(0.01)  # pages of single devices go first
-        self.view["tiles"] = tiles
+        ports = {line.split()[1] for line in Path("/proc/net/udp").read_text().splitlines()[1:]}
+        self.view["tiles"] = {name: await self._tile(device, ports) for name, device in running.items()}
 
-    async def _tile(self, device: Running, ports: set[tuple[str, int]]) -> dict[str, Any]:
+    async def _tile(self, device: Running, ports: set[str]) -> dict[str, Any]:
+        await asyncio.sleep(0.01)  # pages of single devices go first
         tile: dict[str, Any] = {"name": device.name, "model": device.model, "state": "starting", "address": ""}
         if not device.ready:
             return tile
@@ -208,7 +217,8 @@ class Fleet(Feed):
             await unit.take_state()
         except (Refused, OSError):
             return tile | {"state": "silent"}
-        is_bound = not device.port or ports & {(device.address, device.port), ("0.0.0.0", device.port)}
+        hosts = [socket.inet_aton(host)[::-1].hex() for host in (device.address, "0.0.0.0")]
+        is_bound = not device.port or ports & {f"{host}:{device.port:04x}".upper() for host in hosts}
         return unit.about() | {"faults": len(unit.facts.faults),
                                "state": worst(unit.facts, unit.cells) if is_bound else "silent"}
 
@@ -216,11 +226,3 @@ class Fleet(Feed):
         for unit in self.units.values():
             unit.close()
         self.units.clear()
-
-
-def _bound_ports() -> set[tuple[str, int]]:
-    found = set()
-    for line in Path("/proc/net/udp").read_text().splitlines()[1:]:
-        address, _, port = line.split()[1].partition(":")
-        found.add((".".join(str(byte) for byte in reversed(bytes.fromhex(address))), int(port, 16)))
-    return found

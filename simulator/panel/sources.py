@@ -15,7 +15,7 @@ from devicelib.registry import Running
 from devicelib.settings import STATE_FOLDER, TAL_CONTROL
 from rows import Facts
 
-SNMPGET = ["snmpget", "-v2c", "-r", "0", "-t", "1", "-m", "", "-On", "-Oe", "-OQ", "-OU", "-Ot", "-c"]
+SNMPGET = ["snmpget", "-v2c", "-r", "0", "-t", "2", "-m", "", "-On", "-Oe", "-OQ", "-OU", "-Ot", "-c"]
 
 
 class Refused(Exception):

@@ -20,7 +20,7 @@ from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support.ui import Select
 from support.browser import chromium, complaints, resize
 from support.catalogue import COLUMN_OIDS, EXTENDED, MODELS, TABLES, TRAPS, WORDS, feeds, rows
-from support.device import CHECKOUT, Device
+from support.device import CHECKOUT, Device, registry
 from support.polling import wait_until
 from support.steps import CACHE_SECONDS
 
@@ -28,6 +28,7 @@ sys.path[:0] = [str(CHECKOUT / "simulator/panel"), str(CHECKOUT / "monitoring/ch
 
 import limits  # noqa: E402
 import rows as panel_rows  # noqa: E402
+from devicelib import panel  # noqa: E402
 
 SERVER = CHECKOUT / "simulator/panel/server.py"
 MIB = (CHECKOUT / "mibs/KVSNMP-MIB.txt").read_text()
@@ -225,7 +226,9 @@ def test_a_trap_is_disabled_and_enabled(page, device):
 def test_a_scenario_runs(page):
     page.click(".choices button", "fault flood")
     page.wait_text(".faults", "fan_not_running")
-    page.wait_text(".log li:first-child .hint", "done", 60)
+    page.click(".choices button", "mains lost")
+    page.wait_text(".log li:first-child", "talctl scenario mains-lost fault-flood is running")
+    page.wait_text("aside", "fault-flood has ended", 60)
     page.wait_text(".faults", "No message is active.")
 
 
@@ -275,6 +278,18 @@ def test_a_tile_opens_its_device(page, server, device):
     page.wait_text(f'.tile[href$="{device.name}"]', "6420")
     page.browser.find_element(By.CSS_SELECTOR, f'.tile[href$="{device.name}"]').click()
     page.wait_text(".module", "Voltages")
+
+
+def test_the_worst_device_comes_first(page, server):
+    page.browser.get(server.url)
+    shown = page.browser.execute_async_script("""const [states, done] = arguments;
+        import('/page/fleet.js').then(({ Fleet }) => {
+            const fleet = new Fleet();
+            document.body.append(fleet.node);
+            fleet.take({ tiles: Object.fromEntries(states.map((state) => [state, { name: `is-${state}`, state }])) });
+            done([...fleet.node.querySelectorAll('strong')].map((name) => name.textContent));
+        });""", ["ok", "notice", "warn", "bad", "silent"])
+    assert shown == ["is-silent", "is-bad", "is-warn", "is-notice", "is-ok"]
 
 
 def test_a_closed_page_costs_nothing(server, device, browser):
@@ -427,6 +442,12 @@ def test_a_port_in_use_is_named():
         done = subprocess.run([CHECKOUT / "scripts/device", "--panel", str(port)], capture_output=True, text=True,
             check=False, timeout=60)
         assert done.returncode == 1 and f"TCP port {port}: Address already in use" in done.stderr
+
+
+def test_a_missing_library_is_named(monkeypatch):
+    monkeypatch.setattr("importlib.util.find_spec", lambda name: None)
+    with pytest.raises(registry.DeviceError, match="--panel needs python3-aiohttp"):
+        panel.check(free_port())
 
 
 # Its facts

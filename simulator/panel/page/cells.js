@@ -22,9 +22,6 @@ export function deviceText(cell, [text]) {
   return cell.unit && NUMBER.test(text) ? figure(cell, Number(text)) : text || '–';
 }
 
-// In the words of the MIB, as the manager will read it.
-export const stateText = (cell, entry) => cell.words[entry[2]] ?? deviceText(cell, entry);
-
 export function managerText(cell, [, served]) {
   const text = cell.words[served] ?? served ?? '–';
   return cell.unit && NUMBER.test(text) ? figure(cell, Number(text) / 10 ** cell.decimals) : text;

@@ -45,19 +45,17 @@ export class Device {
   }
 
   build() {
-    const button = (text, action, value, title) =>
-      h('button', { title, onclick: () => this.run(action, value, title) }, text);
-    const agent = (action, text) => button(text, 'agent', action,
+    const agent = (action, text) => this.button(text, action, 'agent',
       `${this.command} exec --name ${this.name} -- sh -c '${this.actions[action]}'`);
     const scenarios = this.scenarios.map((name) =>
-      button(name.replaceAll('-', ' '), 'scenario', name, `talctl scenario ${name}`));
+      this.button(name.replaceAll('-', ' '), name, 'scenario', `talctl scenario ${name}`));
     this.chosen = null;
     this.body.replaceChildren(h('main', {}, drawing(this), this.graphs()), h('aside', {}, this.inspector,
       card('Traps, as the receiver decoded them', list(h('ol', { class: 'traps', 'aria-live': 'polite' }),
         () => this.traps, trapItem, 'None yet.')),
       card('Messages', this.raiseForm(), list(h('ul', { class: 'faults' }), () => this.faults,
         (fault) => this.faultItem(fault), 'No message is active.'), this.trapSwitches()),
-      card('Scenarios', h('div', { class: 'choices' }, scenarios)),
+      card('Scenarios', h('div', { class: 'choices' }, scenarios), h('p', { class: 'hint' }, () => this.scenario)),
       card('SNMP agent', h('p', {}, () => `${this.agent.rate ?? 'No'} requests per second, with the panel’s`),
         h('div', { class: 'choices' }, agent('restart', 'Restart snmpd'), agent('kill', 'Kill snmpd'))),
       card('Commands of your clicks', this.log)));
@@ -84,8 +82,8 @@ export class Device {
       h('code', { class: 'command' }, () => quote(['talctl', ...words()])));
   }
 
-  button(text, words) {
-    return h('button', { title: quote(['talctl', ...words]), onclick: () => this.talctl(words) }, text);
+  button(text, value, action = 'talctl', command = quote(['talctl', ...value])) {
+    return h('button', { title: command, onclick: () => this.run(action, value, command) }, text);
   }
 
   faultItem({ id, ref, reporter, text, state }) {
@@ -98,8 +96,9 @@ export class Device {
     return h('details', {},
       h('summary', {}, () => `Traps enabled: ${enabled()} of ${this.switches?.length}`),
       list(h('div', { class: 'switches' }), () => this.switches, ([name, checked]) => {
-        const onchange = () => this.talctl(['trap', checked ? 'disable' : 'enable', name]);
-        return h('label', {}, h('input', { type: 'checkbox', checked, onchange }), name);
+        const words = ['trap', checked ? 'disable' : 'enable', name];
+        return h('label', { title: quote(['talctl', ...words]) },
+          h('input', { type: 'checkbox', checked, onchange: () => this.talctl(words) }), name);
       }));
   }
 

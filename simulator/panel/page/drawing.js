@@ -1,6 +1,6 @@
 // The drawing of the unit: a module for each table with rows, a line with its transponders for each channel.
 import { h, lamp, lampIcon, STATES } from './dom.js';
-import { ageOf, deviceText, isLate, managerText, rowName, stateText, TITLES } from './cells.js';
+import { ageOf, deviceText, isLate, managerText, rowName, TITLES } from './cells.js';
 
 const WIDTH = 360, ROW = 24, HEAD = 20;
 // The cell of a row that its lamp and figures show.
@@ -81,7 +81,7 @@ function row(view, cell, y, name = rowName(cell)) {
     lamp(() => entry()[3], `translate(12 ${y + 12})`), h('text', { x: 26, y: y + 16 }, name),
     dial && h('g', { class: 'dial', transform: `translate(182 ${y + 12})` }, dial),
     h('text', { class: 'figure', x: 274, y: y + 16, 'text-anchor': 'end' },
-      () => short(stateText(cell, entry()), dial ? 12 : 18)),
+      () => short(cell.words[entry()[2]] ?? deviceText(cell, entry()), dial ? 12 : 18)),
     h('text', { class: 'figure reads', x: 354, y: y + 16, 'text-anchor': 'end' },
       () => short(managerText(cell, entry()), 13)));
 }

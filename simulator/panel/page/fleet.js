@@ -1,6 +1,8 @@
 // The fleet: a tile for each device.
 import { h, lampIcon, list, refresh, STATES } from './dom.js';
 
+const ORDER = ['silent', 'bad', 'warn', 'starting', 'notice', 'ok']; // worst first
+
 export class Fleet {
   constructor() {
     document.title = 'Fleet · Front panel';
@@ -15,7 +17,8 @@ export class Fleet {
   take({ tiles }) {
     if (!tiles) return;
     const focused = document.activeElement?.getAttribute('href');
-    this.tiles = Object.values(tiles).sort((a, b) => a.name.localeCompare(b.name, 'en', { numeric: true }));
+    this.tiles = Object.values(tiles).sort((a, b) => ORDER.indexOf(a.state) - ORDER.indexOf(b.state)
+      || a.name.localeCompare(b.name, 'en', { numeric: true }));
     refresh();
     if (focused) document.querySelector(`a[href="${CSS.escape(focused)}"]`)?.focus();
   }
