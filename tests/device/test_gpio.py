@@ -129,8 +129,7 @@ def test_levels_show_in_the_rows_and_outputs_stay_outputs(station):
     for turn in range(3):
         station.set_up({line.name: LEVELS[place // 3 ** turn % 3] for place, line in enumerate(station.lines)},
                        {number: TYPES[(number + turn) % 3] for number in range(1, 15)})
-        station.hurry_cycle()
-        assert station.served() == station.expected(), f"round {turn}"
+        station.wait_served(station.expected())
     walked = [variable.oid for column in (INPUT, OUTPUT, RELAY) for variable in station.device.snmp.walk(column)]
     assert sorted(walked) == sorted(station.expected())
     outputs = {f"{line.folder}/direction" for line in station.lines if "relay" in line.name or line.row in (4, 5)}
