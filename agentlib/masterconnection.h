@@ -15,7 +15,7 @@ void boundAttempts();
 /// The session is open: cancels all alarms of the library that would open one. If the master closes the connection
 /// during an attempt, one alarm too many remains, which would log an error every ping interval. From now on, sending
 /// queues whatever the connection does not accept, in order. snmpd does not read while it sends, so without a queue
-/// both sides could wait for each other forever.
+/// both sides could wait for each other forever. Reading the connection or the internal pipes does not wait either.
 void masterSessionOpened(netsnmp_transport *transport);
 
 /// Discards the queue; a later pass opens the next session.

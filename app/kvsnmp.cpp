@@ -45,7 +45,7 @@ KvSnmp::KvSnmp(QCoreApplication *app, const Surroundings &surroundings)
                        << "Creating Object";
     createSignalSockets();
     connect(&m_processTimer, SIGNAL(timeout()), this, SLOT(processSnmpTimeout()));
-    // Not a slot: only processSnmpTimeout() serves traffic, this calls it again.
+    // Not a slot: only processSnmpTimeout() serves traffic, and this calls it.
     connect(&m_agentWatch, &DescriptorWatch::readable, this, &KvSnmp::serveReadable);
     connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::aboutToBlock, this, &KvSnmp::flushOutput);
     readIdentity();

@@ -223,8 +223,9 @@ class Fleet:
                 member.answers = True
 
     def run(self, seed: int, step: float, faults_per_hour: float) -> None:
-        """Changes values and raises faults until a signal; each device has its turn once in `step` seconds."""
-        interval = step / len(self.members)
+        """Changes values and raises faults until a signal; each device has its turn once in `step` seconds,
+        at least 0.01."""
+        interval = max(0.01, step) / len(self.members)
         walk = Walk([member.state() for member in self.members], seed, interval, faults_per_hour)
         at = time.monotonic()
         while not self._ended:
