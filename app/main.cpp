@@ -15,7 +15,20 @@
 #include <cstdlib>
 #include <unistd.h>
 
+#ifdef KVSNMP_WITH_MIMALLOC
+#    include <mimalloc.h>
+#endif
+
 namespace {
+
+/// Freed pages go back to the system at once, not after a while of further use: the daemon is mostly idle.
+void keepNoFreePages()
+{
+#ifdef KVSNMP_WITH_MIMALLOC
+    constexpr auto delay = static_cast<mi_option_t>(15); // the number of an option whose name differs between versions
+    mi_option_set(delay, 0);
+#endif
+}
 
 /// Goes into the background and writes the pid file there. Ends the process if another instance runs.
 void becomeDaemon(const PidFileHandler &pidFile)
@@ -36,6 +49,7 @@ void becomeDaemon(const PidFileHandler &pidFile)
 
 int main(int argc, char *argv[])
 {
+    keepNoFreePages();
     prepareStandardStreams();
     std::puts("kvsnmp main()");
     const Options options = parseOptions(argc, argv);

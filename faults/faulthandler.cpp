@@ -13,6 +13,9 @@
 #include <string_view>
 #include <utility>
 
+/// Of mimalloc: null in a program without it.
+extern "C" [[gnu::weak]] void mi_collect(bool force);
+
 namespace {
 
 struct Severity {
@@ -41,6 +44,14 @@ const Trap *trapOf(const QString &msgData)
     return nullptr;
 }
 
+/// Every allocator keeps free pages between or below the used ones.
+void returnFreeMemory()
+{
+    if (mi_collect != nullptr)
+        mi_collect(true);
+    else
+        malloc_trim(0);
+}
 } // namespace
 
 std::int32_t severityOf(const QString &level)
@@ -141,7 +152,7 @@ void FaultHandler::remove(Arrival arrival)
     m_faults.erase(arrival);
     if (m_mostFaults >= manyFaults && m_faults.size() <= m_mostFaults / 2) {
         m_mostFaults = m_faults.size();
-        malloc_trim(0); // the library keeps free pages below the last used one
+        returnFreeMemory();
     }
 }
 
