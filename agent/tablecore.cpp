@@ -5,6 +5,7 @@
 
 #include <cctype>
 #include <cstdio>
+#include <cstring>
 
 namespace {
 constexpr int cacheSeconds = 60;
@@ -35,7 +36,7 @@ void registerTable(const TableModule &table)
     netsnmp_cache *cache = netsnmp_cache_create(cacheSeconds, table.hooks.load, table.hooks.free, table.object.arcs,
                                                 static_cast<int>(table.object.length));
     netsnmp_inject_handler_before(registration, netsnmp_cache_handler_get(cache), TABLE_ITERATOR_NAME);
-    netsnmp_inject_handler_before(registration, makeRequestGate(), TABLE_HANDLER_NAME);
+    netsnmp_inject_handler_before(registration, makeRequestGate(cache), TABLE_HANDLER_NAME);
 }
 
 /// The table's name as a part of other names: with a capital first letter.
@@ -45,6 +46,26 @@ struct InnerName {
     int capital;
     const char *rest;
 };
+
+/// One write without a format, because a request visits many rows.
+void printVisit(std::string_view table)
+{
+    constexpr std::string_view function = "_get_next_data_point()\n";
+    char line[64];
+    const std::size_t length = std::min(table.size(), sizeof(line) - function.size());
+    std::memcpy(line, table.data(), length);
+    std::memcpy(line + length, function.data(), function.size());
+    fwrite_unlocked(line, 1, length + function.size(), stdout);
+}
+
+/// The library's variable of an INTEGER index has its size from the first row on; then only the number changes.
+void setIndex(netsnmp_variable_list &variable, std::uint32_t index)
+{
+    if (variable.type == ASN_INTEGER && variable.val_len == sizeof(long) && variable.val.integer != nullptr)
+        *variable.val.integer = static_cast<long>(index);
+    else
+        snmp_set_var_typed_value(&variable, ASN_INTEGER, &index, sizeof(index));
+}
 
 void serveCell(std::span<const Column> columns, const TableRow *row, std::size_t number,
                netsnmp_agent_request_info *info, netsnmp_request_info *request)
@@ -111,12 +132,11 @@ netsnmp_variable_list *firstRow(const TableModule &table, void **loop, void **da
 
 netsnmp_variable_list *nextRow(const TableModule &table, void **loop, void **data, netsnmp_variable_list *index)
 {
-    std::fputs(table.name, stdout); // for each row visited: cheaper than a format
-    std::puts("_get_next_data_point()");
+    printVisit(table.name);
     auto *row = static_cast<TableRow *>(*loop);
     if (row == nullptr)
         return nullptr;
-    snmp_set_var_typed_value(index, ASN_INTEGER, &row->index, sizeof(row->index));
+    setIndex(*index, row->index);
     *data = row;
     *loop = row->next;
     return index;

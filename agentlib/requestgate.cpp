@@ -10,9 +10,20 @@ bool isSearch(const netsnmp_agent_request_info &info)
     return info.asp->pdu->command != SNMP_MSG_GET;
 }
 
+constexpr int millisecondsPerSecond = 1000;
+
+/// False in the last second, so that an expiry during a request is the library's own.
+bool staysFresh(const netsnmp_cache &cache)
+{
+    return cache.valid != 0 && cache.timestampM != nullptr &&
+           netsnmp_ready_monotonic(cache.timestampM, (cache.timeout - 1) * millisecondsPerSecond) == 0;
+}
+
 int handOn(netsnmp_mib_handler *gate, netsnmp_handler_registration *registration, netsnmp_agent_request_info *info,
            netsnmp_request_info *requests)
 {
+    if (auto *cache = static_cast<netsnmp_cache *>(gate->myvoid))
+        cache->enabled = staysFresh(*cache) ? 0 : 1;
     if (!isSearch(*info))
         return netsnmp_call_next_handler(gate, registration, info, requests);
     int status = SNMP_ERR_NOERROR;
@@ -26,7 +37,10 @@ int handOn(netsnmp_mib_handler *gate, netsnmp_handler_registration *registration
 }
 } // namespace
 
-netsnmp_mib_handler *makeRequestGate()
+netsnmp_mib_handler *makeRequestGate(netsnmp_cache *cache)
 {
-    return netsnmp_create_handler("request_gate", handOn);
+    netsnmp_mib_handler *gate = netsnmp_create_handler("request_gate", handOn);
+    if (gate != nullptr)
+        gate->myvoid = cache;
+    return gate;
 }

@@ -7,4 +7,6 @@
 /// alone. With several names the helpers go wrong when one is outside the columns: they answer it in vain, loop
 /// endlessly past the last column, or write to missing table information. The names of a GET are passed on together.
 /// The caller injects it in front of every handler that must not receive several names. Null when out of memory.
-netsnmp_mib_handler *makeRequestGate();
+/// `cache`: the cache behind the gate, or null. The gate disables its handler, a tenth of a request, while the last
+/// load stays fresh for another second.
+netsnmp_mib_handler *makeRequestGate(netsnmp_cache *cache);
