@@ -103,11 +103,10 @@ constexpr Command commands[] = {
      "replay a scenario that comes with the simulator\n"
      "Without a name prints the scenarios, one per line: name, a tab, what happens. The first lines of its file, in the\n"
      "folder share/kvsnmp-simulator/scenarios, describe it. With --speed 10 it takes a tenth of the time."},
-    {"batch", "[--answers]", 0, 1, client,
+    {"batch", "", 0, 0, client,
      "run the commands on standard input, one per line, over one connection\n"
      "Runs all lines and reports failures with their line numbers; the exit code is then 1. A line consists of words as in\n"
-     "a replay, or is a JSON list of texts. With --answers prints one line for each command when it is done:\n"
-     "{\"code\":0,\"text\":\"\"}; the exit code is then 0."},
+     "a replay, or is a JSON list of texts."},
 };
 // clang-format on
 

@@ -25,10 +25,12 @@ Refusal applyData(DataTree &tree, TreeEdit treeEdit, const std::string &path, pu
     return (tree.*treeEdit)(path, nodeXml(node));
 }
 
+constexpr qint64 mostUnread = qint64{32} * 1024 * 1024;
+
 } // namespace
 
-Session::Session(QObject *parent, QLocalSocket *socket, DataTree &tree, int number, qint64 maxQueue)
-    : QObject(parent), m_socket(socket), m_tree(tree), m_number(number), m_maxQueue(maxQueue)
+Session::Session(QObject *parent, QLocalSocket *socket, DataTree &tree, int number)
+    : QObject(parent), m_socket(socket), m_tree(tree), m_number(number)
 {
     m_socket->setParent(this);
     m_socket->setReadBufferSize(static_cast<qint64>(maxMessageSize));
@@ -181,7 +183,7 @@ void Session::send(const std::string &message)
     }
     m_socket->write(message.data(), static_cast<qint64>(message.size()));
     m_socket->write("", 1); // the NUL that ends a message
-    if (m_socket->bytesToWrite() > m_maxQueue)
+    if (m_socket->bytesToWrite() > mostUnread)
         drop(QStringLiteral("%1 bytes not taken").arg(m_socket->bytesToWrite()));
 }
 

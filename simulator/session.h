@@ -14,8 +14,8 @@ class Session : public QObject {
     Q_OBJECT
 
 public:
-    /// Takes ownership of the socket. Drops a client with more than `maxQueue` unread bytes.
-    Session(QObject *parent, QLocalSocket *socket, DataTree &tree, int number, qint64 maxQueue);
+    /// Takes ownership of the socket. Drops a client with more than 32 MiB unread.
+    Session(QObject *parent, QLocalSocket *socket, DataTree &tree, int number);
 
     int number() const { return m_number; }
     const std::vector<Subscription> &subscriptions() const { return m_subscriptions; }
@@ -49,7 +49,6 @@ private:
     QLocalSocket *m_socket;
     DataTree &m_tree;
     int m_number;
-    qint64 m_maxQueue;
     MessageFraming m_framing;
     std::vector<Subscription> m_subscriptions;
     QTimer m_lagTimer;

@@ -8,8 +8,6 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <cmath>
 #include <cstdio>
 #include <poll.h>
@@ -78,7 +76,7 @@ int runReplay(ControlClient &client, const Replay &replay, double speed)
 /// Commands from standard input, many in flight at a time.
 class Batch {
 public:
-    Batch(ControlClient &client, bool answers) : m_client(client), m_answers(answers) {}
+    explicit Batch(ControlClient &client) : m_client(client) {}
 
     int run()
     {
@@ -93,7 +91,7 @@ public:
             if (reads && descriptors[1].revents != 0 && !sendLines())
                 return serviceWent();
         }
-        return m_failed > 0 && !m_answers ? static_cast<int>(Reply::Refused) : static_cast<int>(Reply::Done);
+        return m_failed > 0 ? static_cast<int>(Reply::Refused) : static_cast<int>(Reply::Done);
     }
 
 private:
@@ -110,14 +108,10 @@ private:
     {
         ++m_answered;
         m_failed += reply.code != Reply::Done ? 1 : 0;
-        if (m_answers) {
-            const QJsonObject object{{QStringLiteral("code"), reply.code}, {QStringLiteral("text"), reply.text}};
-            std::printf("%s\n", QJsonDocument(object).toJson(QJsonDocument::Compact).constData());
-        } else if (reply.code != Reply::Done) {
+        if (reply.code != Reply::Done)
             fail(reply.code, QStringLiteral("line %1: %2").arg(m_lineOf[m_answered - 1]).arg(reply.text));
-        } else {
+        else
             print(reply.text);
-        }
     }
 
     bool sendLines()
@@ -151,7 +145,6 @@ private:
     }
 
     ControlClient &m_client;
-    bool m_answers;
     bool m_ended = false;
     QByteArray m_input;
     int m_line = 0;
@@ -310,9 +303,6 @@ int main(int argc, char **argv)
     const bool isScenario = options.words.first() == QLatin1String("scenario");
     const bool replays = isScenario || options.words.first() == QLatin1String("replay");
     const bool isBatch = options.words.first() == QLatin1String("batch");
-    const bool answers = isBatch && options.words.value(1) == QLatin1String("--answers");
-    if (isBatch && options.words.size() > 1 && !answers)
-        return fail(Reply::Usage, usageOf("batch"));
     const std::optional<double> speed = replays ? takeSpeed(options.words, error) : 1;
     if (!speed)
         return fail(Reply::Usage, error);
@@ -327,6 +317,6 @@ int main(int argc, char **argv)
     if (!client.connectTo(options.control, options.waitSeconds, error))
         return fail(Reply::NoService, error);
     if (isBatch)
-        return Batch(client, answers).run();
+        return Batch(client).run();
     return replays ? runReplay(client, replay, *speed) : runOne(client, options.words);
 }

@@ -12,8 +12,7 @@
 
 namespace simulator {
 
-TalServer::TalServer(QObject *parent, DataTree &tree, qint64 maxQueue)
-    : QObject(parent), m_tree(tree), m_maxQueue(maxQueue)
+TalServer::TalServer(QObject *parent, DataTree &tree) : QObject(parent), m_tree(tree)
 {
     connect(&m_server, &QLocalServer::newConnection, this, &TalServer::onNewConnection);
     m_tree.setListener([this](const Change &change) {
@@ -45,7 +44,7 @@ qint64 TalServer::owed() const
 void TalServer::onNewConnection()
 {
     while (QLocalSocket *socket = m_server.nextPendingConnection()) {
-        auto *session = new Session(this, socket, m_tree, ++m_lastNumber, m_maxQueue);
+        auto *session = new Session(this, socket, m_tree, ++m_lastNumber);
         m_sessions.push_back(session);
         connect(session, &Session::progressed, this, &TalServer::progressed);
         connect(session, &Session::subscribed, this, &TalServer::subscribed);

@@ -13,11 +13,8 @@ class TalServer : public QObject {
     Q_OBJECT
 
 public:
-    /// Most unread bytes of one client.
-    static constexpr qint64 defaultMaxQueue = qint64{32} * 1024 * 1024;
-
     /// Becomes the tree's listener.
-    TalServer(QObject *parent, DataTree &tree, qint64 maxQueue = defaultMaxQueue);
+    TalServer(QObject *parent, DataTree &tree);
 
     /// False, with the reason in `error`, if the socket cannot be served.
     bool listen(const QString &path, QString &error);
@@ -39,7 +36,6 @@ private Q_SLOTS:
 
 private:
     DataTree &m_tree;
-    qint64 m_maxQueue;
     QLocalServer m_server;
     std::vector<Session *> m_sessions; // children of this object
     int m_lastNumber = 0;

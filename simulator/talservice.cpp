@@ -76,7 +76,6 @@ struct Options {
     QString gpioRoot;
     QString gpioLines;
     QString bus;
-    qint64 maxQueue = 0;
     QStringList settings;
 };
 
@@ -96,7 +95,6 @@ constexpr char usageText[] =
     "  --gpio-lines WHICH  lines of the GPIO tree at start: exported (default), or none, so that each only appears\n"
     "                      when its number is written to the file export\n"
     "  --bus BUS           message bus of the amplifier monitor: system (default), session or none\n"
-    "  --max-queue BYTES   drop a client of the data service with more unread bytes than this (default: 33554432)\n"
     "  --set PATH=VALUE    change a leaf of the tree at the start; can be repeated\n"
     "  --help              this text\n"
     "  --version           print the version\n"
@@ -126,7 +124,6 @@ QString readOptions(const QStringList &arguments, Options &options)
         option("gpio-root"),
         option("gpio-lines", QStringLiteral("exported")),
         option("bus", QStringLiteral("system")),
-        option("max-queue", QString::number(TalServer::defaultMaxQueue)),
         option("set"),
     });
     if (!parser.parse(arguments))
@@ -134,7 +131,6 @@ QString readOptions(const QStringList &arguments, Options &options)
     if (!parser.positionalArguments().isEmpty())
         return withHelpHint(QStringLiteral("no such argument: %1").arg(parser.positionalArguments().first()));
 
-    bool isNumber = false;
     options.model = parser.value(QStringLiteral("model"));
     options.trees = parser.value(QStringLiteral("trees"));
     options.socket = parser.value(QStringLiteral("socket"));
@@ -142,7 +138,6 @@ QString readOptions(const QStringList &arguments, Options &options)
     options.gpioRoot = parser.value(QStringLiteral("gpio-root"));
     options.gpioLines = parser.value(QStringLiteral("gpio-lines"));
     options.bus = parser.value(QStringLiteral("bus"));
-    options.maxQueue = parser.value(QStringLiteral("max-queue")).toLongLong(&isNumber);
     options.settings = parser.values(QStringLiteral("set"));
     if (options.model.isEmpty())
         return QStringLiteral("--model is missing (there is a tree for: %1)")
@@ -151,8 +146,6 @@ QString readOptions(const QStringList &arguments, Options &options)
         return QStringLiteral("--gpio-lines is exported or none");
     if (!QStringList{QStringLiteral("system"), QStringLiteral("session"), QStringLiteral("none")}.contains(options.bus))
         return QStringLiteral("--bus is system, session or none");
-    if (!isNumber || options.maxQueue <= 0)
-        return QStringLiteral("--max-queue is a number of bytes");
     return {};
 }
 
@@ -200,7 +193,7 @@ int main(int argc, char **argv)
         monitor->setChannels(ampChannelsOf(tree));
         monitor->start();
     }
-    TalServer server(nullptr, tree, options.maxQueue);
+    TalServer server(nullptr, tree);
     if (monitor)
         QObject::connect(&server, &TalServer::subscribed, monitor.get(), &Monitor::announceChannelsSoon);
     Device device{tree, server, monitor.get(), gpio.get(), options.model};

@@ -20,6 +20,7 @@ from pathlib import Path
 from . import panel, registry, sandbox
 from .folders import make_folders
 from .identity import MODELS, identity_files
+from .programs import wake_at_the_end
 from .registry import DeviceError
 from .settings import CHECKOUT, COMMAND, FLEET_COMMAND, INSTALLED, TRAP_LOG, Settings
 
@@ -99,7 +100,6 @@ def start_parser() -> argparse.ArgumentParser:
                         help="a value of the data service's tree at start")
     parser.add_argument("--writable", action="append", default=[], metavar="DIR",
                         help="a folder of the host that the device may write into")
-    parser.add_argument("--trees", metavar="DIR", help="data trees other than the simulator's own")
     parser.add_argument("--quiet", action="store_true", help="print only traps and errors; do not wait for an answer")
     parser.add_argument("--version", action=PrintVersion, nargs=0, help="print the version and end")
     return parser
@@ -184,8 +184,6 @@ def free_port() -> int:
 
 def settings_from(options: argparse.Namespace, name: str) -> Settings:
     simulator_args = [part for value in options.set for part in ("--set", value)]
-    if options.trees:
-        simulator_args += ["--trees", os.path.abspath(options.trees)]
     trap_port = options.trap_port or (options.port + 1 if options.port else 162)
     settings = Settings(
         model=options.model, name=name, bin_dir=find_bin_dir(options.bin), port=options.port, trap_port=trap_port,
@@ -241,10 +239,7 @@ class Session:
         self.asker: subprocess.Popen | None = None
         self.signalled = False
         self.first_process_end: int | None = None
-        self.wake_read, wake_write = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
-        signal.set_wakeup_fd(wake_write, warn_on_full_buffer=False)
-        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-            signal.signal(number, self._on_signal)
+        self.wake_read = wake_at_the_end(self._on_signal)
 
     def _on_signal(self, *_) -> None:
         self.signalled = True
@@ -299,7 +294,8 @@ class Session:
                         continue
                     word = os.read(status_read, 4096).decode()
                     if not word:
-                        return self._ended(bwrap, words)
+                        bwrap.wait(END_TIMEOUT)
+                        raise DeviceError("the device ended by itself" if "started" in words else sandbox.FAILED_HINT)
                     words += word
                     if "started" in word:
                         facts["first_process"] = first_process(os.read(info_read, 4096))
@@ -312,13 +308,6 @@ class Session:
                         if asker_end >= 0:
                             selector.register(asker_end, selectors.EVENT_READ)
         return 0
-
-    @staticmethod
-    def _ended(bwrap: subprocess.Popen, words: str) -> int:
-        bwrap.wait(END_TIMEOUT)
-        if "started" not in words:
-            raise DeviceError(sandbox.FAILED_HINT)
-        raise DeviceError("the device ended by itself")
 
     def _begin_to_ask(self, process: int) -> int:
         """A descriptor that can be read when the device has answered with its first values; -1: nobody waits for it."""

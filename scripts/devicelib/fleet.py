@@ -17,7 +17,7 @@ from . import registry, sandbox
 from .cli import first_process
 from .folders import make_folders
 from .identity import identity_files
-from .programs import SyslogSink, TrapPrinter, say, snmptrapd_command, talservice_command
+from .programs import SyslogSink, TrapPrinter, say, snmptrapd_command, talservice_command, wake_at_the_end
 from .registry import DeviceError
 from .settings import TAL_CONTROL, TRAP_LOG, Settings, kvsnmp_environment
 from .walk import Walk
@@ -154,10 +154,7 @@ class Fleet:
         self._starting: list[Member] = []
         self._selector = selectors.DefaultSelector()
         self._ended = False
-        wake_read, wake_write = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
-        signal.set_wakeup_fd(wake_write, warn_on_full_buffer=False)
-        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-            signal.signal(number, self._end)
+        wake_read = wake_at_the_end(self._end)
         self._selector.register(wake_read, selectors.EVENT_READ, lambda: os.read(wake_read, 4096))
         self._asker = socket.socket(socket.AF_INET, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
         self._selector.register(self._asker, selectors.EVENT_READ, self._on_answer)

@@ -5,7 +5,6 @@ import argparse
 import ipaddress
 import itertools
 import json
-import socket
 import subprocess
 import time
 from pathlib import Path
@@ -14,7 +13,7 @@ from . import cli, panel, registry
 from .fleet import Fleet, Member, note
 from .identity import IDENTITIES, MODELS, identity_files, served_text
 from .registry import DeviceError
-from .settings import FLEET_COMMAND, TRAP_LOG, Settings
+from .settings import FLEET_COMMAND, Settings
 
 PROGRAM = FLEET_COMMAND.rpartition("/")[2]
 MOST = 200

@@ -16,7 +16,8 @@ from pathlib import Path
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
-from devicelib.programs import SyslogSink, TrapPrinter, say, snmptrapd_command, talservice_command  # noqa: E402
+from devicelib.programs import (SyslogSink, TrapPrinter, say, snmptrapd_command, talservice_command,  # noqa: E402
+                                wake_at_the_end)
 from devicelib.settings import BIN_FOLDER, SANITIZER_LOG, STATE_FOLDER, TRAP_LOG, Settings, kvsnmp_environment  # noqa: E402
 
 START_TIMEOUT = 20.0
@@ -36,12 +37,8 @@ class Device:
         self.kvsnmp: subprocess.Popen | None = None
         self.syslog = SyslogSink(Path("/"))
         self.traps: TrapPrinter | None = None
-        self.wake_read, wake_write = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
-        os.set_blocking(wake_write, False)
-        signal.set_wakeup_fd(wake_write, warn_on_full_buffer=False)
         self.ending = False
-        for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
-            signal.signal(number, self._end)
+        self.wake_read = wake_at_the_end(self._end)
         signal.signal(signal.SIGCHLD, lambda *_: None)
         self.selector.register(self.wake_read, selectors.EVENT_READ, self._woken)
         self.selector.register(sys.stdin.fileno(), selectors.EVENT_READ, self._control)
@@ -57,12 +54,15 @@ class Device:
         if settings.traps:
             self._spawn("snmptrapd", snmptrapd_command(settings), stdout=subprocess.PIPE)
         if settings.dbus:
-            self._wait_for_socket("dbus-daemon", "/run/dbus/system_bus_socket")
+            bus = "/run/dbus/system_bus_socket"
+            self._until("dbus-daemon", bus, lambda: os.path.exists(bus))
         if settings.simulator:
             self._spawn("talservice", talservice_command(settings), stdout=subprocess.PIPE)
             self._wait_for_line("talservice", b"talservice: ready")
         if settings.traps:
-            self._wait_for_port("snmptrapd", settings.trap_port)
+            entry = f":{settings.trap_port:04X} "
+            self._until("snmptrapd", f"port {settings.trap_port}", lambda: any(
+                entry in line.split("rem_address")[-1] for line in Path("/proc/net/udp").read_text().splitlines()[1:]))
             self.traps = TrapPrinter(self.children["snmptrapd"].stdout, Path(TRAP_LOG))
             self.selector.register(self.traps.stream, selectors.EVENT_READ, self._traps)
         if settings.kvsnmp != "none":
@@ -101,14 +101,6 @@ class Device:
                 raise StartFailed(f"{name}: {what} not seen within {START_TIMEOUT:.0f} s\n" + self._log_tail(name))
             time.sleep(0.005)
 
-    def _wait_for_socket(self, name: str, path: str) -> None:
-        self._until(name, path, lambda: os.path.exists(path))
-
-    def _wait_for_port(self, name: str, port: int) -> None:
-        entry = f":{port:04X} "
-        self._until(name, f"port {port}", lambda: any(
-            entry in line.split("rem_address")[-1] for line in Path("/proc/net/udp").read_text().splitlines()[1:]))
-
     def _wait_for_line(self, name: str, line: bytes) -> None:
         stream = self.children[name].stdout
         os.set_blocking(stream.fileno(), False)
@@ -133,10 +125,7 @@ class Device:
 
     @staticmethod
     def _log_tail(name: str) -> str:
-        try:
-            return "\n".join(Path(f"/var/log/{name}.log").read_text(errors="replace").splitlines()[-10:])
-        except OSError:
-            return ""
+        return "\n".join(Path(f"/var/log/{name}.log").read_text(errors="replace").splitlines()[-10:])
 
     # Running
 

@@ -3,8 +3,10 @@ from __future__ import annotations
 
 import os
 import re
+import signal
 import socket
 import time
+from collections.abc import Callable
 from pathlib import Path
 from typing import TextIO
 
@@ -15,6 +17,15 @@ RECORD_START, RECORD_END = b"\x02", b"\x1e"
 TIME_END, VARIABLE_END = "\x1d", "\x1f"
 # snmptrapd has no format for the address alone.
 SOURCE = re.compile(rb"(snmpTrapAddress\.0 = )UDP: \[([\d.]+)\]\S*?(?=\x1f)")
+
+
+def wake_at_the_end(handler: Callable[..., None]) -> int:
+    """A descriptor that can be read after a signal; `handler` handles those that end a program."""
+    wake_read, wake_write = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
+    signal.set_wakeup_fd(wake_write, warn_on_full_buffer=False)
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, handler)
+    return wake_read
 
 
 def say(text: str, stream: TextIO | None = None) -> None:

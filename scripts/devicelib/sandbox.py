@@ -41,9 +41,8 @@ def bwrap_command(root: Path, settings: Settings, info_fd: int, command: list[st
 
 def _hidden_by_the_private_ones(settings: Settings) -> list[str]:
     """The checkout and the programs, if they are below the device's separate folders."""
-    folders = [str(CHECKOUT), os.path.realpath(Path(settings.bin_dir).parent)]
-    folders += [str(Path(argument)) for argument in settings.simulator_args if os.path.isdir(argument)]
-    return sorted({folder for folder in folders if folder.startswith(("/tmp/", "/var/", "/run/", "/etc/"))})
+    folders = {str(CHECKOUT), os.path.realpath(Path(settings.bin_dir).parent)}
+    return sorted(folder for folder in folders if folder.startswith(("/tmp/", "/var/", "/run/", "/etc/")))
 
 
 def enter_command(first_process: int, command: list[str], extra_env: dict[str, str] | None = None,
