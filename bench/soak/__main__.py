@@ -6,6 +6,7 @@ interrupted.
 from __future__ import annotations
 
 import argparse
+import json
 import os
 import selectors
 import signal
@@ -22,11 +23,12 @@ sys.path[:0] = [str(CHECKOUT / "tests/device"), str(CHECKOUT / "bench")]
 from support.device import Device, is_sanitized  # noqa: E402
 from support.traps import TrapReceiver  # noqa: E402
 
+from device.processes import processes  # noqa: E402
 from soak.answers import Answers  # noqa: E402
 from soak.daemonlog import DyingWindow, LogFollower, Restarts  # noqa: E402
 from soak.faultbook import FaultBook  # noqa: E402
-from soak.life import Life, batch_line  # noqa: E402
-from soak.process import LOOK, Growth, Sample, rates, sample_from  # noqa: E402
+from soak.life import Life  # noqa: E402
+from soak.process import Growth, Sample, rates, sample  # noqa: E402
 from soak.report import end_lines, heading, minute_line  # noqa: E402
 
 # Kind and milliseconds of pause of each manager.
@@ -82,7 +84,7 @@ class Soak:
         self.seconds = seconds
         self.traps = TrapReceiver(device)
         device.wait_answering().wait_subscribed()
-        self.pid = device.kvsnmp_pid()
+        self.daemon = processes(device, "kvsnmp")[0]
         self.log = LogFollower(device.path("/var/log/kvsnmp.err"), time.monotonic())
         self.log.look(time.monotonic())
         self.restarts = Restarts()
@@ -90,32 +92,23 @@ class Soak:
         self.faults = FaultBook()
         self.answers = Answers(self.restarts)
         self.growth = Growth(seconds)
-        self.life = Life(self, self.faults, self.restarts, self.dying, seconds, seed)
+        self.life = Life(device, self.order, self.faults, self.restarts, self.dying, seconds, seed)
         self.talctl_log = open(device.path("/var/log/talctl.log"), "wb")
         self.talctl = device.popen(["talctl", "batch"], stdin=subprocess.PIPE, stdout=self.talctl_log,
                                    stderr=self.talctl_log, start_new_session=True)
         self.selector = selectors.DefaultSelector()
         self.received = 0
         self.started = False
-        self.before = self.after = self.sample()
-
-    # Events of the device
+        self.before = self.after = sample(self.daemon)
 
     def order(self, *words: str) -> None:
-        self.talctl.stdin.write(batch_line(words).encode())
-
-    def stir_snmpd_folder(self) -> None:
-        self.device.stir_snmpd_folder()
-
-    def kill_snmpd(self, number: signal.Signals) -> None:
-        for pid in self.device.pids("snmpd"):
-            self.device.kill(pid, number)
+        self.talctl.stdin.write(json.dumps(words).encode() + b"\n")
 
     # Running
 
     def run(self) -> None:
         time.sleep(CALM)
-        self.before = self.after = self.sample()
+        self.before = self.after = sample(self.daemon)
         self.started = True
         print(heading(), flush=True)
         self._start_managers()
@@ -125,7 +118,7 @@ class Soak:
             self.life.step(now)
             self._look()
             if now >= next_sample:
-                self.after = self.sample()
+                self.after = sample(self.daemon)
                 self.growth.add(self.after)
                 self._forget_output()
                 next_sample = now + SAMPLE_INTERVAL
@@ -175,9 +168,6 @@ class Soak:
         for line in lines:
             self.answers.report(line.decode(), now)
 
-    def sample(self) -> Sample:
-        return sample_from(self.device.run(["sh", "-c", LOOK, "sh", str(self.pid)]).stdout)
-
     def _forget_output(self) -> None:
         """The daemon prints every row that it serves: gigabytes in an hour."""
         os.truncate(self.device.path("/var/log/kvsnmp.out"), 0)
@@ -198,7 +188,7 @@ class Soak:
         self.talctl.stdin.close()
         if status := self.talctl.wait(20):
             raise AssertionError(f"talctl: status {status}: {self.device.read('/var/log/talctl.log')}")
-        self.after = self.sample()
+        self.after = sample(self.daemon)
 
     def _look_while(self, unfinished: Callable[[], object], limit: float) -> None:
         end = time.monotonic() + limit

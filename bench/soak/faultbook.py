@@ -1,7 +1,6 @@
 """Every raised fault, and the result of its trap."""
 from __future__ import annotations
 
-from collections.abc import Iterable
 from dataclasses import dataclass
 from typing import NamedTuple
 
@@ -67,9 +66,8 @@ class FaultBook:
         fault.received += 1
         return fault.received == 1
 
-    def cleared(self, texts: Iterable[str]) -> None:
-        for text in texts:
-            self._faults[text].cleared = True
+    def cleared(self, text: str) -> None:
+        self._faults[text].cleared = True
 
     def active(self) -> list[str]:
         return [text for text, fault in self._faults.items() if not fault.cleared]

@@ -3,13 +3,13 @@ of snmpd. Each has an interval; due events become lines for `talctl batch`."""
 from __future__ import annotations
 
 import heapq
-import json
 import random
 import signal
 from collections.abc import Callable
-from typing import NamedTuple, Protocol
+from typing import NamedTuple
 
 from support.catalogue import TRAPS
+from support.device import Device
 
 from .daemonlog import DyingWindow, Restarts
 from .faultbook import FaultBook
@@ -65,18 +65,13 @@ ANNOUNCEMENTS: list[Callable[[random.Random], list[str]]] = [
 ]
 
 
-class Outside(Protocol):
-    """The part of the device that this file uses."""
-
-    def order(self, *words: str) -> None: ...
-    def stir_snmpd_folder(self) -> None: ...
-    def kill_snmpd(self, number: signal.Signals) -> None: ...
-
-
 class Life:
-    def __init__(self, outside: Outside, faults: FaultBook, restarts: Restarts, dying: DyingWindow, seconds: float,
-                 seed: int) -> None:
-        self._outside = outside
+    """`order` sends the words of a command to the simulator."""
+
+    def __init__(self, device: Device, order: Callable[..., None], faults: FaultBook, restarts: Restarts,
+                 dying: DyingWindow, seconds: float, seed: int) -> None:
+        self._device = device
+        self._order = order
         self._faults = faults
         self._restarts = restarts
         self._dying = dying
@@ -84,7 +79,6 @@ class Life:
         self._count = 0
         self._clears: list[tuple[float, str]] = []
         self._references: dict[str, str] = {}
-        self.values = self.announcements = self.kills = 0
         slow = max(3.0, min(20.0, seconds / 8))  # a short run also has events of every kind
         self._intervals: list[tuple[float, Callable[[float], None]]] = [
             (0.2, self._change_values), (0.3, self._announce), (0.5, self._raise_some), (1.5 * slow, self._raise_many),
@@ -107,16 +101,13 @@ class Life:
         """The trap of a fault has arrived: the fault ends some time later."""
         heapq.heappush(self._clears, (now + self._chance.uniform(0, 8), text))
 
-    def given_up(self, texts: list[str]) -> None:
-        for text in texts:
-            self._clear(text)
-
     def enable_everything(self, now: float) -> None:
         for kind in self._faults.disabled:
             self._enable(kind, now)
 
     def clear_everything(self) -> None:
-        self.given_up(self._faults.active())
+        for text in self._faults.active():
+            self._clear(text)
         self._clears = []
 
     # Events
@@ -124,12 +115,10 @@ class Life:
     def _change_values(self, _: float) -> None:
         for leaf in self._chance.sample(LEAVES, 5):
             name = leaf.path.rsplit("/", 1)[-1]
-            self._outside.order("patch", leaf.path, f"<{name}>{leaf.text(self._chance)}</{name}>")
-            self.values += 1
+            self._order("patch", leaf.path, f"<{name}>{leaf.text(self._chance)}</{name}>")
 
     def _announce(self, _: float) -> None:
-        self._outside.order(*self._chance.choice(ANNOUNCEMENTS)(self._chance))
-        self.announcements += 1
+        self._order(*self._chance.choice(ANNOUNCEMENTS)(self._chance))
 
     def _raise_some(self, now: float) -> None:
         for _ in range(self._chance.randint(1, 3)):
@@ -145,13 +134,13 @@ class Life:
         text, reference = f"soak {self._count}", f"s{self._count}"
         self._references[text] = reference
         self._faults.raised(text, row.switch, now)
-        self._outside.order("fault", "raise", "soak", reference, self._chance.choice(row.identifiers),
+        self._order("fault", "raise", "soak", reference, self._chance.choice(row.identifiers),
                             self._chance.choice(LEVELS), text, "--any")
 
     def _clear(self, text: str) -> None:
         if reference := self._references.pop(text, None):
-            self._faults.cleared([text])
-            self._outside.order("fault", "clear", "soak", reference)
+            self._faults.cleared(text)
+            self._order("fault", "clear", "soak", reference)
 
     def _switch(self, now: float) -> None:
         """Disables the trap of one kind, or enables it again."""
@@ -159,12 +148,12 @@ class Life:
             self._enable(disabled.pop(), now)
             return
         kind = self._chance.choice(TRAPS).switch
-        self._outside.order("trap", "disable", kind)
+        self._order("trap", "disable", kind)
         self._faults.disable(kind)
 
     def _enable(self, kind: str, now: float) -> None:
         self._faults.enable(kind, now)
-        self._outside.order("trap", "enable", kind)
+        self._order("trap", "enable", kind)
 
     # Restarts of snmpd
 
@@ -177,10 +166,10 @@ class Life:
 
     def _change_settings(self, _: float) -> None:
         self._count += 1
-        self._outside.order("set", f"{SETTINGS}/mib_2_settings/sys_contact", f"contact {self._count}")
+        self._order("set", f"{SETTINGS}/mib_2_settings/sys_contact", f"contact {self._count}")
 
     def _touch(self, _: float) -> None:
-        self._outside.stir_snmpd_folder()
+        self._device.stir_snmpd_folder()
 
     def _kill(self, now: float) -> None:
         self._kill_with(signal.SIGKILL, now)
@@ -191,10 +180,6 @@ class Life:
     def _kill_with(self, number: signal.Signals, now: float) -> None:
         """The daemon notices the closed connection; the changed settings start the next snmpd."""
         self._dying.killing(now)
-        self._outside.kill_snmpd(number)
-        self.kills += 1
+        for pid in self._device.pids("snmpd"):
+            self._device.kill(pid, number)
         self._change_settings(now)
-
-
-def batch_line(words: tuple[str, ...]) -> str:
-    return json.dumps(words) + "\n"

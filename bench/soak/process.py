@@ -2,13 +2,12 @@
 from __future__ import annotations
 
 import statistics
+import time
 from typing import NamedTuple
 
-RSS_GROWTH_LIMIT_KB = 512
+from device.processes import Process, kilobytes, spent
 
-# The pid is the shell's first argument.
-LOOK = """cd /proc/$1 && echo at: $(cut -d' ' -f1 /proc/uptime) && echo descriptors: $(ls fd | wc -l) &&
-cat smaps_rollup && for t in task/*; do echo task: $(cut -d' ' -f1 $t/schedstat); cat $t/status; done"""
+RSS_GROWTH_LIMIT_KB = 512
 
 
 class Sample(NamedTuple):
@@ -21,15 +20,10 @@ class Sample(NamedTuple):
     wakes: int  # voluntary context switches so far, of living threads
 
 
-def sample_from(text: str) -> Sample:
-    """Parses the output of LOOK."""
-    found: dict[str, list[str]] = {}
-    for line in text.splitlines():
-        key, colon, value = line.partition(":")
-        if colon:
-            found.setdefault(key, []).append(value.split()[0] if value.split() else "")
-    return Sample(float(found["at"][0]), int(found["Rss"][0]), int(found["Pss"][0]), int(found["descriptors"][0]),
-                  len(found["task"]), sum(map(int, found["task"])), sum(map(int, found["voluntary_ctxt_switches"])))
+def sample(process: Process) -> Sample:
+    used = spent([process])
+    return Sample(time.monotonic(), kilobytes([process], "Rss"), kilobytes([process], "Pss"),
+                  len(list((process.folder / "fd").iterdir())), len(process.tasks()), used.nanoseconds, used.wakes)
 
 
 class Rates(NamedTuple):
