@@ -34,9 +34,9 @@ def main() -> int:
         results = Results.load(options.source)
     else:
         results = Results()
-        results.about = about()
+        results.about, before = about(), stolen()
         complaints = measure(results, QUICK if options.quick else FULL)
-        results.about += f" {os.getloadavg()[0]:.1f} after it."
+        results.about += f" {os.getloadavg()[0]:.1f} after it. The host took {stolen() - before:.0f} s of processor time."
     if options.json:
         results.save(options.json)
     if options.write_docs:
@@ -76,6 +76,11 @@ def measure(results: Results, effort: Effort) -> list[str]:
             print(started.device.logs(), file=sys.stderr)
             raise
         return started.device.complaints()
+
+
+def stolen() -> float:
+    """Seconds that the host of a virtual machine kept its processors for others, since the machine's start."""
+    return int(Path("/proc/stat").read_text().split()[8]) / os.sysconf("SC_CLK_TCK")
 
 
 def about() -> str:

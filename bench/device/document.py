@@ -19,7 +19,8 @@ STANDARD_FIGURES = ["start to first answer, s", "RSS at start, kB", "PSS at star
 
 def document_parts(results: Results) -> dict[str, str]:
     """The texts by the names of their markers."""
-    return {"conditions": results.about, "targets": _targets(results), "standard tables": _standard_tables(results),
+    return {"conditions": results.about, "targets": _targets(results),
+            "standard tables": _table(results, STANDARD_FIGURES, {"on": KVSNMP, "off": PLAIN}),
             "all figures": _all_figures(results)}
 
 
@@ -63,10 +64,6 @@ def _verdict(verdict: Verdict | None) -> str:
     return f"{text} met" if verdict.met else f"**{text} NOT MET**"
 
 
-def _standard_tables(results: Results) -> str:
-    return _table(results, STANDARD_FIGURES, {"on": KVSNMP, "off": PLAIN})
-
-
 def _all_figures(results: Results) -> str:
     """In groups: what all have alone, free, pinned, and of the daemon alone."""
     groups: dict[str, list[str]] = {"": [], f"{FREE}: ": [], f"{PINNED}: ": [], "start: ": [], KVSNMP.name: []}
@@ -76,8 +73,7 @@ def _all_figures(results: Results) -> str:
         if not re.search(r"at once, context switches", figure) and (any(map(any, values.values())) or alone):
             groups[place].append(figure)
     subjects = {subject.name: subject for subject in SUBJECTS}
-    return "\n\n".join([_table(results, groups[""], subjects), _table(results, groups[f"{FREE}: "], subjects),
-                        _table(results, groups[f"{PINNED}: "], subjects),
+    return "\n\n".join([*(_table(results, groups[group], subjects) for group in ("", f"{FREE}: ", f"{PINNED}: ")),
                         _table(results, groups[KVSNMP.name], {KVSNMP.name: KVSNMP})])
 
 

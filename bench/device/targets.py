@@ -51,17 +51,13 @@ FIXED = [
 
 
 def against_best_peer(results: Results, figure: str) -> Verdict | None:
-    measured, bound = results.median(figure), results.best_peer(figure)
-    if measured is None or bound is None:
-        return None
-    level = measured >= bound / LEVEL if "per second" in figure else measured <= bound * LEVEL
-    return Verdict(measured, bound, level)
+    return against(results.median(figure), results.best_peer(figure), "per second" in figure, LEVEL)
 
 
-def against(measured: float | None, bound: float | None, at_least: bool = False) -> Verdict | None:
+def against(measured: float | None, bound: float | None, at_least: bool = False, level: float = 1.0) -> Verdict | None:
     if measured is None or bound is None:
         return None
-    return Verdict(measured, bound, measured >= bound if at_least else measured <= bound)
+    return Verdict(measured, bound, measured >= bound / level if at_least else measured <= bound * level)
 
 
 def single_targets(results: Results) -> dict[str, Verdict | None]:
