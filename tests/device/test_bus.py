@@ -106,11 +106,12 @@ def converse(server: socket.socket, answers: list[tuple[bytes, bytes]]) -> None:
                 connection.sendall(next((answer for begin, answer in answers if said.startswith(begin)), b""))
 
 
-def test_bus_that_does_not_answer_at_the_start(start_device):
-    """At all, or after the handshake. After 25 s the daemon works as without a bus."""
-    devices = [(start_device(6420, "--no-dbus", "--no-traps", "--no-kvsnmp"), answers) for answers in ([], HANDSHAKE)]
+@pytest.fixture(scope="module", autouse=True)
+def unanswered(start_shared_device):
+    """Started before all tests: two daemons whose bus does not answer at all, or not after the handshake."""
+    devices = [start_shared_device(6420, "--no-dbus", "--no-traps", "--no-kvsnmp") for _ in range(2)]
     with contextlib.ExitStack() as stack:
-        for device, answers in devices:
+        for device, answers in zip(devices, ([], HANDSHAKE)):
             server = stack.enter_context(socket.socket(socket.AF_UNIX))
             stack.callback(server.shutdown, socket.SHUT_RDWR)
             path = device.path(BUS_SOCKET)
@@ -119,10 +120,7 @@ def test_bus_that_does_not_answer_at_the_start(start_device):
             server.listen()
             threading.Thread(target=converse, args=(server, answers), daemon=True).start()
             device.start_kvsnmp("-d", clock_shift=True)
-        for device, _ in devices:
-            device.wait_answering(45).wait_subscribed()
-            assert_serves(device)
-            assert_idle(device)
+        yield devices
 
 
 @pytest.mark.parametrize("killed", [False, True], ids=["absent at the start", "killed"])
@@ -164,3 +162,11 @@ def test_bus_that_hangs_while_the_daemon_runs(linked):
     linked.kill(bus, signal.SIGCONT)
     steps.apply(linked, [["monitor", "gpo", "2", "ok_set"]])
     assert output_state(linked) == SET
+
+
+def test_bus_that_does_not_answer_at_the_start(unanswered):
+    """After 25 s the daemon works as without a bus."""
+    for device in unanswered:
+        device.wait_answering(45).wait_subscribed()
+        assert_serves(device)
+        assert_idle(device)

@@ -2,19 +2,15 @@
 from __future__ import annotations
 
 import json
-import threading
-from collections import defaultdict
 from collections.abc import Iterator
 from contextlib import closing
 
 import pytest
 from support import ber, steps
 from support.catalogue import PARSERS, WORDS, Feed, feeds
-from support.polling import wait_until
+from support.press import Press
 from support.rawmanager import RawManager
 from support.target import Target, intact
-
-Values = set[tuple[str, str]]
 
 # All the hurry of the clock stays below the 600 s of snmpd's health probe. A hurry while its program runs would be taken
 # for one that hangs, and snmpd would be restarted.
@@ -49,42 +45,21 @@ def reported(start_device):
 
 def test_walks_while_every_value_changes(reported):
     """Each walk is complete and in order, and each of its values is one that the device had."""
-    device, manager = reported.device, reported.manager
-    had: dict[ber.Oid, Values] = defaultdict(set)
-    for oid, value in reported.walk:
-        had[oid].add(value)
-    failures: list[Exception] = []
-    walks: list[list[ber.Binding]] = []
-
-    def report() -> None:
-        try:
-            for turn in range(1, TURNS + 1):
-                for feed, _, value in reports(turn):
-                    oid = ber.numbers(feed.oid)
-                    had[oid].add((next(iter(had[oid]))[0], value))
-                device.talctl_batch([json.dumps(command) for command in change(turn)])
-                device.shift_clock(steps.CACHE_SECONDS)
-                enough = len(walks) + 6  # the first began before the change, the last ends after the next one began
-                wait_until(lambda: len(walks) >= enough, 60, what="further walks")
-        except Exception as failure:  # the test itself reports it
-            failures.append(failure)
-
-    changer = threading.Thread(target=report)
-    changer.start()
-    try:
-        while changer.is_alive():
-            walks.append(manager.walk(repetitions=(0, 10, 50)[len(walks) % 3]))
-    finally:
-        changer.join()
-        steps.apply(device, change(0), dbus=False)
-    assert not failures
-    seen: dict[ber.Oid, Values] = defaultdict(set)
-    for walk in walks:
-        assert [binding.oid for binding in walk] == reported.oids()
-        for oid, value in walk:
-            seen[oid].add(value)
-    assert {ber.dotted(oid): values - had[oid] for oid, values in seen.items() if values - had[oid]} == {}
-    changing = [oid for oid, values in had.items() if len(values) > 1]
-    unmoved = [ber.dotted(oid) for oid in changing if len(seen[oid]) == 1]
-    print(f"{len(walks)} walks over {TURNS} changes of {len(changing)} values")
-    assert len(changing) > 100 and unmoved == []
+    device = reported.device
+    changed = {ber.Binding(ber.numbers(feed.oid), (reported.value_of(ber.numbers(feed.oid))[0], value))
+               for turn in range(1, TURNS + 1) for feed, _, value in reports(turn)}
+    had, seen = changed | set(reported.walk), set()
+    with Press(device, list(had)) as press:
+        for turn in range(1, TURNS + 1):
+            device.talctl_batch([json.dumps(command) for command in change(turn)])
+            device.shift_clock(steps.CACHE_SECONDS)
+            for repetitions in (0, 10, 50, 0, 10, 50):  # the first may begin before the daemon has received everything
+                walk = reported.manager.walk(repetitions=repetitions)
+                assert [binding.oid for binding in walk] == reported.oids()
+                seen |= set(walk)
+        press.check()
+    steps.apply(device, change(0), dbus=False)
+    assert seen - had == set()
+    moved = {binding.oid for binding in seen & changed - set(reported.walk)}
+    print(f"{press.answered} GETBULKs answered meanwhile, {len(moved)} values changed")
+    assert len(moved) > 100 and moved == {binding.oid for binding in changed - set(reported.walk)}

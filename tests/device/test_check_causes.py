@@ -1,17 +1,15 @@
 """kvsnmp-check on broken devices: it names the cause, and what follows from it."""
 from __future__ import annotations
 
-import signal
 from collections.abc import Callable
 from contextlib import AbstractContextManager
 
 import pytest
-from support.breakages import (ACCESS, CONF, access, beside, edited, moved_away, newer_conf, restart_snmpd, setting,
-                               stopped)
+from support.breakages import CONF, access, beside, edited, moved_away, newer_conf, restart_snmpd, snmpd_killed, stopped
 from support.dataservice import SETTINGS
 from support.device import Device
 from support.polling import wait_until
-from support.selfcheck import SelfCheck, assert_cause, assert_healthy, assert_reports
+from support.selfcheck import SelfCheck, assert_healthy, assert_reports
 from support.traps import Faults
 
 TRAPS = f"{SETTINGS}/trap_settings"
@@ -35,27 +33,33 @@ BROKEN: list[tuple[str, Callable[[Device], AbstractContextManager], str]] = [
         cause snmp-settings: takes the connection, but delivers nothing within 1 s
         ok data-service model-number-served"""),
     ("socket left by a data service that ended",
-     lambda device: moved_away(device, "/run/tal.sock", "python3", "-c", DEAD_SOCKET), """
-        cause data-service: Connection refused"""),
-    ("SNMP disabled in the settings", lambda device: access(device, access="Disabled"), """
-        cause snmp-access: SNMP access is "Disabled"
-        ok snmpd-process
-        because snmpd-answer"""),
+     lambda device: moved_away(device, "/run/tal.sock", "python3", "-c", DEAD_SOCKET),
+     "cause data-service: Connection refused"),
     ("change of the IPv6 manager alone, which is not written",
-     lambda device: setting(device, f"{ACCESS}/nms_ipv6", "fd00::1"), """
-        warning snmpd-conf-settings: com2sec6 alone"""),
+     lambda device: access(device, restarts=False, nms_ipv6="fd00::1"), "warning snmpd-conf-settings: com2sec6 alone"),
     ("kvsnmp stopped", lambda device: stopped(device, "kvsnmp"), """
         cause kvsnmp-process: process {kvsnmp} is stopped
         because model-number-served"""),
-    ("two kvsnmp", lambda device: beside(device, "kvsnmp", "python3", "-c", FAKE), """
-        cause kvsnmp-process: 2 of them run"""),
-    ("system bus hangs", lambda device: stopped(device, "dbus-daemon"), """
-        cause system-bus: is connected, but does not answer"""),
+    ("two kvsnmp", lambda device: beside(device, "kvsnmp", "python3", "-c", FAKE),
+     "cause kvsnmp-process: 2 of them run"),
+    ("system bus hangs", lambda device: stopped(device, "dbus-daemon"),
+     "cause system-bus: is connected, but does not answer"),
     ("snmpd stopped", lambda device: stopped(device, "snmpd"), """
         cause snmpd-process: process {snmpd} is stopped
         text agentx-socket: takes the connection, but does not answer within 1 s"""),
-    ("stale pid file of snmpd", lambda device: edited(device, "/run/snmpd.pid", lambda _: "99999\n"), """
-        cause snmpd-pid-file: names process 99999, not {snmpd}"""),
+    ("ps without the health probe's words", lambda device: moved_away(device, "/run/device/bin/ps"),
+     "warning health-probe: does not report snmpd's memory"),
+    ("snmpd at its memory limit", lambda device: edited(device, "/run/device/snmpd-rss", lambda _: "10240\n"),
+     "warning health-probe: 10240 kB"),
+    ("identity file changed under a running daemon",
+     lambda device: edited(device, "/etc/xr-modelnumber", lambda _: "6425\n"), """
+        cause model-number-served: 6420 is served, the identity file says 6425
+        hint model-number-served: restart kvsnmp"""),
+    # These wait until snmpd is some seconds old, or restart it.
+    ("configuration newer than the snmpd that should have read it", newer_conf,
+     "warning snmpd-process: is older than snmpd.conf"),
+    ("stale pid file of snmpd", lambda device: edited(device, "/run/snmpd.pid", lambda _: "99999\n"),
+     "cause snmpd-pid-file: names process 99999, not {snmpd}"),
     ("configuration damaged by hand",
      lambda device: edited(
          device, CONF, lambda text: text.replace("view all", "veiw all").replace(" public\n", "\n", 1)), """
@@ -65,16 +69,14 @@ BROKEN: list[tuple[str, Callable[[Device], AbstractContextManager], str]] = [
      lambda device: edited(device, CONF, lambda text: text.replace(" public\n", " other\n")), """
         cause snmpd-conf-settings: com2sec
         because snmpd-answer"""),
-    ("configuration newer than the snmpd that should have read it", newer_conf, """
-        warning snmpd-process: is older than snmpd.conf"""),
-    ("ps without the health probe's words", lambda device: moved_away(device, "/run/device/bin/ps"), """
-        warning health-probe: does not report snmpd's memory"""),
-    ("snmpd at its memory limit", lambda device: edited(device, "/run/device/snmpd-rss", lambda _: "10240\n"), """
-        warning health-probe: 10240 kB"""),
-    ("identity file changed under a running daemon",
-     lambda device: edited(device, "/etc/xr-modelnumber", lambda _: "6425\n"), """
-        cause model-number-served: 6420 is served, the identity file says 6425
-        hint model-number-served: restart kvsnmp"""),
+    ("SNMP disabled in the settings", lambda device: access(device, access="Disabled"), """
+        cause snmp-access: SNMP access is "Disabled"
+        ok snmpd-process
+        because snmpd-answer"""),
+    ("snmpd killed", snmpd_killed, """
+        cause snmpd-process: does not run
+        text snmpd-process: left its pid file behind
+        text agentx-socket: Connection refused"""),
 ]
 
 
@@ -85,8 +87,7 @@ def test_report_of_a_device_that_is_broken_and_mended(amplifier, way, report):
     with way(amplifier):
         check = SelfCheck(amplifier, timeout="1")
     assert_reports(check, report.format(**facts))
-    wait_until(lambda: SelfCheck(amplifier).status == 0, what="mended")
-    assert_healthy(SelfCheck(amplifier))
+    wait_until(lambda: SelfCheck(amplifier).ids("warning", "failed", "skipped") == [], what="mended")
 
 
 def test_access_list_without_this_device(amplifier):
@@ -108,11 +109,6 @@ def wait_attempt(device: Device) -> None:
     wait_until(lambda: "info: Starting snmpd (snmpd.conf from TAL)" in device.syslog_texts(), 10, what="attempt")
 
 
-def wait_given_up(device: Device) -> None:
-    wait_attempt(device)
-    wait_until(lambda: not device.pids("snmpd"), what="snmpd given up")
-
-
 def start_without_snmpd(device: Device) -> None:
     device.start_kvsnmp("-d", env={"PATH": "/run/device/bin:/usr/bin:/bin"})
     wait_attempt(device)
@@ -132,12 +128,22 @@ def start_with_port_taken(device: Device) -> None:
     holder = device.popen(["python3", "-c", PORT_HOLDER], stdout=-1, text=True)
     holder.stdout.readline()
     device.start_kvsnmp("-d")
-    wait_given_up(device)
+    wait_attempt(device)
+    wait_until(lambda: not device.pids("snmpd"), what="snmpd given up")
 
 
 def remove_agentx_socket(device: Device) -> None:
     """The connection of the sub-agent lives on; a restart of kvsnmp would show the loss."""
     device.wait_answering().path("/var/agentx/master").unlink()
+
+
+def kill_kvsnmp(device: Device) -> None:
+    device.wait_answering().kill_and_wait(device.kvsnmp_pid())
+
+
+def give_pid_away(device: Device) -> None:
+    kill_kvsnmp(device)
+    device.path("/run/kvsnmp.pid").write_text(f"{device.pids('talservice')[0]}\n")
 
 
 STARTS: list[tuple[str, list[str], Callable[[Device], object], str]] = [
@@ -161,8 +167,8 @@ STARTS: list[tuple[str, list[str], Callable[[Device], object], str]] = [
     ("snmpd not in the PATH of kvsnmp", ["--no-kvsnmp"], start_without_snmpd, """
         cause snmpd-program: not in kvsnmp's PATH, /run/device/bin:/usr/bin:/bin
         because snmpd-process agentx-socket snmpd-answer"""),
-    ("port of snmpd taken", ["--no-kvsnmp"], start_with_port_taken, """
-        cause snmpd-process: another program has its UDP port 161"""),
+    ("port of snmpd taken", ["--no-kvsnmp"], start_with_port_taken,
+     "cause snmpd-process: another program has its UDP port 161"),
     ("AgentX socket gone", [], remove_agentx_socket, """
         cause agentx-socket: /var/agentx/master is not there
         because only"""),
@@ -173,6 +179,17 @@ STARTS: list[tuple[str, list[str], Callable[[Device], object], str]] = [
         text amplifier-type: "vq9d"
         text amplifier-type: "Unknown" is served
         text trap-receivers: none: traps and informs go nowhere"""),
+    ("data service does not run", ["--no-simulator"], Device.wait_running, """
+        cause data-service amplifier-monitor: /run/tal.sock is not there
+        text amplifier-monitor: nobody has the name com.orvane.pamon
+        because snmpd-conf snmpd-process snmpd-answer sub-agent model-number-served"""),
+    ("kvsnmp killed", ["--daemon"], kill_kvsnmp, """
+        cause kvsnmp-process: does not run
+        text kvsnmp-process: a pid file of an earlier one is left
+        because only kvsnmp-pid-file sub-agent model-number-served"""),
+    ("pid file names another process, with the number of the old kvsnmp", ["--daemon"], give_pid_away, """
+        cause kvsnmp-process: which is talservice
+        hint kvsnmp-process: Already running"""),
     ("receivers out of reach",
      ["--set", f"{TRAPS}/trap_address=nms.invalid", "--set", f"{TRAPS}/inform_address=192.0.2.7:1162"],
      Device.wait_answering, """
@@ -181,57 +198,25 @@ STARTS: list[tuple[str, list[str], Callable[[Device], object], str]] = [
 ]
 
 
-@pytest.mark.parametrize("options, prepare, report", [pytest.param(*start, id=name) for name, *start in STARTS])
-def test_report_of_a_device_that_starts_broken(start_device, options, prepare, report):
-    device = start_device(6420, "--no-traps", *options)
+@pytest.fixture(scope="module")
+def starting(start_shared_device) -> dict[str, Device]:
+    """All at once: they mostly wait."""
+    return {name: start_shared_device(6420, "--no-traps", *options, wait=False) for name, options, *_ in STARTS}
+
+
+@pytest.mark.parametrize("name, prepare, report", [pytest.param(name, *way, id=name) for name, _, *way in STARTS])
+def test_report_of_a_device_that_starts_broken(starting, name, prepare, report):
+    device = starting[name].wait_ready()
     prepare(device)
     check = SelfCheck(device)
     assert_reports(check, report)
     assert check.report["model"] == (None if check.causes == ["model-number"] else 6420)
 
 
-def test_data_service_does_not_run(start_device):
-    device = start_device(6420, "--no-traps", "--no-simulator")
-    device.wait_running()
-    check = SelfCheck(device, timeout="1")
-    # The monitor is part of the same simulator, and of another program on a device.
-    assert check.causes == ["data-service", "amplifier-monitor"]
-    assert "/run/tal.sock is not there" in check.text("data-service")
-    assert "nobody has the name com.orvane.pamon" in check.text("amplifier-monitor")
-    assert {check.checks[name]["because"] for name in ("snmpd-conf", "snmpd-process", "snmpd-answer", "sub-agent",
-                                                       "model-number-served")} == {"data-service"}
-
-
-def test_kvsnmp_killed(start_device):
-    device = start_device(6420, "--no-traps", "--daemon").wait_answering()
-    device.kill_and_wait(device.kvsnmp_pid())
-    check = SelfCheck(device)
-    assert_cause(check, "kvsnmp-process", "does not run", "a pid file of an earlier one is left")
-    assert set(check.consequences()) == {"kvsnmp-pid-file", "sub-agent", "model-number-served"}
-
-    # The pid file names another process, which has the number of the old one.
-    device.path("/run/kvsnmp.pid").write_text(f"{device.pids('talservice')[0]}\n")
-    check = SelfCheck(device)
-    assert_cause(check, "kvsnmp-process", "which is talservice")
-    assert "Already running" in check.checks["kvsnmp-process"]["hint"]
-    assert "Already running" in device.run_kvsnmp().stderr
-
-
-def test_snmpd_killed_and_started_as_the_hint_says(start_device):
-    device = start_device(6420, "--no-traps").wait_answering()
-    device.kill(device.wait_snmpd(), signal.SIGKILL)
-    wait_until(lambda: not device.pids("snmpd"), what="snmpd gone")
-    check = SelfCheck(device)
-    assert_cause(check, "snmpd-process", "does not run", "left its pid file behind")
-    assert "Connection refused" in check.text("agentx-socket")
-    restart_snmpd(device)
-    assert_healthy(SelfCheck(device))
-
-
 def test_gpio_lines_missing(start_device):
     device = start_device(6211, "--no-traps").wait_answering()
     device.talctl("gpio", "168", "unreadable")
-    assert_cause(SelfCheck(device), "gpio-tree", "1 of 7 lines cannot be read: 168")
+    assert_reports(SelfCheck(device), "cause gpio-tree: 1 of 7 lines cannot be read: 168")
     device.talctl("gpio", "168", "0")
 
     # Only the model text says that the station has expanders.
@@ -239,7 +224,7 @@ def test_gpio_lines_missing(start_device):
         if label.read_text().strip().endswith("-0021"):
             label.write_text("other\n")
     device.path("/etc/xr-model").write_text("Orvane Brisel Compact - IP-QRM-B\n")
-    assert_cause(SelfCheck(device), "gpio-tree", "label ends in -0021")
+    assert_reports(SelfCheck(device), "cause gpio-tree: label ends in -0021")
     device.talctl("gpio", "remove")
     assert SelfCheck(device).causes == ["gpio-tree"]
 
@@ -256,13 +241,15 @@ def test_configuration_made_by_hand(start_device):
     assert_healthy(check)
     assert {"snmp-access", "snmpd-conf-settings"} <= set(check.ids("not-applicable"))
     assert check.text("trap-receivers") == "trap2sink 127.0.0.1"
-    for edited_text, cause, said in [
-            (text.replace("secret", "hidden"), "snmpd-answer", ["no answer at udp:127.0.0.1:161"]),
-            (text + "acces all\n", "snmpd-conf-accepted", ['refuses line 5, "acces all"', "Unknown token"]),
-            (text.replace("master agentx\n", ""), "snmpd-conf", ['no line "master agentx"']),
-            (text.replace("udp:161", "udp:161x"), "snmpd-conf-accepted", ["agentAddress udp:161x has no port"])]:
-        file.write_text(edited_text)
-        assert_cause(SelfCheck(device, timeout="1"), cause, *said)
+    for old, new, report in [
+            ("secret", "hidden", "cause snmpd-answer: no answer at udp:127.0.0.1:161"),
+            ("trap2sink", "acces all\ntrap2sink", '''
+                cause snmpd-conf-accepted: refuses line 4, "acces all"
+                text snmpd-conf-accepted: Unknown token'''),
+            ("master agentx\n", "", 'cause snmpd-conf: no line "master agentx"'),
+            ("udp:161", "udp:161x", "cause snmpd-conf-accepted: agentAddress udp:161x has no port")]:
+        file.write_text(text.replace(old, new))
+        assert_reports(SelfCheck(device, timeout="1"), report)
 
 
 def test_a_local_trap_receiver_needs_the_name_localhost(start_device):
@@ -274,9 +261,8 @@ def test_a_local_trap_receiver_needs_the_name_localhost(start_device):
     hosts.write_text("127.0.0.1 device\n")
     restart_snmpd(device)
     check = SelfCheck(device)
-    assert check.text("trap-receivers") == ("trap2sink 127.0.0.1 gets nothing: this device cannot resolve the name "
-                                            "localhost, see /etc/hosts")
-    assert "trap-receivers" in check.ids("warning")
+    assert "trap-receivers" in check.ids("warning") and check.text("trap-receivers") == (
+        "trap2sink 127.0.0.1 gets nothing: this device cannot resolve the name localhost, see /etc/hosts")
     faults.raise_one("fan_not_running", "without the name")
     hosts.write_text(with_name)
     restart_snmpd(device)

@@ -2,7 +2,6 @@
 from __future__ import annotations
 
 import contextlib
-import os
 import signal
 import socket
 import threading
@@ -16,13 +15,13 @@ from support.device import MODEL_NUMBER, Device
 from support.played import Played
 from support.polling import stays, wait_until
 from support.process import descriptors, lean_environment, memory_kb
+from support.traps import Faults, send_results
 
 TAL_SOCKET = "/run/tal.sock"
 WATCHDOG_FILE = "/tmp/kvsnmp.watchdogtest"
 VOLTAGE = f"{COLUMN_OIDS['voltageValue']}.3"
 VOLTAGE_PATH = "/state/power_lines/power_line[kid='3v3']/voltage"
-DROPPED = "TalInterface: message of the data service dropped:"
-OVER_LONG = f"{DROPPED} longer than {4 * 1024 * 1024} bytes"
+OVER_LONG = f"TalInterface: message of the data service dropped: longer than {4 * 1024 * 1024} bytes"
 CLOSED = "TalInterface: connection closed:"
 NO_CONNECTION = "TalInterface: no connection to"
 ANSWER = ("INTEGER", "6420")
@@ -32,10 +31,10 @@ MORE_MEMORY_KB = 64 * 1024  # than before; a message may be 4 MiB, and its text 
 # The simulator, killed and hung
 
 
-def start_simulator(device: Device, voltage: str) -> int:
+def start_simulator(device: Device, voltage: str) -> None:
     device.popen(["talservice", "--model", "6420", "--socket", TAL_SOCKET, "--control", "/run/talcontrol.sock", "--bus",
                   "none", "--set", f"{VOLTAGE_PATH}={voltage}"])
-    return wait_until(lambda: device.pids("talservice"), what="data service running")[0]
+    wait_until(lambda: device.pids("talservice"), what="data service running")
 
 
 def shows(device: Device, millivolts: int) -> bool:
@@ -53,8 +52,11 @@ def simulated(start_shared_device):
 
 
 def test_values_of_a_killed_service_stay_until_the_next_one_reports(simulated):
+    """So do faults: one that the next service reports, too, is not sent again."""
     pid, = simulated.pids("talservice")
     wait_until(lambda: shows(simulated, 3300), 20, what="value before")
+    faults = Faults(simulated)
+    faults.raise_one("custom_msg", "present all the time")
     lost = simulated.kvsnmp_err().count(f"{CLOSED} by the data service\n")
     failures = simulated.kvsnmp_err().count(NO_CONNECTION)
     snmpd = simulated.wait_snmpd()
@@ -65,6 +67,10 @@ def test_values_of_a_killed_service_stay_until_the_next_one_reports(simulated):
     start_simulator(simulated, "3.401")
     wait_until(lambda: shows(simulated, 3401), 20, what="value of the new service")
     assert simulated.pids("snmpd") == [snmpd]  # the same settings, so nothing is written and nothing restarted
+    for text in ("present all the time", "new"):
+        faults.raise_one("custom_msg", text)
+    wait_until(lambda: send_results(simulated, "new") == ["SUCCESS"], what="trap of another fault")
+    assert send_results(simulated, "present all the time") == ["SUCCESS"]
 
 
 def test_hung_service_delays_its_own_values_only_and_may_be_killed(simulated):
@@ -90,92 +96,52 @@ def test_hung_service_delays_its_own_values_only_and_may_be_killed(simulated):
 # A service that the test plays
 
 
-class Fed(Played):
-    def assert_works(self, volts: int) -> None:
-        self.service.notify("kvsnmp_voltage", "replace", VOLTAGE_PATH, f"<voltage>{volts}</voltage>")
-        self.wait_received()
-        assert shows(self.device, volts * 1000)
-
-
-@pytest.fixture(scope="module")
-def fed(start_shared_device):
-    device = start_shared_device(6420, "--no-simulator", "--no-dbus", "--no-traps", "--no-kvsnmp")
-    player = Fed(device)
-    player.start(env=lean_environment())
-    device.wait_answering()
-    player.wait_subscribed()
-    yield player
-    player.service.close()
-
-
-def test_gibibyte_without_a_nul_is_cut_at_four_mebibytes(fed):
+def test_gibibyte_without_a_nul_is_cut_at_four_mebibytes(start_device):
     """The service would send 1 GiB on each of four connections. The daemon closes each once it holds 4 MiB, answers
     managers meanwhile, and keeps neither memory nor a descriptor."""
-    pid, first = fed.device.kvsnmp_pid(), fed.service.connections
-    memory, opened = memory_kb(fed.device, pid), descriptors(fed.device, pid)
-    over_long = fed.device.kvsnmp_err().count(OVER_LONG)
+    device = start_device(6420, "--no-simulator", "--no-dbus", "--no-traps", "--no-kvsnmp")
+    fed = Played(device)
+    fed.start(env=lean_environment())
+    device.wait_answering()
+    fed.wait_subscribed()
+    pid = device.kvsnmp_pid()
+    memory, opened = memory_kb(device, pid), descriptors(device, pid)
     sent: list[int] = []
 
     def send() -> None:
         for number in range(4):
-            wait_until(lambda number=number: fed.service.connections == first + number, 10, what="connected again")
+            wait_until(lambda number=number: fed.service.connections == 1 + number, 10, what="connected again")
             sent.append(0)
             with contextlib.suppress(OSError):
                 while sent[-1] < 1024:
                     fed.service.send(b"x" * (1 << 20))
                     sent[-1] += 1
-        wait_until(lambda: fed.service.connections == first + 4, 10, what="connected again")
+        wait_until(lambda: fed.service.connections == 5, 10, what="connected again")
         fed.service.subscriptions.clear()
 
     work = threading.Thread(target=send)
     work.start()
     while work.is_alive():
-        assert fed.device.snmp.try_get(MODEL_NUMBER) == ANSWER
+        assert device.snmp.try_get(MODEL_NUMBER) == ANSWER
     fed.wait_subscribed()
     fed.wait_received()
     assert len(sent) == 4 and max(sent) <= 8, sent  # MiB: the limit, and the socket's own buffer
-    assert fed.device.kvsnmp_err().count(OVER_LONG) == over_long + 4
-    assert memory_kb(fed.device, pid) - memory < MORE_MEMORY_KB
-    wait_until(lambda: descriptors(fed.device, pid) == opened, what="no descriptor more than before")
-    fed.assert_works(5)
+    assert device.kvsnmp_err().count(OVER_LONG) == 4
+    assert memory_kb(device, pid) - memory < MORE_MEMORY_KB
+    wait_until(lambda: descriptors(device, pid) == opened, what="no descriptor more than before")
+    fed.service.notify("kvsnmp_voltage", "replace", VOLTAGE_PATH, "<voltage>5</voltage>")
+    fed.wait_received()
+    assert shows(device, 5000)
+    fed.service.close()
 
 
 # No service, or something else in its place
 
 
-@pytest.fixture
-def forsaken(start_device):
-    device = start_device(6410, "--no-simulator", "--no-dbus", "--no-traps", "--no-kvsnmp")
-    return device, device.path(TAL_SOCKET)
-
-
-def test_anything_else_at_the_services_path(forsaken):
-    """It is logged once, and tried every second until a service is there."""
-    device, path = forsaken
-    path.write_text("no socket\n")
-    kvsnmp = device.start_kvsnmp("-d", clock_shift=True)
-    wait_until(lambda: f"{NO_CONNECTION} /run/tal.sock yet: " in device.kvsnmp_err(), what="failure logged")
-    datagrams = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-    for make in (path.mkdir, lambda: path.symlink_to("tal.sock"), lambda: os.mkfifo(path),
-                 lambda: datagrams.bind(str(path))):
-        path.rmdir() if path.is_dir() else path.unlink()
-        make()
-        device.path(WATCHDOG_FILE).unlink(missing_ok=True)
-        device.shift_clock(5)  # at least one attempt
-        wait_until(device.path(WATCHDOG_FILE).exists, what="watchdog file written")
-    path.unlink()
-    datagrams.close()
-    assert device.kvsnmp_err().count(NO_CONNECTION) == 1
-    service = DataService(path)
-    wait_until(lambda: service.has("custom_config"), 5, what="settings subscribed")
-    device.kill(device.kvsnmp_pid(), signal.SIGTERM)
-    assert kvsnmp.wait(10) == 0
-    service.close()
-
-
-def test_service_that_listens_and_never_accepts(forsaken):
+def test_service_that_listens_and_never_accepts(start_device):
     """With its queue full a connection is refused at once and tried again; in the queue it waits without blocking."""
-    device, path = forsaken
+    device = start_device(6410, "--no-simulator", "--no-dbus", "--no-traps", "--no-kvsnmp")
+    path = device.path(TAL_SOCKET)
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
         listener.bind(str(path))
         listener.listen(0)

@@ -1,4 +1,4 @@
-"""scripts/fleet: many devices in one network. KVSNMP_FLEET=50 runs the tests of a shared fleet with this many devices."""
+"""scripts/fleet: many devices in one network. KVSNMP_FLEET=50 runs the tests of a shared fleet with so many devices."""
 from __future__ import annotations
 
 import json
@@ -12,6 +12,7 @@ import time
 import xml.etree.ElementTree as ElementTree
 from collections import Counter
 from collections.abc import Iterator
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
@@ -23,8 +24,8 @@ from devicelib import fleetcli, walk
 SCRIPT = str(CHECKOUT / "scripts/fleet")
 COUNT = int(os.environ.get("KVSNMP_FLEET", "0"))
 DEVICES = ["--count", str(COUNT)] if COUNT else ["--models", "6420,6720,6214:2"]
-FAULTS = 20  # of each device, within
-FAULT_SECONDS = 10.0
+FAULTS = 20  # of each device
+FLOOD_SECONDS = 8.0 if COUNT else 2.0
 START_SECONDS = 120.0  # with sanitizers on a busy machine
 SYS_NAME, SYS_LOCATION = ".1.3.6.1.2.1.1.5.0", ".1.3.6.1.2.1.1.6.0"
 
@@ -33,44 +34,38 @@ class Fleet:
     """scripts/fleet in a separate network, as a person starts it."""
 
     def __init__(self, folder: Path, *options: str) -> None:
-        self.inventory = folder / "inventory.json"
-        self._log = open(folder / "fleet.log", "w+b")
-        self.process = subprocess.Popen(
-            ["bwrap", "--dev-bind", "/", "/", "--unshare-net", "--die-with-parent", SCRIPT, "--bin", str(bin_dir()),
-             "--inventory", str(self.inventory), *options],
-            stdin=subprocess.DEVNULL, stdout=self._log, stderr=self._log)
+        self.inventory, self._log = folder / "inventory.json", folder / "fleet.log"
+        with open(self._log, "wb") as log:
+            self.process = subprocess.Popen(
+                ["bwrap", "--dev-bind", "/", "/", "--unshare-net", "--die-with-parent", SCRIPT, "--bin", str(bin_dir()),
+                 "--inventory", str(self.inventory), *options], stdin=subprocess.DEVNULL, stdout=log, stderr=log)
         self.devices: list[registry.Running] = []
 
-    def printed(self) -> str:
-        return Path(self._log.name).read_text(errors="replace")
+    def wait_devices(self, count: int) -> None:
+        """Until so many have their first process."""
+        def look() -> bool:
+            assert self.process.poll() is None, self._log.read_text()
+            self.devices = sorted(registry.running(),
+                                  key=lambda device: (int(device.address.rpartition(".")[2]), device.port))
+            return len(self.devices) >= count
+
+        wait_until(look, START_SECONDS, what="devices")
 
     def wait_answering(self) -> Fleet:
-        def look() -> bool:
-            assert self.process.poll() is None, self.printed()
-            return " devices answer after " in self.printed()
-
-        wait_until(look, START_SECONDS, 0.2, "fleet answering")
-        self.devices = sorted(registry.running(), key=lambda device: (int(device.address.rpartition(".")[2]), device.port))
+        wait_until(lambda: self.process.poll() is not None or " devices answer after " in self._log.read_text(),
+                   START_SECONDS, 0.2, "fleet answering")
+        self.wait_devices(1)
         return self
-
-    @property
-    def owner(self) -> int:
-        return self.devices[0].owner
-
-    def children(self) -> list[int]:
-        """The sandboxes and the front panel."""
-        return [int(number) for number in Path(f"/proc/{self.owner}/task/{self.owner}/children").read_text().split()]
 
     def run(self, device: registry.Running, *command: str, check: bool = True) -> str:
         """The output of a command inside a device."""
-        done = subprocess.run(sandbox.enter_command(device.first_process, list(command)), capture_output=True, text=True,
-                              check=check, timeout=60, stdin=subprocess.DEVNULL)
-        return done.stdout
+        return subprocess.run(sandbox.enter_command(device.first_process, list(command)), capture_output=True,
+                              text=True, check=check, timeout=60, stdin=subprocess.DEVNULL).stdout
 
     def try_get(self, device: registry.Running, oid: str) -> str:
         """The value of an object, empty without an answer."""
-        where = f"{device.address}:{device.port}"
-        return self.run(device, "snmpget", "-v2c", "-c", "public", "-Oqv", "-r1", where, oid, check=False).strip().strip('"')
+        command = ["snmpget", "-v2c", "-c", "public", "-Oqv", "-r1", f"{device.address}:{device.port}", oid]
+        return self.run(device, *command, check=False).strip().strip('"')
 
     def traps(self) -> list[dict[str, str]]:
         """The variables of all traps, in the order of arrival."""
@@ -78,41 +73,23 @@ class Fleet:
         variables = [record.partition("\x1d")[2].split("\x1f") for record in records]
         return [dict(variable.split(" = ", 1) for variable in record) for record in variables]
 
-    def complaints(self) -> list[str]:
-        """Sanitizer reports, and connections that Qt refused."""
-        logs = [log for device in self.devices for log in (device.root / "var/log").glob("sanitizer.*")]
-        errors = [line for device in self.devices for line in (device.root / "var/log/kvsnmp.err").read_text().splitlines()]
-        return [log.read_text() for log in logs] + [line for line in errors if re.search("QObject::|runtime error:", line)]
-
     def end(self, number: signal.Signals = signal.SIGTERM) -> int:
         if self.process.poll() is None:
             if self.devices:
-                os.kill(self.owner, number)
+                os.kill(self.devices[0].owner, number)
             else:
                 self.process.kill()
-        status = self.process.wait(60)
-        self._log.close()
-        return status
+        return self.process.wait(60)
 
 
-class Control:
-    """A data service's control socket, used from outside the device."""
+def talctl(device: registry.Running, *words: str, input: str = "") -> str:
+    """From outside the device, at its control socket."""
+    command = [bin_dir() / "talctl", "--control", f"{device.root}{settings.TAL_CONTROL}", *words]
+    return subprocess.run(command, input=input, capture_output=True, text=True, check=True, timeout=60).stdout
 
-    def __init__(self, device: registry.Running) -> None:
-        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self._socket.settimeout(30)
-        self._socket.connect(f"{device.root}{settings.TAL_CONTROL}")
-        self._stream = self._socket.makefile("rw")
 
-    def send(self, *command: str) -> str:
-        self._stream.write(json.dumps(command) + "\n")
-        self._stream.flush()
-        reply = json.loads(self._stream.readline())
-        assert reply["code"] == 0, reply
-        return reply["text"]
-
-    def state(self) -> ElementTree.Element:
-        return ElementTree.fromstring(self.send("get", "/state"))
+def state_of(device: registry.Running) -> ElementTree.Element:
+    return ElementTree.fromstring(talctl(device, "get", "/state"))
 
 
 @pytest.fixture(scope="module", autouse=True)
@@ -128,22 +105,9 @@ def base() -> Iterator[Path]:
     subprocess.run(["rm", "-r", folder], check=True)
 
 
-def shared_fleet(folder: Path, *options: str) -> Iterator[Fleet]:
-    fleet = Fleet(folder, *options)
-    try:
-        yield fleet.wait_answering()
-    finally:
-        fleet.end()
-
-
 @pytest.fixture(scope="module")
-def fleet(base) -> Iterator[Fleet]:
-    yield from shared_fleet(base, *DEVICES, "--step", "1", "--seed", "7")
-
-
-@pytest.fixture
-def start_fleet(base, request) -> Iterator:
-    """Only in tests that do not use the shared fleet, which runs until the last of its tests."""
+def start_fleet(base) -> Iterator:
+    """One fleet at a time."""
     fleets: list[Fleet] = []
 
     def start(*options: str) -> Fleet:
@@ -155,6 +119,11 @@ def start_fleet(base, request) -> Iterator:
         started.end()
 
 
+@pytest.fixture(scope="module")
+def fleet(start_fleet) -> Fleet:
+    return start_fleet(*DEVICES, "--step", "1", "--seed", "7", "--faults-per-hour", "7200").wait_answering()
+
+
 def script(*arguments: str, timeout: float = 60.0, **options) -> subprocess.CompletedProcess:
     return subprocess.run([SCRIPT, *arguments], capture_output=True, text=True, timeout=timeout, check=False, **options)
 
@@ -163,24 +132,21 @@ def script(*arguments: str, timeout: float = 60.0, **options) -> subprocess.Comp
 
 
 def test_each_device_answers_at_its_address_with_its_name_and_location(fleet):
-    assert [device.address for device in fleet.devices] == [f"127.1.0.{place + 1}" for place in range(len(fleet.devices))]
-    assert {device.port for device in fleet.devices} == {161}
-    answers = [(fleet.try_get(device, MODEL_NUMBER), fleet.try_get(device, SYS_NAME), fleet.try_get(device, SYS_LOCATION))
-               for device in fleet.devices]
-    assert [(model, name) for model, name, _ in answers] == [(str(device.model), device.name) for device in fleet.devices]
-    assert len({location for _, _, location in answers}) == len(answers)
-    assert len({device.name for device in fleet.devices}) == len(answers)
+    for place, device in enumerate(fleet.devices, 1):
+        assert (device.address, device.port) == (f"127.1.0.{place}", 161)
+        assert fleet.try_get(device, MODEL_NUMBER) == str(device.model)
+        assert fleet.try_get(device, SYS_NAME) == device.name
+    places = [fleet.try_get(device, SYS_LOCATION) for device in fleet.devices]
+    assert len(set(places)) == len(places) == len({device.name for device in fleet.devices})
 
 
 def test_the_inventory_is_what_a_search_of_the_network_finds(fleet):
-    places = f"{fleet.devices[0].address}-{fleet.devices[-1].address}"
-    search = [str(CHECKOUT / "monitoring/discover/kvsnmp-discover"), "--format", "prometheus", places]
-    found = fleet.run(fleet.devices[0], *search)
-    assert json.loads(fleet.inventory.read_text()) == json.loads(found)
-    assert len(json.loads(found)) == len(fleet.devices)
+    found = json.loads(fleet.run(fleet.devices[0], str(CHECKOUT / "monitoring/discover/kvsnmp-discover"), "--format",
+                                 "prometheus", f"{fleet.devices[0].address}-{fleet.devices[-1].address}"))
+    assert json.loads(fleet.inventory.read_text()) == found and len(found) == len(fleet.devices)
 
 
-def test_list_and_exec(fleet):
+def test_list_exec_and_stop_of_a_single_device(fleet):
     lines = [line.split("\t") for line in script("list").stdout.splitlines()]
     assert [line[:4] for line in lines] == [
         [device.name, f"model {device.model}", f"{device.address}:161", "running"] for device in fleet.devices]
@@ -189,6 +155,9 @@ def test_list_and_exec(fleet):
     assert script("exec", "--name", last, "--", "sh", "-c", "exit 7").returncode == 7
     expected = "".join(f"== {device.name}\n{device.name}\n" for device in fleet.devices)
     assert script("exec", "--", "hostname").stdout == expected
+    done = subprocess.run([CHECKOUT / "scripts/device", "stop", "--name", last], capture_output=True, text=True,
+                          check=False)
+    assert done.returncode == 1 and f"{last} is in a fleet" in done.stderr
 
 
 def test_a_device_has_its_own_processes_and_system_log(fleet):
@@ -206,26 +175,17 @@ def test_a_device_has_its_own_processes_and_system_log(fleet):
     wait_until(lambda: fleet.try_get(first, MODEL_NUMBER), 30, what="first device answers")
 
 
-def test_a_device_of_a_fleet_is_not_stopped_alone(fleet):
-    done = subprocess.run([CHECKOUT / "scripts/device", "stop", "--name", fleet.devices[0].name], capture_output=True,
-                          text=True, check=False)
-    assert done.returncode == 1 and f"{fleet.devices[0].name} is in a fleet" in done.stderr
-
-
-def test_values_move_within_their_range(fleet):
+def test_values_move_within_their_range_and_faults_are_raised(fleet):
     for device in fleet.devices:
-        control = Control(device)
-        if not walk.values_of(control.state()):
-            continue
-        before = {value.path: value.start for value in walk.values_of(control.state())}
+        def values() -> dict[str, str]:
+            return {value.path: value.start for value in walk.values_of(state_of(device))}
 
-        def moved() -> dict[str, str]:
-            now = walk.values_of(control.state())
-            return {value.path: value.start for value in now if value.start != before[value.path]}
-
-        assert len(wait_until(lambda: len(moved()) >= 3 and moved(), 30, 0.2, "values moved")) < len(before)
+        if before := values():
+            moved = wait_until(lambda: len(new := values().items() - before.items()) >= 3 and new, 30, 0.2, "moved")
+            assert len(moved) < len(before)
         assert {path.rpartition("/")[2] for path in before} <= set(walk.SPANS)
-        assert not out_of_range(control.state()), device
+        assert not out_of_range(state_of(device)), device
+    wait_until(lambda: any("trapDescription.0" in trap for trap in fleet.traps()), 30, 0.2, "a fault of the walk")
 
 
 def out_of_range(state: ElementTree.Element) -> list[str]:
@@ -241,33 +201,30 @@ def out_of_range(state: ElementTree.Element) -> list[str]:
 
 
 def test_every_trap_of_a_flood_is_received_and_names_its_device(fleet):
-    known = len(fleet.traps())
-    controls = [Control(device) for device in fleet.devices]
+    raised = 'fault raise tests flood{0} custom_msg notice "flood {0}"\n'
+    lines = "".join(f"{number * FLOOD_SECONDS / FAULTS} {raised.format(number)}" for number in range(FAULTS))
     started = time.monotonic()
-    for number in range(FAULTS):
-        for control in controls:
-            control.send("fault", "raise", "tests", f"flood{number}", "custom_msg", "notice", f"flood {number}")
-        time.sleep(max(0.0, started + (number + 1) * 0.8 * FAULT_SECONDS / FAULTS - time.monotonic()))  # the rate of the flood
-    assert time.monotonic() - started < FAULT_SECONDS
-    expected = {(device.address, device.name, f"flood {number}") for device in fleet.devices for number in range(FAULTS)}
+    with ThreadPoolExecutor(len(fleet.devices)) as pool:
+        list(pool.map(lambda device: talctl(device, "replay", "-", input=lines), fleet.devices))
+    assert time.monotonic() - started < 10
+    expected = {(device.address, device.name, f"flood {number}")
+                for device in fleet.devices for number in range(FAULTS)}
 
     def received() -> Counter:
         return Counter((trap["snmpTrapAddress.0"], trap["trapHostName.0"], trap["trapDescription.0"])
-                       for trap in fleet.traps()[known:] if trap.get("trapDescription.0", "").startswith("flood "))
+                       for trap in fleet.traps() if trap.get("trapDescription.0", "").startswith("flood "))
 
     try:
         wait_until(lambda: set(received()) == expected, 30, 0.5, "all traps received")
     finally:
-        print(f"{len(received())} of {len(expected)} traps received, {sum(received().values())} in all")
+        print(f"{len(received())} of {len(expected)} traps received, {received().total()} in all")
     assert set(received().values()) == {1}
-    for control in controls:
-        for number in range(FAULTS):
-            control.send("fault", "clear", "tests", f"flood{number}")
 
 
 def test_stop_ends_the_fleet(fleet):
-    """The last test with the shared fleet."""
-    assert fleet.complaints() == []
+    for device in fleet.devices:
+        assert list((device.root / "var/log").glob("sanitizer.*")) == []
+        assert not re.search("QObject::|runtime error:", (device.root / "var/log/kvsnmp.err").read_text())
     assert script("stop").returncode == 0
     assert fleet.process.wait(20) == 0
     assert registry.running() == []
@@ -275,7 +232,34 @@ def test_stop_ends_the_fleet(fleet):
     assert done.returncode == 1 and "no fleet is running; start one with:" in done.stderr
 
 
-# The end
+def test_the_next_start_clears_what_a_kill_has_left_and_ctrl_c_leaves_nothing(start_fleet, base):
+    killed = start_fleet("--count", "2")
+    killed.wait_devices(2)
+    # Only from then on bubblewrap's processes end with the fleet's.
+    logs = [device.root / "var/log/dbus-daemon.log" for device in killed.devices]
+    wait_until(lambda: all(log.exists() for log in logs), what="the shells of the devices")
+    assert killed.end(signal.SIGKILL) != 0
+    assert all(device.folder.exists() for device in killed.devices)
+    fleet = start_fleet("--models", "6410,6420", "--base-port", "2161", "--trap-target", "127.0.0.1:2000",
+                        "--panel", "8080").wait_answering()
+    wait_until(lambda: all(is_gone(device.first_process) for device in killed.devices), what="killed devices ended")
+    assert not any(device.folder.exists() for device in killed.devices)
+    assert [(device.name, device.address, device.port) for device in fleet.devices] == [
+        ("controller-6410-01", "127.0.0.1", 2161), ("amplifier-6420-01", "127.0.0.1", 2162)]
+    for device in fleet.devices:
+        assert fleet.try_get(device, SYS_NAME) == device.name
+        assert "trap2sink 127.0.0.1:2000\n" in (device.root / "etc/snmp/snmpd.conf").read_text()
+    page = ["python3", "-c", "import urllib.request as r; print(r.urlopen('http://127.0.0.1:8080/').status)"]
+    wait_until(lambda: "200" in fleet.run(fleet.devices[0], *page, check=False), 30, 0.5, "front panel answers")
+    owner = fleet.devices[0].owner
+    children = [int(number) for number in Path(f"/proc/{owner}/task/{owner}/children").read_text().split()]
+    assert len(children) == 3  # two sandboxes and the panel: no receiver of traps
+    assert fleet.end(signal.SIGINT) == 0
+    assert all(is_gone(process) for process in children + [device.first_process for device in fleet.devices])
+    assert list(base.glob("kvsnmp-devices-*/*")) == []
+
+
+# Files and errors
 
 
 def test_a_reader_never_sees_half_an_inventory(tmp_path):
@@ -285,34 +269,6 @@ def test_a_reader_never_sees_half_an_inventory(tmp_path):
         fleetcli.write_inventory(str(file), [])
         assert reader.read() == "the whole list of before"
     assert list(tmp_path.iterdir()) == [file] and json.loads(file.read_text()) == []
-
-
-def test_ctrl_c_leaves_nothing_behind(start_fleet, base):
-    fleet = start_fleet("--count", "2", "--base-port", "2161", "--faults-per-hour", "36000", "--step", "1",
-                        "--panel", "8080").wait_answering()
-    assert [(device.address, device.port) for device in fleet.devices] == [("127.0.0.1", 2161), ("127.0.0.1", 2162)]
-    assert [fleet.try_get(device, SYS_NAME) for device in fleet.devices] == [device.name for device in fleet.devices]
-    page = ["python3", "-c", "import urllib.request as r; print(r.urlopen('http://127.0.0.1:8080/').status)"]
-    wait_until(lambda: "200" in fleet.run(fleet.devices[0], *page, check=False), 30, 0.5, "front panel answers")
-    wait_until(lambda: any("trapDescription.0" in trap for trap in fleet.traps()), 30, 0.2, "a fault of the walk")
-    children = fleet.children()
-    assert len(children) == 4
-    processes = children + [device.first_process for device in fleet.devices]
-    assert fleet.end(signal.SIGINT) == 0
-    assert all(is_gone(process) for process in processes)
-    assert list(base.glob("kvsnmp-devices-*/*")) == []
-
-
-def test_after_a_kill_the_next_start_clears_what_is_left(start_fleet):
-    killed = start_fleet("--count", "2").wait_answering()
-    assert killed.end(signal.SIGKILL) != 0
-    assert all(device.folder.exists() for device in killed.devices)
-    second = start_fleet("--models", "6410", "--trap-target", "127.0.0.1:2000").wait_answering()
-    wait_until(lambda: all(is_gone(device.first_process) for device in killed.devices), what="killed devices ended")
-    assert [device.name for device in second.devices] == ["controller-6410-01"]
-    assert not any(device.folder.exists() for device in killed.devices)
-    assert "trap2sink 127.0.0.1:2000\n" in (second.devices[0].root / "etc/snmp/snmpd.conf").read_text()
-    assert len(second.children()) == 1  # no receiver of traps
 
 
 def test_clear_errors(base):

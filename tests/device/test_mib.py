@@ -7,9 +7,9 @@ import subprocess
 
 import pytest
 from support import catalogue
-from support.catalogue import CODES, COLUMN_OIDS, OBJECTS, SEVERITIES, STATIONS, TABLES, TRAPS, WORDS, Scalar
+from support.catalogue import CODES, OBJECTS, SEVERITIES, STATIONS, TABLES, TRAPS, WORDS, Scalar
 from support.mib import BASE_MODULES, MIB_ENVIRONMENT, MIB_FILE, MODULE, SERVED_TYPE, compile_mib, mib
-from support.snmp import PRIVATE_MIB, Variable
+from support.snmp import PRIVATE_MIB
 from support.walks import WALKS
 
 NOTIFICATION_OBJECTS = ["trapProduct", "trapHostName", "trapLevel", "trapTime", "trapDescription"]
@@ -67,17 +67,6 @@ def test_everything_served_is_in_the_mib_by_name_with_its_type_and_values():
         said = run("snmptranslate", *(variable.oid for variable in walk.golden), **MIB_ENVIRONMENT)
         assert [line for line in said.splitlines() if line] == names, walk.name
     assert served == set(readable())
-
-
-@pytest.mark.parametrize("variable, complaint", [
-    (Variable(f"{COLUMN_OIDS['powerLive']}.1", "INTEGER", "4"), "powerLive: 4 is not in its enumeration"),
-    (Variable(f"{COLUMN_OIDS['powerLive']}.3", "INTEGER", "3"), "powerLive: [3] is no index in [(1, 2)]"),
-    (Variable(f"{COLUMN_OIDS['powerLive']}.1", "Gauge32", "3"), "powerLive: served as Gauge32, the MIB says INTEGER"),
-    (Variable(f"{COLUMN_OIDS['letChannel1SoftwareVersion']}.1", "STRING", "x" * 21),
-     "letChannel1SoftwareVersion: size 21 is not in [(0, 20)]"),
-], ids=["code", "index", "type", "size"])
-def test_the_check_of_served_values_finds_what_is_wrong(variable, complaint):
-    assert mib().complaint(variable) == complaint
 
 
 def test_every_index_and_integer_has_a_range():
@@ -162,33 +151,29 @@ def test_notifications_are_those_of_the_trap_table():
         trap.name: (f"{PRIVATE_MIB}.2.8.{trap.arc}", trap.switch, trap.identifiers) for trap in TRAPS}  # no 0 in between
 
 
-@pytest.mark.parametrize("name", [trap.name for trap in TRAPS])
-def test_notification_says_what_shows_its_end(name):
-    assert [item["object"] for item in mib().nodes[name]["objects"]] == NOTIFICATION_OBJECTS
-    text = mib().notifications[name].description
-    columns = [mib().objects[word] for word in re.findall(r"\w+", text) if word in readable()]
-    assert columns or "no object of this module shows" in text.lower()
-    for state, code in STATE.findall(text):
-        assert any(column.enumeration.get(int(code)) == state for column in columns), f"{state}({code})"
-    assert "sysName (1.3.6.1.2.1.1.5, without an instance) stands between trapHostName and trapLevel" in text
+def test_notifications_say_what_shows_their_end():
+    for name, item in mib().notifications.items():
+        assert [shown["object"] for shown in mib().nodes[name]["objects"]] == NOTIFICATION_OBJECTS
+        columns = [mib().objects[word] for word in re.findall(r"\w+", item.description) if word in readable()]
+        assert columns or "no object of this module shows" in item.description.lower(), name
+        for state, code in STATE.findall(item.description):
+            assert any(column.enumeration.get(int(code)) == state for column in columns), f"{name}: {state}({code})"
+        assert ("sysName (1.3.6.1.2.1.1.5, without an instance) stands between trapHostName and trapLevel"
+                in item.description)
 
 
-def models_with(table: str, description: str) -> list[int]:
-    return [model for model in catalogue.MODELS if description in dict(catalogue.rows(table, model)).values()]
+def test_notifications_say_on_which_models_their_end_shows():
+    def models_with(table: str, description: str) -> list[int]:
+        return [model for model in catalogue.MODELS if description in dict(catalogue.rows(table, model)).values()]
 
-
-ENDS_SHOWN_ON = dict.fromkeys(["missingAmplifierModule", "amplifierShutdown", "amplifierDisabled"],
-                              models_with("ampChannelTable", "Channel 1"))
-ENDS_SHOWN_ON |= {"lineInFault": models_with("lineInTable", "Line In 1"), "dcPowerFault": [6410, 6420],
-                  "acPowerFault": [6410, 6420], "microphoneError": models_with("lineInTable", "Microphone Extern"),
-                  "missingEmbdrModule": STATIONS}
-
-
-@pytest.mark.parametrize("name", ENDS_SHOWN_ON)
-def test_notification_says_on_which_models_its_end_shows(name):
-    text = text_of(name)
-    assert [int(number) for number in re.findall(r"\b\d{4}\b", text)] == ENDS_SHOWN_ON[name]
-    assert re.search(r"no object of this module shows (it|its end) on other (models|devices)", text)
+    amplifiers = models_with("ampChannelTable", "Channel 1")
+    for name, models in {"missingAmplifierModule": amplifiers, "amplifierShutdown": amplifiers,
+                         "amplifierDisabled": amplifiers, "lineInFault": models_with("lineInTable", "Line In 1"),
+                         "dcPowerFault": [6410, 6420], "acPowerFault": [6410, 6420],
+                         "microphoneError": models_with("lineInTable", "Microphone Extern"),
+                         "missingEmbdrModule": STATIONS}.items():
+        assert [int(number) for number in re.findall(r"\b\d{4}\b", text_of(name))] == models, name
+        assert re.search(r"no object of this module shows (it|its end) on other (models|devices)", text_of(name)), name
 
 
 def test_objects_of_notifications_cannot_be_read():

@@ -2,6 +2,7 @@
 receives. The unit tests check the files for all their models."""
 from __future__ import annotations
 
+from collections.abc import Callable
 from itertools import cycle
 from typing import NamedTuple
 
@@ -75,9 +76,7 @@ ROWS = [
 
 class Bench:
     def __init__(self, device: Device) -> None:
-        self.device = device
-        self.traps = TrapReceiver(device)
-        self.faults = Faults(device)
+        self.device, self.traps, self.faults = device, TrapReceiver(device), Faults(device)
 
     def play(self, row: Row, after: int, until: int) -> None:
         """The lines of a stage without their pauses."""
@@ -86,16 +85,20 @@ class Bench:
         self.device.run(["talctl", "replay", "-", "--speed", "1e6"], input="\n".join(stage))
         steps.apply(self.device)
 
-    def cells(self) -> dict[str, str]:
-        return {variable.oid: variable.text for variable in self.device.snmp.walk()
-                if not variable.oid.startswith(COLUMN_OIDS["tempPeak"] + ".")}
+    def check(self, row: Row, action: Callable[[], object]) -> None:
+        """That an action raises the traps of a scenario, and that everything is as before at its end."""
+        def cells() -> dict[str, str]:
+            return {variable.oid: variable.text for variable in self.device.snmp.walk()
+                    if not variable.oid.startswith(COLUMN_OIDS["tempPeak"] + ".")}
 
-    def traps_of(self, action) -> list[str]:
-        """The traps that are received because of an action, with their levels."""
-        before = len(self.traps.received)
+        healthy, known = cells(), len(self.traps.received)
         action()
         self.faults.mark(self.traps)
-        return [f"{NAME_OF[trap.oid]}({trap.value(LEVEL)})" for trap in self.traps.received[before:-1]]
+        received = [f"{NAME_OF[trap.oid]}({trap.value(LEVEL)})" for trap in self.traps.received[known:-1]]
+        assert received == row.traps.split()
+        steps.apply(self.device)
+        assert cells() == healthy
+        assert self.device.talctl("fault", "list") == ""
 
 
 @pytest.fixture(scope="module")
@@ -114,9 +117,9 @@ def test_each_scenario_has_a_row():
 
 
 @pytest.mark.parametrize("row", ROWS, ids=lambda row: f"{row.name} {row.model}")
-def test_stage_by_stage(benches, row):
+def test_stage_by_stage_and_by_name_after_the_first_stage(benches, row):
+    """Faults that are raised already send no further trap."""
     bench = benches[row.model]
-    healthy = bench.cells()
 
     def stages() -> None:
         reached = -1
@@ -127,22 +130,9 @@ def test_stage_by_stage(benches, row):
             oids = [f"{COLUMN_OIDS[name]}.{index}" for name, _, index in (cell.partition(".") for cell in expected)]
             assert dict(zip(expected, steps.integers(bench.device, oids))) == expected, f"at {seconds} s"
 
-    assert bench.traps_of(stages) == row.traps.split()
-    assert bench.cells() == healthy
-    assert bench.device.talctl("fault", "list") == ""
-
-
-@pytest.mark.parametrize("row", ROWS, ids=lambda row: f"{row.name} {row.model}")
-def test_stopped_after_its_first_stage_and_played_by_its_name(benches, row):
-    """Faults that it has raised already send no further trap."""
-    bench = benches[row.model]
-    healthy = bench.cells()
-
     def twice() -> None:
         bench.play(row, -1, row.stages[0][0])
         bench.device.talctl("scenario", row.name, "--speed", "1000")
 
-    assert bench.traps_of(twice) == row.traps.split()
-    steps.apply(bench.device)
-    assert bench.cells() == healthy
-    assert bench.device.talctl("fault", "list") == ""
+    bench.check(row, stages)
+    bench.check(row, twice)

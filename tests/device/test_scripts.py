@@ -41,15 +41,11 @@ def shows_usage(text: str, command: list[str]) -> bool:
 
 
 @pytest.mark.parametrize("command", COMMANDS, ids=" ".join)
-def test_help_prints_the_usage_and_nothing_happens(tree, command):
+def test_help_and_an_unknown_option_print_the_usage_and_nothing_happens(tree, command):
     for option in ("--help", "-h"):
         done = run(tree, command, option)
         assert (done.returncode, done.stderr) == (0, "")
         assert shows_usage(done.stdout, command), done.stdout
-
-
-@pytest.mark.parametrize("command", COMMANDS, ids=" ".join)
-def test_an_unknown_option_is_refused(tree, command):
     done = run(tree, command, "--no-such-option")
     assert (done.returncode, done.stdout) == (2, "")
     assert shows_usage(done.stderr, command), done.stderr

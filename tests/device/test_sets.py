@@ -9,7 +9,7 @@ from support.dataservice import SETTINGS
 from support.mib import mib
 from support.rawmanager import ROOT
 from support.standard import ROOTS
-from support.target import NULL, Target, entry_of, make_target, options
+from support.target import NULL, OPTIONS, Target, entry_of, make_target
 from support.walks import Walk
 
 WRITABLE = """\
@@ -23,7 +23,8 @@ rwcommunity private 127.0.0.1
 def writable(start_shared_device):
     """A device whose snmpd.conf allows a community to write everything."""
     model = Walk(6214, COMPACT)  # with microphones, and with expanders: all the relays
-    device = start_shared_device(model.model, *options(model), "--no-kvsnmp", "--set", f"{SETTINGS}/custom_config=true")
+    device = start_shared_device(model.model, *OPTIONS, *model.options, "--no-kvsnmp",
+                                 "--set", f"{SETTINGS}/custom_config=true")
     device.path("/etc/snmp/snmpd.conf").write_text(WRITABLE)
     device.start_kvsnmp("-d", clock_shift=True)
     target = make_target(device, model)

@@ -1,5 +1,5 @@
-"""From the settings of the data service to snmpd.conf and to the restarted snmpd; full and read-only disks, and a
-folder that was mounted over. The unit tests have each line of the file, and restarts of any spacing."""
+"""From the settings of the data service to snmpd.conf and to the restarted snmpd, also with a full disk. The unit tests
+have each line of the file, files that cannot be written, and changes and restarts of any spacing."""
 from __future__ import annotations
 
 import stat
@@ -10,22 +10,28 @@ import pytest
 from support.dataservice import SETTINGS
 from support.disk import SmallDisk
 from support.inotify import FolderEvents
-from support.outages import run_probe
 from support.played import Played
 from support.polling import stays, wait_until
-from support.settingsfile import DISABLED, HEAD, NAMES, READ, SnmpSettings
 
 BARE = ["--no-simulator", "--no-dbus", "--no-traps"]
 FOLDER, CONF = "/etc/snmp", "/etc/snmp/snmpd.conf"
 CONTACT = ".1.3.6.1.2.1.1.4.0"
 EXTEND_TABLE = ".1.3.6.1.4.1.8072.1.3.2"
+HEAD = "master agentx\n"
+NAMES = "sysName amp-1\nsysContact ops\nsysLocation rack 7\n"
+READ = """\
+com2sec mynetwork 127.0.0.1 public
+com2sec6 mynetwork ::1 public
+group MyROGroup v1         mynetwork
+group MyROGroup v2c         mynetwork
+view all    included .1
+access MyROGroup ""      any       noauth    prefix  all    none   none
+agentAddress udp6:161,udp:161
+"""
 WHOLE = HEAD + NAMES + READ
 LONG = "c" * 6000  # a file with it needs two pages
 FULL = "err: snmpd.conf could not be written: No space left on device"
-IN_PLACE = "warning: snmpd.conf is written in place, it cannot be deleted: "
 CANCELLED = "SnmpdConfHandler onRestartSnmpdTimeout Cancel restart snmp, no config file\n"
-GENERATING = "Generating new snmpd.conf based on TAL values\n"
-SETTLED = "info: Tal System Config settled"
 
 
 def with_contact(contact: str) -> str:
@@ -40,7 +46,7 @@ class Configured(Played):
 
     def assert_change_is_served(self, contact: str) -> int:
         running = self.device.pids("snmpd")
-        self.change(SnmpSettings(sys_contact=contact))
+        self.send(sys_contact=contact)
         wait_until(lambda: self.conf() == with_contact(contact), 5, what="whole file")
         return self.wait_contact(contact, running)
 
@@ -60,37 +66,33 @@ def configured(start_device):
     made.service.close()
 
 
+DISABLED = """\
+#com2sec
+#com2sec6
+#group MyROGroup v1         mynetwork
+#group MyROGroup v2c         mynetwork
+#view all    included .1
+#access MyROGroup ""      any       noauth    prefix  all    none   none
+#agentAddress udp6:1611,udp:1611
+"""
 # Each case sends what differs from the one before it, so their order is part of the test.
 CASES = {
-    "read": (SnmpSettings(), WHOLE),
-    "other port, disabled": (SnmpSettings(access="Disabled", snmp_port="1611"),
-                             HEAD + NAMES + DISABLED.replace(":161", ":1611")),
-    "text beyond ASCII": (SnmpSettings(sys_location="Gebäude 3, Ü-Raum"),
+    "read": ({}, WHOLE),
+    "other port, disabled": ({"access": "Disabled", "snmp_port": "1611"},
+                             HEAD + NAMES + DISABLED),
+    "text beyond ASCII": ({"sys_location": "Gebäude 3, Ü-Raum"},
                           HEAD + NAMES.replace("rack 7", "Gebäude 3, Ü-Raum") + READ),
 }
 
 
-def test_snmpd_conf_is_written_byte_for_byte_once_for_each_change(start_device):
+def test_snmpd_conf_is_written_byte_for_byte(start_device):
     made = Configured(device := start_device(6420, *BARE))
     wait_until(lambda: made.service.has("custom_config"), 10, what="settings subscribed")
     assert not device.path(CONF).exists(), "nothing is written before the settings are known"
-    for ref, (step, node) in SnmpSettings(sys_contact="earlier").nodes().items():
-        if ref != "custom_config":
-            made.service.notify(ref, "create", f"{SETTINGS}/{step}", node)
-    wait_until(lambda: SETTLED in device.syslog_texts(), 5, what="settings timer")
-    stays(lambda: not device.path(CONF).exists() and not device.pids("snmpd"), 1, what="nothing before the last of them")
-    made.send()
-    for name, (settings, expected) in CASES.items():
-        made.change(settings)
+    for name, (leaves, expected) in CASES.items():
+        made.send(**leaves)
         wait_until(lambda: made.conf() == expected, 5, what=name)
         assert stat.S_IMODE(device.path(CONF).stat().st_mode) == 0o600, name
-
-    count = device.kvsnmp_err().count(GENERATING)
-    for number in range(100):
-        made.service.notify("mib2_settings", "replace", f"{SETTINGS}/mib_2_settings",
-                            f"<mib_2_settings><sys_location>rack {number}</sys_location></mib_2_settings>")
-    wait_until(lambda: "sysLocation rack 99\n" in made.conf(), 5, what="last location written")
-    assert device.kvsnmp_err().count(GENERATING) == count + 1, "one file for a burst of changes"
     made.service.close()
 
 
@@ -100,8 +102,7 @@ ATTACK = "extend evil /usr/bin/touch /tmp/witness"
 def test_line_feed_in_the_contact_runs_no_command(configured):
     """The same line in a file made by hand does run it."""
     device = configured.device
-    configured.sent = SnmpSettings(sys_contact=f"ops 7\n{ATTACK}")
-    configured.start()
+    configured.start(sys_contact=f"ops 7\n{ATTACK}")
     wait_until(lambda: device.snmp.try_get(CONTACT) == ("STRING", "ops 7"), 20, what="snmpd with the first line")
     assert [variable.text for variable in device.snmp.walk(EXTEND_TABLE)] in ([], ["0"])
     assert not device.path("/tmp/witness").exists()
@@ -143,58 +144,20 @@ def test_restart_sequence_and_its_times(start_device):
 # Disks
 
 
-def test_full_or_read_only_disk_leaves_snmpd_with_its_old_settings(configured):
+def test_full_disk_leaves_snmpd_with_its_old_settings(configured):
     """The disk has room for one page of two, and a half-written file is not kept."""
     device, disk = configured.device, SmallDisk(configured.device, FOLDER)
     configured.start()
     snmpd = configured.wait_contact("ops", [])
     assert configured.conf() == WHOLE
     disk.fill()
-    configured.change(SnmpSettings(sys_contact=LONG))
+    configured.send(sys_contact=LONG)
     wait_until(lambda: configured.count(FULL) == 1, 5, what="error in the system log")
     assert configured.conf() is None
     stays(lambda: device.pids("snmpd") == [snmpd], 1.5, what="the same snmpd")
     assert CANCELLED in device.kvsnmp_err()
     disk.free()
-    snmpd = configured.assert_change_is_served("after")
-
-    disk.protect()
-    settled, generated = configured.count(SETTLED), device.kvsnmp_err().count(GENERATING)
-    configured.change(SnmpSettings(sys_contact="cannot be written"))
-    wait_until(lambda: configured.count(SETTLED) > settled, 5, what="settings received")
-    stays(lambda: configured.conf() == with_contact("after") and device.pids("snmpd") == [snmpd], 1.5,
-          what="all as before")
-    assert device.kvsnmp_err().count(GENERATING) == generated  # intended: no line about this one
-    disk.protect(False)
-    configured.assert_change_is_served("last")
-
-
-def test_settings_file_that_is_a_mount_is_written_in_place(configured):
-    device = configured.device
-    device.path("/etc/kept").mkdir()
-    kept = device.path("/etc/kept/snmpd.conf")
-    kept.write_text("# older and longer\n" * 200)
-    kept.chmod(0o644)
-    device.path(CONF).write_text("# below the mount\n")
-    device.run(["mount", "--bind", "/etc/kept/snmpd.conf", CONF])
-    configured.start()
-    configured.wait_contact("ops", [])
-    assert (kept.read_text(), stat.S_IMODE(kept.stat().st_mode)) == (WHOLE, 0o600)
-    assert configured.count(f"{IN_PLACE}Device or resource busy") == 1
     configured.assert_change_is_served("after")
-    assert device.read(CONF) == "# below the mount\n"
-
-
-def test_folder_that_was_mounted_over_is_found_by_the_probe(configured):
-    """A mount causes no event; the probe runs every ten minutes."""
-    configured.start()
-    snmpd = configured.wait_contact("ops", [])
-    disk = SmallDisk(configured.device, FOLDER)
-    (disk.folder / "snmpd.conf").write_text(with_contact("mounted"))
-    stays(lambda: configured.device.pids("snmpd") == [snmpd], 1.0, what="not noticed")
-    run_probe(configured.device)
-    configured.wait_contact("mounted", [snmpd])
-    configured.assert_change_is_served("by settings")
 
 
 def test_local_file_restarts_snmpd_unless_it_is_edited_in_place(configured):
@@ -207,13 +170,3 @@ def test_local_file_restarts_snmpd_unless_it_is_edited_in_place(configured):
     stays(lambda: device.pids("snmpd") == [snmpd], 2.0, what="an edit in place restarts nothing")
     device.run(["sed", "-i", "s/second/third/", local])
     device.wait_snmpd(other_than=[snmpd])
-
-
-def test_changes_of_any_spacing_end_in_one_snmpd_with_the_newest(configured):
-    """Most of them when one restart overlaps another."""
-    configured.start()
-    for spacing in (100, 480, 510, 540, 620, 900):  # ms
-        configured.change(SnmpSettings(sys_contact="overtaken"))
-        time.sleep(spacing / 1000)
-        configured.change(SnmpSettings(sys_contact=f"after {spacing}"))
-        configured.wait_contact(f"after {spacing}", [])

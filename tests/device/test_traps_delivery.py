@@ -2,7 +2,6 @@
 trap was sent is still sent if snmpd was only busy, and never if it was gone."""
 from __future__ import annotations
 
-import functools
 import signal
 import time
 
@@ -13,7 +12,6 @@ from support.process import memory_kb
 from support.traps import Faults, TrapReceiver, send_results, switch
 
 RESTARTING = "SnmpdConfHandler onRestartSnmpdTimeout Restarting snmpd\n"
-DISCONNECTED = "AgentX master disconnected us"  # the agent library's own words
 RESTARTS = 6
 PING_INTERVAL = 100  # seconds: the library pings snmpd only when the test moves the clock
 
@@ -39,18 +37,6 @@ class Bench:
             self.device.shift_clock(PING_INTERVAL + 1)
         self.device.wait_answering()
 
-    def restart(self) -> None:
-        snmpd = self.device.pids("snmpd")
-        self.device.stir_snmpd_folder()
-        self.device.wait_snmpd(other_than=snmpd)
-        self.connect()
-
-    def kill_snmpd(self) -> None:
-        """Until the daemon has noticed."""
-        known = self.device.kvsnmp_err().count(DISCONNECTED)
-        self.device.kill(self.device.wait_snmpd(), signal.SIGKILL)
-        wait_until(lambda: self.device.kvsnmp_err().count(DISCONNECTED) > known, what="session given up")
-
     def assert_each_once(self, topic: str, count: int) -> None:
         self.faults.mark(self.traps, timeout=60)
         counts = self.traps.counts(f"{topic} ")
@@ -62,41 +48,13 @@ class Bench:
 
 
 @pytest.fixture(scope="module")
-def benches(start_shared_device):
-    return functools.cache(lambda pings: Bench(start_shared_device, pings))
+def bench(start_shared_device):
+    return Bench(start_shared_device)
 
 
-@pytest.fixture
-def bench(benches):
-    bench = benches(True)
-    yield bench
-    bench.faults.clear_everything()
-
-
-@pytest.fixture
-def silent(benches):
-    bench = benches(False)
-    yield bench
-    bench.faults.clear_everything()
-
-
-def test_faults_raised_without_snmpd_are_sent_when_it_runs(bench):
-    bench.faults.raise_all("let_fail", bench.faults.new_texts("before", 3))
-    bench.assert_each_once("before", 3)
-    bench.kill_snmpd()
-    texts = bench.faults.new_texts("without", 4)
-    bench.faults.raise_all("let_fail", texts)
-    bench.faults.clear_all(texts[3:])  # a fault that ends meanwhile is never sent
-    wait_until(lambda: "Remove Fault: [tests]" in bench.device.kvsnmp_err().rpartition(DISCONNECTED)[2],
-               what="faults received")
-    assert set(send_results(bench.device, texts[0])) == {"FAILED"}
-    # One line for each attempt, not for each waiting fault.
-    assert [send_results(bench.device, text) for text in texts[1:]] == [[], [], []]
-    bench.restart()
-    bench.traps.wait_for(*texts[:3], timeout=5)  # without any further message
-    bench.assert_each_once("without", 3)
-    bench.assert_each_once("before", 3)
-    assert send_results(bench.device, texts[0])[-1] == "SUCCESS"
+@pytest.fixture(scope="module")
+def silent(start_shared_device):
+    return Bench(start_shared_device, pings=False)
 
 
 def test_faults_over_many_restarts_are_each_received_once(bench):
@@ -161,6 +119,7 @@ def test_five_thousand_waiting_faults_whose_trap_is_enabled(bench):
 def test_a_burst_of_two_thousand_faults_raised_and_cleared(bench):
     """However soon it ends, each fault is sent once."""
     faults = bench.faults
+    faults.clear_everything()
     lines = [line for text in faults.new_texts("burst", 2000)
              for line in (faults.raise_line("let_fail", text), faults.clear_line(text))]
     bench.device.talctl_batch(lines)
@@ -186,7 +145,11 @@ def test_faults_that_meet_a_dead_snmpd_before_the_daemon_knows(silent):
     faults.raise_all("let_fail", present)
     device.kill(kvsnmp, signal.SIGCONT)
     silent.wait_ended(ended[-1])
-    silent.restart()
+    assert send_results(device, present[0]).count("SUCCESS") == 0
+    device.stir_snmpd_folder()
+    device.wait_snmpd(other_than=[snmpd])
+    silent.connect()
+    silent.traps.wait_for(*present)  # without any further message
     silent.assert_each_once("present", 20)
     assert silent.traps.with_description(*ended) == []
 

@@ -3,16 +3,13 @@ catalogue. The unit tests of the parsers and tables have every model, word and n
 from __future__ import annotations
 
 import pytest
-from support import catalogue, steps
+from support import steps
 from support.catalogue import COLUMN_OIDS, EXTENDED, PARSERS, WORDS, feeds
 from support.device import Device
 from support.mib import mib
-from support.played import Played
 from support.snmp import Variable
-from support.steps import Command, put, write
+from support.steps import put, write
 
-LINE_CONFIG = "/state/config/lines/line[kid='{}']"
-CLASS_D = "/state/class_d_amp_status/status"
 VOLTAGE, VOLTAGE_PATH = f"{COLUMN_OIDS['voltageValue']}.3", "/state/power_lines/power_line[kid='3v3']/voltage"
 
 # Text, and what is served for it as thousandths, as tenths, as digits, and as an INTEGER (above 2147483647 with the
@@ -75,18 +72,6 @@ def test_every_text_reaches_its_cells(subjects, model):
         subject.assert_served({path: words_of(subject.paths[path])[text] for path, text in chosen.items()})
 
 
-def test_delete_and_create(subjects):
-    subject = subjects[6420]
-    good = {path: next(iter(words_of(parser).items())) for path, parser in subject.paths.items()}
-    created = {path: value for path, (_, value) in good.items()}
-    subject.send({path: text for path, (text, _) in good.items()})
-    steps.apply(subject.device, [["delete", path] for path in subject.paths])
-    deleted = {path: PARSERS[parser]["delete"] for path, parser in subject.paths.items()}
-    subject.assert_served({path: value if value.isdigit() else created[path] for path, value in deleted.items()})
-    steps.apply(subject.device, [put(path, text) for path, (text, _) in good.items()])
-    subject.assert_served(created)
-
-
 def test_a_table_keeps_its_values_for_60_seconds(subjects):
     device = subjects[6420].device
     steps.apply(device, [put(VOLTAGE_PATH, "1.5")])
@@ -96,9 +81,6 @@ def test_a_table_keeps_its_values_for_60_seconds(subjects):
     assert steps.integers(device, [VOLTAGE]) == [1500]
     device.shift_clock(11)
     assert steps.integers(device, [VOLTAGE]) == [2500]
-
-
-# The amplifier monitor
 
 
 @pytest.mark.parametrize("kind, column", [("gpo", "controlOutputState"), ("gpi", "controlInputStatus")])
@@ -111,66 +93,27 @@ def test_inputs_and_outputs_of_the_amplifier_monitor(subjects, kind, column):
         assert steps.integers(device, oids) == [states[text] for text in chosen]
 
 
-def column(device: Device, name: str, indices: range) -> list[int]:
-    return steps.integers(device, [f"{COLUMN_OIDS[name]}.{index}" for index in indices])
-
-
-LET_PLACES = range(1, 11)
-
-
-def let_commands() -> list[Command]:
-    """LETs 1 to 3 are switched off; odd ones are present. On channel 2 they are counted from 10 downwards."""
-    commands = []
-    for channel in (0, 1):
-        for place in LET_PLACES:
-            let = place if channel == 0 else 11 - place
-            enabled = f"{LINE_CONFIG.format(f'ch{channel + 1}')}/lets/let[kid='{let}']/enabled"
-            commands += [*write(enabled, "true" if place > 3 else "false"),
-                         ["monitor", "let", str(channel), str(let), str(1 + place % 2)]]
-    return commands
-
-
-@pytest.mark.parametrize("class_d, enabled, monitor, status", [
-    ("ok", "true true", "2 1", [3, 5]), ("ok", "false true", "2 2", [2, 3]), ("failed", "true true", "2 1", [4, 4])])
-def test_channel_and_let_statuses(subjects, class_d, enabled, monitor, status):
+def test_statuses_of_channels_and_transponders(subjects):
+    """From the data service and the amplifier monitor."""
     device = subjects[6420].device
-    commands = write(CLASS_D, class_d)
-    for channel, (switch, code) in enumerate(zip(enabled.split(), monitor.split())):
-        commands += [*write(f"{LINE_CONFIG.format(f'ch{channel + 1}')}/enable", switch),
-                     ["monitor", "amp", str(channel), code]]
-    steps.apply(device, commands)
-    assert column(device, "ampChannelStatus", range(1, 3)) == status
-    steps.apply(device, let_commands())
-    in_operation = [2, 2, 2, 4, 3, 4, 3, 4, 3, 4]
-    for place, numbers in enumerate((LET_PLACES, LET_PLACES[::-1])):
-        expected = in_operation if status[place] == 3 else [1] * 10
-        assert column(device, f"letChannel{place + 1}Status", numbers) == expected
+    commands = write("/state/class_d_amp_status/status", "ok")
+    for channel in (0, 1):
+        line = f"/state/config/lines/line[kid='ch{channel + 1}']"
+        commands += [*write(f"{line}/enable", "true"), ["monitor", "amp", str(channel), "2"]]
+        for let, enabled, presence in [(3, "false", 1), (4, "true", 1), (5, "true", 2)]:
+            commands += [*write(f"{line}/lets/let[kid='{let}']/enabled", enabled),
+                         ["monitor", "let", str(channel), str(let), str(presence)]]
+    steps.apply(device, [*commands, ["monitor", "amp", "0", "2"], ["monitor", "amp", "1", "2"]])
+    for channel in (1, 2):
+        lets = [f"{COLUMN_OIDS[f'letChannel{channel}Status']}.{let}" for let in (3, 4, 5)]
+        assert steps.integers(device, [f"{COLUMN_OIDS['ampChannelStatus']}.{channel}", *lets]) == [3, 2, 4, 3]
+    steps.apply(device, [["monitor", "amp", "0", "1"], *write("/state/config/lines/line[kid='ch2']/enable", "false")])
+    assert steps.integers(device, [f"{COLUMN_OIDS['ampChannelStatus']}.{channel}" for channel in (1, 2)]) == [5, 2]
 
 
-def test_starting_values(start_device):
-    """Of a data service that sends the SNMP settings, which start snmpd, and nothing else."""
-    played = Played(start_device(6420, "--clock-shift", "--no-simulator", "--no-dbus", "--no-traps"))
-    played.send()
-    played.device.wait_answering().wait_subscribed()
-    found: dict[str, list[str]] = {}
-    expected = catalogue.first_values(6420, False)
-    for variable in played.device.snmp.walk():
-        assert not mib().complaint(variable)
-        name = mib().resolve(variable.oid)[0].name
-        if name in expected:
-            found.setdefault(name, []).append(variable.text)
-    played.service.close()
-    assert found == expected
-
-
-# Managers that other tests do not use
-
-
-def test_ipv6_managers_are_answered(subjects):
-    assert subjects[6420].device.snmp.get(VOLTAGE, address="udp6:[::1]")[0][0] == "Gauge32"
-
-
-def test_other_communities_are_not_answered(subjects):
-    done = subjects[6420].device.snmp.tool("snmpget", [VOLTAGE], check=False,
-                                           access=["-v2c", "-c", "guess", "-r", "0", "-t", "0.5"])
+def test_other_managers(subjects):
+    """Over IPv6, and with a wrong community."""
+    snmp = subjects[6420].device.snmp
+    assert snmp.get(VOLTAGE, address="udp6:[::1]")[0][0] == "Gauge32"
+    done = snmp.tool("snmpget", [VOLTAGE], check=False, access=["-v2c", "-c", "guess", "-r", "0", "-t", "0.5"])
     assert done.returncode != 0 and "Timeout" in done.stderr

@@ -30,8 +30,6 @@ DEVICES, ALERTMANAGER = FOLDER / "kvsnmp-devices.json", FOLDER / "alertmanager.y
 ALERTS_MD = CHECKOUT / "docs/alerts.md"
 UNPACKED = CHECKOUT / "build/monitoring/root"  # by scripts/install-deps monitoring
 
-# Metrics of Prometheus and of the exporter.
-FOREIGN = {"up", "ALERTS", "snmp_scrape_duration_seconds"}
 METRIC = re.compile(r"\b(kvsnmp[_:][\w:]+|up|ALERTS|snmp_\w+)\b(?=[{\[\s)=+*/-]|$)")
 
 
@@ -73,17 +71,6 @@ def modules() -> dict[str, dict[str, Any]]:
     return {BEFORE.name: before["kvsnmp"], SINCE.name: since["modules"]["kvsnmp"]}
 
 
-def scraped_names() -> set[str]:
-    """The metrics that the exporter makes with its module."""
-    names = set()
-    for metric in modules()[BEFORE.name]["metrics"]:
-        if "regex_extracts" in metric:
-            names |= {metric["name"] + ending for ending in metric["regex_extracts"]}
-        else:
-            names.add(metric["name"] + ("_info" if metric["type"] == "EnumAsInfo" else ""))
-    return names
-
-
 def states() -> dict[str, set[str]]:
     """The words of each metric that has a series for each of them."""
     return {metric["name"]: set(metric["enum_values"].values()) for metric in modules()[BEFORE.name]["metrics"]
@@ -119,7 +106,3 @@ def queries(dashboard: Path, kind: str = "", instance: str = "$instance") -> lis
     """Of all panels, or of those of a kind; with the instance that Grafana inserts for its variable."""
     return [target["expr"].replace("$instance", instance) for panel in panels(dashboard)
             if kind in ("", panel["type"]) for target in panel["targets"]]
-
-
-def panel_queries() -> list[str]:
-    return queries(FLEET) + queries(ONE_DEVICE)

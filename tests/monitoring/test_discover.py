@@ -250,14 +250,11 @@ def test_progress_on_a_terminal_and_an_interruption_lists_what_was_found(expecte
     assert len(out.splitlines()) in (20, 21) and {line.split()[0] for line in out.splitlines()[1:]} <= set(expected)
 
 
-def test_nothing_found():
+def test_nothing_found_and_no_route():
     heading = "address,name,model,description,firmware,milliseconds\n"
     for name, text in [("table", ""), ("prometheus", "[]\n"), ("csv", heading)]:
         done = discover("--format", name, "--timeout", "0.1", "127.0.50.1-127.0.50.3", "127.0.20.1")
         assert (done.returncode, done.stdout, done.stderr) == (1, text, "kvsnmp-discover: no device found\n")
-
-
-def test_addresses_without_a_route():
     done = subprocess.run(["unshare", *["--map-root-user"] * (os.geteuid() != 0), "--net", PROGRAM, "192.0.2.0/30"],
                           capture_output=True, text=True, timeout=30, check=False)
     assert (done.returncode, done.stdout) == (2, "")

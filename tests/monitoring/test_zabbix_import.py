@@ -4,13 +4,12 @@ from __future__ import annotations
 import json
 import os
 import subprocess
-import threading
 from collections.abc import Iterator
-from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
 from typing import Any
 
 import pytest
+from jsonreceiver import JsonReceiver
 
 FOLDER = Path(__file__).resolve().parents[2] / "monitoring/zabbix"
 HOSTS = {"zabbix_export": {"version": "6.0", "groups": [{"name": "Public address"}], "hosts": [
@@ -23,24 +22,10 @@ class Api:
     def __init__(self) -> None:
         self.calls: list[dict[str, Any]] = []
         self.refused = ""
-        api = self
-
-        class Handler(BaseHTTPRequestHandler):
-            def do_POST(self) -> None:
-                body = json.dumps(api.answer(self.path, self.rfile.read(int(self.headers["Content-Length"])))).encode()
-                self.send_response(200)
-                self.end_headers()
-                self.wfile.write(body)
-
-            def log_message(self, *_) -> None:
-                pass
-
-        self.server = ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+        self.server = JsonReceiver(self.answer)
         self.url = f"http://127.0.0.1:{self.server.server_port}/zabbix"
-        threading.Thread(target=self.server.serve_forever, daemon=True).start()
 
-    def answer(self, path: str, body: bytes) -> dict[str, Any]:
-        call = json.loads(body)
+    def answer(self, path: str, call: dict[str, Any]) -> dict[str, Any]:
         assert path == "/zabbix/api_jsonrpc.php"
         if call["method"] == "user.login":
             if call["params"] != {"username": "Admin", "password": "right"}:
@@ -52,15 +37,12 @@ class Api:
             return {"error": {"message": "Application error."}}
         return {"result": True}
 
-    def imports(self) -> list[dict[str, Any]]:
-        return [call["params"] for call in self.calls if call["method"] == "configuration.import"]
-
 
 @pytest.fixture
 def api() -> Iterator[Api]:
     api = Api()
     yield api
-    api.server.shutdown()
+    api.server.stop()
 
 
 def run(api: Api, *files: Path, password: str = "right") -> tuple[int, str, str]:
@@ -80,7 +62,7 @@ def test_the_template_is_imported_whole_then_each_host(api, hosts):
     template = FOLDER / "kvsnmp-template.yaml"
     assert run(api, template, hosts) == (0, "kvsnmp-template.yaml: imported\n" + "".join(
         f"hosts.json: {number} of 3: hall ({number})\n" for number in (1, 2, 3)), "")
-    first, *others = api.imports()
+    first, *others = [call["params"] for call in api.calls if call["method"] == "configuration.import"]
     assert (first["format"], first["source"]) == ("yaml", template.read_text())
     exports = [json.loads(one["source"])["zabbix_export"] for one in others]
     assert [export["hosts"] for export in exports] == [[host] for host in HOSTS["zabbix_export"]["hosts"]]
@@ -99,6 +81,6 @@ def test_what_is_refused_ends_it_with_the_server_s_words(api, hosts):
 def test_a_file_without_hosts_is_refused(api, tmp_path, text):
     """As kvsnmp-discover leaves it that has found nothing."""
     (tmp_path / "none.json").write_text(text)
-    status, said, error = run(api, tmp_path / "none.json")
-    assert (status, said, api.calls) == (1, "", [])
-    assert error == f"zabbix-import: {tmp_path}/none.json: no hosts of kvsnmp-discover --format zabbix\n"
+    assert run(api, tmp_path / "none.json") == (
+        1, "", f"zabbix-import: {tmp_path}/none.json: no hosts of kvsnmp-discover --format zabbix\n")
+    assert api.calls == []

@@ -32,16 +32,6 @@ def debian_sources() -> str:
     return "\n".join(sorted(set(lines.splitlines()))) + "\n"
 
 
-def suite_of(sources: str) -> str:
-    return min((line.split()[2] for line in sources.splitlines()), key=len)
-
-
-def apt_proxy() -> list[str]:
-    """The proxies of this machine's apt."""
-    answer = subprocess.run(["apt-config", "dump"], capture_output=True, text=True, check=True).stdout
-    return [line for line in answer.splitlines() if line.startswith(("Acquire::http::Proxy ", "Acquire::https::Proxy "))]
-
-
 class DebianRoot:
     def __init__(self, folder: Path, debs: Path) -> None:
         self.folder = folder
@@ -51,10 +41,11 @@ class DebianRoot:
         shutil.rmtree(self.folder, ignore_errors=True)
         self.folder.parent.mkdir(parents=True, exist_ok=True)
         sources = debian_sources()
-        options = [f"--aptopt={line}" for line in apt_proxy()]
+        settings = subprocess.run(["apt-config", "dump"], capture_output=True, text=True, check=True).stdout.splitlines()
+        proxies = [f"--aptopt={line}" for line in settings if line.startswith(("Acquire::http::Proxy ", "Acquire::https::Proxy "))]
+        suite = min((line.split()[2] for line in sources.splitlines()), key=len)
         subprocess.run(["mmdebstrap", "--quiet", "--mode=root", "--variant=minbase", "--include=" + ",".join(include),
-                        "--skip=cleanup/apt/lists", *options,
-                        suite_of(sources), str(self.folder), "-"],
+                        "--skip=cleanup/apt/lists", *proxies, suite, str(self.folder), "-"],
                        input=sources, text=True, check=True)
         (self.folder / DEBS[1:]).mkdir()
         self.path("/etc/apt/apt.conf.d/90yes").write_text('APT::Get::Assume-Yes "true";\n')
@@ -70,14 +61,11 @@ class DebianRoot:
 
     def run(self, *command: str, check: bool = True) -> subprocess.CompletedProcess[str]:
         """In the root, with a separate process namespace, and the machine's network for apt."""
-        return _run(self.bwrap(*command), check)
-
-    def bwrap(self, *command: str) -> list[str]:
-        folder = str(self.folder)
-        return ["bwrap", "--die-with-parent", "--unshare-pid", "--unshare-ipc", "--bind", folder, "/", "--dev", "/dev",
-                "--proc", "/proc", "--bind", str(self.debs), DEBS, "--ro-bind", "/etc/resolv.conf", "/etc/resolv.conf",
-                "--clearenv", *[word for name, value in ENVIRONMENT.items() for word in ("--setenv", name, value)],
-                "--chdir", "/", "--", *command]
+        return _run(["bwrap", "--die-with-parent", "--unshare-pid", "--unshare-ipc", "--bind", str(self.folder), "/",
+                     "--dev", "/dev", "--proc", "/proc", "--bind", str(self.debs), DEBS,
+                     "--ro-bind", "/etc/resolv.conf", "/etc/resolv.conf", "--clearenv",
+                     *[word for name, value in ENVIRONMENT.items() for word in ("--setenv", name, value)],
+                     "--chdir", "/", "--", *command], check)
 
     def path(self, inside: str) -> Path:
         return self.folder / inside.lstrip("/")
@@ -97,16 +85,17 @@ class Booted:
         self.root = root
         self.group = cgroup_folder() / f"kvsnmp-packages-{os.getpid()}"
         self.group.mkdir()
-        self.log = open(root.folder.with_name("boot.log"), "wb")
+        self.log_file = root.folder.with_name("boot.log")
+        self.log = open(self.log_file, "wb")
         self.process = subprocess.Popen([str(BOOT_SCRIPT), str(root.folder), str(root.debs), str(self.group)],
                                         stdin=subprocess.DEVNULL, stdout=self.log, stderr=self.log)
         self.first = 0
         wait_until(self._find_first, 10, what="the first process of the root")
-        wait_until(lambda: self.state() in ("running", "degraded"), 60, what="systemd's start")
+        wait_until(lambda: self.output("systemctl", "is-system-running") in ("running", "degraded"), 60, what="systemd's start")
 
     def _find_first(self) -> bool:
         """unshare's one child."""
-        assert self.process.poll() is None, self._boot_log()
+        assert self.process.poll() is None, self.log_file.read_text(errors="replace")
         try:
             children = Path(f"/proc/{self.process.pid}/task/{self.process.pid}/children").read_text().split()
             if children and Path(f"/proc/{children[0]}/comm").read_text() == "systemd\n":
@@ -114,12 +103,6 @@ class Booted:
         except FileNotFoundError:
             pass
         return self.first != 0
-
-    def _boot_log(self) -> str:
-        return self.root.folder.with_name("boot.log").read_text(errors="replace")
-
-    def state(self) -> str:
-        return self.run("systemctl", "is-system-running", check=False).stdout.strip()
 
     def run(self, *command: str, check: bool = True) -> subprocess.CompletedProcess[str]:
         variables = [f"{name}={value}" for name, value in ENVIRONMENT.items()]

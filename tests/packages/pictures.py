@@ -11,26 +11,25 @@ import sys
 import tempfile
 from pathlib import Path
 
-from selenium import webdriver
 from selenium.webdriver.common.by import By
-from selenium.webdriver.chrome.options import Options
-from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.remote.webdriver import WebDriver
 from selenium.webdriver.support.ui import WebDriverWait
 
-OPTIONS = ["--headless", "--no-sandbox", "--disable-gpu", "--hide-scrollbars", "--no-first-run", "--disable-sync",
-           "--disable-background-networking", "--disable-component-update", "--disable-quic"]
-SECONDS = 60
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "device"))
+
+from support.browser import chromium, resize  # noqa: E402  (the path has to be set first)
+
 SETTLED = "return document.readyState == 'complete' && !document.querySelector('.is-loading')"
 
 
-def take(driver: webdriver.Chrome, step: dict, folder: Path) -> None:
-    driver.set_window_size(step.get("width", 1100), step.get("height", 1400))
+def take(driver: WebDriver, step: dict, folder: Path) -> None:
+    resize(driver, step.get("width", 1100), step.get("height", 1400))
     driver.get(step["url"])
     for name, text in step.get("fill", {}).items():
         driver.find_element(By.NAME, name).send_keys(text)
     for selector in step.get("press", []):
         driver.execute_script("arguments[0].click()", driver.find_element(By.CSS_SELECTOR, selector))
-    wait = WebDriverWait(driver, SECONDS)
+    wait = WebDriverWait(driver, 60)
     wait.until(lambda _: driver.execute_script(SETTLED))
     if "picture" in step:
         wait.until(lambda _: driver.find_elements(By.CSS_SELECTOR, step["element"]))
@@ -41,12 +40,9 @@ def take(driver: webdriver.Chrome, step: dict, folder: Path) -> None:
 
 
 def main() -> None:
-    options = Options()
-    options.binary_location = "/usr/bin/chromium"
     with tempfile.TemporaryDirectory() as home:
-        for option in [*OPTIONS, f"--user-data-dir={home}"]:
-            options.add_argument(option)
-        driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+        driver = chromium(Path(home))
+        driver.execute_cdp_cmd("Emulation.setScrollbarsHidden", {"hidden": True})
         try:
             for step in json.load(sys.stdin):
                 take(driver, step, Path(sys.argv[1]))

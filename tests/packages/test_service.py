@@ -37,7 +37,12 @@ def test_on_a_machine_that_is_no_device_the_unit_is_skipped(booted: Booted) -> N
     assert booted.output("pgrep", "-x", "kvsnmp") == ""
 
 
-def make_device(booted: Booted) -> None:
+def status_field(booted: Booted, pid: object, name: str) -> str:
+    text = booted.output("cat", f"/proc/{pid}/status")
+    return re.search(rf"^{name}:\s*(.*)$", text, flags=re.MULTILINE)[1]
+
+
+def test_it_serves_under_systemd_with_all_restrictions(booted: Booted) -> None:
     for name, text in IDENTITY.items():
         booted.root.path(f"/etc/{name}").write_text(text)
     booted.root.path("/etc/systemd/system/talservice.service").write_text(TALSERVICE)
@@ -45,35 +50,22 @@ def make_device(booted: Booted) -> None:
     booted.run("systemctl", "daemon-reload")
     booted.run("systemctl", "reload-or-restart", "dbus.service")
     booted.run("systemctl", "start", "talservice.service")
-
-
-def status_field(booted: Booted, pid: object, name: str) -> str:
-    text = booted.output("cat", f"/proc/{pid}/status")
-    return re.search(rf"^{name}:\s*(.*)$", text, flags=re.MULTILINE)[1]
-
-
-def test_it_serves_under_systemd_with_all_restrictions(booted: Booted) -> None:
-    make_device(booted)
     booted.run("systemctl", "unmask", "snmpd.service")
     booted.run("systemctl", "start", "snmpd.service")
     booted.run("systemctl", "start", "kvsnmp.service")
     assert booted.output("systemctl", "is-active", "snmpd.service") in ("inactive", "failed"), "the units conflict"
     wait_answering(booted)
 
-    pid = main_pid(booted)
+    pid, [snmpd] = main_pid(booted), snmpd_pids(booted)
     assert booted.output("cat", "/run/kvsnmp.pid") == str(pid)
     assert booted.output("cat", f"/proc/{pid}/comm") == "kvsnmp"
-    snmpd = snmpd_pids(booted)
-    assert len(snmpd) == 1
-    assert "kvsnmp.service" in booted.output("cat", f"/proc/{snmpd[0]}/cgroup")
+    assert "kvsnmp.service" in booted.output("cat", f"/proc/{snmpd}/cgroup")
     config = booted.root.path("/etc/snmp/snmpd.conf")
     assert config.read_text().startswith("master agentx\n") and stat.S_IMODE(config.stat().st_mode) == 0o600
     wait_until(lambda: booted.output("cat", "/tmp/kvsnmp.watchdogtest") == "update", 10, what="the watchdog file")
-    for process in (pid, snmpd[0]):
-        assert status_field(booted, process, "CapBnd") == CAPABILITIES
-        assert status_field(booted, process, "NoNewPrivs") == "1"
-        assert status_field(booted, process, "Seccomp") == "2"
-    assert int(status_field(booted, snmpd[0], "VmRSS").split()[0]) < 10240
+    for process in (pid, snmpd):
+        assert [status_field(booted, process, name) for name in ("CapBnd", "NoNewPrivs", "Seccomp")] == [CAPABILITIES, "1", "2"]
+    assert int(status_field(booted, snmpd, "VmRSS").split()[0]) < 10240
     assert "Starting snmpd (snmpd.conf from TAL)" in type_in(booted, "journalctl -t kv-snmp")
 
 
@@ -83,6 +75,7 @@ def mount_options(mountinfo: str, folder: str) -> str:
 
 
 def test_the_file_system_is_read_only_but_for_what_is_written(booted: Booted) -> None:
+    """The unit's two lines for GPIO are tried on another folder of /sys: this machine need not have GPIO lines."""
     def touch(path: str) -> bool:
         return booted.run("nsenter", "-t", str(main_pid(booted)), "-m", "touch", path, check=False).returncode == 0
 
@@ -93,6 +86,10 @@ def test_the_file_system_is_read_only_but_for_what_is_written(booted: Booted) ->
     for path in ("/etc/x", "/usr/x", "/var/x", "/var/log/x", "/root/x"):
         assert not touch(path), path
     assert mount_options(booted.output("cat", f"/proc/{main_pid(booted)}/mountinfo"), "/sys") == "ro"
+    folder = "/sys/class/net"
+    mounts = booted.output("systemd-run", "--quiet", "--wait", "--pipe", "-p", "ProtectSystem=strict", "-p",
+                           "ProtectKernelTunables=yes", "-p", f"ReadWritePaths=-{folder}", "cat", "/proc/self/mountinfo")
+    assert mount_options(mounts, "/sys") == "ro" and mount_options(mounts, folder) == "rw", mounts
     wait_new_snmpd(booted, snmpd, "a snmpd after the change of /etc/snmp")
 
 
@@ -114,8 +111,8 @@ def wait_for_a_trap(booted: Booted, arrived: Callable[[], bool]) -> None:
     booted.run("talctl", "fault", "clear", "amp", "1")
 
 
-def test_snmptrapd_as_the_recipe_sets_it_up_logs_a_trap(booted: Booted) -> None:
-    """Debian's snmptrapd, with its unit and its user."""
+def test_snmptrapd_and_snmptt_as_the_recipes_set_them_up_log_a_trap(booted: Booted) -> None:
+    """Debian's snmptrapd, then its SNMPTT behind it, each with its unit and its user."""
     booted.run("apt-get", "install", "--no-install-recommends", "snmptrapd")
     booted.root.path("/root/recipe").mkdir()
     booted.root.path("/root/recipe/monitoring").symlink_to("/usr/share/kvsnmp-monitoring")
@@ -127,9 +124,6 @@ def test_snmptrapd_as_the_recipe_sets_it_up_logs_a_trap(booted: Booted) -> None:
     assert booted.output("stat", "-c", "%a %U %G", "/etc/snmp/snmptrapd.conf") == "640 root Debian-snmp"
     assert config.with_name("snmptrapd.conf.~1~").read_text() == former
 
-
-def test_snmptt_as_the_recipe_sets_it_up_logs_a_trap(booted: Booted) -> None:
-    """Debian's SNMPTT behind it, each with its unit and its user."""
     type_recipe(booted, "After the commands above, on Debian 12:\n", 7)
     log = booted.root.path("/var/log/snmptt/snmptt.log")
     wait_for_a_trap(booted, lambda: log.exists() and "coolingFanFault: pa-device" in log.read_text())
@@ -163,15 +157,6 @@ def test_it_starts_where_the_folders_of_snmpd_are_missing(booted: Booted) -> Non
     assert booted.output("stat", "-c", "%a %U", "/var/agentx") == "700 root"
     booted.run("mv", "/var/lib/snmp.away", "/var/lib/snmp")
     restart(booted)
-
-
-def test_gpio_export_can_be_written_where_the_rest_of_sys_cannot(booted: Booted) -> None:
-    """The unit's two lines on another folder of /sys: this machine need not have GPIO lines."""
-    folder = "/sys/class/net"
-    look = ["systemd-run", "--quiet", "--wait", "--pipe", "-p", "ProtectSystem=strict", "-p", "ProtectKernelTunables=yes",
-            "-p", f"ReadWritePaths=-{folder}", "cat", "/proc/self/mountinfo"]
-    mounts = booted.output(*look)
-    assert mount_options(mounts, "/sys") == "ro" and mount_options(mounts, folder) == "rw", mounts
 
 
 def test_snmpd_outlives_a_stop_and_is_taken_over(booted: Booted) -> None:
@@ -214,7 +199,7 @@ def test_it_is_active_once_its_event_loop_runs(booted: Booted) -> None:
     restart(booted)
 
 
-def test_a_hung_daemon_is_noticed_and_restarted(booted: Booted) -> None:
+def test_a_hung_and_a_killed_daemon_are_restarted(booted: Booted) -> None:
     assert [shown(booted, name) for name in ("Type", "WatchdogUSec", "Restart")] == ["notify", "2min", "on-failure"]
     drop_in = add_drop_in(booted, "watchdog", "WatchdogSec=15")
     booted.run("systemctl", "restart", "kvsnmp.service")
@@ -232,6 +217,10 @@ def test_a_hung_daemon_is_noticed_and_restarted(booted: Booted) -> None:
     wait_golden_walk(booted)
     print(f"the golden walk answered again after {time.monotonic() - begin:.1f} s")
     drop_in.unlink()
+    before = main_pid(booted)
+    booted.run("kill", "-KILL", str(before))
+    wait_until(lambda: main_pid(booted) not in (0, before), 20, what="a new kvsnmp")
+    wait_answering(booted)
 
 
 def test_neither_an_idle_nor_a_polled_device_writes_to_the_journal(booted: Booted) -> None:
@@ -249,13 +238,6 @@ def test_neither_an_idle_nor_a_polled_device_writes_to_the_journal(booted: Boote
     for poll in (True, True, False, False):
         wait_next_tick(booted, poll)
     assert booted.output("journalctl", "-q", f"--after-cursor={cursor}", "-u", "kvsnmp.service") == ""
-
-
-def test_a_killed_daemon_comes_back(booted: Booted) -> None:
-    before = main_pid(booted)
-    booted.run("kill", "-KILL", str(before))
-    wait_until(lambda: main_pid(booted) not in (0, before), 20, what="a new kvsnmp")
-    wait_answering(booted)
 
 
 def test_a_wrong_model_number_causes_no_restart(booted: Booted) -> None:
@@ -287,7 +269,7 @@ def test_options_come_from_etc_default(booted: Booted) -> None:
     options.unlink()
 
 
-def test_the_drop_in_writes_debug_lines_to_the_journal(booted: Booted) -> None:
+def test_the_drop_in_writes_debug_lines_to_the_journal_and_that_for_the_library_is_accepted(booted: Booted) -> None:
     drop_in = "/etc/systemd/system/kvsnmp.service.d/debug.conf"
     assert "readModelNumber" not in booted.output("journalctl", "-u", "kvsnmp.service")
     write_shown_file(booted, drop_in)
@@ -303,13 +285,10 @@ def test_the_drop_in_writes_debug_lines_to_the_journal(booted: Booted) -> None:
                booted.output("journalctl", "-u", "kvsnmp.service"), 5, what="the monitor's announcement")
     booted.root.path(drop_in).unlink()
 
-
-def test_the_drop_in_for_the_library_is_accepted(booted: Booted) -> None:
     drop_in = "/etc/systemd/system/kvsnmp.service.d/library.conf"
     write_shown_file(booted, drop_in)
     restart(booted)
-    assert shown(booted, "PrivateDevices") == "no"
-    assert "/sys" in shown(booted, "ReadWritePaths").split()
+    assert shown(booted, "PrivateDevices") == "no" and "/sys" in shown(booted, "ReadWritePaths").split()
     booted.root.path(drop_in).unlink()
 
 
@@ -338,20 +317,21 @@ def test_the_health_probe_leaves_a_healthy_snmpd_alone_and_replaces_a_killed_one
     assert booted.output("/usr/libexec/kvsnmp/ps", "-o", "comm=", "-p", "1") == "systemd", "other words are left alone"
     drop_in.unlink()
     restart(booted)
+    done = booted.run("kvsnmp-check", check=False)
+    print(done.stdout)
+    assert done.returncode in (0, 1) and re.search(r"^ok +health-probe", done.stdout, re.MULTILINE), done.stdout
+    guide.typed.add("kvsnmp-check")
 
 
 def test_further_directives_stand_in_snmpd_local_conf(booted: Booted) -> None:
     """Here another user for snmpd, which needs the capabilities of the unit."""
     local = booted.root.path("/etc/snmp/snmpd.local.conf")
-    local.write_text("agentUser Debian-snmp\n")
-    before = snmpd_pids(booted)
-    wait_new_snmpd(booted, before, "a snmpd after the change of the folder")
-    assert status_field(booted, snmpd_pids(booted)[0], "Uid").split()[1] != "0"
-    before = snmpd_pids(booted)
-    local.unlink()
-    wait_new_snmpd(booted, before, "the other user's snmpd ended, a new one started")
-    assert len(snmpd_pids(booted)) == 1
-    assert status_field(booted, snmpd_pids(booted)[0], "Uid").split()[1] == "0"
+    for change, is_root in ((lambda: local.write_text("agentUser Debian-snmp\n"), False), (local.unlink, True)):
+        before = snmpd_pids(booted)
+        change()
+        wait_new_snmpd(booted, before, "a snmpd after the change of the folder")
+        [snmpd] = snmpd_pids(booted)
+        assert (status_field(booted, snmpd, "Uid").split()[1] == "0") == is_root
 
 
 def test_another_folder_in_place_of_etc_snmp_is_followed_and_writable_after_a_restart(booted: Booted) -> None:
@@ -368,13 +348,6 @@ def test_another_folder_in_place_of_etc_snmp_is_followed_and_writable_after_a_re
     wait_until(lambda: "sysContact replaced\n" in config.read_text(), 20, what="the settings in the new folder")
     wait_answering(booted)
     booted.run("rm", "-r", "/etc/snmp.old")
-
-
-def test_the_self_check_runs(booted: Booted) -> None:
-    done = booted.run("kvsnmp-check", check=False)
-    print(done.stdout)
-    assert done.returncode in (0, 1) and re.search(r"^ok +health-probe", done.stdout, re.MULTILINE), done.stdout
-    guide.typed.add("kvsnmp-check")
 
 
 def test_an_upgrade_of_snmpd_keeps_what_the_daemon_wrote(booted: Booted) -> None:

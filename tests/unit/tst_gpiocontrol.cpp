@@ -1,4 +1,4 @@
-// The check cycle over a made-up GPIO tree, and what reaches the data-service client's records.
+// The lines of each model, the check cycle over a made-up GPIO tree, and what reaches the records.
 #include "support/gpiofolder.h"
 #include "support/talbench.h"
 #include "support/testprogram.h"
@@ -76,25 +76,30 @@ private:
     }
 };
 
+static_assert(gpioLines[0].firstId == 0 && gpioLines[1].firstId == 0 && gpioLines[2].firstId == 6); // not read
+
 using Line = std::pair<int, QString>;
 
-QVector<Line> linesOf(uint model, const char *description)
+/// In the order in which they are read: each number in the tree, and what its report begins with.
+QVector<Line> linesOf(uint model, bool expanders)
 {
-    const bool expanders = description != ordinaryDescription;
     QVector<Line> lines;
-    const auto add = [&](const char *kind, std::span<const LineSet> sets, bool onExpander) {
-        for (const LineSet &set : sets)
-            for (std::size_t i = 0; i < set.lines.size() && deviceHas(set, model, expanders); ++i)
-                if ((set.expander != Expander::None) == onExpander)
-                    lines << Line(set.expander == Expander::At0x21   ? set.lines[i] - 176 + base21
-                                  : set.expander == Expander::At0x22 ? set.lines[i] - 192 + base22
-                                                                     : set.lines[i],
-                                  qs("%1 %2 ").arg(qs(kind)).arg(set.firstId + i));
+    const auto add = [&lines](const char *kind, int id, int first, int count = 1) {
+        for (int i = 0; i < count; ++i)
+            lines << Line(first + i, qs("%1 %2 ").arg(qs(kind)).arg(id + i));
     };
-    add("in", gpioLines, false);
-    add("in", gpioLines, true);
-    add("relay", relayLines, false);
-    add("relay", relayLines, true);
+    add("in", 0, model == 6891 ? 504 : 168, 6);
+    if (expanders)
+        add("in", 6, base22, 8);
+    if (model == 6214 || model == 6259) {
+        add("relay", 0, 175);
+        add("relay", 1, 174);
+        add("relay", 2, 84, 2);
+    } else {
+        add("relay", 0, model == 6891 ? 510 : 174);
+    }
+    if (expanders)
+        add("relay", 4, base21, 8);
     return lines;
 }
 
@@ -113,15 +118,13 @@ private Q_SLOTS:
 
     void eachStepReportsTheNextLine()
     {
-        const std::pair<uint, int> models[] = {{6211, 7}, {6214, 10}, {6259, 10}, {6891, 7}};
-        for (const auto &[model, ordinaryLines] : models)
+        for (const uint model : {6211U, 6214U, 6259U, 6891U})
             for (const char *description : {ordinaryDescription, stationCompact, stationExtended}) {
                 const AtRow at(description);
                 tree->setAll("0");
                 GpioBench bench(model, description);
                 bench.setAllTypes(1);
-                const QVector<Line> lines = linesOf(model, description);
-                QCOMPARE(lines.size(), ordinaryLines + (description == ordinaryDescription ? 0 : 16));
+                const QVector<Line> lines = linesOf(model, description != ordinaryDescription);
                 for (const Line &line : lines)
                     QCOMPARE(bench.steps(1), QStringList{line.second + qs("2")});
                 for (const Line &line : lines) {
@@ -223,6 +226,27 @@ private Q_SLOTS:
         for (int relay = 0; relay < 4; ++relay)
             QCOMPARE(records.relay.rows[relay].status, 3U);
         QCOMPARE(records.relay.rows[4].status, 1U);
+    }
+
+    void statusesByTypeAndValue()
+    {
+        constexpr uint nothing = 0; // no status at all
+        const std::pair<uint, uint> statuses[] = {{0, 2},       {1, 3},         {255, 1},
+                                                  {2, nothing}, {254, nothing}, {256, nothing}};
+        for (const auto &[value, status] : statuses) {
+            QCOMPARE(statusOf(value).value_or(nothing), status);
+            const std::pair<uint, uint> expected[] = {// by type, of an input and of an output
+                                                      {nothing, nothing},
+                                                      {status, nothing},
+                                                      {nothing, status},
+                                                      {1, 1},
+                                                      {nothing, nothing}};
+            for (uint type = 0; type < std::size(expected); ++type) {
+                const GpioReport report = reportOf(type, value);
+                QCOMPARE(report.input.value_or(nothing), expected[type].first);
+                QCOMPARE(report.output.value_or(nothing), expected[type].second);
+            }
+        }
     }
 
 private:

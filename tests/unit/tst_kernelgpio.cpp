@@ -35,8 +35,8 @@ const Script scripts[] = {
     )"},
     {"the tree goes and comes back: nothing is made that is not there, and the export is still owed", R"(
         line 168 0; read 168 -> 0
-        tree gone; read 168 -> 255 (no file); read 168 -> 255 (no file)
-        tree back; read 168 -> 255 (no file)
+        tree gone; read 168 -> 255 (cannot be read); read 168 -> 255 (cannot be read)
+        tree back; read 168 -> 255 (cannot be read)
         write export; read 168 -> 255 168
         line 168 1; read 168 -> 1
     )"},

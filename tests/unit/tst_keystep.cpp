@@ -3,8 +3,6 @@
 
 #include "tal/keystep.h"
 
-#include <type_traits>
-
 namespace {
 constexpr TextCode colours[] = {{"red", 4}, {"green", 9}};
 constexpr const char *lightPath = "/lights/light[kid='%1']/colour";
@@ -15,18 +13,6 @@ constexpr KeySet keySets[] = {{{6420, 6720}, firstRows}, {{6720, 6764}, secondRo
 static_assert(rowsBelow(keySets, 6));
 static_assert(!rowsBelow(keySets, 5));
 } // namespace
-
-// A rule that is wrong for "delete", for another text or for the step does not compile.
-static_assert(std::is_constructible_v<OnDelete, decltype(leaveRow)>);
-static_assert(std::is_constructible_v<OnOther, decltype(keepScratch)>);
-static_assert(!std::is_constructible_v<OnDelete, decltype(keepScratch)>);
-static_assert(!std::is_constructible_v<OnDelete, decltype(wholeNumber)>);
-static_assert(!std::is_constructible_v<OnDelete, decltype(scaled(10))>);
-static_assert(!std::is_constructible_v<OnOther, decltype(leaveRow)>);
-static_assert(std::is_invocable_v<decltype(keyStep), Notification, KeyRule, Keys, std::uint32_t &>);
-static_assert(std::is_invocable_v<decltype(textStep), Notification, TextRule, Keys, QString &>);
-static_assert(!std::is_invocable_v<decltype(keyStep), Notification, TextRule, Keys, std::uint32_t &>);
-static_assert(!std::is_invocable_v<decltype(textStep), Notification, KeyRule, Keys, QString &>);
 
 class TestKeyStep : public QObject {
     Q_OBJECT

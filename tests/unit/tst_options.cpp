@@ -19,19 +19,6 @@ constexpr int readOn = 10;
 constexpr int asDaemon = 1;
 constexpr int talDebug = 2;
 constexpr int aborted = -1;
-
-ChildResult parseInChild(const char *line)
-{
-    return inChild([line] {
-        QByteArrayList words = QByteArray(line).split(' ');
-        std::vector<char *> arguments;
-        for (QByteArray &word : words)
-            arguments.push_back(word.data());
-        arguments.push_back(nullptr);
-        const Options options = parseOptions(words.size(), arguments.data());
-        return readOn + (options.daemon ? asDaemon : 0) + (options.talDebug ? talDebug : 0);
-    });
-}
 } // namespace
 
 class TestOptions : public QObject {
@@ -65,7 +52,15 @@ private Q_SLOTS:
         };
         for (const auto &row : rows) {
             const AtRow at(row.line);
-            const ChildResult child = parseInChild(row.line);
+            const ChildResult child = inChild([&row] {
+                QByteArrayList words = QByteArray(row.line).split(' ');
+                std::vector<char *> arguments;
+                for (QByteArray &word : words)
+                    arguments.push_back(word.data());
+                arguments.push_back(nullptr);
+                const Options options = parseOptions(words.size(), arguments.data());
+                return readOn + (options.daemon ? asDaemon : 0) + (options.talDebug ? talDebug : 0);
+            });
             QVERIFY(row.status == aborted ? child.endedBy(SIGABRT) : child.exitedWith(row.status));
             QCOMPARE(child.out, row.out);
             QVERIFY2(child.err.endsWith(row.err), child.err.constData());

@@ -1,7 +1,7 @@
 // From the settings to the file: what is compared, when it is written, how the file comes to be.
+#include "support/ordinaryuser.h"
 #include "support/snmpdbench.h"
 #include "support/testprogram.h"
-#include "support/undeletable.h"
 
 #include "snmpdconf/snmpdconftext.h"
 
@@ -82,11 +82,11 @@ private Q_SLOTS:
         QTest::qWait(200);
         QElapsedTimer sinceLastChange;
         sinceLastChange.start();
-        bench.change("access public Read 192.0.2.1 2001:db8::1 1161");
+        bench.change("access public Read 192.0.2.1 2001:db8::9 1161"); // an address that is not compared comes with it
 
         QTRY_COMPARE(bench.count(settledEvent), 1);
         QVERIFY2(sinceLastChange.elapsed() >= 280, "the last change starts the 300 ms anew");
-        QCOMPARE(bench.configText(), QByteArray(usualFile).replace(":161", ":1161"));
+        QCOMPARE(bench.configText(), QByteArray(usualFile).replace("db8::1", "db8::9").replace(":161", ":1161"));
         QVERIFY(!bench.settingsTimer()->isActive());
         QCOMPARE(bench.tal.log.lines(), QStringList{generatingLine});
         QCOMPARE(bench.events, QStringList{settledEvent}); // the finish comes with the restart
@@ -122,16 +122,6 @@ private Q_SLOTS:
              {"mib2 amp-1 cellar ops", "access public Read 192.0.2.1 2001:db8::1 161", "trap 192.0.2.7 192.0.2.8",
               "version 0 1 0", "access public Read 192.0.2.1 2001:db8::9 161", "version 0 1 1"}) // intended
             expect(equal, false);
-    }
-
-    void addressThatIsNotComparedComesWithTheNextChange()
-    {
-        SnmpdBench bench;
-        bench.deliverSettings();
-        bench.change("access public Read 192.0.2.1 2001:db8::9 161");
-        bench.change("access public Read 192.0.2.1 2001:db8::9 1161");
-        bench.settle();
-        QCOMPARE(bench.configText(), QByteArray(usualFile).replace("db8::1", "db8::9").replace(":161", ":1161"));
     }
 
     void nothingIsWrittenBeforeTheCustomFlagIsKnown()

@@ -21,16 +21,6 @@ QString flagPath(const QString &trap)
     return settings + qs("trap_settings/traps/trap[name='%1']/enabled").arg(trap);
 }
 
-QString trapXml(const QString &name, const QString &enabled)
-{
-    return qs("<trap><name>%1</name><enabled>%2</enabled></trap>").arg(name, enabled);
-}
-
-QString listXml(const QString &traps)
-{
-    return qs("<trap_settings><trap_address>192.0.2.1</trap_address><traps>%1</traps></trap_settings>").arg(traps);
-}
-
 QStringList trapNames()
 {
     QStringList names;
@@ -91,7 +81,9 @@ public:
     /// The whole group with the traps, and an address that is always the same.
     QString list(const char *op, const QString &traps)
     {
-        return change(qs("trap_settings"), qs(op), groupPath(qs("trap_settings")), listXml(traps));
+        return change(
+            qs("trap_settings"), qs(op), groupPath(qs("trap_settings")),
+            qs("<trap_settings><trap_address>192.0.2.1</trap_address><traps>%1</traps></trap_settings>").arg(traps));
     }
 
     QStringList emitted;
@@ -194,7 +186,7 @@ const struct { const char *op; const char *text; bool settingsFlag; bool trapFla
 QString withTraps(QString data)
 {
     static const QRegularExpression trap(qs("\\[([^=]*)=([^\\]]*)\\]"));
-    return data.replace(trap, trapXml(qs("\\1"), qs("\\2")));
+    return data.replace(trap, qs("<trap><name>\\1</name><enabled>\\2</enabled></trap>"));
 }
 } // namespace
 

@@ -1,14 +1,69 @@
-// The class frame of the data-service client: construction, routing, the order of its signals and slots.
+// The data-service client: construction, routing, the order of its signals and slots, the requests of each model.
 #include "support/catalogue.h"
 #include "support/recordfields.h"
 #include "support/talbench.h"
+#include "support/talpeer.h"
 #include "support/testprogram.h"
 
 #include "app/trace/trace.h"
 
+#include <xrcommon/TalInterface.h>
+
 #include <algorithm>
 #include <memory>
 #include <new>
+#include <optional>
+
+namespace {
+using catalogue::Row;
+
+QByteArrayList requestsOf(uint model, const char *block)
+{
+    QByteArrayList requests;
+    for (const Row &subscription : catalogue::rows("subscriptions", "block", qs(block)))
+        if (subscription.has(model))
+            requests << "<request><ref>" + subscription.latin1("reference") + "</ref><subscribe><path>" +
+                            subscription.latin1("path") +
+                            "</path><operation>change</operation><single_level>true</single_level><target>0</target>"
+                            "</subscribe></request>";
+    return requests;
+}
+
+/// The debug lines of the data block: the same on every model.
+QStringList requestNames()
+{
+    QStringList names{qs("slotStartSubscribe")};
+    for (const Row &subscription : catalogue::rows("subscriptions"))
+        if (!subscription.text("request").isEmpty())
+            names << subscription.text("request");
+    return names;
+}
+
+struct RequestBench {
+    TalPeer peer;
+    MessageLog log;
+    TalInterface client{nullptr};
+    std::optional<TalHandler> handler;
+
+    explicit RequestBench(uint model)
+    {
+        QSignalSpy connected(&client, SIGNAL(talLocalUnixSocketConnectedSignal()));
+        [&] { QTRY_COMPARE(connected.size(), 1); }();
+        handler.emplace(nullptr, model, ordinaryDescription);
+        log.takeLines();
+    }
+
+    QByteArrayList sent()
+    {
+        const QByteArray lastWord = "<request><ref>last_word</ref></request>";
+        TalInterface::requestData(qs(lastWord), TALTARGET_DEFAULT);
+        [&] { QTRY_COMPARE(peer.messages().value(peer.messages().size() - 1), lastWord); }();
+        QByteArrayList all = peer.takeMessages();
+        all.removeLast();
+        return all;
+    }
+};
+} // namespace
 
 class TestTalHandler : public QObject {
     Q_OBJECT
@@ -60,46 +115,20 @@ private Q_SLOTS:
         QCOMPARE(log.lines(), QStringList());
     }
 
+    /// The same comparison finds the parser of each reference.
     void referencesAreComparedExactly()
     {
-        for (const catalogue::Row &parser : catalogue::rows("parsers"))
-            for (const catalogue::Row &key : catalogue::rows("keys")) {
-                const QByteArray ref = parser.latin1("reference");
-                if (!key.list("parser").contains(parser.text("parser")) || key.text("expanders") == qs("yes"))
-                    continue;
-                TalBench bench(key.has(6420) ? 6420 : key.list("models").first().toUInt());
-                const TableRecords before = bench.records();
-                const QString path = parser.pathOf(key.text("key"));
-                const QString text = parser.list("words").value(0, qs("12")).section(QLatin1Char('='), 0, 0);
-                for (const QByteArray &other :
-                     {ref.toUpper(), "K" + ref.mid(1), ref + ' ', ' ' + ref, ref.chopped(1), ref + "s", QByteArray()})
-                    for (const char *op : {"create", "delete", "patch"})
-                        bench.leaf(other, op, path, text);
-                QCOMPARE(recordfields::changes(before, bench.records()), QStringList());
-                QCOMPARE(bench.log.lines(), QStringList());
-                break; // the first key is enough
-            }
-
-        TalBench bench(6420); // references that end in a signal
-        int emitted = 0;
-        connect(&bench.handler, &TalHandler::signalSnmpdConfMib2Settings, [&] { ++emitted; });
-        connect(&bench.handler, &TalHandler::signalSnmpdConfAccessSettings, [&] { ++emitted; });
-        connect(&bench.handler, &TalHandler::signalSnmpdConfTrapSettings, [&] { ++emitted; });
-        connect(&bench.handler, &TalHandler::signalSnmpdConfVersionSettings, [&] { ++emitted; });
-        connect(&bench.handler, &TalHandler::signalSnmpdConfUseCustomConfFile, [&] { ++emitted; });
-        connect(&bench.handler, &TalHandler::signalSetGpioType, [&] { ++emitted; });
-        connect(&bench.handler, &TalHandler::signalReportFault, [&] { ++emitted; });
-        for (const QByteArray ref : {"mib2_settings", "access_control", "trap_settings", "version_control",
-                                     "custom_config", "kvsnmp_gpio_type", "kvsnmp_sys_messages"}) {
-            const QString path = ref == "custom_config"
-                                     ? qs("/state/config/snmp_settings/custom_config")
-                                     : qs("/state/sys_messages/sys_message[reporter='a'][rep_ref='1']");
-            for (const QByteArray &other : {ref.toUpper(), ref + ' ', ref.chopped(1)})
-                bench.notify(other, "delete", path, qs("<custom_config>true</custom_config>"));
-            QCOMPARE(emitted, 0);
-            bench.notify(ref, "delete", path, qs("<custom_config>true</custom_config>"));
-            QCOMPARE(std::exchange(emitted, 0), ref == "kvsnmp_gpio_type" ? 8 : 1); // 8 lines that are always inputs
-        }
+        TalBench bench(6420);
+        const QSignalSpy reported(&bench.handler, &TalHandler::signalReportFault);
+        const QString path = qs("/state/sys_messages/sys_message[reporter='a'][rep_ref='1']");
+        const QByteArray ref = "kvsnmp_sys_messages";
+        for (const QByteArray &other :
+             {ref.toUpper(), "K" + ref.mid(1), ref + ' ', ' ' + ref, ref.chopped(1), ref + "s", QByteArray()})
+            bench.notify(other, "delete", path, {});
+        QCOMPARE(reported.size(), 0);
+        bench.notify(ref, "delete", path, {});
+        QCOMPARE(reported.size(), 1);
+        QCOMPARE(bench.log.lines(), QStringList());
     }
 
     void signalsAndSlotsInOrder()
@@ -124,6 +153,47 @@ private Q_SLOTS:
                     "slotSetControlOutputStatus(uint,uint) "
                     "slotLetPrecenseUpdate(uint,uint,uint) "
                     "slotSetRelayStatus(uint,uint)"));
+    }
+
+    void subscriptionsOfEachModel()
+    {
+        static constexpr struct {
+            uint model;
+            int count; // of the data block; counted by hand
+        } rows[] = {{6211, 4},  {6214, 8},  {6259, 8}, {6410, 10}, {6420, 18}, {6425, 11}, {6601, 5}, {6602, 5},
+                    {6720, 15}, {6764, 15}, {6891, 4}, {6913, 2},  {6914, 2},  {0, 1},     {9999, 1}};
+        for (const auto &[model, count] : rows) {
+            const AtRow at(QByteArray::number(model));
+            RequestBench bench(model);
+            const QByteArrayList settings = requestsOf(model, "settings");
+            const QByteArrayList data = requestsOf(model, "data");
+            bench.handler->slotTalReady();
+            QCOMPARE(bench.sent(), settings);
+            QCOMPARE(bench.log.takeLines(), QStringList());
+            bench.handler->slotStartSubscribe();
+            QCOMPARE(bench.log.takeLines(), requestNames());
+            QCOMPARE(bench.sent(), data);
+            QCOMPARE(data.size(), count);
+            bench.handler->slotStartSubscribe(); // each call subscribes again
+            bench.handler->slotTalReady();
+            QCOMPARE(bench.sent(), data + settings);
+            QCOMPARE(bench.log.lines(), requestNames());
+        }
+    }
+
+    void publishSoftwareVersion()
+    {
+        QCoreApplication::setApplicationName(qs("some-name"));
+        QCoreApplication::setApplicationVersion(qs("4.5.6"));
+        RequestBench bench(6913);
+        bench.handler->publishSoftwareVersion();
+        QCOMPARE(
+            bench.sent(),
+            QByteArrayList({"<request><ref>KvSnmpSWVersion</ref><edit><path>/state/version</path>"
+                            "<operation>patch</operation><data><version><software><kid>some-name</kid>"
+                            "<version>4.5.6</version></software></version></data></edit></request>",
+                            "<request><ref>debug_info-kvsnmp</ref><rpc><session_info><debug_info>kvsnmp</debug_info>"
+                            "</session_info></rpc></request>"}));
     }
 };
 

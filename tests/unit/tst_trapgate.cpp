@@ -151,15 +151,6 @@ private Q_SLOTS:
         QCOMPARE(admitAll(), 200);
     }
 
-    void aSessionOfUnknownSocketIsNeverSlowOrGone()
-    {
-        gate.openSession(-1);
-        const std::uint64_t losses = gate.losses();
-        QVERIFY(gate.admit());
-        QCOMPARE(gate.state(), State::Open);
-        QCOMPARE(gate.losses(), losses);
-    }
-
     void orderToEndHoldsTheNextSessionUntilTheStart()
     {
         raise("before");

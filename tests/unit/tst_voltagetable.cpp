@@ -57,6 +57,30 @@ private Q_SLOTS:
         QCOMPARE(snmpGet("3.4.2.1.3.4"), lines({"3.4.2.1.3.4 Gauge32 5200"}));
     }
 
+    void aLoadIsFreshForAMinute_data()
+    {
+        QTest::addColumn<int>("age"); // milliseconds
+        QTest::addColumn<bool>("asksTheHandler");
+        QTest::addColumn<bool>("loads");
+        QTest::newRow("new") << 0 << false << false;
+        QTest::newRow("before the last second") << 58500 << false << false;
+        QTest::newRow("in the last second") << 59500 << true << false;
+        QTest::newRow("expired") << 60500 << true << true;
+    }
+
+    void aLoadIsFreshForAMinute()
+    {
+        QFETCH(const int, age);
+        snmpGet("3.4.2.1.1.1"); // loads
+        netsnmp_cache *cache = cacheOf("3.4.2");
+        timeval *const loaded = static_cast<timeval *>(cache->timestampM);
+        loaded->tv_sec -= age / 1000;
+        loaded->tv_usec -= age % 1000 * 1000;
+        const QStringList later = printed([] { snmpGet("3.4.2.1.1.1"); });
+        QTEST(cache->enabled != 0, "asksTheHandler");
+        QTEST(later.contains(QStringLiteral("voltageTable_load()")), "loads");
+    }
+
     void whatIsNotThereAndWhatIsReadOnly()
     {
         QCOMPARE(snmpGet("3.4.2.1.3.2"), lines({"3.4.2.1.3.2 noSuchInstance"})); // a gap

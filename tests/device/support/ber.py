@@ -112,15 +112,11 @@ def split(data: bytes) -> list[tuple[int, bytes]]:
 
 def answer(data: bytes) -> Answer:
     """A message of version 1 or 2c; Malformed when it is none."""
-    (version, community, (kind, pdu)), = [_inside(data, SEQUENCE)]
+    (outer,) = split(data)
+    version, community, (kind, pdu) = split(_content(outer, SEQUENCE))
     number, error, index, bindings = split(pdu)
     return Answer(_integer(version), community[1], kind, _integer(number), _integer(error), _integer(index),
                   [_binding(pair) for pair in split(_content(bindings, SEQUENCE))])
-
-
-def _inside(data: bytes, tag: int) -> list[tuple[int, bytes]]:
-    (outer,) = split(data)
-    return split(_content(outer, tag))
 
 
 def _content(item: tuple[int, bytes], tag: int) -> bytes:

@@ -17,8 +17,7 @@ ACCESS = f"{SETTINGS}/access_control"
 
 @contextmanager
 def stopped(device: Device, program: str):
-    pid = device.pids(program)[0]
-    device.kill(pid, signal.SIGSTOP)
+    device.kill(pid := device.pids(program)[0], signal.SIGSTOP)
     yield
     device.kill(pid, signal.SIGCONT)
 
@@ -31,13 +30,22 @@ def restart_snmpd(device: Device) -> None:
 
 
 @contextmanager
-def access(device: Device, **values: str):
-    """Other access settings; snmpd runs with them when the block begins, and with the old ones at its end."""
+def snmpd_killed(device: Device):
+    device.kill(device.pids("snmpd")[0], signal.SIGKILL)
+    wait_until(lambda: not device.pids("snmpd"), what="snmpd gone")
+    yield
+    restart_snmpd(device)
+
+
+@contextmanager
+def access(device: Device, restarts: bool = True, **values: str):
+    """Other access settings; snmpd runs with them when the block begins, and with the old ones at its end, if it restarts."""
     def change(new: dict[str, str]) -> None:
         pids = device.pids("snmpd")
         device.talctl_batch([f"set {ACCESS}/{leaf} '{value}'" for leaf, value in new.items()])
-        device.wait_snmpd(other_than=pids)
-        wait_until(device.path("/var/agentx/master").exists, what="AgentX socket")
+        if restarts:
+            device.wait_snmpd(other_than=pids)
+            wait_until(device.path("/var/agentx/master").exists, what="AgentX socket")
 
     before = {leaf: device.talctl("get", f"{ACCESS}/{leaf}").strip() for leaf in values}
     change(values)
@@ -78,14 +86,6 @@ def beside(device: Device, program: str, *command: str):
     (other,) = set(device.pids(program)) - set(before)
     device.kill(other, signal.SIGKILL)
     second.wait()
-
-
-@contextmanager
-def setting(device: Device, path: str, value: str):
-    before = device.talctl("get", path).strip()
-    device.talctl("set", path, value)
-    yield
-    device.talctl("set", path, before)
 
 
 @contextmanager

@@ -32,7 +32,6 @@ def read(name: str) -> list[dict[str, str]]:
 _MODELS = read("models")
 MODELS = [int(row["model"]) for row in _MODELS]
 STATIONS = [int(row["model"]) for row in _MODELS if row["gpio"]]
-AMP_TYPES = {int(row["model"]): int(row["ampType"]) for row in _MODELS}
 COMPACT = "Orvane Brisel Compact - IP-QRM-B"
 EXTENDED = "Orvane Brisel Extended - IP-QRM-B"
 
@@ -134,40 +133,20 @@ def _cells(model: int, expanders: bool, field: str) -> Iterator[tuple[str, int]]
                 yield column, int(row["index"])
 
 
-_STARTING = read("startvalues")
-
-
-def first_values(model: int, expanders: bool) -> dict[str, list[str]]:
-    """Column to what its rows serve before anything was reported, without indices, descriptions and fixed texts."""
-    fields = {row["field"]: row["value"] for row in _STARTING if _has(row, model, True)}
-    found: dict[str, list[str]] = {}
-    for item in read("objects"):
-        for row in _ROWS:
-            table = TABLES[row["table"]]
-            content = table.contents.get(item["object"], "")
-            if content.startswith(".") and _has(row, model, expanders):
-                # The row of a LET keeps its own starting values until that LET was reported.
-                field = row["source"] + content.rstrip(".")
-                own = not row["source"] or row["source"].startswith("let.")
-                found.setdefault(item["object"], []).append(item["start"] if own else fields.get(field, "0"))
-    return found
-
-
 def _codes() -> dict[str, set[int]]:
     """Each code that a column can serve. 0 comes before the first word that is known."""
-    found = {"infoDisablement": {0, 2},  # 0 until the agent has the information
+    found = {"infoDisablement": {0, 2}, "ampChannelLineState": {0},  # 0 until the agent has the information
              "ampType": set(range(1, 9)), "powerKind": {1, 2}, "relayStatus": {1, 2, 3, 4},
              "ampChannelStatus": {1, 2, 3, 4, 5}, "letChannel1Status": {1, 2, 3, 4}, "letChannel2Status": {1, 2, 3, 4},
              "controlInputStatus": {1, *WORDS["input_state"].values()},
              "controlOutputState": {1, *WORDS["output_state"].values()}}
-    for model in MODELS:
-        first = first_values(model, True)
-        for feed in feeds(model, True):
-            if words := WORDS[feed.parser]:
-                others = [PARSERS[feed.parser][name] for name in ("delete", "other")]
-                found.setdefault(feed.column, set()).update(
-                    words.values(), (int(code) for code in [*first[feed.column], *others] if code.isdigit()),
-                    [0] if others[1] == "last" else [])
+    start = {row["object"]: row["start"] for row in read("objects")}
+    for feed in (feed for model in MODELS for feed in feeds(model, True)):
+        if words := WORDS[feed.parser]:
+            others = [PARSERS[feed.parser][name] for name in ("delete", "other")]
+            found.setdefault(feed.column, set()).update(
+                words.values(), (int(code) for code in [start[feed.column], *others] if code.isdigit()),
+                [0] if others[1] == "last" else [])
     return found
 
 

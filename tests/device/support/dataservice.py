@@ -1,4 +1,4 @@
-"""A data service for tests: it records the requests, and sends the messages of the test."""
+"""A data service for tests: it knows which references were subscribed to, and sends the messages of the test."""
 from __future__ import annotations
 
 import contextlib
@@ -7,18 +7,9 @@ import socketserver
 import threading
 import xml.etree.ElementTree as ElementTree
 from pathlib import Path
-from typing import NamedTuple
 from xml.sax.saxutils import escape
 
 SETTINGS = "/state/config/snmp_settings"
-
-
-class Subscription(NamedTuple):
-    ref: str
-    path: str
-    operation: str
-    single_level: str
-    target: str
 
 
 class DataService(socketserver.ThreadingUnixStreamServer):
@@ -26,15 +17,14 @@ class DataService(socketserver.ThreadingUnixStreamServer):
 
     def __init__(self, socket_path: Path) -> None:
         super().__init__(str(socket_path), _Connection)
-        self.subscriptions: list[Subscription] = []
-        self.others: list[str] = []  # other requests
+        self.subscriptions: set[str] = set()  # their references
         self.connections = 0
         self.client: socket.socket | None = None
         self.lock = threading.Lock()
         threading.Thread(target=self.serve_forever, args=(0.05,), daemon=True).start()
 
     def has(self, ref: str) -> bool:
-        return any(subscription.ref == ref for subscription in list(self.subscriptions))
+        return ref in self.subscriptions
 
     def notify(self, ref: str, op: str, path: str, node: str, subscribed: str | None = None) -> None:
         """One notification; `node` is XML, the subscribed path is the changed one unless given."""
@@ -47,25 +37,12 @@ class DataService(socketserver.ThreadingUnixStreamServer):
             assert self.client, "the daemon is not connected"
             self.client.sendall(data)
 
-    def hang_up(self) -> None:
-        with self.lock:
-            if self.client:
-                self.client.shutdown(socket.SHUT_RDWR)
-
     def close(self) -> None:
         self.shutdown()
         self.server_close()
-        self.hang_up()
-
-    def receive(self, message: str) -> None:
-        request = ElementTree.fromstring(message)
-        subscribe = request.find("subscribe")
-        if subscribe is None:
-            self.others.append(message)
-            return
-        self.subscriptions.append(Subscription(
-            request.findtext("ref", ""), subscribe.findtext("path", ""), subscribe.findtext("operation", ""),
-            subscribe.findtext("single_level", ""), subscribe.findtext("target", "")))
+        with self.lock:
+            if self.client:
+                self.client.shutdown(socket.SHUT_RDWR)
 
 
 class _Connection(socketserver.BaseRequestHandler):
@@ -77,8 +54,7 @@ class _Connection(socketserver.BaseRequestHandler):
         with contextlib.suppress(ConnectionError):
             while chunk := self.request.recv(65536):
                 *messages, pending = (pending + chunk).split(b"\0")
-                for message in messages:
-                    self.server.receive(message.decode())
+                self.server.subscriptions |= {ElementTree.fromstring(message).findtext("ref") for message in messages}
         with self.server.lock:
             if self.server.client is self.request:
                 self.server.client = None

@@ -183,11 +183,8 @@ class Device:
 
     def pids(self, program: str) -> list[int]:
         """Process numbers inside the device, of processes that are not zombies."""
-        script = ('for s in /proc/[0-9]*/status; do while read -r key value rest; do case $key in '
-                  'Name:) [ "$value" = "$1" ] || break;; State:) [ "$value" != Z ] && echo "$s"; break;; '
-                  'esac; done < "$s"; done 2>/dev/null; :')
-        lines = self.run(["sh", "-c", script, "sh", program]).stdout.split()
-        return sorted(int(line.split("/")[2]) for line in lines)
+        found = self.run(["pgrep", "-x", "-r", "D,I,R,S,T,t", program], check=False).stdout
+        return sorted(map(int, found.split()))
 
     def kvsnmp_pid(self) -> int:
         """The daemon, also under valgrind."""
@@ -282,10 +279,6 @@ class Device:
                 self.end_kvsnmp()
                 complaints = self.complaints()
         finally:
-            for process in self._commands:
-                process.kill()
-                with process:  # waits, and closes its streams
-                    pass
             self._script.terminate()
             try:
                 self._script.communicate(timeout=20)
@@ -293,6 +286,11 @@ class Device:
                 self._script.kill()
                 self._script.communicate()
                 complaints.append("scripts/device did not end")
+            # Not earlier: the device ends only when somebody has reaped the process that an nsenter had started.
+            for process in self._commands:
+                process.kill()
+                with process:  # waits, and closes its streams
+                    pass
         return complaints
 
 

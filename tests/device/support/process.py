@@ -1,10 +1,7 @@
 """Processes of devices: memory, descriptors and processor time."""
 from __future__ import annotations
 
-import subprocess
-from collections.abc import Sequence
 from pathlib import Path
-from typing import NamedTuple
 
 from devicelib import settings
 
@@ -38,19 +35,3 @@ def descriptors(device: Device, pid: int) -> int:
 def processor_seconds(device: Device, pid: int) -> float:
     fields = device.run(["cat", f"/proc/{pid}/stat"]).stdout.rpartition(")")[2].split()
     return (int(fields[11]) + int(fields[12])) / 100
-
-
-class Ended(NamedTuple):
-    status: int
-    err: str
-    memory_kb: int  # resident, maximum
-
-
-_MEASURE = ("import resource, subprocess, sys; status = subprocess.call(sys.argv[1:]); "
-            "print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss); sys.exit(status)")
-
-
-def run_measured(device: Device, command: Sequence[str], timeout: float = 60.0) -> Ended:
-    done = subprocess.run(device.command(["/usr/bin/python3", "-c", _MEASURE, *command], lean_environment()),
-                          stdin=subprocess.DEVNULL, capture_output=True, timeout=timeout, check=False)
-    return Ended(done.returncode, done.stderr.decode(errors="replace"), int(done.stdout.split()[-1]))

@@ -18,9 +18,8 @@ from .target import GREATEST, entry_of
 
 PDUS = int(os.environ.get("KVSNMP_PDUS", 500))
 SEED = int(os.environ.get("KVSNMP_SEED", 52717))
-NAMES_AT_MOST = 64
+NAMES_AT_MOST, LONGEST_NAME = 64, 128
 NAMES_OF_A_POOL, PDUS_OF_A_POOL = 300, 500
-LONGEST_NAME = 128
 VARIABLES_OF_A_GETBULK = 100  # at most, in whole rows
 
 ODD_ARCS = (0, 1, 2, 3, 9, 98, 127, 128, 255, 65536, 2 ** 31 - 1, 2 ** 31, 2 ** 32 - 1)
@@ -64,19 +63,12 @@ def random_name(chance: random.Random, served: Sequence[Sequence[ber.Oid]]) -> b
     ))()
 
 
-WORD_OF = {GET: "GET", GETNEXT: "GETNEXT", GETBULK: "GETBULK"}
-
-
 class Question(NamedTuple):
     kind: int
     version: int
     first: int
     second: int
     names: list[ber.Oid]
-
-    def __str__(self) -> str:
-        return (f"{WORD_OF[self.kind]} version {self.version}, {self.first} {self.second}, "
-                f"of {' '.join(map(ber.dotted, self.names))}")
 
 
 def random_question(chance: random.Random, pool: Sequence[ber.Oid]) -> Question:
@@ -88,10 +80,6 @@ def random_question(chance: random.Random, pool: Sequence[ber.Oid]) -> Question:
     non_repeaters = chance.choice((0, 0, 1, chance.randint(0, count), count, count + 5, -1, GREATEST))
     repetitions = chance.choice((0, 1, 2, 3, 10, 100, chance.randint(0, 60), -1, -GREATEST - 1, GREATEST))
     return Question(GETBULK, V2C, non_repeaters, repetitions, names)
-
-
-class Failure(Exception):
-    pass
 
 
 class Subject:
@@ -118,7 +106,7 @@ class Subject:
             (oid, value), = self.manager.ask(GET, [name]).bindings
             absent = NO_SUCH_INSTANCE if is_well_formed(name) else value if value == NO_SUCH_INSTANCE else NO_SUCH_OBJECT
             if (oid, value) != (name, self.values.get(name, absent)):
-                raise Failure(f"GET of {ber.dotted(name)}: {value}")
+                raise AssertionError(f"GET of {ber.dotted(name)}: {value}")
             self.alone[name] = value
         return pool
 
@@ -144,7 +132,7 @@ class Subject:
             if ended and len(got[2]) < len(expected[2]):
                 expected[2][len(got[2]):] = []
         if got != expected:
-            raise Failure(f"{question}\nexpected {expected}\ngot {got}")
+            raise AssertionError(f"{question}\nexpected {expected}\ngot {got}")
 
     def expected_rows(self, question: Question) -> Iterator[list[ber.Binding]]:
         first = len(question.names)

@@ -111,15 +111,13 @@ class RawManager:
         answer = self.answer_to(self.begin(ber.GET, [oid]), timeout)
         return answer.bindings[0].value if answer is not None and answer.error == 0 else None
 
-    def walk(self, root: ber.Oid = ROOT, repetitions: int = 0, version: int = ber.V2C) -> list[ber.Binding]:
+    def walk(self, root: ber.Oid = ROOT, repetitions: int = 0) -> list[ber.Binding]:
         """With GETBULK, unless `repetitions` is 0. The names must ascend."""
         found: list[ber.Binding] = []
         last = root
         while True:
             kind = ber.GETBULK if repetitions else ber.GETNEXT
-            answer = self.ask(kind, [last], version=version, second=repetitions)
-            if version == ber.V1 and answer.error == ber.NO_SUCH_NAME:  # the end of the view
-                return found
+            answer = self.ask(kind, [last], second=repetitions)
             assert answer.error == 0, answer
             for binding in answer.bindings:
                 if binding.value == END_OF_VIEW or binding.oid[:len(root)] != root:

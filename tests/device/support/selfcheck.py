@@ -14,7 +14,6 @@ class SelfCheck:
     def __init__(self, device: Device, *arguments: str, timeout: str = "2") -> None:
         done = device.run(["kvsnmp-check", "--json", "--timeout", timeout, *arguments], check=False)
         self.status = done.returncode
-        self.errors = done.stderr
         self.report: dict[str, Any] = json.loads(done.stdout)
         self.checks: dict[str, dict[str, str]] = {check["id"]: check for check in self.report["checks"]}
         hintless = [name for name in self.ids("failed", "warning") if not self.checks[name]["hint"]]
@@ -30,9 +29,6 @@ class SelfCheck:
     def text(self, check: str) -> str:
         return self.checks[check]["text"]
 
-    def consequences(self) -> list[str]:
-        return [check["id"] for check in self.report["checks"] if check["because"]]
-
     def __str__(self) -> str:
         return "\n".join(f"{check['status']:15}{check['id']:22}{check['text']} [{check['because']}]"
                          for check in self.report["checks"])
@@ -43,37 +39,31 @@ def assert_healthy(check: SelfCheck) -> None:
     assert check.status == 0 and check.causes == [], str(check)
 
 
-def assert_cause(check: SelfCheck, cause: str, *texts: str) -> None:
-    """One cause is named, with these words, and every other failure follows from it."""
-    assert check.causes == [cause], str(check)
-    assert check.status == 1
-    found = check.checks[cause]
-    assert found["status"] == "failed"
-    for text in texts:
-        assert text in found["text"]
-    others = set(check.ids("failed")) - {cause}
-    assert others <= set(check.consequences()), str(check)
-    assert {check.checks[other]["because"] for other in check.consequences()} <= {cause}, str(check)
-
-
 def assert_reports(check: SelfCheck, report: str) -> None:
-    """Each line of the report holds: "cause ID: TEXT" the only cause, "warning IDS: TEXT" all warnings, and TEXT is part of
-    the first one's text, "text ID: TEXT" and "hint ID: TEXT" part of that check's text or hint, "ok IDS", "because IDS"
-    checks that fail or are skipped because of the cause, "because only IDS" all of these."""
+    """Each line of the report holds:
+    "cause IDS: TEXT" the only causes, from which every other failure follows, with TEXT in the first one's text
+    "warning IDS: TEXT" all warnings, with TEXT in the first one's text; nothing failed
+    "text ID: TEXT", "hint ID: TEXT" in that check's text or hint
+    "ok IDS"
+    "because IDS" these fail or are skipped because of the first cause; "because only IDS" no others do"""
+    consequences = {one["id"]: one["because"] for one in check.report["checks"] if one["because"]}
     for line in report.strip().splitlines():
         word, _, rest = line.strip().partition(" ")
         name, _, text = rest.partition(": ")
+        names = name.split()
         if word == "cause":
-            assert_cause(check, name, text)
+            assert (check.status, check.causes) == (1, names), str(check)
+            assert set(consequences.values()) <= set(names), str(check)
+            assert set(check.ids("failed")) <= {*names, *consequences}, str(check)
         elif word == "warning":
-            assert check.ids("warning") == name.split(), str(check)
+            assert check.ids("warning") == names, str(check)
             assert check.status == 0 and check.causes == [], str(check)
-        if word in ("warning", "text", "hint"):
-            assert text in check.checks[name.split()[0]]["hint" if word == "hint" else "text"], str(check)
         elif word == "ok":
-            assert set(rest.split()) <= set(check.ids("ok")), str(check)
+            assert set(names) <= set(check.ids("ok")), str(check)
         elif word == "because":
-            names, consequences = set(rest.split()), set(check.consequences())
-            assert names <= consequences or "only" in names and names == {"only"} | consequences, str(check)
+            only, awaited = names[0] == "only", dict.fromkeys(names, check.causes[0])
+            awaited.pop("only", "")
+            assert awaited == consequences if only else awaited.items() <= consequences.items(), str(check)
         else:
-            assert word == "cause", line
+            assert word in ("text", "hint"), line
+        assert text in check.checks.get(names[0], {"text": ""})["hint" if word == "hint" else "text"], str(check)

@@ -30,8 +30,7 @@ class Target(NamedTuple):
         return self.walk[bisect.bisect_right(self.oids(), oid):]
 
 
-def options(model: Walk) -> list[str]:
-    return ["--no-dbus", "--no-traps", "--clock-shift", *(["--model-text", model.text] if model.text else [])]
+OPTIONS = ["--no-dbus", "--no-traps", "--clock-shift"]
 
 
 def make_target(device: Device, model: Walk) -> Target:

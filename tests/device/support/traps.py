@@ -42,7 +42,7 @@ class Trap(NamedTuple):
 
     @property
     def is_fault(self) -> bool:
-        return self.oid.startswith((f"{E}.2.8.", "KVSNMP-MIB::"))
+        return self.oid.startswith(f"{E}.2.8.")
 
     @property
     def description(self) -> str:
@@ -55,22 +55,18 @@ _FORMAT = r"\x02%P\x1d%V\x1f%v\x1e\n"
 
 
 class TrapReceiver:
-    """A snmptrapd on a port of the device's loopback. With `names` it decodes with the project's MIB, and the variables
-    are the printed texts."""
+    """A snmptrapd on a port of the device's loopback."""
 
-    def __init__(self, device, port: int = 162, names: bool = False) -> None:
-        self._names = names
+    def __init__(self, device, port: int = 162) -> None:
         self._log = device.path(f"/tmp/traps.{port}")
         self._place, self._pending = 0, b""
         self._received: list[Trap] = []
         configuration = device.path(f"/tmp/snmptrapd.{port}.conf")
         configuration.write_text("disableAuthorization yes\n[snmp] serverRecvBuf 8000000\ndoNotLogTraps no\n"
                                  "format2 " + _FORMAT.encode().decode("unicode_escape").replace("\n", "\\n") + "\n")
-        output = ["-OQ"] if names else ["-On", "-Ox"]
-        mibs = ["-M", "/run/device/mibs", "-m", "KVSNMP-MIB"] if names else ["-m", ""]
         with open(self._log, "wb") as log:
             self._process = device.popen(
-                ["snmptrapd", "-f", "-n", *output, "-Lo", "-C", "-c", f"/tmp/snmptrapd.{port}.conf", *mibs,
+                ["snmptrapd", "-f", "-n", "-On", "-Ox", "-Lo", "-C", "-c", f"/tmp/snmptrapd.{port}.conf", "-m", "",
                  f"udp:127.0.0.1:{port}"], stdout=log, stderr=subprocess.STDOUT)
         wait_until(lambda: any(line.split()[1].endswith(f":{port:04X}")
                                for line in device.run(["cat", "/proc/net/udp"]).stdout.splitlines()),
@@ -107,10 +103,9 @@ class TrapReceiver:
         security, _, variables = record.partition("\x1d")
         return Trap(security.partition(",")[0], [self._variable(variable) for variable in variables.split("\x1f")])
 
-    def _variable(self, text: str) -> Variable:
+    @staticmethod
+    def _variable(text: str) -> Variable:
         oid, _, value = text.partition(" = ")
-        if self._names:
-            return Variable(oid, "", value)
         kind, _, value = value.partition(": ")
         if kind == '""':
             return Variable(oid, "STRING", b"")

@@ -25,6 +25,11 @@ class Walk(NamedTuple):
         return self.text is not None
 
     @property
+    def options(self) -> list[str]:
+        """Of scripts/device."""
+        return ["--model-text", self.text] if self.text else []
+
+    @property
     def golden(self) -> list[Variable]:
         return [Variable(f".{oid}", kind, text) for oid, kind, text in golden.read(self.name)]
 
@@ -33,8 +38,7 @@ class Walk(NamedTuple):
         return golden.text_of(self.name)
 
 
-WALKS = [Walk(model) for model in MODELS] + [Walk(model, text) for model in STATIONS
-                                                       for text in (COMPACT, EXTENDED)]
+WALKS = [Walk(model) for model in MODELS] + [Walk(model, text) for model in STATIONS for text in (COMPACT, EXTENDED)]
 
 # One line input has no pilot tone, so that the walks show that each line state copies the last pilot tone.
 FAILED_TONE = "/state/lines/line[kid='ln1']/pilot_tone_state=failed"

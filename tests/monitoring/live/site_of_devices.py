@@ -27,8 +27,6 @@ EXPORTER, PROMETHEUS, ALERTMANAGER = "127.0.0.1:9116", "127.0.0.1:9090", "127.0.
 PICTURES = CHECKOUT / "build/monitoring/pictures"
 NAMES = [name for name in walks.NAMES if name.isdigit()] + ["6214-extended"]
 
-Alert = tuple[str, str, str]  # name, device, index or ""
-
 
 class Site:
     def __init__(self, folder: Path, names: list[str]) -> None:
@@ -102,27 +100,10 @@ class Site:
     def name_of(self, address: str) -> str:
         return next(name for name, found in self.addresses.items() if found == address)
 
-    def alerts(self) -> dict[Alert, dict[str, Any]]:
-        """All alerts, pending ones too."""
+    def alerts(self) -> dict[tuple[str, str, str], dict[str, Any]]:
+        """All alerts, pending ones too, by name, device and index or ""."""
         return {(alert["labels"]["alertname"], self.name_of(alert["labels"]["instance"]), alert["labels"].get("index", "")):
                 alert for alert in self.ask("alerts")["alerts"]}
-
-    def wait_for_alerts(self, expected: set[Alert], timeout: float) -> dict[Alert, dict[str, Any]]:
-        """Until exactly these alerts fire, and no other is pending."""
-        found: dict[Alert, dict[str, Any]] = {}
-
-        def look() -> bool:
-            nonlocal found
-            found = self.alerts()
-            return set(found) == expected and all(alert["state"] == "firing" for alert in found.values())
-
-        try:
-            wait_until(look, timeout, 1.0, "alerts")
-        except AssertionError as error:
-            states = {key: alert["state"] for key, alert in found.items()}
-            raise AssertionError(f"missing: {sorted(expected - set(found))}\nunexpected: {sorted(set(found) - expected)}\n"
-                                 f"states: {states}") from error
-        return found
 
     # Browser
 
@@ -130,16 +111,13 @@ class Site:
     def browser(self) -> WebDriver:
         return chromium(self.folder / "chromium", 1200)
 
-    def page(self, path: str, *texts: str) -> str:
-        """The text of a page once it shows these."""
-        self.browser.get(f"http://{PROMETHEUS}/{path}")
-        return wait_until(lambda: (said := self.browser.find_element("tag name", "body").text) and all(
-            text in said for text in texts) and said, 60, 0.2, f"{texts} on {path}")
-
     def picture(self, path: str, name: str, height: int, *texts: str) -> None:
+        """Of a page once it shows these."""
         PICTURES.mkdir(parents=True, exist_ok=True)
         resize(self.browser, 1200, height)
-        self.page(path, *texts)
+        self.browser.get(f"http://{PROMETHEUS}/{path}")
+        wait_until(lambda: all(text in self.browser.find_element("tag name", "body").text for text in texts), 60, 0.2,
+                   f"{texts} on {path}")
         self.browser.execute_script("document.documentElement.style.overflow = 'hidden'")
         self.browser.save_screenshot(str(PICTURES / name))
         assert (PICTURES / name).stat().st_size > 20000, name
@@ -176,8 +154,6 @@ def fetch(url: str) -> str | None:
 
 def graph(*queries: str, seconds: int = 0) -> str:
     """The path of Prometheus' page with each query's graph of the newest seconds, or its values now."""
-    parameters = {}
-    for number, query in enumerate(queries):
-        shown = {"tab": "0", "range_input": f"{seconds}s"} if seconds else {"tab": "1"}
-        parameters |= {f"g{number}.{key}": text for key, text in ({"expr": query} | shown).items()}
-    return "graph?" + urllib.parse.urlencode(parameters)
+    shown = {"tab": "0", "range_input": f"{seconds}s"} if seconds else {"tab": "1"}
+    return "graph?" + urllib.parse.urlencode({f"g{number}.{key}": text for number, query in enumerate(queries)
+                                              for key, text in ({"expr": query} | shown).items()})

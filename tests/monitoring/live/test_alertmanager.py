@@ -2,9 +2,7 @@
 from __future__ import annotations
 
 import json
-import threading
 from collections.abc import Iterator
-from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from typing import Any, NamedTuple
 
 import pytest
@@ -12,12 +10,12 @@ from site_of_devices import ALERTMANAGER, Site, fetch, replaced
 
 import prometheus_files  # the paths are set by the one above
 from prometheus_files import alerts
+from jsonreceiver import JsonReceiver
 from series import codes
 from support.polling import stays, wait_until
 from support.walkagent import WalkAgent, silent
 
 HALL, TOWER = "127.0.60.1:161", "127.0.60.2:161"
-RECEIVERS = ("127.0.0.1", 8080)
 QUIET = 5.0  # seconds: five times the interval in which Alertmanager notifies an end
 
 
@@ -34,25 +32,13 @@ class Alerting(Site):
     def __init__(self, folder) -> None:
         super().__init__(folder, ["6420", "6764"])
         self.notifications: list[tuple[Notification, dict[str, Any]]] = []
-        site = self
+        self.receivers = JsonReceiver(self.notified, ("127.0.0.1", 8080))
 
-        class Receivers(BaseHTTPRequestHandler):
-            def do_POST(self) -> None:
-                site.notified(self.path.strip("/"), json.loads(self.rfile.read(int(self.headers["Content-Length"]))))
-                self.send_response(200)
-                self.end_headers()
-
-            def log_message(self, *_) -> None:
-                pass
-
-        self.receivers = ThreadingHTTPServer(RECEIVERS, Receivers)
-        threading.Thread(target=self.receivers.serve_forever, daemon=True).start()
-
-    def notified(self, receiver: str, message: dict[str, Any]) -> None:
+    def notified(self, path: str, message: dict[str, Any]) -> None:
         for alert in message["alerts"]:
             labels = alert["labels"]
             self.notifications.append((
-                Notification(receiver, alert["status"], labels["alertname"], labels["instance"]), alert))
+                Notification(path.strip("/"), alert["status"], labels["alertname"], labels["instance"]), alert))
 
     def start_alertmanager(self) -> None:
         config = replaced(prometheus_files.ALERTMANAGER, {"group_wait: 30s": "group_wait: 1s",
@@ -81,8 +67,7 @@ class Alerting(Site):
 
     def stop(self) -> None:
         super().stop()
-        self.receivers.shutdown()
-        self.receivers.server_close()
+        self.receivers.stop()
 
 
 @pytest.fixture(scope="module")

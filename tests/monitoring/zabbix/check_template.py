@@ -6,7 +6,7 @@ import json
 import re
 import subprocess
 from collections.abc import Iterator
-from typing import Any, NamedTuple
+from typing import Any
 
 import pytest
 import yaml
@@ -33,11 +33,6 @@ ADDRESSES = {name: f"127.0.60.{number}" for number, name in enumerate(WALKS, 1)}
 HEALTHY = {"pa-6410": {"lineInStatus.1": "2"}}  # the golden walk's first line input has no pilot tone
 
 
-def interface(address: str, port: int) -> dict[str, Any]:
-    return {"type": 2, "main": 1, "useip": 1, "ip": address, "dns": "", "port": str(port),
-            "details": {"version": 2, "bulk": 1, "community": "public"}}
-
-
 class Bench:
     def __init__(self) -> None:
         self.devices = {name: WalkAgent(walk, "pa-device", HEALTHY.get(name)) for name, walk in WALKS.items()}
@@ -47,13 +42,14 @@ class Bench:
         self.server.import_text("template.yaml", TEMPLATE)
         self.template = self.server.call("template.get", filter={"host": EXPORTED["template"]})[0]["templateid"]
         group = self.server.call("hostgroup.create", name="Public address")["groupids"][0]
-        self.hosts = {name: self.add_host(
-            name, self.template, group, interface(address, PORT), MACROS, inventory_mode=1)
-            for name, address in ADDRESSES.items()}
+        self.hosts = {name: self.add_host(name, self.template, group, (address, PORT), MACROS, inventory_mode=1)
+                      for name, address in ADDRESSES.items()}
 
-    def add_host(self, name: str, template: str, group: str, place: dict[str, Any], macros: dict[str, str], **facts) -> str:
+    def add_host(self, name: str, template: str, group: str, place: tuple[str, int], macros: dict[str, str], **facts) -> str:
+        interface = {"type": 2, "main": 1, "useip": 1, "ip": place[0], "dns": "", "port": str(place[1]),
+                     "details": {"version": 2, "bulk": 1, "community": "public"}}
         return self.server.call(
-            "host.create", host=name, groups=[{"groupid": group}], interfaces=[place], templates=[{"templateid": template}],
+            "host.create", host=name, groups=[{"groupid": group}], interfaces=[interface], templates=[{"templateid": template}],
             macros=[{"macro": macro, "value": value} for macro, value in macros.items()], **facts)["hostids"][0]
 
     def answering(self, name: str, answer: walkagent.Answer) -> None:
@@ -127,39 +123,32 @@ def test_every_served_value_is_an_item(bench, host):
         column, _, instance = name.partition(".")
         if not column.endswith(("Index", "Description", "Label")):
             expected[f"kvsnmp.{column}" + (f"[{instance}]" if column in catalogue.COLUMN_OIDS else "")] = shown(column, text)
-    differing: dict[str, Any] = {}
+    seen: dict[str, Any] = {}
 
     def same() -> bool:
-        seen = {key: item for key, item in bench.items(host).items()
-                if not key.startswith(("snmptrap[", "zabbix[", "kvsnmp.sys", "kvsnmp.hrSystem"))}
-        differing.clear()
-        differing.update({f"{key}: only served, or only in the server": "" for key in expected.keys() ^ seen.keys()})
-        for key in seen.keys() & expected.keys():
-            item, value = seen[key], expected[key]
-            got = item["lastvalue"] if isinstance(value, str) else round(float(item["lastvalue"] or "nan"), 9)
-            if got != value or item["lastclock"] == "0" or item["state"] != "0":
-                differing[key] = (value, item["lastvalue"], item["error"])
-        return not differing
+        seen.clear()
+        for key, item in bench.items(host).items():
+            if not key.startswith(("snmptrap[", "zabbix[", "kvsnmp.sys", "kvsnmp.hrSystem")):
+                value = item["lastvalue"] if isinstance(expected.get(key), str) else round(float(item["lastvalue"] or "nan"), 9)
+                seen[key] = value if item["lastclock"] != "0" and item["state"] == "0" else item["error"]
+        return seen == expected
 
     try:
         wait_until(same, 120, 1.0)
     except AssertionError as failure:
+        differing = {key: (expected.get(key), seen.get(key)) for key in expected.keys() | seen.keys()
+                     if expected.get(key) != seen.get(key)}
         raise AssertionError(f"{failure}\n{differing}\n{bench.server.logs()}") from failure
 
 
-def test_every_table_is_seen_on_some_device(bench):
-    names = {name.partition(".")[0] for host in WALKS for name in bench.walk(host)}
-    assert [name for name, table in catalogue.TABLES.items() if table.columns[0][0] not in names] == []
-
-
-def test_names_and_units(bench):
+def test_names_units_and_inventory(bench):
+    """And every table is seen on some device."""
+    served = {name.partition(".")[0] for host in WALKS for name in bench.walk(host)}
+    assert [name for name, table in catalogue.TABLES.items() if table.columns[0][0] not in served] == []
     items = bench.items("pa-6420")
     assert [(items[f"kvsnmp.{key}"]["name"], items[f"kvsnmp.{key}"]["units"]) for key in (
         "voltageValue[3]", "tempCurrent[1]", "fanSpeed[2]")] == [
         ("Internal voltage 3.3V: value", "V"), ("Temperature Sensor: Channel 1: current", "°C"), ("Right Fan: speed", "rpm")]
-
-
-def test_inventory_is_filled(bench):
     expected = {"name": "pa-device", "model": "Orvane Mervio Amplifier VQ9D", "type": "6420", "type_full": "VQ9D",
                 "software": "4.12.3", "os": "5.15.71", "hardware": "6420-2.1", "location": "Equipment room 1"}
     wait_until(lambda: expected.items() <= bench.server.call(
@@ -191,7 +180,7 @@ def test_stock_templates_discover_the_standard_sensors(bench, amplifier, templat
     (runs, kinds), server, walk = STOCK[template], bench.server, bench.walk("pa-6420")
     group = server.call("hostgroup.get", filter={"name": "Public address"})[0]["groupid"]
     stock = server.call("template.get", filter={"host": template})[0]["templateid"]
-    hostid = bench.add_host(f"stock-{stock}", stock, group, interface("127.0.0.1", 21161), {"{$SNMP_COMMUNITY}": "public"})
+    hostid = bench.add_host(f"stock-{stock}", stock, group, ("127.0.0.1", 21161), {"{$SNMP_COMMUNITY}": "public"})
     expected = {
         (f"sensor.{key}[entPhySensorValue.{base + row}]", f"{walk[f'{name}.{row}']}: {word}"):
         int(walk[f"{column}.{row}"]) / divisor
@@ -246,31 +235,24 @@ def test_hosts_of_the_discovery_are_imported(bench):
 
 def test_hosts_with_version_3_are_imported(bench):
     """With every algorithm; without the template, whose items take the server seconds a host."""
-    program, hosts = loaded(PROGRAM), []
+    program, export, hosts = loaded(PROGRAM), {}, []
     algorithms = [("MD5", "DES"), ("SHA", "AES"), ("SHA-224", "AES-192"), ("SHA-256", "AES-256"), ("SHA-384", "AES"),
                   ("SHA-512", "AES")]
     for number, (authentication, privacy) in enumerate(algorithms, 101):
         access = program.Access(PORT, "", {"defSecurityName": '"monitor"', "defSecurityLevel": "authPriv",
                                            "defAuthType": authentication, "defPrivType": privacy}, "")
-        text = program.zabbix([program.Device(f"127.0.10.{number}", "hall", 6420, "", "", 1.0)], access)
-        export = json.loads(text)
+        export = json.loads(program.zabbix([program.Device(f"127.0.10.{number}", "hall", 6420, "", "", 1.0)], access))
         hosts += [host | {"templates": []} for host in export["zabbix_export"]["hosts"]]
     export["zabbix_export"]["hosts"] = hosts
     details = [host["interfaces"][0]["details"] for host in imported(bench.server, json.dumps(export))]
     assert [(one["authprotocol"], one["privprotocol"]) for one in details] == [
         ("0", "0"), ("1", "1"), ("2", "2"), ("3", "3"), ("4", "1"), ("5", "1")]
-    assert all((one["version"], one["securityname"], one["securitylevel"], one["authpassphrase"], one["privpassphrase"]) == (
-        "3", "monitor", "2", "{$SNMP_AUTH}", "{$SNMP_PRIV}") for one in details)
+    common = {"version": "3", "securityname": "monitor", "securitylevel": "2", "authpassphrase": "{$SNMP_AUTH}",
+              "privpassphrase": "{$SNMP_PRIV}"}
+    assert all(common.items() <= one.items() for one in details)
 
 
-class Fault(NamedTuple):
-    host: str
-    problem: str
-    value: str  # e.g. fanSpeed.1
-    text: str  # its number, or its word
-
-
-FAULTS = [Fault(*cells) for cells in [
+FAULTS = [  # host, problem, object, its number or word
     ("pa-6420", "Temperature Sensor: Channel 1: high", "tempCurrent.1", "715"),
     ("pa-6420", "Temperature Sensor: Main Board: critical", "tempCurrent.3", "900"),
     ("pa-6420", "Temperature Sensor: AC Power: far above its average", "tempCurrent.4", "690"),
@@ -290,20 +272,20 @@ FAULTS = [Fault(*cells) for cells in [
     ("pa-6420", "Control Input 2 is shorted or unconnected", "controlInputStatus.2", "shorted"),
     ("pa-6410", "Control Output 1 does not follow its command", "controlOutputState.1", "failSet"),
     ("pa-6420", "Eth 1 is no longer supervised", "ethMonitoringMonitored.1", "notMonitored"),
-    ("pa-6214", "External Relay 3 has failed or cannot be read", "relayStatus.7", "unknown")]]
+    ("pa-6214", "External Relay 3 has failed or cannot be read", "relayStatus.7", "unknown")]
 
 
 def test_each_trigger_fires_on_its_fault_and_recovers(bench):
     wait_until(lambda: not any(bench.problems(host) for host in WALKS), 120, 1.0, what="no problem on any host")
-    former = [bench.devices[fault.host].change(codes({fault.value: fault.text})) for fault in FAULTS]
-    for fault in FAULTS:
-        bench.wait_problem(fault.host, fault.problem, True)
-    for fault, values in zip(FAULTS, former):
-        bench.devices[fault.host].change(values)
-    for fault in FAULTS:
-        bench.wait_problem(fault.host, fault.problem, False)
-    assert [name for name in KINDS[4][2] if not any(
-        re.fullmatch(re.escape(name).replace(re.escape("{#DESCRIPTION}"), ".+"), fault.problem) for fault in FAULTS)] == []
+    former = [bench.devices[host].change(codes({name: text})) for host, _, name, text in FAULTS]
+    for host, problem, *_ in FAULTS:
+        bench.wait_problem(host, problem, True)
+    for (host, *_), values in zip(FAULTS, former):
+        bench.devices[host].change(values)
+    for host, problem, *_ in FAULTS:
+        bench.wait_problem(host, problem, False)
+    assert [name for name in KINDS[4][2] if not any(re.fullmatch(
+        re.escape(name).replace(re.escape("{#DESCRIPTION}"), ".+"), problem) for _, problem, *_ in FAULTS)] == []
 
 
 def send_trap(host: str, arc: int, level: int, text: str) -> None:

@@ -1,7 +1,7 @@
 // A folder of plain files in place of the kernel's GPIO folder; the platform library reads it while one lives.
 #pragma once
 
-#include <QtTest>
+#include "support/files.h"
 
 class GpioFolder {
 public:
@@ -33,15 +33,9 @@ public:
     void write(const QString &name, const QByteArray &text) const
     {
         QVERIFY(QDir().mkpath(QFileInfo(path(name)).path()));
-        QFile file(path(name));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(text);
+        writeFile(path(name), text);
     }
-    QByteArray text(const QString &name) const
-    {
-        QFile file(path(name));
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(no file)");
-    }
+    QByteArray text(const QString &name) const { return readFile(path(name)); }
     void remove(const QString &name) const
     {
         if (!QFile::remove(path(name)))

@@ -1,4 +1,4 @@
-// The LET tables: two tables, one handler, and a refill that copies only changes. Model 6420.
+// What the agent copies: of the LET tables only changes, the information scalars once. Model 6420.
 #include "support/agentbench.h"
 #include "support/testprogram.h"
 
@@ -14,7 +14,7 @@ int flagsOf(const LetChanges &changed)
 }
 } // namespace
 
-class TestLetTables : public QObject {
+class TestCopies : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -28,6 +28,40 @@ private Q_SLOTS:
     {
         expireCache("3.8.1.2");
         expireCache("3.8.2.2");
+    }
+
+    // first: the copy is made once per process
+    void withoutARecordNoInformationIsCopied()
+    {
+        QCOMPARE(printed(initInfoScalars), lines({"copyInfoData()  kvAgent->infoData == NULL, cannot continue !"}));
+        QCOMPARE(snmpWalk("3.1"), lines({"3.1.1.0 STRING ", "3.1.2.0 STRING ", "3.1.3.0 INTEGER 0", "3.1.4.0 STRING ",
+                                         "3.1.5.0 STRING ", "3.1.6.0 STRING ", "3.1.7.0 INTEGER 0"}));
+    }
+
+    void theInformationIsServedAndDisablementIsAlwaysTwo()
+    {
+        fill(m_info.packageVersion, "V1.2");
+        m_info.modelNumber = {6420, 4};
+        m_info.disablement = {1, 4};
+        kvAgent->infoData = &m_info;
+        QCOMPARE(printed(initInfoScalars), QStringList());
+        QCOMPARE(m_info.disablement.value, 1); // the application's record stays as it is
+
+        m_info.modelNumber.value = 1; // later changes are not served
+        fill(m_info.packageVersion, "V2");
+        QCOMPARE(snmpGet("3.1.1.0 3.1.3.0 3.1.7.0"),
+                 lines({"3.1.1.0 STRING V1.2", "3.1.3.0 INTEGER 6420", "3.1.7.0 INTEGER 2"}));
+    }
+
+    void informationTextsHaveTheirStoredLength()
+    {
+        std::fill(std::begin(m_info.modelType.text), std::end(m_info.modelType.text), 'm'); // no terminator
+        for (const auto &[length, served] : {std::pair{0U, 0}, {3U, 3}, {128U, 128}, {129U, 128}}) {
+            m_info.modelType.length = length;
+            initInfoScalars();
+            QCOMPARE(snmpGet("3.1.2.0"),
+                     QStringList{QLatin1String("3.1.2.0 STRING ") + QString(served, QLatin1Char('m'))});
+        }
     }
 
     void onlyChangedValuesAreCopied()
@@ -84,7 +118,10 @@ private Q_SLOTS:
                      QStringList{QStringLiteral("letChannelTable_handler()   Processing request (%1)").arg(mode)});
         }
     }
+
+private:
+    InfoData m_info = {};
 };
 
-const TestEntry entry("tst_lettables", runTest<TestLetTables>);
-#include "tst_lettables.moc"
+const TestEntry entry("tst_copies", runTest<TestCopies>);
+#include "tst_copies.moc"
