@@ -133,7 +133,7 @@ def test_restart_sequence_and_its_times(start_device):
     # Lower bounds are the daemon's timers, upper ones leave room for a busy machine.
     assert 0.28 <= written.at - asked < 2.0
     assert 0.48 <= ended.at - written.at < 2.5
-    assert 0.40 <= started.at - ended.at < 2.5  # snmpd needs a little of the 500 ms to end
+    assert 0.96 <= started.at - written.at < 5.0  # not from the end, which snmpd may delay
     print(f"private MIB back {answered - started.at:.2f} s after the start of snmpd")
     assert answered - started.at < 4.0
     said = [text for _, text in device.syslog()[syslog_before:] if "kv-snmp[" in text]

@@ -134,7 +134,8 @@ class Device:
         return self.run(["talctl", *arguments]).stdout
 
     def talctl_batch(self, lines: Sequence[str]) -> str:
-        return self.run(["talctl", "batch"], input="".join(f"{line}\n" for line in lines)).stdout
+        """Thousands of lines take a loaded machine a while."""
+        return self.run(["talctl", "batch"], timeout=120, input="".join(f"{line}\n" for line in lines)).stdout
 
     def carry_out(self, commands: Sequence[list[str]], timeout: float = 30.0, dbus: bool = False) -> None:
         """Runs commands of talctl and waits until the daemon has received everything that they send, and everything
