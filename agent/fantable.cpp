@@ -5,16 +5,13 @@
 
 namespace {
 // clang-format off
-constexpr Line twoFans[] = {
+constexpr Line fans[] = {
     {1, "Left Fan",  0},
     {2, "Right Fan", 1},
 };
-constexpr Line oneFan[] = {
-    {1, "Left Fan",  0},
-};
 constexpr RowSet rowSets[] = {
-    {{6420, 6764}, twoFans},
-    {{6410, 6720}, oneFan},
+    {{6420, 6764}, fans},
+    {{6410, 6720}, std::span(fans).first(1)},
 };
 constexpr Column columns[] = {
     {ASN_INTEGER,   cell<&TableRow::index>},

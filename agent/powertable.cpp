@@ -5,20 +5,14 @@
 
 namespace {
 // clang-format off
-constexpr Line bothSources[] = { // the description is the source's key in the data service
+constexpr Line sources[] = { // the description is the source's key in the data service
     {1, "ac_power", 0},
-    {2, "dc_power", 1},
-};
-constexpr Line acOnly[] = {
-    {1, "ac_power", 0},
-};
-constexpr Line dcOnly[] = {
     {2, "dc_power", 1},
 };
 constexpr RowSet rowSets[] = {
-    {bothPowerModels,   bothSources},
-    {acPowerOnlyModels, acOnly},
-    {dcPowerOnlyModels, dcOnly},
+    {bothPowerModels,   sources},
+    {acPowerOnlyModels, std::span(sources).first(1)},
+    {dcPowerOnlyModels, std::span(sources).last(1)},
 };
 constexpr Column columns[] = {
     {ASN_INTEGER,   cell<&TableRow::index>},

@@ -5,10 +5,7 @@
 
 namespace {
 // clang-format off
-constexpr Line oneRelay[] = {
-    { 1, "Internal Relay 1",   0},
-};
-constexpr Line fourRelays[] = {
+constexpr Line internalRelays[] = {
     { 1, "Internal Relay 1",   0},
     { 2, "Internal Relay 2",   1},
     { 3, "Extension Relay 1",  2},
@@ -25,8 +22,8 @@ constexpr Line expanderLines[] = { // on stations with expanders, after the mode
     {12, "External Relay 8",  11},
 };
 constexpr RowSet rowSets[] = {
-    {{6211, 6891},    oneRelay,   nullptr, expanderLines},
-    {fourRelayModels, fourRelays, nullptr, expanderLines},
+    {{6211, 6891},    std::span(internalRelays).first(1), nullptr, expanderLines},
+    {fourRelayModels, internalRelays,                     nullptr, expanderLines},
 };
 constexpr Column columns[] = {
     {ASN_INTEGER,   cell<&TableRow::index>},
