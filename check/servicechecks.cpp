@@ -72,10 +72,10 @@ Outcome checkSnmpAccess(Subject &subject)
         return notApplicable(QStringLiteral("snmpd.conf is custom"));
     const SnmpAccessSettings &access = subject.service.settings.access;
     const SnmpVersionSettings &version = subject.service.settings.version;
-    if (access.access == QLatin1String("Disabled"))
+    if (access.access == QLatin1String(accessDisabled))
         return failed(QStringLiteral("SNMP access is \"Disabled\" in the settings"),
                       QStringLiteral("set %1 to \"Read\"").arg(settingPath("access_control/access")));
-    if (access.access != QLatin1String("Read"))
+    if (access.access != QLatin1String(accessRead))
         return failed(
             QStringLiteral("SNMP access is \"%1\" in the settings: snmpd.conf is left empty").arg(access.access),
             QStringLiteral("set %1 to \"Read\"").arg(settingPath("access_control/access")));

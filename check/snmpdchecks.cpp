@@ -242,9 +242,8 @@ Outcome checkSnmpdPidFile(Subject &subject)
 
 Outcome checkHealthProbe(Subject &subject)
 {
-    const CommandResult result = runCommand(
-        subject.program("ps"), {QStringLiteral("--noheaders"), QStringLiteral("-C snmpd"), QStringLiteral("-o rss")},
-        subject.environment, subject.timeoutMs);
+    const CommandResult result =
+        runCommand(subject.program(psProgram), memoryProbe().arguments, subject.environment, subject.timeoutMs);
     const QByteArray text = result.finished ? result.output.simplified() : QByteArray();
     if (text.isEmpty())
         return warning(

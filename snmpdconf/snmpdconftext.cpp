@@ -113,9 +113,9 @@ private:
 /// No lines for any other access text.
 std::span<const AccessLine> accessLines(const QString &access)
 {
-    if (access == QLatin1String("Disabled"))
+    if (access == QLatin1String(accessDisabled))
         return disabledLines;
-    if (access == QLatin1String("Read"))
+    if (access == QLatin1String(accessRead))
         return readLines;
     return {};
 }

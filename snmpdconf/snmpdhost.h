@@ -28,6 +28,14 @@ inline bool operator==(const Command &a, const Command &b)
     return a.program == b.program && a.arguments == b.arguments;
 }
 
+/// Prints the resident memory of each snmpd in kB. The options are single words with a blank inside, as the device's ps
+/// expects.
+inline Command memoryProbe()
+{
+    return {QLatin1String(psProgram),
+            {QStringLiteral("--noheaders"), QStringLiteral("-C snmpd"), QStringLiteral("-o rss")}};
+}
+
 struct SnmpdHost {
     QString configFile;
     QString configFolder;

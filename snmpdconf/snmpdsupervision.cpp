@@ -130,11 +130,7 @@ void SnmpdConfHandler::killStaleSnmpd() const
 void SnmpdConfHandler::watchdogSnmpd()
 {
     followConfigFolder();
-    // The options are single words with a blank inside, as the device's ps expects.
-    const QString text = probeText(
-        m_host.outputOf({QLatin1String(psProgram),
-                         {QStringLiteral("--noheaders"), QStringLiteral("-C snmpd"), QStringLiteral("-o rss")}},
-                        probeTimeoutMs));
+    const QString text = probeText(m_host.outputOf(memoryProbe(), probeTimeoutMs));
 
     if (text.isEmpty()) {
         qDebug().noquote() << "SnmpdConfHandler"

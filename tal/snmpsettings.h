@@ -13,9 +13,12 @@ struct SnmpMib2Settings {
     QString sysContact;
 };
 
+inline constexpr char accessDisabled[] = "Disabled";
+inline constexpr char accessRead[] = "Read";
+
 struct SnmpAccessSettings {
     QString community;
-    QString access; ///< "Disabled" or "Read"; other texts are possible
+    QString access; ///< accessDisabled or accessRead; other texts are possible
     QString nmsIp;
     QString nmsIpv6;
     QString snmpPort; ///< the port number as text
