@@ -30,7 +30,7 @@ GpioControl::GpioControl(QObject *parent, std::uint32_t modelNumber, const char 
         if (!deviceHas(set, m_modelNumber, m_hasExpanders))
             continue;
         for (const int number : set.lines)
-            m_gpios.push_back({0, createLine(number, set.expander)});
+            m_gpios.push_back({.line = createLine(number, set.expander)});
     }
     for (const LineSet &set : relayLines) {
         if (!deviceHas(set, m_modelNumber, m_hasExpanders))
