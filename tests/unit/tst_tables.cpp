@@ -102,10 +102,11 @@ InfoData distinctInfo(uint model)
 QStringList answersOf(uint model, const char *text, const std::function<QStringList()> &questions)
 {
     return answeredInOwnProcess([&] {
-        static TableRecords records = recordfields::distinct();
+        static TableRecords records;
         static InfoData info = distinctInfo(model);
         kaAgentStart(model, startedAmpType, text);
         setTalTableData(records);
+        records = recordfields::distinct(); // for the loads: the setters have copied nothing of it
         kvAgent->infoData = &info;
         initInfoScalars();
         return questions();
