@@ -86,7 +86,7 @@ def test_pid_file_of_a_live_process_blocks_a_daemon_and_that_of_a_dead_one_does_
 
 def test_signal_before_the_agent_is_started_ends_a_foreground_run_which_removes_a_daemons_pid_file(clean_device):
     clean_device.path(PID_FILE).write_text("1\n")
-    kvsnmp = clean_device.start_kvsnmp("-d")
+    kvsnmp = clean_device.start_kvsnmp("-d", env=NOTIFY)  # nobody has made the socket
     pid = clean_device.wait_running()
     assert clean_device.read(PID_FILE) == "1\n"
     clean_device.kill(pid, signal.SIGTERM)
