@@ -78,7 +78,8 @@ private Q_SLOTS:
                                  "trap2sink 192.0.2.7\n";
         expectText(settings, names + readAccessLines);
         settings.access.access = QStringLiteral("Disabled");
-        expectText(settings, names + disabledAccessLines);
+        settings.access.snmpPort = QStringLiteral("1611");
+        expectText(settings, names + QByteArray(disabledAccessLines).replace(":161", ":1611"));
     }
 
     void otherAccessTextGivesAnEmptyFile()
