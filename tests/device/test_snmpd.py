@@ -132,21 +132,6 @@ def test_custom_configuration_is_left_alone_and_snmpd_started_with_it(start_devi
     assert device.snmp.get(".1.3.6.1.2.1.1.6.0") == [("STRING", "by hand")]
     assert "info: Starting snmpd (custom snmpd.conf)" in device.syslog_texts()
 
-    pid = device.wait_snmpd()
-    device.talctl("set", f"{SETTINGS}/mib_2_settings/sys_contact", "nobody")  # writes nothing, restarts nothing
-    stays(lambda: device.pids("snmpd") == [pid], 1.5, what="the same snmpd")
-    device.path(CONF).write_text(custom.replace("sysLocation", "sysLocation changed"))
-    device.stir_snmpd_folder()
-    pid = device.wait_snmpd(other_than=[pid])
-    device.wait_answering()
-    assert device.snmp.get(".1.3.6.1.2.1.1.6.0") == [("STRING", "changed by hand")]
-
-    # Back to the generated file.
-    device.talctl("set", f"{SETTINGS}/custom_config", "false")
-    pid = device.wait_snmpd(other_than=[pid])
-    assert "by hand" not in device.read(CONF) and "sysContact nobody\n" in device.read(CONF)
-    device.wait_answering()
-
 
 # A snmpd that cannot be started, or that does nothing
 

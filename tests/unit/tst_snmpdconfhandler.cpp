@@ -191,8 +191,10 @@ private Q_SLOTS:
 
         bench.tal.log.takeLines();
         bench.events.clear();
+        bench.restartTimer()->stop();
         bench.deliverSettings("custom 1");
         bench.settle();
+        QVERIFY(!bench.restartTimer()->isActive());
         QCOMPARE(bench.events, (QStringList{settledEvent, finishEvent}));
         QCOMPARE(bench.configText(), handmadeFile);
         QCOMPARE(bench.tal.log.lines(), QStringList());
