@@ -1,5 +1,4 @@
-"""The daemon keeps snmpd running: killed, missing, stopped, hung, too large, or impossible to start; custom
-configuration.
+"""The daemon keeps snmpd running: killed, missing, stopped, hung, or impossible to start; custom configuration.
 
 KVSNMP_SNMPD_KILLS in the environment is how often snmpd is killed during walks.
 """
@@ -12,8 +11,7 @@ import time
 import pytest
 from support.dataservice import SETTINGS
 from support.device import Device
-from support.outages import (PROBES, assert_idle, change_a_setting, hurry, run_probe, wait_for_another_snmpd,
-                             wait_served)
+from support.outages import assert_idle, change_a_setting, hurry, run_probe, wait_for_another_snmpd, wait_served
 from support.polling import stays, wait_until
 from support.press import Press
 from support.process import descriptors
@@ -39,20 +37,6 @@ def served(start_shared_device):
 @pytest.fixture
 def device(served):
     return served.device
-
-
-def test_probe_restarts_a_snmpd_at_the_memory_limit(device):
-    pid = device.wait_snmpd()
-    rss = device.path("/run/device/snmpd-rss")
-    for kilobytes in (10239, 10240):
-        rss.write_text(f"{kilobytes}\n")
-        run_probe(device)
-    rss.write_text("8192\n")
-    assert device.read(PROBES).splitlines()[-1] == "--noheaders -C snmpd -o rss"
-    device.wait_snmpd(other_than=[pid])
-    assert [text for text in device.syslog_texts() if "memory" in text] == [
-        "err: Snmpd health check: memory usage too high: 10240 kB"]
-    device.wait_answering()
 
 
 def test_daemon_is_idle_without_snmpd_and_the_probe_starts_another(served, device):
