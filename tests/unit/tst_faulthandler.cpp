@@ -25,9 +25,8 @@ int fakeSendTrap(std::uint32_t trapNumber, const char *description, std::int32_t
 /// Steps between " / ": an event, and behind an arrow the calls of the sender that it brings about. Events:
 ///     raise REPORTER REFERENCE [IDENTIFIER [INFO [LEVEL [TIME]]]]    clear REPORTER REFERENCE
 ///     on NAME;NAME or off NAME;NAME: a map of enabled traps          report: a run by itself
-///     answer NUMBER: what the sender returns from now on; "answer gate": what the gate admits; "answer not CALL": a
-///     refusal of each call that starts so
-///     pass full, pass end, session open, session close: events of the gate
+///     answer NUMBER: what the sender returns from now on; "answer not CALL": a refusal of each call that starts so
+///     session open, session close: events of the gate
 ///     agent none, agent without sender, agent back
 struct Script {
     const char *name;
@@ -69,11 +68,6 @@ const Script scripts[] = {
     {"a run ends at the first refusal while there is no session",
      "raise amp 1 let_fail 1 / raise amp 2 let_fail 2 / session close / answer -1 / on LET Fault -> 5|1|2|0 / "
      "raise amp 4 -> 5|1|2|0 / session open / answer 0 / report -> 5|1|2|0 5|2|2|0 5|text|2|0"},
-    {"a fault that ends while the sender is busy is still sent",
-     "on LET Fault;Fuse Broken / pass full / answer gate / raise amp 1 let_fail short -> 5|short|2|0 / "
-     "raise amp 2 let_fail long -> 5|short|2|0 / clear amp 1 -> 5|short|2|0 / "
-     "raise amp 1 fuse_broken own -> 5|short|2|0 / clear amp 1 -> 5|short|2|0 / pass end / "
-     "clear amp 2 -> 5|short|2|0 5|long|2|0 9|own|2|0 / report"},
     {"a fault that ends after an ordinary refusal is never sent",
      "on LET Fault / answer -1 / raise amp 1 -> 5|text|2|0 / clear amp 1 / report"},
     {"sent in the order of arrival",
@@ -237,13 +231,6 @@ private:
     {
         const QHash<QString, std::function<void()>> plainEvents = {
             {qs("report"), [this] { handler->reportTraps(); }},
-            {qs("answer gate"), [this] { answer = [this](const QString &) { return gate->admit() ? 0 : -1; }; }},
-            {qs("pass full"),
-             [this] {
-                 while (gate->admit()) {
-                 }
-             }},
-            {qs("pass end"), [this] { gate->endPass(); }},
             {qs("session open"), [this] { gate->openSession(-1); }},
             {qs("session close"), [this] { gate->closeSession(); }},
             {qs("agent none"), [] { kvAgent = nullptr; }},

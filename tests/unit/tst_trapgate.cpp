@@ -99,6 +99,18 @@ private Q_SLOTS:
         QCOMPARE(sent, QStringList());
     }
 
+    void oneKeyRaisedTwiceWhileBusyIsTwoTraps()
+    {
+        bringTo(State::PassFull);
+        raise("short");
+        raise("long");
+        clear("short");
+        raise("short");
+        clear("short");
+        reopen();
+        QCOMPARE(sent.join(QLatin1Char(' ')), QStringLiteral("short long short"));
+    }
+
     void aHangUpIsFirstSeenWhenTheFaultEnds()
     {
         bringTo(State::MasterSlow);
