@@ -1,6 +1,5 @@
 // The trap sender: what it hands to the library, and when it refuses. The library's sending end is replaced here.
 #include "support/agentbench.h"
-#include "support/catalogue.h"
 #include "support/testprogram.h"
 
 #include "agent/modules.h"
@@ -107,15 +106,6 @@ private Q_SLOTS:
             QCOMPARE(sendTrap(1, "fan stands", 2, "0"), 0);
             QCOMPARE(sent.takeLast(), variables);
         }
-    }
-
-    void numbersSelectTheirNotification()
-    {
-        for (const catalogue::Row &trap : catalogue::rows("traps")) {
-            QCOMPARE(sendTrap(trap.text("number").toUInt(), "text", 1, "0"), 0);
-            QCOMPARE(sent.last()[0], QLatin1String("1.3.6.1.6.3.1.1.4.1.0 OID E.2.8.") + trap.text("arc"));
-        }
-        QCOMPARE(sent.size(), 20);
     }
 
     void levelsAreSentAsTheyAre()
