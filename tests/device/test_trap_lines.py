@@ -109,20 +109,7 @@ def test_the_handler_refuses_other_traps(manager):
     assert manager.device.run([str(EXAMPLE / "kvsnmp-trap-line")], check=False, input=other).returncode == 1
 
 
-def test_the_handler_the_snmptt_entries_and_the_manual_have_the_traps_of_the_catalogue():
-    assert f"\ntraphandle {E}.2.8.* /usr/local/bin/kvsnmp-trap-line\n" in SHIPPED
-    names = dict(re.findall(r'\b(\d+): "(\w+)"', (EXAMPLE / "kvsnmp-trap-line").read_text()))
-    assert names == {str(trap.arc): trap.name for trap in TRAPS}
-    text = (EXAMPLE / "snmptt.conf.kvsnmp").read_text()
-    entries = re.findall(r'^EVENT (\w+) (\S+) "kvsnmp" (\w+)\nFORMAT (.*)\nMATCH MODE=and\nMATCH \$#: (\d)\n'
-                         r'MATCH \$(\d): (\d)$', text, re.MULTILINE)
-    expected = []
-    for trap in TRAPS:  # with and without sysName
-        for form, count, place in [("$N: $3 ($2): {} since $5: $6", "6", "4"), ("$N: $2: {} since $4: $5", "5", "3")]:
-            expected += [(trap.name, f"{E}.2.8.{trap.arc}", severity, form.format(word), count, place, str(code))
-                         for code, (_, word, _, severity) in enumerate(LEVELS, 1)]
-        assert f"# {trap.switch}: {', '.join(trap.identifiers)}\n" in text
-    assert entries == expected
+def test_the_manual_has_the_traps_of_the_catalogue():
     manual = (CHECKOUT / "docs/traps.md").read_text()
     rows = re.findall(r"^\| (\d+) \| `(\w+)` \| ([^|]+) \| ([^|]+) \|", manual, re.MULTILINE)
     assert [(arc, name, switch.strip(), identifiers.strip()) for arc, name, switch, identifiers in rows] == [

@@ -134,11 +134,10 @@ def test_the_end_shows_in_an_object_that_the_alert_watches():
 
 def test_traps_of_the_alerts():
     """A trap's end shows in an object of its alerts, as docs/traps.md says; without an alert no object shows it."""
-    rows = re.findall(r"^\| \d+ \| `(\w+)` \| ([^|]+) \| [^|]+ \| ([^|]+) \|", (CHECKOUT / "docs/traps.md").read_text(),
+    rows = re.findall(r"^\| \d+ \| `(\w+)` \|[^|]+\|[^|]+\| ([^|]+) \|", (CHECKOUT / "docs/traps.md").read_text(),
                       re.MULTILINE)
-    ends = {trap: set(re.findall(r"`([a-z]\w*)", cell.replace("ChannelN", "Channel1"))) for trap, _, cell in rows}
-    assert len(rows) == 20 and {trap: title for trap, title, _ in rows} == {
-        name: notification.title for name, notification in Mib.read().notifications.items()}
+    ends = {trap: set(re.findall(r"`([a-z]\w*)", cell.replace("ChannelN", "Channel1"))) for trap, cell in rows}
+    assert ends.keys() == Mib.read().notifications.keys()
     for name, section in SECTIONS.items():
         for trap in section.traps:
             assert ends[trap] & set(section.ends), (name, trap)
