@@ -30,10 +30,9 @@ NAMES = [name for name in walks.NAMES if name.isdigit()] + ["6214-extended"]
 
 class Site:
     def __init__(self, folder: Path, names: list[str]) -> None:
-        """Of devices in order."""
         self.folder = folder
         self.addresses = {name: f"127.0.60.{number}:161" for number, name in enumerate(names, 1)}
-        self.devices = {name: WalkAgent(name, "pa-device", {"lineInStatus.1": "2"} if name == "6410" else None) for name in names}
+        self.devices = {name: WalkAgent(name, "pa-device") for name in names}
         self.agents = Agents({self._place(name): device.answer for name, device in self.devices.items()})
         self.agents.start()
         self.processes: list[subprocess.Popen] = []

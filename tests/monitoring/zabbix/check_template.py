@@ -30,12 +30,11 @@ MACROS = {"{$KV.INTERVAL}": "3s", "{$KV.INTERVAL.TEXT}": "5s", "{$KV.INTERVAL.DI
           "{$KV.HOLD}": "6s", "{$KV.TRAP.HOLD}": "60s"}
 WALKS = {"pa-6420": "6420", "pa-6410": "6410", "pa-6764": "6764", "pa-6214": "6214-extended"}
 ADDRESSES = {name: f"127.0.60.{number}" for number, name in enumerate(WALKS, 1)}
-HEALTHY = {"pa-6410": {"lineInStatus.1": "2"}}  # the golden walk's first line input has no pilot tone
 
 
 class Bench:
     def __init__(self) -> None:
-        self.devices = {name: WalkAgent(walk, "pa-device", HEALTHY.get(name)) for name, walk in WALKS.items()}
+        self.devices = {name: WalkAgent(walk, "pa-device") for name, walk in WALKS.items()}
         self.agents = walkagent.Agents({(ADDRESSES[name], PORT): device.answer for name, device in self.devices.items()})
         self.agents.start()
         self.server = Server()
