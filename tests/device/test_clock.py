@@ -9,14 +9,13 @@ import pytest
 from support import steps
 from support.catalogue import COLUMN_OIDS
 from support.dataservice import SETTINGS
-from support.device import MODEL_NUMBER, Device
+from support.device import MODEL_NUMBER, WATCHDOG_FILE, Device
 from support.inotify import FolderEvents
 from support.outages import PROBES, run_probe
 from support.polling import wait_until
 from support.traps import TIME, Faults, TrapReceiver, switch, time_text
 
 UTC = datetime.timezone.utc
-WATCHDOG_FILE = "/tmp/kvsnmp.watchdogtest"
 ANSWER = ("INTEGER", "6214")
 DAY = 86400
 

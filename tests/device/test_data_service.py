@@ -11,14 +11,13 @@ import pytest
 from support import steps
 from support.catalogue import COLUMN_OIDS
 from support.dataservice import DataService
-from support.device import MODEL_NUMBER, Device
+from support.device import MODEL_NUMBER, WATCHDOG_FILE, Device
 from support.played import Played
 from support.polling import stays, wait_until
 from support.process import descriptors, lean_environment, memory_kb
 from support.traps import Faults, send_results
 
 TAL_SOCKET = "/run/tal.sock"
-WATCHDOG_FILE = "/tmp/kvsnmp.watchdogtest"
 VOLTAGE = f"{COLUMN_OIDS['voltageValue']}.3"
 VOLTAGE_PATH = "/state/power_lines/power_line[kid='3v3']/voltage"
 OVER_LONG = f"TalInterface: message of the data service dropped: longer than {4 * 1024 * 1024} bytes"

@@ -11,7 +11,8 @@ import time
 import pytest
 from support.dataservice import SETTINGS
 from support.device import Device
-from support.outages import assert_idle, change_a_setting, hurry, run_probe, wait_for_another_snmpd, wait_served
+from support.outages import (ATTEMPT, NOT_RUNNING, assert_idle, change_a_setting, hurry, run_probe,
+                             wait_for_another_snmpd, wait_served)
 from support.polling import stays, wait_until
 from support.press import Press
 from support.process import descriptors
@@ -21,10 +22,8 @@ from support.walks import Walk
 KILLS = int(os.environ.get("KVSNMP_SNMPD_KILLS", "8"))
 CONF, PID_FILE = "/etc/snmp/snmpd.conf", "/run/snmpd.pid"
 STUB = "/run/device/bin/snmpd"  # found before the machine's own
-NOT_RUNNING = "err: Snmpd health check: snmpd is not running"
 NOT_CLOSED = "err: Snmpd was not properly closed last time"
 STARTING = "info: Starting snmpd (snmpd.conf from TAL)"
-ATTEMPT = "Warning: Failed to connect to the agentx master agent ([NIL]): "
 
 
 @pytest.fixture(scope="module")

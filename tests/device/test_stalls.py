@@ -7,14 +7,11 @@ import time
 from contextlib import ExitStack
 
 import pytest
-from support.device import Device
-from support.outages import PROBES, run_probe
+from support.device import WATCHDOG_FILE, Device
+from support.outages import ATTEMPT, NOT_RUNNING, PROBES, run_probe
 from support.polling import stays, wait_until
 
-WATCHDOG_FILE = "/tmp/kvsnmp.watchdogtest"
 ENDED = "QApplication*: main  Qt Event loop returned with status: 0, application exit..\n"
-ATTEMPT = "Warning: Failed to connect to the agentx master agent ([NIL]): "
-NOT_RUNNING = "err: Snmpd health check: snmpd is not running"
 
 
 def install(device: Device, program: str, script: str) -> None:

@@ -6,13 +6,12 @@ import socket
 import time
 
 import pytest
-from support.device import MODEL_NUMBER, Device
+from support.device import MODEL_NUMBER, WATCHDOG_FILE, Device
 from support.polling import wait_until
 from support.snmp import TABLES
 
 ALREADY_RUNNING = "kvsnmp: Already running.\n: Success\n"  # the process could be signalled
 PID_FILE = "/var/run/kvsnmp.pid"
-WATCHDOG_FILE = "/tmp/kvsnmp.watchdogtest"
 NOTIFY = {"NOTIFY_SOCKET": "/run/notify"}
 
 

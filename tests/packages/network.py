@@ -12,10 +12,10 @@ CHECKOUT = Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(CHECKOUT / "monitoring"), str(CHECKOUT / "tests/device")]
 
 from debianroot import Booted, wait_until  # noqa: E402  (the path has to be set first)
+from support.snmp import TABLES  # noqa: E402
 from support.walkagent import Agents, WalkAgent, trap_command  # noqa: E402
 
 NETWORK, MANAGER = "10.1.0.0/22", "10.1.0.2"  # the network is that of docs/operators.md
-BASE = ".1.3.6.1.4.1.52717"
 AMPLIFIERS = ["6420", "6410", "6720", "6764", "6425"]
 OTHERS = ["6214-extended", "6259", "6211", "6891", "6601", "6602", "6913", "6914"]
 ROOMS = ["platform", "hall", "foyer", "stairs", "tunnel", "kitchen", "gate", "office"]
@@ -40,7 +40,7 @@ class Network:
 
     def _answers(self) -> bool:
         address, model = list(MODELS.items())[-1]
-        return self.enter("snmpget", "-v2c", "-c", "public", "-Oqv", "-r0", "-t2", address, f"{BASE}.3.1.3.0",
+        return self.enter("snmpget", "-v2c", "-c", "public", "-Oqv", "-r0", "-t2", address, f"{TABLES}.1.3.0",
                           check=False) == model
 
     def entering(self, *command: str) -> list[str]:

@@ -6,9 +6,9 @@ from pathlib import Path
 import guide
 import walks  # the path is set by conftest.py
 from debianroot import Booted, wait_until
+from support.snmp import TABLES
 
-ENTERPRISE = ".1.3.6.1.4.1.52717"
-MODEL_NUMBER = f"{ENTERPRISE}.3.1.3.0"
+MODEL_NUMBER = f"{TABLES}.1.3.0"
 GOLDEN_WALK = walks.text_of("6420")
 
 
@@ -65,7 +65,7 @@ def add_drop_in(booted: Booted, name: str, setting: str) -> Path:
 
 
 def walk(booted: Booted) -> str:
-    return booted.output("snmpwalk", "-v2c", "-c", "public", "-On", "-Oe", "-OU", "127.0.0.1", f"{ENTERPRISE}.3") + "\n"
+    return booted.output("snmpwalk", "-v2c", "-c", "public", "-On", "-Oe", "-OU", "127.0.0.1", TABLES) + "\n"
 
 
 def wait_golden_walk(booted: Booted) -> None:

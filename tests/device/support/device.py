@@ -296,3 +296,4 @@ class Device:
 
 
 MODEL_NUMBER = ".1.3.6.1.4.1.52717.3.1.3.0"
+WATCHDOG_FILE = "/tmp/kvsnmp.watchdogtest"

@@ -14,6 +14,8 @@ from .target import Target
 MODEL = ber.numbers(MODEL_NUMBER)
 HEALTH_PERIOD = 601
 PROBES = "/run/device/probes"
+NOT_RUNNING = "err: Snmpd health check: snmpd is not running"
+ATTEMPT = "Warning: Failed to connect to the agentx master agent ([NIL]): "
 IDLE = 14  # wake-ups a second at most: ten of the process timer, one of the ping, one in 5 s of the watchdog file
 
 _contacts = iter(range(1, 1000000))

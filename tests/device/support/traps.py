@@ -12,8 +12,8 @@ from typing import NamedTuple
 
 from .catalogue import TRAP_OF
 from .polling import wait_until
+from .snmp import PRIVATE_MIB as E
 
-E = ".1.3.6.1.4.1.52717"
 SYS_UP_TIME = ".1.3.6.1.2.1.1.3.0"
 TRAP_OID = ".1.3.6.1.6.3.1.1.4.1.0"
 SYS_NAME = ".1.3.6.1.2.1.1.5"
