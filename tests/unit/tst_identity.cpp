@@ -1,4 +1,5 @@
 // The identity files: every reader with the contents that it may find.
+#include "support/catalogue.h"
 #include "support/files.h"
 #include "support/testprogram.h"
 
@@ -50,8 +51,8 @@ private Q_SLOTS:
 
     void modelNumber()
     {
-        for (const int model : {6211, 6214, 6259, 6410, 6420, 6425, 6601, 6602, 6720, 6764, 6891, 6913, 6914})
-            expectModelNumber(QByteArray::number(model) + '\n', model);
+        for (const uint model : catalogue::models())
+            expectModelNumber(QByteArray::number(model) + '\n', static_cast<int>(model));
         for (const char *text : {"6214", "  6214 \n", "\t6214\t\r\n", "06214\n", "+6214\n", "6214\nsecond line\n"})
             expectModelNumber(text, 6214);
         for (const char *line : {"6214x\n", "x6214\n", "62 14\n", "\t 6x \r\n", "0x1846\n", "6214.0\n", "99999999999\n",

@@ -2,13 +2,13 @@
 #include "app/kvsnmp.h"
 
 #include "support/agentbench.h"
+#include "support/catalogue.h"
 #include "support/childprocess.h"
 #include "support/files.h"
 #include "support/kvsnmpbench.h"
 #include "support/testprogram.h"
 
 #include "device/boundedtext.h"
-#include "device/models.h"
 #include "faults/faulthandler.h"
 #include "gpio/gpiocontrol.h"
 
@@ -42,11 +42,11 @@ private Q_SLOTS:
 
     void partsOfEachModel()
     {
-        for (const std::uint32_t model : knownModels) {
-            const AtRow at(QByteArray::number(model));
-            const bool hasAmpType = model == 6425 || model == 6764 || model == 6720 || model == 6420;
-            const bool hasGpio = model == 6891 || model == 6259 || model == 6214 || model == 6211;
-            Bench bench(static_cast<int>(model));
+        for (const catalogue::Row &model : catalogue::rows("models")) {
+            const AtRow at(model.latin1("model"));
+            const bool hasAmpType = !model.text("file").isEmpty();
+            const bool hasGpio = !model.text("gpio").isEmpty();
+            Bench bench(model.text("model").toInt());
             QCOMPARE(bench.log.takeLines().filter(qs("readAmpType")).size(), hasAmpType ? 1 : 0);
             QStringList parts;
             for (const QObject *child : bench.kvSnmp->children())
