@@ -44,9 +44,9 @@ WALKS = [Walk(model) for model in MODELS] + [Walk(model, text) for model in STAT
 FAILED_TONE = "/state/lines/line[kid='ln1']/pilot_tone_state=failed"
 
 GOLDEN_HEAD = """\
-# What each model serves on a device with the simulator's data. Below "== NAME ARC TYPES" a line is one row of a table:
-# the walks that have it, its index, its cells. ARC is below the private MIB's .3, and cell n is at ARC.n.index;
-# scalars have the index 0. KVSNMP_WRITE_GOLDEN=1 writes this file again (test_walks.py): check every difference.
+# Made by KVSNMP_WRITE_GOLDEN=1 ctest --preset dev -R '^device-walks$': check every difference. What each model serves
+# on a device with the simulator's data. Below "== NAME ARC TYPES" a line is one row of a table: the walks that have
+# it, its index, its cells. ARC is below the private MIB's .3, and cell n is at ARC.n.index; scalars have the index 0.
 """
 
 
