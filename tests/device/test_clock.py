@@ -16,7 +16,6 @@ from support.polling import wait_until
 from support.traps import TIME, Faults, TrapReceiver, switch, time_text
 
 UTC = datetime.timezone.utc
-ANSWER = ("INTEGER", "6214")
 DAY = 86400
 
 
@@ -83,7 +82,7 @@ def test_time_of_day_set(clocked, seconds, delay):
     probes = device.read(PROBES).count("\n")
     run_probe(device)
     assert device.read(PROBES).count("\n") == probes + 1
-    assert device.snmp.get(MODEL_NUMBER) == [ANSWER]
+    assert device.snmp.get(MODEL_NUMBER) == [("INTEGER", "6214")]
     assert (device.kvsnmp_pid(), device.wait_snmpd()) == (pid, snmpd)
 
 

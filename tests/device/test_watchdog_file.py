@@ -10,7 +10,6 @@ from support.device import MODEL_NUMBER
 from support.disk import SmallDisk
 from support.polling import wait_until
 
-ANSWER = ("INTEGER", "6420")
 NAME = "kvsnmp.watchdogtest"
 REFUSED = f"Couldn't open file: /tmp/{NAME}\n"
 # Outside a sandbox made by root there is only one user.
@@ -27,7 +26,7 @@ def test_full_or_read_only_disk_and_things_of_others_affect_only_this_file(start
     def next_tick(done, what: str) -> None:
         device.shift_clock(5)
         wait_until(done, 8, what=what)
-        assert device.snmp.get(MODEL_NUMBER) == [ANSWER]
+        assert device.snmp.get(MODEL_NUMBER) == [("INTEGER", "6420")]
 
     next_tick(lambda: disk.read(NAME) == "", "file made, and empty")
     disk.free()
