@@ -39,7 +39,7 @@ std::uint32_t ampTypeOfModel(const KvAgent &agent)
 void initialize_table_ampChannelTable() { initializeTable(ampChannelTable); }
 Index *ampChannelTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(ampChannelTable, l, d, i); }
 Index *ampChannelTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(ampChannelTable, l, d, i); }
-int ampChannelTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable("ampChannelTable", columns, i, r); }
+int ampChannelTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(ampChannelTable, i, r); }
 void refillAmpChannelTableEntries()
 {
     beginRefill(ampChannelTable);

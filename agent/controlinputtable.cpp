@@ -40,7 +40,7 @@ Rows<ControlInputRow, rowSets, controlInputRows> rows({.status = 1, .monitored =
 void initialize_table_controlInputTable() { initializeTable(controlInputTable); }
 Index *controlInputTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(controlInputTable, l, d, i); }
 Index *controlInputTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(controlInputTable, l, d, i); }
-int controlInputTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable("controlInputTable", columns, i, r); }
+int controlInputTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(controlInputTable, i, r); }
 void refillControlInputTableEntries() { refillTable(controlInputTable); }
 int controlInputTable_load(Cache *, void *) { return loadTable(controlInputTable); }
 void controlInputTable_free(Cache *, void *) { freeTable(controlInputTable); }

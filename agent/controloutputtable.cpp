@@ -29,7 +29,7 @@ Rows<std::uint32_t, rowSets, controlOutputRows> rows(1);
 void initialize_table_controlOutputTable() { initializeTable(controlOutputTable); }
 Index *controlOutputTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(controlOutputTable, l, d, i); }
 Index *controlOutputTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(controlOutputTable, l, d, i); }
-int controlOutputTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable("controlOutputTable", columns, i, r); }
+int controlOutputTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(controlOutputTable, i, r); }
 void refillControlOutputTableEntries() { refillTable(controlOutputTable); }
 int controlOutputTable_load(Cache *, void *) { return loadTable(controlOutputTable); }
 void controlOutputTable_free(Cache *, void *) { freeTable(controlOutputTable); }

@@ -25,7 +25,7 @@ Rows<std::uint32_t, rowSets, ethPorts> rows(1);
 void initialize_table_ethMonitoringTable() { initializeTable(ethMonitoringTable); }
 Index *ethMonitoringTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(ethMonitoringTable, l, d, i); }
 Index *ethMonitoringTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(ethMonitoringTable, l, d, i); }
-int ethMonitoringTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable("ethMonitoringTable", columns, i, r); }
+int ethMonitoringTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(ethMonitoringTable, i, r); }
 void refillEthMonitoringTableEntries() { refillTable(ethMonitoringTable); }
 int ethMonitoringTable_load(Cache *, void *) { return loadTable(ethMonitoringTable); }
 void ethMonitoringTable_free(Cache *, void *) { freeTable(ethMonitoringTable); }

@@ -26,7 +26,7 @@ Rows<Measured, rowSets, fanRows> rows({});
 void initialize_table_fanTable() { initializeTable(fanTable); }
 Index *fanTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(fanTable, l, d, i); }
 Index *fanTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(fanTable, l, d, i); }
-int fanTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable("fanTable", columns, i, r); }
+int fanTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(fanTable, i, r); }
 void refillFanTableEntries() { refillTable(fanTable); }
 int fanTable_load(Cache *, void *) { return loadTable(fanTable); }
 void fanTable_free(Cache *, void *) { freeTable(fanTable); }

@@ -32,7 +32,7 @@ Rows<LineInRow, rowSets, lineInRows> rows({.lineInStatus = 0, .micStatus = 0, .l
 void initialize_table_lineInTable() { initializeTable(lineInTable); }
 Index *lineInTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(lineInTable, l, d, i); }
 Index *lineInTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(lineInTable, l, d, i); }
-int lineInTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable("lineInTable", columns, i, r); }
+int lineInTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(lineInTable, i, r); }
 void refillLineInTableEntries() { refillTable(lineInTable); }
 int lineInTable_load(Cache *, void *) { return loadTable(lineInTable); }
 void lineInTable_free(Cache *, void *) { freeTable(lineInTable); }

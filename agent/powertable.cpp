@@ -29,7 +29,7 @@ Rows<PowerRow, rowSets, powerSources> rows({.liveStatus = 1, .monitored = 1});
 void initialize_table_powerTable() { initializeTable(powerTable); }
 Index *powerTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(powerTable, l, d, i); }
 Index *powerTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(powerTable, l, d, i); }
-int powerTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable("powerTable", columns, i, r); }
+int powerTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(powerTable, i, r); }
 void refillPowerTableEntries() { refillTable(powerTable); }
 int powerTable_load(Cache *, void *) { return loadTable(powerTable); }
 void powerTable_free(Cache *, void *) { freeTable(powerTable); }

@@ -40,7 +40,7 @@ Rows<RelayRow, rowSets, relayRows> rows({.status = 1, .idleMode = 1, .delay = 0}
 void initialize_table_relayTable() { initializeTable(relayTable); }
 Index *relayTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(relayTable, l, d, i); }
 Index *relayTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(relayTable, l, d, i); }
-int relayTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable("relayTable", columns, i, r); }
+int relayTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(relayTable, i, r); }
 void refillRelayTableEntries() { refillTable(relayTable); }
 int relayTable_load(Cache *, void *)
 {

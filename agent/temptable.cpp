@@ -63,7 +63,7 @@ Rows<TempRow, rowSets, tempRows> rows({});
 void initialize_table_tempTable() { initializeTable(tempTable); }
 Index *tempTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(tempTable, l, d, i); }
 Index *tempTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(tempTable, l, d, i); }
-int tempTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable("tempTable", columns, i, r); }
+int tempTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(tempTable, i, r); }
 void refillTempTableEntries() { refillTable(tempTable); }
 int tempTable_load(Cache *, void *) { return loadTable(tempTable); }
 void tempTable_free(Cache *, void *) { freeTable(tempTable); }

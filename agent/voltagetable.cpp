@@ -71,7 +71,7 @@ Rows<Measured, rowSets, voltageSlots> rows({});
 void initialize_table_voltageTable() { initializeTable(voltageTable); }
 Index *voltageTable_get_first_data_point(void **l, void **d, Index *i, Iterator *) { return firstRow(voltageTable, l, d, i); }
 Index *voltageTable_get_next_data_point(void **l, void **d, Index *i, Iterator *) { return nextRow(voltageTable, l, d, i); }
-int voltageTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable("voltageTable", columns, i, r); }
+int voltageTable_handler(Handler *, Registration *, Info *i, Request *r) { return serveTable(voltageTable, i, r); }
 void refillVoltageTableEntries() { refillTable(voltageTable); }
 int voltageTable_load(Cache *, void *) { return loadTable(voltageTable); }
 void voltageTable_free(Cache *, void *) { freeTable(voltageTable); }

@@ -66,7 +66,7 @@ constexpr Column columns[] = {
 
 Index *getFirst(void **l, void **d, Index *i, Iterator *) { return firstRow(entPhySensorTable, l, d, i); }
 Index *getNext(void **l, void **d, Index *i, Iterator *) { return nextRow(entPhySensorTable, l, d, i); }
-int handle(Handler *, Registration *, Info *i, Request *r) { return serveTable("entPhySensorTable", columns, i, r); }
+int handle(Handler *, Registration *, Info *i, Request *r) { return serveTable(entPhySensorTable, i, r); }
 int load(Cache *, void *) { return refillSensors(), 0; }
 void free(Cache *, void *) {}
 // clang-format on

@@ -64,7 +64,7 @@ constexpr Column columns[] = {
 
 Index *getFirst(void **l, void **d, Index *i, Iterator *) { return firstRow(entPhysicalTable, l, d, i); }
 Index *getNext(void **l, void **d, Index *i, Iterator *) { return nextRow(entPhysicalTable, l, d, i); }
-int handle(Handler *, Registration *, Info *i, Request *r) { return serveTable("entPhysicalTable", columns, i, r); }
+int handle(Handler *, Registration *, Info *i, Request *r) { return serveTable(entPhysicalTable, i, r); }
 int load(Cache *, void *) { return 0; } // the entities never change
 void free(Cache *, void *) {}
 // clang-format on
