@@ -32,13 +32,13 @@ constexpr Scalar infoScalars[] = { // in the order of registration
 };
 } // namespace
 
-int handle_infoPackageVersion(Handler *, Registration *, Info *i, Request *r)    { return serve("handle_infoPackageVersion",    served.packageVersion,    i, r); }
-int handle_infoModelType(Handler *, Registration *, Info *i, Request *r)         { return serve("handle_infoModelType",         served.modelType,         i, r); }
-int handle_infoModelNumber(Handler *, Registration *, Info *i, Request *r)       { return serve("handle_infoModelNumber",       served.modelNumber,       i, r); }
-int handle_infoAmplifierType(Handler *, Registration *, Info *i, Request *r)     { return serve("handle_infoAmplifierType",     served.amplifierType,     i, r); }
-int handle_infoKernelVersion(Handler *, Registration *, Info *i, Request *r)     { return serve("handle_infoKernelVersion",     served.kernelVersion,     i, r); }
-int handle_infoDeviceTreeVersion(Handler *, Registration *, Info *i, Request *r) { return serve("handle_infoDeviceTreeVersion", served.deviceTreeVersion, i, r); }
-int handle_infoDisablement(Handler *, Registration *, Info *i, Request *r)       { return serve("handle_infoDisablement",       served.disablement,       i, r); }
+int handle_infoPackageVersion(Handler *, Registration *, Info *i, Request *r)    { return serve(__func__, served.packageVersion,    i, r); }
+int handle_infoModelType(Handler *, Registration *, Info *i, Request *r)         { return serve(__func__, served.modelType,         i, r); }
+int handle_infoModelNumber(Handler *, Registration *, Info *i, Request *r)       { return serve(__func__, served.modelNumber,       i, r); }
+int handle_infoAmplifierType(Handler *, Registration *, Info *i, Request *r)     { return serve(__func__, served.amplifierType,     i, r); }
+int handle_infoKernelVersion(Handler *, Registration *, Info *i, Request *r)     { return serve(__func__, served.kernelVersion,     i, r); }
+int handle_infoDeviceTreeVersion(Handler *, Registration *, Info *i, Request *r) { return serve(__func__, served.deviceTreeVersion, i, r); }
+int handle_infoDisablement(Handler *, Registration *, Info *i, Request *r)       { return serve(__func__, served.disablement,       i, r); }
 // clang-format on
 
 void init_infoScalars()

@@ -1,6 +1,5 @@
 // E.3.8: line end transponders (LETs), one table per channel, both served by one handler.
 #include "agent/modules.h"
-#include "agent/tablecore.h"
 
 #include <cstdio>
 #include <cstring>
@@ -80,7 +79,7 @@ int letChannelTable_handler(Handler *, Registration *, Info *i, Request *r)
 {
     if (i != nullptr)
         std::printf("letChannelTable_handler()   Processing request (%d)\n", i->mode);
-    return serveTable("letChannelTable", columns, i, r);
+    return serveTable(letChannel1Table, i, r, "letChannelTable"); // both have the same columns
 }
 int letChannel1Table_load(Cache *, void *) { return loadTable(letChannel1Table); }
 int letChannel2Table_load(Cache *, void *) { return loadTable(letChannel2Table); }

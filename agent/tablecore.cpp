@@ -101,7 +101,6 @@ void RowChain::use(std::span<const Line> lines)
         setText(row.description, line.description);
         row.status = 1;
         row.source = line.source;
-        row.next = nullptr;
         (m_last != nullptr ? m_last->next : m_first) = &row;
         m_last = &row;
         ++m_count;
@@ -142,9 +141,11 @@ netsnmp_variable_list *nextRow(const TableModule &table, void **loop, void **dat
     return index;
 }
 
-int serveTable(const char *name, std::span<const Column> columns, netsnmp_agent_request_info *info,
-               netsnmp_request_info *requests)
+int serveTable(const TableModule &table, netsnmp_agent_request_info *info, netsnmp_request_info *requests,
+               const char *name)
 {
+    if (name == nullptr)
+        name = table.name;
     if (info == nullptr) {
         std::printf("%s_handler() ERROR reqinfo was NULL \n", name);
         return missingInfo;
@@ -161,7 +162,7 @@ int serveTable(const char *name, std::span<const Column> columns, netsnmp_agent_
             netsnmp_set_request_error(info, request, SNMP_NOSUCHOBJECT);
             return missingInfo;
         }
-        serveCell(columns, row, tableInfo->colnum, info, request);
+        serveCell(table.columns, row, tableInfo->colnum, info, request);
     }
     return SNMP_ERR_NOERROR;
 }

@@ -243,13 +243,9 @@ int loadTable(const TableModule &table);
 void freeTable(const TableModule &table);
 void refillTable(const TableModule &table);
 
-/// Answers the requests of one call from the rows that the iterator found. `name` starts the error messages.
-int serveTable(const char *name, std::span<const Column> columns, netsnmp_agent_request_info *info,
-               netsnmp_request_info *requests);
-inline int serveTable(const TableModule &table, netsnmp_agent_request_info *info, netsnmp_request_info *requests)
-{
-    return serveTable(table.name, table.columns, info, requests);
-}
+/// Answers the requests of one call. `name`, or the table's, starts the error messages.
+int serveTable(const TableModule &table, netsnmp_agent_request_info *info, netsnmp_request_info *requests,
+               const char *name = nullptr);
 int serveCount(const TableModule &table, const netsnmp_agent_request_info *info, netsnmp_request_info *requests);
 
 // The steps of loadTable() and refillTable(), for the tables that differ.

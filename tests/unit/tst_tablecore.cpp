@@ -73,7 +73,7 @@ public:
     {
         netsnmp_agent_request_info info = {};
         info.mode = mode;
-        return serveTable("benchTable", columns, &info, &m_request);
+        return serveTable(bench, &info, &m_request);
     }
     QByteArray answer() const { return typeAndValue(m_variable).toLatin1(); } ///< "type 5" before there is one
 
