@@ -53,8 +53,9 @@ def test_foreground_answers_within_six_seconds_and_ends_with_all_its_lines(start
 
 
 def test_daemon_answers_and_holds_a_pid_file(start_device):
-    device = start_device(6410, "--daemon").wait_answering()
-    assert device.kvsnmp_status() == 0  # the process that went into the background
+    device = start_device(6410, "--no-kvsnmp")
+    assert device.start_kvsnmp(wrapper=["env", "--chdir=/tmp"]).wait(20) == 0  # it has gone into the background
+    device.wait_answering()
     assert device.kvsnmp_out() == "kvsnmp main()\nkvsnmp: forking as daemon..\n"
     pid = device.kvsnmp_pid()
     assert device.read(PID_FILE) == f"{pid}\n"
