@@ -113,7 +113,7 @@ def test_five_thousand_waiting_faults_whose_trap_is_enabled(bench):
     bench.assert_each_once("waiting", 5000)
     faults.clear_everything()
     if not is_sanitized():  # a sanitizer keeps freed memory
-        wait_until(lambda: memory_kb(device, device.kvsnmp_pid(), "VmRSS") < before + 3000, 10, what="memory returned")
+        wait_until(lambda: memory_kb(device, device.kvsnmp_pid(), "VmRSS") < before + 2000, 10, what="memory returned")
 
 
 def test_a_burst_of_two_thousand_faults_raised_and_cleared(bench):
