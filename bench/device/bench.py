@@ -1,4 +1,4 @@
-"""What every measurement shares: the devices, the results, the load generator and how much of everything is done."""
+"""Shared by all measurements: the devices, the results, the load generator and the numbers of repetitions."""
 from __future__ import annotations
 
 import subprocess

@@ -83,7 +83,7 @@ class Counts(Bench):
         try:
             if subject == KVSNMP:
                 device.wait_answering(60).wait_subscribed(60)
-            serving = max(processes(device, "callgrind"))  # the others only look after it
+            serving = max(processes(device, "callgrind"))  # the others only supervise it
 
             def so_far() -> int:
                 text = device.run(["vgdb", f"--pid={serving.inside}", "status", "internal"]).stdout

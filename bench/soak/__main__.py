@@ -41,7 +41,7 @@ CALM = 2.0
 
 def main() -> int:
     parser = argparse.ArgumentParser(prog="soak", description="Keeps a device of model 6420 busy and watches it.")
-    parser.add_argument("minutes", type=float, help="how long; a fraction will do")
+    parser.add_argument("minutes", type=float, help="how long; may be a fraction")
     parser.add_argument("--seed", type=int, default=1, metavar="N", help="another order of events")
     options = parser.parse_args()
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):

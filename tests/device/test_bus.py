@@ -1,5 +1,5 @@
 """The system bus absent, silent, killed, hung and restarted, and messages of others on it. The unit tests of the link
-hold it to signatures and numbers, and to monitors that come and go."""
+check signatures, numbers, and monitors that come and go."""
 from __future__ import annotations
 
 import contextlib

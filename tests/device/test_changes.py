@@ -12,8 +12,8 @@ from support.press import Press
 from support.rawmanager import RawManager
 from support.target import Target, intact
 
-# All the hurry of the clock stays below the 600 s of snmpd's health probe. A hurry while its program runs would be taken
-# for one that hangs, and snmpd would be restarted.
+# The clock is moved by less than the 600 s of snmpd's health probe in total: the daemon would take a leap while the
+# probe's program runs for a hang, and restart snmpd.
 TURNS = 6
 
 

@@ -17,11 +17,11 @@ TRAPS = f"{SETTINGS}/trap_settings"
 
 @pytest.fixture(scope="module")
 def amplifier(start_shared_device):
-    """Healthy; a test that breaks it mends it."""
+    """Healthy; a test that breaks it repairs it."""
     return start_shared_device(6420, "--no-traps").wait_answering()
 
 
-# Broken and mended again
+# Broken and repaired again
 
 
 FAKE = "import ctypes, time; ctypes.CDLL(None).prctl(15, b'kvsnmp'); time.sleep(60)"

@@ -336,7 +336,7 @@ def test_unknown_actions_and_writes_of_another_origin_are_refused(flood, page, s
     assert '{"ok": false, "text": "this model has no such scenario"}' in click("scenario", '"../../../etc/passwd"')[1]
 
 
-def test_it_listens_on_loopback_only_unless_told(server):
+def test_it_listens_on_loopback_unless_another_address_is_given(server):
     with pytest.raises(ConnectionRefusedError):
         ask(f"127.0.0.2:{server.port}", "GET", "/")
     with closing(Server("--listen", "127.0.0.2", address="127.0.0.2")) as other:

@@ -28,7 +28,7 @@ def valgrind_errors(device) -> list[str]:
 
 
 def test_session_without_an_error_or_a_leak(start_device):
-    """Start, 1,000 notifications, 1,000 GETs, SIGTERM: sanitizers look on, or valgrind in a build without them."""
+    """Start, 1,000 notifications, 1,000 GETs, SIGTERM, under sanitizers, or under valgrind in a build without them."""
     wrapper = [] if is_sanitized() else ["--kvsnmp-wrapper", VALGRIND]
     device = start_device(6420, "--clock-shift" if is_sanitized() else "--no-traps", *wrapper)
     device.wait_answering(60).wait_subscribed(60)

@@ -1,4 +1,4 @@
-"""A web server that takes what is posted as JSON."""
+"""A web server that receives JSON."""
 from __future__ import annotations
 
 import json

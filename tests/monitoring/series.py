@@ -1,4 +1,4 @@
-"""What the exporter makes of a walk, computed from the MIB alone: its metrics, and the words of codes."""
+"""The exporter's result for a walk, computed from the MIB alone: its metrics, and the words of codes."""
 from __future__ import annotations
 
 import re

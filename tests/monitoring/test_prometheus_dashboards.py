@@ -125,8 +125,8 @@ def answers(folder, input_series: list[dict[str, str]], expected: dict[str, dict
 
 
 def test_every_query_and_record_with_a_device_of_every_model(tmp_path):
-    """It has data where the model has the table, the timelines the served states. A loudspeaker line has an earth fault, a
-    transponder is present, one device does not answer, and of one snmpd alone."""
+    """Each returns data where the model has the table, and the timelines show the served states. A loudspeaker line has
+    an earth fault, a transponder is present, one device does not answer, and of another one only snmpd does."""
     changed = {"6720": {"ampChannelLineState.1": "6", "letChannel1Status.1": "3"}}
     devices = {name: scraped(name, **changed.get(name, {})) for name in walks.NAMES}
     expected: dict[str, dict[str, float]] = {}

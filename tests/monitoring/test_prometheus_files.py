@@ -1,4 +1,4 @@
-"""The files of monitoring/prometheus: their structure, and names that one of them uses and another makes."""
+"""The files of monitoring/prometheus: their structure, and names that one of them uses and another defines."""
 from __future__ import annotations
 
 import json
@@ -163,7 +163,7 @@ def test_scrape_configuration():
 
 
 def test_alertmanager_configuration():
-    """Each severity has a receiver of its own, and what mutes exists."""
+    """Each severity has a separate receiver, and each alert that mutes others exists."""
     amtool("check-config", str(ALERTMANAGER))
     config = yaml.safe_load(ALERTMANAGER.read_text())
     receivers = {receiver["name"] for receiver in config["receivers"]}

@@ -1,4 +1,4 @@
-// The link to the amplifier monitor, on a bus of the test's own with a monitor of the test's own.
+// The link to the amplifier monitor, on a separate bus with the test's monitor.
 #include "support/messagebus.h"
 #include "support/recordfields.h"
 #include "support/talbench.h"
@@ -49,7 +49,7 @@ public:
     QStringList calls;
 };
 
-/// A program on the bus with a connection of its own: the monitor when it has taken the name, else a stranger.
+/// A program on the bus with a separate connection: the monitor if it has taken the name, otherwise a stranger.
 class Peer {
 public:
     explicit Peer(const SystemBus &bus)
@@ -68,7 +68,7 @@ public:
     }
     Q_DISABLE_COPY(Peer)
 
-    /// Both return once the link's connection has learned of it.
+    /// Both return once the link's connection has been notified.
     void takeName()
     {
         QVERIFY(m_bus.registerService(serviceName));

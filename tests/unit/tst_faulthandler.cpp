@@ -1,4 +1,4 @@
-// Which messages become traps, when, in which order and how often. The trap sender is the test's own.
+// Which messages become traps, when, in which order and how often. The test replaces the trap sender.
 #include "support/catalogue.h"
 #include "support/messagelog.h"
 #include "support/testprogram.h"

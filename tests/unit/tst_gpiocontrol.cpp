@@ -36,7 +36,7 @@ public:
     using GpioControl::GpioControl;
 };
 
-/// The control with its reports written down: "in ID STATUS", "out ID STATUS", "relay ID STATUS".
+/// The control with its reports recorded: "in ID STATUS", "out ID STATUS", "relay ID STATUS".
 class GpioBench {
 public:
     explicit GpioBench(uint model, const char *description = ordinaryDescription)

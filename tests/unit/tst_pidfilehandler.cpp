@@ -1,4 +1,4 @@
-// The pid file: what keeps a second instance out, and what does not.
+// The pid file: which contents prevent a second instance, and which do not.
 #include "app/pidfilehandler.h"
 
 #include "support/childprocess.h"

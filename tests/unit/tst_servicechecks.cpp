@@ -1,4 +1,4 @@
-// What the self-check says of the settings that a data service delivers, and of one that delivers nothing.
+// The self-check's findings about the settings of a data service, and about one that delivers nothing.
 #include "support/testprogram.h"
 
 #include "check/checks.h"

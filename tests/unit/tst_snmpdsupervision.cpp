@@ -1,4 +1,4 @@
-// Restarting snmpd, starting it cleanly, and the health probe. No command is run here: the bench writes them down.
+// Restarting snmpd, starting it cleanly, and the health probe. No command is run: the bench only records them.
 #include "support/ordinaryuser.h"
 #include "support/snmpdbench.h"
 #include "support/testprogram.h"

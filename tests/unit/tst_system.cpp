@@ -1,5 +1,5 @@
-// What the self-check reads of the system: processes, pid files, GPIO lines, of which it exports none, and the AgentX
-// socket, with peers that answer, keep silent or are gone.
+// What the self-check reads from the system: processes, pid files, GPIO lines (it exports none), and the AgentX socket,
+// with peers that answer, are silent or have ended.
 #include "support/files.h"
 #include "support/gpiofolder.h"
 #include "support/testprogram.h"

@@ -1,4 +1,4 @@
-// What every table does alike and no table of a device shows, on a small table of its own.
+// Behaviour that all tables share and no table of a device shows, on a small table of the test.
 #include "support/agentbench.h"
 #include "support/testprogram.h"
 

@@ -1,4 +1,4 @@
-// Messages of the data service: out of bytes in any chunking; good, malformed and great ones.
+// Messages of the data service: from bytes in chunks of any size; good, malformed and very long ones.
 #include "support/talinterfacebench.h"
 
 #include "platform/xrcommon/framing/framing.h"

@@ -1,5 +1,5 @@
-// The way to the master, every state by every event: where the gate goes, and what becomes of the faults that are
-// there. The gate, the sender and the fault list are the real ones; the library's sending end is replaced here.
+// The trap gate, every event in every state: the gate's next state, and whether the traps of present faults are sent.
+// The gate, the sender and the fault list are the real ones; the library's sending end is replaced here.
 #include "support/agentbench.h"
 #include "support/socketpair.h"
 #include "support/testprogram.h"
@@ -14,9 +14,9 @@ namespace {
 using State = TrapGate::State;
 
 /// What an event does in a state, four signs each: the next state (No session, Ending, Gone, Slow, Full or Open), how
-/// often the gate calls that it is open, and when the trap goes out of a fault that was raised in the state (the event
-/// Clear ends it), and of a fault that was raised and ended in it: now or before, later when the way is open again, or
-/// - never.
+/// often the gate notifies that it is open, and when two traps are sent: that of a fault raised in the state (the event
+/// Clear ends it), and that of a fault raised and ended in it. n: now or before; l: later, when the gate is open again;
+/// -: never.
 // clang-format off
 constexpr const char *table[] = { // in the order of states(), each in the order of events()
     // Raise Clear Disable Other Pass Read Opens Closes HangUp Order Start

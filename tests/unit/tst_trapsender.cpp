@@ -1,4 +1,4 @@
-// The trap sender: what it hands to the library, and when it refuses. The library's sending end is replaced here.
+// The trap sender: what it passes to the library, and when it refuses. The library's sending end is replaced here.
 #include "support/agentbench.h"
 #include "support/testprogram.h"
 

@@ -1,4 +1,4 @@
-// The watchdog file: written again and again, and made anew when something else stands at its path.
+// The watchdog file: written again and again, and created anew when something else is at its path.
 #include "support/files.h"
 #include "support/testprogram.h"
 

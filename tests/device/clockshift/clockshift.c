@@ -79,7 +79,7 @@ int clock_gettime(clockid_t id, struct timespec *time)
 int gettimeofday(struct timeval *restrict time, void *restrict zone)
 {
     struct timespec now;
-    (void)zone; // nobody's any more
+    (void)zone; // obsolete, ignored
     if (clock_gettime(CLOCK_REALTIME, &now) != 0)
         return -1;
     time->tv_sec = now.tv_sec;

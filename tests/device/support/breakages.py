@@ -1,4 +1,4 @@
-"""A device that is broken in one way, and mended again."""
+"""Ways to break a device; each repairs it at the end of its block."""
 from __future__ import annotations
 
 import os
@@ -56,19 +56,19 @@ def access(device: Device, restarts: bool = True, **values: str):
 
 @contextmanager
 def edited(device: Device, path: str, edit: Callable[[str], str]):
-    """Rewritten in place, which nobody notices until the next restart."""
+    """Rewrites the file in place, which has no effect until the next restart."""
     file = device.path(path)
     kept = file.read_text()
     file.write_text(edit(kept))
     yield
     file.write_text(kept)
     if path == CONF:
-        restart_snmpd(device)  # else it stays older than its file
+        restart_snmpd(device)  # otherwise the running one stays older than its file
 
 
 @contextmanager
 def moved_away(device: Device, path: str, *instead: str):
-    """The file, with what a command makes in its place."""
+    """Moves the file away; the command, if any, creates something in its place."""
     file = device.path(path)
     away = file.rename(file.with_name(f"{file.name}-away"))
     if instead:
@@ -90,7 +90,7 @@ def beside(device: Device, program: str, *command: str):
 
 @contextmanager
 def newer_conf(device: Device):
-    """Mounted over the file, which the daemon does not notice."""
+    """Mounts a newer copy over the file, which the daemon does not notice."""
     started = device.path("/run/snmpd.pid").stat().st_mtime
     wait_until(lambda: time.time() > started + 8, what="some seconds of life")
     device.path("/etc/newer.conf").write_text(device.read(CONF))

@@ -1,4 +1,4 @@
-// The agent on the bench: started in this process or in one of its own, asked over the library's internal transport. No
+// The agent on the bench: started in this process or in a separate one, asked over the library's internal transport. No
 // master; a temporary folder stands for every path that the library reads or writes, its master's socket included.
 #pragma once
 
@@ -29,11 +29,11 @@ QStringList lines(std::initializer_list<const char *> texts);
 
 QStringList printed(const std::function<void()> &body);
 
-/// Runs `body` in a process of its own and returns the lines that it wrote to standard output. A process that does not
+/// Runs `body` in a separate process and returns the lines that it wrote to standard output. A process that does not
 /// end well adds a line that says so.
 QStringList printedInOwnProcess(const std::function<void()> &body);
 
-/// Calls `questions` in a process of its own and returns the answers, without what is printed meanwhile.
+/// Calls `questions` in a separate process and returns the answers, without what is printed meanwhile.
 QStringList answeredInOwnProcess(const std::function<QStringList()> &questions);
 
 void startAgent(std::uint32_t model, const char *modelText = "", std::uint8_t ampType = 1);

@@ -1,4 +1,4 @@
-// Files of a test: written, read, looked at. Paths are those of Qt or of the system calls.
+// Writes, reads and inspects the files of a test. Paths are those of Qt or of the system calls.
 #pragma once
 
 #include <QtTest>

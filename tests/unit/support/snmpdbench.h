@@ -1,4 +1,4 @@
-// A settings handler on the bench: files in a temporary folder, commands and system log lines only written down.
+// A settings handler on the bench: files in a temporary folder, commands and system log lines are only recorded.
 #pragma once
 
 #include "support/files.h"
@@ -21,7 +21,7 @@ inline const QString settledEvent = logEvent(LOG_INFO, "Tal System Config settle
 inline const QString killallEvent = qs("run: killall|snmpd");
 inline const QString finishEvent = qs("finish");
 
-/// Nothing leaves the bench: what the handler would have run or logged becomes one event text each, in order.
+/// Nothing leaves the bench: each command and log line of the handler becomes one event text, in order.
 class SnmpdBench {
 public:
     explicit SnmpdBench(const QString &missingFolder = {})
