@@ -28,8 +28,8 @@ inline bool operator==(const Command &a, const Command &b)
     return a.program == b.program && a.arguments == b.arguments;
 }
 
-/// Prints the resident memory of each snmpd in kB. The options are single words with a blank inside, as the device's ps
-/// expects.
+/// The command that prints the resident memory of each snmpd in kB. Its options are single words with a blank inside,
+/// as the device's ps expects.
 inline Command memoryProbe()
 {
     return {QLatin1String(psProgram),
