@@ -164,20 +164,18 @@ bool Master::isUnbearable(std::string_view frame) const
            });
 }
 
-/// Splits outgoing bytes into PDUs like the library, and records the requests. False if one of the PDUs makes the
+/// Splits outgoing bytes into PDUs like the sub-agent, and records the requests. False if one of the PDUs makes the
 /// library misbehave.
 bool Master::account(std::string_view chunk)
 {
     m_sent.append(chunk);
     while (m_inStep && m_sent.size() >= headerSize) {
-        const std::int64_t size = static_cast<std::int32_t>(payloadLength(m_sent) + headerSize);
-        m_inStep = size > 0; // otherwise it closes the connection or stops reading
-        if (!m_inStep || static_cast<std::size_t>(size) > m_sent.size())
+        const std::size_t size = headerSize + payloadLength(m_sent);
+        m_inStep = size <= INT32_MAX; // otherwise the sub-agent closes the connection
+        if (!m_inStep || size > m_sent.size())
             break;
-        const std::string frame = m_sent.substr(0, static_cast<std::size_t>(size));
+        const std::string frame = m_sent.substr(0, size);
         m_sent.erase(0, frame.size());
-        if (frame.size() < headerSize)
-            continue;
         trace("master: ", frame);
         if (isUnbearable(frame))
             return false;
