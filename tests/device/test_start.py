@@ -63,6 +63,7 @@ def test_daemon_answers_and_holds_a_pid_file(start_device):
 
     links = [f"/proc/{pid}/{name}" for name in ("cwd", "fd/0", "fd/1", "fd/2")]
     assert device.run(["readlink", *links]).stdout.split() == ["/", "/dev/null", "/dev/null", "/dev/null"]
+    assert device.run(["cat", f"/proc/{pid}/timerslack_ns"]).stdout == "4000000\n"
 
     device.kill(pid, signal.SIGTERM)
     wait_until(lambda: not device.pids("kvsnmp"), what="daemon ended")
