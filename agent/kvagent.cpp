@@ -4,6 +4,7 @@
 #include "agent/modules.h"
 #include "agent/standard/standardsensors.h"
 #include "agent/trapgate.h"
+#include "agentlib/innersessions.h"
 #include "agentlib/masterconnection.h"
 #include "agentlib/netsnmp.h"
 #include "agentlib/streamlimit.h"
@@ -52,6 +53,7 @@ int sessionStarted(int, int, void *argument, void *)
     void *const listed = snmp_sess_pointer(session);
     netsnmp_transport *transport = listed != nullptr ? snmp_sess_transport(listed) : nullptr;
     masterSessionOpened(transport);
+    bypassPipes();
     if (transport != nullptr)
         limitStream(*transport, session);
     trapGate().openSession(transport != nullptr ? transport->sock : -1);
@@ -62,6 +64,7 @@ int sessionStopped(int, int, void *, void *)
 {
     trapGate().closeSession();
     masterSessionLost();
+    restorePipes();
     return 0;
 }
 

@@ -25,16 +25,6 @@ bool attemptAllowed = true;
 bool descriptorsChanged = true; // a connection was opened or closed
 std::string output;             // what the master has not taken yet
 int outputSocket = -1;
-std::vector<int> pipes;
-
-/// What is left of the library's descriptors are the pipes. Reading an empty one must not wait.
-void findPipes(int masterSocket)
-{
-    awaitedDescriptors(pipes);
-    std::erase(pipes, masterSocket);
-    for (const int pipe : pipes)
-        fcntl(pipe, F_SETFL, fcntl(pipe, F_GETFL) | O_NONBLOCK);
-}
 
 int receive(netsnmp_transport *transport, void *buffer, int size, void **, int *)
 {
@@ -152,7 +142,6 @@ void masterSessionOpened(netsnmp_transport *transport)
     descriptorsChanged = true;
     if (transport != nullptr)
         neverWait(*transport);
-    findPipes(transport != nullptr ? transport->sock : -1);
     static unsigned next = 1; // the first alarm that was not looked at
     const unsigned newest = snmp_alarm_register(1, SA_REPEAT, neverCalled, nullptr);
     for (; next <= newest; ++next) {
@@ -168,17 +157,11 @@ void masterSessionLost()
     discardOutput();
     descriptorsChanged = true;
     attemptAllowed = false;
-    pipes.clear();
 }
 
 bool neverWaits(int descriptor)
 {
-    return descriptor >= 0 && (descriptor == outputSocket || std::ranges::find(pipes, descriptor) != pipes.end());
-}
-
-std::span<const int> internalPipes()
-{
-    return pipes;
+    return descriptor >= 0 && descriptor == outputSocket;
 }
 
 std::size_t queuedOutput()

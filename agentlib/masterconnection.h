@@ -4,7 +4,6 @@
 #include "agentlib/netsnmp.h"
 
 #include <cstddef>
-#include <span>
 #include <vector>
 
 /// Limits the time of each attempt to connect to the default address: it fails if the master's connection queue is
@@ -15,7 +14,7 @@ void boundAttempts();
 /// The session is open: cancels all alarms of the library that would open one. If the master closes the connection
 /// during an attempt, one alarm too many remains, which would log an error every ping interval. From now on, sending
 /// queues whatever the connection does not accept, in order. snmpd does not read while it sends, so without a queue
-/// both sides could wait for each other forever. Reading the connection or the internal pipes does not wait either.
+/// both sides could wait for each other forever. Reading does not wait either.
 void masterSessionOpened(netsnmp_transport *transport);
 
 /// Discards the queue; a later pass opens the next session.
@@ -38,8 +37,5 @@ bool takeDescriptorsChanged();
 /// internal pipes. Call after init_agent().
 void awaitedDescriptors(std::vector<int> &descriptors);
 
-/// The read ends of the pipes through which the library passes requests and answers to itself. Empty without a session.
-std::span<const int> internalPipes();
-
-/// True for the connection and the internal pipes while a session is open: the library may read them at any time.
+/// True for the connection while a session is open: the library may read it at any time.
 bool neverWaits(int descriptor);

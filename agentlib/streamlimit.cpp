@@ -1,15 +1,14 @@
 // Limits the length of messages on the connection to the master agent.
 #include "agentlib/streamlimit.h"
 
+#include "agentlib/innersessions.h"
 #include "agentlib/masterconnection.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <utility>
-#include <vector>
 
-#include <poll.h>
 #include <sys/socket.h>
 
 namespace {
@@ -22,8 +21,6 @@ constexpr u_char lastRequest = 8;
 constexpr u_char notify = 12;
 constexpr u_char response = 18;
 constexpr u_char networkByteOrder = 0x10;
-
-constexpr int roundsAtOnce = 16; // before other work gets a turn
 
 constexpr bool isRequest(u_char type)
 {
@@ -53,7 +50,6 @@ struct Connection {
     bool refused;       // do not pass them to the library
     int unanswered;     // questions in a row
     std::size_t taken;  // bytes since the library was last idle
-    std::size_t open;   // requests without an answer
     netsnmp_session *session;
 };
 Connection connection = {};
@@ -103,8 +99,6 @@ std::size_t withoutRefused(netsnmp_transport *transport, u_char *data, std::size
                 connection.left > longestMessage || (isRequest(connection.header[1]) && queuedOutput() > mostQueued);
             if (connection.header[1] == response)
                 connection.unanswered = 0;
-            if (isRequest(connection.header[1]) && !connection.refused)
-                ++connection.open;
         }
         const std::size_t part = std::min<std::uint64_t>(connection.left, size - at);
         if (!connection.refused) {
@@ -121,36 +115,12 @@ std::size_t withoutRefused(netsnmp_transport *transport, u_char *data, std::size
     return kept;
 }
 
-/// Whether requests are pending in the library, which passes each to itself through pipes.
-bool hasPendingRequests()
-{
-    static std::vector<pollfd> polled;
-    polled.clear();
-    for (const int pipe : internalPipes())
-        polled.push_back({.fd = pipe, .events = POLLIN, .revents = 0});
-    return poll(polled.data(), polled.size(), 0) > 0;
-}
-
-/// Lets the library read one descriptor. False if it was an empty pipe.
-bool readFrom(int descriptor)
-{
-    static netsnmp_large_fd_set set = [] {
-        netsnmp_large_fd_set empty;
-        netsnmp_large_fd_set_init(&empty, FD_SETSIZE);
-        return empty;
-    }();
-    NETSNMP_LARGE_FD_ZERO(&set);
-    NETSNMP_LARGE_FD_SET(descriptor, &set);
-    snmp_read2(&set); // removes a pipe that held a message
-    return netsnmp_large_fd_is_set(descriptor, &set) == 0;
-}
-
 /// The library takes one pending request in a pass, but reads new ones in each. Unread ones make the master wait.
 bool mustWait()
 {
     if (connection.taken < mostPending)
         return false;
-    const bool pending = hasPendingRequests();
+    const bool pending = hasInnerMessages();
     if (!pending)
         connection.taken = 0;
     return pending;
@@ -189,34 +159,12 @@ int sendLimited(netsnmp_transport *transport, const void *message, int size, voi
         shutdown(transport->sock, SHUT_RDWR);
         return -1;
     }
-    if (type == response && connection.open > 0)
-        --connection.open;
     if (size <= static_cast<int>(longestMessage) || type != response)
         return connection.send(transport, message, size, opaque, opaqueLength);
     sendRefusal(transport, data);
     return size;
 }
 } // namespace
-
-bool serveReadable(int descriptor)
-{
-    if (!neverWaits(descriptor))
-        return false;
-    readFrom(descriptor);
-    serveTaken();
-    return true;
-}
-
-void serveTaken()
-{
-    bool found = true;
-    for (int round = 0; round < roundsAtOnce && found && connection.open > 0; ++round) {
-        found = false;
-        // In the order of their creation: first that of the requests. A request may end the session.
-        for (std::size_t at = 0; connection.open > 0 && at < internalPipes().size(); ++at)
-            found = readFrom(internalPipes()[at]) || found;
-    }
-}
 
 void limitStream(netsnmp_transport &transport, netsnmp_session *session)
 {

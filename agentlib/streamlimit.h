@@ -25,11 +25,3 @@ inline constexpr int mostUnanswered = 3;
 /// connection if the master does not answer. Call once for each new connection; there is only one at a time. `session`,
 /// which may be null, belongs to the library.
 void limitStream(netsnmp_transport &transport, netsnmp_session *session);
-
-/// Serves requests that the library has taken from the master. The library passes each of them, and its answer, to
-/// itself through a pipe; this reads the pipes without the select() and the alarms of another pass.
-void serveTaken();
-
-/// Reads a descriptor of the library that is readable, and serves the requests that it takes from it, without a pass of
-/// the library. False, without an effect, if only a pass can read the descriptor.
-bool serveReadable(int descriptor);

@@ -1,7 +1,8 @@
 // Messages from and to the master that are too long: taken off the stream, refused, replaced.
+#include "support/innersessions.h"
 #include "support/testprogram.h"
 
-#include "agent/kvagent.h"
+#include "agentlib/innersessions.h"
 #include "agentlib/masterconnection.h"
 #include "agentlib/streamlimit.h"
 
@@ -196,33 +197,20 @@ private Q_SLOTS:
 
     void noRequestIsReadWhileMostPendingBytesArePending()
     {
-        KvAgent agent;
-        kvAgent = &agent;
-        std::array<int, 2> pipeEnds = {};
-        QCOMPARE(pipe(pipeEnds.data()), 0);
-        netsnmp_session session = {};
-        snmp_sess_init(&session);
-        auto *const transport = SNMP_MALLOC_TYPEDEF(netsnmp_transport); // the library's pipe to itself
-        transport->sock = pipeEnds[0];
-        transport->f_close = [](netsnmp_transport *pipe) { return close(pipe->sock); };
-        netsnmp_session *const added = snmp_add(&session, transport, nullptr, nullptr);
+        InnerSessions inner;
         Stream stream;
         stream.connectToMaster();
         const QByteArray request = message(get, 1024);
         const auto requests = static_cast<int>(mostPending / 1024);
-        QCOMPARE(write(pipeEnds[1], " ", 1), ssize_t{1});
+        inner.pass(1);
         QCOMPARE(stream.received(request.repeated(requests), 1024), request.repeated(requests));
         stream.arrive(request);
         QCOMPARE(stream.readOnce(), QByteArray());
         QVERIFY(stream.lastWasEmpty());
-        char byte = 0;
-        QCOMPARE(read(pipeEnds[0], &byte, 1), ssize_t{1});
+        serveTaken();
         QCOMPARE(stream.readOnce(), request);
-        QCOMPARE(write(pipeEnds[1], " ", 1), ssize_t{1}); // the count begins anew
+        inner.pass(1); // the count begins anew
         QCOMPARE(stream.received(request.repeated(requests - 1), 1024), request.repeated(requests - 1));
-        snmp_close(added);
-        close(pipeEnds[1]);
-        kvAgent = nullptr;
     }
 
     void aLengthThatTheLibraryCannotCountEndsTheConnection()
