@@ -1,4 +1,4 @@
-"""The golden walks: the objects of each model, as printed by snmpwalk -On -Oe -OU, from tests/device/golden.txt."""
+"""The golden walks: the objects of each model, as printed by snmpwalk -On -Oe -OU, from walks.txt."""
 from __future__ import annotations
 
 import fnmatch
@@ -6,7 +6,7 @@ import re
 from pathlib import Path
 from typing import NamedTuple
 
-FILE = Path(__file__).resolve().parents[1] / "tests/device/golden.txt"
+FILE = Path(__file__).with_suffix(".txt")
 BASE = "1.3.6.1.4.1.52717.3"
 CELL = re.compile(r'"(?:[^"\\]|\\["\\])*"|-?\d+')
 
