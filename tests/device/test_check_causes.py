@@ -81,13 +81,13 @@ BROKEN: list[tuple[str, Callable[[Device], AbstractContextManager], str]] = [
 
 
 @pytest.mark.parametrize("way, report", [pytest.param(way, report, id=name) for name, way, report in BROKEN])
-def test_report_of_a_device_that_is_broken_and_mended(amplifier, way, report):
+def test_report_of_a_device_that_is_broken_and_repaired(amplifier, way, report):
     facts = {name: amplifier.pids(name)[0] for name in ("kvsnmp", "snmpd")}
     facts["com2sec"] = amplifier.read(CONF).splitlines().index("com2sec mynetwork 127.0.0.1 public") + 1
     with way(amplifier):
         check = SelfCheck(amplifier, timeout="1")
     assert_reports(check, report.format(**facts))
-    wait_until(lambda: SelfCheck(amplifier).ids("warning", "failed", "skipped") == [], what="mended")
+    wait_until(lambda: SelfCheck(amplifier).ids("warning", "failed", "skipped") == [], what="repaired")
 
 
 def test_access_list_without_this_device(amplifier):

@@ -103,7 +103,7 @@ class Page:
     """A page in the browser; texts are those that a user sees."""
 
     def __init__(self, browser: webdriver.Chrome, url: str) -> None:
-        """One that is open already stays."""
+        """Loads the page unless it is open already."""
         self.browser, self.run = browser, browser.execute_script
         if browser.current_url != url:
             browser.get("about:blank")
@@ -278,7 +278,7 @@ def test_a_closed_page_costs_nothing_and_a_lost_server_comes_back(flood, device,
             return opened
 
         def is_idle() -> bool:
-            """Not woken for longer than its cycle."""
+            """It has not run for longer than its cycle."""
             switches = Path(f"/proc/{own.process.pid}/status").read_text().partition("voluntary_ctxt_switches:")[2]
             if woken[-1][0] != switches:
                 woken.append((switches, time.monotonic()))

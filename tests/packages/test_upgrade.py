@@ -17,7 +17,7 @@ LOCAL_LINE = "# changed on this device\n"
 TYPED_ELSEWHERE = {
     *(f"/etc/init.d/kvsnmp {word}" for word in ("start", "status", "restart", "stop")),  # tests/device/test_init.py
     "cmake --preset release -B build/maker -DKVSNMP_XRCOMMON_ROOT=/opt/xrcommon",  # test_maker_library.py, with less to build
-    "scripts/cross arm64", "scripts/cross armhf", "scripts/test-cross arm64",  # roots of their own, on the host
+    "scripts/cross arm64", "scripts/cross armhf", "scripts/test-cross arm64",  # on the host, in separate roots
 }
 
 

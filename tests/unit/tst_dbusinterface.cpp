@@ -232,7 +232,7 @@ private Q_SLOTS:
         hears(monitor, bench);
         QCOMPARE(monitor.notes.calls, QStringList());
 
-        // The object does hear who calls it.
+        // The played monitor does receive calls.
         QDBusConnection::systemBus().send(
             QDBusMessage::createMethodCall(serviceName, objectPath, serviceName, qs("doPaUiDbusConnected")));
         QTRY_COMPARE(monitor.notes.calls, QStringList{qs("com.orvane.pamon.doPaUiDbusConnected")});

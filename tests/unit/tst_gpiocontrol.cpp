@@ -29,7 +29,7 @@ public:
     }
 };
 
-/// The check that only the cycle calls otherwise.
+/// Opens a check that otherwise only the cycle calls.
 class OpenGpioControl : public GpioControl {
 public:
     using GpioControl::checkRelay;

@@ -13,9 +13,9 @@ constexpr auto good = [](Subject &) { return ok(QStringLiteral("good")); };
 constexpr auto doubtful = [](Subject &) { return warning(QStringLiteral("doubtful"), QStringLiteral("look at it")); };
 constexpr auto bad = [](Subject &) {
     ++badLooks;
-    return failed(QStringLiteral("bad"), QStringLiteral("mend it"));
+    return failed(QStringLiteral("bad"), QStringLiteral("repair it"));
 };
-constexpr auto badByItself = [](Subject &) { return failedByItself(QStringLiteral("bad"), QStringLiteral("mend it")); };
+constexpr auto badByItself = [](Subject &) { return failedByItself(QStringLiteral("bad"), QStringLiteral("repair it")); };
 
 Report reportOf(const std::vector<Check> &checks)
 {
@@ -45,7 +45,7 @@ constexpr char wholeJson[] = R"({
     "format": 1, "version": ")" KVSNMP_VERSION R"(", "model": 6420, "failed": true, "causes": ["a"],
     "counts": {"ok": 1, "warning": 0, "failed": 2, "skipped": 0, "not-applicable": 0}})";
 constexpr char consequenceJson[] =
-    R"({"id": "b", "title": "B", "status": "failed", "text": "bad", "hint": "mend it", "because": "a"})";
+    R"({"id": "b", "title": "B", "status": "failed", "text": "bad", "hint": "repair it", "because": "a"})";
 
 constexpr Check inOrder[] = {{"a", "A", {}, {}, nullptr}, {"b", "B", {"a"}, {"a"}, nullptr}};
 constexpr Check unknown[] = {{"a", "A", {}, {}, nullptr}, {"b", "B", {"a", "x"}, {}, nullptr}};
@@ -94,7 +94,7 @@ private Q_SLOTS:
     {
         const Report report = reportOf({{"a", "A", {}, {}, bad}, {"b", "B", {}, {"a"}, bad}});
         QCOMPARE(textOf(report.findings()[0]),
-                 QStringLiteral("failed         a                     bad\n    hint: mend it\n"));
+                 QStringLiteral("failed         a                     bad\n    hint: repair it\n"));
         QCOMPARE(textOf(report.findings()[1]),
                  QStringLiteral("failed         b                     bad (follows from a)\n"));
     }
@@ -112,7 +112,7 @@ private Q_SLOTS:
 
     void nagiosLine()
     {
-        constexpr auto bar = [](Subject &) { return failed(QStringLiteral("a|b\nc"), QStringLiteral("mend it")); };
+        constexpr auto bar = [](Subject &) { return failed(QStringLiteral("a|b\nc"), QStringLiteral("repair it")); };
         const Check fine{"a", "A", {}, {}, good};
         const Check warned{"w", "W", {}, {}, doubtful};
         const Check broken{"x", "X", {}, {}, bar};

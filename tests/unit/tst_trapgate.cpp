@@ -135,14 +135,14 @@ private Q_SLOTS:
     void aSlowMasterIsLookedAtAgainOnlyAfterAPass()
     {
         master->fill();
-        QCOMPARE(gate.state(), State::Open); // not looked at before a trap is to be sent
+        QCOMPARE(gate.state(), State::Open); // looked at only when a trap is to be sent
         QVERIFY(!gate.admit());
         QCOMPARE(gate.state(), State::MasterSlow);
         gate.endPass();
         QCOMPARE(gate.state(), State::MasterSlow);
 
         master->drain();
-        QVERIFY(!gate.admit()); // so that whoever was refused sees why
+        QVERIFY(!gate.admit()); // until the pass that follows: the refused sender can read the state
         QCOMPARE(gate.state(), State::MasterSlow);
         gate.endPass();
         QVERIFY(gate.admit());

@@ -1,7 +1,7 @@
-// A preloaded library that moves the clocks of one process: CLOCK_MONOTONIC, so that a test sees what happens after 60
-// s or 600 s at once, and the time of day, which an operator may set. The file named by KVSNMP_CLOCK_FILE holds the two
-// shifts as 8 bytes each, nanoseconds, in the machine's order; a test writes them, and the process sees them from its
-// next look at a clock on. Waiting calls are left alone: the daemon wakes often enough by itself.
+// A preloaded library that shifts the clocks of one process: CLOCK_MONOTONIC, so that a test need not wait 60 s or 600
+// s, and the time of day, which an operator may set. The test writes both shifts to the file that KVSNMP_CLOCK_FILE
+// names, each as nanoseconds in 8 bytes of the machine's order; they hold from the next reading of a clock on. Calls
+// that wait are not changed: the daemon wakes often enough by itself.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <stdint.h>

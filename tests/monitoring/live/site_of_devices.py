@@ -68,7 +68,7 @@ class Site:
         wait_until(lambda: fetch(f"http://{PROMETHEUS}/-/ready") is not None, 30, 0.2, "Prometheus")
 
     def spawn_packaged(self, name: str, etc: Path, *options: str) -> None:
-        """A program that reads its pages or templates in /usr/share, without an unpacked package; with a folder as
+        """A program of an unpacked package that reads its pages or templates in /usr/share; `etc` is its
         /etc/prometheus."""
         for place in ("lib", "lib64"):
             (UNPACKED / "usr" / place).mkdir(exist_ok=True)
