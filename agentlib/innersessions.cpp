@@ -9,7 +9,6 @@
 #include <cstring>
 #include <utility>
 
-#include <fcntl.h>
 #include <net-snmp/library/snmpCallbackDomain.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -33,7 +32,8 @@ struct End {
 End ends[2];
 End &requests = ends[0]; // its session takes them
 End &answers = ends[1];
-bool serving = false; // the library need not find out by itself that messages wait
+// The library need not find out by itself that messages wait. No handler may wait for an answer of the master then.
+bool serving = false;
 
 End &endOf(const netsnmp_transport *transport)
 {
@@ -78,33 +78,37 @@ int passMessage(netsnmp_transport *transport, const void *message, int size, voi
     const End &end = endOf(transport);
     const int result = end.library.f_send(transport, message, size, opaque, opaqueLength);
     End &other = &end == &requests ? answers : requests;
-    if (result == 0 && other.transport != nullptr) {
+    if (result == 0) {
         ++other.waiting;
         ring(other);
     }
     return result;
 }
 
-/// For the log of connections. The library's text has the number of a descriptor and takes much longer.
+/// For the library's log and access check, which looks at this word. The library's own text takes much longer.
 char *sessionName(netsnmp_transport *, const void *, int)
 {
     return strdup("callback");
 }
 
-void bypass(End &end, netsnmp_session *session)
+netsnmp_transport *transportOf(netsnmp_session *session)
 {
     void *const listed = snmp_sess_pointer(session);
-    netsnmp_transport *const transport = listed != nullptr ? snmp_sess_transport(listed) : nullptr;
-    if (transport == nullptr || transport->data == nullptr)
-        return;
-    int &bell = static_cast<netsnmp_callback_info *>(transport->data)->pipefds[1];
-    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC); // gets the byte that the library writes with a message
-    if (nowhere < 0)
-        return;
-    end = {.transport = transport, .library = *transport, .bell = bell};
+    return listed != nullptr ? snmp_sess_transport(listed) : nullptr;
+}
+
+/// The library writes a byte there with each message, and ignores that it cannot.
+int &libraryBell(const End &end)
+{
+    return static_cast<netsnmp_callback_info *>(end.transport->data)->pipefds[1];
+}
+
+void bypass(End &end, netsnmp_transport *transport)
+{
+    end = {.transport = transport, .library = *transport};
+    end.bell = std::exchange(libraryBell(end), -1);
     ioctl(transport->sock, FIONREAD, &end.rung);
     end.waiting = end.rung;
-    bell = nowhere;
     transport->f_recv = takeMessage;
     transport->f_send = passMessage;
     transport->f_fmtaddr = sessionName;
@@ -116,8 +120,7 @@ void restore(End &end)
     if (end.transport == nullptr)
         return;
     ring(end, end.waiting);
-    int &bell = static_cast<netsnmp_callback_info *>(end.transport->data)->pipefds[1];
-    close(std::exchange(bell, end.bell));
+    libraryBell(end) = end.bell;
     end.transport->f_recv = end.library.f_recv;
     end.transport->f_send = end.library.f_send;
     end.transport->f_fmtaddr = end.library.f_fmtaddr;
@@ -147,8 +150,12 @@ bool isInner(int descriptor)
 void bypassPipes()
 {
     restorePipes();
-    bypass(requests, callback_master_sess);
-    bypass(answers, agentx_callback_sess);
+    netsnmp_transport *const agent = transportOf(callback_master_sess);
+    netsnmp_transport *const asker = transportOf(agentx_callback_sess);
+    if (agent == nullptr || asker == nullptr)
+        return;
+    bypass(requests, agent);
+    bypass(answers, asker);
 }
 
 void restorePipes()

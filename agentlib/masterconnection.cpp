@@ -4,14 +4,12 @@
 #include "agentlib/netsnmp.h"
 #include "device/boundedtext.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <utility>
 
-#include <fcntl.h>
 #include <net-snmp/library/snmpUnixDomain.h>
 #include <sys/socket.h>
 #include <sys/un.h>

@@ -81,6 +81,18 @@ private Q_SLOTS:
         QCOMPARE(sessions.taken(), (std::vector<long>{1, 2, -2}));
     }
 
+    void theSessionMayEndWhileItIsServed()
+    {
+        InnerSessions sessions;
+        for (const long number : {2L, InnerSessions::lastRequest, 3L})
+            sessions.pass(number);
+        serveTaken();
+        bypassPipes();
+        serveTaken();
+        QCOMPARE(sessions.taken(),
+                 (std::vector<long>{2, -2, InnerSessions::lastRequest, 3, -InnerSessions::lastRequest, -3}));
+    }
+
     void eachMessageArrivesOnceAndInOrder()
     {
         std::mt19937 random(20261123); // NOLINT(cert-msc51-cpp): the same in each run

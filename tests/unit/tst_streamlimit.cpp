@@ -14,6 +14,8 @@
 #include <unistd.h>
 
 namespace {
+constexpr std::size_t longest = 65536; // of the library, in both programs
+
 // Types of AgentX messages.
 constexpr char get = 5, getNext = 6, getBulk = 7, testSet = 8, cleanupSet = 11, notify = 12, ping = 13, response = 18;
 
@@ -171,22 +173,22 @@ private Q_SLOTS:
             }
         };
         for (const QByteArray &bytes :
-             {message(ping, 20), message(get, 100), message(get, longestMessage), message(get, longestMessage, true)})
+             {message(ping, 20), message(get, 100), message(get, longest), message(get, longest, true)})
             expect(bytes, true, {});
-        for (const QByteArray &bytes : {message(get, longestMessage + 4), message(getNext, longestMessage + 1),
-                                        message(getBulk, 5 * longestMessage), message(testSet, longestMessage + 4)})
+        for (const QByteArray &bytes : {message(get, longest + 4), message(getNext, longest + 1),
+                                        message(getBulk, 5 * longest), message(testSet, longest + 4)})
             expect(bytes, false, refusal());
-        expect(message(get, longestMessage + 4, true), false, refusal(true));
+        expect(message(get, longest + 4, true), false, refusal(true));
         for (const char type : {cleanupSet, response}) // has no answer
-            expect(message(type, longestMessage + 4), false, {});
+            expect(message(type, longest + 4), false, {});
     }
 
     void theMessagesAroundArrive()
     {
-        const QByteArray tooLong = message(getNext, longestMessage + 1000);
+        const QByteArray tooLong = message(getNext, longest + 1000);
         const QByteArray first = message(get, 60);
         const QByteArray second = message(ping, 20, true);
-        const QByteArray third = message(getNext, longestMessage);
+        const QByteArray third = message(getNext, longest);
         for (const int partSize : {1, 3, 20, 50, 1000, 4096, 65536, 1000000}) {
             Stream stream;
             QCOMPARE(stream.received(first + tooLong + second + tooLong + tooLong + third + first, partSize),
@@ -307,7 +309,7 @@ private Q_SLOTS:
     void aNewConnectionBeginsWithAMessage()
     {
         Stream former;
-        former.received(message(get, longestMessage + 4).left(30000), 4096);
+        former.received(message(get, longest + 4).left(30000), 4096);
         Stream next;
         QCOMPARE(next.received(message(get, 60), 4096), message(get, 60));
     }
@@ -319,11 +321,11 @@ private Q_SLOTS:
             QCOMPARE(stream.sentOf(bytes), passes);
             QCOMPARE(stream.last(), bytes.size()); // for the library it is sent
         };
-        for (const QByteArray &bytes : {message(response, 100), message(response, longestMessage),
-                                        message(notify, longestMessage + 4)}) // a notification is never replaced
+        for (const QByteArray &bytes : {message(response, 100), message(response, longest),
+                                        message(notify, longest + 4)}) // a notification is never replaced
             expect(bytes, bytes);
-        expect(message(response, longestMessage + 4), refusal());
-        expect(message(response, longestMessage + 4, true), refusal(true));
+        expect(message(response, longest + 4), refusal());
+        expect(message(response, longest + 4, true), refusal(true));
     }
 };
 

@@ -50,6 +50,8 @@ public:
         snmp_send(agentx_callback_sess, pdu);
     }
 
+    static constexpr long lastRequest = 1000; ///< the connection to the master ends in it
+
     /// The numbers of the requests and of their answers, in the order in which the library got them.
     static const std::vector<long> &taken() { return s_taken; }
 
@@ -59,6 +61,8 @@ private:
         s_taken.push_back(pdu->transid);
         if (session != callback_master_sess)
             return 1;
+        if (pdu->transid == lastRequest)
+            restorePipes();
         netsnmp_pdu *const answer = snmp_clone_pdu(pdu);
         answer->command = SNMP_MSG_RESPONSE;
         answer->transid = -pdu->transid;
