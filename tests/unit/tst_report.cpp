@@ -15,7 +15,9 @@ constexpr auto bad = [](Subject &) {
     ++badLooks;
     return failed(QStringLiteral("bad"), QStringLiteral("repair it"));
 };
-constexpr auto badByItself = [](Subject &) { return failedByItself(QStringLiteral("bad"), QStringLiteral("repair it")); };
+constexpr auto badByItself = [](Subject &) {
+    return failedByItself(QStringLiteral("bad"), QStringLiteral("repair it"));
+};
 
 Report reportOf(const std::vector<Check> &checks)
 {
