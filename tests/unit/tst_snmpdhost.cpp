@@ -11,6 +11,7 @@ namespace {
 const SnmpdHost host = deviceHost();
 const Command missingCommand{QStringLiteral("no-such-command-anywhere"), {}};
 constexpr int longMs = 30000;
+#define STREAMS "streams=$(readlink /proc/$$/fd/0 /proc/$$/fd/1 /proc/$$/fd/2); "
 
 /// Each %1 in the script is `file`.
 Command shell(const char *script, const QString &file = {})
@@ -34,8 +35,8 @@ private Q_SLOTS:
 
     void runWaitsForTheEndAndIgnoresFailures()
     {
-        host.run(shell("sleep 0.3; echo noise; echo noise >&2; : > %1; exit 3", m_file));
-        QVERIFY(QFile::exists(m_file));
+        host.run(shell(STREAMS "sleep 0.3; echo \"$streams\" > %1; exit 3", m_file));
+        QCOMPARE(readFile(m_file), QByteArray("/dev/null\n").repeated(3));
         host.run(missingCommand);
         QVERIFY(m_timer.elapsed() < 5000);
     }
@@ -46,7 +47,7 @@ private Q_SLOTS:
         for (const char *name : hidden)
             qputenv(name, "1");
         qputenv("KVSNMP_TEST_ENVIRONMENT", "inherited");
-        host.startDetached(shell("sleep 1; env > %1.new; mv %1.new %1", m_file));
+        host.startDetached(shell(STREAMS "sleep 1; { echo \"$streams\"; env; } > %1.new; mv %1.new %1", m_file));
         host.startDetached(missingCommand);
         QVERIFY2(m_timer.elapsed() < 900, "it did not wait");
         for (const char *name : hidden)
@@ -54,6 +55,7 @@ private Q_SLOTS:
         qunsetenv("KVSNMP_TEST_ENVIRONMENT");
         QTRY_VERIFY(QFile::exists(m_file));
         const QByteArray environment = readFile(m_file);
+        QVERIFY(environment.startsWith(QByteArray("/dev/null\n").repeated(3)));
         QVERIFY(environment.contains("KVSNMP_TEST_ENVIRONMENT=inherited\n"));
         for (const char *name : hidden)
             QVERIFY2(!environment.contains(name), name);
