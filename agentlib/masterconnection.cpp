@@ -20,7 +20,7 @@ constexpr char application[] = "agentx";
 constexpr oid unixDomain[] = {TRANSPORT_DOMAIN_LOCAL};
 constexpr oid ownDomain[] = {TRANSPORT_DOMAIN_LOCAL, 1}; // any domain unknown to the library
 bool attemptAllowed = true;
-bool descriptorsChanged = true; // a connection was opened or closed
+bool descriptorsChanged = true; // a connection was attempted, opened or lost
 std::string output;             // what the master has not taken yet
 int outputSocket = -1;
 
@@ -75,7 +75,6 @@ void discardOutput()
 int close(netsnmp_transport *transport)
 {
     discardOutput();
-    descriptorsChanged = true;
     const int socket = std::exchange(transport->sock, -1);
     return socket < 0 ? -1 : ::close(socket);
 }
