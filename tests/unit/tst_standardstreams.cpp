@@ -48,9 +48,13 @@ int endOf(int descriptor, const std::function<void()> &function)
         }
         if (descriptor >= 0)
             stdout = fdopen(STDOUT_FILENO, "w"); // unused so far, as when a program begins
+        const int firstFree = fcntl(descriptor, F_DUPFD, 3);
+        close(firstFree);
         errno = errnoBefore;
         prepareStandardStreams();
         function();
+        if (fcntl(descriptor, F_DUPFD, 3) != firstFree)
+            _exit(8); // it keeps a descriptor
         std::fflush(stdout);
         _exit(7);
     }
