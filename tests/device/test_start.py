@@ -118,6 +118,12 @@ def test_exit_statuses(clean_device, service_manager):
     wait_until(lambda: not clean_device.pids("kvsnmp"), what="daemon ended")
     assert clean_device.read(PID_FILE).strip().isdigit()  # it ended before it removes its pid file
 
+    clean_device.path("/etc/xr-modelnumber").write_text("6214\n")
+    clean_device.path(PID_FILE).unlink()
+    clean_device.path(PID_FILE).mkdir()  # cannot be written
+    assert clean_device.run_kvsnmp().returncode == 0
+    wait_until(lambda: not clean_device.pids("kvsnmp"), what="daemon without a pid file ended")
+
 
 def test_service_manager_receives_ready_then_the_pulse_then_the_end(start_device, service_manager):
     device = start_device(6420, "--no-dbus", "--no-traps", "--no-kvsnmp")
