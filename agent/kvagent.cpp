@@ -50,10 +50,8 @@ int sessionStarted(int, int, void *argument, void *)
 {
     auto *session = static_cast<netsnmp_session *>(argument);
     session->retries = 0; // a local stream needs no retries, and a retried notification doubles a trap
-    void *const listed = snmp_sess_pointer(session);
-    netsnmp_transport *transport = listed != nullptr ? snmp_sess_transport(listed) : nullptr;
+    netsnmp_transport *const transport = transportOf(session);
     masterSessionOpened(transport);
-    bypassPipes();
     if (transport != nullptr)
         limitStream(*transport, session);
     trapGate().openSession(transport != nullptr ? transport->sock : -1);
@@ -64,7 +62,6 @@ int sessionStopped(int, int, void *, void *)
 {
     trapGate().closeSession();
     masterSessionLost();
-    restorePipes();
     return 0;
 }
 

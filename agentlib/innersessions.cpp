@@ -91,12 +91,6 @@ char *sessionName(netsnmp_transport *, const void *, int)
     return strdup("callback");
 }
 
-netsnmp_transport *transportOf(netsnmp_session *session)
-{
-    void *const listed = snmp_sess_pointer(session);
-    return listed != nullptr ? snmp_sess_transport(listed) : nullptr;
-}
-
 /// The library writes a byte there with each message, and ignores that it cannot.
 int &libraryBell(const End &end)
 {

@@ -1,6 +1,7 @@
 // How the agent library connects to the master agent, and sends to it.
 #include "agentlib/masterconnection.h"
 
+#include "agentlib/innersessions.h"
 #include "agentlib/netsnmp.h"
 #include "device/boundedtext.h"
 
@@ -134,11 +135,18 @@ void allowAttempt()
     attemptAllowed = true;
 }
 
+netsnmp_transport *transportOf(netsnmp_session *session)
+{
+    void *const listed = snmp_sess_pointer(session);
+    return listed != nullptr ? snmp_sess_transport(listed) : nullptr;
+}
+
 void masterSessionOpened(netsnmp_transport *transport)
 {
     descriptorsChanged = true;
     if (transport != nullptr)
         neverWait(*transport);
+    bypassPipes();
     static unsigned next = 1; // the first alarm that was not looked at
     const unsigned newest = snmp_alarm_register(1, SA_REPEAT, neverCalled, nullptr);
     for (; next <= newest; ++next) {
@@ -151,6 +159,7 @@ void masterSessionOpened(netsnmp_transport *transport)
 
 void masterSessionLost()
 {
+    restorePipes();
     discardOutput();
     descriptorsChanged = true;
     attemptAllowed = false;

@@ -11,6 +11,9 @@
 /// longer ones would follow each other endlessly. Call between init_agent() and init_snmp().
 void boundAttempts();
 
+/// Null for a session that is not open.
+netsnmp_transport *transportOf(netsnmp_session *session);
+
 /// The session is open: cancels all alarms of the library that would open one. If the master closes the connection
 /// during an attempt, one alarm too many remains, which would log an error every ping interval. From now on, sending
 /// queues whatever the connection does not accept, in order. snmpd does not read while it sends, so without a queue
